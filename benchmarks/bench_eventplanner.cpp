@@ -1,0 +1,219 @@
+// The planner with many events and time slots, half of each. "tick" is one minute, of which as much is due as
+// comes by chance, with nobody connected, against a bare walk over the same hash of sets that looks at no entry;
+// "jump" is a clock that was set to another day, after which every slot has to be compared with its state. Both in
+// so many planners. "register" makes and removes entries one by one, against doing this with a hash of sets.
+
+#include "support/nfakeclock.h"
+
+#include <nbase/time/neventplanner.h>
+#include <nbase/time/neventplannersingleton.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
+#include <QtCore/QHash>
+#include <QtCore/QVector>
+
+#include <benchmark/benchmark.h>
+
+#include <stdlib.h>
+
+#include <functional>
+#include <string>
+
+namespace {
+
+typedef NEventPlanner::NPeriodicEvent Event;
+typedef NEventPlanner::NPeriodicTimeSlot TimeSlot;
+typedef QSet<Qt::DayOfWeek> Days;
+
+const qint64 MillisecondsPerMinute = 60 * 1000;
+const qint64 MillisecondsPerDay = 24 * 60 * MillisecondsPerMinute;
+
+// Monday, 5 January 2026, 00:00 UTC.
+const qint64 Start = Q_INT64_C(1767571200000);
+
+class Random
+{
+public:
+    Random()
+        : m_state(1)
+    {
+    }
+
+    int below(int limit)
+    {
+        m_state = m_state * 1664525u + 1013904223u;
+        return int((quint64(m_state) * quint64(limit)) >> 32);
+    }
+
+    QTime time() { return QTime(below(24), below(60)); }
+
+private:
+    quint32 m_state;
+};
+
+// So many entries in so many planners, registered and in hashes like those that the ticker keeps.
+class Entries
+{
+public:
+    Entries(int count, int plannerCount)
+    {
+        NFakeClock::stopAt(Start);
+        Random random;
+        Days workingDays;
+        for (int day = Qt::Monday; day <= Qt::Friday; ++day)
+            workingDays << Qt::DayOfWeek(day);
+        for (int index = 0; index < plannerCount; ++index)
+            m_planners.append(new NEventPlanner(NULL));
+        for (int index = 0; index < count; ++index) {
+            NEventPlanner* const planner = m_planners.at(index / 2 % plannerCount);
+            if (index % 2)
+                events[planner].insert(planner->registerPeriodicEvent(workingDays, random.time()));
+            else
+                timeSlots[planner].insert(
+                    planner->registerPeriodicTimeSlot(workingDays, random.time(), random.time()));
+        }
+    }
+
+    ~Entries()
+    {
+        qDeleteAll(m_planners);
+        delete NEventPlannerSingleton::instance();
+        NFakeClock::reset();
+    }
+
+    QHash<NEventPlanner*, QSet<Event*>> events;
+    QHash<NEventPlanner*, QSet<TimeSlot*>> timeSlots;
+
+private:
+    QVector<NEventPlanner*> m_planners;
+};
+
+void finish(benchmark::State& state)
+{
+    state.counters["per_entry"] = benchmark::Counter(
+        double(state.range(0)), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+void tick(benchmark::State& state, int plannerCount, qint64 step)
+{
+    const Entries entries(int(state.range(0)), plannerCount);
+    NEventPlannerSingleton* const ticker = NEventPlannerSingleton::instance();
+    qint64 time = Start;
+    for (auto _ : state) {
+        time += step;
+        NFakeClock::stopAt(time);
+        ticker->newMinute();
+    }
+    finish(state);
+}
+
+template <typename Entry> void walk(const QHash<NEventPlanner*, QSet<Entry*>>& entries)
+{
+    typename QHash<NEventPlanner*, QSet<Entry*>>::const_iterator planner = entries.constBegin();
+    for (; planner != entries.constEnd(); ++planner) {
+        typename QSet<Entry*>::const_iterator it = planner.value().constBegin();
+        for (; it != planner.value().constEnd(); ++it)
+            benchmark::DoNotOptimize(*it);
+    }
+}
+
+void walk(benchmark::State& state, int plannerCount)
+{
+    const Entries entries(int(state.range(0)), plannerCount);
+    for (auto _ : state) {
+        walk(entries.events);
+        walk(entries.timeSlots);
+    }
+    finish(state);
+}
+
+// What the clock and the timer alone cost, whatever is registered.
+void walkNothing(benchmark::State& state)
+{
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(QDateTime::currentDateTime());
+        benchmark::DoNotOptimize(QDateTime::currentDateTime());
+    }
+}
+
+void registerEntries(benchmark::State& state)
+{
+    const int count = int(state.range(0)) / 2;
+    const Days days = Days() << Qt::Monday;
+    NFakeClock::stopAt(Start);
+    NEventPlanner planner(NULL);
+    QVector<Event*> events(count);
+    QVector<TimeSlot*> timeSlots(count);
+    for (auto _ : state) {
+        for (int index = 0; index < count; ++index) {
+            events[index] = planner.registerPeriodicEvent(days, QTime(8, 0));
+            timeSlots[index] = planner.registerPeriodicTimeSlot(days, QTime(8, 0), QTime(9, 0));
+        }
+        for (int index = 0; index < count; ++index) {
+            planner.unregisterPeriodicEvent(events.at(index));
+            planner.unregisterPeriodicTimeSlot(timeSlots.at(index));
+        }
+    }
+    finish(state);
+    NFakeClock::reset();
+}
+
+void insertEntries(benchmark::State& state)
+{
+    const int count = int(state.range(0)) / 2;
+    const Days days = Days() << Qt::Monday;
+    QHash<NEventPlanner*, QSet<Event*>> eventSets;
+    QHash<NEventPlanner*, QSet<TimeSlot*>> timeSlotSets;
+    QHash<TimeSlot*, bool> states;
+    QVector<Event*> events(count);
+    QVector<TimeSlot*> timeSlots(count);
+    for (auto _ : state) {
+        for (int index = 0; index < count; ++index) {
+            events[index] = new Event(days, QTime(8, 0));
+            eventSets[NULL].insert(events.at(index));
+            timeSlots[index] = new TimeSlot(days, QTime(8, 0), QTime(9, 0));
+            timeSlotSets[NULL].insert(timeSlots.at(index));
+            states.insert(timeSlots.at(index), false);
+        }
+        for (int index = 0; index < count; ++index) {
+            eventSets[NULL].remove(events.at(index));
+            delete events.at(index);
+            timeSlotSets[NULL].remove(timeSlots.at(index));
+            states.remove(timeSlots.at(index));
+            delete timeSlots.at(index);
+        }
+    }
+    finish(state);
+}
+
+void add(const std::string& name, const std::function<void(benchmark::State&)>& function)
+{
+    benchmark::RegisterBenchmark(name.c_str(), function)->RangeMultiplier(100)->Range(100, 1000000);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    const QList<int> plannerCounts = QList<int>() << 1 << 100 << 10000;
+    for (int planners : plannerCounts) {
+        const std::string suffix = ", planners: " + std::to_string(planners);
+        add("tick" + suffix + "/ours",
+            [=](benchmark::State& state) { tick(state, planners, MillisecondsPerMinute); });
+        add("tick" + suffix + "/walk", [=](benchmark::State& state) { walk(state, planners); });
+        add("jump" + suffix + "/ours",
+            [=](benchmark::State& state) { tick(state, planners, MillisecondsPerDay + MillisecondsPerMinute); });
+        add("jump" + suffix + "/walk", [=](benchmark::State& state) { walk(state, planners); });
+    }
+    benchmark::RegisterBenchmark("tick without entries/ours", [](benchmark::State& state) {
+        tick(state, 1, MillisecondsPerMinute);
+    })->Arg(0);
+    benchmark::RegisterBenchmark("tick without entries/two readings of the clock", walkNothing)->Arg(0);
+    add("register/ours", registerEntries);
+    add("register/hash of sets", insertEntries);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return EXIT_SUCCESS;
+}

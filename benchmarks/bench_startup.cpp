@@ -1,0 +1,103 @@
+// What a program pays for linking the library without calling it: the time from its start to its end, and its
+// resident memory. "startup/without" is the same program without any library, "startup/toolkit" the one that links
+// only the toolkit's libraries that the library stands on; the difference to the latter is what the library itself
+// costs. The resident memory is each measurement's counter "resident_KiB".
+
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+// Starts @a program with the descriptor @a input as its standard input. Returns -1 when that fails.
+pid_t start(const char* program, int input)
+{
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    char* const arguments[] = {const_cast<char*>(program), NULL};
+    pid_t process = -1;
+    const int error = ::posix_spawn(&process, program, &actions, NULL, arguments, environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    return error == 0 ? process : -1;
+}
+
+bool endsWell(pid_t process)
+{
+    int status = 0;
+    return ::waitpid(process, &status, 0) == process && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+char processState(const std::string& directory)
+{
+    char state = '?';
+    FILE* const file = fopen((directory + "/stat").c_str(), "re");
+    if (!file)
+        return state;
+    if (fscanf(file, "%*d (%*[^)]) %c", &state) != 1)
+        state = '?';
+    fclose(file);
+    return state;
+}
+
+double residentPages(const std::string& directory)
+{
+    unsigned long resident = 0;
+    FILE* const file = fopen((directory + "/statm").c_str(), "re");
+    if (!file)
+        return 0;
+    if (fscanf(file, "%*u %lu", &resident) != 1)
+        resident = 0;
+    fclose(file);
+    return double(resident);
+}
+
+// The memory of a program that has reached main(), where it sleeps until its standard input ends.
+double residentKibibytes(const char* program)
+{
+    int input[2];
+    if (::pipe2(input, O_CLOEXEC) != 0)
+        return 0;
+    const pid_t process = start(program, input[0]);
+    ::close(input[0]);
+    const std::string directory = "/proc/" + std::to_string(process);
+    double pages = 0;
+    // It also sleeps while the dynamic linker waits for the disk: what counts is that it stays asleep.
+    for (int asleep = 0; asleep < 20;) {
+        ::usleep(1000);
+        asleep = processState(directory) == 'S' ? asleep + 1 : 0;
+        pages = residentPages(directory);
+    }
+    ::close(input[1]);
+    endsWell(process);
+    return pages * double(::sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+void startup(benchmark::State& state, const char* program)
+{
+    const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (auto _ : state) {
+        const pid_t process = start(program, nothing);
+        if (process < 0 || !endsWell(process)) {
+            state.SkipWithError("the program did not run");
+            break;
+        }
+    }
+    ::close(nothing);
+    state.counters["resident_KiB"] = residentKibibytes(program);
+}
+
+BENCHMARK_CAPTURE(startup, ours, STARTUP_LIBRARY)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(startup, toolkit, STARTUP_TOOLKIT)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(startup, without, STARTUP_NOTHING)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+} // namespace
+
+BENCHMARK_MAIN();

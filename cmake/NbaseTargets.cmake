@@ -1,0 +1,25 @@
+# What the libraries, programs and tests of this tree have in common.
+
+# Strict warnings, and no conversion between bytes and text that the code does not spell out: Qt 4 reads a plain
+# character string as Latin-1 and Qt 5 as UTF-8, so a silent conversion would differ between the two.
+add_library(nbase_compile_options INTERFACE)
+target_compile_options(nbase_compile_options INTERFACE -Wall -Wextra -Wpedantic)
+# A file may be larger than 2 GiB, a log or an image, and a file system may number its files beyond 32 bits; without this
+# the C library of a 32-bit machine refuses to open such files.
+target_compile_definitions(nbase_compile_options INTERFACE
+    _FILE_OFFSET_BITS=64
+    $<$<COMPILE_LANGUAGE:CXX>:QT_NO_CAST_FROM_ASCII>
+    $<$<COMPILE_LANGUAGE:CXX>:QT_NO_CAST_TO_ASCII>)
+
+# Gives a shared library its version and soname, and finds its headers under src/ by the path they are installed by.
+function(nbase_library_properties target)
+    set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${NBASE_SOVERSION})
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:nbase_compile_options>)
+    target_link_options(${target} PRIVATE -Wl,--as-needed)
+    # Clang links the sanitizers' runtime into programs only, so a library leaves their functions to be found there.
+    if(NOT (CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND CMAKE_CXX_FLAGS MATCHES "-fsanitize="))
+        target_link_options(${target} PRIVATE -Wl,--no-undefined)
+    endif()
+endfunction()

@@ -1,0 +1,36 @@
+// Reads and changes the configuration of a network interface.
+//
+//     nbase-example-configuration <configuration directory> <staging directory>
+
+#include <nbase/config/nucicursor.h>
+
+#include <QtCore/QTextStream>
+
+int main(int argc, char** argv)
+{
+    if (argc != 3)
+        return 255;
+    NUciCursor cursor(QString::fromLocal8Bit(argv[1]), QString::fromLocal8Bit(argv[2]));
+    const QString network = QString::fromLatin1("network");
+    const QString lan = QString::fromLatin1("lan");
+    const QString mtu = QString::fromLatin1("mtu");
+
+    // What is not there, or is no such value, is the default.
+    QTextStream output(stdout);
+    output << "size of packets: " << cursor.optionAsInt(network, lan, mtu, 1500) << '\n';
+
+    // An option is never made in a section that is not there.
+    if (!cursor.section(network, lan))
+        cursor.setSection(network, lan, QString::fromLatin1("interface"));
+    const QStringList servers = QStringList()
+                                << QString::fromLatin1("10.0.0.1") << QString::fromLatin1("10.0.0.3");
+    const bool changed = cursor.setOption(network, lan, mtu, QString::fromLatin1("1400")) &&
+                         cursor.setOption(network, lan, QString::fromLatin1("dns"), servers);
+    if (!changed || !cursor.commit(network)) {
+        cursor.load(network); // forgets what is half done
+        output << "the configuration could not be changed\n";
+        return 1;
+    }
+    output << "size of packets: " << cursor.optionAsInt(network, lan, mtu, 1500) << '\n';
+    return 0;
+}

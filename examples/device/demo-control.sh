@@ -1,0 +1,325 @@
+#!/bin/sh
+# Starts and stops the demo device and its web server; run-demo.sh and the tests of the page call it.
+#
+#   demo-control.sh start --device <program> [--port <port>] [--state <path>] [--session-timeout <seconds>]
+#   demo-control.sh stop | address | wait | run-directory [--state <path>]
+#   demo-control.sh check-port <port>
+#
+# start         returns once the page is served
+# stop          ends everything and leaves nothing behind
+# address       prints where the running demo is served; fails when none runs
+# wait          returns when the demo has ended
+# run-directory prints the folder with the process ids (device.pid, lighttpd.pid), the socket and the logs
+# check-port    fails with a message when something already listens there
+#
+# Everything that the demo needs while it runs is in one folder under /tmp, whose path is short because that of a Unix
+# socket is limited to 107 bytes. The state, by default build/demo/run, is a link to this folder: one demo per state.
+set -eu
+
+source_directory=$(cd "$(dirname "$0")" && pwd)
+
+device=
+port=8080
+state=$source_directory/../../build/demo/run
+session_timeout=
+launcher=
+
+fail() {
+    echo "$*" >&2
+    exit 1
+}
+
+# Prints the start time of a process in clock ticks since boot (field 22 of /proc/<pid>/stat, see proc(5)). With it, a
+# process id that the kernel has given to somebody else in the meantime is told from ours.
+start_time_of() {
+    sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d ' ' -f 20
+}
+
+# record_process <name> <pid>
+record_process() {
+    echo "$2 $(start_time_of "$2")" >"$run/$1.pid.new"
+    mv "$run/$1.pid.new" "$run/$1.pid"
+}
+
+# A process that has ended stays as a zombie (state Z) until its parent has noticed.
+is_live() {
+    process_state=$(sed 's/.*) //' "/proc/$1/stat" | cut -d ' ' -f 1)
+    [ -n "$process_state" ] && [ "$process_state" != Z ]
+} 2>/dev/null
+
+# Prints the id of the process recorded under this name if it is still there.
+live_process() {
+    recorded_pid=
+    recorded_start=
+    read -r recorded_pid recorded_start <"$run/$1.pid" || return 1
+    [ -n "$recorded_pid" ] && [ "$(start_time_of "$recorded_pid")" = "$recorded_start" ] || return 1
+    is_live "$recorded_pid" || return 1
+    echo "$recorded_pid"
+} 2>/dev/null
+
+# Sets run to the folder of the demo that this state knows of.
+find_run_directory() {
+    run=$(readlink "$state") && [ -d "$run" ]
+}
+
+is_running() {
+    find_run_directory && live_process lighttpd >/dev/null && live_process device >/dev/null
+}
+
+# await <tries> <command>...: a try takes a tenth of a second.
+await() {
+    tries=$1
+    shift
+    until "$@"; do
+        tries=$((tries - 1))
+        [ "$tries" -gt 0 ] || return 1
+        sleep 0.1
+    done
+}
+
+has_ended() {
+    ! live_process "$1" >/dev/null
+}
+
+end_process() {
+    pid=$(live_process "$1") || return 0
+    kill "$pid" 2>/dev/null || has_ended "$1" || return 1
+    await 50 has_ended "$1" || kill -KILL "$pid" 2>/dev/null || true
+    await 50 has_ended "$1"
+}
+
+# Prints what listens on 127.0.0.1 at this port or at any IPv4 address (proc(5), /proc/net/tcp: hexadecimal address in
+# the byte order of the host, port in that of people; state 0A is LISTEN).
+listeners_at() {
+    awk -v port="$(printf '%04X' "$1")" '
+        $4 == "0A" && ($2 == "0100007F:" port || $2 == "7F000001:" port || $2 == "00000000:" port) { print $2 }
+    ' /proc/net/tcp
+}
+
+check_port() {
+    case "$1" in
+        '' | *[!0-9]* | ??????*) fail "\"$1\" is not a port number" ;;
+    esac
+    if [ "$1" -lt 1 ] || [ "$1" -gt 65535 ]; then
+        fail "\"$1\" is not a port number"
+    fi
+    [ -z "$(listeners_at "$1")" ] || fail_port_in_use "$1"
+}
+
+fail_port_in_use() {
+    fail "Port $1 of 127.0.0.1 is in use by another program; choose another one with --port <port>."
+}
+
+# An account that may do nothing is better for the part that faces the network than root.
+can_drop_to_web_user() {
+    [ "$(id -u)" -eq 0 ] && setpriv --reuid=www-data --regid=www-data --clear-groups true 2>/dev/null
+}
+
+# Making the link is what decides between two starts at the same time: only one of them can.
+claim_state() {
+    run=$(mktemp -d /tmp/nbase-demo.XXXXXX)
+    trap 'rm -rf "$run"' EXIT
+    record_process starter $$
+    mkdir -p "$(dirname "$state")"
+    ln -s -n -- "$run" "$state" || fail "Another start of the demo is under way, or \"$state\" cannot be written."
+    trap undo_start EXIT
+}
+
+undo_start() {
+    trap '' INT HUP TERM
+    end_and_remove
+}
+
+prepare_run_directory() {
+    echo "$port" >"$run/port"
+    mkdir "$run/uploads" "$run/socket"
+    : >"$run/error.log"
+    web_user=
+    if can_drop_to_web_user; then
+        web_user=www-data
+        chmod 711 "$run"
+        chown www-data "$run/uploads" "$run/error.log"
+        chgrp www-data "$run/socket"
+        chmod 2750 "$run/socket"
+    fi
+    prepare_page
+    prepare_web_server
+}
+
+# The page is served from where it is edited, except when the web server's user cannot read it there.
+prepare_page() {
+    if [ -n "$web_user" ] && ! setpriv --reuid="$web_user" --regid="$web_user" --clear-groups \
+        test -r "$source_directory/www/index.html"; then
+        cp -R "$source_directory/www" "$run/www"
+        chmod -R a+rX "$run/www"
+    else
+        ln -s "$source_directory/www" "$run/www"
+    fi
+}
+
+prepare_web_server() {
+    {
+        echo "var.run_directory = \"$run\""
+        echo "var.port = $port"
+        [ -z "$web_user" ] || printf 'server.username = "%s"\nserver.groupname = "%s"\n' "$web_user" "$web_user"
+        cat "$source_directory/lighttpd.conf"
+    } >"$run/lighttpd.conf"
+}
+
+# The zones as the devices have them, laid over what this machine has.
+prepare_zones() {
+    mkdir "$run/zoneinfo"
+    cp -R /usr/share/zoneinfo/. "$run/zoneinfo"
+    "$source_directory/make-zones.sh" "$run/zoneinfo"
+}
+
+# The packages that are installed on this machine, as if its system were the device's.
+prepare_packages() {
+    "$source_directory/make-packages.sh" "$run/packages"
+}
+
+start_device() {
+    set -- "$device" --socket "$run/socket/device" ${session_timeout:+--session-timeout "$session_timeout"}
+    setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$run/packages" \
+        "$run/device.process" "$@" \
+        </dev/null >"$run/device.log" 2>&1 &
+    launcher=$!
+    record_device
+    await 100 device_listens_or_ended || true
+    if [ ! -S "$run/socket/device" ]; then
+        cat "$run/device.log" >&2
+        fail "The demo device could not be started."
+    fi
+    [ -z "$web_user" ] || chmod 660 "$run/socket/device"
+}
+
+# Through sudo the device is not the process that was launched, so it says itself which one it is.
+record_device() {
+    await 100 device_told_or_ended || true
+    [ ! -s "$run/device.process" ] || record_process device "$(cat "$run/device.process")"
+}
+
+device_told_or_ended() {
+    [ -s "$run/device.process" ] || ! is_live "$launcher"
+}
+
+device_listens_or_ended() {
+    [ -S "$run/socket/device" ] || ! is_live "$launcher"
+}
+
+start_web_server() {
+    if ! lighttpd -f "$run/lighttpd.conf" >"$run/lighttpd.log" 2>&1; then
+        [ -z "$(listeners_at "$port")" ] || fail_port_in_use "$port"
+        cat "$run/lighttpd.log" >&2
+        fail "The web server of the demo could not be started."
+    fi
+    await 50 test -s "$run/lighttpd.process" || fail "The web server of the demo did not start."
+    record_process lighttpd "$(cat "$run/lighttpd.process")"
+}
+
+# The page comes from the web server, and without a session the device program itself answers 401.
+is_served() {
+    curl --noproxy '*' -s -f -o /dev/null "$(address)/" &&
+        [ "$(curl --noproxy '*' -s -o /dev/null -w '%{http_code}' "$(address)/api/timezones")" = 401 ]
+}
+
+address() {
+    read -r served_port <"$run/port"
+    echo "http://127.0.0.1:$served_port"
+}
+
+start() {
+    [ -x "$device" ] || fail "The device program \"$device\" has not been built."
+    device=$(cd "$(dirname "$device")" && pwd)/$(basename "$device")
+    if is_running; then
+        echo "The demo is already running."
+        address
+        return 0
+    fi
+    clear_remains_away
+    check_port "$port"
+    # lighttpd is in a folder that an ordinary user's PATH does not have.
+    PATH=$PATH:/usr/sbin:/sbin
+    trap 'exit 130' INT
+    trap 'exit 143' HUP TERM
+    claim_state
+    prepare_run_directory
+    prepare_zones
+    prepare_packages
+    start_device
+    start_web_server
+    await 100 is_served || {
+        cat "$run/device.log" "$run/error.log" >&2
+        fail "The demo was started, but does not answer."
+    }
+    rm "$run/starter.pid"
+    trap - EXIT INT HUP TERM
+}
+
+# What is left of a demo that was killed or that the machine was switched off under.
+clear_remains_away() {
+    if find_run_directory; then
+        if live_process starter >/dev/null; then
+            fail "Another start of the demo is under way."
+        fi
+        end_and_remove
+    elif [ -L "$state" ] && [ ! -e "$state" ]; then
+        rm -f -- "$state"
+    fi
+}
+
+end_and_remove() {
+    if find_run_directory; then
+        # A start that is interrupted may have launched the device without knowing it yet.
+        [ -z "$launcher" ] || [ -e "$run/device.pid" ] || record_device
+        end_process lighttpd || fail "The web server of the demo cannot be ended; it belongs to another user."
+        end_process device || fail "The demo device cannot be ended; it belongs to another user."
+        rm -rf "$run"
+    fi
+    rm -f -- "$state"
+}
+
+stop() {
+    if ! find_run_directory; then
+        rm -f -- "$state"
+        echo "The demo is not running."
+        return 0
+    fi
+    stopped_address=$(address 2>/dev/null) || stopped_address="its port"
+    end_and_remove
+    echo "The demo on $stopped_address has been stopped."
+}
+
+wait_for_end() {
+    find_run_directory || return 0
+    pid=$(live_process lighttpd) || return 0
+    exec tail --pid="$pid" -f /dev/null
+}
+
+[ $# -gt 0 ] || fail "usage: demo-control.sh start | stop | address | wait | run-directory | check-port"
+action=$1
+shift
+if [ "$action" = check-port ]; then
+    check_port "${1:-}"
+    exit 0
+fi
+while [ $# -gt 0 ]; do
+    [ $# -ge 2 ] || fail "demo-control.sh: option \"$1\" needs a value"
+    case "$1" in
+        --device) device=$2 ;;
+        --port) port=$2 ;;
+        --state) state=$2 ;;
+        --session-timeout) session_timeout=$2 ;;
+        *) fail "demo-control.sh: unknown option \"$1\"" ;;
+    esac
+    shift 2
+done
+
+case "$action" in
+    start) start ;;
+    stop) stop ;;
+    address) is_running && address ;;
+    wait) wait_for_end ;;
+    run-directory) find_run_directory && echo "$run" ;;
+    *) fail "demo-control.sh: unknown action \"$action\"" ;;
+esac

@@ -1,0 +1,80 @@
+#include "demodevice.h"
+
+#include "eventsrequestprocessor.h"
+#include "loginrequestprocessor.h"
+#include "logoutrequestprocessor.h"
+
+#include <nbase/web/nbuildrootuclibctimezonedatabasefcgiservice.h>
+#include <nbase/web/nfreepackageslistfcgiservice.h>
+
+#include <nwebapi/nwastandardfcgiservice.h>
+
+namespace {
+
+QSet<Qt::DayOfWeek> daysFromMondayTo(Qt::DayOfWeek lastDay)
+{
+    QSet<Qt::DayOfWeek> days;
+    for (int day = Qt::Monday; day <= lastDay; ++day)
+        days.insert(static_cast<Qt::DayOfWeek>(day));
+    return days;
+}
+
+// Something to look at for whoever comes first.
+void addExamples(Timetable* timetable)
+{
+    EntryPlan heating;
+    heating.title = QString::fromLatin1("Heating");
+    heating.kind = EntryPlan::Slot;
+    heating.days = daysFromMondayTo(Qt::Friday);
+    heating.start = QTime(6, 0);
+    heating.end = QTime(17, 30);
+    timetable->add(heating);
+
+    EntryPlan nightMode;
+    nightMode.title = QString::fromLatin1("Night mode");
+    nightMode.kind = EntryPlan::Slot;
+    nightMode.days = daysFromMondayTo(Qt::Sunday);
+    nightMode.start = QTime(22, 0);
+    nightMode.end = QTime(6, 0);
+    timetable->add(nightMode);
+
+    EntryPlan pumpTest;
+    pumpTest.title = QString::fromLatin1("Pump test");
+    pumpTest.days << Qt::Monday << Qt::Thursday;
+    pumpTest.start = QTime(12, 15);
+    timetable->add(pumpTest);
+}
+
+} // namespace
+
+DemoDevice::DemoDevice(int sessionTimeout)
+    : m_packages(NULL)
+    , m_identifier(&m_sessions)
+{
+    m_sessions.setIdleTimeout(sessionTimeout);
+    addExamples(&m_timetable);
+    m_server.registerService(
+        QString::fromLatin1("/api/events"),
+        new NwaStandardFcgiService(new EventsRequestProcessor(&m_identifier, &m_timetable), this));
+    m_server.registerService(
+        QString::fromLatin1("/api/login"),
+        new NwaStandardFcgiService(new LoginRequestProcessor(&m_identifier, &m_sessions), this));
+    m_server.registerService(
+        QString::fromLatin1("/api/logout"),
+        new NwaStandardFcgiService(new LogoutRequestProcessor(&m_identifier, &m_sessions), this));
+    m_server.registerService(
+        QString::fromLatin1("/api/timezones"),
+        new NBuildrootUclibcTimeZoneDatabaseFcgiService(&m_identifier, &m_timeZones, this));
+    m_server.registerService(
+        QString::fromLatin1("/api/packages"), new NFreePackagesListFcgiService(&m_identifier, &m_packages, this));
+}
+
+bool DemoDevice::listen(const QString& path)
+{
+    return m_server.listenOnPath(path);
+}
+
+QString DemoDevice::errorString() const
+{
+    return m_server.errorString();
+}

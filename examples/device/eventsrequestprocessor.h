@@ -1,0 +1,42 @@
+#ifndef DEMODEVICE_EVENTSREQUESTPROCESSOR_H
+#define DEMODEVICE_EVENTSREQUESTPROCESSOR_H
+
+#include <nwebapi/nwastandardfcgirequestprocessor.h>
+
+struct EntryPlan;
+class Timetable;
+
+/**
+ * Serves the timetable. An entry is
+ *
+ *     {"title": "Pump test", "kind": "event", "days": [1, 5], "time": "05:30"}
+ *     {"title": "Heating", "kind": "slot", "days": [1, 2], "start": "06:00", "end": "22:00"}
+ *
+ * with 1 for Monday, and "id" and "active" in what is answered.
+ *
+ * - GET answers the device's local time, all entries, and what has happened lately, the oldest first. With
+ *   "?since=" and the "number" of an earlier answer, it has only what has happened since, and the entries only if
+ *   anything has changed. Such a question is taken as the page's own doing: it does not keep the session alive.
+ * - POST adds an entry; PUT changes, and DELETE removes, the one that "?id=" names.
+ *
+ * A refusal is a document as well: {"message": ...}, for a person to read.
+ */
+class EventsRequestProcessor : public NwaStandardFcgiRequestProcessor
+{
+public:
+    /** @param timetable must live longer. */
+    EventsRequestProcessor(NwaAbstractFcgiSessionIdentifier* identifier, Timetable* timetable);
+
+protected:
+    virtual void processGetMethod(NwaFcgiRequest* request);
+    virtual void processPostMethod(NwaFcgiRequest* request);
+    virtual void processPutMethod(NwaFcgiRequest* request);
+    virtual void processDeleteMethod(NwaFcgiRequest* request);
+
+private:
+    bool readPlan(NwaFcgiRequest* request, EntryPlan& plan);
+
+    Timetable* m_timetable;
+};
+
+#endif

@@ -1,0 +1,73 @@
+// A small complete device: it logs to syslog, serves the library's web services over FastCGI and ends on SIGTERM.
+// The web server in front of it and the page are started by run-demo.sh.
+
+#include "demodevice.h"
+#include "terminationwatcher.h"
+
+#include <nbase/core/nbaselibinformation.h>
+#include <nbase/core/nsyslog.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QStringList>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <syslog.h>
+
+namespace {
+
+struct Options
+{
+    Options()
+        : sessionTimeout(NwaWebSessionManager::DefaultIdleTimeout)
+    {
+    }
+
+    QString socketPath;
+    int sessionTimeout;
+};
+
+bool readOptions(const QStringList& arguments, Options& options)
+{
+    for (int index = 1; index + 1 < arguments.size(); index += 2) {
+        const QString name = arguments.at(index);
+        const QString value = arguments.at(index + 1);
+        bool ok = true;
+        if (name == QLatin1String("--socket"))
+            options.socketPath = value;
+        else if (name == QLatin1String("--session-timeout"))
+            options.sessionTimeout = value.toInt(&ok);
+        else
+            return false;
+        if (!ok || options.sessionTimeout < 1)
+            return false;
+    }
+    return arguments.size() % 2 == 1 && !options.socketPath.isEmpty();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    Options options;
+    if (!readOptions(application.arguments(), options)) {
+        fprintf(stderr, "usage: nbase-demo-device --socket <path> [--session-timeout <seconds>]\n");
+        return EXIT_FAILURE;
+    }
+    TerminationWatcher termination(&application);
+    QObject::connect(&termination, SIGNAL(terminationRequested()), &application, SLOT(quit()));
+
+    DemoDevice device(options.sessionTimeout);
+    if (!device.listen(options.socketPath)) {
+        fprintf(stderr, "nbase-demo-device: %s\n", device.errorString().toLocal8Bit().constData());
+        return EXIT_FAILURE;
+    }
+    NSysLog log(LOG_PID, LOG_DAEMON, QStringList(), &application);
+    NSysLog::setAsQtMsgHandler();
+    log.log(
+        NSysLog::Informational,
+        QString::fromLatin1("serving with %1 %2")
+            .arg(NBaseLibInformation::libraryName(), NBaseLibInformation::libraryVersion()));
+    return application.exec();
+}

@@ -1,0 +1,69 @@
+#ifndef DEMODEVICE_TIMETABLE_H
+#define DEMODEVICE_TIMETABLE_H
+
+#include "plannedentry.h"
+
+#include <QtCore/QDateTime>
+#include <QtCore/QList>
+#include <QtCore/QMap>
+
+/**
+ * The weekly timetable of the device: the entries that people have made, and what has happened because of them
+ * lately. It is kept in memory; a real device would store the entries in its configuration.
+ *
+ * Everything that changes, an entry as well as a happening, gets the next number, so that a page can ask for what
+ * is new.
+ */
+class Timetable : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum Limit {
+        MaximumEntryCount = 100,
+        MaximumFiringCount = 100 ///< the oldest are forgotten
+    };
+
+    /** Something that has happened. The title is the one that the entry had then. */
+    struct Firing
+    {
+        quint64 number;
+        QDateTime time;
+        unsigned int entryId;
+        QString title;
+        PlannedEntry::Happening happening;
+    };
+
+    explicit Timetable(QObject* parent = NULL);
+
+    /** The number of the latest change. */
+    quint64 lastNumber() const;
+
+    /** The entries by their ids. */
+    const QMap<unsigned int, PlannedEntry*>& entries() const;
+
+    /** The latest happenings, the oldest first. */
+    const QList<Firing>& firings() const;
+
+    /** @return the new entry; null when there are as many as may be. */
+    PlannedEntry* add(const EntryPlan& plan);
+
+    /** @return the changed entry; null when there is none of this @a id. */
+    PlannedEntry* change(unsigned int id, const EntryPlan& plan);
+
+    /** Removes an entry; a slot that is active ends. @return whether there was one of this @a id. */
+    bool remove(unsigned int id);
+
+private slots:
+    void record(PlannedEntry* entry, int happening);
+
+private:
+    Q_DISABLE_COPY(Timetable)
+
+    quint64 m_lastNumber;
+    unsigned int m_lastId;
+    QMap<unsigned int, PlannedEntry*> m_entries;
+    QList<Firing> m_firings;
+};
+
+#endif

@@ -1,0 +1,138 @@
+// Requests to the device. Every view goes through one DeviceClient, so that what all of them have in common is decided
+// here once: how long to wait, what counts as "the device cannot be reached", and when the session has ended.
+
+const TIMEOUT_MILLISECONDS = 15000;
+
+/** A request that did not succeed. Its message is for the person in front of the page. */
+export class DeviceError extends Error {
+  /**
+   * @param {"unreachable"|"session-ended"|"refused"} kind what happened
+   * @param {string} message what to tell the person
+   * @param {number} status the HTTP status, 0 when there was no answer
+   */
+  constructor(kind, message, status = 0) {
+    super(message);
+    this.name = "DeviceError";
+    this.kind = kind;
+    this.status = status;
+  }
+}
+
+/**
+ * Emits "reachable" and "unreachable" (with the DeviceError as detail) after requests, and "session-ended" when the
+ * device does not know the session (any more).
+ */
+export class DeviceClient extends EventTarget {
+  /** Reads a JSON document. Throws a DeviceError. */
+  async get(path) {
+    return this.#jsonOf(await this.#sessionRequest(path, { method: "GET" }));
+  }
+
+  /** Sends a value as JSON; the result is the JSON document of the answer. Throws a DeviceError. */
+  async post(path, value) {
+    return this.#jsonOf(await this.#sessionRequest(path, jsonRequest(value)));
+  }
+
+  /** The same with the method PUT. */
+  async put(path, value) {
+    return this.#jsonOf(await this.#sessionRequest(path, jsonRequest(value, "PUT")));
+  }
+
+  /** Has the device remove what the path names. Throws a DeviceError. */
+  async remove(path) {
+    await this.#sessionRequest(path, { method: "DELETE" });
+  }
+
+  /** Makes a session. The result says whether the device accepted the user's name and password. */
+  async login(user, password) {
+    const response = await this.#request("/api/login", jsonRequest({ user, password }));
+    if (response.status === 401)
+      return false;
+    this.#requireSuccess(response);
+    return true;
+  }
+
+  /** Ends the session; one that has ended already is as good. */
+  async logout() {
+    const response = await this.#request("/api/logout", jsonRequest({}));
+    if (response.status !== 401)
+      this.#requireSuccess(response);
+  }
+
+  async #sessionRequest(path, options) {
+    const response = await this.#request(path, options);
+    if (response.status === 401) {
+      this.dispatchEvent(new Event("session-ended"));
+      throw new DeviceError("session-ended", "Your session has ended.", 401);
+    }
+    this.#requireSuccess(response);
+    return response;
+  }
+
+  async #request(path, options) {
+    const stop = new AbortController();
+    const timer = setTimeout(() => stop.abort(), TIMEOUT_MILLISECONDS);
+    try {
+      const response = await fetch(path, {
+        ...options, credentials: "same-origin", cache: "no-store", redirect: "error", signal: stop.signal,
+      });
+      // The body counts as well: a connection may break in the middle of it.
+      const text = await response.text();
+      if (response.status >= 500)
+        throw new DeviceError("unreachable", serverErrorText(response.status), response.status);
+      this.dispatchEvent(new Event("reachable"));
+      return { status: response.status, text };
+    } catch (error) {
+      throw this.#unreachable(error, stop.signal.aborted);
+    } finally {
+      clearTimeout(timer);
+    }
+  }
+
+  #unreachable(cause, timedOut) {
+    let error = cause;
+    if (!(cause instanceof DeviceError)) {
+      error = new DeviceError("unreachable", timedOut
+        ? "The device cannot be reached: it does not answer."
+        : "The device cannot be reached. Is it switched on and connected to the network?");
+    }
+    this.dispatchEvent(new CustomEvent("unreachable", { detail: error }));
+    return error;
+  }
+
+  #requireSuccess(response) {
+    if (response.status < 200 || response.status > 299)
+      throw new DeviceError("refused", refusalText(response), response.status);
+  }
+
+  #jsonOf(response) {
+    try {
+      return JSON.parse(response.text);
+    } catch {
+      throw new DeviceError("refused", "The device sent an answer that cannot be read.", response.status);
+    }
+  }
+}
+
+function jsonRequest(value, method = "POST") {
+  return { method, headers: { "Content-Type": "application/json" }, body: JSON.stringify(value) };
+}
+
+// Some services say why, in words for a person.
+function refusalText({ status, text }) {
+  try {
+    const { message } = JSON.parse(text);
+    if (typeof message === "string" && message !== "")
+      return message;
+  } catch {
+    // No document.
+  }
+  return `The device refused the request (status ${status}).`;
+}
+
+// 502 to 504 come from the web server on behalf of a device program that does not run or does not answer.
+function serverErrorText(status) {
+  return status >= 502 && status <= 504
+    ? `The device cannot be reached: its web server runs, but the program behind it does not (status ${status}).`
+    : `The device cannot be reached: it reports an error of its own (status ${status}).`;
+}

@@ -1,0 +1,14 @@
+/**
+ * Copies the text of an element. A browser gives its clipboard only to pages that come over TLS or from the same
+ * machine; elsewhere the text is selected and copied the old way.
+ * @return whether it was copied; if not, the text is selected at least
+ */
+export async function copyText(node) {
+  try {
+    await navigator.clipboard.writeText(node.textContent);
+    return true;
+  } catch {
+    getSelection().selectAllChildren(node);
+    return document.execCommand("copy");
+  }
+}

@@ -1,0 +1,75 @@
+// Asks the device from time to time whether it is there and still knows the session, so that a page that is looked at
+// tells the truth without a click.
+
+const SHORTEST_MILLISECONDS = 5000;
+
+/**
+ * While the page is used or the device cannot be reached, the question comes every few seconds. Each question also keeps
+ * the session alive; so that a session that is left alone ends all the same, the questions of a page that nobody touches
+ * become rarer, each time by twice. A touch, or coming back to the page, asks at once.
+ */
+export class ConnectionWatch {
+  #client;
+  #path;
+  #timer = null;
+  #interval = SHORTEST_MILLISECONDS;
+  #lastQuestion = 0;
+  #touch = () => this.#touched();
+
+  /** @param {string} path the document to ask for: a small one that needs a session */
+  constructor(client, path) {
+    this.#client = client;
+    this.#path = path;
+    client.addEventListener("unreachable", () => this.#askAgainSoon());
+  }
+
+  start() {
+    this.stop();
+    for (const name of ["pointerdown", "keydown", "focus", "online"])
+      window.addEventListener(name, this.#touch);
+    document.addEventListener("visibilitychange", this.#touch);
+    this.#askAgainSoon();
+  }
+
+  stop() {
+    for (const name of ["pointerdown", "keydown", "focus", "online"])
+      window.removeEventListener(name, this.#touch);
+    document.removeEventListener("visibilitychange", this.#touch);
+    clearTimeout(this.#timer);
+    this.#timer = null;
+  }
+
+  /** Asks now. What comes of it is told by the events of the client. */
+  async ask() {
+    this.#lastQuestion = Date.now();
+    try {
+      await this.#client.get(this.#path);
+    } catch {
+      // The client has told everybody.
+    }
+  }
+
+  #touched() {
+    if (document.hidden)
+      return;
+    const late = Date.now() - this.#lastQuestion > SHORTEST_MILLISECONDS;
+    this.#askAgainSoon();
+    if (late)
+      this.ask();
+  }
+
+  #askAgainSoon() {
+    this.#interval = SHORTEST_MILLISECONDS;
+    this.#schedule();
+  }
+
+  #schedule() {
+    clearTimeout(this.#timer);
+    this.#timer = setTimeout(async () => {
+      this.#interval *= 2;
+      this.#schedule();
+      if (!document.hidden)
+        await this.ask();
+    }, this.#interval);
+  }
+}

@@ -1,0 +1,177 @@
+// The frame around the views: which one is shown, the session, and the banner for a device that cannot be reached.
+
+import { DeviceClient } from "./client.js";
+import { ConnectionWatch } from "./connection-watch.js";
+import { element } from "./dom.js";
+import { showLogin } from "./login-view.js";
+import { packagesView } from "./packages-view.js";
+import { timeZonesView } from "./time-zones-view.js";
+import { timetableView } from "./timetable-view.js";
+
+/**
+ * The views, in the order of the navigation. A view has
+ * - name: what its address begins with; title: what the navigation calls it;
+ * - open(container, client): fills the container; the result has the operations show(subject), which shows what the
+ *   address names behind the view's name, focus(), and close().
+ */
+const VIEWS = [timeZonesView, timetableView, packagesView];
+
+const SIGNED_IN_KEY = "nbase-demo-signed-in";
+
+const content = document.getElementById("content");
+const navigation = document.getElementById("views");
+const logoutButton = document.getElementById("logout");
+const banner = document.getElementById("banner");
+const bannerText = document.getElementById("banner-text");
+
+const client = new DeviceClient();
+const watch = new ConnectionWatch(client, "/api/timezones?section=information");
+
+let openView = null;
+let openName = "";
+let openings = 0;
+let isOpening = false;
+
+// Remembered beyond a reload, to tell an ended session from none. Browsers may forbid it.
+const signedIn = {
+  get value() {
+    try {
+      return localStorage.getItem(SIGNED_IN_KEY) !== null;
+    } catch {
+      return false;
+    }
+  },
+  set value(value) {
+    try {
+      if (value)
+        localStorage.setItem(SIGNED_IN_KEY, "yes");
+      else
+        localStorage.removeItem(SIGNED_IN_KEY);
+    } catch {
+      // Then a reload shows the login form without the reason.
+    }
+  },
+};
+
+/** The view that the address names and the rest of the address; an address without a view's name is the first view's. */
+function addressedView() {
+  let address = location.hash.slice(1);
+  try {
+    address = decodeURIComponent(address);
+  } catch {
+    // Not encoded, then.
+  }
+  const [name, ...rest] = address.split("/");
+  const view = VIEWS.find((candidate) => candidate.name === name);
+  return view ? { view, subject: rest.join("/") } : { view: VIEWS[0], subject: address };
+}
+
+function showFrame(isSignedIn) {
+  navigation.hidden = !isSignedIn;
+  logoutButton.hidden = !isSignedIn;
+  const { view } = addressedView();
+  navigation.replaceChildren(...VIEWS.map((each) => element(
+    "a", { href: `#${each.name}`, ...(each === view && { "aria-current": "page" }) }, each.title)));
+  // On a phone the views may need more room than there is.
+  navigation.querySelector("[aria-current]").scrollIntoView({ block: "nearest", inline: "nearest" });
+}
+
+function closeView() {
+  openings += 1;
+  isOpening = false;
+  openView?.close();
+  openView = null;
+  openName = "";
+  content.replaceChildren();
+}
+
+async function showView({ focus = false } = {}) {
+  const { view, subject } = addressedView();
+  if (openView && openName === view.name) {
+    openView.show(subject);
+    return;
+  }
+  closeView();
+  isOpening = true;
+  const opening = openings;
+  content.replaceChildren(element("p", { class: "notice", role: "status" }, "Loading …"));
+  try {
+    const container = element("div", { class: "view" });
+    const opened = await view.open(container, client);
+    if (opening !== openings) {
+      opened.close();
+      return;
+    }
+    signedIn.value = true;
+    openView = opened;
+    openName = view.name;
+    showFrame(true);
+    content.replaceChildren(container);
+    openView.show(subject);
+    if (focus)
+      openView.focus();
+    watch.start();
+  } catch (error) {
+    if (opening === openings && error.kind !== "session-ended")
+      content.replaceChildren(element("p", { class: "notice" }, `${view.title} cannot be shown. ${error.message}`));
+  } finally {
+    if (opening === openings)
+      isOpening = false;
+  }
+}
+
+function isLoggingIn() {
+  return content.querySelector("form.login") !== null;
+}
+
+function askToLogIn(message) {
+  closeView();
+  showFrame(false);
+  showLogin(content, client, message, () => showView({ focus: true }));
+}
+
+async function logOut() {
+  try {
+    await client.logout();
+  } catch (error) {
+    if (error.kind === "unreachable")
+      return;
+  }
+  signedIn.value = false;
+  watch.stop();
+  askToLogIn("You have signed out.");
+}
+
+client.addEventListener("session-ended", () => {
+  const message = signedIn.value ? "Your session has ended. Please sign in again." : "";
+  signedIn.value = false;
+  watch.stop();
+  // A form that somebody is filling in just now stays as it is.
+  if (!isLoggingIn())
+    askToLogIn(message);
+});
+
+client.addEventListener("unreachable", (event) => {
+  bannerText.textContent = event.detail.message;
+  banner.hidden = false;
+});
+
+client.addEventListener("reachable", () => {
+  banner.hidden = true;
+  // What could not be loaded before can be now.
+  if (!openView && !isOpening && !isLoggingIn())
+    showView();
+});
+
+document.getElementById("banner-retry").addEventListener("click", () => watch.ask());
+logoutButton.addEventListener("click", logOut);
+window.addEventListener("hashchange", () => {
+  if (!isLoggingIn())
+    showView();
+});
+window.addEventListener("storage", (event) => {
+  if (event.key === SIGNED_IN_KEY && openView)
+    watch.ask();
+});
+
+showView();

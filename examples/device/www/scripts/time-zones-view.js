@@ -1,0 +1,155 @@
+// The time zone database of the device: the towns on a map and in a list, and the TZ string of the chosen one.
+
+import { copyText } from "./clipboard.js";
+import { fromTemplate, showField, showPart } from "./dom.js";
+import { SearchableList } from "./searchable-list.js";
+import { WorldMap } from "./world-map.js";
+
+export const timeZonesView = {
+  name: "time-zones",
+  title: "Time zones",
+
+  async open(container, client) {
+    const database = await client.get("/api/timezones");
+    return new TimeZones(container, zonesOf(database), database.information ?? {});
+  },
+};
+
+const countryNames = new Intl.DisplayNames(["en"], { type: "region", fallback: "none" });
+
+function countryName(code) {
+  try {
+    return countryNames.of(code) ?? "";
+  } catch {
+    // Not the form of a country code.
+    return "";
+  }
+}
+
+// The document is regions by name, each with its towns by name; together the names are that of the zone.
+function zonesOf(database) {
+  const zones = [];
+  for (const [regionKey, region] of Object.entries(database.content ?? {})) {
+    for (const [townKey, town] of Object.entries(region.towns)) {
+      zones.push({
+        id: `${regionKey}/${townKey}`,
+        region: region.regionName,
+        name: town.townName,
+        code: town.timezoneCode,
+        countryCode: town.countryCode,
+        country: countryName(town.countryCode),
+        latitude: town.latitude,
+        longitude: town.longitude,
+        comment: town.comment,
+      });
+    }
+  }
+  return zones.sort((one, other) => (one.id < other.id ? -1 : 1));
+}
+
+function listEntry(zone) {
+  const { id, region, name, code, countryCode, country, comment } = zone;
+  return {
+    id, group: region, label: name, hint: countryCode,
+    search: [id, name, region, countryCode, country, comment, code].join("\n"),
+  };
+}
+
+function coordinatesText({ latitude, longitude }) {
+  const degrees = (value, positive, negative) => `${Math.abs(value).toFixed(4)}° ${value < 0 ? negative : positive}`;
+  return `${degrees(latitude, "N", "S")}, ${degrees(longitude, "E", "W")}`;
+}
+
+class TimeZones {
+  #root;
+  #zones;
+  #list;
+  #map;
+  #chosen = null;
+
+  constructor(root, zones, information) {
+    this.#root = root;
+    this.#zones = new Map(zones.map((zone) => [zone.id, zone]));
+    root.replaceChildren(fromTemplate("time-zones-template"));
+    this.#showInformation(information);
+
+    this.#map = new WorldMap(root.querySelector("[data-part=map]"));
+    this.#map.setPoints(zones.map(({ id, name, latitude, longitude }) => ({ id, label: name, latitude, longitude })));
+    this.#map.addEventListener("choose", (event) => this.#choose(event.detail));
+
+    this.#list = new SearchableList(root.querySelector("#zone-search"), root.querySelector("#zone-list"));
+    this.#list.addEventListener("filter", (event) => this.#showFilter(event.detail));
+    this.#list.addEventListener("choose", (event) => this.#choose(event.detail));
+    this.#list.setEntries(zones.map(listEntry));
+
+    const copy = root.querySelector("[data-action=copy]");
+    copy.addEventListener("click", () => this.#copy(copy));
+  }
+
+  /** Shows the zone of this name; another name shows none. */
+  show(name) {
+    const zone = this.#zones.get(name) ?? null;
+    if (zone === this.#chosen)
+      return;
+    this.#chosen = zone;
+    this.#list.choose(zone?.id);
+    this.#map.choose(zone?.id);
+    this.#showZone(zone);
+  }
+
+  focus() {
+    // On a phone the focus would bring up the keyboard over half of the page.
+    const hasKeyboard = window.matchMedia("(pointer: fine)").matches;
+    this.#root.querySelector(hasKeyboard ? "#zone-search" : "h1").focus();
+  }
+
+  close() {
+    this.#root.replaceChildren();
+  }
+
+  #choose(id) {
+    this.show(id);
+    // Replaced, not added: with a step back somebody wants to leave, not to see each town again.
+    history.replaceState(null, "", `#${id}`);
+  }
+
+  #showInformation({ version = "", dateTime = "" }) {
+    const root = this.#root;
+    showField(root, "version", version || "of unknown version");
+    showField(root, "date", dateTime.replace("T", " "));
+    root.querySelector("time").dateTime = dateTime;
+    showPart(root, "date", dateTime !== "");
+  }
+
+  #showFilter(ids) {
+    this.#map.filter(ids);
+    const total = this.#zones.size;
+    const count = ids.size === total ? `${total} towns` : `${ids.size} of ${total} towns`;
+    this.#root.querySelector(".zone-count").textContent = ids.size === 0 && total > 0 ? "No town matches." : count;
+  }
+
+  #showZone(zone) {
+    const root = this.#root;
+    showPart(root, "chosen", zone !== null);
+    showPart(root, "none", zone === null);
+    root.querySelector("#zone-name").textContent = zone ? zone.name : "No town chosen";
+    if (zone === null)
+      return;
+    showField(root, "code", zone.code);
+    showField(root, "zone", zone.id);
+    showField(root, "region", zone.region);
+    showField(root, "country", zone.country ? `${zone.country} (${zone.countryCode})` : zone.countryCode);
+    showField(root, "coordinates", coordinatesText(zone));
+    showField(root, "comment", zone.comment);
+    showPart(root, "comment", zone.comment !== "");
+    showField(root, "announcement", `${zone.name}: ${zone.code}`);
+  }
+
+  async #copy(button) {
+    const code = this.#root.querySelector("code[data-field=code]");
+    const copied = await copyText(code);
+    button.textContent = copied ? "Copied" : "Selected";
+    setTimeout(() => { button.textContent = "Copy"; }, 2000);
+    showField(this.#root, "announcement", copied ? "Copied" : "Selected; copy it with the keyboard");
+  }
+}

@@ -1,0 +1,141 @@
+#!/bin/bash
+# Makes the Debian packages, checks them with lintian, and tries them on a throw-away copy of this machine: installs them,
+# compiles and runs programs with them, removes them, and looks for anything that was left behind. The machine itself is
+# not changed. Needs root (or sudo) for the copy.
+#
+#     packaging/test-packages.sh
+set -eu
+
+source=$(cd "$(dirname "$0")/.." && pwd)
+packages_folder="$source/build/package/packages"
+
+say()
+{
+    printf '== %s\n' "$*"
+}
+
+fail()
+{
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+make_packages()
+{
+    say "making the packages"
+    cd "$source"
+    # The flags that Debian compiles its own packages with.
+    local flags
+    flags=$(DEB_BUILD_MAINT_OPTIONS=hardening=+bindnow dpkg-buildflags --export=sh)
+    eval "$flags"
+    rm -rf "$packages_folder"
+    cmake --preset package --fresh >/dev/null
+    cmake --build --preset package
+    (cd build/package && cpack -B "$packages_folder")
+}
+
+check_packages()
+{
+    say "lintian"
+    # lintian's own tests refuse nothing that concerns a package outside Debian; no tag is switched off.
+    local as_root=()
+    [ "$(id -u)" -ne 0 ] || as_root=(--allow-root)
+    lintian "${as_root[@]}" --fail-on error --tag-display-limit 0 "$packages_folder"/*.deb
+}
+
+# Everything below runs in a mount namespace of its own, which ends with it.
+
+# Mounts a picture of the machine's root at $1/system; what is written to it goes to $1/changes, in memory.
+make_throw_away_root()
+{
+    mount --make-rprivate /
+    mount -t tmpfs -o mode=755 tmpfs "$1"
+    mkdir "$1/system" "$1/changes" "$1/work"
+    mount -t overlay -o "lowerdir=/,upperdir=$1/changes,workdir=$1/work" overlay "$1/system"
+    mount --rbind /dev "$1/system/dev"
+    mount -t proc proc "$1/system/proc"
+    mount -t tmpfs -o mode=1777 tmpfs "$1/system/tmp"
+    mkdir "$1/system/tmp/source" "$1/system/tmp/packages"
+    mount --bind -o ro "$source" "$1/system/tmp/source"
+    mount --bind -o ro "$packages_folder" "$1/system/tmp/packages"
+}
+
+# Runs in the throw-away root: nothing here says where the libraries are, so they must be where everybody looks.
+try_packages()
+{
+    local names name project
+    mapfile -t names < <(for file in /tmp/packages/*.deb; do dpkg-deb --field "$file" Package; done)
+
+    say "installing ${names[*]}"
+    dpkg --install /tmp/packages/*.deb
+    for name in "${names[@]}"; do
+        [ -z "$(dpkg --verify "$name")" ] || fail "$name is not on the disk as it was packed"
+        [ -s "/usr/share/doc/$name/copyright" ] || fail "$name says nothing of its copyright"
+    done
+
+    say "compiling programs with the installed packages"
+    for project in examples/first tests/consumer/web-program; do
+        name=$(basename "$project")
+        cmake -S "/tmp/source/$project" -B "/tmp/$name" >/dev/null
+        cmake --build "/tmp/$name"
+        "/tmp/$name/$name"
+    done
+    # shellcheck disable=SC2046 # words are wanted
+    g++ -std=c++11 -fPIC /tmp/source/examples/first/main.cpp $(pkg-config --cflags --libs nbase) -o /tmp/with-pkg-config
+    /tmp/with-pkg-config
+
+    say "removing ${names[*]}"
+    dpkg --purge "${names[@]}"
+    for name in "${names[@]}"; do
+        ! dpkg-query --status "$name" 2>/dev/null || fail "dpkg still knows $name"
+    done
+}
+
+# Compares what changed in the throw-away root $1 with the machine. Only the books that dpkg and ldconfig keep may differ,
+# and no file may have come or gone.
+look_for_leftovers()
+{
+    local path leftovers=0
+    while read -r path; do
+        case $path in
+            var/lib/dpkg/lock | var/lib/dpkg/lock-frontend | var/lib/dpkg/status | var/lib/dpkg/status-old | \
+            var/lib/dpkg/triggers/* | var/lib/dpkg/updates/* | var/lib/dpkg/info/format | var/log/dpkg.log | \
+            etc/ld.so.cache | var/cache/ldconfig/aux-cache) continue ;;
+        esac
+        if [ ! -e "/$path" ] && [ ! -L "/$path" ]; then
+            echo "left behind: /$path"
+        elif [ -c "$1/changes/$path" ]; then
+            echo "taken away: /$path"
+        elif [ ! -d "$1/changes/$path" ]; then
+            echo "changed: /$path"
+        else
+            continue
+        fi
+        leftovers=1
+    done < <(cd "$1/changes" && find . -mindepth 1 -printf '%P\n')
+    [ "$leftovers" -eq 0 ] || fail "installing and removing the packages leaves traces"
+    say "nothing was left behind"
+}
+
+run_in_namespace()
+{
+    place=$(mktemp -d)
+    # The mount ends with the namespace; the directory under it is the machine's.
+    trap 'umount -l "$place" && rmdir "$place"' EXIT
+    make_throw_away_root "$place"
+    chroot "$place/system" /bin/bash /tmp/source/packaging/test-packages.sh --try-packages
+    look_for_leftovers "$place"
+}
+
+case ${1-} in
+    --in-namespace) run_in_namespace ;;
+    --try-packages) try_packages ;;
+    "")
+        make_packages
+        check_packages
+        as_root=()
+        [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+        "${as_root[@]}" unshare --mount "$0" --in-namespace
+        ;;
+    *) fail "usage: $0" ;;
+esac

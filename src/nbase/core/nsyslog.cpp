@@ -1,0 +1,297 @@
+#include <nbase/core/nsyslog.h>
+
+#include <nbase/core/nsysloglinematcher_p.h>
+#include <nbase/nbaseqtcompat_p.h>
+
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QSharedPointer>
+
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <syslog.h>
+
+namespace {
+
+const char DroppedMessagePrefix[] = "QWSLock::";
+
+QStringList words(const char* text)
+{
+    return QString::fromLatin1(text).split(QLatin1Char(' '));
+}
+
+QString programFileName()
+{
+    return QFileInfo(NBaseQtCompat::symbolicLinkTarget(QString::fromLatin1("/proc/self/exe"))).fileName();
+}
+
+// With its NUL; the caller owns it.
+char* newIdentity(const QString& ident)
+{
+    const QByteArray latin1 = (ident.isNull() ? programFileName() : ident).toLatin1();
+    char* identity = new char[latin1.size() + 1];
+    memcpy(identity, latin1.constData(), latin1.size());
+    identity[latin1.size()] = '\0';
+    return identity;
+}
+
+QStringList labelsUpTo(int level)
+{
+    if (level < 0)
+        return QStringList();
+    return NSysLog::S_LOG_LEVELS_LABELS.mid(0, qMin(level, int(NSysLog::Debug)) + 1);
+}
+
+typedef QSharedPointer<QFile> FilePointer;
+
+// Opening a pipe waits for its writer, and a device may have no end: only regular files are logs.
+QList<FilePointer> openRegularFiles(const QStringList& paths)
+{
+    QList<FilePointer> files;
+    for (const QString& path : paths) {
+        if (!QFileInfo(path).isFile())
+            continue;
+        const FilePointer file(new QFile(path));
+        if (file->open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+            files.append(file);
+    }
+    return files;
+}
+
+// Remembers which programs are wanted, for a log names the same few over and over. It never holds more than a
+// fixed number of short names; a new one takes the place of another.
+class ProgramFilter
+{
+public:
+    explicit ProgramFilter(const QList<QRegExp>& wanted);
+
+    bool isWanted(const char* program, int size);
+    bool isWanted(const QString& program) const;
+
+private:
+    struct Answer
+    {
+        QByteArray program; // null when there is no answer yet
+        bool isWanted;
+    };
+
+    enum { AnswerCount = 64, LongestProgram = 64 };
+
+    const QList<QRegExp>& m_wanted;
+    Answer m_answers[AnswerCount];
+};
+
+ProgramFilter::ProgramFilter(const QList<QRegExp>& wanted)
+    : m_wanted(wanted)
+{
+}
+
+bool ProgramFilter::isWanted(const char* program, int size)
+{
+    if (size > LongestProgram)
+        return isWanted(QString::fromLatin1(program, size));
+    quint32 hash = 0;
+    for (int index = 0; index < size; ++index)
+        hash = hash * 31 + uchar(program[index]);
+    Answer& answer = m_answers[hash % AnswerCount];
+    if (answer.program.isNull() || answer.program.size() != size ||
+        memcmp(answer.program.constData(), program, size) != 0) {
+        answer.program = QByteArray(program, size);
+        answer.isWanted = isWanted(QString::fromLatin1(program, size));
+    }
+    return answer.isWanted;
+}
+
+bool ProgramFilter::isWanted(const QString& program) const
+{
+    for (int index = 0; index < m_wanted.size(); ++index) {
+        if (m_wanted.at(index).exactMatch(program))
+            return true;
+    }
+    return false;
+}
+
+// Reads log files block by block and collects the lines that are asked for. A line is taken out of its block; one
+// that lies across blocks is read again from the file, and only if it is wanted.
+//
+// The files are not mapped: a log that is truncated while it is read would end the process with SIGBUS.
+class LogReader
+{
+public:
+    LogReader(const QStringList& levels, const QList<QRegExp>& programs);
+
+    void read(QFile& file);
+    QStringList lines() const { return m_lines; }
+
+private:
+    void readBlock(QFile& file, const char* end);
+    void endLine(QFile& file);
+    bool programIsWanted(QFile& file);
+    QString line(QFile& file) const;
+    static QString readAgain(QFile& file, qint64 offset, qint64 size);
+
+    enum { BlockSize = 128 * 1024 };
+
+    NSysLogLineMatcher m_matcher;
+    ProgramFilter m_programs;
+    QStringList m_lines;
+    QScopedArrayPointer<char> m_block;
+    const char* m_lineInBlock; // null when the line began in an earlier block
+    qint64 m_lineOffset;
+};
+
+LogReader::LogReader(const QStringList& levels, const QList<QRegExp>& programs)
+    : m_matcher(levels)
+    , m_programs(programs)
+    , m_block(new char[BlockSize])
+    , m_lineInBlock(NULL)
+    , m_lineOffset(0)
+{
+}
+
+void LogReader::read(QFile& file)
+{
+    m_matcher.startLine();
+    m_lineOffset = 0;
+    forever {
+        const qint64 size = file.read(m_block.data(), BlockSize);
+        if (size <= 0)
+            break;
+        readBlock(file, m_block.data() + size);
+    }
+    endLine(file);
+}
+
+void LogReader::readBlock(QFile& file, const char* end)
+{
+    const qint64 blockOffset = file.pos() - (end - m_block.data());
+    const char* next = m_block.data();
+    m_lineInBlock = m_lineOffset == blockOffset ? next : NULL;
+    while (const char* newLine = static_cast<const char*>(memchr(next, '\n', end - next))) {
+        m_matcher.feed(next, newLine);
+        endLine(file);
+        next = newLine + 1;
+        m_lineInBlock = next;
+        m_lineOffset = blockOffset + (next - m_block.data());
+    }
+    m_matcher.feed(next, end);
+    m_lineInBlock = NULL;
+}
+
+void LogReader::endLine(QFile& file)
+{
+    if (m_matcher.matches() && programIsWanted(file)) {
+        const QString text = line(file);
+        if (!text.isEmpty())
+            m_lines.append(text);
+    }
+    m_matcher.startLine();
+}
+
+bool LogReader::programIsWanted(QFile& file)
+{
+    const qint64 begin = m_matcher.programBegin();
+    const qint64 size = m_matcher.programEnd() - begin;
+    if (m_lineInBlock)
+        return m_programs.isWanted(m_lineInBlock + begin, int(size));
+    return m_programs.isWanted(readAgain(file, m_lineOffset + begin, size));
+}
+
+QString LogReader::line(QFile& file) const
+{
+    const qint64 begin = m_matcher.textBegin();
+    const qint64 size = m_matcher.textEnd() - begin;
+    if (m_lineInBlock)
+        return QString::fromLatin1(m_lineInBlock + begin, int(size));
+    return readAgain(file, m_lineOffset + begin, size);
+}
+
+// A null string when the file has been truncated meanwhile, or when the text is longer than a string can be.
+QString LogReader::readAgain(QFile& file, qint64 offset, qint64 size)
+{
+    const qint64 longestText = INT_MAX / 2 - 64;
+    QString text;
+    if (size > longestText)
+        return text;
+    const qint64 position = file.pos();
+    file.seek(offset);
+    text.reserve(int(size));
+    while (text.size() < size) {
+        char piece[4096];
+        const qint64 pieceSize = file.read(piece, qMin(size - text.size(), qint64(sizeof(piece))));
+        if (pieceSize <= 0)
+            break;
+        text += QString::fromLatin1(piece, int(pieceSize));
+    }
+    file.seek(position);
+    return text.size() == size ? text : QString();
+}
+
+} // namespace
+
+const QStringList NSysLog::S_LOG_LEVELS_LABELS = words("emerg alert crit err warn notice info debug");
+
+const QStringList NSysLog::S_LOG_FACILITIES_LABELS =
+    words("kern user mail daemon auth syslog lpr news uucp cron authpriv ftp "
+          "local0 local1 local2 local3 local4 local5 local6 local7");
+
+const QStringList NSysLog::S_LOG_MONTHES_LABELS = words("Jan Feb Mar Apr May Jun Jul Aug Sep Oct Nov Dec");
+
+void NSysLogMsgHandler(QtMsgType type, const char* msg)
+{
+    if (qstrncmp(msg, DroppedMessagePrefix, sizeof(DroppedMessagePrefix) - 1) == 0)
+        return;
+    // Compared as numbers: Qt 5 has a type more, QtInfoMsg, which is none of these.
+    switch (int(type)) {
+    case QtDebugMsg:
+        syslog(LOG_DEBUG, "%s", msg);
+        break;
+    case QtWarningMsg:
+        syslog(LOG_WARNING, "%s", msg);
+        break;
+    case QtCriticalMsg:
+        syslog(LOG_CRIT, "%s", msg);
+        break;
+    case QtFatalMsg:
+        syslog(LOG_ALERT, "%s", msg);
+        abort();
+    }
+}
+
+NSysLog::NSysLog(const QString& ident, int option, int facility, const QStringList& logFiles, QObject* parent)
+    : QObject(parent)
+    , m_identity(newIdentity(ident))
+    , m_logFiles(logFiles)
+{
+    qRegisterMetaType<NSysLog::LogLevels>("LogLevels");
+    openlog(m_identity.data(), option, facility);
+}
+
+NSysLog::NSysLog(int option, int facility, const QStringList& logFiles, QObject* parent)
+    : NSysLog(QString(), option, facility, logFiles, parent)
+{
+}
+
+NSysLog::~NSysLog() {}
+
+void NSysLog::setAsQtMsgHandler()
+{
+    NBaseQtCompat::installMessageHandler<NSysLogMsgHandler>();
+}
+
+QStringList NSysLog::logLines(NSysLog::LogLevels level, const QList<QRegExp>& programs) const
+{
+    if (programs.isEmpty())
+        return QStringList();
+    const QList<FilePointer> files = openRegularFiles(m_logFiles);
+    LogReader reader(labelsUpTo(level), programs);
+    for (const FilePointer& file : files)
+        reader.read(*file);
+    return reader.lines();
+}
+
+void NSysLog::log(LogLevels level, const QString& line)
+{
+    syslog(level, "%s", line.toLatin1().constData());
+}

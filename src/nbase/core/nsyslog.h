@@ -1,0 +1,131 @@
+#ifndef NBASE_NSYSLOG_H
+#define NBASE_NSYSLOG_H
+
+#include <nbase/nbaseglobal.h>
+
+#include <QtCore/QList>
+#include <QtCore/QMetaType>
+#include <QtCore/QObject>
+#include <QtCore/QRegExp>
+#include <QtCore/QScopedPointer>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+/**
+ * Sends Qt's messages to the system log. qDebug() becomes a line of the priority LOG_DEBUG, qWarning()
+ * LOG_WARNING, qCritical() LOG_CRIT and qFatal() LOG_ALERT, after which the process is aborted; messages of any
+ * other type are ignored. Messages that begin with "QWSLock::" are dropped whatever their type: the embedded
+ * window system repeats them endlessly. Dropping a fatal one does not abort either; what Qt itself does after a
+ * fatal message is Qt's.
+ *
+ * It is installed with NSysLog::setAsQtMsgHandler(). Identity and facility of the lines are those of the newest
+ * NSysLog of the process, or syslog(3)'s own defaults when there was none. Thread-safe, as syslog(3) is.
+ */
+NBASE_EXPORT void NSysLogMsgHandler(QtMsgType type, const char* msg);
+
+/**
+ * The process's connection to the system log, see syslog(3): it writes lines, and reads lines back from the text
+ * files that the syslog daemon writes.
+ *
+ * There is one connection for the whole process, and the newest NSysLog decides its identity, options and
+ * facility, for Qt's messages as well. syslog(3) keeps a pointer to the identity, and this object owns it; the
+ * destructor releases the identity and does not call closelog(3). So the newest NSysLog has to live as long as
+ * anything in the process logs: after it was destroyed, another one has to be constructed before the next line is
+ * written.
+ *
+ * log() and logLines() may be called from any thread, as long as no two threads use the same expressions at once.
+ * Everything else belongs to the thread that the object lives in.
+ */
+class NBASE_EXPORT NSysLog : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** How severe a line is: the priorities of syslog(3), 0 being the most severe. */
+    enum LogLevels {
+        Emergency = 0,     ///< "emerg": the system is unusable
+        Alert = 1,         ///< "alert": action must be taken at once
+        Critical = 2,      ///< "crit"
+        Error = 3,         ///< "err"
+        Warning = 4,       ///< "warn"
+        Notice = 5,        ///< "notice": normal, but significant
+        Informational = 6, ///< "info"
+        Debug = 7          ///< "debug"
+    };
+
+    /** The levels as they are written in a log file; the index is the level's value. */
+    static const QStringList S_LOG_LEVELS_LABELS;
+
+    /** The facilities as they are written in a log file; a line of any other facility is never read back. */
+    static const QStringList S_LOG_FACILITIES_LABELS;
+
+    /** The months as they are written in a log file, from January on. */
+    static const QStringList S_LOG_MONTHES_LABELS;
+
+    /**
+     * Opens the connection with openlog(3).
+     * @param ident the name put before each line, converted to Latin-1. A null string stands for the file name of
+     *        the running program; an empty one stays empty.
+     * @param option the option flags of openlog(3), for example LOG_PID.
+     * @param facility the facility of openlog(3), for example LOG_DAEMON.
+     * @param logFiles absolute paths of the text files of the syslog daemon that logLines() reads, in this order.
+     */
+    NSysLog(const QString& ident, int option, int facility, const QStringList& logFiles, QObject* parent);
+
+    /** The same with the file name of the running program as identity. */
+    NSysLog(int option, int facility, const QStringList& logFiles, QObject* parent);
+
+    /** Releases the identity; see the class's description for what that means for later lines. */
+    virtual ~NSysLog();
+
+    /** Installs NSysLogMsgHandler() for the process. The handler that was installed before is not kept. */
+    static void setAsQtMsgHandler();
+
+    /**
+     * Reads lines back from the log files, those of the first file first.
+     *
+     * A line has the form "Mmm dd hh:mm:ss host facility.level program: text", for example
+     * "Jan  5 01:02:03 box daemon.err dhcpd[311]: no lease". It is taken when it is, without the white space
+     * around it, an exact match of the regular expression
+     * @code
+     *   (?:months) [ 0-3]\d \d{2}:\d{2}:\d{2} [^ ]* (?:facilities)\.(?:levels) ([^: ]*): .*
+     * @endcode
+     * where months and facilities are the labels above joined with "|", and levels are the labels of @a level and
+     * of everything more severe. Lines are Latin-1.
+     *
+     * All files are opened before the first is read, so that a rotation meanwhile loses nothing. Memory is needed
+     * for the result only, however long a file or one of its lines is. No event loop is needed.
+     *
+     * @param level the least severe level that is taken; with a negative one no level is, so that only a line
+     *        with nothing after the "." can be an exact match.
+     * @param programs a line is taken when any of these is an exact match of its program, which includes a process
+     *        id in brackets ("dhcpd[311]"). Without any expression no line is taken.
+     * @return the lines without the white space around them. Files that are missing, cannot be opened or are no
+     *         regular files (a pipe could make the caller wait for ever) are left out without a message, and so
+     *         are lines of any other form.
+     */
+    QStringList logLines(NSysLog::LogLevels level, const QList<QRegExp>& programs) const;
+
+    // The type stands here without its class because moc copies it as it is written, and applications connect to
+    // SLOT(log(LogLevels,QString)).
+public slots:
+    /**
+     * Writes one line with syslog(3), with the facility of the newest NSysLog. Failure is not reported.
+     *
+     * In Qt 4 a signal that is connected to it has to spell its argument's type "LogLevels" too, for which
+     * `typedef NSysLog::LogLevels LogLevels;` serves; the type is registered for queued connections under that
+     * name.
+     * @param line converted to Latin-1; other characters become "?".
+     */
+    void log(LogLevels level, const QString& line);
+
+private:
+    Q_DISABLE_COPY(NSysLog)
+
+    QScopedArrayPointer<char> m_identity;
+    QStringList m_logFiles;
+};
+
+Q_DECLARE_METATYPE(NSysLog::LogLevels)
+
+#endif

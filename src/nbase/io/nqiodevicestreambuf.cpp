@@ -1,0 +1,85 @@
+#include <nbase/io/nqiodevicestreambuf.h>
+
+#include <QtCore/QIODevice>
+
+#include <string.h>
+
+NQIODeviceStreambuf::NQIODeviceStreambuf(QIODevice* device)
+    : m_device(device)
+{
+    setg(m_getBuffer, m_getBuffer, m_getBuffer);
+    setp(m_putBuffer, m_putBuffer + BufferSize);
+}
+
+NQIODeviceStreambuf::~NQIODeviceStreambuf()
+{
+    // The last chance to write; a virtual call would reach this class as well.
+    NQIODeviceStreambuf::sync();
+}
+
+std::streamsize NQIODeviceStreambuf::showmanyc()
+{
+    return m_device->atEnd() ? -1 : std::streamsize(m_device->bytesAvailable());
+}
+
+NQIODeviceStreambuf::int_type NQIODeviceStreambuf::overflow(int_type c)
+{
+    const bool isEnd = traits_type::eq_int_type(c, traits_type::eof());
+    if (!pbase()) {
+        const char character = traits_type::to_char_type(c);
+        return isEnd || m_device->write(&character, 1) < 1 ? traits_type::eof() : c;
+    }
+    if (sync() != 0)
+        return traits_type::eof();
+    if (isEnd)
+        return c;
+    *pptr() = traits_type::to_char_type(c);
+    pbump(1);
+    return c;
+}
+
+int NQIODeviceStreambuf::sync()
+{
+    if (!pbase())
+        return 0;
+    const qint64 pending = pptr() - pbase();
+    // With nothing pending the device is left alone: it may be closed already, and a datagram may be empty.
+    const qint64 written = pending > 0 ? m_device->write(pbase(), pending) : 0;
+    if (written < 1)
+        return -1;
+    // Intended: what moves is the block behind the pending bytes, and the pending bytes lose their end. Only the
+    // part of that block that lies within the buffer can move.
+    if (written < pending && written < epptr() - pptr())
+        memmove(pptr(), pptr() + written, size_t(qMin(written, qint64(epptr() - pptr()) - written)));
+    pbump(-int(written));
+    return 0;
+}
+
+NQIODeviceStreambuf::int_type NQIODeviceStreambuf::underflow()
+{
+    if (!eback()) {
+        char character;
+        return m_device->read(&character, 1) < 1 ? traits_type::eof() : traits_type::to_int_type(character);
+    }
+    if (gptr() < egptr())
+        return traits_type::to_int_type(*gptr());
+    const qint64 size = m_device->read(m_getBuffer, BufferSize);
+    if (size < 1)
+        return traits_type::eof();
+    setg(m_getBuffer, m_getBuffer, m_getBuffer + size);
+    return traits_type::to_int_type(*gptr());
+}
+
+std::streamsize NQIODeviceStreambuf::xsgetn(char* s, std::streamsize n)
+{
+    if (eback())
+        return std::streambuf::xsgetn(s, n);
+    return std::streamsize(qMax(qint64(0), m_device->read(s, n)));
+}
+
+std::streamsize NQIODeviceStreambuf::xsputn(const char* s, std::streamsize n)
+{
+    if (pbase())
+        return std::streambuf::xsputn(s, n);
+    return std::streamsize(qMax(qint64(0), m_device->write(s, n)));
+}

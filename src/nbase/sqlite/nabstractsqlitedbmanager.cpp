@@ -1,0 +1,598 @@
+#include <nbase/sqlite/nabstractsqlitedbmanager.h>
+
+#include <nbase/nbaseqtcompat_p.h>
+#include <nbase/sqlite/nabstractsqlitedbtable.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
+#include <QtCore/QMap>
+#include <QtCore/QStringList>
+#include <QtCore/QVariant>
+#include <QtSql/QSqlError>
+#include <QtSql/QSqlQuery>
+#include <QtSql/QSqlRecord>
+
+#include <stdio.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace {
+
+typedef QList<QVariant> Row;
+
+// The reason why a statement failed, from SQLite's result code (https://sqlite.org/rescode.html). The upper bits
+// of an extended code only tell more of the same.
+enum Reason { NoReason, Damage, Statement, Environment };
+
+Reason reasonOf(const QSqlError& error)
+{
+    if (!error.isValid())
+        return NoReason;
+    switch (NBaseQtCompat::sqlErrorNumber(error) & 0xff) {
+    case 11: // SQLITE_CORRUPT
+    case 24: // SQLITE_FORMAT
+    case 26: // SQLITE_NOTADB
+        return Damage;
+    case 1:  // SQLITE_ERROR
+    case 12: // SQLITE_NOTFOUND
+    case 17: // SQLITE_SCHEMA
+    case 18: // SQLITE_TOOBIG
+    case 19: // SQLITE_CONSTRAINT
+    case 20: // SQLITE_MISMATCH
+    case 21: // SQLITE_MISUSE
+    case 25: // SQLITE_RANGE
+        return Statement;
+    default:
+        return Environment;
+    }
+}
+
+QString text(const char* latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+QByteArray local(const QString& text)
+{
+    return text.toLocal8Bit();
+}
+
+// A name as it stands in a statement, whatever characters it has.
+QString quoted(const QString& name)
+{
+    return QLatin1Char('"') + QString(name).replace(QLatin1Char('"'), text("\"\"")) + QLatin1Char('"');
+}
+
+QStringList quoted(const QStringList& names)
+{
+    QStringList result;
+    for (const QString& name : names)
+        result.append(quoted(name));
+    return result;
+}
+
+// Reads all rows before anything else happens, so that nothing is changed under a statement that is still running.
+QSqlError execute(const QSqlDatabase& database, const QString& statement, QList<Row>* rows = NULL)
+{
+    QSqlQuery query(database);
+    query.setForwardOnly(true);
+    if (!query.exec(statement))
+        return query.lastError();
+    const int columns = rows ? query.record().count() : 0;
+    while (rows && query.next()) {
+        Row row;
+        for (int column = 0; column < columns; ++column)
+            row.append(query.value(column));
+        rows->append(row);
+    }
+    return query.lastError();
+}
+
+QSqlError execute(const QSqlDatabase& database, const char* statement, QList<Row>* rows = NULL)
+{
+    return execute(database, text(statement), rows);
+}
+
+// Virtual tables come first: dropping one drops the tables that it stores its rows in.
+const char* const TablesStatement =
+    "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite\\_%' "
+    "ESCAPE '\\' ORDER BY sql LIKE 'CREATE VIRTUAL TABLE %' DESC";
+const char* const ViewsStatement = "SELECT name FROM sqlite_master WHERE type = 'view'";
+
+QSqlError readIntegrity(const QSqlDatabase& database, QStringList& messages)
+{
+    QList<Row> rows;
+    const QSqlError error = execute(database, "PRAGMA integrity_check;", &rows);
+    for (const Row& row : rows)
+        messages.append(row.value(0).toString());
+    return error;
+}
+
+bool isSound(const QStringList& integrityMessages)
+{
+    return integrityMessages.value(0) == text("ok");
+}
+
+// BEGIN is refused inside a transaction. SQLite ends one by itself after some failures of the disk
+// (https://sqlite.org/lang_transaction.html).
+bool isInTransaction(const QSqlDatabase& database)
+{
+    if (execute(database, "BEGIN").isValid())
+        return true;
+    execute(database, "ROLLBACK");
+    return false;
+}
+
+// A row whose foreign key refers to nothing.
+struct BrokenReference
+{
+    QString table;
+    QVariant rowid; ///< null for a table without rowid
+    QString referencedTable;
+    int foreignKey;
+};
+
+QSqlError readBrokenReferences(const QSqlDatabase& database, QList<BrokenReference>& references)
+{
+    QList<Row> rows;
+    const QSqlError error = execute(database, "PRAGMA foreign_key_check;", &rows);
+    for (const Row& row : rows) {
+        const BrokenReference reference = {
+            row.value(0).toString(), row.value(1), row.value(2).toString(), row.value(3).toInt()};
+        references.append(reference);
+    }
+    return error;
+}
+
+// The name of the rowid that no column of the table has taken for itself (https://sqlite.org/rowidtable.html).
+QString rowidName(const QSqlDatabase& database, const QString& table)
+{
+    QList<Row> columns;
+    execute(database, text("PRAGMA table_info(%1)").arg(quoted(table)), &columns);
+    QStringList names = QStringList() << text("rowid") << text("oid") << text("_rowid_");
+    for (const Row& column : columns)
+        names.removeAll(column.value(1).toString().toLower());
+    return names.value(0, text("rowid"));
+}
+
+QString rowCondition(const QSqlDatabase& database, const BrokenReference& reference)
+{
+    return text(" FROM ") + quoted(reference.table) + text(" WHERE ") + rowidName(database, reference.table) +
+           text(" IS ") + QString::number(reference.rowid.toLongLong());
+}
+
+void warnOfBrokenReference(const QSqlDatabase& database, const QString& name, const BrokenReference& reference)
+{
+    QList<Row> keys;
+    execute(database, text("PRAGMA foreign_key_list(%1)").arg(quoted(reference.table)), &keys);
+    QStringList columns;
+    QStringList referencedColumns;
+    for (const Row& key : keys) {
+        if (key.value(0).toInt() != reference.foreignKey)
+            continue;
+        columns.append(key.value(3).toString());
+        // A foreign key that names no columns refers to the primary key.
+        if (!key.value(4).isNull())
+            referencedColumns.append(key.value(4).toString());
+    }
+
+    QStringList values;
+    QList<Row> rows;
+    if (!reference.rowid.isNull())
+        execute(
+            database, text("SELECT ") + quoted(columns).join(text(", ")) + rowCondition(database, reference),
+            &rows);
+    const Row row = rows.value(0);
+    for (const QVariant& value : row)
+        values.append(value.toString());
+
+    const QString separator = text(", ");
+    qWarning(
+        "Foreign key constraint error in database \"%s\" on %s(%s) referencing %s(%s) with value(%s). The "
+        "reference "
+        "will be deleted.",
+        local(name).constData(), local(reference.table).constData(), local(columns.join(separator)).constData(),
+        local(reference.referencedTable).constData(), local(referencedColumns.join(separator)).constData(),
+        local(values.join(separator)).constData());
+}
+
+// Deletes the rows of @a references. Those that the database keeps, because a foreign key or a trigger forbids it,
+// go to
+// @a kept.
+QSqlError deleteRows(
+    const QSqlDatabase& database, const QList<BrokenReference>& references, QList<BrokenReference>& kept,
+    bool& anyDeleted)
+{
+    const QSqlError beginning = execute(database, "BEGIN IMMEDIATE");
+    if (reasonOf(beginning) == Environment)
+        return beginning;
+    for (const BrokenReference& reference : references) {
+        QSqlQuery query(database);
+        if (query.exec(text("DELETE") + rowCondition(database, reference))) {
+            anyDeleted = anyDeleted || query.numRowsAffected() > 0;
+            continue;
+        }
+        const QSqlError error = query.lastError();
+        if (reasonOf(error) != Statement) {
+            execute(database, "ROLLBACK");
+            return error;
+        }
+        kept.append(reference);
+    }
+    const QSqlError error = execute(database, "COMMIT");
+    if (error.isValid())
+        execute(database, "ROLLBACK");
+    return error;
+}
+
+// Why the statements of a table failed, which the table tells nobody: they are tried again, without leaving a
+// trace. Only a reason other than the statements themselves counts.
+QSqlError creationError(const QSqlDatabase& database, const QStringList& statements)
+{
+    QSqlError result;
+    execute(database, "SAVEPOINT creation");
+    for (const QString& statement : statements) {
+        const QSqlError error = execute(database, statement);
+        if (error.isValid() && reasonOf(error) != Statement)
+            result = error;
+    }
+    execute(database, "ROLLBACK TO creation");
+    execute(database, "RELEASE creation");
+    return result;
+}
+
+// SQLite's own limit of a page, and the least that a disk which is not full can take.
+const unsigned long long LargestPage = 65536;
+
+// Whether a conversion that gave up may have done so for want of room. @a size is the database's before it.
+//
+// While its transaction is open, what it wrote is still on the disk, so a full disk shows as one. Where SQLite has
+// ended the transaction the room is free again; a conversion may need the database's size for the journal and once
+// more for its new tables.
+bool mayHaveLackedRoom(const QSqlDatabase& database, const QByteArray& path, unsigned long long size)
+{
+    struct statvfs disk;
+    if (::statvfs(path.constData(), &disk) != 0)
+        return true;
+    const unsigned long long available = static_cast<unsigned long long>(disk.f_bavail) * disk.f_frsize;
+    return available < (isInTransaction(database) ? 0 : 2 * size) + LargestPage;
+}
+
+QByteArray filePath(const QSqlDatabase& database)
+{
+    // Qt's driver gives SQLite the name in UTF-8, whatever the locale is.
+    return database.databaseName().toUtf8();
+}
+
+bool renameIfThere(const QByteArray& from, const QByteArray& to)
+{
+    return ::rename(from.constData(), to.constData()) == 0 || ::access(from.constData(), F_OK) != 0;
+}
+
+// What SQLite keeps beside a database file; without it, or with that of another file, a database is not what it
+// was.
+const char* const CompanionSuffixes[] = {"-journal", "-wal", "-shm"};
+
+bool setAside(const QByteArray& path)
+{
+    const QByteArray copy = path + ".damaged";
+    for (const char* suffix : CompanionSuffixes)
+        ::unlink((copy + suffix).constData());
+    if (!renameIfThere(path, copy))
+        return false;
+    // Should the power fail here, SQLite removes the journal of a file that is not there.
+    bool done = true;
+    for (const char* suffix : CompanionSuffixes)
+        done = renameIfThere(path + suffix, copy + suffix) && done;
+    return done;
+}
+
+} // namespace
+
+// What became of a statement whose refusal by the database does not matter.
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::outcomeOf(const QSqlError& error)
+{
+    switch (reasonOf(error)) {
+    case Damage:
+        return Failed;
+    case Environment:
+        return Unavailable;
+    default:
+        return Done;
+    }
+}
+
+NAbstractSqliteDbManager::NAbstractSqliteDbManager() {}
+
+NAbstractSqliteDbManager::~NAbstractSqliteDbManager()
+{
+    closeDatabase();
+}
+
+bool NAbstractSqliteDbManager::convertDatabaseFromOldVersion(int)
+{
+    return false;
+}
+
+void NAbstractSqliteDbManager::openDatabase()
+{
+    closeDatabase();
+    QFileInfo(databaseFilePath()).dir().mkpath(text("."));
+    if (openConnection() && prepareDatabase())
+        return;
+    closeDatabase();
+    qCritical("Cannot open the database \"%s\"", local(name()).constData());
+}
+
+QSqlDatabase NAbstractSqliteDbManager::database() const
+{
+    if (m_connectionName.isNull())
+        return QSqlDatabase();
+    return QSqlDatabase::database(m_connectionName, true);
+}
+
+void NAbstractSqliteDbManager::closeDatabase()
+{
+    if (m_connectionName.isNull())
+        return;
+    QSqlDatabase::removeDatabase(m_connectionName);
+    m_connectionName = QString();
+}
+
+bool NAbstractSqliteDbManager::checkDatabaseIntegrity(int& version)
+{
+    return database().isOpen() && checkIntegrity(version) == Done;
+}
+
+void NAbstractSqliteDbManager::initializeDatabase()
+{
+    if (database().isOpen())
+        initialize();
+}
+
+bool NAbstractSqliteDbManager::openConnection()
+{
+    m_connectionName = connectionName();
+    if (m_connectionName.isNull())
+        return false;
+    QSqlDatabase database = QSqlDatabase::addDatabase(text("QSQLITE"), m_connectionName);
+    database.setDatabaseName(databaseFilePath());
+    return database.open();
+}
+
+bool NAbstractSqliteDbManager::prepareDatabase()
+{
+    execute(database(), "PRAGMA foreign_keys=ON");
+    int version = 0;
+    const Outcome integrity = checkIntegrity(version);
+    if (integrity == Unavailable)
+        return false;
+    if (integrity == Failed) {
+        qWarning(
+            "The integrity check of the database \"%s\" has failed. It will be initialized.",
+            local(name()).constData());
+        return initialize() == Done;
+    }
+    if (version == currentVersion())
+        return true;
+    if (version > currentVersion()) {
+        qWarning(
+            "The version of the database \"%s\" (%d) is greater than the current version of the database (%d). It "
+            "will "
+            "be initialized.",
+            local(name()).constData(), version, currentVersion());
+        return initialize() == Done;
+    }
+    const Outcome conversion = convert(version);
+    if (conversion == Unavailable)
+        return false;
+    if (conversion == Done) {
+        qDebug(
+            "The database \"%s\" has been converted from version %d to version %d", local(name()).constData(),
+            version, currentVersion());
+        return true;
+    }
+    qWarning(
+        "The database \"%s\" cannot be converted from version %d to version %d. It will be initialized.",
+        local(name()).constData(), version, currentVersion());
+    return initialize() == Done;
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::checkIntegrity(int& version)
+{
+    const QSqlDatabase database = this->database();
+    QList<Row> tables;
+    const QSqlError schemaError = execute(database, TablesStatement, &tables);
+    if (reasonOf(schemaError) == Environment)
+        return Unavailable;
+    // A new file has no tables. The statement itself is right, so any other failure is the schema's.
+    if (schemaError.isValid() || tables.isEmpty())
+        return Failed;
+
+    QStringList messages;
+    const QSqlError integrityError = readIntegrity(database, messages);
+    if (reasonOf(integrityError) == Environment)
+        return Unavailable;
+    if (integrityError.isValid() || !isSound(messages)) {
+        qWarning(
+            "Integrity check on the database \"%s\" fails. The following error(s) have been returned:",
+            local(name()).constData());
+        for (const QString& message : messages)
+            qWarning("%s", local(message).constData());
+        return Failed;
+    }
+
+    const Outcome repair = repairReferences();
+    if (repair != Done)
+        return repair;
+
+    QList<Row> versions;
+    const QSqlError versionError = execute(database, "PRAGMA user_version", &versions);
+    if (reasonOf(versionError) == Environment)
+        return Unavailable;
+    version = versions.value(0).value(0).toInt();
+    return Done;
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::repairReferences()
+{
+    const QSqlDatabase database = this->database();
+    // How often a row without rowid has been warned of; it is found again in each round.
+    QMap<QString, int> warningsOfUnnamedRows;
+    for (;;) {
+        QList<BrokenReference> found;
+        const QSqlError checkError = readBrokenReferences(database, found);
+        // A foreign key that is declared wrongly cannot be checked; that is for its author to see.
+        if (outcomeOf(checkError) != Done)
+            return outcomeOf(checkError);
+
+        QList<BrokenReference> references;
+        QMap<QString, int> unnamedRows;
+        for (const BrokenReference& reference : found) {
+            const QString key = reference.table + QLatin1Char('\n') + QString::number(reference.foreignKey);
+            if (!reference.rowid.isNull())
+                references.append(reference);
+            else if (++unnamedRows[key] <= warningsOfUnnamedRows.value(key))
+                continue;
+            else
+                ++warningsOfUnnamedRows[key];
+            warnOfBrokenReference(database, name(), reference);
+        }
+        if (references.isEmpty())
+            return Done;
+
+        bool anyDeleted = false;
+        QList<BrokenReference> kept;
+        QSqlError error = deleteRows(database, references, kept, anyDeleted);
+        if (!error.isValid() && !kept.isEmpty()) {
+            // Other rows refer to these. They follow in the next round.
+            QList<BrokenReference> keptByTriggers;
+            execute(database, "PRAGMA foreign_keys=OFF");
+            error = deleteRows(database, kept, keptByTriggers, anyDeleted);
+            execute(database, "PRAGMA foreign_keys=ON");
+        }
+        if (error.isValid())
+            return outcomeOf(error);
+        if (!anyDeleted)
+            return Done;
+    }
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::convert(int oldVersion)
+{
+    const QSqlDatabase database = this->database();
+    execute(database, "PRAGMA foreign_keys=OFF");
+    const Outcome outcome = convertInTransaction(oldVersion);
+    // Also ends a transaction that the application has left open.
+    if (outcome != Done)
+        execute(database, "ROLLBACK");
+    execute(database, "PRAGMA foreign_keys=ON");
+    return outcome;
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::convertInTransaction(int oldVersion)
+{
+    const QSqlDatabase database = this->database();
+    // Taking the lock and writing what is there already shows whether the file can be written, before anything is
+    // tried.
+    QSqlError error = execute(database, "BEGIN IMMEDIATE");
+    if (!error.isValid())
+        error = execute(database, text("PRAGMA user_version=%1").arg(oldVersion));
+    if (!error.isValid()) {
+        const QByteArray path = filePath(database);
+        const qint64 size = QFileInfo(database.databaseName()).size();
+        if (!convertDatabaseFromOldVersion(oldVersion))
+            return mayHaveLackedRoom(database, path, static_cast<unsigned long long>(size)) ? Unavailable : Failed;
+        error = execute(database, text("PRAGMA user_version=%1").arg(currentVersion()));
+    }
+    if (!error.isValid())
+        error = execute(database, "COMMIT");
+    if (!error.isValid())
+        return Done;
+    return reasonOf(error) == Environment ? Unavailable : Failed;
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initialize()
+{
+    const Outcome outcome = initializeInPlace();
+    return outcome == Failed ? replaceDamagedFile() : outcome;
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::replaceDamagedFile()
+{
+    {
+        QSqlDatabase database = this->database();
+        const QByteArray path = filePath(database);
+        database.close();
+        const bool isSetAside = setAside(path);
+        if (!database.open() || !isSetAside)
+            return Unavailable;
+    }
+    return initializeInPlace();
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initializeInPlace()
+{
+    const QSqlDatabase database = this->database();
+    execute(database, "PRAGMA foreign_keys=OFF");
+    // The caller may have begun a transaction of his own, and a table may end it: both are refused statements.
+    Outcome outcome = outcomeOf(execute(database, "BEGIN IMMEDIATE"));
+    if (outcome == Done)
+        outcome = replaceSchema();
+    if (outcome == Done)
+        outcome = outcomeOf(execute(database, "COMMIT"));
+    if (outcome != Done)
+        execute(database, "ROLLBACK");
+    execute(database, "PRAGMA foreign_keys=ON");
+    return outcome;
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::replaceSchema()
+{
+    const QSqlDatabase database = this->database();
+    const char* const kinds[][2] = {{TablesStatement, "TABLE"}, {ViewsStatement, "VIEW"}};
+    for (const char* const* kind : kinds) {
+        QList<Row> names;
+        QSqlError error = execute(database, kind[0], &names);
+        for (int index = 0; index < names.size() && !error.isValid(); ++index)
+            error = execute(
+                database,
+                text("DROP ") + text(kind[1]) + text(" IF EXISTS ") + quoted(names.at(index).value(0).toString()));
+        if (error.isValid())
+            return reasonOf(error) == Environment ? Unavailable : Failed;
+    }
+
+    // What is left of a damaged file must bear the new tables.
+    QStringList messages;
+    const QSqlError error = readIntegrity(database, messages);
+    if (reasonOf(error) == Environment)
+        return Unavailable;
+    if (error.isValid() || !isSound(messages))
+        return Failed;
+    return createSchema();
+}
+
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::createSchema()
+{
+    const QSqlDatabase database = this->database();
+    const QList<NAbstractSQLiteDbTable*> created = tables();
+    QStringList failed;
+    for (NAbstractSQLiteDbTable* table : created) {
+        if (table->createTable())
+            continue;
+        failed.append(table->createTableStatement());
+        if (!isInTransaction(database))
+            return Unavailable;
+    }
+    for (NAbstractSQLiteDbTable* table : created) {
+        if (table->createTriggers())
+            continue;
+        failed += table->createTriggersStatements();
+        if (!isInTransaction(database))
+            return Unavailable;
+    }
+    const Outcome outcome = outcomeOf(creationError(database, failed));
+    if (outcome != Done)
+        return outcome;
+    return outcomeOf(execute(database, text("PRAGMA user_version=%1").arg(currentVersion())));
+}

@@ -1,0 +1,134 @@
+#ifndef NBASE_NBUILDROOTUCLIBCTIMEZONEDATABASE_H
+#define NBASE_NBUILDROOTUCLIBCTIMEZONEDATABASE_H
+
+#include <nbase/nbaseglobal.h>
+#include <nbase/time/ntimezoneregion.h>
+
+#include <QtCore/QDateTime>
+#include <QtCore/QDir>
+#include <QtCore/QMap>
+#include <QtCore/QPair>
+#include <QtCore/QString>
+
+/**
+ * The time zones of a root file system that Buildroot made with uClibc. There a time zone is a POSIX TZ string in
+ * a text file of its own, not a compiled zone file; this class joins these files with the table zone.tab, which
+ * knows where in the world each zone is kept.
+ *
+ * The database is loaded once, by the constructor, and never changes; reading it is thread-safe, and what it hands
+ * out stays valid until it is destroyed. It owns its regions, and they own their towns. It neither reads nor sets
+ * the time zone of the system.
+ *
+ * Loading reads regular files only and waits for nobody. A line longer than 1 MiB is neither a zone nor a TZ
+ * string and is left out; in a damaged tree, directories deeper than 32 levels below a region and entries beyond
+ * the first 20,000 of a region are left out.
+ */
+class NBASE_EXPORT NBuildrootUclibcTimeZoneDatabase
+{
+public:
+    /** What zone.tab says about one zone. */
+    struct NBASE_EXPORT TownMetadata
+    {
+        TownMetadata();
+
+        QString countryCode; ///< ISO 3166 two-letter code
+        float latitude;      ///< decimal degrees, north positive
+        float longitude;     ///< decimal degrees, east positive
+        QString comment;     ///< empty when there is none
+    };
+
+    /** What the version file says about the whole database. */
+    struct NBASE_EXPORT DbMetadata
+    {
+        QString version; ///< the first line of the version file
+        QDateTime date;  ///< when the version file came into being, in local time
+    };
+
+    /** The folder of the time zone database, "/usr/share/zoneinfo". */
+    static const QDir S_TIMEZONE_DB_DIR;
+    /** The folder of the files with TZ strings; each lies there under the name of its zone. */
+    static const QDir S_ZONE_FILES_DIR;
+    /** The table of zones, tab-separated (its head explains it; see also tzselect(8)). */
+    static const QString S_TOWNS_METADATA_FILE_PATH;
+    /** The file whose first line is the version of the database, for example "2024a". */
+    static const QString S_DB_VERSION_FILE_PATH;
+    /** A latitude in zone.tab: degrees with sign, minutes and perhaps seconds. */
+    static const QString S_LATITUDE_REGEXP;
+    /** A longitude in zone.tab: degrees with sign, minutes and perhaps seconds. */
+    static const QString S_LONGITUDE_REGEXP;
+    /** A zone name: region and town. */
+    static const QString S_TIMEZONE_NAME_REGEXP;
+    /**
+     * A line of zone.tab, matched as a whole. Its groups are the country code, the three of the latitude, the
+     * three of the longitude, region, town and comment.
+     */
+    static const QString S_TOWN_METADATA_REGEXP;
+
+    /**
+     * Loads the database from the disk. No failure is reported: what cannot be read is left out. Without zone.tab
+     * there are no regions; without a version file, version and date are null.
+     */
+    NBuildrootUclibcTimeZoneDatabase();
+    virtual ~NBuildrootUclibcTimeZoneDatabase();
+
+    /** The first line of the version file; null when there is none. */
+    const QString& version() const { return m_version; }
+
+    /**
+     * When the version file came into being, in local time: its creation time, or the time of the last change of
+     * its status where the file system does not keep the former; null when the file cannot be opened.
+     */
+    const QDateTime& date() const { return m_date; }
+
+    /** The regions by their file system name, for example "America". */
+    const QMap<QString, NTimeZoneRegion*>& regions() const { return m_regions; }
+
+    /**
+     * Looks a town up by file system names, for example "America" and "Argentina/Buenos_Aires".
+     * @return the town, which stays the database's; null when region or town are unknown.
+     */
+    const NTimeZoneTown* town(const QString& regionName, const QString& townName) const;
+
+    /** The name of the zone of a town, "region/town"; a null string when region or town are unknown. */
+    QString regionAndTownToTimeZoneName(const QString& regionName, const QString& townName) const;
+
+    /**
+     * Splits the name of a zone at its first "/" into region and town; both keep their underscores. The disk is
+     * asked at the time of the call: the zone needs a file in S_ZONE_FILES_DIR, but no line in zone.tab.
+     * @return region and town; two null strings when there is no such zone. A name that leads out of the folder
+     * (with "..") is no zone.
+     */
+    QPair<QString, QString> timeZoneNameToRegionAndTown(const QString& timeZoneName) const;
+
+    /**
+     * Degrees, minutes and seconds in decimal degrees. The sign is that of @a degrees alone: less than a degree
+     * south or west cannot be told from north or east.
+     */
+    static float dmsToDecimalDegrees(int degrees, unsigned int minutes, float seconds);
+
+    /** A file system name as people read it: with blanks for underscores. */
+    static QString fileSystemNameToRegionOrTownName(const QString& fileSystemName);
+
+protected:
+    /** Reads zone.tab. @return the towns by region and town; none when the table cannot be opened. */
+    static QMap<QString, QMap<QString, TownMetadata>> loadTownsMetadata();
+
+    /** Reads the version file. @return version and date; both null when the file cannot be opened. */
+    static DbMetadata loadDbMetadata();
+
+    /**
+     * Reads the zone files in @a directory and below it. Symbolic links are followed, but no directory is entered
+     * twice on one path. What cannot be read and what is no regular file is left out.
+     * @return the first line of each file, by its path below @a directory.
+     */
+    static QMap<QString, QString> loadDirectory(const QDir& directory);
+
+private:
+    Q_DISABLE_COPY(NBuildrootUclibcTimeZoneDatabase)
+
+    QString m_version;
+    QDateTime m_date;
+    QMap<QString, NTimeZoneRegion*> m_regions;
+};
+
+#endif

@@ -1,0 +1,532 @@
+#include <nbase/time/neventplannersingleton.h>
+
+#include <nbase/core/nqtnamespaceutilities.h>
+#include <nbase/nbaseqtcompat_p.h>
+
+#include <QtCore/QList>
+#include <QtCore/QMap>
+#include <QtCore/QPair>
+#include <QtCore/QPointer>
+#include <QtCore/QVector>
+
+template class NSingleton<NEventPlannerSingleton>;
+
+namespace {
+
+const int MillisecondsPerSecond = 1000;
+const int MillisecondsPerMinute = 60 * MillisecondsPerSecond;
+const int SecondsPerMinute = 60;
+
+bool isSameMinute(const QDateTime& one, const QDateTime& other)
+{
+    return one.date() == other.date() && one.time().hour() == other.time().hour() &&
+           one.time().minute() == other.time().minute();
+}
+
+// Whether the clock on the wall has gone on by one minute, at midnight to the next day.
+bool isNextMinute(const QDateTime& previous, const QDateTime& now)
+{
+    const QTime following = previous.time().addSecs(SecondsPerMinute);
+    const int days = following < previous.time() ? 1 : 0;
+    return now.time() == following && now.date() == previous.date().addDays(days);
+}
+
+Qt::DayOfWeek dayOfWeek(const QDateTime& dateTime)
+{
+    return Qt::DayOfWeek(dateTime.date().dayOfWeek());
+}
+
+bool isDue(const NEventPlanner::NPeriodicEvent* event, const QTime& time, Qt::DayOfWeek day)
+{
+    return event->time == time && event->days.contains(day);
+}
+
+// The entry of a planner goes when its set is empty. The result is whether the entry was there.
+template <typename Entry>
+bool removeEntry(QHash<NEventPlanner*, QSet<Entry>>* entries, NEventPlanner* planner, const Entry& entry)
+{
+    const typename QHash<NEventPlanner*, QSet<Entry>>::iterator it = entries->find(planner);
+    if (it == entries->end() || !it.value().remove(entry))
+        return false;
+    if (it.value().isEmpty())
+        entries->erase(it);
+    return true;
+}
+
+template <typename Entry>
+bool hasEntry(const QHash<NEventPlanner*, QSet<Entry>>& entries, NEventPlanner* planner, const Entry& entry)
+{
+    const typename QHash<NEventPlanner*, QSet<Entry>>::const_iterator it = entries.constFind(planner);
+    return it != entries.constEnd() && it.value().contains(entry);
+}
+
+} // namespace
+
+// What was found to be due in a minute, in the order in which it is reported. Until its turn comes an entry may be
+// unregistered, and another one be registered at the same address; a registration that is newer than the minute
+// does not count.
+struct NEventPlannerSingleton::DueMinute
+{
+    QDateTime start;
+    quint64 newestRegistration;
+    QVector<QPair<NEventPlanner*, PeriodicEvent*>> events;
+    QVector<QPair<NEventPlanner*, PeriodicTimeSlot*>> timeSlots;
+    QList<NEventPlanner*> planners;
+    QVector<NEventPlanner::CalendarEvent> calendarEvents; // for each of the planners
+    int reportedEvents;
+    int reportedTimeSlots;
+    int reportedPlanners;
+    int reportedCalendarEvents; // of the next planner
+};
+
+// One signal about an event or a time slot, while it is being emitted. One that is unregistered meanwhile is
+// deleted at the end of the outermost signal about it, because further receivers may still read it.
+class NEventPlannerSingleton::Report
+{
+public:
+    Report(NEventPlannerSingleton* singleton, PeriodicEvent* event, PeriodicTimeSlot* timeSlot);
+    ~Report();
+
+    bool isAbout(const PeriodicEvent* event) const { return m_event == event; }
+    bool isAbout(const PeriodicTimeSlot* timeSlot) const { return m_timeSlot == timeSlot; }
+    bool isUnregistered() const { return m_unregistered; }
+    void setUnregistered() { m_unregistered = true; }
+    Report* outer() const { return m_outer; }
+
+private:
+    Q_DISABLE_COPY(Report)
+
+    const QPointer<NEventPlannerSingleton> m_singleton;
+    PeriodicEvent* const m_event;
+    PeriodicTimeSlot* const m_timeSlot;
+    Report* const m_outer;
+    bool m_unregistered;
+};
+
+// What keeps reporting right while the receivers of a signal change things or run an event loop.
+class NEventPlannerSingleton::Reporting
+{
+public:
+    Reporting()
+        : innermost(NULL)
+        , registrations(0)
+        , closing(false)
+    {
+    }
+
+    // Deletes an object that is not registered any more, now or at the end of the signal about it.
+    template <typename Object> void dispose(Object* object)
+    {
+        Report* outermost = NULL;
+        for (Report* report = innermost; report; report = report->outer()) {
+            if (report->isAbout(object))
+                outermost = report;
+        }
+        if (outermost)
+            outermost->setUnregistered();
+        else
+            delete object;
+    }
+
+    QList<DueMinute> dueMinutes; // not yet reported completely, the oldest first
+    Report* innermost;
+    quint64 registrations; // counts registrations, and modifications of time slots
+    // The numbers of those that were made while something was left to be reported.
+    QMap<QPair<NEventPlanner*, int>, quint64> calendarEventRegistrations;
+    QSet<NEventPlanner*> plannersBeingDeleted;
+    bool closing;
+};
+
+NEventPlannerSingleton::Report::Report(
+    NEventPlannerSingleton* singleton, PeriodicEvent* event, PeriodicTimeSlot* timeSlot)
+    : m_singleton(singleton)
+    , m_event(event)
+    , m_timeSlot(timeSlot)
+    , m_outer(singleton->m_reporting->innermost)
+    , m_unregistered(false)
+{
+    singleton->m_reporting->innermost = this;
+}
+
+NEventPlannerSingleton::Report::~Report()
+{
+    if (m_singleton)
+        m_singleton->m_reporting->innermost = m_outer;
+    if (m_unregistered) {
+        delete m_event;
+        delete m_timeSlot;
+    }
+}
+
+NEventPlannerSingleton::NEventPlannerSingleton(QObject* parent)
+    : QObject(parent)
+    , m_timer(this)
+    , m_lastProcessedMinute(currentMinuteStartingDateTime())
+    , m_reporting(new Reporting)
+{
+    m_timer.setSingleShot(true);
+    NBaseQtCompat::makePrecise(&m_timer);
+    connect(&m_timer, SIGNAL(timeout()), this, SLOT(newMinute()));
+    scheduleTimerForNextMinute();
+}
+
+NEventPlannerSingleton::~NEventPlannerSingleton()
+{
+    m_reporting->closing = true;
+    for (NEventPlanner* planner : m_periodicEvents.keys())
+        unregisterPeriodicEvent(planner, NULL);
+    for (NEventPlanner* planner : m_periodicTimeSlots.keys())
+        unregisterPeriodicTimeSlot(planner, NULL);
+}
+
+NEventPlanner::NPeriodicEvent* NEventPlannerSingleton::registerPeriodicEvent(
+    NEventPlanner* planner, const QSet<Qt::DayOfWeek>& days, const QTime& time)
+{
+    if (!canRegister(planner))
+        return NULL;
+    PeriodicEvent* const event = new PeriodicEvent(days, time);
+    event->m_registration = ++m_reporting->registrations;
+    m_periodicEvents[planner].insert(event);
+    return event;
+}
+
+bool NEventPlannerSingleton::modifyRegisteredPeriodicEvent(
+    NEventPlanner* planner, NEventPlanner::NPeriodicEvent* event, const QSet<Qt::DayOfWeek>& days,
+    const QTime& time)
+{
+    if (!hasEntry(m_periodicEvents, planner, event))
+        return false;
+    const PeriodicEvent modified(days, time);
+    event->days = modified.days;
+    event->time = modified.time;
+    return true;
+}
+
+void NEventPlannerSingleton::unregisterPeriodicEvent(NEventPlanner* planner, NEventPlanner::NPeriodicEvent* event)
+{
+    if (!event) {
+        const QSet<PeriodicEvent*> events = m_periodicEvents.take(planner);
+        for (QSet<PeriodicEvent*>::const_iterator it = events.constBegin(); it != events.constEnd(); ++it)
+            m_reporting->dispose(*it);
+        return;
+    }
+    if (removeEntry(&m_periodicEvents, planner, event))
+        m_reporting->dispose(event);
+}
+
+NEventPlanner::NPeriodicTimeSlot* NEventPlannerSingleton::registerPeriodicTimeSlot(
+    NEventPlanner* planner, const QSet<Qt::DayOfWeek>& days, const QTime& startTime, const QTime& endTime)
+{
+    if (!canRegister(planner))
+        return NULL;
+    PeriodicTimeSlot* const slot = new PeriodicTimeSlot(days, startTime, endTime);
+    slot->m_registration = ++m_reporting->registrations;
+    slot->m_evaluation = slot->m_registration;
+    m_periodicTimeSlots[planner].insert(slot);
+    const bool active = isDateTimeInActivityPeriodOfPeriodicTimeSlot(m_lastProcessedMinute, slot);
+    m_periodicTimeSlotStates.insert(slot, active);
+    if (!active)
+        return slot;
+
+    const Report report(this, NULL, slot);
+    emit planner->periodicTimeSlotStarted(slot);
+    return report.isUnregistered() ? NULL : slot;
+}
+
+bool NEventPlannerSingleton::modifyRegisteredPeriodicTimeSlot(
+    NEventPlanner* planner, NEventPlanner::NPeriodicTimeSlot* slot, const QSet<Qt::DayOfWeek>& days,
+    const QTime& startTime, const QTime& endTime)
+{
+    if (!hasEntry(m_periodicTimeSlots, planner, slot))
+        return false;
+    const PeriodicTimeSlot modified(days, startTime, endTime);
+    slot->days = modified.days;
+    slot->startTime = modified.startTime;
+    slot->endTime = modified.endTime;
+    slot->m_evaluation = ++m_reporting->registrations;
+    const bool active = isDateTimeInActivityPeriodOfPeriodicTimeSlot(m_lastProcessedMinute, slot);
+    if (active != m_periodicTimeSlotStates.value(slot))
+        setActive(planner, slot, active);
+    return true;
+}
+
+void NEventPlannerSingleton::unregisterPeriodicTimeSlot(
+    NEventPlanner* planner, NEventPlanner::NPeriodicTimeSlot* slot)
+{
+    if (slot) {
+        removePeriodicTimeSlot(planner, slot);
+        return;
+    }
+
+    // The receivers of the signals may unregister further slots and register new ones; those stay.
+    const QPointer<NEventPlannerSingleton> self(this);
+    const quint64 newestRegistration = m_reporting->registrations;
+    const QSet<PeriodicTimeSlot*> registered = m_periodicTimeSlots.value(planner);
+    for (QSet<PeriodicTimeSlot*>::const_iterator it = registered.constBegin(); it != registered.constEnd(); ++it) {
+        if (!self)
+            return;
+        if (hasEntry(m_periodicTimeSlots, planner, *it) && (*it)->m_registration <= newestRegistration)
+            removePeriodicTimeSlot(planner, *it);
+    }
+}
+
+bool NEventPlannerSingleton::isPeriodicTimeSlotCurrentlyActive(
+    NEventPlanner* planner, NEventPlanner::NPeriodicTimeSlot* slot) const
+{
+    return hasEntry(m_periodicTimeSlots, planner, slot) && m_periodicTimeSlotStates.value(slot);
+}
+
+void NEventPlannerSingleton::registerCalendarEvent(
+    NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent)
+{
+    if (!canRegister(planner) || hasEntry(m_calendarEvents, planner, calendarEvent))
+        return;
+    m_calendarEvents[planner].insert(calendarEvent);
+    ++m_reporting->registrations;
+    if (!m_reporting->dueMinutes.isEmpty())
+        m_reporting->calendarEventRegistrations.insert(
+            qMakePair(planner, int(calendarEvent)), m_reporting->registrations);
+}
+
+void NEventPlannerSingleton::unregisterCalendarEvent(
+    NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent)
+{
+    removeEntry(&m_calendarEvents, planner, calendarEvent);
+}
+
+void NEventPlannerSingleton::unregisterCalendarEvents(NEventPlanner* planner)
+{
+    m_calendarEvents.remove(planner);
+}
+
+void NEventPlannerSingleton::newMinute()
+{
+    processNewMinute(currentMinuteStartingDateTime());
+}
+
+void NEventPlannerSingleton::currentDateTimeChanged()
+{
+    const QDateTime now = currentMinuteStartingDateTime();
+    if (isSameMinute(now, m_lastProcessedMinute))
+        scheduleTimerForNextMinute();
+    else
+        processNewMinute(now);
+}
+
+QDateTime NEventPlannerSingleton::currentMinuteStartingDateTime()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    return QDateTime(now.date(), QTime(now.time().hour(), now.time().minute()));
+}
+
+bool NEventPlannerSingleton::isDateTimeInActivityPeriodOfPeriodicTimeSlot(
+    const QDateTime& dateTime, NEventPlanner::NPeriodicTimeSlot* slot)
+{
+    const QTime time = dateTime.time();
+    const Qt::DayOfWeek day = dayOfWeek(dateTime);
+    if (!slot->startTime.isValid() || !slot->endTime.isValid())
+        return false;
+    if (slot->startTime < slot->endTime)
+        return slot->startTime <= time && time < slot->endTime && slot->days.contains(day);
+
+    // It goes on after midnight.
+    if (time >= slot->startTime && slot->days.contains(day))
+        return true;
+    return time < slot->endTime && slot->days.contains(NQtNamespaceUtilities::previousDayOfWeek(day));
+}
+
+void NEventPlannerSingleton::processNewMinute(const QDateTime& now)
+{
+    const QDateTime previous = m_lastProcessedMinute;
+    m_lastProcessedMinute = now;
+    scheduleTimerForNextMinute();
+
+    DueMinute minute = DueMinute();
+    minute.start = now;
+    minute.newestRegistration = m_reporting->registrations;
+    findDuePeriodicEvents(&minute);
+    findDuePeriodicTimeSlots(&minute, previous);
+    findDueCalendarEvents(&minute, previous);
+    m_reporting->dueMinutes.append(minute);
+    reportDueMinutes();
+}
+
+// What is left of the last processed minute, or nothing when it is over. This is read from the clock on the wall:
+// in the hour that a change from daylight-saving time repeats, the minute's local time stands for two instants,
+// and the wrong one would stop the ticker for an hour or make it run without a pause.
+void NEventPlannerSingleton::scheduleTimerForNextMinute()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    int interval = 0;
+    if (isSameMinute(now, m_lastProcessedMinute))
+        interval = MillisecondsPerMinute - now.time().second() * MillisecondsPerSecond - now.time().msec();
+    m_timer.start(interval);
+}
+
+void NEventPlannerSingleton::findDuePeriodicEvents(DueMinute* minute) const
+{
+    const QTime time = minute->start.time();
+    const Qt::DayOfWeek day = dayOfWeek(minute->start);
+    QHash<NEventPlanner*, QSet<PeriodicEvent*>>::const_iterator events = m_periodicEvents.constBegin();
+    for (; events != m_periodicEvents.constEnd(); ++events) {
+        QSet<PeriodicEvent*>::const_iterator it = events.value().constBegin();
+        for (; it != events.value().constEnd(); ++it) {
+            if (isDue(*it, time, day))
+                minute->events.append(qMakePair(events.key(), *it));
+        }
+    }
+}
+
+// A slot changes at its start and its end only, so when nothing but a minute has passed no others need be looked
+// up.
+void NEventPlannerSingleton::findDuePeriodicTimeSlots(DueMinute* minute, const QDateTime& previous) const
+{
+    const QTime time = minute->start.time();
+    const bool isNext = isNextMinute(previous, minute->start);
+    QHash<NEventPlanner*, QSet<PeriodicTimeSlot*>>::const_iterator timeSlots = m_periodicTimeSlots.constBegin();
+    for (; timeSlots != m_periodicTimeSlots.constEnd(); ++timeSlots) {
+        QSet<PeriodicTimeSlot*>::const_iterator it = timeSlots.value().constBegin();
+        for (; it != timeSlots.value().constEnd(); ++it) {
+            const bool mayChange =
+                isNext ? (*it)->startTime == time || (*it)->endTime == time : mayChangeAt(minute->start, *it);
+            if (mayChange)
+                minute->timeSlots.append(qMakePair(timeSlots.key(), *it));
+        }
+    }
+}
+
+// States may be out of date as long as an older minute is not reported completely.
+bool NEventPlannerSingleton::mayChangeAt(const QDateTime& minute, PeriodicTimeSlot* slot) const
+{
+    if (!m_reporting->dueMinutes.isEmpty())
+        return true;
+    return m_periodicTimeSlotStates.value(slot) != isDateTimeInActivityPeriodOfPeriodicTimeSlot(minute, slot);
+}
+
+void NEventPlannerSingleton::findDueCalendarEvents(DueMinute* minute, const QDateTime& previous) const
+{
+    minute->planners = m_calendarEvents.keys();
+    minute->calendarEvents.append(NEventPlanner::NewMinute);
+    if (minute->start.time().hour() != previous.time().hour())
+        minute->calendarEvents.append(NEventPlanner::NewHour);
+    if (minute->start.date().day() != previous.date().day())
+        minute->calendarEvents.append(NEventPlanner::NewDay);
+    if (minute->start.date().month() != previous.date().month())
+        minute->calendarEvents.append(NEventPlanner::NewMonth);
+    if (minute->start.date().year() != previous.date().year())
+        minute->calendarEvents.append(NEventPlanner::NewYear);
+}
+
+// Receivers may run an event loop in which the next minute comes. Then the inner call goes on with the older
+// minute where the outer one is, and nothing is left for the outer one.
+void NEventPlannerSingleton::reportDueMinutes()
+{
+    const QPointer<NEventPlannerSingleton> self(this);
+    while (!m_reporting->dueMinutes.isEmpty()) {
+        if (!reportNext(&m_reporting->dueMinutes.first()))
+            m_reporting->dueMinutes.removeFirst();
+        if (!self)
+            return;
+    }
+    m_reporting->calendarEventRegistrations.clear();
+}
+
+// The minute is used before its entry is reported only: it may be gone afterwards.
+bool NEventPlannerSingleton::reportNext(DueMinute* minute)
+{
+    if (minute->reportedEvents < minute->events.size()) {
+        const QPair<NEventPlanner*, PeriodicEvent*> due = minute->events.at(minute->reportedEvents++);
+        reportPeriodicEvent(*minute, due.first, due.second);
+        return true;
+    }
+    if (minute->reportedTimeSlots < minute->timeSlots.size()) {
+        const QPair<NEventPlanner*, PeriodicTimeSlot*> due = minute->timeSlots.at(minute->reportedTimeSlots++);
+        reportPeriodicTimeSlot(*minute, due.first, due.second);
+        return true;
+    }
+    if (minute->reportedPlanners < minute->planners.size()) {
+        NEventPlanner* const planner = minute->planners.at(minute->reportedPlanners);
+        const NEventPlanner::CalendarEvent due = minute->calendarEvents.at(minute->reportedCalendarEvents++);
+        if (minute->reportedCalendarEvents == minute->calendarEvents.size()) {
+            minute->reportedCalendarEvents = 0;
+            ++minute->reportedPlanners;
+        }
+        reportCalendarEvent(*minute, planner, due);
+        return true;
+    }
+    return false;
+}
+
+void NEventPlannerSingleton::reportPeriodicEvent(
+    const DueMinute& minute, NEventPlanner* planner, PeriodicEvent* event)
+{
+    if (!hasEntry(m_periodicEvents, planner, event) || event->m_registration > minute.newestRegistration)
+        return;
+    if (!isDue(event, minute.start.time(), dayOfWeek(minute.start)))
+        return;
+    const Report report(this, event, NULL);
+    emit planner->periodicEventTriggered(event);
+}
+
+void NEventPlannerSingleton::reportPeriodicTimeSlot(
+    const DueMinute& minute, NEventPlanner* planner, PeriodicTimeSlot* slot)
+{
+    if (!hasEntry(m_periodicTimeSlots, planner, slot) || slot->m_evaluation > minute.newestRegistration)
+        return;
+    const bool active = isDateTimeInActivityPeriodOfPeriodicTimeSlot(minute.start, slot);
+    if (active != m_periodicTimeSlotStates.value(slot))
+        setActive(planner, slot, active);
+}
+
+void NEventPlannerSingleton::reportCalendarEvent(
+    const DueMinute& minute, NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent)
+{
+    if (!hasEntry(m_calendarEvents, planner, calendarEvent))
+        return;
+    const quint64 registration =
+        m_reporting->calendarEventRegistrations.value(qMakePair(planner, int(calendarEvent)));
+    if (registration <= minute.newestRegistration)
+        emit planner->calendarEventTriggered(calendarEvent);
+}
+
+void NEventPlannerSingleton::setActive(NEventPlanner* planner, PeriodicTimeSlot* slot, bool active)
+{
+    m_periodicTimeSlotStates.insert(slot, active);
+    const Report report(this, NULL, slot);
+    if (active)
+        emit planner->periodicTimeSlotStarted(slot);
+    else
+        emit planner->periodicTimeSlotEnded(slot);
+}
+
+// The end is told last, when nobody can end the slot a second time or start it again.
+void NEventPlannerSingleton::removePeriodicTimeSlot(NEventPlanner* planner, PeriodicTimeSlot* slot)
+{
+    if (!removeEntry(&m_periodicTimeSlots, planner, slot))
+        return;
+    if (!m_periodicTimeSlotStates.take(slot)) {
+        m_reporting->dispose(slot);
+        return;
+    }
+    const Report report(this, NULL, slot);
+    m_reporting->dispose(slot);
+    emit planner->periodicTimeSlotEnded(slot);
+}
+
+void NEventPlannerSingleton::unregisterPlanner(NEventPlanner* planner)
+{
+    const QPointer<NEventPlannerSingleton> self(this);
+    m_reporting->plannersBeingDeleted.insert(planner);
+    unregisterPeriodicEvent(planner, NULL);
+    unregisterPeriodicTimeSlot(planner, NULL);
+    if (!self)
+        return;
+    unregisterCalendarEvents(planner);
+    m_reporting->plannersBeingDeleted.remove(planner);
+}
+
+// What the end of its last slots calls cannot keep alive what is about to be deleted.
+bool NEventPlannerSingleton::canRegister(NEventPlanner* planner) const
+{
+    return planner && !m_reporting->closing && !m_reporting->plannersBeingDeleted.contains(planner);
+}

@@ -1,0 +1,121 @@
+#ifndef NBASE_NEVENTPLANNERSINGLETON_H
+#define NBASE_NEVENTPLANNERSINGLETON_H
+
+#include <nbase/time/neventplanner.h>
+#include <nbase/time/nsingleton.h>
+
+#include <QtCore/QDateTime>
+#include <QtCore/QHash>
+#include <QtCore/QScopedPointer>
+#include <QtCore/QTimer>
+
+class NBASE_EXPORT NEventPlannerSingleton;
+
+// One instance per process: no user of this header makes one of his own.
+extern template class NSingleton<NEventPlannerSingleton>;
+
+/**
+ * The minute ticker behind all planners of the process: it wakes up at the start of every minute of local time,
+ * finds out what is due and makes the planners emit. Applications use NEventPlanner, whose operations these are,
+ * with the planner as first argument.
+ *
+ * Comes into being on the first use of a planner and lives on the thread of that use; it must be used on that
+ * thread only. It owns all events and slots. When it is deleted, everything is unregistered as if each planner had
+ * been deleted.
+ */
+class NBASE_EXPORT NEventPlannerSingleton : public QObject, public NSingleton<NEventPlannerSingleton>
+{
+    Q_OBJECT
+
+public:
+    /** For instance() only. */
+    explicit NEventPlannerSingleton(QObject* parent);
+    virtual ~NEventPlannerSingleton();
+
+    /** See NEventPlanner::registerPeriodicEvent(). */
+    NEventPlanner::NPeriodicEvent*
+    registerPeriodicEvent(NEventPlanner* planner, const QSet<Qt::DayOfWeek>& days, const QTime& time);
+
+    /** See NEventPlanner::modifyRegisteredPeriodicEvent(). */
+    bool modifyRegisteredPeriodicEvent(
+        NEventPlanner* planner, NEventPlanner::NPeriodicEvent* event, const QSet<Qt::DayOfWeek>& days,
+        const QTime& time);
+
+    /** See NEventPlanner::unregisterPeriodicEvent(). */
+    void unregisterPeriodicEvent(NEventPlanner* planner, NEventPlanner::NPeriodicEvent* event);
+
+    /** See NEventPlanner::registerPeriodicTimeSlot(). */
+    NEventPlanner::NPeriodicTimeSlot* registerPeriodicTimeSlot(
+        NEventPlanner* planner, const QSet<Qt::DayOfWeek>& days, const QTime& startTime, const QTime& endTime);
+
+    /** See NEventPlanner::modifyRegisteredPeriodicTimeSlot(). */
+    bool modifyRegisteredPeriodicTimeSlot(
+        NEventPlanner* planner, NEventPlanner::NPeriodicTimeSlot* slot, const QSet<Qt::DayOfWeek>& days,
+        const QTime& startTime, const QTime& endTime);
+
+    /** See NEventPlanner::unregisterPeriodicTimeSlot(). */
+    void unregisterPeriodicTimeSlot(NEventPlanner* planner, NEventPlanner::NPeriodicTimeSlot* slot);
+
+    /** See NEventPlanner::isPeriodicTimeSlotCurrentlyActive(). */
+    bool isPeriodicTimeSlotCurrentlyActive(NEventPlanner* planner, NEventPlanner::NPeriodicTimeSlot* slot) const;
+
+    /** See NEventPlanner::registerCalendarEvent(). */
+    void registerCalendarEvent(NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent);
+
+    /** See NEventPlanner::unregisterCalendarEvent(). */
+    void unregisterCalendarEvent(NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent);
+
+    /** See NEventPlanner::unregisterCalendarEvents(). */
+    void unregisterCalendarEvents(NEventPlanner* planner);
+
+public slots:
+    /** Reports what is due in the current minute, whether or not it has been processed before. */
+    void newMinute();
+
+    /** Reports what is due in the current minute, unless it is the one that was processed last. */
+    void currentDateTimeChanged();
+
+private:
+    Q_DISABLE_COPY(NEventPlannerSingleton)
+
+    friend class NEventPlanner;
+
+    typedef NEventPlanner::NPeriodicEvent PeriodicEvent;
+    typedef NEventPlanner::NPeriodicTimeSlot PeriodicTimeSlot;
+    class Report;
+    class Reporting;
+    struct DueMinute;
+
+    static QDateTime currentMinuteStartingDateTime();
+    static bool isDateTimeInActivityPeriodOfPeriodicTimeSlot(
+        const QDateTime& dateTime, NEventPlanner::NPeriodicTimeSlot* slot);
+
+    void processNewMinute(const QDateTime& now);
+    void scheduleTimerForNextMinute();
+
+    void findDuePeriodicEvents(DueMinute* minute) const;
+    void findDuePeriodicTimeSlots(DueMinute* minute, const QDateTime& previous) const;
+    bool mayChangeAt(const QDateTime& minute, PeriodicTimeSlot* slot) const;
+    void findDueCalendarEvents(DueMinute* minute, const QDateTime& previous) const;
+    void reportDueMinutes();
+    bool reportNext(DueMinute* minute);
+    void reportPeriodicEvent(const DueMinute& minute, NEventPlanner* planner, PeriodicEvent* event);
+    void reportPeriodicTimeSlot(const DueMinute& minute, NEventPlanner* planner, PeriodicTimeSlot* slot);
+    void reportCalendarEvent(
+        const DueMinute& minute, NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent);
+
+    void setActive(NEventPlanner* planner, PeriodicTimeSlot* slot, bool active);
+    void removePeriodicTimeSlot(NEventPlanner* planner, PeriodicTimeSlot* slot);
+    void unregisterPlanner(NEventPlanner* planner);
+    bool canRegister(NEventPlanner* planner) const;
+
+    QTimer m_timer;
+    QDateTime m_lastProcessedMinute;
+    QHash<NEventPlanner*, QSet<NEventPlanner::NPeriodicEvent*>> m_periodicEvents;
+    QHash<NEventPlanner*, QSet<NEventPlanner::NPeriodicTimeSlot*>> m_periodicTimeSlots;
+    QHash<NEventPlanner::NPeriodicTimeSlot*, bool> m_periodicTimeSlotStates;
+    QHash<NEventPlanner*, QSet<NEventPlanner::CalendarEvent>> m_calendarEvents;
+    const QScopedPointer<Reporting> m_reporting;
+};
+
+#endif

@@ -1,0 +1,56 @@
+#ifndef NBASE_NFREEPACKAGESLISTFCGIREQUESTPROCESSOR_H
+#define NBASE_NFREEPACKAGESLISTFCGIREQUESTPROCESSOR_H
+
+#include <nbase/nbaseglobal.h>
+
+#include <nwebapi/nwastandardfcgirequestprocessor.h>
+
+#include <QtCore/QScopedPointer>
+#include <QtCore/QVariant>
+
+class NFreePackage;
+class NFreePackagesList;
+class QObject;
+
+/**
+ * Answers GET requests with the list of open-source packages as JSON: one member for each package, with its
+ * version, licences, the texts of its licence files as they are on disk at this moment, and where its source comes
+ * from.
+ *
+ * The texts of a whole firmware may be larger than a device's memory. The document is therefore written as fast as
+ * the client takes it; besides what is under way to him, one licence text is in memory at a time.
+ */
+class NBASE_EXPORT NFreePackagesListFcgiRequestProcessor : public NwaStandardFcgiRequestProcessor
+{
+public:
+    /**
+     * @param identifier finds the session of a request; not owned.
+     * @param list what is served; not owned, and must outlive the processor.
+     */
+    NFreePackagesListFcgiRequestProcessor(
+        NwaAbstractFcgiSessionIdentifier* identifier, const NFreePackagesList* list);
+
+    /** Replies that are still being written end where they are. */
+    virtual ~NFreePackagesListFcgiRequestProcessor();
+
+    /** The document of one package, all its licence texts included. */
+    QVariantMap freePackageToVariantMap(const NFreePackage* package) const;
+
+    /** The whole document at once, by the names of the packages. */
+    QVariantMap freePackagesListToVariantMap() const;
+
+protected:
+    virtual void processGetMethod(NwaFcgiRequest* request);
+
+public:
+    /** Whether the user of @a session may read the list: every user, unless a derived class says otherwise. */
+    virtual bool canReadFreePackagesListWithSession(NwaWebSession* session) const;
+
+private:
+    Q_DISABLE_COPY(NFreePackagesListFcgiRequestProcessor)
+
+    const NFreePackagesList* m_list;
+    QScopedPointer<QObject> m_replies; ///< the parent of the replies that are being written
+};
+
+#endif

@@ -1,0 +1,52 @@
+#include <nwebapi/nwaabstractfcgirequestprocessor.h>
+
+#include <nwebapi/nwafcgirequest.h>
+#include <nwebapi/nwahttpgrammar_p.h>
+#include <nwebapi/nwajson.h>
+
+namespace {
+
+bool isMultipart(const QString& contentType)
+{
+    return contentType.startsWith(QLatin1String("multipart/"));
+}
+
+// Reads the body, which is there as a whole unless it is a streamed form. Returns whether it came to its end.
+bool readWholeBody(NwaFcgiRequest* request, QByteArray& body)
+{
+    char buffer[4096];
+    while (!request->atBodyEnd()) {
+        const qint64 count = request->readBody(buffer, sizeof(buffer));
+        if (count <= 0)
+            return request->atBodyEnd();
+        body.append(buffer, int(count));
+    }
+    return true;
+}
+
+} // namespace
+
+NwaAbstractFcgiRequestProcessor::~NwaAbstractFcgiRequestProcessor() {}
+
+QString NwaAbstractFcgiRequestProcessor::parseContentType(NwaFcgiRequest* request)
+{
+    const QByteArray type = NwaHttpGrammar::mainValue(request->variable("CONTENT_TYPE"));
+    return type.isEmpty() ? QString() : QString::fromLatin1(type);
+}
+
+QVariant NwaAbstractFcgiRequestProcessor::parseJsonContent(NwaFcgiRequest* request, bool* ok)
+{
+    *ok = false;
+    if (isMultipart(parseContentType(request))) {
+        request->sendHttpError(NwaFcgiRequest::UnsupportedMediaType);
+        return QVariant();
+    }
+
+    QByteArray body;
+    QVariant document;
+    if (readWholeBody(request, body))
+        document = NwaJson::parse(body, ok);
+    if (!*ok)
+        request->sendHttpError(NwaFcgiRequest::BadRequest);
+    return document;
+}

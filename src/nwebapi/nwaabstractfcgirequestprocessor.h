@@ -1,0 +1,37 @@
+#ifndef NWEBAPI_NWAABSTRACTFCGIREQUESTPROCESSOR_H
+#define NWEBAPI_NWAABSTRACTFCGIREQUESTPROCESSOR_H
+
+#include <nwebapi/nwaglobal.h>
+
+#include <QtCore/QString>
+#include <QtCore/QVariant>
+
+class NwaFcgiRequest;
+
+/** What answers the requests to a service. */
+class NWEBAPI_EXPORT NwaAbstractFcgiRequestProcessor
+{
+public:
+    virtual ~NwaAbstractFcgiRequestProcessor();
+
+    /** Answers @a request, now or later, and deletes it. */
+    virtual void processRequest(NwaFcgiRequest* request) = 0;
+
+protected:
+    /**
+     * The media type of the body of @a request in lower case and without parameters, for example
+     * "application/json"; a null string when the request names none.
+     */
+    static QString parseContentType(NwaFcgiRequest* request);
+
+    /**
+     * Reads the body of @a request as a JSON document (see NwaJson), whatever type it is announced as; only a
+     * form in parts ("multipart/..."), which may not have arrived yet, is refused.
+     * @param ok set to whether that succeeded. When it did not, the request has been answered already (400, or 415
+     * for a form) and is still to be deleted.
+     * @return the document's value.
+     */
+    static QVariant parseJsonContent(NwaFcgiRequest* request, bool* ok);
+};
+
+#endif

@@ -1,0 +1,8 @@
+#include <nwebapi/nwaabstractfcgiservice.h>
+
+NwaAbstractFcgiService::NwaAbstractFcgiService(QObject* parent)
+    : QObject(parent)
+{
+}
+
+NwaAbstractFcgiService::~NwaAbstractFcgiService() {}

@@ -1,0 +1,3 @@
+#include <nwebapi/nwaabstractfcgisessionidentifier.h>
+
+NwaAbstractFcgiSessionIdentifier::~NwaAbstractFcgiSessionIdentifier() {}

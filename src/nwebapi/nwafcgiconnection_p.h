@@ -1,0 +1,122 @@
+#ifndef NWEBAPI_NWAFCGICONNECTION_P_H
+#define NWEBAPI_NWAFCGICONNECTION_P_H
+
+#include <nwebapi/nwafcgichannel_p.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QQueue>
+
+#include <memory>
+
+class NwaFcgiServer;
+namespace NwaFcgiProtocol {
+struct RecordHeader;
+}
+
+/**
+ * One connection of a web server. It reads records, makes the request of them, has the server dispatch it, and
+ * writes the reply's records as fast as the web server takes them. The server keeps it until it is closed; it
+ * lives on while one of its operations runs, because a service may end the connection or the server in the midst
+ * of one.
+ */
+class NwaFcgiConnection : private NwaFcgiChannel, public std::enable_shared_from_this<NwaFcgiConnection>
+{
+public:
+    /** @param descriptor a connected, non-blocking socket; the connection owns it. */
+    NwaFcgiConnection(int descriptor, NwaFcgiServer* server);
+    virtual ~NwaFcgiConnection();
+
+    /** Reads what has arrived already; the rest comes with events. */
+    void start();
+
+    /** Reads and writes as the poller's @a events allow. */
+    void processEvents(int events);
+
+    /** Goes on with what had to wait until the service was done. */
+    void resume();
+
+    /** Closes the connection when its peer has let it wait for too long, or has gone; to be called once a second.
+     */
+    void closeIfStalled();
+
+    void close();
+
+private:
+    Q_DISABLE_COPY(NwaFcgiConnection)
+
+    virtual bool write(Stream stream, const char* data, int size);
+    virtual int replyBacklog() const;
+    virtual qint64 readBody(char* data, qint64 maximumSize);
+    virtual bool atBodyEnd() const;
+    virtual void finish();
+
+    void readInput();
+    bool receive();
+    void handleEndOfInput();
+    void processInput(const char* data, int size);
+    int processRecords(const char* data, int size);
+    void continueParsing();
+    void processRecord(const NwaFcgiProtocol::RecordHeader& header, const char* content);
+    void processConnectionRecord(const NwaFcgiProtocol::RecordHeader& header, const char* content);
+    void processBeginRequest(const NwaFcgiProtocol::RecordHeader& header, const char* content);
+    void processAbortRequest();
+    void processParams(const char* content, int size);
+    void processStdin(const char* content, int size);
+
+    bool isTooLongQuery(const QByteArray& name, int size) const;
+    void refuseOversizedVariables();
+    void makeRequest();
+    bool isBodyTooLarge(qint64 size) const;
+    bool isBodyBroken() const;
+    void endBody();
+    void dispatchWhenReady();
+    void answerWithError(NwaFcgiRequest::StandardHttpError error);
+    void endRequest();
+
+    bool isBodyBufferFull() const;
+    int bufferedBodySize() const;
+    int unsentSize() const;
+    bool isReplyBufferExceeded() const;
+    void sendRecord(int type, const char* content, int size);
+    void sendLargeRecord(const char* header, const char* content, int size);
+    void enqueue(const char* data, int size);
+    void flush();
+    void startNextBlock();
+    const QByteArray& firstBlock() const;
+    void discardOutput(int size);
+    void resumeSoon();
+    void watch(int event, bool on);
+    bool isWriteBlocked() const;
+    void closeWhenDone();
+    void giveRequestUp();
+    bool isWaitingForPeer() const;
+    bool hasPeerGone() const;
+
+    NwaFcgiServer* const m_server;
+    int m_descriptor;     ///< -1 after closing
+    int m_events;         ///< what the server's poller watches the descriptor for
+    int m_idleSeconds;    ///< since there was progress, as closeIfStalled() counts them
+    bool m_inputEnded;    ///< the peer sends nothing more, and still takes the reply
+    bool m_parsing;       ///< a record is being processed; the service may run an event loop of its own in it
+    bool m_closeWhenSent; ///< nothing more is accepted from the peer; the connection ends with the reply
+    bool m_resumeScheduled;
+
+    int m_requestId; ///< 0 without a request
+    bool m_keepConnection;
+    NwaFcgiRequest* m_request; ///< made when its variables are complete
+    bool m_dispatched;         ///< the request was handed on; whoever has it deletes it
+    bool m_streamed;
+    bool m_bodyEnded;
+    qint64 m_bodyReceived;
+
+    QByteArray m_input;
+    QByteArray m_variables;
+    QByteArray m_body;
+    int m_bodyRead;
+    QQueue<QByteArray> m_waiting; ///< blocks of output that the peer has yet to take
+    int m_waitingSize;
+    QByteArray m_output; ///< comes after the waiting blocks
+    int m_blockSent;     ///< bytes of the first block that the peer has taken
+};
+
+#endif

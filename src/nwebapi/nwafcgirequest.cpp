@@ -1,0 +1,232 @@
+#include <nwebapi/nwafcgirequest.h>
+
+#include <nwebapi/nwafcgichannel_p.h>
+#include <nwebapi/nwahttpcontentheader.h>
+
+#include <ostream>
+#include <streambuf>
+#include <string.h>
+
+namespace {
+
+// Finds the empty line that ends the header of a reply, whatever pieces the reply is written in.
+class HeaderEndFinder
+{
+public:
+    HeaderEndFinder()
+        : m_lineEnds(0)
+    {
+    }
+
+    // How many of the bytes still belong to the header.
+    int headerPart(const char* data, int size)
+    {
+        int position = 0;
+        while (position < size && m_lineEnds < 2) {
+            const char character = data[position++];
+            if (character == '\n')
+                ++m_lineEnds;
+            else if (character != '\r')
+                m_lineEnds = 0;
+        }
+        return position;
+    }
+
+private:
+    int m_lineEnds;
+};
+
+// Collects small writes, because each write to a channel becomes a record of its own.
+class ChannelStreambuf : public std::streambuf
+{
+public:
+    ChannelStreambuf(NwaFcgiChannel* const& channel, NwaFcgiChannel::Stream stream)
+        : m_channel(channel)
+        , m_stream(stream)
+        , m_written(false)
+        , m_headerOnly(false)
+    {
+        setp(m_buffer, m_buffer + sizeof(m_buffer));
+    }
+
+    bool isUsed() const { return m_written || pptr() != pbase(); }
+    void sendHeaderOnly() { m_headerOnly = true; }
+
+protected:
+    virtual int sync()
+    {
+        const int size = int(pptr() - pbase());
+        setp(m_buffer, m_buffer + sizeof(m_buffer));
+        return send(m_buffer, size) ? 0 : -1;
+    }
+
+    virtual int_type overflow(int_type character)
+    {
+        if (sync() != 0)
+            return traits_type::eof();
+        if (!traits_type::eq_int_type(character, traits_type::eof()))
+            sputc(traits_type::to_char_type(character));
+        return traits_type::not_eof(character);
+    }
+
+    virtual std::streamsize xsputn(const char* data, std::streamsize size)
+    {
+        if (size <= epptr() - pptr()) {
+            memcpy(pptr(), data, size_t(size));
+            pbump(int(size));
+            return size;
+        }
+        if (sync() != 0)
+            return 0;
+        const std::streamsize piece = 1 << 30;
+        for (std::streamsize sent = 0; sent < size; sent += piece) {
+            if (!send(data + sent, int(qMin(piece, size - sent))))
+                return sent;
+        }
+        return size;
+    }
+
+private:
+    bool send(const char* data, int size)
+    {
+        if (size == 0)
+            return true;
+        m_written = true;
+        if (m_headerOnly)
+            size = m_headerEnd.headerPart(data, size);
+        return m_channel && m_channel->write(m_stream, data, size);
+    }
+
+    NwaFcgiChannel* const& m_channel;
+    const NwaFcgiChannel::Stream m_stream;
+    bool m_written;
+    bool m_headerOnly;
+    HeaderEndFinder m_headerEnd;
+    char m_buffer[2048];
+};
+
+} // namespace
+
+namespace {
+
+class ChannelStream
+{
+public:
+    ChannelStream(NwaFcgiChannel* const& channel, NwaFcgiChannel::Stream kind)
+        : buffer(channel, kind)
+        , stream(&buffer)
+    {
+    }
+
+    ChannelStreambuf buffer;
+    std::ostream stream;
+};
+
+} // namespace
+
+class NwaFcgiRequestStreams
+{
+public:
+    explicit NwaFcgiRequestStreams(NwaFcgiChannel* const& channel)
+        : output(channel, NwaFcgiChannel::Output)
+    {
+    }
+
+    ChannelStream output;
+    QScopedPointer<ChannelStream> error; ///< made when it is used, which is seldom
+};
+
+NwaFcgiRequest::NwaFcgiRequest(NwaFcgiChannel* channel, const Variables& variables)
+    : NwaCgiRequest(variables)
+    , m_channel(channel)
+    , m_streams(new NwaFcgiRequestStreams(m_channel))
+{
+}
+
+NwaFcgiRequest::~NwaFcgiRequest()
+{
+    if (!m_channel)
+        return;
+    if (!isAnswered())
+        sendHttpError(InternalServerError);
+    m_streams->output.stream.flush();
+    if (m_streams->error)
+        m_streams->error->stream.flush();
+    // The channel itself may have ended while it took the last bytes.
+    if (m_channel)
+        m_channel->finish();
+}
+
+std::ostream& NwaFcgiRequest::outputStream()
+{
+    return m_streams->output.stream;
+}
+
+std::ostream& NwaFcgiRequest::errorStream()
+{
+    if (!m_streams->error)
+        m_streams->error.reset(new ChannelStream(m_channel, NwaFcgiChannel::Error));
+    return m_streams->error->stream;
+}
+
+qint64 NwaFcgiRequest::readBody(char* data, qint64 maximumSize)
+{
+    return m_channel ? m_channel->readBody(data, maximumSize) : -1;
+}
+
+bool NwaFcgiRequest::atBodyEnd() const
+{
+    return m_channel && m_channel->atBodyEnd();
+}
+
+void NwaFcgiRequest::sendHttpError(StandardHttpError error, const HeaderFields& fields)
+{
+    if (isAnswered())
+        return;
+    NwaHttpContentHeader header(QString::fromLatin1("text/plain"), QString::fromLatin1("utf-8"));
+    header.setStatus(error);
+    for (int index = 0; index < fields.size(); ++index)
+        header.addField(fields.at(index).first, fields.at(index).second);
+    const QByteArray text =
+        QByteArray::number(int(error)) + ' ' + NwaAbstractHttpHeader::reasonPhrase(error) + '\n';
+    m_streams->output.stream << header;
+    m_streams->output.stream.write(text.constData(), text.size());
+}
+
+bool NwaFcgiRequest::isAnswered() const
+{
+    return m_streams->output.buffer.isUsed();
+}
+
+int NwaFcgiRequest::replyBacklog() const
+{
+    return m_channel ? m_channel->replyBacklog() : 0;
+}
+
+bool NwaFcgiRequest::isAborted() const
+{
+    return !m_channel;
+}
+
+void NwaFcgiRequest::omitReplyBody()
+{
+    m_streams->output.buffer.sendHeaderOnly();
+}
+
+void NwaFcgiChannel::tellBodyAvailable(NwaFcgiRequest* request)
+{
+    emit request->bodyAvailable();
+}
+
+void NwaFcgiChannel::tellReplyTaken(NwaFcgiRequest* request)
+{
+    // Not at once: the channel may be told of it in the middle of a write.
+    QMetaObject::invokeMethod(request, "replyTaken", Qt::QueuedConnection);
+}
+
+void NwaFcgiChannel::tellAborted(NwaFcgiRequest* request)
+{
+    request->m_channel = 0;
+    // Not at once: whoever hears of it may delete the request, which may be in the middle of a write.
+    QMetaObject::invokeMethod(request, "aborted", Qt::QueuedConnection);
+}

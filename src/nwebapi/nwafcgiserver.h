@@ -1,0 +1,146 @@
+#ifndef NWEBAPI_NWAFCGISERVER_H
+#define NWEBAPI_NWAFCGISERVER_H
+
+#include <nwebapi/nwaglobal.h>
+
+#include <QtCore/QHash>
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
+#include <QtCore/QQueue>
+#include <QtCore/QScopedPointer>
+#include <QtCore/QString>
+#include <QtCore/QTimer>
+
+#include <memory>
+
+class NwaAbstractFcgiService;
+class NwaFcgiConnection;
+class NwaFcgiPoller;
+class NwaFcgiRequest;
+class QSocketNotifier;
+
+/** The limits that an NwaFcgiServer sets to its clients. Each is at least 1. */
+struct NWEBAPI_EXPORT NwaFcgiLimits
+{
+    /** The limits that suit a small device. */
+    NwaFcgiLimits();
+
+    int connectionCount;    ///< connections at a time; further ones wait
+    int variablesSize;      ///< bytes of all variables of a request, its header fields among them; 431 beyond
+    int querySize;          ///< bytes of the query string; 414 beyond
+    int bodySize;           ///< bytes of a body that is not streamed; 413 beyond
+    int streamedBodyBuffer; ///< bytes of a streamed body that are held at a time; the client waits beyond
+    int replyBuffer;        ///< bytes of a reply that a slow client lets wait; the connection is dropped beyond
+    int stallTimeout;       ///< seconds that a client may let the server wait for the next bytes, or not take any
+};
+
+/**
+ * Receives requests over FastCGI (protocol version 1) and hands each to the service that is
+ * registered for its script name. It takes part in the Qt event loop and never blocks: a client that stalls, goes
+ * away or sends rubbish harms nobody else.
+ *
+ * A connection carries one request at a time; a second one is refused as the protocol provides
+ * (FCGI_CANT_MPX_CONN), while any number of connections are served side by side. Connections are kept open where
+ * the web server asks for it.
+ *
+ * Answered by the server itself: an unknown script (404), a query string that cannot be decoded and a body that is
+ * shorter or longer than announced (400), and what goes beyond the limits.
+ */
+class NWEBAPI_EXPORT NwaFcgiServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** A server that does not listen yet and knows no service. */
+    explicit NwaFcgiServer(QObject* parent = 0);
+
+    /** Closes the server and gives up all its requests. */
+    virtual ~NwaFcgiServer();
+
+    /** The limits in force; NwaFcgiLimits' own until setLimits() is called. */
+    NwaFcgiLimits limits() const;
+
+    /** Sets the limits; one below 1 becomes 1. They count for what arrives from now on. */
+    void setLimits(const NwaFcgiLimits& limits);
+
+    /**
+     * Listens on the Unix socket @a path (at most 107 bytes, see unix(7)). A socket that another process left
+     * behind there is replaced; one that is served, and anything that is no socket, is not.
+     * @param permissions the mode of the socket's file (see chmod(2)).
+     * @return whether the server listens; errorString() tells why not.
+     */
+    bool listenOnPath(const QString& path, int permissions = 0660);
+
+    /**
+     * Listens on a TCP port.
+     * @param address an IPv4 or IPv6 address in text, for example "127.0.0.1".
+     * @param port the port's number; 0 takes a free one (see port()).
+     */
+    bool listenOnPort(const QString& address, quint16 port);
+
+    /**
+     * Listens on a socket that is listening already, such as the descriptor 0 that a web server's spawner hands
+     * down. The server owns the descriptor from now on, and closes it with close().
+     */
+    bool listenOnDescriptor(int descriptor = 0);
+
+    /** Whether a listen operation succeeded and close() was not called since. */
+    bool isListening() const;
+
+    /** The TCP port that the server listens on; 0 when it does not listen on one. */
+    quint16 port() const;
+
+    /** Ends listening, drops all connections and removes the socket that listenOnPath() made. */
+    void close();
+
+    /** Why the latest listen operation failed, in English. */
+    QString errorString() const;
+
+    /**
+     * Hands the requests for @a scriptName (CGI's SCRIPT_NAME, for example "/api/timezones") to @a service from
+     * now on; not owned. A service that is destroyed is forgotten by itself.
+     */
+    void registerService(const QString& scriptName, NwaAbstractFcgiService* service);
+
+    /** Answers requests for @a scriptName with 404 from now on; its service keeps the requests that it has. */
+    void unregisterService(const QString& scriptName);
+
+    /** How many connections are open. */
+    int connectionCount() const;
+
+private slots:
+    void processEvents();
+    void resumeNext();
+    void sweep();
+
+private:
+    friend class NwaFcgiConnection;
+    Q_DISABLE_COPY(NwaFcgiServer)
+
+    typedef std::shared_ptr<NwaFcgiConnection> Connection;
+
+    bool startListening(int descriptor);
+    bool fail(const QString& what);
+    bool failWithSystemError(const QString& what, int descriptor);
+    void removeSocket();
+    void acceptConnections();
+    void pauseAccepting();
+    void setAccepting(bool accepting);
+    void dispatch(NwaFcgiRequest* request);
+    void resumeSoon(const Connection& connection);
+    void forget(int descriptor);
+
+    NwaFcgiLimits m_limits;
+    QHash<QString, QPointer<NwaAbstractFcgiService>> m_services;
+    QHash<int, Connection> m_connections; ///< by their descriptors
+    QQueue<Connection> m_resuming;
+    QScopedPointer<NwaFcgiPoller> m_poller;
+    QSocketNotifier* m_notifier; ///< tells of what the poller watches
+    int m_descriptor;
+    bool m_accepting;
+    QString m_socketPath;
+    QTimer m_sweepTimer;
+    QString m_errorString;
+};
+
+#endif

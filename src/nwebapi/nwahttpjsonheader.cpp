@@ -1,0 +1,6 @@
+#include <nwebapi/nwahttpjsonheader.h>
+
+NwaHttpJsonHeader::NwaHttpJsonHeader(const QString& charset)
+    : NwaHttpContentHeader(QString::fromLatin1("application/json"), charset)
+{
+}

@@ -1,0 +1,47 @@
+#ifndef NWEBAPI_NWAJSON_H
+#define NWEBAPI_NWAJSON_H
+
+#include <nwebapi/nwaglobal.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QVariant>
+
+/**
+ * JSON documents (RFC 8259) as values: an object is a QVariantMap, an array a QVariantList, a string a QString,
+ * true and false a bool, null an invalid QVariant; a number is a qlonglong when it is whole and a qlonglong can
+ * hold it, and otherwise a double. Which JSON library does the work is chosen when this library is built; results
+ * are the same.
+ */
+class NWEBAPI_EXPORT NwaJson
+{
+public:
+    /** How deep arrays and objects may be nested when nothing else is said. */
+    static const int DefaultMaximumDepth = 64;
+
+    /**
+     * The value @a value as a compact document in UTF-8. Besides the types above, hashes, string lists, byte
+     * arrays (UTF-8), all numeric types and whatever QVariant can make a text of are written; every other value
+     * becomes null, as do infinities and NaN. A float is written so that it is read back as the same float. An
+     * integer beyond 2^53 is written as the nearest double. Half a surrogate pair becomes U+FFFD.
+     */
+    static QByteArray serialize(const QVariant& value);
+
+    /**
+     * Reads one whole document.
+     * @param text the document in UTF-8; anything but white space behind it is an error, as are invalid UTF-8, a
+     * byte order mark and everything else that RFC 8259 does not allow.
+     * @param ok set to whether the document was read; may be null.
+     * Of members with the same name the last one counts. Half a surrogate pair and a number that a double cannot
+     * hold (1e400, 1e-400) are errors.
+     * @param maximumDepth how deep arrays and objects may be nested; the stack that parsing takes is bounded by
+     * it. At most 1000, also where more is given.
+     * @return the document's value, an invalid one when it cannot be read (and for the document "null").
+     */
+    static QVariant parse(const QByteArray& text, bool* ok, int maximumDepth = DefaultMaximumDepth);
+
+private:
+    NwaJson();
+};
+
+#endif

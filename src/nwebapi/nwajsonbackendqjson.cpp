@@ -1,0 +1,26 @@
+#include <nwebapi/nwajsonbackend_p.h>
+
+#include <parser.h>
+#include <serializer.h>
+
+namespace {
+
+// With so many digits every double is read back as it was.
+const int exactDoublePrecision = 17;
+
+} // namespace
+
+QByteArray NwaJsonBackend::serialize(const QVariantList& list)
+{
+    QJson::Serializer serializer;
+    serializer.setIndentMode(QJson::IndentCompact);
+    serializer.setDoublePrecision(exactDoublePrecision);
+    bool ok = false;
+    return serializer.serialize(list, &ok);
+}
+
+QVariantList NwaJsonBackend::parse(const QByteArray& text, bool* ok)
+{
+    QJson::Parser parser;
+    return parser.parse(text, ok).toList();
+}

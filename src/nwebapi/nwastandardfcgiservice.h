@@ -1,0 +1,36 @@
+#ifndef NWEBAPI_NWASTANDARDFCGISERVICE_H
+#define NWEBAPI_NWASTANDARDFCGISERVICE_H
+
+#include <nwebapi/nwaabstractfcgiservice.h>
+
+#include <QtCore/QPointer>
+
+class NwaAbstractFcgiRequestProcessor;
+
+/** A service whose requests are all answered by one request processor. */
+class NWEBAPI_EXPORT NwaStandardFcgiService : public NwaAbstractFcgiService
+{
+    Q_OBJECT
+
+public:
+    /**
+     * @param processor answers the requests. The service owns it and deletes it, unless it is a QObject that was
+     * deleted by its own parent before.
+     */
+    NwaStandardFcgiService(NwaAbstractFcgiRequestProcessor* processor, QObject* parent);
+    virtual ~NwaStandardFcgiService();
+
+    /** Hands @a request to the processor. */
+    virtual void processRequest(NwaFcgiRequest* request);
+
+private:
+    Q_DISABLE_COPY(NwaStandardFcgiService)
+
+    bool processorIsAlive() const;
+
+    NwaAbstractFcgiRequestProcessor* m_processor;
+    bool m_processorIsObject;
+    QPointer<QObject> m_processorObject;
+};
+
+#endif

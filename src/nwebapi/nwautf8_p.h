@@ -1,0 +1,24 @@
+#ifndef NWEBAPI_NWAUTF8_P_H
+#define NWEBAPI_NWAUTF8_P_H
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+
+/**
+ * UTF-8 exactly as RFC 3629 defines it. Qt's own decoder swallows a byte order mark at the start and differs
+ * between its versions in what it takes for an error.
+ */
+class NwaUtf8
+{
+public:
+    /** Whether @a bytes are UTF-8, without overlong forms, surrogates or characters beyond U+10FFFF. */
+    static bool isValid(const QByteArray& bytes);
+
+    /** The text of @a bytes; each byte that belongs to no valid character becomes U+FFFD. */
+    static QString decode(const QByteArray& bytes);
+
+private:
+    NwaUtf8();
+};
+
+#endif

@@ -1,0 +1,201 @@
+#include "uci_p.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+static const char* const messages[] = {
+    [UCI_OK] = "Success",
+    [UCI_ERR_MEM] = "Out of memory",
+    [UCI_ERR_INVAL] = "Invalid argument",
+    [UCI_ERR_NOTFOUND] = "Entry not found",
+    [UCI_ERR_IO] = "I/O error",
+    [UCI_ERR_PARSE] = "Parse error",
+    [UCI_ERR_DUPLICATE] = "Duplicate entry",
+    [UCI_ERR_UNKNOWN] = "Unknown error",
+};
+
+/* Numbers that nobody outside can guess; where the system gives none, at least different ones each time. */
+static void make_hash_key(uint32_t key[2], const void* address)
+{
+    int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+    ssize_t size = fd < 0 ? -1 : read(fd, key, 2 * sizeof(*key));
+
+    if (fd >= 0)
+        close(fd);
+    if (size == (ssize_t)(2 * sizeof(*key)))
+        return;
+    key[0] = (uint32_t)(uintptr_t)address ^ (uint32_t)getpid();
+    key[1] = (uint32_t)time(NULL) ^ (uint32_t)clock();
+}
+
+static bool add_directory(struct uci_list* list, const char* dir)
+{
+    struct uci_element* e = element_new(UCI_TYPE_PATH, dir);
+
+    if (e)
+        list_append(list, &e->list);
+    return e != NULL;
+}
+
+struct uci_context* uci_alloc_context(void)
+{
+    struct context* context = calloc(1, sizeof(*context));
+
+    if (!context)
+        return NULL;
+    struct uci_context* ctx = &context->public;
+    list_init(&ctx->root);
+    list_init(&ctx->backends);
+    list_init(&ctx->delta_path);
+    context->file_backend.e.type = UCI_TYPE_BACKEND;
+    context->file_backend.e.name = context->file_backend_name;
+    memcpy(context->file_backend_name, "file", sizeof("file"));
+    list_append(&ctx->backends, &context->file_backend.e.list);
+    ctx->backend = &context->file_backend;
+    ctx->pctx = &context->parse_context;
+    ctx->flags = (enum uci_flags)(UCI_FLAG_STRICT | UCI_FLAG_SAVED_DELTA);
+    make_hash_key(context->hash_key, context);
+    ctx->confdir = strdup(UCI_CONFDIR);
+    ctx->savedir = strdup(UCI_SAVEDIR);
+    ctx->conf2dir = strdup(UCI_CONF2DIR);
+    if (!ctx->confdir || !ctx->savedir || !ctx->conf2dir || !add_directory(&ctx->delta_path, UCI_SAVEDIR)) {
+        uci_free_context(ctx);
+        return NULL;
+    }
+    return ctx;
+}
+
+void uci_free_context(struct uci_context* ctx)
+{
+    if (!ctx)
+        return;
+    while (!uci_list_empty(&ctx->root))
+        package_free(uci_to_package(list_to_element(ctx->root.next)));
+    element_list_free(&ctx->delta_path);
+    free(ctx->confdir);
+    free(ctx->savedir);
+    free(ctx->conf2dir);
+    text_free(&((struct context*)ctx)->argument);
+    free(ctx);
+}
+
+int finish(struct uci_context* ctx, int result)
+{
+    if (!ctx)
+        return result;
+    ctx->err = result;
+    if (result != UCI_OK && ctx->flags & UCI_FLAG_PERROR)
+        uci_perror(ctx, NULL);
+    return result;
+}
+
+/* ---- texts of errors ---- */
+
+static void append_reason(struct text* text, const struct uci_parse_context* where)
+{
+    char place[64];
+
+    if (!where->reason)
+        return;
+    snprintf(place, sizeof(place), ") at line %lu", (unsigned long)where->line);
+    text_append_string(text, " (");
+    text_append_string(text, where->reason);
+    text_append_string(text, place);
+}
+
+void uci_get_errorstr(struct uci_context* ctx, char** dest, const char* prefix)
+{
+    struct text text = {NULL, 0, 0, false};
+    int error = !ctx ? UCI_ERR_INVAL : ctx->err >= 0 && ctx->err < UCI_ERR_LAST ? ctx->err : UCI_ERR_UNKNOWN;
+
+    if (prefix) {
+        text_append_string(&text, prefix);
+        text_append_string(&text, ": ");
+    }
+    text_append_string(&text, messages[error]);
+    if (error == UCI_ERR_PARSE)
+        append_reason(&text, ctx->pctx);
+    if (text.failed)
+        text_free(&text);
+    if (dest) {
+        *dest = text.data;
+        return;
+    }
+    fprintf(stderr, "%s\n", text.data ? text.data : messages[error]);
+    text_free(&text);
+}
+
+void uci_perror(struct uci_context* ctx, const char* prefix)
+{
+    uci_get_errorstr(ctx, NULL, prefix);
+}
+
+/* ---- directories ---- */
+
+static int set_directory(struct uci_context* ctx, char** directory, const char* dir)
+{
+    if (!dir)
+        return UCI_ERR_INVAL;
+    char* copy = strdup(dir);
+    if (!copy)
+        return UCI_ERR_MEM;
+    free(*directory);
+    *directory = copy;
+    (void)ctx;
+    return UCI_OK;
+}
+
+int uci_set_confdir(struct uci_context* ctx, const char* dir)
+{
+    return finish(ctx, ctx ? set_directory(ctx, &ctx->confdir, dir) : UCI_ERR_INVAL);
+}
+
+int uci_set_conf2dir(struct uci_context* ctx, const char* dir)
+{
+    return finish(ctx, ctx ? set_directory(ctx, &ctx->conf2dir, dir) : UCI_ERR_INVAL);
+}
+
+static struct uci_element* find_directory(const struct uci_list* list, const char* dir)
+{
+    struct uci_element* e;
+
+    uci_foreach_element(list, e) if (strcmp(e->name, dir) == 0) return e;
+    return NULL;
+}
+
+/* The staging directory is the last that is read: what was staged last counts. */
+int uci_set_savedir(struct uci_context* ctx, const char* dir)
+{
+    if (!ctx || !dir)
+        return finish(ctx, UCI_ERR_INVAL);
+    struct uci_element* known = find_directory(&ctx->delta_path, dir);
+    if (!known && !add_directory(&ctx->delta_path, dir))
+        return finish(ctx, UCI_ERR_MEM);
+    if (known) {
+        list_remove(&known->list);
+        list_append(&ctx->delta_path, &known->list);
+    }
+    return finish(ctx, set_directory(ctx, &ctx->savedir, dir));
+}
+
+int uci_add_delta_path(struct uci_context* ctx, const char* dir)
+{
+    if (!ctx || !dir)
+        return finish(ctx, UCI_ERR_INVAL);
+    if (find_directory(&ctx->delta_path, dir))
+        return finish(ctx, UCI_ERR_DUPLICATE);
+    struct uci_element* e = element_new(UCI_TYPE_PATH, dir);
+    if (!e)
+        return finish(ctx, UCI_ERR_MEM);
+    list_insert_after(ctx->delta_path.prev->prev, &e->list);
+    return finish(ctx, UCI_OK);
+}
+
+int uci_set_backend(struct uci_context* ctx, const char* name)
+{
+    if (!ctx || !name)
+        return finish(ctx, UCI_ERR_INVAL);
+    return finish(ctx, strcmp(name, ctx->backend->e.name) == 0 ? UCI_OK : UCI_ERR_NOTFOUND);
+}

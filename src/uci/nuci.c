@@ -1,0 +1,686 @@
+/* nuci - look at the configuration and change it. See print_usage(). */
+#include <uci.h>
+
+#include <errno.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+enum { EXIT_FAILED = 1, EXIT_USAGE = 255 };
+
+static const char program[] = "nuci";
+
+struct options
+{
+    bool quiet;
+    bool names;            /* show unnamed sections by their names, not as @type[index] */
+    const char* separator; /* between the items of a list; null quotes each item instead */
+    bool merge;            /* import adds to the package */
+    const char* input;     /* file to import from */
+};
+
+/* A command, and how often it runs: once for each argument, or once for each package if it is given none. */
+struct command
+{
+    const char* name;
+    int min, max;
+    bool all_packages;
+    int (*run)(struct uci_context* ctx, const struct options* options, int argc, char** argv);
+};
+
+static void print_usage(FILE* stream)
+{
+    fputs(
+        "Usage: nuci [<options>] <command> [<arguments>]\n"
+        "\n"
+        "Commands:\n"
+        "    show       [<config>[.<section>[.<option>]]]\n"
+        "    get        <config>.<section>[.<option>]\n"
+        "    set        <config>.<section>[.<option>]=<value>\n"
+        "    add        <config> <section-type>\n"
+        "    add_list   <config>.<section>.<option>=<string>\n"
+        "    del_list   <config>.<section>.<option>=<string>\n"
+        "    delete     <config>.<section>[.<option>[=<index>]]\n"
+        "    rename     <config>.<section>[.<option>]=<name>\n"
+        "    reorder    <config>.<section>=<position>\n"
+        "    changes    [<config>]\n"
+        "    commit     [<config>]\n"
+        "    revert     <config>[.<section>[.<option>]]\n"
+        "    export     [<config>]\n"
+        "    import     [<config>]\n"
+        "\n"
+        "Options:\n"
+        "    -c <path>  the directory of the packages (default: " UCI_CONFDIR ")\n"
+        "    -C <path>  the directory of packages that go before those (default: " UCI_CONF2DIR ")\n"
+        "    -d <text>  what to print between the items of lists\n"
+        "    -f <file>  the file to import from (default: standard input)\n"
+        "    -m         merge what is imported into the package\n"
+        "    -n         print unnamed sections by their made names when exporting\n"
+        "    -N         do not print unnamed sections by their made names when exporting (default)\n"
+        "    -p <path>  read staged changes from this directory as well\n"
+        "    -P <path>  read staged changes from this directory as well, and stage changes there\n"
+        "    -t <path>  stage changes in this directory\n"
+        "    -q         print no error messages\n"
+        "    -s         strict reading (default)\n"
+        "    -S         accepted for compatibility\n"
+        "    -X         show unnamed sections by their made names\n",
+        stream);
+}
+
+static int report(struct uci_context* ctx, const struct options* options)
+{
+    if (!options->quiet)
+        uci_perror(ctx, program);
+    return EXIT_FAILED;
+}
+
+/* Reports a failure that no function of the store has noted. */
+static int report_code(struct uci_context* ctx, const struct options* options, int code)
+{
+    ctx->err = code;
+    return report(ctx, options);
+}
+
+/* ---- printing ---- */
+
+static void print_quoted(const char* text)
+{
+    putchar('\'');
+    for (; *text; text++) {
+        if (*text == '\'')
+            fputs("'\\''", stdout);
+        else
+            putchar(*text);
+    }
+    putchar('\'');
+}
+
+static bool needs_quotes(const char* text)
+{
+    return strpbrk(text, " \t\r\n\v\f") != NULL || !*text;
+}
+
+/* Prints the items of a list as the one line that get and show give for it. */
+static void print_items(const struct options* options, const struct uci_list* list, bool quoted)
+{
+    struct uci_element* e;
+    const char* separator = "";
+
+    uci_foreach_element(list, e)
+    {
+        fputs(separator, stdout);
+        separator = options->separator ? options->separator : " ";
+        if (quoted || (!options->separator && needs_quotes(e->name)))
+            print_quoted(e->name);
+        else
+            fputs(e->name, stdout);
+    }
+}
+
+/* How a person names a section: by its name, or by its type and number if it has none of its own. */
+static void print_section_name(const struct options* options, const struct uci_section* s, unsigned index)
+{
+    if (s->anonymous && !options->names)
+        printf("%s.@%s[%u]", s->package->e.name, s->type, index);
+    else
+        printf("%s.%s", s->package->e.name, s->e.name);
+}
+
+static void show_option(const struct options* options, const struct uci_option* o, unsigned section_index)
+{
+    print_section_name(options, o->section, section_index);
+    printf(".%s=", o->e.name);
+    if (o->type == UCI_TYPE_LIST)
+        print_items(options, &o->v.list, true);
+    else
+        print_quoted(o->v.string);
+    putchar('\n');
+}
+
+static void show_section(const struct options* options, const struct uci_section* s, unsigned index)
+{
+    struct uci_element* e;
+
+    print_section_name(options, s, index);
+    printf("=%s\n", s->type);
+    uci_foreach_element(&s->options, e) show_option(options, uci_to_option(e), index);
+}
+
+/* ---- the numbers of sections among those of their type ---- */
+
+struct type_counter
+{
+    const char* type;
+    unsigned count;
+};
+
+/* Types sorted by name would need no table; packages have few, and their number of sections is what counts. */
+struct type_counters
+{
+    struct type_counter* slot;
+    size_t size; /* a power of two */
+    size_t used;
+};
+
+static size_t find_slot(const struct type_counters* counters, const char* type)
+{
+    size_t hash = 5381;
+
+    for (const char* c = type; *c; c++)
+        hash = hash * 33 + (unsigned char)*c;
+    size_t slot = hash & (counters->size - 1);
+    while (counters->slot[slot].type && strcmp(counters->slot[slot].type, type) != 0)
+        slot = (slot + 1) & (counters->size - 1);
+    return slot;
+}
+
+static bool grow(struct type_counters* counters)
+{
+    struct type_counters larger = {NULL, counters->size ? counters->size * 2 : 16, counters->used};
+
+    larger.slot = calloc(larger.size, sizeof(*larger.slot));
+    if (!larger.slot)
+        return false;
+    for (size_t i = 0; i < counters->size; i++)
+        if (counters->slot[i].type)
+            larger.slot[find_slot(&larger, counters->slot[i].type)] = counters->slot[i];
+    free(counters->slot);
+    *counters = larger;
+    return true;
+}
+
+/* Gives the number of the next section of a type. Without memory all are number 0. */
+static unsigned next_index(struct type_counters* counters, const char* type)
+{
+    if (counters->used * 2 >= counters->size && !grow(counters))
+        return 0;
+    struct type_counter* counter = &counters->slot[find_slot(counters, type)];
+    if (!counter->type) {
+        counter->type = type;
+        counters->used++;
+    }
+    return counter->count++;
+}
+
+static unsigned index_of(const struct uci_section* s)
+{
+    struct uci_element* e;
+    unsigned index = 0;
+
+    uci_foreach_element(&s->package->sections, e)
+    {
+        const struct uci_section* other = uci_to_section(e);
+        if (other == s)
+            break;
+        index += strcmp(other->type, s->type) == 0;
+    }
+    return index;
+}
+
+static void show_package(const struct options* options, const struct uci_package* p)
+{
+    struct type_counters counters = {NULL, 0, 0};
+    struct uci_element* e;
+
+    uci_foreach_element(&p->sections, e)
+    {
+        const struct uci_section* s = uci_to_section(e);
+        show_section(options, s, next_index(&counters, s->type));
+    }
+    free(counters.slot);
+}
+
+/* ---- commands that look ---- */
+
+static int look_up(struct uci_context* ctx, const struct options* options, struct uci_ptr* ptr, char* text)
+{
+    return uci_lookup_ptr(ctx, ptr, text, true) == UCI_OK ? 0 : report(ctx, options);
+}
+
+static int
+look_up_complete(struct uci_context* ctx, const struct options* options, struct uci_ptr* ptr, char* text)
+{
+    if (look_up(ctx, options, ptr, text))
+        return EXIT_FAILED;
+    if (ptr->value)
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    return ptr->flags & UCI_LOOKUP_COMPLETE ? 0 : report_code(ctx, options, UCI_ERR_NOTFOUND);
+}
+
+static int run_show(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+
+    (void)argc;
+    if (look_up_complete(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    if (ptr.o)
+        show_option(options, ptr.o, index_of(ptr.s));
+    else if (ptr.s)
+        show_section(options, ptr.s, index_of(ptr.s));
+    else
+        show_package(options, ptr.p);
+    return 0;
+}
+
+static int run_get(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+
+    (void)argc;
+    if (look_up_complete(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    if (!ptr.s)
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    if (!ptr.o)
+        fputs(ptr.s->type, stdout);
+    else if (ptr.o->type == UCI_TYPE_LIST)
+        print_items(options, &ptr.o->v.list, false);
+    else
+        fputs(ptr.o->v.string, stdout);
+    putchar('\n');
+    return 0;
+}
+
+static int run_export(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+
+    (void)argc;
+    if (look_up_complete(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    if (ptr.target != UCI_TYPE_PACKAGE)
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    return uci_export(ctx, stdout, ptr.p, true) == UCI_OK ? 0 : report(ctx, options);
+}
+
+static void print_change(const struct uci_package* p, const struct uci_delta* delta)
+{
+    static const char* const marks[] = {
+        [UCI_CMD_ADD] = "",      [UCI_CMD_REMOVE] = "-",  [UCI_CMD_CHANGE] = "",   [UCI_CMD_RENAME] = "@",
+        [UCI_CMD_REORDER] = "^", [UCI_CMD_LIST_ADD] = "", [UCI_CMD_LIST_DEL] = "",
+    };
+    const char* equals = delta->cmd == UCI_CMD_LIST_ADD ? "+=" : delta->cmd == UCI_CMD_LIST_DEL ? "-=" : "=";
+
+    printf("%s%s.%s", marks[delta->cmd], p->e.name, delta->section);
+    if (delta->e.name)
+        printf(".%s", delta->e.name);
+    /* What is removed has no value; the value of an item is its number, which is shown in the same way. */
+    if (delta->value) {
+        fputs(equals, stdout);
+        print_quoted(delta->value);
+    }
+    putchar('\n');
+}
+
+static int run_changes(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+    struct uci_element* e;
+
+    (void)argc;
+    if (look_up_complete(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    uci_foreach_element(&ptr.p->saved_delta, e) print_change(ptr.p, uci_to_delta(e));
+    uci_foreach_element(&ptr.p->delta, e) print_change(ptr.p, uci_to_delta(e));
+    return 0;
+}
+
+/* ---- commands that change ---- */
+
+static int save(struct uci_context* ctx, const struct options* options, struct uci_package* p)
+{
+    return uci_save(ctx, p) == UCI_OK ? 0 : report(ctx, options);
+}
+
+static int change(
+    struct uci_context* ctx, const struct options* options, char* text,
+    int (*function)(struct uci_context* ctx, struct uci_ptr* ptr))
+{
+    struct uci_ptr ptr;
+
+    if (look_up(ctx, options, &ptr, text))
+        return EXIT_FAILED;
+    if (function(ctx, &ptr) != UCI_OK)
+        return report(ctx, options);
+    return save(ctx, options, ptr.p);
+}
+
+static int run_set(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    (void)argc;
+    return change(ctx, options, argv[0], uci_set);
+}
+
+static int run_add_list(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    (void)argc;
+    return change(ctx, options, argv[0], uci_add_list);
+}
+
+static int run_del_list(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    (void)argc;
+    return change(ctx, options, argv[0], uci_del_list);
+}
+
+static int run_delete(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    (void)argc;
+    return change(ctx, options, argv[0], uci_delete);
+}
+
+static int run_rename(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    (void)argc;
+    return change(ctx, options, argv[0], uci_rename);
+}
+
+static int run_reorder(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+    char* end;
+
+    (void)argc;
+    if (look_up(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    if (!ptr.s || ptr.option)
+        return report_code(ctx, options, ptr.section && !ptr.option ? UCI_ERR_NOTFOUND : UCI_ERR_INVAL);
+    long position = ptr.value ? strtol(ptr.value, &end, 10) : 0;
+    if (!ptr.value || end == ptr.value || *end || position < -1000000000 || position > 1000000000)
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    if (uci_reorder_section(ctx, ptr.s, (int)position) != UCI_OK)
+        return report(ctx, options);
+    return save(ctx, options, ptr.p);
+}
+
+static int run_add(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+    struct uci_section* s;
+
+    (void)argc;
+    if (!uci_validate_text(argv[1]))
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    if (look_up(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    if (ptr.target != UCI_TYPE_PACKAGE)
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    if (uci_add_section(ctx, ptr.p, argv[1], &s) != UCI_OK)
+        return report(ctx, options);
+    if (save(ctx, options, ptr.p))
+        return EXIT_FAILED;
+    printf("%s\n", s->e.name);
+    return 0;
+}
+
+static int run_commit(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+
+    (void)argc;
+    if (look_up_complete(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    if (ptr.target != UCI_TYPE_PACKAGE)
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    return uci_commit(ctx, &ptr.p, false) == UCI_OK ? 0 : report(ctx, options);
+}
+
+static int run_revert(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct uci_ptr ptr;
+
+    (void)argc;
+    if (look_up(ctx, options, &ptr, argv[0]))
+        return EXIT_FAILED;
+    return uci_revert(ctx, &ptr) == UCI_OK ? 0 : report(ctx, options);
+}
+
+/* ---- import ---- */
+
+/* Goes through what was imported as changes of the package that is there. */
+static int merge_section(struct uci_context* ctx, struct uci_package* target, const struct uci_section* s)
+{
+    struct uci_element *e, *item;
+    struct uci_ptr ptr;
+    struct uci_section* own = NULL;
+    int result;
+
+    memset(&ptr, 0, sizeof(ptr));
+    ptr.p = target;
+    if (s->anonymous) {
+        result = uci_add_section(ctx, target, s->type, &own);
+    } else {
+        ptr.section = s->e.name;
+        ptr.value = s->type;
+        result = uci_set(ctx, &ptr);
+        own = ptr.s;
+    }
+    uci_foreach_element(&s->options, e)
+    {
+        const struct uci_option* o = uci_to_option(e);
+        memset(&ptr, 0, sizeof(ptr));
+        ptr.s = own;
+        ptr.option = e->name;
+        if (result == UCI_OK && o->type == UCI_TYPE_STRING) {
+            ptr.value = o->v.string;
+            result = uci_set(ctx, &ptr);
+            continue;
+        }
+        if (o->type == UCI_TYPE_STRING)
+            continue;
+        uci_foreach_element(&o->v.list, item)
+        {
+            ptr.value = item->name;
+            if (result == UCI_OK)
+                result = uci_add_list(ctx, &ptr);
+        }
+    }
+    return result;
+}
+
+/* Reads the text into a context of its own, for the package is loaded in this one. */
+static int merge(struct uci_context* ctx, const struct options* options, FILE* stream, char* name)
+{
+    struct uci_context* other = uci_alloc_context();
+    struct uci_package* imported = NULL;
+    struct uci_ptr ptr;
+    struct uci_element* e;
+    int result = look_up(ctx, options, &ptr, name);
+
+    if (!other)
+        result = report_code(ctx, options, UCI_ERR_MEM);
+    else if (!result && uci_import(other, stream, name, &imported, true) != UCI_OK)
+        result = report(other, options);
+    if (!result) {
+        int code = UCI_OK;
+        uci_foreach_element(&imported->sections, e)
+        {
+            if (code == UCI_OK)
+                code = merge_section(ctx, ptr.p, uci_to_section(e));
+        }
+        result = code == UCI_OK ? save(ctx, options, ptr.p) : report_code(ctx, options, code);
+    }
+    uci_free_context(other);
+    return result;
+}
+
+static int replace(struct uci_context* ctx, const struct options* options, FILE* stream, const char* name)
+{
+    struct uci_package* p = NULL;
+    struct uci_element *e, *next;
+    int result = 0;
+
+    if (uci_import(ctx, stream, name, &p, name != NULL) != UCI_OK)
+        return report(ctx, options);
+    uci_foreach_element_safe(&ctx->root, next, e)
+    {
+        struct uci_package* imported = uci_to_package(e);
+        if (!result && uci_commit(ctx, &imported, true) != UCI_OK)
+            result = report(ctx, options);
+    }
+    return result;
+}
+
+/* A name from the command line becomes a file's, so that it may not be a path. */
+static bool is_package_name(const char* name)
+{
+    return uci_validate_text(name) && *name != '.' && !strpbrk(name, "/=");
+}
+
+static int run_import(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    char* name = argc ? argv[0] : NULL;
+
+    if ((name && !is_package_name(name)) || (options->merge && !name))
+        return report_code(ctx, options, UCI_ERR_INVAL);
+    FILE* stream = options->input ? fopen(options->input, "r") : stdin;
+    if (!stream) {
+        if (!options->quiet)
+            fprintf(stderr, "%s: %s: %s\n", program, options->input, strerror(errno));
+        return EXIT_FAILED;
+    }
+    int result = options->merge ? merge(ctx, options, stream, name) : replace(ctx, options, stream, name);
+    if (stream != stdin)
+        fclose(stream);
+    return result;
+}
+
+/* ---- the command line ---- */
+
+static const struct command commands[] = {
+    {"show", 0, 1, true, run_show},
+    {"get", 1, 1, false, run_get},
+    {"set", 1, 1000000, false, run_set},
+    {"add", 2, 2, false, run_add},
+    {"add_list", 1, 1000000, false, run_add_list},
+    {"del_list", 1, 1000000, false, run_del_list},
+    {"delete", 1, 1000000, false, run_delete},
+    {"rename", 1, 1000000, false, run_rename},
+    {"reorder", 1, 1000000, false, run_reorder},
+    {"changes", 0, 1, true, run_changes},
+    {"commit", 0, 1, true, run_commit},
+    {"revert", 1, 1000000, false, run_revert},
+    {"export", 0, 1, true, run_export},
+    {"import", 0, 1, false, run_import},
+};
+
+static const struct command* find_command(const char* name)
+{
+    for (size_t i = 0; i < sizeof(commands) / sizeof(commands[0]); i++)
+        if (strcmp(commands[i].name, name) == 0)
+            return &commands[i];
+    return NULL;
+}
+
+/* Runs a command for each package; one that cannot be read does not keep the others from their turn. */
+static int run_for_all(struct uci_context* ctx, const struct options* options, const struct command* command)
+{
+    char** list;
+    int result = 0;
+
+    if (uci_list_configs(ctx, &list) != UCI_OK)
+        return report(ctx, options);
+    for (char** name = list; *name; name++)
+        if (command->run(ctx, options, 1, name))
+            result = EXIT_FAILED;
+    free(list);
+    return result;
+}
+
+static int
+run(struct uci_context* ctx, const struct options* options, const struct command* command, int argc, char** argv)
+{
+    if (argc == 0 && command->all_packages)
+        return run_for_all(ctx, options, command);
+    if (command->max <= 2)
+        return command->run(ctx, options, argc, argv);
+    for (int i = 0; i < argc; i++) {
+        int result = command->run(ctx, options, 1, argv + i);
+        if (result)
+            return result;
+    }
+    return 0;
+}
+
+static bool set_up(struct uci_context* ctx, struct options* options, int argc, char** argv)
+{
+    int option;
+    int result = UCI_OK;
+
+    while (result == UCI_OK && (option = getopt(argc, argv, "+c:C:d:f:mnNp:P:t:qsSX")) != -1) {
+        switch (option) {
+        case 'c':
+            result = uci_set_confdir(ctx, optarg);
+            break;
+        case 'C':
+            result = uci_set_conf2dir(ctx, optarg);
+            break;
+        case 'd':
+            options->separator = optarg;
+            break;
+        case 'f':
+            options->input = optarg;
+            break;
+        case 'm':
+            options->merge = true;
+            break;
+        case 'n':
+            ctx->flags = (enum uci_flags)(ctx->flags | UCI_FLAG_EXPORT_NAME);
+            break;
+        case 'N':
+            ctx->flags = (enum uci_flags)(ctx->flags & ~UCI_FLAG_EXPORT_NAME);
+            break;
+        case 'p':
+            if (uci_add_delta_path(ctx, optarg) == UCI_ERR_MEM)
+                result = UCI_ERR_MEM;
+            break;
+        case 'P':
+        case 't':
+            result = uci_set_savedir(ctx, optarg);
+            break;
+        case 'q':
+            options->quiet = true;
+            break;
+        case 's':
+        case 'S':
+            break;
+        case 'X':
+            options->names = true;
+            break;
+        default:
+            return false;
+        }
+    }
+    if (result != UCI_OK)
+        report(ctx, options);
+    return result == UCI_OK;
+}
+
+int main(int argc, char** argv)
+{
+    struct options options = {.separator = NULL};
+    struct uci_context* ctx = uci_alloc_context();
+
+    if (!ctx) {
+        fprintf(stderr, "%s: Out of memory\n", program);
+        return EXIT_FAILED;
+    }
+    int result = EXIT_USAGE;
+    const struct command* command = NULL;
+    if (set_up(ctx, &options, argc, argv) && optind < argc) {
+        command = find_command(argv[optind]);
+        argc -= optind + 1;
+        argv += optind + 1;
+    }
+    if (command && argc >= command->min && argc <= command->max)
+        result = run(ctx, &options, command, argc, argv);
+    else if (!options.quiet)
+        print_usage(stderr);
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        if (!options.quiet)
+            fprintf(stderr, "%s: %s\n", program, strerror(errno));
+        result = EXIT_FAILED;
+    }
+    uci_free_context(ctx);
+    return result;
+}

@@ -1,0 +1,134 @@
+#include "uci_p.h"
+
+#include <stdlib.h>
+
+static bool is_reverted(const struct delta_line* line, const char* section, const char* option)
+{
+    if (section && strcmp(section, line->section) != 0)
+        return false;
+    return !option || (line->option && strcmp(option, line->option) == 0);
+}
+
+/* Writes the lines that stay. False if a line is malformed, which keeps them all: it may be the rest of another
+ * one. */
+static bool filter_lines(
+    const struct uci_package* p, struct staged* staged, const char* section, const char* option, struct text* kept)
+{
+    struct words words = {
+        .position = staged->text.data + staged->begin, .end = staged->text.data + staged->text.size};
+    struct delta_line line;
+    enum delta_result read;
+
+    while ((read = delta_next(&words, p->e.name, &line)) != DELTA_END) {
+        if (read == DELTA_REFUSED)
+            return false;
+        if (!is_reverted(&line, section, option))
+            delta_write(kept, p, line.cmd, line.section, line.option, line.value);
+    }
+    return true;
+}
+
+static int rewrite(const struct locked_file* file, const char* path, const struct text* kept)
+{
+    struct replacement replacement;
+
+    if (!kept->size)
+        return file_truncate(file, 0);
+    int result = file_write_beside(&replacement, file, path, kept);
+    if (result != UCI_OK)
+        return result;
+    result = file_replace(&replacement);
+    replacement_free(&replacement);
+    return result;
+}
+
+/* Drops the lines in the file of changes. */
+static int drop_lines(const struct uci_package* p, struct staged* staged, const char* section, const char* option)
+{
+    struct text kept = {NULL, 0, 0, false};
+    int result = UCI_OK;
+    char* path = staged_path(p);
+
+    if (!path)
+        return UCI_ERR_MEM;
+    if (staged->text.size && !memchr(staged->text.data, 0, staged->text.size) &&
+        filter_lines(p, staged, section, option, &kept))
+        result = kept.failed ? UCI_ERR_MEM : rewrite(&staged->file, path, &kept);
+    free(path);
+    text_free(&kept);
+    return result;
+}
+
+/* The package file stays locked meanwhile: a commit stages its changes while it holds that lock, and they must not
+ * be dropped before it has applied them. */
+static int drop_staged(const struct uci_package* p, const char* section, const char* option)
+{
+    struct staged staged;
+    struct locked_file file;
+    struct text package_file = {NULL, 0, 0, false};
+    int result = file_open_shared(&file, p->path);
+    bool is_locked = result == UCI_OK;
+
+    if (is_locked)
+        result = file_read(&file, &package_file);
+    if (result == UCI_OK || result == UCI_ERR_NOTFOUND)
+        result = staged_open(&staged, p->ctx, p->e.name, &package_file, true);
+    text_free(&package_file);
+    if (result == UCI_OK) {
+        result = drop_lines(p, &staged, section, option);
+        staged_close(&staged);
+    }
+    if (is_locked)
+        file_close(&file);
+    return result;
+}
+
+/* Reads the package anew under its name; the names of the place stay as they are. */
+static int reload(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    char* name = strdup(ptr->p->e.name);
+
+    if (!name)
+        return UCI_ERR_MEM;
+    if (ptr->package == ptr->p->e.name)
+        ptr->package = NULL;
+    package_free(ptr->p);
+    ptr->p = NULL;
+    ptr->s = NULL;
+    ptr->o = NULL;
+    ptr->last = NULL;
+    int result = store_load(ctx, name, &ptr->p);
+    free(name);
+    if (result == UCI_OK)
+        ptr->last = &ptr->p->e;
+    if (result == UCI_OK && !ptr->package)
+        ptr->package = ptr->p->e.name;
+    return result;
+}
+
+static int revert(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    int result = place_resolve(ctx, ptr);
+
+    if (result != UCI_OK)
+        return result;
+    if (!ptr->p->has_delta)
+        return UCI_ERR_INVAL;
+    bool own_section = ptr->s && ptr->section == ptr->s->e.name;
+    bool own_option = ptr->o && ptr->option == ptr->o->e.name;
+    result = store_stage(ptr->p);
+    if (result == UCI_OK)
+        result = drop_staged(ptr->p, ptr->section, ptr->option);
+    if (result != UCI_OK)
+        return result;
+    if (own_section)
+        ptr->section = "";
+    if (own_option)
+        ptr->option = "";
+    return reload(ctx, ptr);
+}
+
+int uci_revert(struct uci_context* ctx, struct uci_ptr* ptr)
+{
+    return finish(ctx, ctx && ptr ? revert(ctx, ptr) : UCI_ERR_INVAL);
+}

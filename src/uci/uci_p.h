@@ -1,0 +1,289 @@
+/* What the parts of the store share. Nothing of this is installed. */
+#ifndef UCI_P_H
+#define UCI_P_H
+
+#include "uci.h"
+
+/* Where and why reading failed last. */
+struct uci_parse_context
+{
+    const char* reason; /* null if a string was malformed and no file */
+    size_t line;
+};
+
+/* ---- text.c: growing text ---- */
+
+/* A text that grows at its end; always ended by a NUL byte once it holds something. */
+struct text
+{
+    char* data;
+    size_t size;
+    size_t capacity;
+    bool failed; /* memory ran out: what was appended since is missing */
+};
+
+void text_append(struct text* text, const char* data, size_t size);
+void text_append_string(struct text* text, const char* string);
+void text_append_quoted(struct text* text, const char* string);
+void text_free(struct text* text);
+
+/* ---- elements.c: elements, lists and the index of names ---- */
+
+/* Finds the elements of a list by their names: a hash table with linear probing. Short lists have none and are
+ * walked. */
+struct name_index
+{
+    struct name_slot* slots;
+    uint32_t slot_count; /* a power of two, or 0 */
+    uint32_t count;
+};
+
+struct context
+{
+    struct uci_context public;
+    struct uci_parse_context parse_context;
+    struct uci_backend file_backend;
+    char file_backend_name[8];
+    uint32_t hash_key[2]; /* random, so that nobody can choose names that meet in one bucket */
+    struct text argument; /* the latest result of uci_parse_argument() */
+};
+
+struct package
+{
+    struct uci_package public;
+    struct name_index sections;
+};
+
+/* Name, type and value lie behind the element in the same block of memory until they change. */
+struct section
+{
+    struct uci_section public;
+    struct name_index options;
+    uint32_t text_size;
+    char text[];
+};
+
+struct option
+{
+    struct uci_option public;
+    uint32_t text_size;
+    char text[];
+};
+
+void list_init(struct uci_list* list);
+void list_append(struct uci_list* list, struct uci_list* link);
+void list_insert_after(struct uci_list* place, struct uci_list* link);
+void list_remove(struct uci_list* link);
+
+struct uci_element* element_new(enum uci_type type, const char* name);
+void element_list_free(struct uci_list* list);
+
+struct uci_package* package_new(struct uci_context* ctx, const char* name);
+void package_free(struct uci_package* p);
+struct uci_section* package_find(const struct uci_package* p, const char* name);
+
+/* Makes a section at the end of the package. Without a name it is anonymous and gets one. */
+struct uci_section* section_new(struct uci_package* p, const char* type, const char* name);
+void section_free(struct uci_section* s);
+struct uci_option* section_find(const struct uci_section* s, const char* name);
+bool section_set_name(struct uci_section* s, const char* name);
+bool section_set_type(struct uci_section* s, const char* type);
+
+/* Makes an option at the end of the section: a plain one with a value, an empty list without. */
+struct uci_option* option_new(struct uci_section* s, const char* name, const char* value);
+void option_free(struct uci_option* o);
+bool option_set_name(struct uci_option* o, const char* name);
+bool option_set_value(struct uci_option* o, const char* value);
+bool option_make_list(struct uci_option* o);
+bool option_append(struct uci_option* o, const char* value);
+
+/* Adds a change to a list of changes. */
+bool delta_new(
+    struct uci_list* list, enum uci_command cmd, const char* section, const char* option, const char* value);
+
+/* ---- words.c: names and words of the file formats ---- */
+
+bool is_plain_name(const char* name);
+bool is_package_line_name(const char* name);
+bool is_printable(const char* text);
+bool is_delta_value(const char* value);
+
+/* Reads words out of a text, which is overwritten by them. */
+struct words
+{
+    char* position;
+    char* end;         /* a NUL byte follows the text */
+    size_t line;       /* how many lines were passed */
+    bool line_over;    /* no word can follow on this line */
+    bool unterminated; /* a quote was still open at the end of the text */
+    bool separated;    /* the latest word was the empty one that ";" stands for */
+};
+
+/* Reads the next word of the line, an empty one if there is none; the result is ended by a NUL byte. */
+char* words_next(struct words* words);
+
+void words_skip_line(struct words* words);
+
+/* ---- parser.c, writer.c: the format of package files ---- */
+
+/* How to read a text as packages. */
+struct parse_mode
+{
+    const char* name; /* null: "package" lines give it */
+    bool single;      /* "package" lines are remarks */
+};
+
+/*
+ * Reads a text, which is overwritten, and appends the packages to the list, which is not the context's. On failure
+ * nothing is left in the list.
+ */
+int parse_packages(
+    struct uci_context* ctx, struct text* text, const struct parse_mode* mode, struct uci_list* list);
+
+/* Reads a text as one package. */
+int parse_package(struct uci_context* ctx, struct text* text, const char* name, struct uci_package** result);
+
+/* Writes a package so that it reads back as it is. UCI_ERR_INVAL: it has a name or type that could not be read. */
+int write_package(const struct uci_package* p, bool names, struct text* text);
+
+/* ---- delta.c: the format of staged changes ---- */
+
+/* A line of staged changes; names and value point into the text that was read. */
+struct delta_line
+{
+    enum uci_command cmd;
+    const char* section;
+    const char* option;
+    const char* value;
+};
+
+enum delta_result { DELTA_END, DELTA_LINE, DELTA_REFUSED };
+
+/* What is needed to recognise a package file: its size and a hash of its bytes. */
+struct fingerprint
+{
+    unsigned long long size;
+    unsigned long long hash;
+};
+
+struct fingerprint fingerprint_of(const char* data, size_t size);
+
+/* Reads the next line of a text of staged changes, which is overwritten. */
+enum delta_result delta_next(struct words* words, const char* package, struct delta_line* line);
+
+void delta_write(
+    struct text* text, const struct uci_package* p, enum uci_command cmd, const char* section, const char* option,
+    const char* value);
+
+/* How much of a text of staged changes, which is overwritten, is there before a quote that is never closed. */
+size_t delta_whole_size(struct text* text, const char* package);
+
+/*
+ * Where the lines begin that are not in the package file yet: behind the latest mark of a commit of this very file
+ * that was interrupted between replacing the file and emptying the changes.
+ */
+size_t delta_skip_committed(const struct text* text, const struct text* package_file);
+void delta_write_mark(struct text* text, struct fingerprint committed);
+
+/* Applies a text of staged changes to a package and adds the number of lines that could be. */
+int delta_apply(struct uci_package* p, struct text* text, size_t begin, size_t* applied);
+
+/* ---- change.c ---- */
+
+/* What a staged or new change does; new ones are remembered in the package. */
+int change_apply(struct uci_context* ctx, enum uci_command cmd, struct uci_ptr* ptr, bool remember);
+
+/* Fills in names from elements and elements from names, loading the package. */
+int place_resolve(struct uci_context* ctx, struct uci_ptr* ptr);
+
+/* ---- lookup.c ---- */
+
+/* Cuts "package[.section[.option]][=value]" into the names of a place. */
+int place_parse(struct uci_ptr* ptr, char* text);
+
+struct uci_package* context_find(const struct uci_context* ctx, const char* name);
+
+/* ---- context.c ---- */
+
+/* Notes the result of a public function in the context and gives it back. */
+int finish(struct uci_context* ctx, int result);
+
+/* ---- file.c: files, locks and replacement ---- */
+
+/* An open file, locked until it is closed. */
+struct locked_file
+{
+    int fd; /* -1 if none is open */
+};
+
+/* Opens for reading with a shared lock. UCI_ERR_NOTFOUND: there is no such regular file. */
+int file_open_shared(struct locked_file* file, const char* path);
+
+/* Opens for writing with an exclusive lock; makes the file with the given mode if there is none. */
+int file_open_exclusive(struct locked_file* file, const char* path, unsigned mode);
+
+void file_close(struct locked_file* file);
+
+/* Reads a whole file. */
+int file_read(const struct locked_file* file, struct text* text);
+
+/* Whether a file ends within a line, as it does when a writer was killed or somebody edited it. */
+bool file_ends_within_line(const struct locked_file* file);
+
+/* Appends to a file, on a line of its own, and flushes it; on failure the file is as before. */
+int file_append(const struct locked_file* file, const struct text* text);
+
+/* Cuts a file to a size and flushes it. */
+int file_truncate(const struct locked_file* file, size_t size);
+
+/*
+ * Replacing a file in two steps: the new contents go to a new file beside it, which then takes its place with its
+ * mode and owner. On failure the file is as before.
+ */
+struct replacement
+{
+    char* path;     /* of the file itself, no symbolic link */
+    char* new_path; /* of the new file */
+};
+
+int file_write_beside(
+    struct replacement* replacement, const struct locked_file* file, const char* path, const struct text* text);
+int file_replace(struct replacement* replacement);
+void replacement_free(struct replacement* replacement);
+
+/* Gives directory and name joined with "/", or null when memory is out. */
+char* path_join(const char* directory, const char* name);
+
+/* ---- staged.c: the file of staged changes ---- */
+
+/* What is staged for a package, with its file locked. */
+struct staged
+{
+    struct locked_file file; /* closed if there is none */
+    struct text text;
+    size_t begin; /* of the changes that are not in the package file yet */
+};
+
+char* staged_path(const struct uci_package* p);
+
+/* Reads what is staged beside the contents of the package file, as they are before they are parsed. */
+int staged_open(
+    struct staged* staged, const struct uci_context* ctx, const char* name, const struct text* package_file,
+    bool exclusive);
+
+/* Applies what is staged in all directories, and adds the number of lines that could be. */
+int staged_apply(struct uci_package* p, struct staged* staged, size_t* applied);
+
+void staged_close(struct staged* staged);
+
+/* Stages what is pending. */
+int store_stage(struct uci_package* p);
+
+/* ---- store.c: loading and committing ---- */
+
+/* Whether a package may have this name, UCI_OK, or what uci_load() says to it. */
+int store_check_name(const char* name);
+
+int store_load(struct uci_context* ctx, const char* name, struct uci_package** package);
+
+#endif

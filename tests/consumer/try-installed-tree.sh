@@ -1,0 +1,147 @@
+#!/bin/bash
+# One check of the installed tree; CMakeLists.txt beside this file calls it for each. "install" makes the tree that the
+# other checks use.
+#
+#     try-installed-tree.sh install|find_package|pkg_config|headers
+#         <source directory> <build directory> <work directory> <library directory> <soversion> <version>
+set -eu
+
+check=$1 source=$2 build=$3 work=$4 libdir=$5 soversion=$6 version=$7
+tree="$work/installed tree"
+export LD_LIBRARY_PATH="$tree/$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+export PKG_CONFIG_PATH="$tree/$libdir/pkgconfig"
+read -ra compile_flags <<< "${CXXFLAGS-}"
+
+fail()
+{
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+# What is installed is what is public, under the names that were promised, and does not know where it was made.
+check_install()
+{
+    rm -rf "$work"
+    cmake --install "$build" --prefix "$work/first place"
+    mv "$work/first place" "$tree"
+
+    local public installed
+    public=$(cd "$source/src" && find nbase nwebapi -name '*.h' ! -name '*_p.h' | sort)
+    installed=$(cd "$tree/include" && find nbase nwebapi -name '*.h' | sort)
+    [ "$public" = "$installed" ] || fail "the installed headers are not the public ones:
+$(diff <(echo "$public") <(echo "$installed"))"
+
+    local library file libraries=(nbase nwebapi)
+    # The configuration store is installed where the system has no libuci of its own.
+    [ ! -e "$build/src/uci/libnuci.so" ] || libraries+=(nuci)
+    for library in "${libraries[@]}"; do
+        file="$tree/$libdir/lib$library.so"
+        [ "$(readlink -f "$file")" = "$(readlink -f "$tree/$libdir")/lib$library.so.$version" ] ||
+            fail "$file does not lead to lib$library.so.$version"
+        readelf --dynamic "$file" | grep -qF "Library soname: [lib$library.so.$soversion]" ||
+            fail "the soname of $file is not lib$library.so.$soversion"
+        ! readelf --dynamic "$file" | grep -E 'RPATH|RUNPATH' || fail "$file carries a search path of the build"
+    done
+
+    ! grep -rIlF -e "$source" -e "$build" -e "$work" "$tree" || fail "these files name directories of the build"
+}
+
+expect_output_of_first()
+{
+    [ "$(head -n 1 "$1")" = "Nolvar base $version" ] || fail "the first program does not name the library: $(cat "$1")"
+    grep -qE '^tomorrow: (mon|tues|wednes|thurs|fri|satur|sun)day$' "$1" || fail "it does not tell the day: $(cat "$1")"
+}
+
+expect_output_of_web_program()
+{
+    grep -qiE '^Content-Type: *application/json; *charset=utf-8' "$1" || fail "no header: $(cat "$1")"
+    [ "$(tail -n 1 "$1")" = '{"name":"box"}' ] || fail "no document: $(cat "$1")"
+}
+
+check_find_package()
+{
+    local project directory
+    for project in examples/first tests/consumer/web-program; do
+        directory="$work/find_package/$(basename "$project")"
+        rm -rf "$directory"
+        cmake -G Ninja -S "$source/$project" -B "$directory" -DCMAKE_PREFIX_PATH="$tree" >/dev/null
+        cmake --build "$directory"
+        "$directory/$(basename "$project")" > "$directory/output"
+    done
+    expect_output_of_first "$work/find_package/first/output"
+    expect_output_of_web_program "$work/find_package/web-program/output"
+
+    # A program that asks for another major version must not get this one.
+    mkdir -p "$work/find_package/other version"
+    cat > "$work/find_package/other version/CMakeLists.txt" <<'END'
+cmake_minimum_required(VERSION 3.16)
+project(other_version LANGUAGES CXX)
+find_package(nbase 2.0)
+if(nbase_FOUND)
+    message(FATAL_ERROR "version ${nbase_VERSION} was taken for version 2")
+endif()
+END
+    cmake -G Ninja -S "$work/find_package/other version" -B "$work/find_package/other version/build" \
+        -DCMAKE_PREFIX_PATH="$tree" >/dev/null 2>&1 || fail "this version is taken for version 2"
+}
+
+# Compiles the program $1 with what pkg-config says about the module $2, and runs it. Blanks in the answer are escaped
+# for a shell, which is why a shell has to read it.
+build_with_pkg_config()
+{
+    local program="$work/pkg_config/$2" words=()
+    pkg-config --print-errors --exists "$2"
+    [ "$(pkg-config --modversion "$2")" = "$version" ] || fail "pkg-config knows another version of $2"
+    eval "words=($(pkg-config --cflags --libs "$2"))"
+    "$CXX" "${compile_flags[@]}" -std=c++11 -fPIC "$1" "${words[@]}" -o "$program"
+    "$program" > "$program.output"
+}
+
+check_pkg_config()
+{
+    rm -rf "$work/pkg_config"
+    mkdir -p "$work/pkg_config"
+    build_with_pkg_config "$source/examples/first/main.cpp" nbase
+    build_with_pkg_config "$source/tests/consumer/web-program/main.cpp" nwebapi
+    expect_output_of_first "$work/pkg_config/nbase.output"
+    expect_output_of_web_program "$work/pkg_config/nwebapi.output"
+}
+
+# Every header stands alone and may come twice, whether or not the program switches off Qt's silent conversions; those
+# that are written for C as well are compiled as C too.
+check_headers()
+{
+    local folder="$work/headers" header word words=() flags=() sources=() variant variants
+    rm -rf "$folder"
+    mkdir -p "$folder"
+    eval "words=($(pkg-config --cflags nbase))"
+    # Warnings about Qt's own headers are not ours to fix.
+    for word in "${words[@]}"; do
+        case $word in
+            "-I$tree"*) flags+=("$word") ;;
+            -I*) flags+=(-isystem "${word#-I}") ;;
+            *) flags+=("$word") ;;
+        esac
+    done
+    flags+=(-fPIC -fsyntax-only -Wall -Wextra -Wpedantic -Werror)
+    printf '%s\n' "${flags[@]}" "${compile_flags[@]}" | sed 's/[\\" ]/\\&/g' > "$folder/flags"
+
+    while read -r header; do
+        printf '#include <%s>\n#include <%s>\n' "$header" "$header" > "$folder/${header//\//-}.cpp"
+        ! grep -q '__cplusplus' "$tree/include/$header" ||
+            printf '#include <%s>\n#include <%s>\n' "$header" "$header" > "$folder/${header//\//-}.c"
+    done < <(cd "$tree/include" && find . -name '*.h' -printf '%P\n')
+    cd "$folder"
+
+    variants=("" "-DQT_NO_CAST_FROM_ASCII -DQT_NO_CAST_TO_ASCII")
+    for variant in "${variants[@]}"; do
+        # shellcheck disable=SC2086 # the variant is words
+        find . -name '*.cpp' -print0 | xargs -0 -n 1 -P 2 "$CXX" -std=c++11 @flags $variant ||
+            fail "a header does not stand alone (${variant:-plain})"
+    done
+    find . -name '*.c' -print0 | xargs -0 -r -n 1 -P 2 "$CC" -std=c99 @flags || fail "a header is no C"
+    sources=(*.cpp)
+    echo "${#sources[@]} headers stand alone"
+}
+
+"check_$check"

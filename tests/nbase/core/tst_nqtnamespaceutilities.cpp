@@ -1,0 +1,142 @@
+#include <nbase/core/nqtnamespaceutilities.h>
+
+#include "support/nthreads.h"
+
+#include <QtTest/QtTest>
+
+#include <limits.h>
+
+class tst_NQtNamespaceUtilities : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void everyOperationMayBeTheFirstInSeveralThreads();
+
+    void everyDayHasItsText_data();
+    void everyDayHasItsText();
+    void tableHoldsTheSevenDaysInOrder();
+    void tableIsACopy();
+    void valuesThatAreNoDayHaveNoText_data();
+    void valuesThatAreNoDayHaveNoText();
+    void otherTextsAreNoDay_data();
+    void otherTextsAreNoDay();
+    void stepsAreCyclic_data();
+    void stepsAreCyclic();
+};
+
+// The table of texts comes into being with the first call, so nothing may be called before.
+void tst_NQtNamespaceUtilities::everyOperationMayBeTheFirstInSeveralThreads()
+{
+    QVERIFY(NTest::holdsInThreads(4, [](int index) {
+        switch (index) {
+        case 0:
+            return NQtNamespaceUtilities::daysOfWeek().value(Qt::Friday) == QLatin1String("friday");
+        case 1:
+            return NQtNamespaceUtilities::stringFromDayOfWeek(Qt::Friday) == QLatin1String("friday");
+        case 2:
+            return NQtNamespaceUtilities::dayOfWeekFromString(QString::fromLatin1("friday")) == Qt::Friday;
+        default:
+            return NQtNamespaceUtilities::previousDayOfWeek(NQtNamespaceUtilities::nextDayOfWeek(Qt::Friday)) ==
+                   Qt::Friday;
+        }
+    }));
+}
+
+void tst_NQtNamespaceUtilities::everyDayHasItsText_data()
+{
+    QTest::addColumn<int>("day");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("Monday") << 1 << QString::fromLatin1("monday");
+    QTest::newRow("Tuesday") << 2 << QString::fromLatin1("tuesday");
+    QTest::newRow("Wednesday") << 3 << QString::fromLatin1("wednesday");
+    QTest::newRow("Thursday") << 4 << QString::fromLatin1("thursday");
+    QTest::newRow("Friday") << 5 << QString::fromLatin1("friday");
+    QTest::newRow("Saturday") << 6 << QString::fromLatin1("saturday");
+    QTest::newRow("Sunday") << 7 << QString::fromLatin1("sunday");
+}
+
+void tst_NQtNamespaceUtilities::everyDayHasItsText()
+{
+    QFETCH(int, day);
+    QFETCH(QString, text);
+    QCOMPARE(NQtNamespaceUtilities::stringFromDayOfWeek(Qt::DayOfWeek(day)), text);
+    QCOMPARE(int(NQtNamespaceUtilities::dayOfWeekFromString(text)), day);
+    QCOMPARE(NQtNamespaceUtilities::daysOfWeek().value(Qt::DayOfWeek(day)), text);
+}
+
+void tst_NQtNamespaceUtilities::tableHoldsTheSevenDaysInOrder()
+{
+    const QList<Qt::DayOfWeek> days = NQtNamespaceUtilities::daysOfWeek().keys();
+    QCOMPARE(days.size(), 7);
+    for (int index = 0; index < days.size(); ++index)
+        QCOMPARE(int(days.at(index)), index + 1);
+}
+
+void tst_NQtNamespaceUtilities::tableIsACopy()
+{
+    QMap<Qt::DayOfWeek, QString> days = NQtNamespaceUtilities::daysOfWeek();
+    days.clear();
+    QCOMPARE(NQtNamespaceUtilities::daysOfWeek().size(), 7);
+}
+
+void tst_NQtNamespaceUtilities::valuesThatAreNoDayHaveNoText_data()
+{
+    QTest::addColumn<int>("value");
+    QTest::newRow("zero") << 0;
+    QTest::newRow("eight") << 8;
+    QTest::newRow("negative") << -1;
+    QTest::newRow("largest") << INT_MAX;
+}
+
+void tst_NQtNamespaceUtilities::valuesThatAreNoDayHaveNoText()
+{
+    QFETCH(int, value);
+    QVERIFY(NQtNamespaceUtilities::stringFromDayOfWeek(Qt::DayOfWeek(value)).isNull());
+}
+
+void tst_NQtNamespaceUtilities::otherTextsAreNoDay_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::newRow("null") << QString();
+    QTest::newRow("empty") << QString::fromLatin1("");
+    QTest::newRow("capital letter") << QString::fromLatin1("Monday");
+    QTest::newRow("blank before") << QString::fromLatin1(" monday");
+    QTest::newRow("blank after") << QString::fromLatin1("monday ");
+    QTest::newRow("abbreviated") << QString::fromLatin1("mon");
+    QTest::newRow("number") << QString::fromLatin1("1");
+}
+
+void tst_NQtNamespaceUtilities::otherTextsAreNoDay()
+{
+    QFETCH(QString, text);
+    QCOMPARE(int(NQtNamespaceUtilities::dayOfWeekFromString(text)), 0);
+}
+
+void tst_NQtNamespaceUtilities::stepsAreCyclic_data()
+{
+    QTest::addColumn<int>("day");
+    QTest::addColumn<int>("next");
+    QTest::addColumn<int>("previous");
+    QTest::newRow("Monday") << 1 << 2 << 7;
+    QTest::newRow("Wednesday") << 3 << 4 << 2;
+    QTest::newRow("Sunday") << 7 << 1 << 6;
+    QTest::newRow("0 lies before Monday") << 0 << 1 << 7;
+    QTest::newRow("8 lies after Sunday") << 8 << 1 << 7;
+    QTest::newRow("9") << 9 << 1 << 7;
+    QTest::newRow("-1") << -1 << 1 << 7;
+    QTest::newRow("largest") << INT_MAX << 1 << 7;
+    QTest::newRow("smallest") << INT_MIN << 1 << 7;
+}
+
+void tst_NQtNamespaceUtilities::stepsAreCyclic()
+{
+    QFETCH(int, day);
+    QFETCH(int, next);
+    QFETCH(int, previous);
+    QCOMPARE(int(NQtNamespaceUtilities::nextDayOfWeek(Qt::DayOfWeek(day))), next);
+    QCOMPARE(int(NQtNamespaceUtilities::previousDayOfWeek(Qt::DayOfWeek(day))), previous);
+}
+
+QTEST_APPLESS_MAIN(tst_NQtNamespaceUtilities)
+#include "tst_nqtnamespaceutilities.moc"

@@ -1,0 +1,897 @@
+#include <nbase/io/ncsvfilereader.h>
+#include <nbase/io/ncsvfilewriter.h>
+#include <nbase/io/nqiodevicestreambuf.h>
+#include <nbase/io/nsequentialbuffer.h>
+
+#include "support/ntemporarydirectory.h"
+
+#include <QtCore/QBuffer>
+#include <QtCore/QFile>
+#include <QtCore/QProcess>
+#include <QtCore/QTextCodec>
+#include <QtCore/QTextStream>
+#include <QtTest/QtTest>
+
+#include <sstream>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+typedef QList<QStringList> Records;
+
+QString text(const char* latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+// Fields from a text in which "|" stands between them.
+QStringList fields(const char* joined)
+{
+    return text(joined).split(QLatin1Char('|'));
+}
+
+// A device that gives its content in pieces and fails after it without ever being at its end.
+class FailingDevice : public QIODevice
+{
+public:
+    FailingDevice(const QByteArray& content, qint64 failure, int pieceSize)
+        : m_content(content)
+        , m_failure(failure)
+        , m_pieceSize(pieceSize)
+    {
+        open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+    }
+
+    virtual bool isSequential() const { return true; }
+    virtual bool atEnd() const { return false; }
+    virtual qint64 bytesAvailable() const { return m_content.size() + 1; }
+
+protected:
+    virtual qint64 readData(char* data, qint64 maximumSize)
+    {
+        const int size = int(qMin(maximumSize, qint64(qMin(m_pieceSize, m_content.size()))));
+        if (size == 0)
+            return m_failure;
+        memcpy(data, m_content.constData(), size_t(size));
+        m_content.remove(0, size);
+        return size;
+    }
+
+    virtual qint64 writeData(const char*, qint64) { return -1; }
+
+private:
+    QByteArray m_content;
+    const qint64 m_failure;
+    const int m_pieceSize;
+};
+
+// Gives so many bytes of an open quoted field, a line feed after every 64, and then its end.
+class EndlessField : public std::streambuf
+{
+public:
+    explicit EndlessField(qint64 size)
+        : m_left(size)
+    {
+        memset(m_block, 'x', sizeof(m_block));
+        for (size_t index = 63; index < sizeof(m_block); index += 64)
+            m_block[index] = '\n';
+    }
+
+protected:
+    virtual int_type underflow()
+    {
+        if (m_left <= 0)
+            return traits_type::eof();
+        m_block[0] = m_left == m_size ? '"' : 'x';
+        m_left -= qint64(sizeof(m_block));
+        setg(m_block, m_block, m_block + sizeof(m_block));
+        return traits_type::to_int_type(*gptr());
+    }
+
+private:
+    qint64 m_left;
+    const qint64 m_size = m_left;
+    char m_block[4096];
+};
+
+// Throws after its first line, as a stream buffer over something remote may.
+class ThrowingBuffer : public std::streambuf
+{
+public:
+    ThrowingBuffer() { setg(m_line, m_line, m_line + 2); }
+
+protected:
+    virtual int_type underflow() { throw 1; }
+
+private:
+    char m_line[2] = {'a', '\n'};
+};
+
+Records parseArray(const QByteArray& bytes, bool* ok = NULL, QChar separator = QLatin1Char(','))
+{
+    Records records;
+    NCsvFileReader reader(bytes, separator);
+    const bool isGood = reader.parseFile(records);
+    if (ok)
+        *ok = isGood;
+    return records;
+}
+
+// The same records from every run: what a field may contain, and how often, decides what is found.
+class RandomRecords
+{
+public:
+    explicit RandomRecords(unsigned seed, bool latin1)
+        : m_random(seed)
+        , m_latin1(latin1)
+    {
+    }
+
+    QStringList next()
+    {
+        QStringList record;
+        const unsigned count = number(5) + 1;
+        for (unsigned index = 0; index < count; ++index)
+            record << field();
+        return record;
+    }
+
+private:
+    unsigned number(unsigned limit)
+    {
+        m_random = m_random * 6364136223846793005ull + 1442695040888963407ull;
+        return unsigned(m_random >> 33) % limit;
+    }
+
+    QString field()
+    {
+        static const ushort characters[] = {',', ';', ':', '"', '"',  '\n',   ' ',
+                                            'a', 'b', 'z', 0,   0xe9, 0x20ac, 0x4e2d};
+        QString field;
+        for (unsigned size = number(8); size > 0; --size)
+            field += QChar(characters[number(m_latin1 ? 12 : 14)]);
+        return field;
+    }
+
+    quint64 m_random;
+    const bool m_latin1;
+};
+
+// Runs a function in a process of its own and returns its exit status.
+template <typename Function> int runInChild(Function function)
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(function());
+    int status = -1;
+    if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Records)
+
+class tst_NCsvFileReader : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+
+    void textIsTakenApart_data();
+    void textIsTakenApart();
+    void malformedTextIsRefused_data();
+    void malformedTextIsRefused();
+    void separatorsAreChosen_data();
+    void separatorsAreChosen();
+    void separatorBeyondLatin1SplitsAtNulOnly();
+
+    void everySourceGivesTheRecord();
+    void copiedSourcesNeedNotLive();
+    void givenStreamIsLeftToItsOwner();
+    void byteOrderMarkIsSkipped_data();
+    void byteOrderMarkIsSkipped();
+    void nulIsKept();
+    void fieldOfOneMegabyte();
+    void hundredThousandColumns();
+    void fieldOfManyLines();
+
+    void emptySourceHasNoRecords();
+    void parsingAtTheEndGivesNoFields();
+    void earlierFieldsAreReplaced();
+    void fieldsThatWereKeptDoNotChange();
+    void readNextStreamLineGivesLinesAsTheyAre();
+    void standardStreamKeepsCarriageReturns();
+    void standardStreamEndsAfterItsEndWasMet();
+    void nullStandardStreamIsAtItsEnd();
+
+    void failedStandardStreamStops_data();
+    void failedStandardStreamStops();
+    void throwingStandardStreamStops();
+    void failingDeviceStops_data();
+    void failingDeviceStops();
+    void piecesOfADeviceMakeLines();
+    void deviceClosedUnderTheReaderIsAtItsEnd();
+    void sequentialBufferIsReadToItsEnd();
+    void openQuotesNeedNoMoreMemoryThanTheField();
+    void fieldThatNeedsTooMuchMemoryIsRefused();
+
+    void millionRandomRecordsReadBackEqual_data();
+    void millionRandomRecordsReadBackEqual();
+    void filesOfAnOfficeProgramRead_data();
+    void filesOfAnOfficeProgramRead();
+    void filesOfPythonRead_data();
+    void filesOfPythonRead();
+};
+
+void tst_NCsvFileReader::initTestCase()
+{
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+}
+
+void tst_NCsvFileReader::textIsTakenApart_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<Records>("records");
+    // RFC 4180, section 2, rules 1 to 7.
+    QTest::newRow("rule 1") << QByteArray("aaa,bbb,ccc\r\nzzz,yyy,xxx\r\n")
+                            << (Records() << fields("aaa|bbb|ccc") << fields("zzz|yyy|xxx"));
+    QTest::newRow("rule 2") << QByteArray("aaa,bbb,ccc\r\nzzz,yyy,xxx")
+                            << (Records() << fields("aaa|bbb|ccc") << fields("zzz|yyy|xxx"));
+    QTest::newRow("rule 3") << QByteArray("field_name,field_name,field_name\r\naaa,bbb,ccc\r\nzzz,yyy,xxx\r\n")
+                            << (Records() << fields("field_name|field_name|field_name") << fields("aaa|bbb|ccc")
+                                          << fields("zzz|yyy|xxx"));
+    QTest::newRow("rule 4") << QByteArray("aaa,bbb , ccc") << (Records() << fields("aaa|bbb | ccc"));
+    QTest::newRow("rule 5") << QByteArray("\"aaa\",\"bbb\",\"ccc\"\r\nzzz,yyy,xxx")
+                            << (Records() << fields("aaa|bbb|ccc") << fields("zzz|yyy|xxx"));
+    QTest::newRow("rule 6") << QByteArray("\"aaa\",\"b\r\nbb\",\"ccc\"\r\nzzz,yyy,xxx")
+                            << (Records() << fields("aaa|b\nbb|ccc") << fields("zzz|yyy|xxx"));
+    QTest::newRow("rule 7") << QByteArray("\"aaa\",\"b\"\"bb\",\"ccc\"") << (Records() << fields("aaa|b\"bb|ccc"));
+
+    QTest::newRow("empty line") << QByteArray("\n") << (Records() << fields(""));
+    QTest::newRow("empty lines") << QByteArray("a\n\n\nb\n")
+                                 << (Records() << fields("a") << fields("") << fields("") << fields("b"));
+    QTest::newRow("separator at the end") << QByteArray("a,\n") << (Records() << fields("a|"));
+    QTest::newRow("only a separator") << QByteArray(",\n") << (Records() << fields("|"));
+    QTest::newRow("empty fields") << QByteArray(",,a,,\n") << (Records() << fields("||a||"));
+    QTest::newRow("empty quoted field") << QByteArray("\"\"\n") << (Records() << fields(""));
+    QTest::newRow("empty quoted fields") << QByteArray("\"\",\"\"") << (Records() << fields("|"));
+    QTest::newRow("separator behind quotes")
+        << QByteArray("\"a\",\nb") << (Records() << fields("a|") << fields("b"));
+    QTest::newRow("only quotes") << QByteArray("\"\"\"\"\"\"") << (Records() << fields("\"\""));
+    QTest::newRow("quoted separator") << QByteArray("\",\",\"a,b\"") << (Records() << fields(",|a,b"));
+    QTest::newRow("quote inside a plain field")
+        << QByteArray("a\"b,c\"\"d,e\"") << (Records() << fields("a\"b|c\"\"d|e\""));
+    QTest::newRow("quote behind a blank") << QByteArray("a, \"b\",c") << (Records() << fields("a| \"b\"|c"));
+    QTest::newRow("blanks in quotes") << QByteArray("\" a \"") << (Records() << fields(" a "));
+    QTest::newRow("line breaks only") << QByteArray("\"\n\n\"\n") << (Records() << fields("\n\n"));
+    QTest::newRow("quotes around a line break")
+        << QByteArray("\"\"\"\n\"\"\"\n") << (Records() << fields("\"\n\""));
+    QTest::newRow("line ends in doubled quotes")
+        << QByteArray("\"a\"\"\nb\"\n") << (Records() << fields("a\"\nb"));
+    QTest::newRow("fields behind a line break")
+        << QByteArray("x,\"a\nb\",y\nz") << (Records() << fields("x|a\nb|y") << fields("z"));
+    QTest::newRow("lengths differ") << QByteArray("a\nb,c\nd,e,f\n")
+                                    << (Records() << fields("a") << fields("b|c") << fields("d|e|f"));
+    QTest::newRow("letters beyond ASCII")
+        << QByteArray("\xc3\xa9,\xe2\x82\xac")
+        << (Records() << (QStringList() << QString(QChar(0xe9)) << QString(QChar(0x20ac))));
+}
+
+void tst_NCsvFileReader::textIsTakenApart()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(Records, records);
+    bool ok = false;
+    QCOMPARE(parseArray(bytes, &ok), records);
+    QVERIFY(ok);
+}
+
+void tst_NCsvFileReader::malformedTextIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<int>("goodRecords");
+    QTest::addColumn<QStringList>("left");
+    QTest::newRow("text behind quotes") << QByteArray("\"x\"y") << 0 << QStringList();
+    QTest::newRow("text behind the second field") << QByteArray("a,\"x\"y\nb") << 0 << fields("a");
+    QTest::newRow("blank behind quotes") << QByteArray("\"x\" ,y") << 0 << QStringList();
+    QTest::newRow("other separator behind quotes") << QByteArray("\"x\";y") << 0 << QStringList();
+    QTest::newRow("open quotes") << QByteArray("a,b\nc,\"d\ne") << 1 << fields("c");
+    QTest::newRow("only a quote") << QByteArray("\"") << 0 << QStringList();
+    QTest::newRow("three quotes") << QByteArray("\"\"\"") << 0 << QStringList();
+    QTest::newRow("open at the end of a line") << QByteArray("a\n\"\n") << 1 << QStringList();
+}
+
+void tst_NCsvFileReader::malformedTextIsRefused()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(int, goodRecords);
+    QFETCH(QStringList, left);
+    bool ok = true;
+    QCOMPARE(parseArray(bytes, &ok).size(), goodRecords);
+    QVERIFY(!ok);
+    NCsvFileReader reader(bytes, NCsvUtilities::SeparatorComma);
+    QStringList record;
+    for (int index = 0; index < goodRecords; ++index)
+        QVERIFY(reader.parseNextLine(record));
+    QVERIFY(!reader.parseNextLine(record));
+    QCOMPARE(record, left);
+}
+
+void tst_NCsvFileReader::separatorsAreChosen_data()
+{
+    QTest::addColumn<int>("separator");
+    QTest::addColumn<QStringList>("record");
+    QTest::newRow("comma") << 0 << fields("a;\"b:c\"|d");
+    QTest::newRow("semicolon") << 1 << fields("a|b:c\",d");
+    QTest::newRow("colon") << 2 << fields("a;\"b|c\",d");
+}
+
+void tst_NCsvFileReader::separatorsAreChosen()
+{
+    QFETCH(int, separator);
+    QFETCH(QStringList, record);
+    const QString line = text("a;\"b:c\",d");
+    const NCsvUtilities::Separator value = NCsvUtilities::Separator(separator);
+    NCsvFileReader byValue(line, value);
+    NCsvFileReader byCharacter(line, NCsvUtilities::characterFromSeparator(value));
+    QStringList read;
+    if (value == NCsvUtilities::SeparatorSemicolon) {
+        // The quote begins a field there, and what follows the closing one is an error.
+        QVERIFY(!byValue.parseNextLine(read));
+        QVERIFY(!byCharacter.parseNextLine(read));
+        NCsvFileReader good(text("a;\"b;c\";\"d\"\"e\""), value);
+        QVERIFY(good.parseNextLine(read));
+        QCOMPARE(read, fields("a|b;c|d\"e"));
+        return;
+    }
+    QVERIFY(byValue.parseNextLine(read));
+    QCOMPARE(read, record);
+    QVERIFY(byCharacter.parseNextLine(read));
+    QCOMPARE(read, record);
+}
+
+void tst_NCsvFileReader::separatorBeyondLatin1SplitsAtNulOnly()
+{
+    const QString line = QString::fromLatin1("a,b\0c", 5) + QChar(0x2c2c) + QChar(0x122c);
+    NCsvFileReader reader(line, QChar(0x2c2c));
+    QStringList record;
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, QStringList() << text("a,b") << text("c") + QChar(0x2c2c) + QChar(0x122c));
+}
+
+void tst_NCsvFileReader::everySourceGivesTheRecord()
+{
+    const QChar character = QLatin1Char(';');
+    const NCsvUtilities::Separator separator = NCsvUtilities::SeparatorSemicolon;
+    QByteArray utf8("a;\"b;c\";\xc3\xa9\n");
+    QString string = QString::fromUtf8(utf8.constData());
+    const QString constString = string;
+    const QByteArray constArray = utf8;
+    const QStringList expected = QStringList() << text("a") << text("b;c") << QString(QChar(0xe9));
+
+    for (int byCharacter = 0; byCharacter < 2; ++byCharacter) {
+        QBuffer device(&utf8);
+        QVERIFY(device.open(QIODevice::ReadOnly));
+        QTextStream stream(&string, QIODevice::ReadOnly);
+        std::istringstream standard(std::string("a;\"b;c\";\xe9\n"));
+        std::istream* const source = &standard;
+        QList<NCsvFileReader*> readers;
+        if (byCharacter) {
+            readers << new NCsvFileReader(&device, character) << new NCsvFileReader(&string, character)
+                    << new NCsvFileReader(constString, character) << new NCsvFileReader(&utf8, character)
+                    << new NCsvFileReader(constArray, character) << new NCsvFileReader(&stream, character)
+                    << new NCsvFileReader(source, character);
+        } else {
+            readers << new NCsvFileReader(&device, separator) << new NCsvFileReader(&string, separator)
+                    << new NCsvFileReader(constString, separator) << new NCsvFileReader(&utf8, separator)
+                    << new NCsvFileReader(constArray, separator) << new NCsvFileReader(&stream, separator)
+                    << new NCsvFileReader(source, separator);
+        }
+        for (int index = 0; index < readers.size(); ++index) {
+            QScopedPointer<NCsvFileReader> reader(readers.at(index));
+            QStringList record;
+            QVERIFY(!reader->atEnd());
+            QVERIFY(reader->parseNextLine(record));
+            QCOMPARE(record, expected);
+        }
+        QVERIFY(device.isOpen());
+    }
+}
+
+void tst_NCsvFileReader::copiedSourcesNeedNotLive()
+{
+    QScopedPointer<QString> string(new QString(text("a,b")));
+    QScopedPointer<QByteArray> array(new QByteArray("a,b"));
+    NCsvFileReader ofString(*string, NCsvUtilities::SeparatorComma);
+    NCsvFileReader ofArray(*array, NCsvUtilities::SeparatorComma);
+    string.reset();
+    array.reset();
+    QStringList record;
+    QVERIFY(ofString.parseNextLine(record));
+    QCOMPARE(record, fields("a|b"));
+    QVERIFY(ofArray.parseNextLine(record));
+    QCOMPARE(record, fields("a|b"));
+}
+
+void tst_NCsvFileReader::givenStreamIsLeftToItsOwner()
+{
+    QString string = text("a,b\nrest\n");
+    QTextStream stream(&string, QIODevice::ReadOnly);
+    QStringList record;
+    {
+        NCsvFileReader reader(&stream, NCsvUtilities::SeparatorComma);
+        QVERIFY(reader.parseNextLine(record));
+    }
+    QCOMPARE(stream.readLine(), text("rest"));
+}
+
+void tst_NCsvFileReader::byteOrderMarkIsSkipped_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::newRow("UTF-16, little-endian") << QByteArray("\xff\xfe\x61\0,\0\xe9\0\n\0", 10);
+    QTest::newRow("UTF-16, big-endian") << QByteArray("\xfe\xff\0\x61\0,\0\xe9\0\n", 10);
+    QTest::newRow("UTF-8") << QByteArray("\xef\xbb\xbf\x61,\xc3\xa9\n");
+}
+
+void tst_NCsvFileReader::byteOrderMarkIsSkipped()
+{
+    QFETCH(QByteArray, bytes);
+    bool ok = false;
+    QCOMPARE(parseArray(bytes, &ok), Records() << (QStringList() << text("a") << QString(QChar(0xe9))));
+    QVERIFY(ok);
+}
+
+void tst_NCsvFileReader::nulIsKept()
+{
+    const QByteArray bytes("a\0b,\"\0\"\n", 8);
+    const QStringList expected = QStringList() << QString::fromLatin1("a\0b", 3) << QString(QChar(0));
+    QCOMPARE(parseArray(bytes), Records() << expected);
+    std::istringstream stream(std::string(bytes.constData(), size_t(bytes.size())));
+    NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
+    QStringList record;
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, expected);
+}
+
+void tst_NCsvFileReader::fieldOfOneMegabyte()
+{
+    const QByteArray plain(1024 * 1024, 'p');
+    const QByteArray quotes = QByteArray(512 * 1024, 'q') + "\"\"" + QByteArray(512 * 1024, ',');
+    const Records records = parseArray(plain + ",\"" + quotes + "\"\n");
+    QCOMPARE(records.size(), 1);
+    QVERIFY(
+        records.first() == QStringList() << QString::fromLatin1(plain)
+                                         << QString::fromLatin1(QByteArray(quotes).replace("\"\"", "\"")));
+}
+
+void tst_NCsvFileReader::hundredThousandColumns()
+{
+    QByteArray bytes;
+    for (int column = 0; column < 100000; ++column)
+        bytes += (column == 0 ? "" : ",") + QByteArray::number(column);
+    const Records records = parseArray(bytes + "\n");
+    QCOMPARE(records.size(), 1);
+    QCOMPARE(records.first().size(), 100000);
+    QCOMPARE(records.first().last(), text("99999"));
+}
+
+void tst_NCsvFileReader::fieldOfManyLines()
+{
+    const QByteArray content = QByteArray("one line \"\"more\"\"\n").repeated(100000);
+    const Records records = parseArray("a,\"" + content + "\",b\n");
+    QCOMPARE(records.size(), 1);
+    QVERIFY(records.first().at(1) == QString::fromLatin1(QByteArray(content).replace("\"\"", "\"")));
+    QCOMPARE(records.first().at(2), text("b"));
+}
+
+void tst_NCsvFileReader::emptySourceHasNoRecords()
+{
+    Records records = Records() << fields("old");
+    NCsvFileReader reader(QByteArray(), NCsvUtilities::SeparatorComma);
+    QVERIFY(reader.atEnd());
+    QVERIFY(reader.parseFile(records));
+    QCOMPARE(records, Records());
+}
+
+void tst_NCsvFileReader::parsingAtTheEndGivesNoFields()
+{
+    NCsvFileReader reader(text(""), NCsvUtilities::SeparatorComma);
+    QStringList record = fields("old|fields");
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, QStringList());
+}
+
+void tst_NCsvFileReader::earlierFieldsAreReplaced()
+{
+    NCsvFileReader reader(text("long first field,b,c,d\nx,\"y\"\n1,2,3,4,5\n"), NCsvUtilities::SeparatorComma);
+    QStringList record = fields("some|thing");
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, fields("long first field|b|c|d"));
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, fields("x|y"));
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, fields("1|2|3|4|5"));
+}
+
+void tst_NCsvFileReader::fieldsThatWereKeptDoNotChange()
+{
+    const QString longText(5000, QLatin1Char('l'));
+    NCsvFileReader reader(longText + text(",b\nc,\"d\"\"\"\n"), NCsvUtilities::SeparatorComma);
+    QStringList record;
+    QVERIFY(reader.parseNextLine(record));
+    const QStringList keptList = record;
+    const QString keptField = record.at(1);
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, fields("c|d\""));
+    QCOMPARE(keptList, QStringList() << longText << text("b"));
+    QCOMPARE(keptField, text("b"));
+    QVERIFY(record.at(0).capacity() < 1000);
+}
+
+void tst_NCsvFileReader::readNextStreamLineGivesLinesAsTheyAre()
+{
+    NCsvFileReader reader(text("\"a\",b \n\nc"), NCsvUtilities::SeparatorComma);
+    QCOMPARE(reader.readNextStreamLine(), text("\"a\",b "));
+    QVERIFY(!reader.readNextStreamLine().isNull());
+    QCOMPARE(reader.readNextStreamLine(), text("c"));
+    QVERIFY(reader.atEnd());
+    QVERIFY(reader.readNextStreamLine().isNull());
+}
+
+void tst_NCsvFileReader::standardStreamKeepsCarriageReturns()
+{
+    std::istringstream stream(std::string("a,b\r\n\"c\nd\",e"));
+    NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
+    QStringList record;
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, fields("a|b\r"));
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, fields("c\nd|e"));
+
+    std::istringstream lines(std::string("\xe9\r\n"));
+    NCsvFileReader lineReader(static_cast<std::istream*>(&lines), NCsvUtilities::SeparatorComma);
+    QCOMPARE(lineReader.readNextStreamLine(), QString(QChar(0xe9)) + QLatin1Char('\r'));
+
+    std::istringstream quoted(std::string("\"a\"\r\n"));
+    NCsvFileReader quotedReader(static_cast<std::istream*>(&quoted), NCsvUtilities::SeparatorComma);
+    QVERIFY(!quotedReader.parseNextLine(record));
+}
+
+void tst_NCsvFileReader::standardStreamEndsAfterItsEndWasMet()
+{
+    std::istringstream ended(std::string("a\nb"));
+    NCsvFileReader reader(static_cast<std::istream*>(&ended), NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(reader.parseFile(records));
+    QCOMPARE(records, Records() << fields("a") << fields("b"));
+    QVERIFY(reader.atEnd());
+
+    std::istringstream lineBreak(std::string("a\n"));
+    NCsvFileReader next(static_cast<std::istream*>(&lineBreak), NCsvUtilities::SeparatorComma);
+    QVERIFY(next.parseFile(records));
+    QCOMPARE(records, Records() << fields("a") << fields(""));
+
+    std::istringstream open(std::string("\"a\n"));
+    NCsvFileReader unterminated(static_cast<std::istream*>(&open), NCsvUtilities::SeparatorComma);
+    QVERIFY(!unterminated.parseFile(records));
+    QCOMPARE(records, Records());
+}
+
+void tst_NCsvFileReader::nullStandardStreamIsAtItsEnd()
+{
+    NCsvFileReader reader(static_cast<std::istream*>(NULL), NCsvUtilities::SeparatorComma);
+    QVERIFY(reader.atEnd());
+    QVERIFY(reader.readNextStreamLine().isNull());
+    Records records;
+    QVERIFY(reader.parseFile(records));
+    QStringList record;
+    QVERIFY(reader.parseNextLine(record));
+    QCOMPARE(record, QStringList());
+}
+
+void tst_NCsvFileReader::failedStandardStreamStops_data()
+{
+    QTest::addColumn<int>("state");
+    QTest::newRow("bad") << int(std::ios_base::badbit);
+    QTest::newRow("failed") << int(std::ios_base::failbit);
+}
+
+void tst_NCsvFileReader::failedStandardStreamStops()
+{
+    QFETCH(int, state);
+    std::istringstream stream(std::string("a\n\"b\nc\"\n"));
+    NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
+    QStringList record;
+    QVERIFY(reader.parseNextLine(record));
+    stream.setstate(std::ios_base::iostate(state));
+    QVERIFY(!reader.parseNextLine(record));
+    Records records;
+    QVERIFY(!reader.parseFile(records));
+    QCOMPARE(records, Records());
+}
+
+void tst_NCsvFileReader::throwingStandardStreamStops()
+{
+    ThrowingBuffer buffer;
+    std::istream quiet(&buffer);
+    NCsvFileReader reader(&quiet, NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(!reader.parseFile(records));
+    QCOMPARE(records, Records() << fields("a"));
+
+    std::istringstream loud(std::string("a"));
+    loud.exceptions(std::ios_base::badbit | std::ios_base::failbit | std::ios_base::eofbit);
+    NCsvFileReader loudReader(static_cast<std::istream*>(&loud), NCsvUtilities::SeparatorComma);
+    QVERIFY(loudReader.parseFile(records));
+    QCOMPARE(records, Records() << fields("a"));
+}
+
+void tst_NCsvFileReader::failingDeviceStops_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<int>("failure");
+    QTest::addColumn<int>("goodRecords");
+    QTest::newRow("failure at once") << QByteArray() << -1 << 0;
+    QTest::newRow("nothing at once") << QByteArray() << 0 << 0;
+    QTest::newRow("failure behind a line") << QByteArray("a\n") << -1 << 1;
+    QTest::newRow("nothing behind a line") << QByteArray("a\n") << 0 << 1;
+    QTest::newRow("failure inside quotes") << QByteArray("a\n\"b\n") << -1 << 1;
+    QTest::newRow("nothing inside quotes") << QByteArray("a\n\"b\n") << 0 << 1;
+}
+
+void tst_NCsvFileReader::failingDeviceStops()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(int, failure);
+    QFETCH(int, goodRecords);
+    FailingDevice device(content, failure, 1000);
+    NCsvFileReader reader(&device, NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(!reader.parseFile(records));
+    QCOMPARE(records.size(), goodRecords);
+}
+
+void tst_NCsvFileReader::piecesOfADeviceMakeLines()
+{
+    FailingDevice device("first,\"sec\nond\"\nthird,\xc3\xa9\n", -1, 1);
+    NCsvFileReader reader(&device, NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(!reader.parseFile(records));
+    QCOMPARE(
+        records,
+        Records() << fields("first|sec\nond") << (QStringList() << text("third") << QString(QChar(0xe9))));
+}
+
+void tst_NCsvFileReader::deviceClosedUnderTheReaderIsAtItsEnd()
+{
+    QByteArray bytes = QByteArray("a,b\n").repeated(10000);
+    QBuffer device(&bytes);
+    QVERIFY(device.open(QIODevice::ReadOnly));
+    NCsvFileReader reader(&device, NCsvUtilities::SeparatorComma);
+    QStringList record;
+    QVERIFY(reader.parseNextLine(record));
+    device.close();
+    Records records;
+    reader.parseFile(records); // what had been read ahead ends somewhere in a line
+    QVERIFY(records.size() < 10000);
+    QVERIFY(reader.atEnd());
+}
+
+void tst_NCsvFileReader::sequentialBufferIsReadToItsEnd()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    {
+        NCsvFileWriter writer(&buffer, NCsvUtilities::SeparatorColon);
+        writer.appendLine(fields("a:b|c"));
+        writer.appendLine(fields("d|e"));
+    }
+    buffer.closeWriteChannel();
+    NCsvFileReader reader(&buffer, NCsvUtilities::SeparatorColon);
+    Records records;
+    QVERIFY(reader.parseFile(records));
+    QCOMPARE(records, Records() << fields("a:b|c") << fields("d|e"));
+}
+
+void tst_NCsvFileReader::openQuotesNeedNoMoreMemoryThanTheField()
+{
+    const int megabytes = 64;
+    const int status = runInChild([]() {
+        struct rusage before, after;
+        ::getrusage(RUSAGE_SELF, &before);
+        EndlessField field(qint64(megabytes) << 20);
+        std::istream stream(&field);
+        NCsvFileReader reader(&stream, NCsvUtilities::SeparatorComma);
+        QStringList record;
+        if (reader.parseNextLine(record) || !record.isEmpty())
+            return 1;
+        ::getrusage(RUSAGE_SELF, &after);
+        return after.ru_maxrss - before.ru_maxrss < (2 * megabytes + 16) * 1024 ? 0 : 2;
+    });
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    QVERIFY(status == 0 || status == 2); // a sanitizer takes memory of its own
+#else
+    QCOMPARE(status, 0);
+#endif
+}
+
+void tst_NCsvFileReader::fieldThatNeedsTooMuchMemoryIsRefused()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const qint64 size = qint64(1) << 20; // a sanitizer takes far more addresses than any limit would leave
+#else
+    const qint64 size = qint64(1) << 30;
+#endif
+    const int status = runInChild([size]() {
+        struct rlimit limit = {rlim_t(400) << 20, rlim_t(400) << 20};
+        if (size > (1 << 20) && ::setrlimit(RLIMIT_AS, &limit) != 0)
+            return 1;
+        EndlessField field(size);
+        std::istream stream(&field);
+        NCsvFileReader reader(&stream, NCsvUtilities::SeparatorComma);
+        QStringList record;
+        return reader.parseNextLine(record) || !record.isEmpty() ? 2 : 0;
+    });
+    QCOMPARE(status, 0);
+}
+
+void tst_NCsvFileReader::millionRandomRecordsReadBackEqual_data()
+{
+    QTest::addColumn<int>("separator");
+    QTest::newRow("comma") << 0;
+    QTest::newRow("semicolon") << 1;
+    QTest::newRow("colon") << 2;
+}
+
+void tst_NCsvFileReader::millionRandomRecordsReadBackEqual()
+{
+    QFETCH(int, separator);
+    const NCsvUtilities::Separator value = NCsvUtilities::Separator(separator);
+    const NTemporaryDirectory directory;
+    enum Kind { Device, String, Array, Stream, Standard, KindCount };
+    const int blockSize = 1000;
+    int count = 0;
+    for (int block = 0; count < 1000000 / 3; ++block) {
+        const Kind kind = Kind(block % KindCount);
+        const unsigned seed = unsigned(block * 3 + separator + 1);
+
+        QFile file(directory.filePath(text("records")));
+        QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Truncate));
+        QString string;
+        QByteArray array;
+        QTextStream stream(&array);
+        stream.setCodec("UTF-16");
+        std::stringstream standard;
+        QScopedPointer<NCsvFileWriter> writer;
+        switch (kind) {
+        case Device:
+            writer.reset(new NCsvFileWriter(&file, value));
+            break;
+        case String:
+            writer.reset(new NCsvFileWriter(&string, value));
+            break;
+        case Array:
+            writer.reset(new NCsvFileWriter(&array, value));
+            break;
+        case Stream:
+            writer.reset(new NCsvFileWriter(&stream, value));
+            break;
+        default:
+            writer.reset(new NCsvFileWriter(static_cast<std::ostream*>(&standard), value));
+        }
+        RandomRecords records(seed, kind == Standard);
+        for (int index = 0; index < blockSize; ++index)
+            writer->appendLine(records.next());
+        writer.reset();
+
+        stream.flush();
+        file.seek(0);
+        stream.seek(0);
+        QScopedPointer<NCsvFileReader> reader;
+        switch (kind) {
+        case Device:
+            reader.reset(new NCsvFileReader(&file, value));
+            break;
+        case String:
+            reader.reset(block % 2 ? new NCsvFileReader(string, value) : new NCsvFileReader(&string, value));
+            break;
+        case Array:
+            reader.reset(block % 2 ? new NCsvFileReader(array, value) : new NCsvFileReader(&array, value));
+            break;
+        case Stream:
+            reader.reset(new NCsvFileReader(&stream, value));
+            break;
+        default:
+            reader.reset(new NCsvFileReader(static_cast<std::istream*>(&standard), value));
+        }
+        RandomRecords expected(seed, kind == Standard);
+        QStringList record;
+        for (int index = 0; index < blockSize; ++index) {
+            QVERIFY(reader->parseNextLine(record));
+            QCOMPARE(record, expected.next());
+        }
+        QVERIFY(kind == Standard || reader->atEnd());
+        count += blockSize;
+    }
+}
+
+void tst_NCsvFileReader::filesOfAnOfficeProgramRead_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("separator");
+    QTest::newRow("comma") << text("comma") << 0;
+    QTest::newRow("semicolon") << text("semicolon") << 1;
+    QTest::newRow("colon") << text("colon") << 2;
+    QTest::newRow("all quoted") << text("quoted") << 0;
+}
+
+void tst_NCsvFileReader::filesOfAnOfficeProgramRead()
+{
+    QFETCH(QString, name);
+    QFETCH(int, separator);
+    QFile file(text(NBASE_TEST_DATA_DIR "/csv/libreoffice-%1.csv").arg(name));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    NCsvFileReader reader(&file, NCsvUtilities::Separator(separator));
+    Records records;
+    QVERIFY(reader.parseFile(records));
+    const uint beyondUtf16[] = {0xe9, 0xdf, 0x20ac, 0x1f600};
+    QCOMPARE(
+        records, Records() << fields("plain|12.5|with, comma|semi; colon: both")
+                           << fields("say \"yes\"|\"|\"\"|ends with \"")
+                           << fields("line one\nline two|\n||tabhere")
+                           << (fields("|| leading and trailing ") << QString::fromUcs4(beyondUtf16, 4))
+                           << fields("'single'|=text|a\nb\n\"c\",d;e:f|last"));
+}
+
+void tst_NCsvFileReader::filesOfPythonRead_data()
+{
+    QTest::addColumn<QString>("quoting");
+    QTest::addColumn<int>("separator");
+    const char* const quotings[] = {"QUOTE_MINIMAL", "QUOTE_ALL", "QUOTE_NONNUMERIC"};
+    const char* const names[] = {"minimal", "all", "not for numbers"};
+    for (int quoting = 0; quoting < 3; ++quoting) {
+        for (int separator = 0; separator < 3; ++separator) {
+            const QChar character = NCsvUtilities::separators().value(NCsvUtilities::Separator(separator));
+            const QByteArray row = names[quoting] + QByteArray(" ") + character.toLatin1();
+            QTest::newRow(row.constData()) << text(quotings[quoting]) << separator;
+        }
+    }
+}
+
+void tst_NCsvFileReader::filesOfPythonRead()
+{
+    QFETCH(QString, quoting);
+    QFETCH(int, separator);
+    const NCsvUtilities::Separator value = NCsvUtilities::Separator(separator);
+    const NTemporaryDirectory directory;
+    const QString path = directory.filePath(text("python.csv"));
+    const QString program =
+        text("import csv, sys\n"
+             "with open(sys.argv[1], 'w', newline='', encoding='utf-8') as file:\n"
+             "    writer = csv.writer(file, delimiter=sys.argv[2], quoting=getattr(csv, sys.argv[3]))\n"
+             "    writer.writerow(['plain', 'a,b', 'a;b', 'a:b', ' blanks '])\n"
+             "    writer.writerow(['\"', '\"\"', 'say \"yes\"', '', 'tab\\t'])\n"
+             "    writer.writerow(['two\\nlines', '\\n', '\\u20ac', '12', 12])\n");
+    QCOMPARE(
+        QProcess::execute(
+            text("python3"), QStringList() << text("-c") << program << path
+                                           << QString(NCsvUtilities::characterFromSeparator(value)) << quoting),
+        0);
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    NCsvFileReader reader(&file, value);
+    Records records;
+    QVERIFY(reader.parseFile(records));
+    QCOMPARE(
+        records, Records() << fields("plain|a,b|a;b|a:b| blanks ") << fields("\"|\"\"|say \"yes\"||tab\t")
+                           << (fields("two\nlines|\n") << QString(QChar(0x20ac)) << text("12") << text("12")));
+}
+
+QTEST_APPLESS_MAIN(tst_NCsvFileReader)
+#include "tst_ncsvfilereader.moc"

@@ -1,0 +1,315 @@
+#include <nbase/io/nsequentialbuffer.h>
+
+#include <QtTest/QSignalSpy>
+#include <QtTest/QtTest>
+
+namespace {
+
+// Lets a test reach the protected operations below QIODevice's own buffering.
+class OpenedBuffer : public NSequentialBuffer
+{
+public:
+    OpenedBuffer()
+        : NSequentialBuffer(NULL)
+    {
+    }
+
+    using NSequentialBuffer::readData;
+    using NSequentialBuffer::writeData;
+};
+
+// Reads everything whenever something has arrived.
+class Consumer : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Consumer(NSequentialBuffer& buffer)
+        : m_buffer(buffer)
+    {
+        connect(&buffer, SIGNAL(readyRead()), SLOT(read()));
+    }
+
+    QByteArray bytes;
+
+private slots:
+    void read() { bytes += m_buffer.readAll(); }
+
+private:
+    NSequentialBuffer& m_buffer;
+};
+
+} // namespace
+
+class tst_NSequentialBuffer : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void isSequential();
+    void isClosedAtFirst();
+    void openingWithoutAModeDoesNothing();
+    void openBufferStaysAsItIs();
+    void openModesOpenTheWriteChannel_data();
+    void openModesOpenTheWriteChannel();
+
+    void bytesComeOutInOrderAndOnce();
+    void emptyOpenBufferGivesNothingYet();
+    void endIsReportedAfterTheRestWasRead();
+    void readingNothingGivesNothing();
+    void writingTellsTheReader();
+    void readerMayReadWhileItIsTold();
+    void endOfWritingIsToldOnce();
+    void writingAfterTheEndFails();
+    void writingToAReadOnlyBufferFails();
+    void closingDiscardsEverything();
+    void availableBytesCountBothBuffers();
+    void lineIsSeenInEitherBuffer();
+    void bufferDoesNotReachTwoGibibytes();
+    void piecesOfManySizesComeOutAsTheyWentIn();
+};
+
+void tst_NSequentialBuffer::isSequential()
+{
+    const NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.isSequential());
+}
+
+void tst_NSequentialBuffer::isClosedAtFirst()
+{
+    OpenedBuffer buffer;
+    QVERIFY(!buffer.isOpen());
+    char byte = 0;
+    QCOMPARE(buffer.readData(&byte, 1), qint64(-1));
+    QCOMPARE(buffer.writeData("x", 1), qint64(-1));
+    QCOMPARE(buffer.bytesAvailable(), qint64(0));
+}
+
+void tst_NSequentialBuffer::openingWithoutAModeDoesNothing()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(!buffer.open(QIODevice::NotOpen));
+    QVERIFY(!buffer.isOpen());
+}
+
+void tst_NSequentialBuffer::openBufferStaysAsItIs()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    QVERIFY(buffer.openMode() == QIODevice::ReadOnly);
+    QCOMPARE(buffer.read(1), QByteArray());
+    QVERIFY(buffer.atEnd());
+    QVERIFY(buffer.open(QIODevice::NotOpen));
+    QVERIFY(buffer.isOpen());
+}
+
+void tst_NSequentialBuffer::openModesOpenTheWriteChannel_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<int>("emptyRead");
+    QTest::newRow("read") << int(QIODevice::ReadOnly) << -1;
+    QTest::newRow("write") << int(QIODevice::WriteOnly) << 0;
+    QTest::newRow("both") << int(QIODevice::ReadWrite) << 0;
+    QTest::newRow("text") << int(QIODevice::ReadWrite | QIODevice::Text) << 0;
+}
+
+void tst_NSequentialBuffer::openModesOpenTheWriteChannel()
+{
+    QFETCH(int, mode);
+    QFETCH(int, emptyRead);
+    OpenedBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::OpenMode(mode)));
+    char byte = 0;
+    QCOMPARE(int(buffer.readData(&byte, 1)), emptyRead);
+}
+
+void tst_NSequentialBuffer::bytesComeOutInOrderAndOnce()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    QCOMPARE(buffer.write("one"), qint64(3));
+    QCOMPARE(buffer.write("two"), qint64(3));
+    QCOMPARE(buffer.read(4), QByteArray("onet"));
+    buffer.write("three");
+    QCOMPARE(buffer.readAll(), QByteArray("wothree"));
+    QCOMPARE(buffer.readAll(), QByteArray());
+}
+
+void tst_NSequentialBuffer::emptyOpenBufferGivesNothingYet()
+{
+    OpenedBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    char byte = 0;
+    QCOMPARE(buffer.readData(&byte, 1), qint64(0));
+    QCOMPARE(buffer.read(&byte, 1), qint64(0));
+    buffer.closeWriteChannel();
+    QCOMPARE(buffer.readData(&byte, 1), qint64(-1));
+    QCOMPARE(buffer.read(&byte, 1), qint64(-1));
+}
+
+void tst_NSequentialBuffer::endIsReportedAfterTheRestWasRead()
+{
+    OpenedBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.write("abc");
+    buffer.closeWriteChannel();
+    char bytes[4] = "";
+    QCOMPARE(buffer.readData(bytes, 2), qint64(2));
+    QCOMPARE(buffer.readData(bytes + 2, 2), qint64(1));
+    QCOMPARE(bytes, "abc");
+    QCOMPARE(buffer.readData(bytes, 1), qint64(-1));
+}
+
+void tst_NSequentialBuffer::readingNothingGivesNothing()
+{
+    OpenedBuffer buffer;
+    QCOMPARE(buffer.readData(NULL, 0), qint64(0));
+    QCOMPARE(buffer.readData(NULL, -1), qint64(0));
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.write("abc");
+    QCOMPARE(buffer.readData(NULL, 0), qint64(0));
+    QCOMPARE(buffer.readData(NULL, -1), qint64(0));
+    buffer.closeWriteChannel();
+    QCOMPARE(buffer.readData(NULL, 0), qint64(0));
+    QCOMPARE(buffer.readAll(), QByteArray("abc"));
+}
+
+void tst_NSequentialBuffer::writingTellsTheReader()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    QSignalSpy ready(&buffer, SIGNAL(readyRead()));
+    buffer.write("a");
+    buffer.write("b");
+    QCOMPARE(ready.count(), 2);
+}
+
+void tst_NSequentialBuffer::readerMayReadWhileItIsTold()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    Consumer consumer(buffer);
+    QCOMPARE(buffer.write("abc"), qint64(3));
+    QCOMPARE(buffer.write("def"), qint64(3));
+    QCOMPARE(consumer.bytes, QByteArray("abcdef"));
+    QCOMPARE(buffer.bytesAvailable(), qint64(0));
+}
+
+void tst_NSequentialBuffer::endOfWritingIsToldOnce()
+{
+    NSequentialBuffer buffer(NULL);
+    QSignalSpy finished(&buffer, SIGNAL(readChannelFinished()));
+    buffer.closeWriteChannel();
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    buffer.closeWriteChannel();
+    QCOMPARE(finished.count(), 0);
+    buffer.close();
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.closeWriteChannel();
+    buffer.closeWriteChannel();
+    QCOMPARE(finished.count(), 1);
+}
+
+void tst_NSequentialBuffer::writingAfterTheEndFails()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.write("a");
+    buffer.closeWriteChannel();
+    QSignalSpy ready(&buffer, SIGNAL(readyRead()));
+    QCOMPARE(buffer.write("b"), qint64(-1));
+    QCOMPARE(ready.count(), 0);
+    QCOMPARE(buffer.readAll(), QByteArray("a"));
+}
+
+void tst_NSequentialBuffer::writingToAReadOnlyBufferFails()
+{
+    OpenedBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    QCOMPARE(buffer.write("x"), qint64(-1));
+    QCOMPARE(buffer.writeData("x", 1), qint64(-1));
+}
+
+void tst_NSequentialBuffer::closingDiscardsEverything()
+{
+    OpenedBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.write("abcdef");
+    QCOMPARE(buffer.read(1), QByteArray("a"));
+    buffer.close();
+    QVERIFY(!buffer.isOpen());
+    QCOMPARE(buffer.bytesAvailable(), qint64(0));
+    QVERIFY(!buffer.canReadLine());
+    QCOMPARE(buffer.writeData("x", 1), qint64(-1));
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.write("new");
+    QCOMPARE(buffer.readAll(), QByteArray("new"));
+}
+
+void tst_NSequentialBuffer::availableBytesCountBothBuffers()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.write(QByteArray(100000, 'x'));
+    QCOMPARE(buffer.bytesAvailable(), qint64(100000));
+    buffer.read(1); // QIODevice takes more than that into a buffer of its own
+    QCOMPARE(buffer.bytesAvailable(), qint64(99999));
+    buffer.ungetChar('y');
+    QCOMPARE(buffer.bytesAvailable(), qint64(100000));
+}
+
+void tst_NSequentialBuffer::lineIsSeenInEitherBuffer()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    QVERIFY(!buffer.canReadLine());
+    buffer.write("no line");
+    QVERIFY(!buffer.canReadLine());
+    buffer.write("\nrest");
+    QVERIFY(buffer.canReadLine());
+    QCOMPARE(buffer.read(1), QByteArray("n"));
+    QVERIFY(buffer.canReadLine());
+    QCOMPARE(buffer.readLine(), QByteArray("o line\n"));
+    QVERIFY(!buffer.canReadLine());
+}
+
+void tst_NSequentialBuffer::bufferDoesNotReachTwoGibibytes()
+{
+    OpenedBuffer buffer;
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    buffer.write("abc");
+    QSignalSpy ready(&buffer, SIGNAL(readyRead()));
+    char byte = 0;
+    const qint64 twoGibibytes = qint64(1) << 31;
+    QCOMPARE(buffer.writeData(&byte, twoGibibytes - 3), qint64(-1));
+    QCOMPARE(buffer.writeData(&byte, twoGibibytes), qint64(-1));
+    QCOMPARE(buffer.writeData(&byte, 2 * twoGibibytes), qint64(-1));
+    QCOMPARE(ready.count(), 0);
+    QCOMPARE(buffer.readAll(), QByteArray("abc"));
+}
+
+void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn()
+{
+    NSequentialBuffer buffer(NULL);
+    QVERIFY(buffer.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
+    QByteArray in;
+    QByteArray out;
+    unsigned random = 1;
+    for (int turn = 0; turn < 20000; ++turn) {
+        random = random * 1103515245u + 12345u;
+        QByteArray piece(int((random >> 16) % 100), '\0');
+        for (int index = 0; index < piece.size(); ++index)
+            piece[index] = char(in.size() + index);
+        buffer.write(piece);
+        in += piece;
+        // For a while less is read than is written, then more.
+        out += buffer.read((turn / 2000) % 2 ? 90 : 20);
+        QCOMPARE(buffer.bytesAvailable(), qint64(in.size() - out.size()));
+    }
+    out += buffer.readAll();
+    QVERIFY(out == in);
+}
+
+QTEST_GUILESS_MAIN(tst_NSequentialBuffer)
+#include "tst_nsequentialbuffer.moc"

@@ -1,0 +1,1045 @@
+#include "ntestdatabase.h"
+
+#include "support/nmessagerecorder.h"
+#include "support/nprivatenamespace.h"
+#include "support/ntemporarydirectory.h"
+#include "support/nwithoutfileoverride.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFileInfo>
+#include <QtCore/QProcess>
+#include <QtTest/QtTest>
+
+#include <random>
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+QString text(const char* utf8)
+{
+    return QString::fromUtf8(utf8);
+}
+
+QStringList lines(const char* messages)
+{
+    QStringList result = text(messages).split(QLatin1Char('\n'));
+    if (result.last().isEmpty())
+        result.removeLast();
+    return result;
+}
+
+const char* const Created =
+    "warning: The integrity check of the database \"Test\" has failed. It will be initialized.\n";
+const char* const NotOpened = "critical: Cannot open the database \"Test\"\n";
+const char* const Refused =
+    "warning: The database \"Test\" cannot be converted from version 1 to version 2. It will be "
+    "initialized.\n";
+const char* const Converted = "debug: The database \"Test\" has been converted from version 1 to version 2\n";
+const char* const Newer =
+    "warning: The version of the database \"Test\" (3) is greater than the current version of the "
+    "database (2). It will be initialized.\n";
+
+QByteArray contentOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void write(const QString& path, const QByteArray& content)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("cannot write %s", qPrintable(path));
+}
+
+// A number from 0 to below @a limit; the same sequence in each run.
+int random(int limit)
+{
+    static std::mt19937 generator;
+    return int(generator() % unsigned(limit));
+}
+
+// Another process: the sqlite3 command with a database, told what to do line by line.
+class OtherProcess
+{
+public:
+    explicit OtherProcess(const QString& path)
+    {
+        m_process.setProcessChannelMode(QProcess::MergedChannels);
+        m_process.start(text("sqlite3"), QStringList(path));
+        if (!m_process.waitForStarted())
+            qFatal("sqlite3 does not start");
+    }
+
+    ~OtherProcess()
+    {
+        m_process.closeWriteChannel();
+        m_process.waitForFinished();
+    }
+
+    // Waits until the statements have been executed. Returns what they printed.
+    QByteArray execute(const char* statements)
+    {
+        m_process.write(QByteArray(statements) + "\n.print done\n");
+        QByteArray output;
+        while (!output.endsWith("done\n") && m_process.waitForReadyRead(30000))
+            output += m_process.readAll();
+        output.chop(5);
+        return output;
+    }
+
+private:
+    QProcess m_process;
+};
+
+bool convertToTwo(NTestManager& manager)
+{
+    return manager.execute("CREATE TABLE child2(id INTEGER PRIMARY KEY, note)") &&
+           manager.execute("INSERT INTO child2 SELECT id, 'new ' || note FROM t") &&
+           manager.execute("DROP TABLE t") && manager.execute("ALTER TABLE child2 RENAME TO t");
+}
+
+} // namespace
+
+class tst_NAbstractSqliteDbManager : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void init();
+    void cleanup();
+
+    void closedManagerHasNoDatabase();
+    void missingFileIsMadeWithItsDirectory();
+    void emptyFileIsInitialised();
+    void currentDatabaseIsLeftAsItIs();
+    void openingAgainLeavesNoRemarks();
+    void foreignKeysAreEnforcedAfterEachOpening_data();
+    void foreignKeysAreEnforcedAfterEachOpening();
+    void pathThatIsNoFileIsRefused();
+
+    void olderDatabaseIsConverted();
+    void conversionIsRefusedByTheBase();
+    void failedConversionInitialises_data();
+    void failedConversionInitialises();
+    void conversionMayLeaveATransactionOpen();
+    void newerDatabaseIsInitialised();
+    void initialisationRemovesEverything();
+    void failingTablesDoNotStopTheOthers();
+
+    void fileThatIsNoDatabaseIsSetAside();
+    void damageIsReportedLineByLine();
+    void damageThatPreventsDroppingSetsTheFileAside();
+    void companionsGoWithADamagedFile();
+
+    void lockedDatabaseIsNotOpened();
+    void databaseThatIsBeingWrittenIsOpened();
+    void olderDatabaseThatIsBeingWrittenIsNotOpened();
+    void readOnlyFileIsOpenedAsItIs();
+    void readOnlyFileIsNotInitialised_data();
+    void readOnlyFileIsNotInitialised();
+    void readOnlyDirectoryIsOpenedAsItIs();
+    void readOnlyDirectoryStaysEmpty();
+    void readOnlyFileIsNotRepaired();
+    void fullDiskKeepsWhatIsThere_data();
+    void fullDiskKeepsWhatIsThere();
+    void fullDiskRefusesRows();
+
+    void brokenReferencesAreDeleted();
+    void brokenReferencesOfSeveralColumnsAreDeleted();
+    void referencesWithoutColumnsPrintNone();
+    void rowsWithoutRowidAreLeftAlone();
+    void rowWithSeveralBrokenReferencesIsDeleted();
+    void deletionsThatBreakOtherReferencesGoOn();
+    void actionsOfForeignKeysAreTaken();
+    void repairWorksOnNamesThatNeedQuotes();
+    void repairFindsRowsWhoseRowidNameIsTaken();
+
+    void killedConversionLeavesOldOrNewData();
+    void damagedCopiesAlwaysEndWell();
+
+private:
+    QString newPath();
+    QString makeDatabase(const char* statements, int version);
+    QString makeVersionOne();
+    QString mountSmallDisk(const char* size);
+
+    NTemporaryDirectory* m_directory;
+    NMessageRecorder* m_recorder;
+    int m_count;
+};
+
+// The files lie in memory: what is tested does not depend on the disk, and hundreds of commits take no time there.
+void tst_NAbstractSqliteDbManager::initTestCase()
+{
+    m_directory = new NTemporaryDirectory;
+    m_count = 0;
+    NPrivateNamespace::mountEmptyDirectory(m_directory->path());
+}
+
+void tst_NAbstractSqliteDbManager::cleanupTestCase()
+{
+    NPrivateNamespace::unmount(m_directory->path());
+    delete m_directory;
+}
+
+void tst_NAbstractSqliteDbManager::init()
+{
+    m_recorder = new NMessageRecorder;
+}
+
+void tst_NAbstractSqliteDbManager::cleanup()
+{
+    const QStringList messages = m_recorder->take();
+    delete m_recorder;
+    QCOMPARE(messages, QStringList());
+    QCOMPARE(QSqlDatabase::connectionNames(), QStringList());
+}
+
+QString tst_NAbstractSqliteDbManager::newPath()
+{
+    const QString directory = m_directory->filePath(QString::number(++m_count));
+    QDir().mkpath(directory);
+    return directory + text("/test.db");
+}
+
+QString tst_NAbstractSqliteDbManager::makeDatabase(const char* statements, int version)
+{
+    const QString path = newPath();
+    OtherProcess process(path);
+    const QByteArray output =
+        process.execute(QByteArray(statements) + "\nPRAGMA user_version=" + QByteArray::number(version) + ";");
+    if (!output.isEmpty())
+        qFatal("%s", output.constData());
+    return path;
+}
+
+QString tst_NAbstractSqliteDbManager::makeVersionOne()
+{
+    return makeDatabase(
+        "CREATE TABLE t(id INTEGER PRIMARY KEY, note); INSERT INTO t VALUES(1, 'a'), (2, 'b');", 1);
+}
+
+QString tst_NAbstractSqliteDbManager::mountSmallDisk(const char* size)
+{
+    const QString path = newPath();
+    const QByteArray directory = QFile::encodeName(QFileInfo(path).path());
+    if (::mount("tmpfs", directory.constData(), "tmpfs", 0, size) != 0)
+        qFatal("cannot mount at %s", directory.constData());
+    return path;
+}
+
+void tst_NAbstractSqliteDbManager::closedManagerHasNoDatabase()
+{
+    NTestManager manager(newPath());
+    QVERIFY(!manager.database().isValid());
+    manager.closeDatabase();
+    QVERIFY(!manager.database().isValid());
+}
+
+void tst_NAbstractSqliteDbManager::missingFileIsMadeWithItsDirectory()
+{
+    const QString path = QFileInfo(newPath()).path() + text("/a/b c/\xc3\xa9/test.db");
+    NTestManager manager(path, 7);
+    NTestTable child(&manager, "child", "(parent REFERENCES parent(id))");
+    NTestTable parent(&manager, "parent", "(id INTEGER PRIMARY KEY)");
+    child.addTrigger("CREATE TRIGGER first AFTER INSERT ON parent BEGIN INSERT INTO child VALUES(new.id); END");
+    manager.addTable(&child);
+    manager.addTable(&parent);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Created));
+    QVERIFY(QFile::exists(path));
+    QCOMPARE(manager.database().connectionName(), text("test connection"));
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("child\nparent\nfirst"));
+    QCOMPARE(manager.rows("PRAGMA user_version"), lines("7"));
+    QVERIFY(manager.execute("INSERT INTO parent VALUES(1)"));
+    QCOMPARE(manager.rows("SELECT * FROM child"), lines("1"));
+}
+
+void tst_NAbstractSqliteDbManager::emptyFileIsInitialised()
+{
+    const QString path = newPath();
+    write(path, QByteArray());
+    NTestManager manager(path);
+    NTestTable table(&manager, "t", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Created));
+    QVERIFY(manager.execute("INSERT INTO t VALUES(1)"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::currentDatabaseIsLeftAsItIs()
+{
+    const QString path = makeVersionOne();
+    const QByteArray content = contentOf(path);
+    NTestManager manager(path);
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("a\nb"));
+    int version = -1;
+    QVERIFY(manager.checkDatabaseIntegrity(version));
+    QCOMPARE(version, 1);
+    manager.closeDatabase();
+    QCOMPARE(contentOf(path), content);
+}
+
+void tst_NAbstractSqliteDbManager::openingAgainLeavesNoRemarks()
+{
+    NTestManager manager(makeVersionOne());
+    for (int round = 0; round < 3; ++round) {
+        manager.openDatabase();
+        manager.openDatabase();
+        QVERIFY(manager.database().isOpen());
+        if (round != 1)
+            manager.closeDatabase();
+    }
+    manager.closeDatabase();
+}
+
+void tst_NAbstractSqliteDbManager::foreignKeysAreEnforcedAfterEachOpening_data()
+{
+    QTest::addColumn<int>("stored");
+    QTest::newRow("new") << 0;
+    QTest::newRow("older") << 1;
+    QTest::newRow("current") << 2;
+    QTest::newRow("newer") << 3;
+}
+
+void tst_NAbstractSqliteDbManager::foreignKeysAreEnforcedAfterEachOpening()
+{
+    QFETCH(int, stored);
+    const QString path =
+        stored == 0 ? newPath() : makeDatabase("CREATE TABLE t(id INTEGER PRIMARY KEY, note);", stored);
+    NTestManager manager(path, 2);
+    manager.setConversion(convertToTwo);
+    manager.openDatabase();
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+    QCOMPARE(manager.rows("PRAGMA user_version"), lines("2"));
+    m_recorder->take();
+}
+
+void tst_NAbstractSqliteDbManager::pathThatIsNoFileIsRefused()
+{
+    NTestManager directory(QFileInfo(newPath()).path());
+    directory.openDatabase();
+    QVERIFY(!directory.database().isValid());
+    QCOMPARE(m_recorder->take(), lines(NotOpened));
+    NTestManager belowFile(makeVersionOne() + text("/test.db"));
+    belowFile.openDatabase();
+    QVERIFY(!belowFile.database().isValid());
+    QCOMPARE(m_recorder->take(), lines(NotOpened));
+}
+
+void tst_NAbstractSqliteDbManager::olderDatabaseIsConverted()
+{
+    const QString path = makeVersionOne();
+    NTestManager manager(path, 2);
+    QStringList foreignKeys;
+    manager.setConversion([&](NTestManager& database) {
+        foreignKeys = database.rows("PRAGMA foreign_keys");
+        return convertToTwo(database);
+    });
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Converted));
+    QCOMPARE(manager.oldVersion(), 1);
+    QCOMPARE(foreignKeys, lines("0"));
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
+    QCOMPARE(manager.rows("PRAGMA user_version"), lines("2"));
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
+}
+
+void tst_NAbstractSqliteDbManager::conversionIsRefusedByTheBase()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    NTestTable table(&manager, "t", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Refused));
+    QCOMPARE(manager.rows("SELECT * FROM t"), QStringList());
+    QCOMPARE(manager.rows("PRAGMA user_version"), lines("2"));
+}
+
+void tst_NAbstractSqliteDbManager::failedConversionInitialises_data()
+{
+    QTest::addColumn<QString>("statements");
+    QTest::addColumn<bool>("result");
+    QTest::newRow("refused after changes") << text("DROP TABLE t;CREATE TABLE other(a)") << false;
+    QTest::newRow("rolled back by itself") << text("ROLLBACK") << false;
+    QTest::newRow("committed by itself and failed") << text("DROP TABLE t;COMMIT") << false;
+    QTest::newRow("committed by itself") << text("COMMIT") << true;
+    QTest::newRow("failed with a transaction of its own open") << text("COMMIT;BEGIN;DROP TABLE t") << false;
+}
+
+void tst_NAbstractSqliteDbManager::failedConversionInitialises()
+{
+    QFETCH(QString, statements);
+    QFETCH(bool, result);
+    const QString path = makeVersionOne();
+    NTestManager manager(path, 2);
+    NTestTable table(&manager, "fresh", "(a)");
+    manager.addTable(&table);
+    manager.setConversion([&](NTestManager& database) {
+        const QStringList all = statements.split(QLatin1Char(';'));
+        for (const QString& statement : all)
+            database.execute(statement.toUtf8().constData());
+        return result;
+    });
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Refused));
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
+    QCOMPARE(manager.rows("PRAGMA user_version"), lines("2"));
+    QVERIFY(manager.execute("BEGIN"));
+    QVERIFY(manager.execute("ROLLBACK"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::conversionMayLeaveATransactionOpen()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    manager.setConversion([](NTestManager& database) {
+        return convertToTwo(database) && database.execute("COMMIT") && database.execute("BEGIN") &&
+               database.execute("SAVEPOINT inner");
+    });
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Converted));
+    QVERIFY(manager.execute("BEGIN"));
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
+}
+
+void tst_NAbstractSqliteDbManager::newerDatabaseIsInitialised()
+{
+    NTestManager manager(makeDatabase("CREATE TABLE t(a); CREATE TABLE future(a);", 3), 2);
+    NTestTable table(&manager, "t", "(b)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Newer));
+    QCOMPARE(manager.rows("SELECT sql FROM sqlite_master"), lines("CREATE TABLE t(b)"));
+    QCOMPARE(manager.rows("PRAGMA user_version"), lines("2"));
+}
+
+void tst_NAbstractSqliteDbManager::initialisationRemovesEverything()
+{
+    const QString path = makeDatabase(
+        "CREATE TABLE \"needs \"\"quotes\"\"\"(id INTEGER PRIMARY KEY AUTOINCREMENT); INSERT INTO \"needs "
+        "\"\"quotes\"\"\" "
+        "VALUES(5); CREATE TABLE child(a REFERENCES \"needs \"\"quotes\"\"\"(id)); INSERT INTO child VALUES(5);"
+        "CREATE VIEW seen AS SELECT * FROM child; CREATE INDEX byA ON child(a); CREATE VIRTUAL TABLE words USING "
+        "fts5(a);"
+        "CREATE TRIGGER deleted AFTER DELETE ON child BEGIN SELECT raise(ABORT, 'no'); END;",
+        1);
+    NTestManager manager(path);
+    NTestTable table(&manager, "seen", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT * FROM child"), lines("5"));
+    manager.initializeDatabase();
+    QCOMPARE(
+        manager.rows("SELECT sql FROM sqlite_master WHERE name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"),
+        lines("CREATE TABLE seen(a)"));
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::failingTablesDoNotStopTheOthers()
+{
+    const QString path = newPath();
+    NTestManager manager(path);
+    NTestTable wrong(&manager, "wrong", "(a");
+    NTestTable right(&manager, "t", "(a)");
+    wrong.addTrigger("CREATE TRIGGER wrong");
+    right.addTrigger("CREATE TRIGGER tried AFTER INSERT ON t BEGIN SELECT 1; END");
+    manager.addTable(&wrong);
+    manager.addTable(&right);
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 3);
+    QCOMPARE(messages.at(0) + QLatin1Char('\n'), text(Created));
+    QVERIFY(messages.at(1).contains(text("while creating table \"wrong\"")));
+    QVERIFY(messages.at(2).contains(text("while creating triggers for table \"wrong\"")));
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("t\ntried"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::fileThatIsNoDatabaseIsSetAside()
+{
+    const QString path = newPath();
+    const QByteArray content = QByteArray("no database at all\n").repeated(1000);
+    for (int round = 0; round < 2; ++round) {
+        write(path, content);
+        NTestManager manager(path);
+        NTestTable table(&manager, "t", "(a)");
+        manager.addTable(&table);
+        manager.openDatabase();
+        QCOMPARE(m_recorder->take(), lines(Created));
+        QVERIFY(manager.execute("INSERT INTO t VALUES(1)"));
+        QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+        QCOMPARE(contentOf(path + text(".damaged")), content);
+    }
+    QCOMPARE(QDir(QFileInfo(path).path()).entryList(QDir::Files), lines("test.db\ntest.db.damaged"));
+}
+
+void tst_NAbstractSqliteDbManager::damageIsReportedLineByLine()
+{
+    const QString path = makeDatabase(
+        "CREATE TABLE t(a); CREATE INDEX i ON t(a); INSERT INTO t VALUES(1), (2), (3);"
+        "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql = replace(sql, 't(a)', 't(a) WHERE a > 2') WHERE "
+        "name = 'i';",
+        1);
+    NTestManager manager(path);
+    NTestTable table(&manager, "t", "(b)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QVERIFY(messages.size() >= 3);
+    QCOMPARE(
+        messages.first(),
+        text("warning: Integrity check on the database \"Test\" fails. The following error(s) have been "
+             "returned:"));
+    const QStringList errors = messages.mid(1, messages.size() - 2);
+    OtherProcess process(makeDatabase("", 0));
+    for (const QString& error : errors)
+        QVERIFY2(error.startsWith(text("warning: ")) && error.contains(text("index i")), qPrintable(error));
+    QCOMPARE(messages.last() + QLatin1Char('\n'), text(Created));
+    QCOMPARE(manager.rows("SELECT sql FROM sqlite_master"), lines("CREATE TABLE t(b)"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::damageThatPreventsDroppingSetsTheFileAside()
+{
+    const QString path = makeDatabase("CREATE TABLE t(a); INSERT INTO t VALUES(zeroblob(9000));", 1);
+    QByteArray content = contentOf(path);
+    // The kind of the second page, the table's.
+    content[4096] = char(0x77);
+    write(path, content);
+    NTestManager manager(path);
+    NTestTable table(&manager, "t", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QVERIFY(messages.size() >= 2);
+    QCOMPARE(messages.last() + QLatin1Char('\n'), text(Created));
+    QCOMPARE(contentOf(path + text(".damaged")), content);
+    QVERIFY(manager.execute("INSERT INTO t VALUES(1)"));
+    QCOMPARE(manager.rows("PRAGMA integrity_check"), lines("ok"));
+}
+
+void tst_NAbstractSqliteDbManager::companionsGoWithADamagedFile()
+{
+    const QString path = newPath();
+    const char* const suffixes[] = {"", "-journal", "-wal", "-shm"};
+    for (const char* suffix : suffixes) {
+        write(path + text(suffix), QByteArray("new") + suffix);
+        write(path + text(".damaged") + text(suffix), "old");
+    }
+    QVERIFY(QFile::remove(path + text("-wal")));
+    NTestManager manager(path);
+    NTestTable table(&manager, "t", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Created));
+    QVERIFY(manager.execute("INSERT INTO t VALUES(1)"));
+    QCOMPARE(contentOf(path + text(".damaged")), QByteArray("new"));
+    QVERIFY(!QFile::exists(path + text(".damaged-wal")));
+    QVERIFY(!QFile::exists(path + text("-journal")));
+    QVERIFY(!QFile::exists(path + text("-shm")));
+    QCOMPARE(contentOf(path + text(".damaged-shm")), QByteArray("new-shm"));
+}
+
+void tst_NAbstractSqliteDbManager::lockedDatabaseIsNotOpened()
+{
+    const QString path = makeVersionOne();
+    NTestManager manager(path, 2);
+    {
+        OtherProcess other(path);
+        QCOMPARE(other.execute("BEGIN EXCLUSIVE;"), QByteArray());
+        manager.openDatabase();
+        QVERIFY(!manager.database().isValid());
+        QCOMPARE(m_recorder->take(), lines(NotOpened));
+    }
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+    manager.setConversion(convertToTwo);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Converted));
+}
+
+void tst_NAbstractSqliteDbManager::databaseThatIsBeingWrittenIsOpened()
+{
+    const QString path = makeVersionOne();
+    OtherProcess other(path);
+    QCOMPARE(other.execute("BEGIN IMMEDIATE; INSERT INTO t VALUES(3, 'c');"), QByteArray());
+    NTestManager manager(path);
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("a\nb"));
+}
+
+void tst_NAbstractSqliteDbManager::olderDatabaseThatIsBeingWrittenIsNotOpened()
+{
+    const QString path = makeVersionOne();
+    OtherProcess other(path);
+    QCOMPARE(other.execute("BEGIN IMMEDIATE;"), QByteArray());
+    NTestManager manager(path, 2);
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    QCOMPARE(m_recorder->take(), lines(NotOpened));
+    QCOMPARE(manager.oldVersion(), -1);
+    QCOMPARE(other.execute("SELECT count(*) FROM t;"), QByteArray("2\n"));
+}
+
+void tst_NAbstractSqliteDbManager::readOnlyFileIsOpenedAsItIs()
+{
+    const QString path = makeVersionOne();
+    const NWithoutFileOverride permissionsCount;
+    QVERIFY(QFile::setPermissions(path, QFile::ReadOwner));
+    NTestManager manager(path);
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("a\nb"));
+}
+
+void tst_NAbstractSqliteDbManager::readOnlyFileIsNotInitialised_data()
+{
+    QTest::addColumn<int>("stored");
+    QTest::addColumn<QString>("messages");
+    QTest::newRow("older") << 1 << text(NotOpened);
+    QTest::newRow("newer") << 3 << text(Newer) + text(NotOpened);
+}
+
+void tst_NAbstractSqliteDbManager::readOnlyFileIsNotInitialised()
+{
+    QFETCH(int, stored);
+    QFETCH(QString, messages);
+    const QString path = makeDatabase("CREATE TABLE t(a); INSERT INTO t VALUES(1);", stored);
+    const QByteArray content = contentOf(path);
+    const NWithoutFileOverride permissionsCount;
+    QVERIFY(QFile::setPermissions(path, QFile::ReadOwner));
+    NTestManager manager(path, 2);
+    manager.setConversion([](NTestManager&) { return false; });
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    QCOMPARE(m_recorder->take(), lines(messages.toUtf8().constData()));
+    QCOMPARE(contentOf(path), content);
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::readOnlyDirectoryIsOpenedAsItIs()
+{
+    const QString path = makeVersionOne();
+    const QString directory = QFileInfo(path).path();
+    const NWithoutFileOverride permissionsCount;
+    QVERIFY(::chmod(QFile::encodeName(directory).constData(), 0555) == 0);
+    {
+        NTestManager manager(path);
+        manager.openDatabase();
+        QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("a\nb"));
+        NTestManager converter(path, 2);
+        converter.setConversion(convertToTwo);
+        manager.closeDatabase();
+        converter.openDatabase();
+        QVERIFY(!converter.database().isValid());
+        QCOMPARE(m_recorder->take(), lines(NotOpened));
+        manager.openDatabase();
+        QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("a\nb"));
+    }
+    ::chmod(QFile::encodeName(directory).constData(), 0755);
+}
+
+void tst_NAbstractSqliteDbManager::readOnlyDirectoryStaysEmpty()
+{
+    const QString path = newPath();
+    const NWithoutFileOverride permissionsCount;
+    const QByteArray directory = QFile::encodeName(QFileInfo(path).path());
+    QVERIFY(::chmod(directory.constData(), 0555) == 0);
+    NTestManager manager(path);
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    QCOMPARE(m_recorder->take(), lines(NotOpened));
+    ::chmod(directory.constData(), 0755);
+}
+
+void tst_NAbstractSqliteDbManager::readOnlyFileIsNotRepaired()
+{
+    const QString path = makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id)); INSERT INTO "
+        "child "
+        "VALUES(1);",
+        1);
+    const QByteArray content = contentOf(path);
+    const NWithoutFileOverride permissionsCount;
+    QVERIFY(QFile::setPermissions(path, QFile::ReadOwner));
+    NTestManager manager(path);
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 2);
+    QCOMPARE(messages.last() + QLatin1Char('\n'), text(NotOpened));
+    QCOMPARE(contentOf(path), content);
+}
+
+void tst_NAbstractSqliteDbManager::fullDiskKeepsWhatIsThere_data()
+{
+    QTest::addColumn<int>("stored");
+    QTest::addColumn<QString>("messages");
+    QTest::newRow("conversion") << 1 << text(NotOpened);
+    QTest::newRow("initialisation") << 3 << text(Newer) + text(NotOpened);
+}
+
+void tst_NAbstractSqliteDbManager::fullDiskKeepsWhatIsThere()
+{
+    QFETCH(int, stored);
+    QFETCH(QString, messages);
+    const QString path = mountSmallDisk("size=1m");
+    const char* const statements = "CREATE TABLE t(id INTEGER PRIMARY KEY, note);"
+                                   "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100) "
+                                   "INSERT INTO t SELECT i, hex(randomblob(2000)) FROM n;";
+    QVERIFY(QFile::copy(makeDatabase(statements, stored), path));
+    const QString filler = QFileInfo(path).path() + text("/filler");
+    int failures = 0;
+    // From no room at all to enough for an initialisation, which needs little, but not for a conversion.
+    for (int room = 0; room < 200000; room = 2 * room + 4096) {
+        struct stat status;
+        QVERIFY(::stat(QFile::encodeName(path).constData(), &status) == 0);
+        write(filler, QByteArray(1024 * 1024 - int(status.st_size) - room, 'x'));
+        NTestManager reader(path, stored);
+        reader.openDatabase();
+        const QStringList before = reader.rows("SELECT id, note FROM t");
+        QCOMPARE(before.size(), 100);
+        reader.closeDatabase();
+        NTestManager manager(path, 2);
+        NTestTable table(&manager, "t", "(a)");
+        table.addTrigger("CREATE TRIGGER filled AFTER INSERT ON t BEGIN SELECT 1; END");
+        if (stored == 1)
+            manager.setConversion([](NTestManager& database) {
+                database.execute("PRAGMA cache_size=5");
+                return convertToTwo(database);
+            });
+        manager.addTable(&table);
+        manager.openDatabase();
+        const bool isOpen = manager.database().isOpen();
+        const QStringList written = m_recorder->take();
+        manager.closeDatabase();
+        if (isOpen && stored != 1)
+            break;
+        QVERIFY2(!isOpen, qPrintable(QString::number(room)));
+        ++failures;
+        // The tables log what they could not do in between.
+        const QStringList expected = lines(messages.toUtf8().constData());
+        QCOMPARE(written.first(), expected.first());
+        QCOMPARE(written.last(), expected.last());
+        QVERIFY(stored != 1 || written.size() == 1);
+        reader.openDatabase();
+        QCOMPARE(reader.rows("SELECT id, note FROM t"), before);
+        QCOMPARE(reader.rows("PRAGMA integrity_check"), lines("ok"));
+    }
+    QVERIFY(failures > 0);
+    NPrivateNamespace::unmount(QFileInfo(path).path());
+}
+
+void tst_NAbstractSqliteDbManager::fullDiskRefusesRows()
+{
+    const QString path = mountSmallDisk("size=256k");
+    {
+        NTestManager manager(path);
+        NTestTable table(&manager, "t", "(a)");
+        manager.addTable(&table);
+        manager.openDatabase();
+        QCOMPARE(m_recorder->take(), lines(Created));
+        QMap<QString, QVariant> values;
+        values.insert(text("a"), QByteArray(10000, 'x'));
+        qlonglong rowid = 0;
+        int count = 0;
+        while (table.execInsertQuery(values, rowid))
+            ++count;
+        QVERIFY(count > 0);
+        const QStringList messages = m_recorder->take();
+        QCOMPARE(messages.size(), 1);
+        QVERIFY(messages.at(0).startsWith(text("critical: SQL error 13 (\"database or disk is full")));
+        QCOMPARE(manager.rows("SELECT count(*) FROM t"), QStringList(QString::number(count)));
+        manager.openDatabase();
+        QCOMPARE(manager.rows("SELECT count(*) FROM t"), QStringList(QString::number(count)));
+    }
+    NPrivateNamespace::unmount(QFileInfo(path).path());
+}
+
+void tst_NAbstractSqliteDbManager::brokenReferencesAreDeleted()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id), x);"
+        "INSERT INTO parent VALUES(1); INSERT INTO child VALUES(1, 'kept'), (2, 'gone'), (NULL, 'kept too');",
+        1));
+    manager.openDatabase();
+    QCOMPARE(
+        m_recorder->take(),
+        lines("warning: Foreign key constraint error in database \"Test\" on child(p) referencing "
+              "parent(id) with value(2). The reference will be deleted."));
+    QCOMPARE(manager.rows("SELECT x FROM child"), lines("kept\nkept too"));
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+}
+
+void tst_NAbstractSqliteDbManager::brokenReferencesOfSeveralColumnsAreDeleted()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(a, b, UNIQUE(a, b)); CREATE TABLE child(x, y, FOREIGN KEY(x, y) REFERENCES parent(a, "
+        "b));"
+        "INSERT INTO child VALUES('one', 2);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(
+        m_recorder->take(),
+        lines("warning: Foreign key constraint error in database \"Test\" on child(x, y) referencing "
+              "parent(a, b) with value(one, 2). The reference will be deleted."));
+    QCOMPARE(manager.rows("SELECT * FROM child"), QStringList());
+}
+
+void tst_NAbstractSqliteDbManager::referencesWithoutColumnsPrintNone()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(a, b, PRIMARY KEY(a, b)); CREATE TABLE single(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE child(x, y, FOREIGN KEY(x, y) REFERENCES parent); CREATE TABLE other(z REFERENCES single);"
+        "INSERT INTO child VALUES(1, 2); INSERT INTO other VALUES(3);",
+        1));
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 2);
+    const QString all = messages.join(text("\n"));
+    QVERIFY(all.contains(text(" on child(x, y) referencing parent() with value(1, 2).")));
+    QVERIFY(all.contains(text(" on other(z) referencing single() with value(3).")));
+}
+
+void tst_NAbstractSqliteDbManager::rowsWithoutRowidAreLeftAlone()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p PRIMARY KEY REFERENCES parent(id)) "
+        "WITHOUT "
+        "ROWID; INSERT INTO child VALUES(2), (3); CREATE TABLE other(q REFERENCES parent(id)); INSERT INTO other "
+        "VALUES(4);",
+        1));
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 3);
+    QCOMPARE(messages.filter(text(" on child(p) referencing parent(id) with value(). The")).size(), 2);
+    QCOMPARE(manager.rows("SELECT p FROM child"), lines("2\n3"));
+    QCOMPARE(manager.rows("SELECT q FROM other"), QStringList());
+}
+
+void tst_NAbstractSqliteDbManager::rowWithSeveralBrokenReferencesIsDeleted()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id), q REFERENCES "
+        "parent(id));"
+        "INSERT INTO parent VALUES(1); INSERT INTO child VALUES(2, 3), (1, 4), (1, 1);",
+        1));
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QVERIFY(
+        !messages.filter(text("with value(2)")).isEmpty() || !messages.filter(text("with value(3)")).isEmpty());
+    QCOMPARE(messages.filter(text("with value(4)")).size(), 1);
+    QCOMPARE(manager.rows("SELECT p, q FROM child"), lines("1|1"));
+}
+
+void tst_NAbstractSqliteDbManager::deletionsThatBreakOtherReferencesGoOn()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE child(id INTEGER PRIMARY KEY, p REFERENCES parent(id));"
+        "CREATE TABLE grandchild(id INTEGER PRIMARY KEY, c REFERENCES child(id) ON DELETE RESTRICT);"
+        "CREATE TABLE leaf(g REFERENCES grandchild(id));"
+        "INSERT INTO parent VALUES(1); INSERT INTO child VALUES(10, 1), (20, 2); INSERT INTO grandchild "
+        "VALUES(100, 10), "
+        "(200, 20); INSERT INTO leaf VALUES(100), (200);",
+        1));
+    manager.openDatabase();
+    const QString prefix = text("warning: Foreign key constraint error in database \"Test\" on ");
+    const QString suffix = text(" The reference will be deleted.");
+    QCOMPARE(
+        m_recorder->take(), QStringList()
+                                << prefix + text("child(p) referencing parent(id) with value(2).") + suffix
+                                << prefix + text("grandchild(c) referencing child(id) with value(20).") + suffix
+                                << prefix + text("leaf(g) referencing grandchild(id) with value(200).") + suffix);
+    QCOMPARE(manager.rows("SELECT id FROM child"), lines("10"));
+    QCOMPARE(manager.rows("SELECT id FROM grandchild"), lines("100"));
+    QCOMPARE(manager.rows("SELECT g FROM leaf"), lines("100"));
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+}
+
+void tst_NAbstractSqliteDbManager::actionsOfForeignKeysAreTaken()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE child(id INTEGER PRIMARY KEY, p REFERENCES parent(id)); INSERT INTO child VALUES(1, 7);"
+        "CREATE TABLE nulled(c REFERENCES child(id) ON DELETE SET NULL); INSERT INTO nulled VALUES(1);"
+        "CREATE TABLE cascaded(c REFERENCES child(id) ON DELETE CASCADE); INSERT INTO cascaded VALUES(1);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().size(), 1);
+    QCOMPARE(manager.rows("SELECT count(*), count(c) FROM nulled"), lines("1|0"));
+    QCOMPARE(manager.rows("SELECT count(*) FROM cascaded"), lines("0"));
+}
+
+void tst_NAbstractSqliteDbManager::repairWorksOnNamesThatNeedQuotes()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE \"the parent\"(\"the id\" INTEGER PRIMARY KEY);"
+        "CREATE TABLE \"a \"\"child\"\"\"(\"order\" REFERENCES \"the parent\"(\"the id\")); INSERT INTO \"a "
+        "\"\"child\"\"\" "
+        "VALUES(9);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(
+        m_recorder->take(),
+        lines("warning: Foreign key constraint error in database \"Test\" on a \"child\"(order) "
+              "referencing the parent(the id) with value(9). The reference will be deleted."));
+    QCOMPARE(manager.rows("SELECT * FROM \"a \"\"child\"\"\""), QStringList());
+}
+
+void tst_NAbstractSqliteDbManager::repairFindsRowsWhoseRowidNameIsTaken()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); INSERT INTO parent VALUES(1);"
+        "CREATE TABLE child(rowid, p REFERENCES parent(id)); INSERT INTO child VALUES(2, 1), (1, 5);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().filter(text("with value(5)")).size(), 1);
+    QCOMPARE(manager.rows("SELECT p FROM child"), lines("1"));
+}
+
+void tst_NAbstractSqliteDbManager::killedConversionLeavesOldOrNewData()
+{
+    const QByteArray original = contentOf(makeDatabase(
+        "CREATE TABLE t(id INTEGER PRIMARY KEY, note);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+        "INSERT INTO t SELECT i, 'note ' || i FROM n;",
+        1));
+    const QString path = newPath();
+    const QStringList oldData = lines("2000|0|1");
+    const QStringList newData = lines("2000|2000|2");
+    const char* const state = "SELECT count(*), sum(note LIKE 'new %'), user_version FROM t, pragma_user_version";
+    const auto convert = [](NTestManager& manager) {
+        return manager.execute("PRAGMA cache_size=5") && convertToTwo(manager);
+    };
+    // Longer than the whole opening takes, so that some processes are killed at its end and some do end.
+    int longest = 0;
+    for (int round = 0; round < 300; ++round) {
+        QFile::remove(path + text("-journal"));
+        write(path, original);
+        QElapsedTimer timer;
+        timer.start();
+        const pid_t process = ::fork();
+        if (process == 0) {
+            NTestManager manager(path, 2);
+            manager.setConversion(convert);
+            manager.openDatabase();
+            ::_exit(0);
+        }
+        QVERIFY(process > 0);
+        if (round > 0) {
+            ::usleep(useconds_t(random(longest)));
+            ::kill(process, SIGKILL);
+        }
+        QVERIFY(::waitpid(process, NULL, 0) == process);
+        if (round == 0)
+            longest = int(timer.nsecsElapsed() / 1000) + 1;
+
+        NTestManager reader(path, 1);
+        {
+            QSqlDatabase database = QSqlDatabase::addDatabase(text("QSQLITE"), text("reader"));
+            database.setDatabaseName(path);
+            QVERIFY(database.open());
+            QSqlQuery query(database);
+            QVERIFY(query.exec(text(state)) && query.next());
+            const QString found = query.value(0).toString() + QLatin1Char('|') + query.value(1).toString() +
+                                  QLatin1Char('|') + query.value(2).toString();
+            QVERIFY2(found == oldData.first() || found == newData.first(), qPrintable(found));
+        }
+        QSqlDatabase::removeDatabase(text("reader"));
+        NTestManager manager(path, 2);
+        manager.setConversion(convert);
+        manager.openDatabase();
+        QCOMPARE(manager.rows(state), newData);
+        m_recorder->take();
+    }
+}
+
+void tst_NAbstractSqliteDbManager::damagedCopiesAlwaysEndWell()
+{
+    const QByteArray original = contentOf(makeDatabase(
+        "PRAGMA page_size=512; CREATE TABLE t(id INTEGER PRIMARY KEY, note, p REFERENCES t(id)); CREATE INDEX i "
+        "ON t(note);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 300) "
+        "INSERT INTO t SELECT i, 'note ' || i, nullif(i / 2, 0) FROM n; INSERT INTO t VALUES(1000, "
+        "zeroblob(3000), 1);"
+        "DELETE FROM t WHERE id BETWEEN 200 AND 280;",
+        1));
+    const int pages = original.size() / 512;
+    const QString path = newPath();
+    int opened = 0;
+    int setAside = 0;
+    for (int round = 0; round < 1000; ++round) {
+        QByteArray content = original;
+        switch (round % 4) {
+        case 0: // anywhere
+            for (int count = random(20) + 1; count > 0; --count)
+                content[random(content.size())] = char(random(256));
+            break;
+        case 1: // in the header and the schema
+            for (int count = random(3) + 1; count > 0; --count)
+                content[random(512)] = char(random(256));
+            break;
+        case 2:
+            content.truncate(random(content.size()));
+            break;
+        case 3:
+            for (int count = random(3) + 1; count > 0; --count) {
+                const int first = random(pages) * 512;
+                const int second = random(pages) * 512;
+                const QByteArray page = content.mid(first, 512);
+                content.replace(first, 512, content.mid(second, 512));
+                content.replace(second, 512, page);
+            }
+            break;
+        }
+        QFile::remove(path + text("-journal"));
+        QFile::remove(path + text("-wal"));
+        QFile::remove(path + text("-shm"));
+        QFile::remove(path + text(".damaged"));
+        write(path, content);
+        NTestManager manager(path);
+        NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note, p REFERENCES t(id))");
+        manager.addTable(&table);
+        manager.openDatabase();
+        const QStringList messages = m_recorder->take();
+        if (!manager.database().isOpen()) {
+            QCOMPARE(messages.last() + QLatin1Char('\n'), text(NotOpened));
+            continue;
+        }
+        ++opened;
+        setAside += QFile::exists(path + text(".damaged"));
+        QCOMPARE(manager.rows("PRAGMA user_version"), lines("1"));
+        QCOMPARE(manager.rows("PRAGMA integrity_check"), lines("ok"));
+        // Where the schema says something else now, its foreign keys may be wrong.
+        const QString references = manager.rows("PRAGMA foreign_key_check").join(text(" "));
+        QVERIFY2(
+            references.isEmpty() || references.startsWith(text("!foreign key mismatch")), qPrintable(references));
+        // A format that only newer versions of SQLite write may be read and not written
+        // (https://sqlite.org/fileformat.html).
+        if (uchar(contentOf(path).at(18)) > 2)
+            continue;
+        QVERIFY(manager.execute("CREATE TABLE usable(a)"));
+        QVERIFY(manager.execute("INSERT INTO usable VALUES(1)"));
+        QCOMPARE(manager.rows("SELECT a FROM usable"), lines("1"));
+    }
+    QVERIFY(opened > 900);
+    QVERIFY(setAside > 100);
+}
+
+NTEST_MAIN_IN_NAMESPACE(QCoreApplication, tst_NAbstractSqliteDbManager, NPrivateNamespace::Mounts)
+#include "tst_nabstractsqlitedbmanager.moc"

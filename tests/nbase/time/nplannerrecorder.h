@@ -1,0 +1,90 @@
+#ifndef NBASE_TESTS_NPLANNERRECORDER_H
+#define NBASE_TESTS_NPLANNERRECORDER_H
+
+#include <nbase/time/neventplanner.h>
+
+#include <QtCore/QStringList>
+
+#include <functional>
+
+/**
+ * Writes down what a planner reports, with the times read from the reported object, and then does what the test
+ * wants done.
+ */
+class NPlannerRecorder : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** Records the signals of @a planner into @a reports, each with @a prefix before it. */
+    NPlannerRecorder(NEventPlanner* planner, QStringList* reports, const QString& prefix = QString())
+        : m_reports(reports)
+        , m_prefix(prefix)
+    {
+        connect(
+            planner, SIGNAL(periodicEventTriggered(const NEventPlanner::NPeriodicEvent*)), this,
+                            SLOT(recordEvent(const NEventPlanner::NPeriodicEvent*)));
+        connect(
+            planner, SIGNAL(periodicTimeSlotStarted(const NEventPlanner::NPeriodicTimeSlot*)), this,
+                            SLOT(recordStart(const NEventPlanner::NPeriodicTimeSlot*)));
+        connect(
+            planner, SIGNAL(periodicTimeSlotEnded(const NEventPlanner::NPeriodicTimeSlot*)), this,
+                            SLOT(recordEnd(const NEventPlanner::NPeriodicTimeSlot*)));
+        connect(
+            planner, SIGNAL(calendarEventTriggered(NEventPlanner::CalendarEvent)), this,
+                            SLOT(recordCalendar(NEventPlanner::CalendarEvent)));
+    }
+
+    /** Called after each report, with its text. */
+    std::function<void(const QString&)> handler;
+
+    const NEventPlanner::NPeriodicEvent* lastEvent = NULL;
+    const NEventPlanner::NPeriodicTimeSlot* lastTimeSlot = NULL;
+
+private slots:
+    void recordEvent(const NEventPlanner::NPeriodicEvent* event)
+    {
+        lastEvent = event;
+        record(QString::fromLatin1("event ") + text(event->time));
+    }
+
+    void recordStart(const NEventPlanner::NPeriodicTimeSlot* timeSlot)
+    {
+        lastTimeSlot = timeSlot;
+        record(QString::fromLatin1("start ") + text(timeSlot));
+    }
+
+    void recordEnd(const NEventPlanner::NPeriodicTimeSlot* timeSlot)
+    {
+        lastTimeSlot = timeSlot;
+        record(QString::fromLatin1("end ") + text(timeSlot));
+    }
+
+    void recordCalendar(NEventPlanner::CalendarEvent event)
+    {
+        record(QString::fromLatin1("calendar ") + QString::number(int(event)));
+    }
+
+private:
+    static QString text(const QTime& time) { return time.toString(QString::fromLatin1("hhmm")); }
+
+    static QString text(const NEventPlanner::NPeriodicTimeSlot* timeSlot)
+    {
+        return text(timeSlot->startTime) + QLatin1Char('-') + text(timeSlot->endTime);
+    }
+
+    void record(const QString& report)
+    {
+        m_reports->append(m_prefix + report);
+        if (handler) {
+            // The handler may replace itself.
+            const std::function<void(const QString&)> action = handler;
+            action(report);
+        }
+    }
+
+    QStringList* m_reports;
+    QString m_prefix;
+};
+
+#endif

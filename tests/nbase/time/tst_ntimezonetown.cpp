@@ -1,0 +1,54 @@
+#include <nbase/time/ntimezonetown.h>
+
+#include <QtTest/QtTest>
+
+namespace {
+
+class CountingTown : public NTimeZoneTown
+{
+public:
+    explicit CountingTown(int* destroyed)
+        : NTimeZoneTown(QString(), QString(), QString(), 0, 0, QString())
+        , m_destroyed(destroyed)
+    {
+    }
+    ~CountingTown() { ++*m_destroyed; }
+
+private:
+    int* m_destroyed;
+};
+
+} // namespace
+
+class tst_NTimeZoneTown : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void townHoldsWhatItWasMadeOf();
+    void derivedTownIsDestroyedThroughTheBase();
+};
+
+void tst_NTimeZoneTown::townHoldsWhatItWasMadeOf()
+{
+    const NTimeZoneTown town(
+        QString::fromLatin1("Argentina/Buenos Aires"), QString::fromLatin1("<-03>3"), QString::fromLatin1("AR"),
+        -34.6f, -58.45f, QString::fromLatin1("Buenos Aires (BA, CF)"));
+    QCOMPARE(town.name(), QString::fromLatin1("Argentina/Buenos Aires"));
+    QCOMPARE(town.timezoneCode(), QString::fromLatin1("<-03>3"));
+    QCOMPARE(town.countryCode(), QString::fromLatin1("AR"));
+    QCOMPARE(town.latitude(), -34.6f);
+    QCOMPARE(town.longitude(), -58.45f);
+    QCOMPARE(town.comment(), QString::fromLatin1("Buenos Aires (BA, CF)"));
+}
+
+void tst_NTimeZoneTown::derivedTownIsDestroyedThroughTheBase()
+{
+    int destroyed = 0;
+    NTimeZoneTown* const town = new CountingTown(&destroyed);
+    delete town;
+    QCOMPARE(destroyed, 1);
+}
+
+QTEST_APPLESS_MAIN(tst_NTimeZoneTown)
+#include "tst_ntimezonetown.moc"

@@ -1,0 +1,73 @@
+#ifndef NBASE_TESTS_NMEMORYCHANNEL_H
+#define NBASE_TESTS_NMEMORYCHANNEL_H
+
+#include <nwebapi/nwafcgichannel_p.h>
+
+#include <string.h>
+
+/** Carries one request in memory and keeps what the request does. */
+class NMemoryChannel : public NwaFcgiChannel
+{
+public:
+    explicit NMemoryChannel(const QByteArray& requestBody = QByteArray())
+        : finishCount(0)
+        , isBroken(false)
+        , m_body(requestBody)
+        , m_position(0)
+    {
+    }
+
+    virtual bool write(Stream stream, const char* data, int size)
+    {
+        (stream == Output ? output : remarks).append(data, size);
+        return true;
+    }
+
+    virtual qint64 readBody(char* data, qint64 maximumSize)
+    {
+        if (isBroken)
+            return -1;
+        const int size = int(qMin(maximumSize, qint64(m_body.size() - m_position)));
+        memcpy(data, m_body.constData() + m_position, size_t(size));
+        m_position += size;
+        return size;
+    }
+
+    virtual bool atBodyEnd() const { return !isBroken && m_position == m_body.size(); }
+    virtual void finish() { ++finishCount; }
+
+    /** The header of the reply, with its empty line. */
+    QByteArray header() const { return output.left(headerSize()); }
+
+    /** What follows the header. */
+    QByteArray body() const { return output.mid(headerSize()); }
+
+    QByteArray output;
+    QByteArray remarks;
+    int finishCount;
+    bool isBroken; ///< the rest of the request's body will never come
+
+private:
+    int headerSize() const { return output.indexOf("\r\n\r\n") + 4; }
+
+    QByteArray m_body;
+    int m_position;
+};
+
+/** Variables from a list of names and values in turn. */
+inline NwaCgiRequest::Variables nVariables(
+    const char* name1 = 0, const QByteArray& value1 = QByteArray(), const char* name2 = 0,
+    const QByteArray& value2 = QByteArray(), const char* name3 = 0, const QByteArray& value3 = QByteArray(),
+    const char* name4 = 0, const QByteArray& value4 = QByteArray())
+{
+    NwaCgiRequest::Variables variables;
+    const char* const names[] = {name1, name2, name3, name4};
+    const QByteArray values[] = {value1, value2, value3, value4};
+    for (int index = 0; index < 4; ++index) {
+        if (names[index])
+            variables.insert(names[index], values[index]);
+    }
+    return variables;
+}
+
+#endif

@@ -1,0 +1,319 @@
+#include "nfcgiclient.h"
+#include "nfcgitestservice.h"
+
+#include <nwebapi/nwafcgiserver.h>
+#include <support/nlighttpd.h>
+#include <support/ntemporarydirectory.h>
+#include <support/ntestwait.h>
+
+#include <QtTest/QtTest>
+
+namespace {
+
+QString text(const char* latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+// What arrived, in one line, so that a test can compare it.
+void describe(NwaFcgiRequest* request)
+{
+    if (request->method() == text("HEAD"))
+        request->omitReplyBody();
+    const QByteArray body = NTest::readAvailableBody(request);
+    const QString parameter = request->queryParameters().value(text("p"));
+    NTest::reply(
+        request, (request->method() + QLatin1Char('|') + request->pathInfo() + QLatin1Char('|') + parameter +
+                  QLatin1Char('|') + QString::number(body.size()))
+                     .toUtf8());
+}
+
+} // namespace
+
+/** The server behind a real web server, and called by libfcgi's client. */
+class tst_NwaFcgiWebServer : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void everyMethodArrives_data();
+    void everyMethodArrives();
+    void headIsAnsweredWithoutDocument();
+    void unknownScriptIsAnswered404();
+    void undecodableQueryIsAnswered400();
+    void tenMegabytesOfQueryAreRefused();
+    void tooLargeBodyIsAnswered413();
+    void largeReplyArrivesWhole();
+    void uploadIsReadWhileItIsSent();
+    void uploadThatIsRefusedGetsItsReply();
+    void clientThatGoesBeforeTheReplyHarmsNobody();
+    void clientThatGoesInTheMiddleOfTheReplyHarmsNobody();
+    void remarksComeIntoTheWebServersLog();
+    void spawnedProgramIsServedOnItsInheritedDescriptor();
+    void libfcgisClientIsServed_data();
+    void libfcgisClientIsServed();
+
+private:
+    void startCurl(QProcess& process, const QString& path, const QStringList& options = QStringList());
+    bool run(QProcess& process);
+    QByteArray curl(const QString& path, const QStringList& options = QStringList());
+    int status(const QString& path, const QStringList& options = QStringList());
+
+    NTemporaryDirectory m_directory;
+    NLighttpd m_lighttpd;
+    QScopedPointer<NwaFcgiServer> m_server;
+    QScopedPointer<NFcgiTestService> m_service;
+};
+
+void tst_NwaFcgiWebServer::initTestCase()
+{
+    const QString socket = m_directory.filePath(text("socket"));
+    QVERIFY2(
+        m_lighttpd.start(
+            "server.stream-request-body = 2\n"
+            "server.stream-response-body = 2\n" +
+            NLighttpd::fastCgi(text("/test"), socket) + NLighttpd::fastCgi(text("/unknown"), socket) +
+            m_lighttpd.spawnedFastCgi(text("/documents"), QString::fromLocal8Bit(NFCGI_DOCUMENTS_PROGRAM))),
+        m_lighttpd.log().constData());
+}
+
+void tst_NwaFcgiWebServer::init()
+{
+    m_server.reset(new NwaFcgiServer);
+    QVERIFY(m_server->listenOnPath(m_directory.filePath(text("socket")), 0666));
+    m_service.reset(new NFcgiTestService(describe));
+    m_server->registerService(text("/test"), m_service.data());
+}
+
+void tst_NwaFcgiWebServer::cleanup()
+{
+    m_service.reset();
+    m_server.reset();
+}
+
+void tst_NwaFcgiWebServer::startCurl(QProcess& process, const QString& path, const QStringList& options)
+{
+    process.start(text("curl"), QStringList() << text("-s") << text("-S") << options << m_lighttpd.url(path));
+}
+
+// Waits for a program with our event loop running, because it is our server that the program waits for.
+bool tst_NwaFcgiWebServer::run(QProcess& process)
+{
+    return process.waitForStarted() && NTest::waitUntil([&]() { return process.state() == QProcess::NotRunning; });
+}
+
+QByteArray tst_NwaFcgiWebServer::curl(const QString& path, const QStringList& options)
+{
+    QProcess process;
+    startCurl(process, path, options);
+    return run(process) ? process.readAllStandardOutput() : QByteArray("curl does not end");
+}
+
+int tst_NwaFcgiWebServer::status(const QString& path, const QStringList& options)
+{
+    QStringList all = options;
+    all << text("-o") << text("/dev/null") << text("-w") << text("%{http_code}");
+    return curl(path, all).toInt();
+}
+
+void tst_NwaFcgiWebServer::everyMethodArrives_data()
+{
+    QTest::addColumn<QString>("method");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::newRow("GET") << text("GET") << text("/test") << QByteArray() << QByteArray("GET|||0");
+    QTest::newRow("POST") << text("POST") << text("/test/a") << QByteArray("12345") << QByteArray("POST|/a||5");
+    QTest::newRow("POST of much") << text("POST") << text("/test") << QByteArray(1000000, 'b')
+                                  << QByteArray("POST|||1000000");
+    QTest::newRow("PUT") << text("PUT") << text("/test?p=1") << QByteArray("1") << QByteArray("PUT||1|1");
+    QTest::newRow("DELETE") << text("DELETE") << text("/test/a/b") << QByteArray() << QByteArray("DELETE|/a/b||0");
+    QTest::newRow("other") << text("PATCH") << text("/test") << QByteArray() << QByteArray("PATCH|||0");
+    QTest::newRow("percent-encoded") << text("GET") << text("/test/%41%20b?p=%43+%2B") << QByteArray()
+                                     << QByteArray("GET|/A b|C +|0");
+    QTest::newRow("beyond ASCII") << text("GET") << text("/test/%C3%A9?p=%e2%82%ac") << QByteArray()
+                                  << QByteArray("GET|/\xc3\xa9|\xe2\x82\xac|0");
+}
+
+void tst_NwaFcgiWebServer::everyMethodArrives()
+{
+    QFETCH(QString, method);
+    QFETCH(QString, path);
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, expected);
+    QStringList options = QStringList() << text("-X") << method;
+    if (!body.isEmpty())
+        options << text("-H") << text("Content-Type: text/plain") << text("--data-binary")
+                << QLatin1Char('@') + m_directory.writeFile(text("body"), body);
+    QCOMPARE(curl(path, options), expected);
+}
+
+void tst_NwaFcgiWebServer::headIsAnsweredWithoutDocument()
+{
+    const QByteArray reply = curl(text("/test"), QStringList() << text("--head"));
+    QVERIFY(reply.startsWith("HTTP/1.1 200 OK\r\n"));
+    QVERIFY(reply.contains("Content-Type: text/plain\r\n"));
+    QVERIFY(reply.endsWith("\r\n\r\n"));
+}
+
+void tst_NwaFcgiWebServer::unknownScriptIsAnswered404()
+{
+    QCOMPARE(status(text("/unknown/%C3%A9")), 404);
+    QCOMPARE(status(text("/test")), 200);
+}
+
+void tst_NwaFcgiWebServer::undecodableQueryIsAnswered400()
+{
+    QCOMPARE(status(text("/test?p=%ff")), 400);
+    QCOMPARE(m_service->count(), 0);
+}
+
+// The web server has a limit of its own, which comes first.
+void tst_NwaFcgiWebServer::tenMegabytesOfQueryAreRefused()
+{
+    const QByteArray configuration =
+        "url = \"" + m_lighttpd.url(text("/test?")).toLatin1() + QByteArray(10 * 1024 * 1024, 'q') + "\"\n";
+    QProcess process;
+    process.start(
+        text("curl"), QStringList() << text("-s") << text("-o") << text("/dev/null") << text("-w")
+                                    << text("%{http_code}") << text("-K")
+                                    << m_directory.writeFile(text("query"), configuration));
+    QVERIFY(run(process));
+    const int code = process.readAllStandardOutput().toInt();
+    QVERIFY2(code == 0 || (code >= 400 && code < 500), QByteArray::number(code).constData());
+    QCOMPARE(m_service->count(), 0);
+    QCOMPARE(status(text("/test")), 200);
+}
+
+void tst_NwaFcgiWebServer::tooLargeBodyIsAnswered413()
+{
+    const QString file = m_directory.writeFile(text("body"), QByteArray(5000000, 'b'));
+    const QStringList options = QStringList() << text("-H") << text("Content-Type: text/plain")
+                                              << text("--data-binary") << QLatin1Char('@') + file;
+    QCOMPARE(status(text("/test"), options), 413);
+    QCOMPARE(m_service->count(), 0);
+    QCOMPARE(status(text("/test")), 200);
+}
+
+void tst_NwaFcgiWebServer::largeReplyArrivesWhole()
+{
+    QByteArray document;
+    for (int line = 0; document.size() < 5000000; ++line)
+        document += QByteArray::number(line) + '\n';
+    NFcgiTestService service([&](NwaFcgiRequest* request) { NTest::reply(request, document); });
+    m_server->registerService(text("/test"), &service);
+    QVERIFY(curl(text("/test")) == document);
+}
+
+void tst_NwaFcgiWebServer::uploadIsReadWhileItIsSent()
+{
+    NFcgiTestService service;
+    m_server->registerService(text("/test"), &service);
+    const QString file = m_directory.writeFile(text("upload"), QByteArray(5000000, 'u'));
+    QProcess process;
+    startCurl(process, text("/test"), QStringList() << text("-F") << text("file=@") + file);
+    NTRY_COMPARE(service.count(), 1);
+    QByteArray body;
+    NTRY_VERIFY((body += NTest::readAvailableBody(service.request()), service.request()->atBodyEnd()));
+    QVERIFY(body.contains("filename=\"upload\""));
+    QCOMPARE(qint64(body.size()), service.request()->contentLength());
+    NTest::reply(service.request(), "taken");
+    QVERIFY(run(process) || process.state() == QProcess::NotRunning);
+    QCOMPARE(process.readAllStandardOutput(), QByteArray("taken"));
+}
+
+void tst_NwaFcgiWebServer::uploadThatIsRefusedGetsItsReply()
+{
+    NFcgiTestService service([](NwaFcgiRequest* request) {
+        request->sendHttpError(NwaFcgiRequest::Forbidden);
+        delete request;
+    });
+    m_server->registerService(text("/test"), &service);
+    const QString file = m_directory.writeFile(text("upload"), QByteArray(5000000, 'u'));
+    QCOMPARE(status(text("/test"), QStringList() << text("-F") << text("file=@") + file), 403);
+}
+
+// The web server does not tell that its client has gone; it takes the reply.
+void tst_NwaFcgiWebServer::clientThatGoesBeforeTheReplyHarmsNobody()
+{
+    NFcgiTestService service;
+    m_server->registerService(text("/test"), &service);
+    QProcess process;
+    startCurl(process, text("/test"));
+    NTRY_COMPARE(service.count(), 1);
+    process.kill();
+    NTRY_COMPARE(process.state(), QProcess::NotRunning);
+    NTest::reply(service.request(), QByteArray(1000000, 'r'));
+    NTRY_COMPARE(m_server->connectionCount(), 0);
+    m_server->registerService(text("/test"), m_service.data());
+    QCOMPARE(status(text("/test")), 200);
+}
+
+void tst_NwaFcgiWebServer::clientThatGoesInTheMiddleOfTheReplyHarmsNobody()
+{
+    NFcgiTestService service([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(15000000, 'r')); });
+    m_server->registerService(text("/test"), &service);
+    QProcess process;
+    startCurl(process, text("/test"), QStringList() << text("--limit-rate") << text("100k"));
+    NTRY_COMPARE(service.count(), 1);
+    NTRY_VERIFY(process.bytesAvailable() > 0);
+    process.kill();
+    NTRY_COMPARE(m_server->connectionCount(), 0);
+    m_server->registerService(text("/test"), m_service.data());
+    QCOMPARE(status(text("/test")), 200);
+}
+
+void tst_NwaFcgiWebServer::remarksComeIntoTheWebServersLog()
+{
+    NFcgiTestService service([](NwaFcgiRequest* request) {
+        request->errorStream() << "the reason is this";
+        NTest::reply(request, "answer");
+    });
+    m_server->registerService(text("/test"), &service);
+    QCOMPARE(curl(text("/test")), QByteArray("answer"));
+    NTRY_VERIFY(m_lighttpd.log().contains("the reason is this"));
+}
+
+void tst_NwaFcgiWebServer::spawnedProgramIsServedOnItsInheritedDescriptor()
+{
+    QCOMPARE(curl(text("/documents/100")), QByteArray(100, 'd'));
+    QVERIFY(curl(text("/documents/1000000")) == QByteArray(1000000, 'd'));
+    QVERIFY(curl(text("/documents/pid")).toInt() > 0);
+}
+
+void tst_NwaFcgiWebServer::libfcgisClientIsServed_data()
+{
+    QTest::addColumn<QString>("method");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::newRow("GET") << text("GET") << QByteArray() << QByteArray("GET|/a||0");
+    QTest::newRow("POST") << text("POST") << QByteArray("12345") << QByteArray("POST|/a||5");
+    QTest::newRow("POST of much") << text("POST") << QByteArray(300000, 'b') << QByteArray("POST|/a||300000");
+}
+
+void tst_NwaFcgiWebServer::libfcgisClientIsServed()
+{
+    QFETCH(QString, method);
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, expected);
+    QProcess process;
+    process.setEnvironment(
+        QStringList() << text("PATH=/usr/bin:/bin") << text("SCRIPT_NAME=/test") << text("PATH_INFO=/a")
+                      << text("REQUEST_METHOD=") + method << text("CONTENT_LENGTH=%1").arg(body.size()));
+    process.start(
+        text("cgi-fcgi"), QStringList()
+                              << text("-bind") << text("-connect") << m_directory.filePath(text("socket")));
+    QVERIFY(process.waitForStarted());
+    process.write(body);
+    process.closeWriteChannel();
+    NTRY_COMPARE(process.state(), QProcess::NotRunning);
+    QCOMPARE(process.exitCode(), 0);
+    QCOMPARE(process.readAllStandardOutput(), "Content-Type: text/plain\r\n\r\n" + expected);
+}
+
+QTEST_MAIN(tst_NwaFcgiWebServer)
+#include "tst_nwafcgiwebserver.moc"

@@ -1,0 +1,352 @@
+#include <nwebapi/nwaabstractfcgisessionidentifier.h>
+#include <nwebapi/nwafcgirequest.h>
+#include <nwebapi/nwastandardfcgirequestprocessor.h>
+#include <nwebapi/nwawebsession.h>
+#include <nwebapi/nwawebsessionmanager.h>
+
+#include "nmemorychannel.h"
+
+#include <QtTest/QtTest>
+
+namespace {
+
+class Identifier : public NwaAbstractFcgiSessionIdentifier
+{
+public:
+    Identifier()
+        : session(0)
+        , wasPassive(false)
+    {
+    }
+
+    virtual NwaWebSession* identifySession(NwaFcgiRequest*, bool passive)
+    {
+        wasPassive = passive;
+        return session;
+    }
+
+    NwaWebSession* session;
+    bool wasPassive;
+};
+
+// Refuses everything, as the base does.
+class Processor : public NwaStandardFcgiRequestProcessor
+{
+public:
+    explicit Processor(NwaAbstractFcgiSessionIdentifier* identifier = 0)
+        : NwaStandardFcgiRequestProcessor(identifier)
+    {
+    }
+
+    using NwaStandardFcgiRequestProcessor::authenticateRequest;
+    using NwaStandardFcgiRequestProcessor::sendJsonDocument;
+    using NwaStandardFcgiRequestProcessor::sendJsonReply;
+    using NwaStandardFcgiRequestProcessor::setServedMethods;
+    using NwaStandardFcgiRequestProcessor::writeRefusal;
+};
+
+// Answers with the name of the operation that was called.
+class NamingProcessor : public Processor
+{
+protected:
+    virtual void processGetMethod(NwaFcgiRequest* request) { answer(request, "get"); }
+    virtual void processPostMethod(NwaFcgiRequest* request) { answer(request, "post"); }
+    virtual void processPutMethod(NwaFcgiRequest* request) { answer(request, "put"); }
+    virtual void processDeleteMethod(NwaFcgiRequest* request) { answer(request, "delete"); }
+    virtual void processOtherMethod(NwaFcgiRequest* request, const QString& method)
+    {
+        answer(request, "other " + method.toLatin1());
+    }
+
+private:
+    static void answer(NwaFcgiRequest* request, const QByteArray& operation)
+    {
+        sendJsonReply(request, QString::fromLatin1(operation));
+    }
+};
+
+const char jsonHeader[] = "Content-Type: application/json; charset=utf-8\r\n\r\n";
+
+QByteArray statusOf(const NMemoryChannel& channel)
+{
+    return channel.header().left(channel.header().indexOf("\r\n"));
+}
+
+} // namespace
+
+class tst_NwaStandardFcgiRequestProcessor : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void methodIsHandedToItsOperation_data();
+    void methodIsHandedToItsOperation();
+    void headIsAnsweredWithoutTheDocument();
+    void headWithABodyIsRefused();
+    void baseRefusesEveryMethod_data();
+    void baseRefusesEveryMethod();
+    void servedMethodsAreAllowed_data();
+    void servedMethodsAreAllowed();
+    void foreignOriginMayNotChange_data();
+    void foreignOriginMayNotChange();
+    void foreignOriginMayRead_data();
+    void foreignOriginMayRead();
+    void sessionIsHandedOut();
+    void requestWithoutSessionIsAnswered401();
+    void refusalIsWrittenToTheErrorStream();
+    void placeholdersAreFilledInOnePass();
+    void refusalShowsControlCharacters();
+    void refusalIsWrittenInLatin1();
+    void repliesAreJson();
+};
+
+void tst_NwaStandardFcgiRequestProcessor::methodIsHandedToItsOperation_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::addColumn<QByteArray>("operation");
+    QTest::newRow("GET") << QByteArray("GET") << QByteArray("get");
+    QTest::newRow("POST") << QByteArray("POST") << QByteArray("post");
+    QTest::newRow("PUT") << QByteArray("PUT") << QByteArray("put");
+    QTest::newRow("DELETE") << QByteArray("DELETE") << QByteArray("delete");
+    QTest::newRow("OPTIONS") << QByteArray("OPTIONS") << QByteArray("other OPTIONS");
+    QTest::newRow("PATCH") << QByteArray("PATCH") << QByteArray("other PATCH");
+    QTest::newRow("methods are case-sensitive") << QByteArray("get") << QByteArray("other get");
+    QTest::newRow("none") << QByteArray("") << QByteArray("other ");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::methodIsHandedToItsOperation()
+{
+    QFETCH(QByteArray, method);
+    QFETCH(QByteArray, operation);
+    NMemoryChannel channel;
+    NamingProcessor().processRequest(new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", method)));
+    QCOMPARE(channel.output, jsonHeader + ('"' + operation + '"'));
+    QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::headIsAnsweredWithoutTheDocument()
+{
+    NMemoryChannel channel;
+    NamingProcessor().processRequest(new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", "HEAD")));
+    QCOMPARE(channel.output, QByteArray(jsonHeader));
+    QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::headWithABodyIsRefused()
+{
+    NMemoryChannel channel("x");
+    NamingProcessor().processRequest(
+        new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", "HEAD", "CONTENT_LENGTH", "1")));
+    QCOMPARE(statusOf(channel), QByteArray("Status: 400 Bad Request"));
+    QCOMPARE(channel.body(), QByteArray());
+    QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::baseRefusesEveryMethod_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::newRow("GET") << QByteArray("GET");
+    QTest::newRow("HEAD") << QByteArray("HEAD");
+    QTest::newRow("POST") << QByteArray("POST");
+    QTest::newRow("PUT") << QByteArray("PUT");
+    QTest::newRow("DELETE") << QByteArray("DELETE");
+    QTest::newRow("TRACE") << QByteArray("TRACE");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::baseRefusesEveryMethod()
+{
+    QFETCH(QByteArray, method);
+    NMemoryChannel channel;
+    Processor().processRequest(new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", method)));
+    QCOMPARE(statusOf(channel), QByteArray("Status: 405 Method Not Allowed"));
+    QVERIFY(channel.header().contains("\r\nAllow: GET, HEAD\r\n"));
+    QCOMPARE(channel.remarks, QByteArray());
+    QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::servedMethodsAreAllowed_data()
+{
+    QTest::addColumn<int>("methods");
+    QTest::addColumn<QByteArray>("field");
+    typedef NwaStandardFcgiRequestProcessor P;
+    QTest::newRow("none") << 0 << QByteArray("\r\nAllow: \r\n");
+    QTest::newRow("GET") << int(P::GetMethod) << QByteArray("\r\nAllow: GET, HEAD\r\n");
+    QTest::newRow("POST alone") << int(P::PostMethod) << QByteArray("\r\nAllow: POST\r\n");
+    QTest::newRow("all in order") << int(P::DeleteMethod | P::PutMethod | P::PostMethod | P::GetMethod)
+                                  << QByteArray("\r\nAllow: GET, HEAD, POST, PUT, DELETE\r\n");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::servedMethodsAreAllowed()
+{
+    QFETCH(int, methods);
+    QFETCH(QByteArray, field);
+    NMemoryChannel channel;
+    Processor processor;
+    processor.setServedMethods(NwaStandardFcgiRequestProcessor::Methods(methods));
+    processor.processRequest(new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", "TRACE")));
+    QVERIFY(channel.header().contains(field));
+}
+
+void tst_NwaStandardFcgiRequestProcessor::foreignOriginMayNotChange_data()
+{
+    QTest::addColumn<QByteArray>("origin");
+    QTest::addColumn<QByteArray>("host");
+    QTest::addColumn<bool>("isOwn");
+    QTest::newRow("same") << QByteArray("http://device") << QByteArray("device") << true;
+    QTest::newRow("TLS") << QByteArray("https://device") << QByteArray("device") << true;
+    QTest::newRow("same port") << QByteArray("http://device:8080") << QByteArray("device:8080") << true;
+    QTest::newRow("other case") << QByteArray("HTTP://Device") << QByteArray("dEVICE") << true;
+    QTest::newRow("default port of origin") << QByteArray("http://device:80") << QByteArray("device") << true;
+    QTest::newRow("default port of host") << QByteArray("http://device") << QByteArray("device:80") << true;
+    QTest::newRow("default port of TLS") << QByteArray("https://device") << QByteArray("device:443") << true;
+    QTest::newRow("empty port") << QByteArray("http://device") << QByteArray("device:") << true;
+    QTest::newRow("IPv6") << QByteArray("http://[::1]") << QByteArray("[::1]:80") << true;
+    QTest::newRow("other host") << QByteArray("http://evil") << QByteArray("device") << false;
+    QTest::newRow("other port") << QByteArray("http://device:81") << QByteArray("device") << false;
+    QTest::newRow("port of the other scheme") << QByteArray("https://device:80") << QByteArray("device") << false;
+    QTest::newRow("host of TLS on port 80") << QByteArray("https://device") << QByteArray("device:80") << false;
+    QTest::newRow("null") << QByteArray("null") << QByteArray("device") << false;
+    QTest::newRow("null against null") << QByteArray("null") << QByteArray("null") << false;
+    QTest::newRow("empty") << QByteArray("") << QByteArray("device") << false;
+    QTest::newRow("empty hosts") << QByteArray("http://") << QByteArray("") << false;
+    QTest::newRow("no scheme") << QByteArray("device") << QByteArray("device") << false;
+    QTest::newRow("other scheme") << QByteArray("ftp://device") << QByteArray("device") << false;
+    QTest::newRow("sub-domain") << QByteArray("http://device.evil") << QByteArray("device") << false;
+    QTest::newRow("prefix") << QByteArray("http://devic") << QByteArray("device") << false;
+    QTest::newRow("path") << QByteArray("http://device/") << QByteArray("device") << false;
+    QTest::newRow("user") << QByteArray("http://device@evil") << QByteArray("device") << false;
+}
+
+void tst_NwaStandardFcgiRequestProcessor::foreignOriginMayNotChange()
+{
+    QFETCH(QByteArray, origin);
+    QFETCH(QByteArray, host);
+    QFETCH(bool, isOwn);
+    const QByteArray methods[] = {"POST", "PUT", "DELETE", "PATCH"};
+    for (int index = 0; index < 4; ++index) {
+        NMemoryChannel channel;
+        NamingProcessor().processRequest(new NwaFcgiRequest(
+            &channel, nVariables("REQUEST_METHOD", methods[index], "HTTP_ORIGIN", origin, "HTTP_HOST", host)));
+        QCOMPARE(
+            statusOf(channel),
+            QByteArray(isOwn ? "Content-Type: application/json; charset=utf-8" : "Status: 403 Forbidden"));
+        QCOMPARE(channel.finishCount, 1);
+    }
+}
+
+void tst_NwaStandardFcgiRequestProcessor::foreignOriginMayRead_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::newRow("GET") << QByteArray("GET");
+    QTest::newRow("HEAD") << QByteArray("HEAD");
+    QTest::newRow("OPTIONS") << QByteArray("OPTIONS");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::foreignOriginMayRead()
+{
+    QFETCH(QByteArray, method);
+    NMemoryChannel channel;
+    NamingProcessor().processRequest(new NwaFcgiRequest(
+        &channel, nVariables("REQUEST_METHOD", method, "HTTP_ORIGIN", "http://evil", "HTTP_HOST", "device")));
+    QCOMPARE(channel.header(), QByteArray(jsonHeader));
+}
+
+void tst_NwaStandardFcgiRequestProcessor::sessionIsHandedOut()
+{
+    NwaWebSessionManager manager;
+    Identifier identifier;
+    identifier.session = manager.createSession();
+    NMemoryChannel channel;
+    NwaFcgiRequest request(&channel, nVariables());
+    Processor processor(&identifier);
+    QCOMPARE(processor.authenticateRequest(&request, true), identifier.session);
+    QVERIFY(identifier.wasPassive);
+    QCOMPARE(processor.authenticateRequest(&request, false), identifier.session);
+    QVERIFY(!identifier.wasPassive);
+    QVERIFY(!request.isAnswered());
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestWithoutSessionIsAnswered401()
+{
+    Identifier identifier;
+    NwaAbstractFcgiSessionIdentifier* const identifiers[] = {&identifier, 0};
+    for (int index = 0; index < 2; ++index) {
+        NMemoryChannel channel;
+        NwaFcgiRequest* request = new NwaFcgiRequest(&channel, nVariables());
+        QVERIFY(!Processor(identifiers[index]).authenticateRequest(request, false));
+        QCOMPARE(channel.finishCount, 0);
+        delete request;
+        QCOMPARE(statusOf(channel), QByteArray("Status: 401 Unauthorized"));
+        QVERIFY(channel.header().contains("\r\nWWW-Authenticate: Cookie\r\n"));
+        QCOMPARE(channel.finishCount, 1);
+    }
+}
+
+void tst_NwaStandardFcgiRequestProcessor::refusalIsWrittenToTheErrorStream()
+{
+    NMemoryChannel channel;
+    NwaFcgiRequest* request = new NwaFcgiRequest(&channel, nVariables("SCRIPT_NAME", "/api/a", "PATH_INFO", "/b"));
+    Processor::writeRefusal(request, QString::fromLatin1("No reason."));
+    delete request;
+    QCOMPARE(
+        channel.remarks,
+        QByteArray(
+            "Error in request processor for request to script \"/api/a\" with path info \"/b\": No reason."));
+}
+
+void tst_NwaStandardFcgiRequestProcessor::placeholdersAreFilledInOnePass()
+{
+    NMemoryChannel channel;
+    NwaFcgiRequest* request = new NwaFcgiRequest(&channel, nVariables("SCRIPT_NAME", "%2%3", "PATH_INFO", "%4%1"));
+    Processor::writeRefusal(
+        request, QString::fromLatin1("\"%3\" is not \"%4\""), QString::fromLatin1("%1%4"),
+        QString::fromLatin1("%3"));
+    Processor::writeRefusal(request, QString::fromLatin1("|\"%3\""), QString::fromLatin1("%1%2"));
+    delete request;
+    const QByteArray begin = "Error in request processor for request to script \"%2%3\" with path info \"%4%1\": ";
+    QCOMPARE(channel.remarks, begin + "\"%1%4\" is not \"%3\"" + begin + "|\"%1%2\"");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::refusalShowsControlCharacters()
+{
+    NMemoryChannel channel;
+    NwaFcgiRequest* request =
+        new NwaFcgiRequest(&channel, nVariables("SCRIPT_NAME", "/a\nb", "PATH_INFO", "/\x1b"));
+    Processor::writeRefusal(
+        request, QString::fromLatin1("%3 %4"), QString::fromLatin1("c\r\n"), QString(QChar(0x85)));
+    delete request;
+    QCOMPARE(
+        channel.remarks,
+        QByteArray("Error in request processor for request to script \"/a\\x0ab\" with path info \"/\\x1b\": "
+                   "c\\x0d\\x0a \\x85"));
+}
+
+void tst_NwaStandardFcgiRequestProcessor::refusalIsWrittenInLatin1()
+{
+    NMemoryChannel channel;
+    NwaFcgiRequest* request =
+        new NwaFcgiRequest(&channel, nVariables("SCRIPT_NAME", "/\xc3\xa4", "PATH_INFO", "/\xe2\x82\xac"));
+    Processor::writeRefusal(request, QString::fromLatin1("%3"), QString::fromLatin1("\xdf"));
+    delete request;
+    QCOMPARE(
+        channel.remarks,
+        QByteArray("Error in request processor for request to script \"/\xe4\" with path info \"/?\": \xdf"));
+}
+
+void tst_NwaStandardFcgiRequestProcessor::repliesAreJson()
+{
+    QVariantMap document;
+    document.insert(QString::fromLatin1("a"), 1);
+    NMemoryChannel first;
+    Processor::sendJsonReply(new NwaFcgiRequest(&first, nVariables()), document);
+    QCOMPARE(first.output, QByteArray(jsonHeader) + "{\"a\":1}");
+    QCOMPARE(first.finishCount, 1);
+
+    NMemoryChannel second;
+    Processor::sendJsonDocument(new NwaFcgiRequest(&second, nVariables()), "[ ]");
+    QCOMPARE(second.output, QByteArray(jsonHeader) + "[ ]");
+    QCOMPARE(second.finishCount, 1);
+}
+
+QTEST_APPLESS_MAIN(tst_NwaStandardFcgiRequestProcessor)
+#include "tst_nwastandardfcgirequestprocessor.moc"

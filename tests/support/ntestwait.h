@@ -1,0 +1,39 @@
+#ifndef NBASE_TESTS_NTESTWAIT_H
+#define NBASE_TESTS_NTESTWAIT_H
+
+#include <QtCore/QElapsedTimer>
+#include <QtTest/QtTest>
+
+/** Waiting for a condition with the event loop running; Qt 4's QtTest has nothing of the kind. */
+namespace NTest {
+
+/**
+ * Runs the event loop until @a condition holds.
+ * @param timeout after how many milliseconds to give up; it only bounds a test that has failed already.
+ * @return whether the condition holds.
+ */
+template <typename Condition> bool waitUntil(Condition condition, int timeout = 30000)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.hasExpired(timeout))
+            return false;
+        QTest::qWait(5);
+    }
+    return true;
+}
+
+} // namespace NTest
+
+/** Fails the test unless @a expression becomes true while the event loop runs. */
+#define NTRY_VERIFY(expression) QVERIFY(NTest::waitUntil([&]() { return bool(expression); }))
+
+/** Fails the test unless @a actual becomes equal to @a expected while the event loop runs. */
+#define NTRY_COMPARE(actual, expected) \
+    do { \
+        NTest::waitUntil([&]() { return (actual) == (expected); }); \
+        QCOMPARE(actual, expected); \
+    } while (0)
+
+#endif

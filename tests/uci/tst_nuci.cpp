@@ -1,0 +1,324 @@
+#include "support/ntemporarydirectory.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QProcess>
+#include <QtCore/QStringList>
+#include <QtTest/QtTest>
+
+namespace {
+
+const char network[] = "\n"
+                       "config interface 'lan'\n"
+                       "\toption proto 'static'\n"
+                       "\toption note 'it'\\''s'\n"
+                       "\tlist dns '10.0.0.1'\n"
+                       "\tlist dns 'a b'\n"
+                       "\n"
+                       "config route\n"
+                       "\toption via 'one'\n"
+                       "\n"
+                       "config route\n"
+                       "\toption via 'two'\n"
+                       "\n";
+
+const char shownLan[] = "network.lan=interface\n"
+                        "network.lan.proto='static'\n"
+                        "network.lan.note='it'\\''s'\n"
+                        "network.lan.dns='10.0.0.1' 'a b'\n";
+
+} // namespace
+
+/** Runs the command as a person would, and compares what it prints with what people know from UCI's own. */
+class TestNuci : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        m_directory.reset(new NTemporaryDirectory);
+        m_directory->writeFile(QLatin1String("config/network"), network);
+        m_directory->writeFile(QLatin1String("config/system"), "config system main\n\toption name box\n");
+        m_directory->writeFile(QLatin1String("save/.keep"), QByteArray());
+    }
+
+    void cleanup() { m_directory.reset(); }
+
+    void looking_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("output");
+        row("show a section", "show network.lan", shownLan);
+        row("show an option", "show network.lan.note", "network.lan.note='it'\\''s'\n");
+        row("show a list", "show network.lan.dns", "network.lan.dns='10.0.0.1' 'a b'\n");
+        row("show an unnamed section", "show network.@route[-1]",
+            "network.@route[1]=route\nnetwork.@route[1].via='two'\n");
+        row("show an unnamed section by its made name", "-X show network.@route[1]",
+            "network.cfg03c8b4=route\nnetwork.cfg03c8b4.via='two'\n");
+        row("show a package", "show network",
+            QByteArray(shownLan) + "network.@route[0]=route\nnetwork.@route[0].via='one'\n"
+                                   "network.@route[1]=route\nnetwork.@route[1].via='two'\n");
+        row("show all", "show",
+            QByteArray(shownLan) + "network.@route[0]=route\nnetwork.@route[0].via='one'\n"
+                                   "network.@route[1]=route\nnetwork.@route[1].via='two'\n"
+                                   "system.main=system\nsystem.main.name='box'\n");
+        row("get an option", "get network.lan.note", "it's\n");
+        row("get a section gives its type", "get network.@route[0]", "route\n");
+        row("get a list", "get network.lan.dns", "10.0.0.1 'a b'\n");
+        row("get a list with a separator", "-d , get network.lan.dns", "10.0.0.1,a b\n");
+        row("changes, of which there are none", "changes", "");
+        row("export a package", "export network", QByteArray("package network\n") + network);
+        row("export all", "export",
+            QByteArray("package network\n") + network +
+                "package system\n\nconfig system 'main'\n\toption name 'box'\n\n");
+    }
+
+    void looking()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, output);
+        QCOMPARE(run(arguments), 0);
+        QCOMPARE(m_output, output);
+        QCOMPARE(m_errors, QByteArray());
+    }
+
+    void changing_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("output");
+        QTest::addColumn<QByteArray>("changes");
+        QTest::addColumn<QByteArray>("staged");
+        changeRow(
+            "set", "set network.lan.proto=dhcp", "", "network.lan.proto='dhcp'\n", "network.lan.proto='dhcp'\n");
+        changeRow(
+            "set a section", "set network.wan=interface", "", "network.wan='interface'\n",
+            "network.wan='interface'\n");
+        changeRow(
+            "add", "add network route", "cfg04c8b4\n", "network.cfg04c8b4='route'\n",
+            "+network.cfg04c8b4='route'\n");
+        changeRow(
+            "add_list", "add_list network.lan.dns=x", "", "network.lan.dns+='x'\n", "|network.lan.dns='x'\n");
+        changeRow(
+            "del_list", "del_list network.lan.dns=10.0.0.1", "", "network.lan.dns-='10.0.0.1'\n",
+            "~network.lan.dns='10.0.0.1'\n");
+        changeRow(
+            "delete an option", "delete network.lan.proto", "", "-network.lan.proto\n", "-network.lan.proto\n");
+        changeRow(
+            "delete a section", "delete network.@route[0]", "", "-network.cfg02c8b4\n", "-network.cfg02c8b4\n");
+        changeRow(
+            "delete an item", "delete network.lan.dns=0", "", "-network.lan.dns='0'\n", "-network.lan.dns='0'\n");
+        changeRow(
+            "rename", "rename network.@route[0]=first", "", "@network.cfg02c8b4='first'\n",
+            "@network.cfg02c8b4='first'\n");
+        changeRow("reorder", "reorder network.lan=2", "", "^network.lan='2'\n", "^network.lan='2'\n");
+        changeRow(
+            "several at once", "set network.lan.a=1 network.lan.b=2", "", "network.lan.a='1'\nnetwork.lan.b='2'\n",
+            "network.lan.a='1'\nnetwork.lan.b='2'\n");
+    }
+
+    void changing()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, output);
+        QFETCH(QByteArray, changes);
+        QFETCH(QByteArray, staged);
+        QCOMPARE(run(arguments), 0);
+        QCOMPARE(m_output, output);
+        QCOMPARE(m_errors, QByteArray());
+        QCOMPARE(read("save/network"), staged);
+        QCOMPARE(read("config/network"), QByteArray(network));
+        QCOMPARE(run(words("changes")), 0);
+        QCOMPARE(m_output, changes);
+        QCOMPARE(run(words("changes network")), 0);
+        QCOMPARE(m_output, changes);
+        QCOMPARE(run(words("revert network")), 0);
+        QCOMPARE(read("save/network"), QByteArray());
+    }
+
+    void failing_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("errors");
+        failRow("get a missing option", "get network.lan.none", "nuci: Entry not found\n");
+        failRow("get of a missing package", "get none.lan.none", "nuci: Entry not found\n");
+        failRow("show a missing section", "show network.none", "nuci: Entry not found\n");
+        failRow("get of a package", "get network", "nuci: Invalid argument\n");
+        failRow("get with a value", "get network.lan=x", "nuci: Invalid argument\n");
+        failRow("a bad section", "get network.la-n", "nuci: Invalid argument\n");
+        failRow("a bad option", "get network.lan.a-b", "nuci: Parse error\n");
+        failRow("set of an option of a missing section", "set network.none.a=1", "nuci: Invalid argument\n");
+        failRow("set without a value", "set network.lan.a", "nuci: Invalid argument\n");
+        failRow("add of a bad type", "add network \xc3\xa4", "nuci: Invalid argument\n");
+        failRow("add to a section", "add network.lan x", "nuci: Invalid argument\n");
+        failRow("delete of a missing option", "delete network.lan.none", "nuci: Entry not found\n");
+        failRow("rename of a missing section", "rename network.none=x", "nuci: Entry not found\n");
+        failRow("reorder of a missing section", "reorder network.none=1", "nuci: Entry not found\n");
+        failRow("reorder to no number", "reorder network.lan=x", "nuci: Invalid argument\n");
+        failRow("commit of a section", "commit network.lan", "nuci: Invalid argument\n");
+        failRow("commit of a missing package", "commit none", "nuci: Entry not found\n");
+        failRow("export of a section", "export network.lan", "nuci: Invalid argument\n");
+        failRow("import to a path", "import ../network", "nuci: Invalid argument\n");
+        failRow(
+            "import from a missing file", "-f /nonexistent import network",
+            "nuci: /nonexistent: No such file or directory\n");
+    }
+
+    void failing()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, errors);
+        QCOMPARE(run(arguments), 1);
+        QCOMPARE(m_output, QByteArray());
+        QCOMPARE(m_errors, errors);
+        QCOMPARE(run(QStringList(QLatin1String("-q")) + arguments), 1);
+        QCOMPARE(m_errors, QByteArray());
+        QCOMPARE(read("config/network"), QByteArray(network));
+        QCOMPARE(read("save/network"), QByteArray("(missing)"));
+    }
+
+    void aWrongCommandLineShowsTheUsage_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("nothing") << QStringList();
+        QTest::newRow("an unknown command") << words("frobnicate");
+        QTest::newRow("too few arguments") << words("add network");
+        QTest::newRow("too many arguments") << words("get network.lan network.lan");
+        QTest::newRow("an unknown option") << words("-Y show");
+    }
+
+    void aWrongCommandLineShowsTheUsage()
+    {
+        QFETCH(QStringList, arguments);
+        QCOMPARE(run(arguments), 255);
+        QCOMPARE(m_output, QByteArray());
+        QVERIFY(m_errors.contains("Usage: nuci [<options>] <command> [<arguments>]\n"));
+    }
+
+    void commitWritesThePackage()
+    {
+        QCOMPARE(run(words("set network.lan.proto=dhcp")), 0);
+        QCOMPARE(run(words("set system.main.name=other")), 0);
+        QCOMPARE(run(words("commit network")), 0);
+        QVERIFY(read("config/network").contains("\toption proto 'dhcp'\n"));
+        QCOMPARE(read("save/network"), QByteArray());
+        QCOMPARE(read("config/system"), QByteArray("config system main\n\toption name box\n"));
+        QCOMPARE(run(words("commit")), 0);
+        QCOMPARE(read("config/system"), QByteArray("\nconfig system 'main'\n\toption name 'other'\n\n"));
+    }
+
+    void revertTakesBackAnOptionOrASection()
+    {
+        QCOMPARE(run(words("set network.lan.a=1 network.lan.b=2 network.wan=interface")), 0);
+        QCOMPARE(run(words("revert network.lan.a")), 0);
+        QCOMPARE(read("save/network"), QByteArray("network.lan.b='2'\nnetwork.wan='interface'\n"));
+        QCOMPARE(run(words("revert network.lan")), 0);
+        QCOMPARE(read("save/network"), QByteArray("network.wan='interface'\n"));
+    }
+
+    void importReplacesThePackage()
+    {
+        QCOMPARE(run(words("import network"), "config a 'b'\n\toption c 'd'\n"), 0);
+        QCOMPARE(read("config/network"), QByteArray("\nconfig a 'b'\n\toption c 'd'\n\n"));
+    }
+
+    void importMakesThePackagesThatItsTextNames()
+    {
+        QCOMPARE(run(words("import"), "package x\nconfig a 'b'\npackage y\nconfig c 'd'\n"), 0);
+        QCOMPARE(read("config/x"), QByteArray("\nconfig a 'b'\n\n"));
+        QCOMPARE(read("config/y"), QByteArray("\nconfig c 'd'\n\n"));
+    }
+
+    void importMergesIfItIsTold()
+    {
+        QCOMPARE(run(words("-m import system"), "config system main\n\toption a '1'\n\tlist l x\nconfig t\n"), 0);
+        QCOMPARE(
+            read("save/system"), QByteArray("system.main.a='1'\n|system.main.l='x'\n+system.cfg02b619='t'\n"));
+        QCOMPARE(read("config/system"), QByteArray("config system main\n\toption name box\n"));
+    }
+
+    void importOfRubbishChangesNothing()
+    {
+        QCOMPARE(run(words("import network"), "rubbish\n"), 1);
+        QCOMPARE(m_errors, QByteArray("nuci: Parse error (invalid command) at line 1\n"));
+        QCOMPARE(read("config/network"), QByteArray(network));
+    }
+
+    void whatIsExportedIsImported()
+    {
+        QCOMPARE(run(words("export network")), 0);
+        const QByteArray exported = m_output;
+        QFile::remove(m_directory->filePath(QLatin1String("config/network")));
+        QCOMPARE(run(words("import"), exported), 0);
+        QCOMPARE(read("config/network"), QByteArray(network));
+    }
+
+    void changesOfAnotherDirectoryAreRead()
+    {
+        m_directory->writeFile(QLatin1String("more/network"), "network.lan.proto='none'\n");
+        const QString more = m_directory->filePath(QLatin1String("more"));
+        QCOMPARE(run(QStringList() << QLatin1String("-p") << more << words("get network.lan.proto")), 0);
+        QCOMPARE(m_output, QByteArray("none\n"));
+        QCOMPARE(run(QStringList() << QLatin1String("-P") << more << words("set network.lan.a=1")), 0);
+        QCOMPARE(read("more/network"), QByteArray("network.lan.proto='none'\nnetwork.lan.a='1'\n"));
+        QCOMPARE(read("save/network"), QByteArray("(missing)"));
+    }
+
+    void onePackageThatCannotBeReadDoesNotHideTheOthers()
+    {
+        m_directory->writeFile(QLatin1String("config/bad"), "rubbish\n");
+        m_directory->writeFile(QLatin1String("config/network"), "config t x\n");
+        QCOMPARE(run(words("show")), 1);
+        QCOMPARE(m_output, QByteArray("network.x=t\nsystem.main=system\nsystem.main.name='box'\n"));
+        QCOMPARE(m_errors, QByteArray("nuci: Parse error (invalid command) at line 1\n"));
+    }
+
+private:
+    static QStringList words(const char* text) { return QString::fromUtf8(text).split(QLatin1Char(' ')); }
+
+    static void row(const char* name, const char* arguments, const QByteArray& output)
+    {
+        QTest::newRow(name) << words(arguments) << output;
+    }
+
+    static void
+    changeRow(const char* name, const char* arguments, const char* output, const char* changes, const char* staged)
+    {
+        QTest::newRow(name) << words(arguments) << QByteArray(output) << QByteArray(changes) << QByteArray(staged);
+    }
+
+    static void failRow(const char* name, const char* arguments, const char* errors)
+    {
+        QTest::newRow(name) << words(arguments) << QByteArray(errors);
+    }
+
+    /** Runs the command on the directories of this test. @return its exit status. */
+    int run(const QStringList& arguments, const QByteArray& input = QByteArray())
+    {
+        QProcess process;
+        QStringList all;
+        all << QLatin1String("-c") << m_directory->filePath(QLatin1String("config"));
+        all << QLatin1String("-t") << m_directory->filePath(QLatin1String("save"));
+        all << arguments;
+        process.start(QLatin1String(NUCI_PROGRAM), all);
+        process.write(input);
+        process.closeWriteChannel();
+        if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
+            return -1;
+        m_output = process.readAllStandardOutput();
+        m_errors = process.readAllStandardError();
+        return process.exitCode();
+    }
+
+    QByteArray read(const char* name) const
+    {
+        QFile file(m_directory->filePath(QLatin1String(name)));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(missing)");
+    }
+
+    QScopedPointer<NTemporaryDirectory> m_directory;
+    QByteArray m_output;
+    QByteArray m_errors;
+};
+
+QTEST_MAIN(TestNuci)
+#include "tst_nuci.moc"

@@ -1,0 +1,461 @@
+#include "ucistore.h"
+
+#include "support/nprivatenamespace.h"
+#include "support/ntemporarydirectory.h"
+#include "support/nwithoutfileoverride.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtTest/QtTest>
+
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+const char first[] = "\nconfig interface 'lan'\n\toption ip '1'\n\n";
+const char second[] = "\nconfig interface 'lan'\n\toption ip '2'\n\n";
+
+const char oneServer[] = "\nconfig interface 'lan'\n\tlist dns 'a'\n\n";
+const char twoServers[] = "\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\n";
+
+/** Puts a small file system over a directory, and fills it up. */
+void mountFullDisk(const QString& path)
+{
+    if (mount("none", QFile::encodeName(path).constData(), "tmpfs", 0, "size=16k,mode=0755") < 0)
+        qFatal("no small file system can be mounted");
+}
+
+void fillUp(const QString& path)
+{
+    QFile filler(path);
+    if (!filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+        qFatal("the disk cannot be filled");
+    while (filler.write(QByteArray(4096, 'x')) > 0) {
+    }
+}
+
+#if defined(SYS_ftruncate64)
+const int truncateCall = SYS_ftruncate64;
+#else
+const int truncateCall = SYS_ftruncate;
+#endif
+#if defined(SYS_rename)
+const int renameCall = SYS_rename;
+#else
+const int renameCall = SYS_renameat;
+#endif
+
+/** Makes the kernel end this process when it comes to a system call (see seccomp(2)). */
+void dieAt(int systemCall)
+{
+    sock_filter filter[] = {
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, quint32(systemCall)},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_KILL_PROCESS},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+    };
+    const sock_fprog program = {4, filter};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) < 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) < 0)
+        _exit(2);
+}
+
+} // namespace
+
+/** What remains when the store cannot do its work, or is killed at it. The directories lie in memory. */
+class TestUciFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        m_directory.reset(new NTemporaryDirectory);
+        NPrivateNamespace::mountEmptyDirectory(m_directory->path());
+        m_store.reset(new UciStore(m_directory->path()));
+        m_store->writeConfig("network", first);
+    }
+
+    void cleanup()
+    {
+        m_store.reset();
+        NPrivateNamespace::unmount(m_directory->path());
+        m_directory.reset();
+    }
+
+    void aFullDiskFailsTheCommitAndKeepsBothFiles()
+    {
+        const QString config = m_directory->filePath(QLatin1String("config"));
+        mountFullDisk(config);
+        m_store->writeConfig("network", first);
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QCOMPARE(m_store->set("network.lan.text=" + QByteArray(20000, 'x')), int(UCI_OK));
+        fillUp(config + QLatin1String("/filler"));
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        QCOMPARE(m_store->config("network"), QByteArray(first));
+        QVERIFY(m_store->staged("network").startsWith("network.lan.ip='2'\n"));
+        QCOMPARE(m_store->value("network.lan.ip"), QByteArray("2"));
+        QCOMPARE(QDir(config).entryList(QDir::Files | QDir::Hidden).size(), 2);
+
+        m_store->reopen();
+        QCOMPARE(m_store->value("network.lan.ip"), QByteArray("2"));
+        QCOMPARE(m_store->set("network.lan.text="), int(UCI_OK));
+        QFile::remove(config + QLatin1String("/filler"));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(second));
+        NPrivateNamespace::unmount(config);
+    }
+
+    void aFullStagingDiskKeepsTheChangesPending()
+    {
+        const QString save = m_directory->filePath(QLatin1String("save"));
+        mountFullDisk(save);
+        QCOMPARE(m_store->set("network.lan.a=1"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        fillUp(save + QLatin1String("/filler"));
+        QCOMPARE(m_store->set("network.lan.text=" + QByteArray(9000, 'x')), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_ERR_IO));
+        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.a='1'\n"));
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        QCOMPARE(m_store->config("network"), QByteArray(first));
+        QFile::remove(save + QLatin1String("/filler"));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QVERIFY(m_store->config("network").contains("option text 'xxx"));
+        QCOMPARE(m_store->staged("network"), QByteArray());
+        NPrivateNamespace::unmount(save);
+    }
+
+    void aReadOnlyDirectoryFailsTheCommit()
+    {
+        const QByteArray config = QFile::encodeName(m_directory->filePath(QLatin1String("config")));
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QCOMPARE(chmod(config.constData(), 0555), 0);
+        {
+            NWithoutFileOverride withoutOverride;
+            QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        }
+        QCOMPARE(chmod(config.constData(), 0755), 0);
+        QCOMPARE(m_store->config("network"), QByteArray(first));
+        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.ip='2'\n"));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(second));
+    }
+
+    void aReadOnlyFileSystemFailsTheCommitAndIsStillRead()
+    {
+        const QByteArray config = QFile::encodeName(m_directory->filePath(QLatin1String("config")));
+        QCOMPARE(mount("none", config.constData(), "tmpfs", 0, "mode=0755"), 0);
+        m_store->writeConfig("network", first);
+        QCOMPARE(mount("none", config.constData(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        QCOMPARE(m_store->config("network"), QByteArray(first));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.ip='2'\n"));
+        QCOMPARE(umount(config.constData()), 0);
+    }
+
+    void aMissingDirectoryFailsTheCommit()
+    {
+        const QString config = m_directory->filePath(QLatin1String("config"));
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QVERIFY(QDir().rename(config, config + QLatin1String("-away")));
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        QVERIFY(!QDir(config).exists());
+        QVERIFY(QDir().rename(config + QLatin1String("-away"), config));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(second));
+    }
+
+    void aFileThatCannotBeParsedFailsTheCommit_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::newRow("half a line") << QByteArray("config interface lan\n\toption ip 'x");
+        QTest::newRow("a block of NUL bytes, as power loss leaves it") << QByteArray(4096, '\0');
+        QTest::newRow("NUL bytes behind the text") << QByteArray(first) + QByteArray(10, '\0');
+        QTest::newRow("no text at all") << QByteArray("\x7f"
+                                                      "ELF\x02\x01");
+    }
+
+    void aFileThatCannotBeParsedFailsTheCommit()
+    {
+        QFETCH(QByteArray, text);
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        m_store->writeConfig("network", text);
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_PARSE));
+        QCOMPARE(m_store->config("network"), text);
+        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.ip='2'\n"));
+        m_store->writeConfig("network", first);
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(second));
+    }
+
+    void modeAndOwnerOfThePackageFileStay()
+    {
+        const QByteArray file = QFile::encodeName(m_store->configFile("network"));
+        struct stat before, after;
+        QCOMPARE(chmod(file.constData(), 0640), 0);
+        if (geteuid() == 0) {
+            /* In a user namespace only the own user exists. */
+            const int result = chown(file.constData(), 12, 34);
+            Q_UNUSED(result);
+        }
+        QCOMPARE(stat(file.constData(), &before), 0);
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(stat(file.constData(), &after), 0);
+        QVERIFY(before.st_ino != after.st_ino);
+        QCOMPARE(after.st_mode, before.st_mode);
+        QCOMPARE(after.st_uid, before.st_uid);
+        QCOMPARE(after.st_gid, before.st_gid);
+    }
+
+    void aCommitThatEndedBeforeTheChangesWereEmptiedIsNotRepeatedByTheNextChange()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        QVERIFY(m_store->staged("network").startsWith("|network.lan.dns='b'\n#commit "));
+        m_store->reopen();
+        QCOMPARE(m_store->addList("network.lan.dns=c"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"),
+            QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\tlist dns 'c'\n\n"));
+        QCOMPARE(m_store->staged("network"), QByteArray());
+    }
+
+    void whatSuchACommitHadWrittenIsNotTakenBackByARevert()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        m_store->reopen();
+        QCOMPARE(m_store->revert("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(twoServers));
+        QCOMPARE(m_store->staged("network"), QByteArray());
+    }
+
+    void aValueThatLooksLikeTheMarkOfACommitIsAValue()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        const QByteArray mark = m_store->staged("network").mid(int(sizeof("|network.lan.dns='b'")));
+        QVERIFY(mark.startsWith("#commit "));
+        m_store->writeStaged("network", QByteArray());
+        m_store->reopen();
+        QCOMPARE(m_store->set("network.lan.before=1"), int(UCI_OK));
+        QCOMPARE(m_store->set("network.lan.text=x\n" + mark), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        m_store->reopen();
+        QCOMPARE(m_store->value("network.lan.before"), QByteArray("1"));
+        QCOMPARE(m_store->value("network.lan.text"), "x\n" + mark);
+    }
+
+    void theChangesAreAppliedIfThePackageFileIsAnotherOneByThen()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        m_store->writeConfig("network", oneServer);
+        m_store->reopen();
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(twoServers));
+    }
+
+    void aProcessThatEndsWithinACommitLosesAndRepeatsNothing_data()
+    {
+        QTest::addColumn<int>("systemCall");
+        QTest::addColumn<bool>("written");
+        QTest::newRow("before the new file is flushed") << int(SYS_fsync) << false;
+        QTest::newRow("before the package file is replaced") << renameCall << false;
+        QTest::newRow("before the changes are emptied") << truncateCall << true;
+    }
+
+    void aProcessThatEndsWithinACommitLosesAndRepeatsNothing()
+    {
+        QFETCH(int, systemCall);
+        QFETCH(bool, written);
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(systemCall);
+        QCOMPARE(m_store->config("network"), QByteArray(written ? twoServers : oneServer));
+        m_store->reopen();
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(twoServers));
+        QCOMPARE(m_store->staged("network"), QByteArray());
+    }
+
+    void halfALineOfAKilledWriterDoesNotSpoilTheNextChange()
+    {
+        m_store->writeStaged("network", "network.lan.a='1'\nnetwork.lan.b=2");
+        QCOMPARE(m_store->set("network.lan.c=3"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        m_store->reopen();
+        QCOMPARE(m_store->value("network.lan.a"), QByteArray("1"));
+        QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
+    }
+
+    void halfAQuotedLineOfAKilledWriterDoesNotSpoilTheNextChange()
+    {
+        m_store->writeStaged("network", "network.lan.a='1'\nnetwork.lan.b='half");
+        QCOMPARE(m_store->set("network.lan.c=3"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        m_store->reopen();
+        QCOMPARE(m_store->value("network.lan.a"), QByteArray("1"));
+        QCOMPARE(m_store->value("network.lan.b"), QByteArray());
+        QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
+    }
+
+    void namesThatLookLikeMoreDoNotReachOtherChanges_data()
+    {
+        QTest::addColumn<QByteArray>("section");
+        QTest::addColumn<QByteArray>("option");
+        QTest::newRow("a quote") << QByteArray("lan") << QByteArray("a'b");
+        QTest::newRow("a line") << QByteArray("lan") << QByteArray("a='1'\nnetwork.lan.ip");
+        QTest::newRow("an equals sign") << QByteArray("lan") << QByteArray("ip=x");
+        QTest::newRow("a comment") << QByteArray("lan") << QByteArray("ip#x");
+        QTest::newRow("a semicolon") << QByteArray("lan") << QByteArray("ip;x");
+        QTest::newRow("a backslash") << QByteArray("lan") << QByteArray("ip\\");
+        QTest::newRow("a section with a dot") << QByteArray("lan.ip") << QByteArray();
+    }
+
+    void namesThatLookLikeMoreDoNotReachOtherChanges()
+    {
+        QFETCH(QByteArray, section);
+        QFETCH(QByteArray, option);
+        uci_ptr ptr = uci_ptr();
+        ptr.package = "network";
+        ptr.section = section.constData();
+        ptr.option = option.isNull() ? nullptr : option.constData();
+        ptr.value = "9";
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
+        QCOMPARE(uci_delete(m_store->context(), &ptr), int(UCI_OK));
+        QCOMPARE(m_store->set("network.lan.after=1"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"),
+            QByteArray("\nconfig interface 'lan'\n\toption ip '1'\n\toption after '1'\n\n"));
+    }
+
+    void aFileOutsideIsNotWrittenWithANameThatCannotBeRead()
+    {
+        const QByteArray path = QFile::encodeName(m_directory->filePath(QLatin1String("outside")));
+        UciStore::writeFile(QFile::decodeName(path), first);
+        uci_package* package = nullptr;
+        QCOMPARE(uci_load(m_store->context(), path.constData(), &package), int(UCI_OK));
+        uci_ptr ptr = uci_ptr();
+        ptr.p = package;
+        ptr.section = "lan";
+        ptr.option = "not a name";
+        ptr.value = "1";
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
+        QCOMPARE(uci_save(m_store->context(), package), int(UCI_ERR_INVAL));
+        QCOMPARE(UciStore::readFile(QFile::decodeName(path)), QByteArray(first));
+    }
+
+    /** The killed process adds numbered items; each that it has reported as committed has to be there, once. */
+    void aProcessKilledWhileCommittingLeavesTheOldOrTheNewFile()
+    {
+        m_store->writeConfig("network", "\nconfig interface 'lan'\n\tlist n '0'\n\n");
+        std::srand(1);
+        int known = 0;
+        for (int round = 0; round < 1000; ++round) {
+            const int reported = runAndKill(known + 1);
+            m_store->reopen();
+            const QByteArray text = m_store->config("network");
+            const int found = countItems(text);
+            QVERIFY2(found >= 0, text.constData());
+            QVERIFY2(found >= reported, text.constData());
+            known = found;
+            if (known < 30)
+                continue;
+            m_store->writeConfig("network", "\nconfig interface 'lan'\n\tlist n '0'\n\n");
+            m_store->writeStaged("network", QByteArray());
+            known = 0;
+        }
+        QVERIFY(
+            QDir(m_directory->filePath(QLatin1String("config"))).entryList(QDir::Files | QDir::Hidden).size() <=
+            2);
+    }
+
+private:
+    /** Stages what is pending, and commits in a process that ends when it comes to a system call. */
+    void commitUntil(int systemCall)
+    {
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        const pid_t child = fork();
+        if (child == 0) {
+            dieAt(systemCall);
+            m_store->commit("network");
+            _exit(1);
+        }
+        int status = 0;
+        QCOMPARE(waitpid(child, &status, 0), child);
+        QVERIFY(WIFSIGNALED(status));
+    }
+
+    /** The number of the last item, if the file is whole and holds each number up to it once; -1 otherwise. */
+    static int countItems(const QByteArray& text)
+    {
+        QByteArray expected("\nconfig interface 'lan'\n");
+        const int count = text.count("\tlist n ");
+        for (int i = 0; i < count; ++i)
+            expected += "\tlist n '" + QByteArray::number(i) + "'\n";
+        return text == expected + '\n' ? count - 1 : -1;
+    }
+
+    /** Commits items from @a next on in another process and kills it. @return the last number that it reported. */
+    int runAndKill(int next)
+    {
+        int report[2];
+        if (pipe(report) < 0)
+            qFatal("no pipe");
+        const pid_t child = fork();
+        if (child == 0)
+            commitForEver(next, report[1]);
+        ::close(report[1]);
+        int number = next - 1;
+        /* Wait for the process to be at work, then for an arbitrary moment of it. */
+        if (::read(report[0], &number, sizeof(number)) != ssize_t(sizeof(number)))
+            qFatal("the other process ended");
+        usleep(useconds_t(std::rand() % 1000));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        while (::read(report[0], &number, sizeof(number)) == ssize_t(sizeof(number))) {
+        }
+        ::close(report[0]);
+        return number;
+    }
+
+    void commitForEver(int next, int report)
+    {
+        m_store->reopen();
+        /* The change that the last process had staged when it was killed is its own, and is not added again. */
+        m_store->revert("network");
+        int known = -1;
+        while (::write(report, known < 0 ? &(known = next - 1) : &known, sizeof(known)) > 0) {
+            const QByteArray number = QByteArray::number(known + 1);
+            if (m_store->addList("network.lan.n=" + number) != UCI_OK || m_store->commit("network") != UCI_OK)
+                _exit(1);
+            ++known;
+        }
+        _exit(1);
+    }
+
+    QScopedPointer<NTemporaryDirectory> m_directory;
+    QScopedPointer<UciStore> m_store;
+};
+
+NTEST_MAIN_IN_NAMESPACE(QCoreApplication, TestUciFaults, NPrivateNamespace::Mounts)
+#include "tst_ucifaults.moc"
