@@ -1,5 +1,8 @@
 // Reading and writing CSV: reading against a loop that reads the same lines and does nothing with them, writing
-// against streaming lines that are finished already. Sizes are megabytes of text, those of the long field lines.
+// against streaming lines that are finished already. What is left of the difference once each field is a string of
+// its own, as it must be here, the second floor shows: reading lines and cutting them at every separator into
+// strings that are used again, and streaming each field and separator as it is. Sizes are megabytes of text, those
+// of the long field lines.
 
 #include <nbase/io/ncsvfilereader.h>
 #include <nbase/io/ncsvfilewriter.h>
@@ -15,10 +18,14 @@
 #include <sstream>
 #include <stdlib.h>
 #include <string>
+#include <vector>
 
 namespace {
 
 const int Megabyte = 1000 * 1000;
+
+// The library, the lines as they are, or the lines cut into fields as they are.
+enum Way { Ours, Lines, Fields };
 
 // One record of a log of measurements, as devices keep them.
 std::string line(int number, bool quoted)
@@ -73,6 +80,25 @@ bool readRecords(NCsvFileReader& reader)
     return isGood && count > 0;
 }
 
+// The least that fields of their own cost: nothing is looked for but separators, and the strings are used again.
+bool readFields(std::istream& stream)
+{
+    qint64 count = 0;
+    QList<QString> fields;
+    for (std::string line; std::getline(stream, line);) {
+        int index = 0;
+        for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1, ++index) {
+            end = line.find(',', begin);
+            if (index == fields.size())
+                fields.append(QString());
+            const size_t size = (end == std::string::npos ? line.size() : end) - begin;
+            fields[index] = QLatin1String(line.data() + begin, int(size));
+            count += fields.at(index).size();
+        }
+    }
+    return count > 0;
+}
+
 bool readLines(QTextStream& stream)
 {
     qint64 count = 0;
@@ -95,13 +121,13 @@ public:
     QTemporaryFile file;
 };
 
-void readDevice(benchmark::State& state, const QByteArray& bytes, bool ours)
+void readDevice(benchmark::State& state, const QByteArray& bytes, Way way)
 {
     TextFile text(bytes);
     bool done = true;
     for (auto _ : state) {
         text.file.seek(0);
-        if (ours) {
+        if (way == Ours) {
             NCsvFileReader reader(&text.file, NCsvUtilities::SeparatorComma);
             done = readRecords(reader);
         } else {
@@ -112,11 +138,11 @@ void readDevice(benchmark::State& state, const QByteArray& bytes, bool ours)
     finish(state, bytes.size(), done);
 }
 
-void readArray(benchmark::State& state, QByteArray bytes, bool ours)
+void readArray(benchmark::State& state, QByteArray bytes, Way way)
 {
     bool done = true;
     for (auto _ : state) {
-        if (ours) {
+        if (way == Ours) {
             NCsvFileReader reader(&bytes, NCsvUtilities::SeparatorComma);
             done = readRecords(reader);
         } else {
@@ -127,12 +153,12 @@ void readArray(benchmark::State& state, QByteArray bytes, bool ours)
     finish(state, bytes.size(), done);
 }
 
-void readString(benchmark::State& state, const QByteArray& bytes, bool ours)
+void readString(benchmark::State& state, const QByteArray& bytes, Way way)
 {
     QString string = QString::fromLatin1(bytes.constData(), bytes.size());
     bool done = true;
     for (auto _ : state) {
-        if (ours) {
+        if (way == Ours) {
             NCsvFileReader reader(&string, NCsvUtilities::SeparatorComma);
             done = readRecords(reader);
         } else {
@@ -143,15 +169,17 @@ void readString(benchmark::State& state, const QByteArray& bytes, bool ours)
     finish(state, bytes.size(), done);
 }
 
-void readStandard(benchmark::State& state, const QByteArray& bytes, bool ours)
+void readStandard(benchmark::State& state, const QByteArray& bytes, Way way)
 {
     const std::string string(bytes.constData(), size_t(bytes.size()));
     bool done = true;
     for (auto _ : state) {
         std::istringstream stream(string);
-        if (ours) {
+        if (way == Ours) {
             NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
             done = readRecords(reader);
+        } else if (way == Fields) {
+            done = readFields(stream);
         } else {
             size_t count = 0;
             for (std::string line; std::getline(stream, line);)
@@ -195,54 +223,80 @@ template <typename Write> qint64 writeMegabytes(const Records& records, int mega
     return written;
 }
 
-void writeDevice(benchmark::State& state, bool quoted, bool ours)
+template <typename Stream, typename Write>
+void streamFields(Stream& stream, const QStringList& fields, Write write)
+{
+    for (int index = 0; index < fields.size(); ++index) {
+        write(stream, fields.at(index));
+        write(stream, QString(QLatin1Char(index + 1 < fields.size() ? ',' : '\n')));
+    }
+}
+
+void writeText(QTextStream& stream, const QString& text)
+{
+    stream << text;
+}
+
+void writeLatin1(std::ostream& stream, const QString& text)
+{
+    const QByteArray latin1 = text.toLatin1();
+    stream.write(latin1.constData(), latin1.size());
+}
+
+void writeDevice(benchmark::State& state, bool quoted, Way way)
 {
     const Records records(quoted);
+    const int size = int(state.range(0));
+    TextFile text((QByteArray()));
     qint64 bytes = 0;
     for (auto _ : state) {
-        QFile file(QString::fromLatin1("/dev/null"));
-        if (!file.open(QIODevice::WriteOnly))
-            abort();
-        if (ours) {
-            NCsvFileWriter writer(&file, NCsvUtilities::SeparatorComma);
-            bytes = writeMegabytes(
-                records, int(state.range(0)), [&](int index) { writer.appendLine(records.fields.at(index)); });
-        } else {
-            QTextStream stream(&file);
-            bytes = writeMegabytes(
-                records, int(state.range(0)), [&](int index) { stream << records.lines.at(index); });
+        text.file.seek(0);
+        if (way == Ours) {
+            NCsvFileWriter writer(&text.file, NCsvUtilities::SeparatorComma);
+            bytes = writeMegabytes(records, size, [&](int index) { writer.appendLine(records.fields.at(index)); });
+            continue;
         }
+        QTextStream stream(&text.file);
+        bytes = writeMegabytes(records, size, [&](int index) {
+            if (way == Fields)
+                streamFields(stream, records.fields.at(index), writeText);
+            else
+                writeText(stream, records.lines.at(index));
+        });
     }
     finish(state, bytes, true);
 }
 
-void writeStandard(benchmark::State& state, bool quoted, bool ours)
+void writeStandard(benchmark::State& state, bool quoted, Way way)
 {
     const Records records(quoted);
+    const int size = int(state.range(0));
     qint64 bytes = 0;
     for (auto _ : state) {
         std::ostringstream stream;
-        if (ours) {
+        if (way == Ours) {
             NCsvFileWriter writer(static_cast<std::ostream*>(&stream), NCsvUtilities::SeparatorComma);
-            bytes = writeMegabytes(
-                records, int(state.range(0)), [&](int index) { writer.appendLine(records.fields.at(index)); });
-        } else {
-            bytes = writeMegabytes(records, int(state.range(0)), [&](int index) {
-                const QByteArray latin1 = records.lines.at(index).toLatin1();
-                stream.write(latin1.constData(), latin1.size());
-            });
+            bytes = writeMegabytes(records, size, [&](int index) { writer.appendLine(records.fields.at(index)); });
+            continue;
         }
+        bytes = writeMegabytes(records, size, [&](int index) {
+            if (way == Fields)
+                streamFields(stream, records.fields.at(index), writeLatin1);
+            else
+                writeLatin1(stream, records.lines.at(index));
+        });
     }
     finish(state, bytes, true);
 }
 
+// Each measurement is named after the way that it goes; @a ways are those that it has, the library's first.
 void add(
-    const std::string& name, const char* floor, int smallest,
-    const std::function<void(benchmark::State&, bool ours)>& measure)
+    const std::string& name, const std::vector<const char*>& ways, int smallest,
+    const std::function<void(benchmark::State&, Way)>& measure)
 {
-    for (int ours = 1; ours >= 0; --ours) {
-        const std::string variant = name + '/' + (ours ? "ours" : floor);
-        benchmark::RegisterBenchmark(variant.c_str(), [=](benchmark::State& state) { measure(state, ours != 0); })
+    for (size_t way = 0; way < ways.size(); ++way) {
+        const std::string variant = name + '/' + ways.at(way);
+        benchmark::RegisterBenchmark(variant.c_str(), [=](benchmark::State& state) { measure(state, Way(way)); })
             ->RangeMultiplier(10)
             ->Range(smallest, smallest * 100)
             ->UseRealTime()
@@ -254,25 +308,27 @@ void add(
 
 int main(int argc, char** argv)
 {
+    const std::vector<const char*> readLineWays = {"ours", "readline"};
+    const std::vector<const char*> getlineWays = {"ours", "getline", "getline_and_fields"};
+    const std::vector<const char*> writeWays = {"ours", "finished_lines", "fields_as_they_are"};
     for (int quoted = 0; quoted < 2; ++quoted) {
         const std::string kind = quoted ? "_quoted" : "_plain";
-        const auto size = [](const benchmark::State& state) { return int(state.range(0)); };
-        add("csv_read_device" + kind, "readline", 1,
-            [=](benchmark::State& state, bool ours) { readDevice(state, text(size(state), quoted != 0), ours); });
-        add("csv_read_array" + kind, "readline", 1,
-            [=](benchmark::State& state, bool ours) { readArray(state, text(size(state), quoted != 0), ours); });
-        add("csv_read_string" + kind, "readline", 1,
-            [=](benchmark::State& state, bool ours) { readString(state, text(size(state), quoted != 0), ours); });
-        add("csv_read_standard" + kind, "getline", 1, [=](benchmark::State& state, bool ours) {
-            readStandard(state, text(size(state), quoted != 0), ours);
-        });
-        add("csv_write_device" + kind, "finished_lines", 1,
-            [=](benchmark::State& state, bool ours) { writeDevice(state, quoted != 0, ours); });
-        add("csv_write_standard" + kind, "finished_lines", 1,
-            [=](benchmark::State& state, bool ours) { writeStandard(state, quoted != 0, ours); });
+        const auto bytes = [=](const benchmark::State& state) { return text(int(state.range(0)), quoted != 0); };
+        add("csv_read_device" + kind, readLineWays, 1,
+            [=](benchmark::State& state, Way way) { readDevice(state, bytes(state), way); });
+        add("csv_read_array" + kind, readLineWays, 1,
+            [=](benchmark::State& state, Way way) { readArray(state, bytes(state), way); });
+        add("csv_read_string" + kind, readLineWays, 1,
+            [=](benchmark::State& state, Way way) { readString(state, bytes(state), way); });
+        add("csv_read_standard" + kind, getlineWays, 1,
+            [=](benchmark::State& state, Way way) { readStandard(state, bytes(state), way); });
+        add("csv_write_device" + kind, writeWays, 1,
+            [=](benchmark::State& state, Way way) { writeDevice(state, quoted != 0, way); });
+        add("csv_write_standard" + kind, writeWays, 1,
+            [=](benchmark::State& state, Way way) { writeStandard(state, quoted != 0, way); });
     }
-    add("csv_read_long_field", "readline", 1000,
-        [](benchmark::State& state, bool ours) { readArray(state, longField(int(state.range(0))), ours); });
+    add("csv_read_long_field", readLineWays, 1000,
+        [](benchmark::State& state, Way way) { readArray(state, longField(int(state.range(0))), way); });
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return EXIT_SUCCESS;

@@ -1,5 +1,7 @@
 #include <nbase/io/ncsvfilereader.h>
 
+#include <nbase/io/ncsvtext_p.h>
+
 #include <QtCore/QTextStream>
 
 #include <istream>
@@ -9,76 +11,48 @@
 
 namespace {
 
-// Text of a Qt source and bytes of a standard stream are taken apart alike, each as it was read.
-inline ushort codeOf(QChar character)
-{
-    return character.unicode();
-}
+// A text that is longer than this gives its memory back when the next record is read.
+const int KeptCapacity = 16 * 1024;
 
-inline ushort codeOf(char character)
-{
-    return uchar(character);
-}
-
-// Puts the fields of a record into a list that may hold an earlier record. Its strings are filled anew where they
-// can be, because a string of its own for each field would cost more than everything else about it.
+// Gives out the strings for the fields of a record. Those of an earlier record in the list are filled anew where
+// they can be, because a string of its own for each field would cost more than everything else about it.
 class FieldList
 {
 public:
     explicit FieldList(QStringList& fields)
         : m_fields(fields)
-        , m_count(0)
     {
+        if (!fields.isDetached())
+            fields.clear();
+        m_next = fields.begin();
     }
 
     ~FieldList()
     {
-        if (m_count < m_fields.size())
-            m_fields.erase(m_fields.begin() + m_count, m_fields.end());
+        if (m_next != m_fields.end())
+            m_fields.erase(m_next, m_fields.end());
     }
 
-    void append(const QChar* text, int size) { nextField(size).setUnicode(text, size); }
-
-    void append(const char* text, int size)
+    // A string whose content does not matter, for a field of about that size.
+    QString& next(int size)
     {
-        QString& field = nextField(size);
-        field.resize(size);
-        QChar* const characters = field.data();
-        for (int index = 0; index < size; ++index)
-            characters[index] = QLatin1Char(text[index]);
-    }
-
-    // The text's quotes stand doubled in it.
-    template <typename Character> void appendQuoted(const Character* text, int size)
-    {
-        QString& field = nextField(size);
-        field.resize(size);
-        QChar* end = field.data();
-        for (int index = 0; index < size; ++index) {
-            *end++ = QChar(codeOf(text[index]));
-            if (codeOf(text[index]) == '"')
-                ++index;
+        if (m_next == m_fields.end()) {
+            m_fields.append(QString());
+            m_next = m_fields.end();
+            return m_fields.last();
         }
-        field.resize(int(end - field.constData()));
+        QString& field = *m_next++;
+        // A short field does not keep the memory of a long one.
+        if (field.capacity() > 64 + 4 * size)
+            field = QString();
+        return field;
     }
 
 private:
     Q_DISABLE_COPY(FieldList)
 
-    // A short field does not keep the memory of a long one.
-    static bool isOversized(const QString& field, int size) { return field.capacity() > 64 + 4 * size; }
-
-    QString& nextField(int size)
-    {
-        if (m_count == m_fields.size())
-            m_fields.append(QString());
-        else if (isOversized(m_fields.at(m_count), size))
-            m_fields[m_count] = QString();
-        return m_fields[m_count++];
-    }
-
     QStringList& m_fields;
-    int m_count;
+    QStringList::iterator m_next;
 };
 
 // Takes a record apart line by line: each scan goes on where the last one had to stop.
@@ -87,27 +61,27 @@ class RecordScanner
 public:
     enum Result { Complete, Continues, Malformed };
 
-    RecordScanner(ushort separator, FieldList& fields)
+    RecordScanner(QChar separator, FieldList& fields)
         : m_separator(separator)
         , m_fields(fields)
         , m_position(0)
         , m_contentBegin(0)
         , m_insideQuotes(false)
-        , m_hasQuotes(false)
+        , m_quoteCount(0)
     {
     }
 
     // Scans a text that has grown by a line since the last scan.
-    template <typename Character> Result scan(const Character* text, int size)
+    Result scan(const QString& text)
     {
-        while (m_insideQuotes || m_position <= size) {
-            if (!m_insideQuotes && (m_position == size || codeOf(text[m_position]) != '"')) {
-                takePlainField(text, size);
+        while (m_insideQuotes || m_position <= text.size()) {
+            if (!m_insideQuotes && (m_position == text.size() || text.at(m_position) != QLatin1Char('"'))) {
+                takePlainField(text);
                 continue;
             }
             if (!m_insideQuotes)
                 enterQuotes();
-            const Result result = takeQuotedField(text, size);
+            const Result result = takeQuotedField(text);
             if (result != Complete)
                 return result;
         }
@@ -117,69 +91,74 @@ public:
 private:
     Q_DISABLE_COPY(RecordScanner)
 
+    // Where the next such character is, or the text's size.
+    int find(const QString& text, QChar character) const
+    {
+        const QChar* const begin = text.constData();
+        return int(NCsvText::find(begin + m_position, begin + text.size(), character) - begin);
+    }
+
     void enterQuotes()
     {
         m_insideQuotes = true;
-        m_hasQuotes = false;
+        m_quoteCount = 0;
         m_contentBegin = ++m_position;
     }
 
-    template <typename Character> void takePlainField(const Character* text, int size)
+    void takePlainField(const QString& text)
     {
-        int end = m_position;
-        while (end < size && codeOf(text[end]) != m_separator)
-            ++end;
-        m_fields.append(text + m_position, end - m_position);
+        const int end = find(text, m_separator);
+        const int size = end - m_position;
+        m_fields.next(size).setUnicode(text.constData() + m_position, size);
         m_position = end + 1;
     }
 
     // Complete speaks of the field here.
-    template <typename Character> Result takeQuotedField(const Character* text, int size)
+    Result takeQuotedField(const QString& text)
     {
         for (;;) {
-            while (m_position < size && codeOf(text[m_position]) != '"')
-                ++m_position;
-            if (m_position == size)
+            m_position = find(text, QLatin1Char('"'));
+            if (m_position == text.size())
                 return Continues;
-            const bool isLast = m_position + 1 == size;
-            if (isLast || codeOf(text[m_position + 1]) != '"') {
-                if (!isLast && codeOf(text[m_position + 1]) != m_separator)
+            const bool isLast = m_position + 1 == text.size();
+            if (isLast || text.at(m_position + 1) != QLatin1Char('"')) {
+                if (!isLast && text.at(m_position + 1) != m_separator)
                     return Malformed;
-                appendQuotedField(text + m_contentBegin, m_position - m_contentBegin);
+                appendQuotedField(text.constData() + m_contentBegin, m_position - m_contentBegin);
                 m_position += 2;
                 m_insideQuotes = false;
                 return Complete;
             }
-            m_hasQuotes = true;
+            ++m_quoteCount;
             m_position += 2;
         }
     }
 
-    template <typename Character> void appendQuotedField(const Character* content, int size)
+    void appendQuotedField(const QChar* content, int size)
     {
-        if (m_hasQuotes)
-            m_fields.appendQuoted(content, size);
-        else
-            m_fields.append(content, size);
+        QString& field = m_fields.next(size);
+        if (m_quoteCount == 0) {
+            field.setUnicode(content, size);
+            return;
+        }
+        field.resize(size - m_quoteCount);
+        QChar* to = field.data();
+        const QChar* const end = content + size;
+        while (content < end) {
+            NCsvText::copyUpTo(QLatin1Char('"'), content, end, to);
+            if (content < end)
+                *to++ = QLatin1Char('"');
+            content += 2;
+        }
     }
 
-    const ushort m_separator;
+    const QChar m_separator;
     FieldList& m_fields;
     int m_position; ///< where the next field begins; inside quotes, where to search for the next quote
     int m_contentBegin;
     bool m_insideQuotes;
-    bool m_hasQuotes; ///< the quoted field contains quotes, which stand doubled in it
+    int m_quoteCount; ///< how many quotes the quoted field contains, which stand doubled in it
 };
-
-const QChar* charactersOf(const QString& text)
-{
-    return text.constData();
-}
-
-const char* charactersOf(const std::string& text)
-{
-    return text.data();
-}
 
 } // namespace
 
@@ -295,15 +274,15 @@ QString NCsvFileReader::readNextStreamLine()
         return m_textStream->readLine();
     if (!m_standardStream)
         return QString();
-    std::string line;
-    readStandardLine(line);
-    return QString::fromLatin1(line.data(), int(line.size()));
+    QString line;
+    readLine(line);
+    return line;
 }
 
 bool NCsvFileReader::parseNextLine(QStringList& fields)
 {
     try {
-        return m_textStream ? parseRecord<QString>(fields) : parseRecord<std::string>(fields);
+        return parseRecord(fields);
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -321,59 +300,67 @@ bool NCsvFileReader::parseFile(QList<QStringList>& records)
     return true;
 }
 
-template <typename Text> bool NCsvFileReader::parseRecord(QStringList& fields)
+bool NCsvFileReader::parseRecord(QStringList& fields)
 {
     FieldList list(fields);
-    RecordScanner scanner(uchar(m_separator), list);
-    Text text;
+    RecordScanner scanner(QLatin1Char(m_separator), list);
+    if (m_text.capacity() > KeptCapacity)
+        m_text = QString();
+    m_text.resize(0);
     for (;;) {
         if (atEnd())
-            return text.size() == 0;
-        if (!appendNextLine(text))
+            return m_text.isEmpty();
+        if (!appendNextLine())
             return false;
-        if (quint64(text.size()) > quint64(INT_MAX))
-            return false;
-        const RecordScanner::Result result = scanner.scan(charactersOf(text), int(text.size()));
+        const RecordScanner::Result result = scanner.scan(m_text);
         if (result != RecordScanner::Continues)
             return result == RecordScanner::Complete;
     }
 }
 
-// Returns false, as its sibling does, when the source fails before its end: asked again and again, it would give
-// empty lines for ever.
-bool NCsvFileReader::appendNextLine(QString& text)
+// Line breaks inside quotes stand as line feeds.
+bool NCsvFileReader::appendNextLine()
 {
-    const QString line = m_textStream->readLine();
-    if (line.isNull() && !m_textStream->atEnd())
+    if (m_text.isEmpty())
+        return readLine(m_text);
+    QString line;
+    if (!readLine(line))
         return false;
-    if (text.isEmpty()) {
-        text = line;
-    } else {
-        text += QLatin1Char('\n');
-        text += line;
-    }
+    m_text += QLatin1Char('\n');
+    m_text += line;
     return true;
 }
 
-bool NCsvFileReader::appendNextLine(std::string& text)
+// Puts the next line into a string, whose memory is used again where the toolkit can. Returns false when the
+// source fails before its end: asked again and again, it would give empty lines for ever.
+bool NCsvFileReader::readLine(QString& line)
 {
-    if (text.empty())
-        return readStandardLine(text);
-    std::string line;
-    if (!readStandardLine(line))
-        return false;
-    text += '\n';
-    text += line;
-    return true;
+    if (!m_textStream)
+        return readStandardLine(line);
+#if QT_VERSION >= 0x050500
+    const bool isRead = m_textStream->readLineInto(&line);
+#else
+    line = m_textStream->readLine();
+    const bool isRead = !line.isNull();
+#endif
+    return isRead || m_textStream->atEnd();
 }
 
-// Returns whether a line was read or the stream is at its end, after which an empty line is read.
-bool NCsvFileReader::readStandardLine(std::string& line)
+bool NCsvFileReader::readStandardLine(QString& line)
 {
     try {
-        std::getline(*m_standardStream, line);
+        std::getline(*m_standardStream, m_bytes);
     } catch (const std::ios_base::failure&) {
         // The stream was told to throw; its state says what has happened all the same.
     }
+    if (m_bytes.size() > size_t(INT_MAX))
+        throw std::bad_alloc();
+#if QT_VERSION >= 0x050000
+    line = QLatin1String(m_bytes.data(), int(m_bytes.size()));
+#else
+    line = QString::fromLatin1(m_bytes.data(), int(m_bytes.size()));
+#endif
+    if (m_bytes.capacity() > size_t(KeptCapacity))
+        std::string().swap(m_bytes);
     return !m_standardStream->fail() || m_standardStream->eof();
 }

@@ -83,10 +83,10 @@ public:
 private:
     Q_DISABLE_COPY(NCsvFileReader)
 
-    template <typename Text> bool parseRecord(QStringList& fields);
-    bool appendNextLine(QString& text);
-    bool appendNextLine(std::string& text);
-    bool readStandardLine(std::string& line);
+    bool parseRecord(QStringList& fields);
+    bool appendNextLine();
+    bool readLine(QString& line);
+    bool readStandardLine(QString& line);
 
     QString m_string;
     QByteArray m_array;
@@ -94,6 +94,8 @@ private:
     bool m_ownsStream;
     std::istream* m_standardStream;
     char m_separator;
+    QString m_text;      ///< the lines of the record that is being read
+    std::string m_bytes; ///< the line that a standard stream gave last
 };
 
 #endif

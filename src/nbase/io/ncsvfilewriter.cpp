@@ -1,58 +1,81 @@
 #include <nbase/io/ncsvfilewriter.h>
 
+#include <nbase/io/ncsvtext_p.h>
+
 #include <QtCore/QByteArray>
 #include <QtCore/QTextStream>
-#include <QtCore/QVarLengthArray>
 
+#include <limits.h>
+#include <new>
 #include <ostream>
+#include <string.h>
 
 namespace {
 
-// Most lines fit, and need no memory of their own then.
-typedef QVarLengthArray<QChar, 512> Text;
+// A line that is longer than this gives its memory back.
+const int KeptCapacity = 16 * 1024;
 
-inline bool isSpecial(QChar character, QChar separator)
+// Writes fields into a line, in quotes where they need them.
+class FieldWriter
 {
-    return character == separator || character == QLatin1Char('"') || character == QLatin1Char('\r') ||
-           character == QLatin1Char('\n');
-}
+public:
+    explicit FieldWriter(QChar separator)
+        : m_separators(NCsvText::fourTimes(separator))
+        , m_quotes(NCsvText::fourTimes(QLatin1Char('"')))
+        , m_carriageReturns(NCsvText::fourTimes(QLatin1Char('\r')))
+        , m_lineFeeds(NCsvText::fourTimes(QLatin1Char('\n')))
+        , m_padding(NCsvText::fourTimes(QLatin1Char(separator == QLatin1Char('x') ? 'y' : 'x')))
+    {
+    }
 
-bool needsQuotes(const QChar* text, int size, QChar separator)
-{
-    // Without a way out in the middle, the compiler compares eight characters at a time.
-    int index = 0;
-    for (; index + 8 <= size; index += 8) {
-        ushort found = 0;
-        for (int offset = 0; offset < 8; ++offset) {
-            const ushort code = text[index + offset].unicode();
-            found |= ushort(code == separator.unicode()) | ushort(code == '"') | ushort(code == '\r') |
-                     ushort(code == '\n');
+    // Room for any field of a size, and for a character behind it: all its characters could be quotes.
+    static qint64 roomFor(int size) { return 2 * qint64(size) + 2 + NCsvText::Four; }
+
+    // Writes a field and returns its end; what is behind the end, within the room, is written to as well.
+    QChar* write(const QString& field, QChar* to) const
+    {
+        QChar* const end = to + field.size();
+        memcpy(static_cast<void*>(to), field.constData(), size_t(field.size()) * sizeof(QChar));
+        memcpy(static_cast<void*>(end), &m_padding, sizeof(m_padding));
+        return needsQuotes(to, end) ? writeQuoted(field, to) : end;
+    }
+
+private:
+    // Looks at four characters at a time, and so at some of the padding.
+    bool needsQuotes(const QChar* text, const QChar* end) const
+    {
+        for (; text < end; text += NCsvText::Four) {
+            const NCsvText::FourCharacters four = NCsvText::fourOf(text);
+            if (NCsvText::isAny(
+                    (four == m_separators) | (four == m_quotes) | (four == m_carriageReturns) |
+                    (four == m_lineFeeds)))
+                return true;
         }
-        if (found)
-            return true;
+        return false;
     }
-    for (; index < size; ++index) {
-        if (isSpecial(text[index], separator))
-            return true;
-    }
-    return false;
-}
 
-void appendEscaped(Text& text, const QString& field, QChar separator)
-{
-    const QChar* const characters = field.constData();
-    if (!needsQuotes(characters, field.size(), separator)) {
-        text.append(characters, field.size());
-        return;
+    static QChar* writeQuoted(const QString& field, QChar* to)
+    {
+        const QChar* from = field.constData();
+        const QChar* const end = from + field.size();
+        *to++ = QLatin1Char('"');
+        for (;;) {
+            NCsvText::copyUpTo(QLatin1Char('"'), from, end, to);
+            if (from == end)
+                break;
+            *to++ = *from++;
+            *to++ = QLatin1Char('"');
+        }
+        *to++ = QLatin1Char('"');
+        return to;
     }
-    text.append(QLatin1Char('"'));
-    for (int index = 0; index < field.size(); ++index) {
-        if (characters[index] == QLatin1Char('"'))
-            text.append(QLatin1Char('"'));
-        text.append(characters[index]);
-    }
-    text.append(QLatin1Char('"'));
-}
+
+    const NCsvText::FourCharacters m_separators;
+    const NCsvText::FourCharacters m_quotes;
+    const NCsvText::FourCharacters m_carriageReturns;
+    const NCsvText::FourCharacters m_lineFeeds;
+    const NCsvText::FourCharacters m_padding; ///< nothing that needs quotes
+};
 
 } // namespace
 
@@ -129,41 +152,78 @@ NCsvFileWriter::~NCsvFileWriter()
 
 QString NCsvFileWriter::escapeString(const QString& field) const
 {
-    const QChar separator = QLatin1Char(m_separator);
-    if (!needsQuotes(field.constData(), field.size(), separator))
-        return field;
-    Text text;
-    appendEscaped(text, field, separator);
-    return QString(text.constData(), text.size());
+    QString escaped(int(FieldWriter::roomFor(field.size())), Qt::Uninitialized);
+    const QChar* const end = FieldWriter(QLatin1Char(m_separator)).write(field, escaped.data());
+    escaped.truncate(int(end - escaped.constData()));
+    return escaped.size() == field.size() ? field : escaped;
 }
 
 void NCsvFileWriter::appendLine(const QStringList& fields)
 {
     if (fields.isEmpty())
         return;
-    const QChar separator = QLatin1Char(m_separator);
-    Text line;
-    for (int index = 0; index < fields.size(); ++index) {
-        if (index > 0)
-            line.append(separator);
-        appendEscaped(line, fields.at(index), separator);
+    try {
+        putTogether(fields);
+        write();
+    } catch (const std::bad_alloc&) {
+        refuse();
     }
-    line.append(QLatin1Char('\n'));
-    write(QString::fromRawData(line.constData(), line.size()));
+    if (m_line.capacity() > KeptCapacity)
+        m_line = QString();
 }
 
-void NCsvFileWriter::write(const QString& line)
+void NCsvFileWriter::putTogether(const QStringList& fields)
+{
+    m_line.resize(m_line.capacity());
+    const QChar separator = QLatin1Char(m_separator);
+    const FieldWriter writer(separator);
+    int size = 0;
+    for (int index = 0; index < fields.size(); ++index) {
+        const QString& field = fields.at(index);
+        reserve(size + FieldWriter::roomFor(field.size()));
+        QChar* const line = m_line.data();
+        QChar* const end = writer.write(field, line + size);
+        *end = separator;
+        size = int(end - line) + 1;
+    }
+    m_line[size - 1] = QLatin1Char('\n');
+    m_line.resize(size);
+}
+
+// Growing by half at least makes the cost of a line proportional to its length.
+void NCsvFileWriter::reserve(qint64 size)
+{
+    if (size <= m_line.size())
+        return;
+    if (size > INT_MAX)
+        throw std::bad_alloc();
+    m_line.resize(int(qMin(qint64(INT_MAX), qMax(size, m_line.size() + qint64(m_line.size() / 2)))));
+}
+
+void NCsvFileWriter::write()
 {
     if (m_textStream) {
-        *m_textStream << line;
-        return;
+        *m_textStream << m_line;
+    } else if (m_standardStream) {
+        const QByteArray latin1 = m_line.toLatin1();
+        try {
+            m_standardStream->write(latin1.constData(), latin1.size());
+        } catch (const std::ios_base::failure&) {
+            // The stream was told to throw; its state says what has happened all the same.
+        }
     }
-    if (!m_standardStream)
-        return;
-    const QByteArray latin1 = line.toLatin1();
-    try {
-        m_standardStream->write(latin1.constData(), latin1.size());
-    } catch (const std::ios_base::failure&) {
-        // The stream was told to throw; its state says what has happened all the same.
+}
+
+// A record that there is no memory for is left out whole, and the stream says that something is missing.
+void NCsvFileWriter::refuse()
+{
+    if (m_textStream) {
+        m_textStream->setStatus(QTextStream::WriteFailed);
+    } else if (m_standardStream) {
+        try {
+            m_standardStream->setstate(std::ios_base::badbit);
+        } catch (const std::ios_base::failure&) {
+            // As in writing.
+        }
     }
 }

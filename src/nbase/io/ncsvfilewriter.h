@@ -57,12 +57,16 @@ public:
 private:
     Q_DISABLE_COPY(NCsvFileWriter)
 
-    void write(const QString& line);
+    void putTogether(const QStringList& fields);
+    void reserve(qint64 size);
+    void write();
+    void refuse();
 
     QTextStream* m_textStream;
     bool m_ownsStream;
     std::ostream* m_standardStream;
     char m_separator;
+    QString m_line; ///< the line that was written last; its memory is used again
 };
 
 #endif

@@ -72,9 +72,37 @@ NQIODeviceStreambuf::int_type NQIODeviceStreambuf::underflow()
 
 std::streamsize NQIODeviceStreambuf::xsgetn(char* s, std::streamsize n)
 {
-    if (eback())
-        return std::streambuf::xsgetn(s, n);
-    return std::streamsize(qMax(qint64(0), m_device->read(s, n)));
+    if (!eback())
+        return std::streamsize(qMax(qint64(0), m_device->read(s, n)));
+    std::streamsize count = 0;
+    while (count < n) {
+        const std::streamsize size = qMin(std::streamsize(egptr() - gptr()), n - count);
+        if (size > 0) {
+            memcpy(s + count, gptr(), size_t(size));
+            gbump(int(size));
+            count += size;
+        } else if (n - count >= BufferSize) {
+            const qint64 blockSize = readBlock(s + count);
+            if (blockSize < 1)
+                break;
+            count += std::streamsize(blockSize);
+        } else if (traits_type::eq_int_type(underflow(), traits_type::eof())) {
+            break;
+        }
+    }
+    return count;
+}
+
+// Reads the block that would fill the get buffer straight to where it is wanted, which saves copying it. Its last
+// character can be put back.
+qint64 NQIODeviceStreambuf::readBlock(char* block)
+{
+    const qint64 size = m_device->read(block, BufferSize);
+    if (size > 0) {
+        m_getBuffer[0] = block[size - 1];
+        setg(m_getBuffer, m_getBuffer + 1, m_getBuffer + 1);
+    }
+    return size;
 }
 
 std::streamsize NQIODeviceStreambuf::xsputn(const char* s, std::streamsize n)

@@ -45,7 +45,7 @@ protected:
     /** Reads up to 1024 bytes from the device. @return the first of them, or end of file when there are none. */
     virtual int_type underflow();
 
-    /** Reads straight from the device where there is no buffer for it. @return how many characters there were. */
+    /** Reads from the device in blocks of 1024 bytes. @return how many of @a n characters there were. */
     virtual std::streamsize xsgetn(char* s, std::streamsize n);
 
     /** Buffers characters, and writes to the device when the buffer is full. @return how many of @a n were taken.
@@ -56,6 +56,8 @@ private:
     Q_DISABLE_COPY(NQIODeviceStreambuf)
 
     enum { BufferSize = 1024 };
+
+    qint64 readBlock(char* block);
 
     QIODevice* m_device;
     char m_getBuffer[BufferSize];

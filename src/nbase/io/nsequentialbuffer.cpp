@@ -4,10 +4,27 @@
 #include <new>
 #include <string.h>
 
+namespace {
+
+// What is waiting stands in blocks of this size, so that reading neither moves what is left nor keeps the memory
+// of what is gone. The allocator's own bytes and the array's fit beside it into 16 KiB.
+const int BlockSize = 16 * 1024 - 64;
+
+QByteArray makeBlock(const char* data, int size)
+{
+    QByteArray block;
+    block.reserve(BlockSize);
+    block.append(data, size);
+    return block;
+}
+
+} // namespace
+
 NSequentialBuffer::NSequentialBuffer(QObject* parent)
     : QIODevice(parent)
-    , m_writeChannelClosed(true)
     , m_readSize(0)
+    , m_size(0)
+    , m_writeChannelClosed(true)
 {
 }
 
@@ -34,8 +51,9 @@ void NSequentialBuffer::close()
 {
     QIODevice::close();
     m_writeChannelClosed = true;
-    m_buffer.clear();
+    m_blocks.clear();
     m_readSize = 0;
+    m_size = 0;
 }
 
 void NSequentialBuffer::closeWriteChannel()
@@ -48,21 +66,26 @@ void NSequentialBuffer::closeWriteChannel()
 
 qint64 NSequentialBuffer::bytesAvailable() const
 {
-    return waitingSize() + QIODevice::bytesAvailable();
+    return m_size + QIODevice::bytesAvailable();
 }
 
 bool NSequentialBuffer::canReadLine() const
 {
-    const char* const waiting = m_buffer.constData() + m_readSize;
-    return memchr(waiting, '\n', size_t(waitingSize())) || QIODevice::canReadLine();
+    int begin = m_readSize;
+    for (int index = 0; index < m_blocks.size(); ++index) {
+        const QByteArray& block = m_blocks.at(index);
+        if (memchr(block.constData() + begin, '\n', size_t(block.size() - begin)))
+            return true;
+        begin = 0;
+    }
+    return QIODevice::canReadLine();
 }
 
 qint64 NSequentialBuffer::readData(char* data, qint64 maxSize)
 {
-    const int size = int(qMin(qint64(waitingSize()), maxSize));
+    const int size = int(qMin(qint64(m_size), maxSize));
     if (size > 0) {
-        memcpy(data, m_buffer.constData() + m_readSize, size_t(size));
-        discard(size);
+        removeFirst(data, size);
         return size;
     }
     return maxSize < 1 || !m_writeChannelClosed ? 0 : -1;
@@ -70,13 +93,10 @@ qint64 NSequentialBuffer::readData(char* data, qint64 maxSize)
 
 qint64 NSequentialBuffer::writeData(const char* data, qint64 size)
 {
-    if (m_writeChannelClosed || size > qint64(INT_MAX) - waitingSize())
+    if (m_writeChannelClosed || size > qint64(INT_MAX) - m_size)
         return -1;
     try {
-        // The array's own limit also covers what was read.
-        if (size > qint64(INT_MAX) - m_buffer.size())
-            removeRead();
-        m_buffer.append(data, int(size));
+        append(data, int(size));
     } catch (const std::bad_alloc&) {
         return -1;
     }
@@ -84,24 +104,37 @@ qint64 NSequentialBuffer::writeData(const char* data, qint64 size)
     return size;
 }
 
-int NSequentialBuffer::waitingSize() const
+// Takes all bytes or, when there is no memory for them, none: what fits into the last block, which needs no
+// memory, is put there once the others are made.
+void NSequentialBuffer::append(const char* data, int size)
 {
-    return m_buffer.size() - m_readSize;
+    const int blockCount = m_blocks.size();
+    const int room = blockCount > 0 ? qMin(BlockSize - m_blocks.last().size(), size) : 0;
+    try {
+        for (int begin = room; begin < size; begin += BlockSize)
+            m_blocks.append(makeBlock(data + begin, qMin(BlockSize, size - begin)));
+    } catch (const std::bad_alloc&) {
+        m_blocks.erase(m_blocks.begin() + blockCount, m_blocks.end());
+        throw;
+    }
+    if (room > 0)
+        m_blocks[blockCount - 1].append(data, room);
+    m_size += size;
 }
 
-// Moving the rest to the front on each read would cost as much as all that is waiting; moved only once it is the
-// smaller half, each byte is moved once on average.
-void NSequentialBuffer::discard(int size)
+void NSequentialBuffer::removeFirst(char* data, int size)
 {
-    m_readSize += size;
-    if (waitingSize() > m_readSize)
-        return;
-    removeRead();
-    m_buffer.squeeze();
-}
-
-void NSequentialBuffer::removeRead()
-{
-    m_buffer.remove(0, m_readSize);
-    m_readSize = 0;
+    m_size -= size;
+    while (size > 0) {
+        const QByteArray& block = m_blocks.first();
+        const int part = qMin(block.size() - m_readSize, size);
+        memcpy(data, block.constData() + m_readSize, size_t(part));
+        data += part;
+        size -= part;
+        m_readSize += part;
+        if (m_readSize == block.size()) {
+            m_blocks.removeFirst();
+            m_readSize = 0;
+        }
+    }
 }

@@ -5,6 +5,7 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QIODevice>
+#include <QtCore/QList>
 
 /**
  * A queue of bytes in memory as a sequential device: a producer writes bytes in, a consumer reads each of them
@@ -62,13 +63,13 @@ protected:
 private:
     Q_DISABLE_COPY(NSequentialBuffer)
 
-    int waitingSize() const;
-    void discard(int size);
-    void removeRead();
+    void append(const char* data, int size);
+    void removeFirst(char* data, int size);
 
-    QByteArray m_buffer;
+    QList<QByteArray> m_blocks; ///< what was written and not read yet, in order; no block is empty
+    int m_readSize;             ///< how many bytes of the first block have been read already
+    int m_size;                 ///< how many bytes are waiting
     bool m_writeChannelClosed;
-    int m_readSize; ///< how many bytes at the beginning of the buffer have been read already
 };
 
 #endif

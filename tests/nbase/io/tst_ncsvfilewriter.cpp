@@ -1,11 +1,14 @@
 #include <nbase/io/ncsvfilewriter.h>
 
+#include "support/nchildprocess.h"
+
 #include <QtCore/QBuffer>
 #include <QtCore/QTextCodec>
 #include <QtCore/QTextStream>
 #include <QtTest/QtTest>
 
 #include <sstream>
+#include <sys/resource.h>
 
 namespace {
 
@@ -38,7 +41,8 @@ private slots:
 
     void fieldsAreEscapedOnlyWhereNeeded_data();
     void fieldsAreEscapedOnlyWhereNeeded();
-    void separatorIsFoundAnywhereInAField();
+    void specialCharactersAreFoundAnywhereInAField_data();
+    void specialCharactersAreFoundAnywhereInAField();
     void recordEndsWithALineFeed();
     void emptyListWritesNothing();
     void emptyFieldsAreWritten();
@@ -50,6 +54,8 @@ private slots:
     void standardStreamKeepsNul();
     void nullStandardStreamTakesNothing();
     void standardStreamThatThrowsDoesNotThrowHere();
+    void recordWithoutMemoryIsLeftOutWhole_data();
+    void recordWithoutMemoryIsLeftOutWhole();
 };
 
 void tst_NCsvFileWriter::initTestCase()
@@ -89,21 +95,36 @@ void tst_NCsvFileWriter::fieldsAreEscapedOnlyWhereNeeded()
     QCOMPARE(written(QStringList() << field, separator), escaped + QLatin1Char('\n'));
 }
 
-void tst_NCsvFileWriter::separatorIsFoundAnywhereInAField()
+void tst_NCsvFileWriter::specialCharactersAreFoundAnywhereInAField_data()
 {
-    QString string;
-    const NCsvFileWriter writer(&string, NCsvUtilities::SeparatorComma);
-    const char specials[] = ",\"\r\n";
-    for (int special = 0; special < 4; ++special) {
-        for (int size = 1; size < 40; ++size) {
-            for (int position = 0; position < size; ++position) {
-                QString field(size, QLatin1Char('x'));
-                QCOMPARE(writer.escapeString(field), field);
-                field[position] = QLatin1Char(specials[special]);
-                QString doubled = field;
-                doubled.replace(QLatin1Char('"'), text("\"\""));
-                QCOMPARE(writer.escapeString(field), QLatin1Char('"') + doubled + QLatin1Char('"'));
-            }
+    QTest::addColumn<QChar>("separator");
+    QTest::addColumn<QChar>("special");
+    const char separators[] = {',', ';', ':', 'x', 'y', '\0', char(0xe9)};
+    for (char separator : separators) {
+        const char specials[] = {separator, '"', '\r', '\n'};
+        for (char special : specials)
+            QTest::newRow(
+                (QByteArray::number(uchar(separator)) + ' ' + QByteArray::number(uchar(special))).constData())
+                << QChar(QLatin1Char(separator)) << QChar(QLatin1Char(special));
+    }
+}
+
+void tst_NCsvFileWriter::specialCharactersAreFoundAnywhereInAField()
+{
+    QFETCH(QChar, separator);
+    QFETCH(QChar, special);
+    QString sink;
+    const NCsvFileWriter writer(&sink, separator);
+    for (int size = 0; size < 20; ++size) {
+        // What has the same low byte is another character.
+        const QString plain(size, QChar(special.unicode() + 0x100));
+        QCOMPARE(writer.escapeString(plain), plain);
+        for (int position = 0; position < size; ++position) {
+            QString field = plain;
+            field[position] = special;
+            const QString inside =
+                special == QLatin1Char('"') ? QString(field).insert(position, QLatin1Char('"')) : field;
+            QCOMPARE(writer.escapeString(field), QLatin1Char('"') + inside + QLatin1Char('"'));
         }
     }
 }
@@ -230,6 +251,43 @@ void tst_NCsvFileWriter::standardStreamThatThrowsDoesNotThrowHere()
     NCsvFileWriter writer(static_cast<std::ostream*>(&standard), NCsvUtilities::SeparatorComma);
     writer.appendLine(QStringList() << text("a"));
     QVERIFY(standard.bad());
+}
+
+void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole_data()
+{
+    QTest::addColumn<bool>("standard");
+    QTest::newRow("text stream") << false;
+    QTest::newRow("standard stream") << true;
+}
+
+// A sanitizer takes more addresses than any limit would leave: there the record is small and gets its memory.
+void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole()
+{
+    QFETCH(bool, standard);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const int size = 100;
+#else
+    const int size = 100000000;
+#endif
+    const int status = NTest::runInChild([standard, size]() {
+        const QStringList fields = QStringList() << text("first") << QString(size, QLatin1Char('a'));
+        const struct rlimit limit = {rlim_t(400) << 20, rlim_t(400) << 20};
+        const bool isLimited = size > 100;
+        if (isLimited && ::setrlimit(RLIMIT_AS, &limit) != 0)
+            return 1;
+        QString string;
+        QTextStream textStream(&string, QIODevice::WriteOnly);
+        std::ostringstream standardStream;
+        QScopedPointer<NCsvFileWriter> writer(
+            standard ? new NCsvFileWriter(static_cast<std::ostream*>(&standardStream), QLatin1Char(','))
+                     : new NCsvFileWriter(&textStream, QLatin1Char(',')));
+        writer->appendLine(fields);
+        textStream.flush();
+        const bool isRefused = standard ? standardStream.bad() : textStream.status() == QTextStream::WriteFailed;
+        const bool isEmpty = standard ? standardStream.str().empty() : string.isEmpty();
+        return isRefused == isLimited && isEmpty == isLimited ? 0 : 2;
+    });
+    QCOMPARE(status, 0);
 }
 
 QTEST_APPLESS_MAIN(tst_NCsvFileWriter)

@@ -39,11 +39,13 @@ public:
     QByteArray written;
     QList<qint64> offered;
     QList<qint64> results; // of the next writes
+    QList<qint64> asked;   // the sizes of all reads
     qint64 readResult;     // of every read; the bytes are 'r'
 
 protected:
     virtual qint64 readData(char* data, qint64 maximumSize)
     {
+        asked << maximumSize;
         const qint64 size = qMin(readResult, maximumSize);
         if (size > 0)
             memset(data, 'r', size_t(size));
@@ -162,6 +164,11 @@ private slots:
     void withoutGetAreaBytesComeStraightFromTheDevice();
     void underflowReadsUpTo1024Bytes();
     void underflowKeepsTheCurrentCharacter();
+    void blocksAreReadAsTheGetAreaWouldBeFilled_data();
+    void blocksAreReadAsTheGetAreaWouldBeFilled();
+    void lastCharacterOfABlockCanBePutBack();
+    void pieces_data();
+    void pieces();
     void failedReadIsEndOfFile_data();
     void failedReadIsEndOfFile();
     void availableBytesAreThoseOfTheDevice();
@@ -413,6 +420,77 @@ void tst_NQIODeviceStreambuf::underflowKeepsTheCurrentCharacter()
     QCOMPARE(buffer.underflow(), int('a'));
     QCOMPARE(buffer.sbumpc(), int('a'));
     QCOMPARE(buffer.underflow(), int('b'));
+}
+
+void tst_NQIODeviceStreambuf::blocksAreReadAsTheGetAreaWouldBeFilled_data()
+{
+    QTest::addColumn<qint64>("readResult");
+    QTest::addColumn<int>("reads");
+    QTest::addColumn<int>("rest");
+    QTest::newRow("whole blocks") << qint64(BufferSize) << 3 << 3 * BufferSize - 2500;
+    QTest::newRow("more than asked") << qint64(2 * BufferSize) << 3 << 3 * BufferSize - 2500;
+    QTest::newRow("short blocks") << qint64(1000) << 3 << 500;
+}
+
+void tst_NQIODeviceStreambuf::blocksAreReadAsTheGetAreaWouldBeFilled()
+{
+    QFETCH(qint64, readResult);
+    QFETCH(int, reads);
+    QFETCH(int, rest);
+    RecordingDevice device;
+    device.readResult = readResult;
+    OpenedStreambuf buffer(&device);
+    QByteArray bytes(2500, '\0');
+    QCOMPARE(buffer.xsgetn(bytes.data(), bytes.size()), std::streamsize(2500));
+    QCOMPARE(bytes, QByteArray(2500, 'r'));
+    QList<qint64> expected;
+    for (int read = 0; read < reads; ++read)
+        expected << BufferSize;
+    QCOMPARE(device.asked, expected);
+    QCOMPARE(buffer.getAreaSize(), rest);
+}
+
+void tst_NQIODeviceStreambuf::lastCharacterOfABlockCanBePutBack()
+{
+    QByteArray bytes = allBytes();
+    QBuffer device(&bytes);
+    QVERIFY(device.open(QIODevice::ReadOnly));
+    NQIODeviceStreambuf buffer(&device);
+    std::istream stream(&buffer);
+    std::vector<char> block(2 * BufferSize);
+    QVERIFY(stream.read(block.data(), 2 * BufferSize));
+    QVERIFY(stream.unget());
+    QCOMPARE(char(stream.get()), bytes.at(2 * BufferSize - 1));
+    QCOMPARE(char(stream.get()), bytes.at(2 * BufferSize));
+}
+
+void tst_NQIODeviceStreambuf::pieces_data()
+{
+    QTest::addColumn<int>("size");
+    const int sizes[] = {1, 7, 1000, 1023, 1024, 1025, 2048, 3000, 100000};
+    for (int size : sizes)
+        QTest::newRow(QByteArray::number(size).constData()) << size;
+}
+
+void tst_NQIODeviceStreambuf::pieces()
+{
+    QFETCH(int, size);
+    QByteArray bytes = allBytes();
+    QBuffer device(&bytes);
+    QVERIFY(device.open(QIODevice::ReadOnly));
+    NQIODeviceStreambuf buffer(&device);
+    std::istream stream(&buffer);
+    QByteArray read;
+    std::vector<char> piece(size_t(size), '\0');
+    do {
+        stream.read(piece.data(), size);
+        read.append(piece.data(), int(stream.gcount()));
+        // A character in between leaves the blocks at odd places.
+        const int character = stream.get();
+        if (character != EOF)
+            read.append(char(character));
+    } while (stream);
+    QCOMPARE(read, bytes);
 }
 
 void tst_NQIODeviceStreambuf::failedReadIsEndOfFile_data()

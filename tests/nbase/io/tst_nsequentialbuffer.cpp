@@ -1,7 +1,11 @@
 #include <nbase/io/nsequentialbuffer.h>
 
+#include "support/nchildprocess.h"
+
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
+
+#include <sys/resource.h>
 
 namespace {
 
@@ -66,7 +70,10 @@ private slots:
     void availableBytesCountBothBuffers();
     void lineIsSeenInEitherBuffer();
     void bufferDoesNotReachTwoGibibytes();
+    void piecesOfManySizesComeOutAsTheyWentIn_data();
     void piecesOfManySizesComeOutAsTheyWentIn();
+    void withoutMemoryNothingIsTakenAndNothingLost();
+    void memoryOfWhatWasReadIsGivenBack();
 };
 
 void tst_NSequentialBuffer::isSequential()
@@ -289,26 +296,95 @@ void tst_NSequentialBuffer::bufferDoesNotReachTwoGibibytes()
     QCOMPARE(buffer.readAll(), QByteArray("abc"));
 }
 
+void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn_data()
+{
+    QTest::addColumn<int>("largestPiece");
+    QTest::newRow("small") << 100;
+    QTest::newRow("large") << 100000;
+}
+
 void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn()
 {
+    QFETCH(int, largestPiece);
     NSequentialBuffer buffer(NULL);
     QVERIFY(buffer.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
-    QByteArray in;
-    QByteArray out;
+    QByteArray pattern(largestPiece + 251, '\0');
+    for (int index = 0; index < pattern.size(); ++index)
+        pattern[index] = char(index % 251);
+    qint64 written = 0;
+    qint64 read = 0;
     unsigned random = 1;
     for (int turn = 0; turn < 20000; ++turn) {
         random = random * 1103515245u + 12345u;
-        QByteArray piece(int((random >> 16) % 100), '\0');
-        for (int index = 0; index < piece.size(); ++index)
-            piece[index] = char(in.size() + index);
-        buffer.write(piece);
-        in += piece;
+        const int size = int((random >> 8) % unsigned(largestPiece));
+        QCOMPARE(buffer.write(pattern.mid(int(written % 251), size)), qint64(size));
+        written += size;
         // For a while less is read than is written, then more.
-        out += buffer.read((turn / 2000) % 2 ? 90 : 20);
-        QCOMPARE(buffer.bytesAvailable(), qint64(in.size() - out.size()));
+        const QByteArray out = buffer.read((turn / 200) % 2 ? largestPiece * 9 / 10 : largestPiece / 5);
+        QVERIFY(out == pattern.mid(int(read % 251), out.size()));
+        read += out.size();
+        QCOMPARE(buffer.bytesAvailable(), written - read);
     }
-    out += buffer.readAll();
-    QVERIFY(out == in);
+    while (read < written) {
+        const QByteArray out = buffer.read(largestPiece);
+        QVERIFY(!out.isEmpty() && out == pattern.mid(int(read % 251), out.size()));
+        read += out.size();
+    }
+    QCOMPARE(buffer.bytesAvailable(), qint64(0));
+}
+
+// A sanitizer takes more addresses than any limit would leave: there the buffer's own limit ends the writing.
+void tst_NSequentialBuffer::withoutMemoryNothingIsTakenAndNothingLost()
+{
+    const int status = NTest::runInChild([]() {
+        const int size = 50000001; // the last block of a write has room for the beginning of the next
+        const QByteArray bytes(size, 'x');
+        QByteArray out(size, '\0');
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+        const struct rlimit limit = {rlim_t(700) << 20, rlim_t(700) << 20};
+        if (::setrlimit(RLIMIT_AS, &limit) != 0)
+            return 1;
+#endif
+        OpenedBuffer buffer;
+        buffer.open(QIODevice::ReadWrite | QIODevice::Unbuffered);
+        qint64 written = 0;
+        while (buffer.writeData(bytes.constData(), size) == size)
+            written += size;
+        if (written == 0 || buffer.bytesAvailable() != written)
+            return 2;
+        for (qint64 read = 0; read < written; read += size) {
+            if (buffer.readData(out.data(), size) != size || out != bytes)
+                return 3;
+            out.fill('\0');
+        }
+        return buffer.bytesAvailable() == 0 && buffer.writeData(bytes.constData(), size) == size ? 0 : 4;
+    });
+    QCOMPARE(status, 0);
+}
+
+// Ten times as much as is waiting goes through the buffer.
+void tst_NSequentialBuffer::memoryOfWhatWasReadIsGivenBack()
+{
+    const int status = NTest::runInChild([]() {
+        const QByteArray bytes(1 << 20, 'x');
+        NSequentialBuffer buffer(NULL);
+        buffer.open(QIODevice::ReadWrite | QIODevice::Unbuffered);
+        struct rusage before, after;
+        for (int written = 0; written < 64; ++written)
+            buffer.write(bytes);
+        ::getrusage(RUSAGE_SELF, &before);
+        for (int written = 0; written < 640; ++written) {
+            if (buffer.read(bytes.size()) != bytes || buffer.write(bytes) != bytes.size())
+                return 1;
+        }
+        ::getrusage(RUSAGE_SELF, &after);
+        return after.ru_maxrss - before.ru_maxrss < 8 * 1024 ? 0 : 2;
+    });
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    QVERIFY(status == 0 || status == 2); // a sanitizer keeps freed memory for a while
+#else
+    QCOMPARE(status, 0);
+#endif
 }
 
 QTEST_GUILESS_MAIN(tst_NSequentialBuffer)
