@@ -14,7 +14,9 @@
 #include <istream>
 #include <ostream>
 #include <stdlib.h>
+#include <string.h>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -137,6 +139,30 @@ void readBacklog(benchmark::State& state, bool ours)
     finish(state, done);
 }
 
+// What the memory itself allows: the same pieces copied from blocks that were filled before and are freed behind.
+void copyBlocks(benchmark::State& state)
+{
+    const size_t blockSize = 16 * 1024 - 64;
+    char piece[PieceSize];
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::vector<char*> blocks;
+        for (qint64 count = 0; count < bytesOf(state); count += qint64(blockSize)) {
+            blocks.push_back(static_cast<char*>(malloc(blockSize)));
+            memset(blocks.back(), 'x', blockSize);
+        }
+        state.ResumeTiming();
+        for (char* block : blocks) {
+            for (size_t begin = 0; begin < blockSize; begin += PieceSize) {
+                memcpy(piece, block + begin, qMin(blockSize - begin, size_t(PieceSize)));
+                benchmark::DoNotOptimize(piece);
+            }
+            free(block);
+        }
+    }
+    finish(state, true);
+}
+
 void add(
     const std::string& name, const char* floor, int multiplier, int largest,
     void (*measure)(benchmark::State&, bool ours))
@@ -159,6 +185,11 @@ int main(int argc, char** argv)
     add("streambuf_read_file", "device_read", 10, 100, readFile);
     add("streambuf_write_file", "device_write", 10, 100, writeFile);
     add("sequential_buffer_backlog", "backlog_of_1_megabyte", 16, 256, readBacklog);
+    benchmark::RegisterBenchmark("sequential_buffer_backlog/memory", copyBlocks)
+        ->RangeMultiplier(16)
+        ->Range(1, 256)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return EXIT_SUCCESS;
