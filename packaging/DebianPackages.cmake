@@ -47,9 +47,12 @@ endif()
 find_program(NBASE_GZIP gzip)
 mark_as_advanced(NBASE_GZIP)
 if(NBASE_GZIP)
+    set(_nuci_manual ${PROJECT_SOURCE_DIR}/src/uci/nuci.1)
     execute_process(COMMAND ${NBASE_GZIP} -9nc ${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog
         OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS debian/changelog)
+    execute_process(COMMAND ${NBASE_GZIP} -9nc ${_nuci_manual}
+        OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/nuci.1.gz COMMAND_ERROR_IS_FATAL ANY)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS debian/changelog ${_nuci_manual})
 endif()
 
 # nbase_debian_package(<component> <package> <section> <depends> <summary> <description>)
@@ -103,6 +106,9 @@ This package contains the header and what is needed to link with the library.")
 are staged until they are committed.
 .
 This package contains the command that reads and changes them in a shell.")
+    # Devices have no use for it, so that it is not part of `cmake --install` either.
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/nuci.1.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT nuci-command EXCLUDE_FROM_ALL)
 endif()
 # Qt loads its SQLite driver at run time, so nothing in the library's files tells that it is needed.
 nbase_debian_package(nbase-runtime libnbase${NBASE_SOVERSION} libs

@@ -18,13 +18,17 @@ struct options
     const char* input;     /* file to import from */
 };
 
-/* A command, and how often it runs: once for each argument, or once for each package if it is given none. */
+/*
+ * A command, and how often it runs: once for each argument, or once for each package if it is given none. What
+ * only changes the element that its argument names is the store's own function for it.
+ */
 struct command
 {
     const char* name;
     int min, max;
     bool all_packages;
     int (*run)(struct uci_context* ctx, const struct options* options, int argc, char** argv);
+    int (*change)(struct uci_context* ctx, struct uci_ptr* ptr);
 };
 
 static void print_usage(FILE* stream)
@@ -345,36 +349,6 @@ static int change(
     return save(ctx, options, ptr.p);
 }
 
-static int run_set(struct uci_context* ctx, const struct options* options, int argc, char** argv)
-{
-    (void)argc;
-    return change(ctx, options, argv[0], uci_set);
-}
-
-static int run_add_list(struct uci_context* ctx, const struct options* options, int argc, char** argv)
-{
-    (void)argc;
-    return change(ctx, options, argv[0], uci_add_list);
-}
-
-static int run_del_list(struct uci_context* ctx, const struct options* options, int argc, char** argv)
-{
-    (void)argc;
-    return change(ctx, options, argv[0], uci_del_list);
-}
-
-static int run_delete(struct uci_context* ctx, const struct options* options, int argc, char** argv)
-{
-    (void)argc;
-    return change(ctx, options, argv[0], uci_delete);
-}
-
-static int run_rename(struct uci_context* ctx, const struct options* options, int argc, char** argv)
-{
-    (void)argc;
-    return change(ctx, options, argv[0], uci_rename);
-}
-
 static int run_reorder(struct uci_context* ctx, const struct options* options, int argc, char** argv)
 {
     struct uci_ptr ptr;
@@ -548,20 +522,20 @@ static int run_import(struct uci_context* ctx, const struct options* options, in
 /* ---- the command line ---- */
 
 static const struct command commands[] = {
-    {"show", 0, 1, true, run_show},
-    {"get", 1, 1, false, run_get},
-    {"set", 1, 1000000, false, run_set},
-    {"add", 2, 2, false, run_add},
-    {"add_list", 1, 1000000, false, run_add_list},
-    {"del_list", 1, 1000000, false, run_del_list},
-    {"delete", 1, 1000000, false, run_delete},
-    {"rename", 1, 1000000, false, run_rename},
-    {"reorder", 1, 1000000, false, run_reorder},
-    {"changes", 0, 1, true, run_changes},
-    {"commit", 0, 1, true, run_commit},
-    {"revert", 1, 1000000, false, run_revert},
-    {"export", 0, 1, true, run_export},
-    {"import", 0, 1, false, run_import},
+    {"show", 0, 1, true, run_show, NULL},
+    {"get", 1, 1, false, run_get, NULL},
+    {"set", 1, 1000000, false, NULL, uci_set},
+    {"add", 2, 2, false, run_add, NULL},
+    {"add_list", 1, 1000000, false, NULL, uci_add_list},
+    {"del_list", 1, 1000000, false, NULL, uci_del_list},
+    {"delete", 1, 1000000, false, NULL, uci_delete},
+    {"rename", 1, 1000000, false, NULL, uci_rename},
+    {"reorder", 1, 1000000, false, run_reorder, NULL},
+    {"changes", 0, 1, true, run_changes, NULL},
+    {"commit", 0, 1, true, run_commit, NULL},
+    {"revert", 1, 1000000, false, run_revert, NULL},
+    {"export", 0, 1, true, run_export, NULL},
+    {"import", 0, 1, false, run_import, NULL},
 };
 
 static const struct command* find_command(const char* name)
@@ -594,12 +568,14 @@ run(struct uci_context* ctx, const struct options* options, const struct command
         return run_for_all(ctx, options, command);
     if (command->max <= 2)
         return command->run(ctx, options, argc, argv);
-    for (int i = 0; i < argc; i++) {
-        int result = command->run(ctx, options, 1, argv + i);
-        if (result)
-            return result;
+    int result = 0;
+    for (int i = 0; i < argc && !result; i++) {
+        if (command->change)
+            result = change(ctx, options, argv[i], command->change);
+        else
+            result = command->run(ctx, options, 1, argv + i);
     }
-    return 0;
+    return result;
 }
 
 static bool set_up(struct uci_context* ctx, struct options* options, int argc, char** argv)
