@@ -6,6 +6,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
 #include <QtCore/QMap>
+#include <QtCore/QRegExp>
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
 #include <QtSql/QSqlError>
@@ -76,18 +77,50 @@ const char* const TablesStatement =
     "ESCAPE '\\' ORDER BY sql LIKE 'CREATE VIRTUAL TABLE %' DESC";
 const char* const ViewsStatement = "SELECT name FROM sqlite_master WHERE type = 'view'";
 
-QSqlError readIntegrity(const QSqlDatabase& database, QStringList& messages)
+// The integrity check goes on when it cannot read a page, and tells so as if it were a fault of the database's:
+// with the result code for most kinds of pages, without for overflow and free pages.
+bool tellsOfReadErrors(const QStringList& messages)
+{
+    const QString all = messages.join(text("\n"));
+    QRegExp code(text("error code=(\\d+)"));
+    for (int at = code.indexIn(all); at >= 0; at = code.indexIn(all, at + code.matchedLength())) {
+        if (NSqliteErrorWatch::reasonOf(code.cap(1).toInt()) == NSqliteErrorWatch::Environment)
+            return true;
+    }
+    return all.contains(text("failed to get page"));
+}
+
+NSqliteErrorWatch::Reason lookAtStructure(const QSqlDatabase& database, QStringList& messages)
 {
     QList<Row> rows;
     const QSqlError error = execute(database, "PRAGMA integrity_check;", &rows);
+    messages.clear();
     for (const Row& row : rows)
         messages.append(row.value(0).toString());
-    return error;
+    if (!error.isValid() && messages.value(0) == text("ok"))
+        return NSqliteErrorWatch::NoReason;
+    // What cannot be read is not known to be damaged.
+    if (reasonOf(error) == NSqliteErrorWatch::Environment || tellsOfReadErrors(messages))
+        return NSqliteErrorWatch::Environment;
+    return NSqliteErrorWatch::Damage;
 }
 
-bool isSound(const QStringList& integrityMessages)
+// What is wrong with the structure of the database, and SQLite's @a messages about it. In places SQLite takes what
+// it cannot read for damaged; damage is there on a second look as well.
+NSqliteErrorWatch::Reason checkStructure(const QSqlDatabase& database, QStringList& messages)
 {
-    return integrityMessages.value(0) == text("ok");
+    const NSqliteErrorWatch::Reason reason = lookAtStructure(database, messages);
+    return reason == NSqliteErrorWatch::Damage ? lookAtStructure(database, messages) : reason;
+}
+
+// The same goes for the statements that follow the check: the damage that they meet must be there.
+NSqliteErrorWatch::Reason confirmed(const QSqlDatabase& database, NSqliteErrorWatch::Reason reason)
+{
+    if (reason != NSqliteErrorWatch::Damage)
+        return reason;
+    QStringList messages;
+    return checkStructure(database, messages) == NSqliteErrorWatch::Damage ? NSqliteErrorWatch::Damage
+                                                                           : NSqliteErrorWatch::Environment;
 }
 
 // BEGIN is refused inside a transaction. SQLite ends one by itself after some failures of the disk
@@ -347,17 +380,17 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::checkIntegrity(int& 
     const QSqlDatabase database = this->database();
     QList<Row> tables;
     const QSqlError schemaError = execute(database, TablesStatement, &tables);
-    if (reasonOf(schemaError) == NSqliteErrorWatch::Environment)
+    if (confirmed(database, reasonOf(schemaError)) == NSqliteErrorWatch::Environment)
         return Unavailable;
     // A new file has no tables. The statement itself is right, so any other failure is the schema's.
     if (schemaError.isValid() || tables.isEmpty())
         return Failed;
 
     QStringList messages;
-    const QSqlError integrityError = readIntegrity(database, messages);
-    if (reasonOf(integrityError) == NSqliteErrorWatch::Environment)
+    const Outcome structure = outcomeOf(checkStructure(database, messages));
+    if (structure == Unavailable)
         return Unavailable;
-    if (integrityError.isValid() || !isSound(messages)) {
+    if (structure == Failed) {
         qWarning(
             "Integrity check on the database \"%s\" fails. The following error(s) have been returned:",
             local(name()).constData());
@@ -372,7 +405,7 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::checkIntegrity(int& 
 
     QList<Row> versions;
     const QSqlError versionError = execute(database, "PRAGMA user_version", &versions);
-    if (reasonOf(versionError) == NSqliteErrorWatch::Environment)
+    if (confirmed(database, reasonOf(versionError)) == NSqliteErrorWatch::Environment)
         return Unavailable;
     version = versions.value(0).value(0).toInt();
     return Done;
@@ -387,8 +420,9 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::repairReferences()
         QList<BrokenReference> found;
         const QSqlError checkError = readBrokenReferences(database, found);
         // A foreign key that is declared wrongly cannot be checked; that is for its author to see.
-        if (outcomeOf(reasonOf(checkError)) != Done)
-            return outcomeOf(reasonOf(checkError));
+        const Outcome check = outcomeOf(confirmed(database, reasonOf(checkError)));
+        if (check != Done)
+            return check;
 
         QList<BrokenReference> references;
         QMap<QString, int> unnamedRows;
@@ -416,7 +450,7 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::repairReferences()
             execute(database, "PRAGMA foreign_keys=ON");
         }
         if (error.isValid())
-            return outcomeOf(reasonOf(error));
+            return outcomeOf(confirmed(database, reasonOf(error)));
         if (!anyDeleted)
             return Done;
     }
@@ -447,14 +481,14 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::convertInTransaction
         const bool isConverted = convertDatabaseFromOldVersion(oldVersion);
         // Without the transaction, the new version would be stored even if what belongs to it has been undone.
         if (!isConverted || !isInTransaction(database))
-            return watch.reason() == NSqliteErrorWatch::Environment ? Unavailable : Failed;
+            return confirmed(database, watch.reason()) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
         error = execute(database, text("PRAGMA user_version=%1").arg(currentVersion()));
     }
     if (!error.isValid())
         error = execute(database, "COMMIT");
     if (!error.isValid())
         return Done;
-    return reasonOf(error) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
+    return confirmed(database, reasonOf(error)) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
 }
 
 NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initialize()
@@ -509,11 +543,9 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::replaceSchema()
 
     // What is left of a damaged file must bear the new tables.
     QStringList messages;
-    const QSqlError error = readIntegrity(database, messages);
-    if (reasonOf(error) == NSqliteErrorWatch::Environment)
-        return Unavailable;
-    if (error.isValid() || !isSound(messages))
-        return Failed;
+    const Outcome structure = outcomeOf(checkStructure(database, messages));
+    if (structure != Done)
+        return structure;
     return createSchema();
 }
 

@@ -192,10 +192,13 @@ private:
 
 NSqliteErrorWatch::Reason NSqliteErrorWatch::reasonOf(const QSqlError& error)
 {
-    if (!error.isValid())
-        return NoReason;
+    return error.isValid() ? reasonOf(NBaseQtCompat::sqlErrorNumber(error)) : NoReason;
+}
+
+NSqliteErrorWatch::Reason NSqliteErrorWatch::reasonOf(int resultCode)
+{
     // The upper bits of an extended code only tell more of the same.
-    switch (NBaseQtCompat::sqlErrorNumber(error) & 0xff) {
+    switch (resultCode & 0xff) {
     case 11: // SQLITE_CORRUPT
     case 24: // SQLITE_FORMAT
     case 26: // SQLITE_NOTADB

@@ -23,7 +23,8 @@ public:
         Environment ///< the file cannot be read or written now
     };
 
-    /** What @a error says, by SQLite's result code (https://sqlite.org/rescode.html). */
+    /** What an error with @a resultCode says (https://sqlite.org/rescode.html). */
+    static Reason reasonOf(int resultCode);
     static Reason reasonOf(const QSqlError& error);
 
     /**

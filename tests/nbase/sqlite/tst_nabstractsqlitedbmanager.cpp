@@ -1,3 +1,4 @@
+#include "nfilefault.h"
 #include "ntestdatabase.h"
 
 #include "support/nmessagerecorder.h"
@@ -20,7 +21,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -104,47 +104,20 @@ private:
     QProcess m_process;
 };
 
-// Until the end of the scope, no file takes a byte at or beyond @a size: writing is an error, and not for want of
-// room.
-class FileSizeLimit
+// A table that is created while nothing can be written.
+class UnwritableTable : public NTestTable
 {
 public:
-    explicit FileSizeLimit(rlim_t size)
-    {
-        ::signal(SIGXFSZ, SIG_IGN);
-        set(size);
-    }
-    ~FileSizeLimit() { set(RLIM_INFINITY); }
-
-private:
-    Q_DISABLE_COPY(FileSizeLimit)
-
-    static void set(rlim_t size)
-    {
-        const struct rlimit limit = {size, RLIM_INFINITY};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
-            qFatal("the limit of the size of files cannot be set");
-    }
-};
-
-// A table that is created while no file grows beyond @a size.
-class LimitedTable : public NTestTable
-{
-public:
-    LimitedTable(NAbstractSqliteDbManager* manager, const char* name, const char* columns, rlim_t size)
+    UnwritableTable(NAbstractSqliteDbManager* manager, const char* name, const char* columns)
         : NTestTable(manager, name, columns)
-        , m_size(size)
     {
     }
 
     bool createTable()
     {
-        const FileSizeLimit limit(m_size);
+        const NFileFault fault(NFileFault::Write);
         return NTestTable::createTable();
     }
-
-private:
-    rlim_t m_size;
 };
 
 bool convertToTwo(NTestManager& manager)
@@ -275,9 +248,11 @@ private slots:
     void faultDuringAConversionIsNoRefusal();
     void faultThatAConversionDoesNotReportKeepsTheVersion();
     void faultThatAConversionOvercomesDoesNotCount();
-    void faultAtTheEndOfAConversionIsNoRefusal();
     void readerAtTheEndOfAConversionIsNoRefusal();
     void faultDuringTheCreationOfATableKeepsWhatIsThere();
+    void unreadablePagesAreNoDamage();
+    void anySingleFailureKeepsOldOrNewData_data();
+    void anySingleFailureKeepsOldOrNewData();
 
     void brokenReferencesAreDeleted();
     void brokenReferencesOfSeveralColumnsAreDeleted();
@@ -1067,7 +1042,8 @@ void tst_NAbstractSqliteDbManager::faultDuringAConversionIsNoRefusal()
             const QString filler = QFileInfo(path).path() + text("/filler");
             if (fault == text("full"))
                 write(filler, QByteArray(1900 * 1024, 'x'));
-            const FileSizeLimit limit(fault == text("write") ? 0 : RLIM_INFINITY);
+            const QScopedPointer<NFileFault> refusal(
+                fault == text("write") ? new NFileFault(NFileFault::Write) : NULL);
             OtherProcess other(otherPath);
             if (fault == text("lock"))
                 other.execute("BEGIN EXCLUSIVE;");
@@ -1087,7 +1063,7 @@ void tst_NAbstractSqliteDbManager::faultThatAConversionDoesNotReportKeepsTheVers
 {
     NTestManager manager(makeVersionOne(), 2);
     manager.setConversion([](NTestManager& database) {
-        const FileSizeLimit limit(0);
+        const NFileFault fault(NFileFault::Write);
         database.execute("PRAGMA cache_size=5");
         database.execute(
             "CREATE TABLE big AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i "
@@ -1105,28 +1081,6 @@ void tst_NAbstractSqliteDbManager::faultThatAConversionOvercomesDoesNotCount()
     });
     manager.openDatabase();
     QCOMPARE(m_recorder->take(), lines(Converted));
-}
-
-void tst_NAbstractSqliteDbManager::faultAtTheEndOfAConversionIsNoRefusal()
-{
-    NTestManager manager(makeVersionOne(), 2);
-    QScopedPointer<FileSizeLimit> limit;
-    manager.setConversion([&](NTestManager& database) {
-        const bool isConverted = convertToTwo(database);
-        limit.reset(new FileSizeLimit(0));
-        return isConverted;
-    });
-    const QString path = manager.databaseFilePath();
-    const QByteArray content = contentOf(path);
-    manager.openDatabase();
-    limit.reset();
-    QCOMPARE(m_recorder->take(), lines(NotOpened));
-    QVERIFY(!manager.database().isValid());
-    QCOMPARE(contentOf(path), content);
-    manager.setConversion(convertToTwo);
-    manager.openDatabase();
-    QCOMPARE(m_recorder->take(), lines(Converted));
-    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
 }
 
 void tst_NAbstractSqliteDbManager::readerAtTheEndOfAConversionIsNoRefusal()
@@ -1154,11 +1108,10 @@ void tst_NAbstractSqliteDbManager::faultDuringTheCreationOfATableKeepsWhatIsTher
     const QByteArray content = contentOf(path);
     NTestManager manager(path, 2);
     // More than what SQLite keeps in memory.
-    LimitedTable big(
+    UnwritableTable big(
         &manager, "big",
         " AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
-        "SELECT hex(randomblob(2000)) FROM n",
-        100000);
+        "SELECT hex(randomblob(2000)) FROM n");
     NTestTable after(&manager, "after", "(a)");
     manager.addTable(&big);
     manager.addTable(&after);
@@ -1175,6 +1128,106 @@ void tst_NAbstractSqliteDbManager::faultDuringTheCreationOfATableKeepsWhatIsTher
     QCOMPARE(
         reader.execute("SELECT a FROM t; PRAGMA user_version; PRAGMA integrity_check;"), QByteArray("1\n3\nok\n"));
     QCOMPARE(contentOf(path), content);
+}
+
+void tst_NAbstractSqliteDbManager::unreadablePagesAreNoDamage()
+{
+    // With overflow pages, free pages and an index.
+    const QString path = makeDatabase(
+        "PRAGMA page_size=512; CREATE TABLE t(id INTEGER PRIMARY KEY, note); CREATE INDEX i ON t(note);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+        "INSERT INTO t SELECT i, 'note ' || i FROM n; INSERT INTO t VALUES(1000, zeroblob(3000));"
+        "DELETE FROM t WHERE id BETWEEN 20 AND 180;",
+        1);
+    const QByteArray content = contentOf(path);
+    int closed = 0;
+    for (int offset = 0; offset < content.size(); offset += 512) {
+        NTestManager manager(path);
+        const NFileFault fault(NFileFault::Read, offset);
+        manager.openDatabase();
+        // Nobody needs to read what is in a free page.
+        if (fault.count() > 0) {
+            QCOMPARE(m_recorder->take(), lines(NotOpened));
+            QVERIFY(!manager.database().isValid());
+            ++closed;
+        }
+        manager.closeDatabase();
+        QVERIFY(contentOf(path) == content);
+        QVERIFY(!QFile::exists(path + text(".damaged")));
+    }
+    QVERIFY(closed > 10);
+    NTestManager manager(path);
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT count(*) FROM t"), lines("40"));
+}
+
+void tst_NAbstractSqliteDbManager::anySingleFailureKeepsOldOrNewData_data()
+{
+    QTest::addColumn<int>("call");
+    QTest::addColumn<int>("stored");
+    const char* const names[] = {"read", "write", "synchronize", "remove"};
+    const NFileFault::Call calls[] = {
+        NFileFault::Read, NFileFault::Write, NFileFault::Synchronize, NFileFault::Remove};
+    for (int index = 0; index < 4; ++index) {
+        QTest::newRow((QByteArray(names[index]) + " while converting").constData()) << int(calls[index]) << 1;
+        QTest::newRow((QByteArray(names[index]) + " while initialising").constData()) << int(calls[index]) << 3;
+        QTest::newRow((QByteArray(names[index]) + " while repairing").constData()) << int(calls[index]) << 2;
+    }
+}
+
+// Each of the calls that an opening makes fails in turn, one in each opening.
+void tst_NAbstractSqliteDbManager::anySingleFailureKeepsOldOrNewData()
+{
+    QFETCH(int, call);
+    QFETCH(int, stored);
+    const QByteArray content = contentOf(makeDatabase(
+        "CREATE TABLE t(id INTEGER PRIMARY KEY, note, p REFERENCES t(id));"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100) "
+        "INSERT INTO t SELECT i, hex(randomblob(500)), NULL FROM n; UPDATE t SET p = 500 WHERE id = 100;",
+        stored));
+    const QString path = newPath();
+    const char* const state =
+        "SELECT count(*), count(p), sum(note = 'new'), (SELECT user_version FROM pragma_user_version) FROM t";
+    const QString oldData = text("100|1|0|%1").arg(stored);
+    const QString newData = text(stored == 1 ? "99|0|99|2" : stored == 2 ? "99|0|0|2" : "0|0||2");
+    // The repair is a transaction of its own.
+    const QString repaired = text("99|0|0|%1").arg(stored);
+    int failures = 0;
+    for (bool isOver = false; !isOver;) {
+        write(path, content);
+        NTestManager manager(path, 2);
+        NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note, p REFERENCES t(id))");
+        manager.addTable(&table);
+        manager.setConversion([](NTestManager& database) {
+            return database.execute("PRAGMA cache_size=5") && database.execute("UPDATE t SET note = 'new'") &&
+                   database.execute("CREATE INDEX i ON t(note)");
+        });
+        {
+            const QScopedPointer<NFileFault> fault(NFileFault::once(NFileFault::Call(call), failures));
+            manager.openDatabase();
+            isOver = fault->count() == 0;
+        }
+        ++failures;
+        const QStringList messages = m_recorder->take();
+        const QByteArray when = QByteArray::number(failures) + ": " + messages.join(text("\n")).toUtf8();
+        QVERIFY2(messages.filter(text("cannot be converted")).isEmpty(), when.constData());
+        QVERIFY2(messages.filter(text("integrity check")).isEmpty(), when.constData());
+        if (manager.database().isOpen()) {
+            QCOMPARE(manager.rows(state), QStringList(newData));
+        } else {
+            QVERIFY2((messages.last() + QLatin1Char('\n')) == text(NotOpened), when.constData());
+            OtherProcess reader(path);
+            const QString found =
+                QString::fromLatin1(reader.execute((QByteArray(state) + ';').constData())).trimmed();
+            QVERIFY2(found == oldData || found == repaired || found == newData, qPrintable(found));
+        }
+        manager.openDatabase();
+        QCOMPARE(manager.rows(state), QStringList(newData));
+        // What is given up anyway may be set aside.
+        QVERIFY(!QFile::remove(path + text(".damaged")) || stored == 3);
+        m_recorder->take();
+    }
+    QVERIFY(failures > 1);
 }
 
 void tst_NAbstractSqliteDbManager::brokenReferencesAreDeleted()
