@@ -209,20 +209,33 @@ void warnOfBrokenReference(const QSqlDatabase& database, const QString& name, co
         local(values.join(separator)).constData());
 }
 
+// How many rows there are in the tables of @a references.
+qlonglong countRows(const QSqlDatabase& database, const QList<BrokenReference>& references)
+{
+    QStringList tables;
+    for (const BrokenReference& reference : references)
+        tables.append(reference.table);
+    tables.removeDuplicates();
+    qlonglong result = 0;
+    for (const QString& table : tables) {
+        QList<Row> rows;
+        execute(database, text("SELECT count(*) FROM ") + quoted(table), &rows);
+        result += rows.value(0).value(0).toLongLong();
+    }
+    return result;
+}
+
 // Deletes the rows of @a references. Those that a foreign key or a trigger keeps go to @a kept.
-QSqlError deleteRows(
-    const QSqlDatabase& database, const QList<BrokenReference>& references, QList<BrokenReference>& kept,
-    bool& anyDeleted)
+QSqlError
+deleteRows(const QSqlDatabase& database, const QList<BrokenReference>& references, QList<BrokenReference>& kept)
 {
     const QSqlError beginning = execute(database, "BEGIN IMMEDIATE");
     if (reasonOf(beginning) == NSqliteErrorWatch::Environment)
         return beginning;
     for (const BrokenReference& reference : references) {
         QSqlQuery query(database);
-        if (query.exec(text("DELETE") + reference.rowCondition)) {
-            anyDeleted = anyDeleted || query.numRowsAffected() > 0;
+        if (query.exec(text("DELETE") + reference.rowCondition))
             continue;
-        }
         const QSqlError error = query.lastError();
         if (reasonOf(error) != NSqliteErrorWatch::Statement) {
             execute(database, "ROLLBACK");
@@ -439,19 +452,20 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::repairReferences()
         if (references.isEmpty())
             return Done;
 
-        bool anyDeleted = false;
+        const qlonglong count = countRows(database, references);
         QList<BrokenReference> kept;
-        QSqlError error = deleteRows(database, references, kept, anyDeleted);
+        QSqlError error = deleteRows(database, references, kept);
         if (!error.isValid() && !kept.isEmpty()) {
             // Other rows refer to these. They follow in the next round.
             QList<BrokenReference> keptByTriggers;
             execute(database, "PRAGMA foreign_keys=OFF");
-            error = deleteRows(database, kept, keptByTriggers, anyDeleted);
+            error = deleteRows(database, kept, keptByTriggers);
             execute(database, "PRAGMA foreign_keys=ON");
         }
         if (error.isValid())
             return outcomeOf(confirmed(database, reasonOf(error)));
-        if (!anyDeleted)
+        // Triggers may keep rows, or put them back.
+        if (countRows(database, references) >= count)
             return Done;
     }
 }

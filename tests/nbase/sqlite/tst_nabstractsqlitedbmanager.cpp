@@ -264,6 +264,7 @@ private slots:
     void repairWorksOnNamesThatNeedQuotes();
     void repairFindsRowsWhoseRowidNameIsTaken();
     void repairLeavesRowsAloneThatCannotBeNamed();
+    void repairEndsWhereTriggersOpposeIt();
 
     void killedConversionLeavesOldOrNewData();
     void damagedCopiesAlwaysEndWell();
@@ -1386,6 +1387,23 @@ void tst_NAbstractSqliteDbManager::repairLeavesRowsAloneThatCannotBeNamed()
         lines("warning: Foreign key constraint error in database \"Test\" on child(p) referencing parent(id) with "
               "value(). The reference will be deleted."));
     QCOMPARE(manager.rows("SELECT p FROM child"), lines("1\n5"));
+}
+
+void tst_NAbstractSqliteDbManager::repairEndsWhereTriggersOpposeIt()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE kept(p REFERENCES parent(id)); INSERT INTO kept VALUES(1);"
+        "CREATE TRIGGER keep BEFORE DELETE ON kept BEGIN SELECT raise(ABORT, 'kept'); END;"
+        "CREATE TABLE again(id INTEGER PRIMARY KEY AUTOINCREMENT, p REFERENCES parent(id));"
+        "INSERT INTO again(p) VALUES(2);"
+        "CREATE TRIGGER again AFTER DELETE ON again BEGIN INSERT INTO again(p) VALUES(old.p); END;",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().size(), 2);
+    QCOMPARE(manager.rows("SELECT p FROM kept"), lines("1"));
+    QCOMPARE(manager.rows("SELECT p FROM again"), lines("2"));
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
 }
 
 void tst_NAbstractSqliteDbManager::killedConversionLeavesOldOrNewData()
