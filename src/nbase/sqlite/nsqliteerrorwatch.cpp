@@ -224,6 +224,7 @@ NSqliteErrorWatch::NSqliteErrorWatch(QString& connectionName)
     , m_reason(new Reason(NoReason))
 {
     const QSqlDatabase original = QSqlDatabase::database(m_originalName);
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): Qt deletes a connection's driver with it.
     QSqlDatabase watched = QSqlDatabase::addDatabase(new WatchingDriver(original, Notes(m_reason)), m_watchedName);
     watched.setDatabaseName(original.databaseName());
     m_connectionName = m_watchedName;

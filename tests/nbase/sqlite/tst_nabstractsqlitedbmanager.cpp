@@ -145,6 +145,9 @@ QString useDatabase(NTestManager& manager)
     // The transaction is the manager's.
     REQUIRE(!database.transaction() && database.lastError().isValid());
 
+    REQUIRE(database.exec(text("SELECT note FROM t")).next() && !database.lastError().isValid());
+    REQUIRE(!database.exec(text("SELECT")).isActive() && database.lastError().isValid());
+
     QSqlQuery query(database);
     REQUIRE(query.prepare(text("INSERT INTO t(note, id) VALUES(?, ?)")));
     query.addBindValue(text("c"));
