@@ -1,11 +1,12 @@
 #include <nbase/sqlite/nabstractsqlitedbmanager.h>
 
-#include <nbase/nbaseqtcompat_p.h>
 #include <nbase/sqlite/nabstractsqlitedbtable.h>
+#include <nbase/sqlite/nsqliteerrorwatch_p.h>
 
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
 #include <QtCore/QMap>
+#include <QtCore/QRegExp>
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
 #include <QtSql/QSqlError>
@@ -13,38 +14,15 @@
 #include <QtSql/QSqlRecord>
 
 #include <stdio.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
 
 typedef QList<QVariant> Row;
 
-// The reason why a statement failed, from SQLite's result code (https://sqlite.org/rescode.html). The upper bits
-// of an extended code only tell more of the same.
-enum Reason { NoReason, Damage, Statement, Environment };
-
-Reason reasonOf(const QSqlError& error)
+NSqliteErrorWatch::Reason reasonOf(const QSqlError& error)
 {
-    if (!error.isValid())
-        return NoReason;
-    switch (NBaseQtCompat::sqlErrorNumber(error) & 0xff) {
-    case 11: // SQLITE_CORRUPT
-    case 24: // SQLITE_FORMAT
-    case 26: // SQLITE_NOTADB
-        return Damage;
-    case 1:  // SQLITE_ERROR
-    case 12: // SQLITE_NOTFOUND
-    case 17: // SQLITE_SCHEMA
-    case 18: // SQLITE_TOOBIG
-    case 19: // SQLITE_CONSTRAINT
-    case 20: // SQLITE_MISMATCH
-    case 21: // SQLITE_MISUSE
-    case 25: // SQLITE_RANGE
-        return Statement;
-    default:
-        return Environment;
-    }
+    return NSqliteErrorWatch::reasonOf(error);
 }
 
 QString text(const char* latin1)
@@ -77,7 +55,7 @@ QSqlError execute(const QSqlDatabase& database, const QString& statement, QList<
     QSqlQuery query(database);
     query.setForwardOnly(true);
     if (!query.exec(statement))
-        return query.lastError();
+        return query.lastError().isValid() ? query.lastError() : database.lastError();
     const int columns = rows ? query.record().count() : 0;
     while (rows && query.next()) {
         Row row;
@@ -99,18 +77,50 @@ const char* const TablesStatement =
     "ESCAPE '\\' ORDER BY sql LIKE 'CREATE VIRTUAL TABLE %' DESC";
 const char* const ViewsStatement = "SELECT name FROM sqlite_master WHERE type = 'view'";
 
-QSqlError readIntegrity(const QSqlDatabase& database, QStringList& messages)
+// The integrity check goes on when it cannot read a page, and tells so as if it were a fault of the database's:
+// with the result code for most kinds of pages, without for overflow and free pages.
+bool tellsOfReadErrors(const QStringList& messages)
+{
+    const QString all = messages.join(text("\n"));
+    QRegExp code(text("error code=(\\d+)"));
+    for (int at = code.indexIn(all); at >= 0; at = code.indexIn(all, at + code.matchedLength())) {
+        if (NSqliteErrorWatch::reasonOf(code.cap(1).toInt()) == NSqliteErrorWatch::Environment)
+            return true;
+    }
+    return all.contains(text("failed to get page"));
+}
+
+NSqliteErrorWatch::Reason lookAtStructure(const QSqlDatabase& database, QStringList& messages)
 {
     QList<Row> rows;
     const QSqlError error = execute(database, "PRAGMA integrity_check;", &rows);
+    messages.clear();
     for (const Row& row : rows)
         messages.append(row.value(0).toString());
-    return error;
+    if (!error.isValid() && messages.value(0) == text("ok"))
+        return NSqliteErrorWatch::NoReason;
+    // What cannot be read is not known to be damaged.
+    if (reasonOf(error) == NSqliteErrorWatch::Environment || tellsOfReadErrors(messages))
+        return NSqliteErrorWatch::Environment;
+    return NSqliteErrorWatch::Damage;
 }
 
-bool isSound(const QStringList& integrityMessages)
+// What is wrong with the structure of the database, and SQLite's @a messages about it. In places SQLite takes what
+// it cannot read for damaged; damage is there on a second look as well.
+NSqliteErrorWatch::Reason checkStructure(const QSqlDatabase& database, QStringList& messages)
 {
-    return integrityMessages.value(0) == text("ok");
+    const NSqliteErrorWatch::Reason reason = lookAtStructure(database, messages);
+    return reason == NSqliteErrorWatch::Damage ? lookAtStructure(database, messages) : reason;
+}
+
+// The same goes for the statements that follow the check: the damage that they meet must be there.
+NSqliteErrorWatch::Reason confirmed(const QSqlDatabase& database, NSqliteErrorWatch::Reason reason)
+{
+    if (reason != NSqliteErrorWatch::Damage)
+        return reason;
+    QStringList messages;
+    return checkStructure(database, messages) == NSqliteErrorWatch::Damage ? NSqliteErrorWatch::Damage
+                                                                           : NSqliteErrorWatch::Environment;
 }
 
 // BEGIN is refused inside a transaction. SQLite ends one by itself after some failures of the disk
@@ -127,24 +137,13 @@ bool isInTransaction(const QSqlDatabase& database)
 struct BrokenReference
 {
     QString table;
-    QVariant rowid; ///< null for a table without rowid
+    QString rowCondition; ///< FROM and WHERE for this row; empty for a row that no condition can name
     QString referencedTable;
     int foreignKey;
 };
 
-QSqlError readBrokenReferences(const QSqlDatabase& database, QList<BrokenReference>& references)
-{
-    QList<Row> rows;
-    const QSqlError error = execute(database, "PRAGMA foreign_key_check;", &rows);
-    for (const Row& row : rows) {
-        const BrokenReference reference = {
-            row.value(0).toString(), row.value(1), row.value(2).toString(), row.value(3).toInt()};
-        references.append(reference);
-    }
-    return error;
-}
-
-// The name of the rowid that no column of the table has taken for itself (https://sqlite.org/rowidtable.html).
+// The name of the rowid that no column of the table has taken for itself (https://sqlite.org/rowidtable.html);
+// empty when all three are taken.
 QString rowidName(const QSqlDatabase& database, const QString& table)
 {
     QList<Row> columns;
@@ -152,13 +151,30 @@ QString rowidName(const QSqlDatabase& database, const QString& table)
     QStringList names = QStringList() << text("rowid") << text("oid") << text("_rowid_");
     for (const Row& column : columns)
         names.removeAll(column.value(1).toString().toLower());
-    return names.value(0, text("rowid"));
+    return names.value(0);
 }
 
-QString rowCondition(const QSqlDatabase& database, const BrokenReference& reference)
+// @a rowid is null for a row of a table without rowid.
+QString rowCondition(const QSqlDatabase& database, const QString& table, const QVariant& rowid)
 {
-    return text(" FROM ") + quoted(reference.table) + text(" WHERE ") + rowidName(database, reference.table) +
-           text(" IS ") + QString::number(reference.rowid.toLongLong());
+    const QString name = rowidName(database, table);
+    if (rowid.isNull() || name.isEmpty())
+        return QString();
+    return text(" FROM ") + quoted(table) + text(" WHERE ") + name + text(" IS ") +
+           QString::number(rowid.toLongLong());
+}
+
+QSqlError readBrokenReferences(const QSqlDatabase& database, QList<BrokenReference>& references)
+{
+    QList<Row> rows;
+    const QSqlError error = execute(database, "PRAGMA foreign_key_check;", &rows);
+    for (const Row& row : rows) {
+        const QString table = row.value(0).toString();
+        const BrokenReference reference = {
+            table, rowCondition(database, table, row.value(1)), row.value(2).toString(), row.value(3).toInt()};
+        references.append(reference);
+    }
+    return error;
 }
 
 void warnOfBrokenReference(const QSqlDatabase& database, const QString& name, const BrokenReference& reference)
@@ -178,10 +194,8 @@ void warnOfBrokenReference(const QSqlDatabase& database, const QString& name, co
 
     QStringList values;
     QList<Row> rows;
-    if (!reference.rowid.isNull())
-        execute(
-            database, text("SELECT ") + quoted(columns).join(text(", ")) + rowCondition(database, reference),
-            &rows);
+    if (!reference.rowCondition.isEmpty())
+        execute(database, text("SELECT ") + quoted(columns).join(text(", ")) + reference.rowCondition, &rows);
     const Row row = rows.value(0);
     for (const QVariant& value : row)
         values.append(value.toString());
@@ -189,31 +203,41 @@ void warnOfBrokenReference(const QSqlDatabase& database, const QString& name, co
     const QString separator = text(", ");
     qWarning(
         "Foreign key constraint error in database \"%s\" on %s(%s) referencing %s(%s) with value(%s). The "
-        "reference "
-        "will be deleted.",
+        "reference will be deleted.",
         local(name).constData(), local(reference.table).constData(), local(columns.join(separator)).constData(),
         local(reference.referencedTable).constData(), local(referencedColumns.join(separator)).constData(),
         local(values.join(separator)).constData());
 }
 
-// Deletes the rows of @a references. Those that the database keeps, because a foreign key or a trigger forbids it,
-// go to
-// @a kept.
-QSqlError deleteRows(
-    const QSqlDatabase& database, const QList<BrokenReference>& references, QList<BrokenReference>& kept,
-    bool& anyDeleted)
+// How many rows there are in the tables of @a references.
+qlonglong countRows(const QSqlDatabase& database, const QList<BrokenReference>& references)
+{
+    QStringList tables;
+    for (const BrokenReference& reference : references)
+        tables.append(reference.table);
+    tables.removeDuplicates();
+    qlonglong result = 0;
+    for (const QString& table : tables) {
+        QList<Row> rows;
+        execute(database, text("SELECT count(*) FROM ") + quoted(table), &rows);
+        result += rows.value(0).value(0).toLongLong();
+    }
+    return result;
+}
+
+// Deletes the rows of @a references. Those that a foreign key or a trigger keeps go to @a kept.
+QSqlError
+deleteRows(const QSqlDatabase& database, const QList<BrokenReference>& references, QList<BrokenReference>& kept)
 {
     const QSqlError beginning = execute(database, "BEGIN IMMEDIATE");
-    if (reasonOf(beginning) == Environment)
+    if (reasonOf(beginning) == NSqliteErrorWatch::Environment)
         return beginning;
     for (const BrokenReference& reference : references) {
         QSqlQuery query(database);
-        if (query.exec(text("DELETE") + rowCondition(database, reference))) {
-            anyDeleted = anyDeleted || query.numRowsAffected() > 0;
+        if (query.exec(text("DELETE") + reference.rowCondition))
             continue;
-        }
         const QSqlError error = query.lastError();
-        if (reasonOf(error) != Statement) {
+        if (reasonOf(error) != NSqliteErrorWatch::Statement) {
             execute(database, "ROLLBACK");
             return error;
         }
@@ -223,39 +247,6 @@ QSqlError deleteRows(
     if (error.isValid())
         execute(database, "ROLLBACK");
     return error;
-}
-
-// Why the statements of a table failed, which the table tells nobody: they are tried again, without leaving a
-// trace. Only a reason other than the statements themselves counts.
-QSqlError creationError(const QSqlDatabase& database, const QStringList& statements)
-{
-    QSqlError result;
-    execute(database, "SAVEPOINT creation");
-    for (const QString& statement : statements) {
-        const QSqlError error = execute(database, statement);
-        if (error.isValid() && reasonOf(error) != Statement)
-            result = error;
-    }
-    execute(database, "ROLLBACK TO creation");
-    execute(database, "RELEASE creation");
-    return result;
-}
-
-// SQLite's own limit of a page, and the least that a disk which is not full can take.
-const unsigned long long LargestPage = 65536;
-
-// Whether a conversion that gave up may have done so for want of room. @a size is the database's before it.
-//
-// While its transaction is open, what it wrote is still on the disk, so a full disk shows as one. Where SQLite has
-// ended the transaction the room is free again; a conversion may need the database's size for the journal and once
-// more for its new tables.
-bool mayHaveLackedRoom(const QSqlDatabase& database, const QByteArray& path, unsigned long long size)
-{
-    struct statvfs disk;
-    if (::statvfs(path.constData(), &disk) != 0)
-        return true;
-    const unsigned long long available = static_cast<unsigned long long>(disk.f_bavail) * disk.f_frsize;
-    return available < (isInTransaction(database) ? 0 : 2 * size) + LargestPage;
 }
 
 QByteArray filePath(const QSqlDatabase& database)
@@ -289,13 +280,13 @@ bool setAside(const QByteArray& path)
 
 } // namespace
 
-// What became of a statement whose refusal by the database does not matter.
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::outcomeOf(const QSqlError& error)
+// What became of statements whose refusal by the database does not matter.
+NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::outcomeOf(int reason)
 {
-    switch (reasonOf(error)) {
-    case Damage:
+    switch (reason) {
+    case NSqliteErrorWatch::Damage:
         return Failed;
-    case Environment:
+    case NSqliteErrorWatch::Environment:
         return Unavailable;
     default:
         return Done;
@@ -378,8 +369,7 @@ bool NAbstractSqliteDbManager::prepareDatabase()
     if (version > currentVersion()) {
         qWarning(
             "The version of the database \"%s\" (%d) is greater than the current version of the database (%d). It "
-            "will "
-            "be initialized.",
+            "will be initialized.",
             local(name()).constData(), version, currentVersion());
         return initialize() == Done;
     }
@@ -403,17 +393,17 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::checkIntegrity(int& 
     const QSqlDatabase database = this->database();
     QList<Row> tables;
     const QSqlError schemaError = execute(database, TablesStatement, &tables);
-    if (reasonOf(schemaError) == Environment)
+    if (confirmed(database, reasonOf(schemaError)) == NSqliteErrorWatch::Environment)
         return Unavailable;
     // A new file has no tables. The statement itself is right, so any other failure is the schema's.
     if (schemaError.isValid() || tables.isEmpty())
         return Failed;
 
     QStringList messages;
-    const QSqlError integrityError = readIntegrity(database, messages);
-    if (reasonOf(integrityError) == Environment)
+    const Outcome structure = outcomeOf(checkStructure(database, messages));
+    if (structure == Unavailable)
         return Unavailable;
-    if (integrityError.isValid() || !isSound(messages)) {
+    if (structure == Failed) {
         qWarning(
             "Integrity check on the database \"%s\" fails. The following error(s) have been returned:",
             local(name()).constData());
@@ -428,7 +418,7 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::checkIntegrity(int& 
 
     QList<Row> versions;
     const QSqlError versionError = execute(database, "PRAGMA user_version", &versions);
-    if (reasonOf(versionError) == Environment)
+    if (confirmed(database, reasonOf(versionError)) == NSqliteErrorWatch::Environment)
         return Unavailable;
     version = versions.value(0).value(0).toInt();
     return Done;
@@ -437,20 +427,21 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::checkIntegrity(int& 
 NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::repairReferences()
 {
     const QSqlDatabase database = this->database();
-    // How often a row without rowid has been warned of; it is found again in each round.
+    // How often a row that cannot be named has been warned of; it is found again in each round.
     QMap<QString, int> warningsOfUnnamedRows;
     for (;;) {
         QList<BrokenReference> found;
         const QSqlError checkError = readBrokenReferences(database, found);
         // A foreign key that is declared wrongly cannot be checked; that is for its author to see.
-        if (outcomeOf(checkError) != Done)
-            return outcomeOf(checkError);
+        const Outcome check = outcomeOf(confirmed(database, reasonOf(checkError)));
+        if (check != Done)
+            return check;
 
         QList<BrokenReference> references;
         QMap<QString, int> unnamedRows;
         for (const BrokenReference& reference : found) {
             const QString key = reference.table + QLatin1Char('\n') + QString::number(reference.foreignKey);
-            if (!reference.rowid.isNull())
+            if (!reference.rowCondition.isEmpty())
                 references.append(reference);
             else if (++unnamedRows[key] <= warningsOfUnnamedRows.value(key))
                 continue;
@@ -461,19 +452,20 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::repairReferences()
         if (references.isEmpty())
             return Done;
 
-        bool anyDeleted = false;
+        const qlonglong count = countRows(database, references);
         QList<BrokenReference> kept;
-        QSqlError error = deleteRows(database, references, kept, anyDeleted);
+        QSqlError error = deleteRows(database, references, kept);
         if (!error.isValid() && !kept.isEmpty()) {
             // Other rows refer to these. They follow in the next round.
             QList<BrokenReference> keptByTriggers;
             execute(database, "PRAGMA foreign_keys=OFF");
-            error = deleteRows(database, kept, keptByTriggers, anyDeleted);
+            error = deleteRows(database, kept, keptByTriggers);
             execute(database, "PRAGMA foreign_keys=ON");
         }
         if (error.isValid())
-            return outcomeOf(error);
-        if (!anyDeleted)
+            return outcomeOf(confirmed(database, reasonOf(error)));
+        // Triggers may keep rows, or put them back.
+        if (countRows(database, references) >= count)
             return Done;
     }
 }
@@ -499,17 +491,18 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::convertInTransaction
     if (!error.isValid())
         error = execute(database, text("PRAGMA user_version=%1").arg(oldVersion));
     if (!error.isValid()) {
-        const QByteArray path = filePath(database);
-        const qint64 size = QFileInfo(database.databaseName()).size();
-        if (!convertDatabaseFromOldVersion(oldVersion))
-            return mayHaveLackedRoom(database, path, static_cast<unsigned long long>(size)) ? Unavailable : Failed;
+        const NSqliteErrorWatch watch(m_connectionName);
+        const bool isConverted = convertDatabaseFromOldVersion(oldVersion);
+        // Without the transaction, the new version would be stored even if what belongs to it has been undone.
+        if (!isConverted || !isInTransaction(database))
+            return confirmed(database, watch.reason()) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
         error = execute(database, text("PRAGMA user_version=%1").arg(currentVersion()));
     }
     if (!error.isValid())
         error = execute(database, "COMMIT");
     if (!error.isValid())
         return Done;
-    return reasonOf(error) == Environment ? Unavailable : Failed;
+    return confirmed(database, reasonOf(error)) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
 }
 
 NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initialize()
@@ -536,11 +529,11 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initializeInPlace()
     const QSqlDatabase database = this->database();
     execute(database, "PRAGMA foreign_keys=OFF");
     // The caller may have begun a transaction of his own, and a table may end it: both are refused statements.
-    Outcome outcome = outcomeOf(execute(database, "BEGIN IMMEDIATE"));
+    Outcome outcome = outcomeOf(reasonOf(execute(database, "BEGIN IMMEDIATE")));
     if (outcome == Done)
         outcome = replaceSchema();
     if (outcome == Done)
-        outcome = outcomeOf(execute(database, "COMMIT"));
+        outcome = outcomeOf(reasonOf(execute(database, "COMMIT")));
     if (outcome != Done)
         execute(database, "ROLLBACK");
     execute(database, "PRAGMA foreign_keys=ON");
@@ -559,16 +552,14 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::replaceSchema()
                 database,
                 text("DROP ") + text(kind[1]) + text(" IF EXISTS ") + quoted(names.at(index).value(0).toString()));
         if (error.isValid())
-            return reasonOf(error) == Environment ? Unavailable : Failed;
+            return reasonOf(error) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
     }
 
     // What is left of a damaged file must bear the new tables.
     QStringList messages;
-    const QSqlError error = readIntegrity(database, messages);
-    if (reasonOf(error) == Environment)
-        return Unavailable;
-    if (error.isValid() || !isSound(messages))
-        return Failed;
+    const Outcome structure = outcomeOf(checkStructure(database, messages));
+    if (structure != Done)
+        return structure;
     return createSchema();
 }
 
@@ -576,23 +567,13 @@ NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::createSchema()
 {
     const QSqlDatabase database = this->database();
     const QList<NAbstractSQLiteDbTable*> created = tables();
-    QStringList failed;
-    for (NAbstractSQLiteDbTable* table : created) {
-        if (table->createTable())
-            continue;
-        failed.append(table->createTableStatement());
-        if (!isInTransaction(database))
-            return Unavailable;
-    }
-    for (NAbstractSQLiteDbTable* table : created) {
-        if (table->createTriggers())
-            continue;
-        failed += table->createTriggersStatements();
-        if (!isInTransaction(database))
-            return Unavailable;
-    }
-    const Outcome outcome = outcomeOf(creationError(database, failed));
-    if (outcome != Done)
-        return outcome;
-    return outcomeOf(execute(database, text("PRAGMA user_version=%1").arg(currentVersion())));
+    // Statements that SQLite refuses are their table's affair.
+    const NSqliteErrorWatch watch(m_connectionName);
+    for (int index = 0; index < created.size() && outcomeOf(watch.reason()) == Done; ++index)
+        created.at(index)->createTable();
+    for (int index = 0; index < created.size() && outcomeOf(watch.reason()) == Done; ++index)
+        created.at(index)->createTriggers();
+    if (outcomeOf(watch.reason()) != Done)
+        return outcomeOf(watch.reason());
+    return outcomeOf(reasonOf(execute(database, text("PRAGMA user_version=%1").arg(currentVersion()))));
 }

@@ -8,7 +8,6 @@
 #include <QtSql/QSqlDatabase>
 
 class NAbstractSQLiteDbTable;
-class QSqlError;
 
 /**
  * One SQLite database file of an application. An application derives a class from it that says where the file is,
@@ -34,9 +33,11 @@ public:
     /**
      * Converts the schema and the data from @a oldVersion to currentVersion() with statements on database(). It
      * runs inside a transaction that the manager begins and ends, with foreign keys not enforced; the stored
-     * version changes with the commit. The base refuses every conversion.
-     * @return whether the database has been converted; otherwise the transaction is rolled back and the database
-     * initialised.
+     * version changes with the commit. The base refuses every conversion. Queries on database() must not outlive
+     * the conversion: it is a connection that notes SQLite's errors meanwhile.
+     * @return whether the database has been converted. Otherwise the transaction is rolled back and the database
+     * initialised; where a statement met an error of the disk or another process's lock, it is left as it was and
+     * not opened.
      */
     virtual bool convertDatabaseFromOldVersion(int oldVersion);
 
@@ -76,7 +77,8 @@ public:
     /**
      * Checks the structure of the database and deletes rows whose foreign keys refer to nothing, repeatedly where
      * that leaves other rows without what they refer to. Each is logged before. Where foreign keys have actions
-     * for deleted rows, these are taken; a row of a table without rowid is logged and left alone.
+     * for deleted rows, these are taken; a row of a table without rowid, or with columns that have taken all names
+     * of it, is logged and left alone.
      * @param version is set to the stored version when the structure is sound.
      * @return whether the database has tables and is sound; false as well when that cannot be found out.
      */
@@ -98,7 +100,7 @@ private:
         Unavailable ///< it cannot be read or written now
     };
 
-    static Outcome outcomeOf(const QSqlError& error);
+    static Outcome outcomeOf(int reason);
     bool openConnection();
     bool prepareDatabase();
     Outcome checkIntegrity(int& version);

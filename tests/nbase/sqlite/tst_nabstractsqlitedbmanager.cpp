@@ -1,3 +1,4 @@
+#include "nfilefault.h"
 #include "ntestdatabase.h"
 
 #include "support/nmessagerecorder.h"
@@ -9,8 +10,12 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QFileInfo>
 #include <QtCore/QProcess>
+#include <QtSql/QSqlDriver>
+#include <QtSql/QSqlIndex>
+#include <QtSql/QSqlRecord>
 #include <QtTest/QtTest>
 
+#include <functional>
 #include <random>
 
 #include <signal.h>
@@ -99,12 +104,96 @@ private:
     QProcess m_process;
 };
 
+// A table that is created while nothing can be written.
+class UnwritableTable : public NTestTable
+{
+public:
+    UnwritableTable(NAbstractSqliteDbManager* manager, const char* name, const char* columns)
+        : NTestTable(manager, name, columns)
+    {
+    }
+
+    bool createTable()
+    {
+        const NFileFault fault(NFileFault::Write);
+        return NTestTable::createTable();
+    }
+};
+
 bool convertToTwo(NTestManager& manager)
 {
     return manager.execute("CREATE TABLE child2(id INTEGER PRIMARY KEY, note)") &&
            manager.execute("INSERT INTO child2 SELECT id, 'new ' || note FROM t") &&
            manager.execute("DROP TABLE t") && manager.execute("ALTER TABLE child2 RENAME TO t");
 }
+
+// What a conversion may do with its database; the first that goes wrong, or a null text.
+#define REQUIRE(condition) \
+    if (!(condition)) \
+    return text(#condition)
+
+QString useDatabase(NTestManager& manager)
+{
+    QSqlDatabase database = manager.database();
+    REQUIRE(database.isValid() && database.isOpen());
+    REQUIRE(database.databaseName() == manager.databaseFilePath());
+    REQUIRE(database.tables() == lines("t"));
+    REQUIRE(database.record(text("t")).count() == 2);
+    REQUIRE(database.primaryIndex(text("t")).fieldName(0) == text("id"));
+    REQUIRE(database.driver()->handle().isValid());
+    REQUIRE(database.driver()->escapeIdentifier(text("a b"), QSqlDriver::FieldName) == text("\"a b\""));
+    // The transaction is the manager's.
+    REQUIRE(!database.transaction() && database.lastError().isValid());
+
+    REQUIRE(database.exec(text("SELECT note FROM t")).next() && !database.lastError().isValid());
+    REQUIRE(!database.exec(text("SELECT")).isActive() && database.lastError().isValid());
+
+    QSqlQuery query(database);
+    REQUIRE(query.prepare(text("INSERT INTO t(note, id) VALUES(?, ?)")));
+    query.addBindValue(text("c"));
+    query.addBindValue(3);
+    REQUIRE(
+        query.exec() && query.lastInsertId().toInt() == 3 && query.numRowsAffected() == 1 && !query.isSelect());
+    query.bindValue(0, QVariant(QVariant::String));
+    query.bindValue(1, 4);
+    REQUIRE(query.exec());
+    REQUIRE(!query.exec() && query.lastError().text().contains(text("UNIQUE constraint failed: t.id")));
+    QVariantList ids;
+    QVariantList notes;
+    ids << 5 << 6;
+    notes << text("e") << text("f");
+    query.bindValue(0, notes);
+    query.bindValue(1, ids);
+    REQUIRE(query.execBatch());
+    query.prepare(text("INSERT INTO t(note, id) VALUES(?, ?)"));
+    query.addBindValue(7);
+    REQUIRE(!query.exec() && query.lastError().isValid());
+
+    REQUIRE(query.prepare(text("SELECT id, note FROM t WHERE id >= :from AND id <= :from + :count ORDER BY id")));
+    query.bindValue(text(":count"), 2);
+    query.bindValue(text(":from"), 2);
+    REQUIRE(query.exec() && query.isSelect() && query.record().fieldName(1) == text("note"));
+    QStringList found;
+    while (query.next())
+        found.append(query.isNull(1) ? text("null") : query.value(1).toString());
+    REQUIRE(found == lines("b\nc\nnull"));
+    REQUIRE(query.previous() && query.at() == 2);
+    REQUIRE(query.first() && query.value(0).toInt() == 2);
+    REQUIRE(query.seek(1) && query.value(1).toString() == text("c"));
+    REQUIRE(query.last() && query.value(0).toInt() == 4);
+    REQUIRE(!query.next() && !query.isValid());
+
+    QSqlQuery forward(database);
+    forward.setForwardOnly(true);
+    REQUIRE(forward.exec(text("SELECT * FROM t")) && forward.next() && forward.value(1).toString() == text("a"));
+    // A query that is finished, or gone, does not keep its table.
+    forward.finish();
+    query.clear();
+    REQUIRE(convertToTwo(manager));
+    return QString();
+}
+
+#undef REQUIRE
 
 } // namespace
 
@@ -123,6 +212,7 @@ private slots:
     void emptyFileIsInitialised();
     void currentDatabaseIsLeftAsItIs();
     void openingAgainLeavesNoRemarks();
+    void closedConnectionIsOpenedWhenItIsAskedFor();
     void foreignKeysAreEnforcedAfterEachOpening_data();
     void foreignKeysAreEnforcedAfterEachOpening();
     void pathThatIsNoFileIsRefused();
@@ -132,6 +222,10 @@ private slots:
     void failedConversionInitialises_data();
     void failedConversionInitialises();
     void conversionMayLeaveATransactionOpen();
+    void conversionUsesItsDatabaseLikeAnyOther();
+    void conversionMayUseTables();
+    void mistakesInAConversionInitialise_data();
+    void mistakesInAConversionInitialise();
     void newerDatabaseIsInitialised();
     void initialisationRemovesEverything();
     void failingTablesDoNotStopTheOthers();
@@ -153,6 +247,15 @@ private slots:
     void fullDiskKeepsWhatIsThere_data();
     void fullDiskKeepsWhatIsThere();
     void fullDiskRefusesRows();
+    void faultDuringAConversionIsNoRefusal_data();
+    void faultDuringAConversionIsNoRefusal();
+    void faultThatAConversionDoesNotReportKeepsTheVersion();
+    void faultThatAConversionOvercomesDoesNotCount();
+    void readerAtTheEndOfAConversionIsNoRefusal();
+    void faultDuringTheCreationOfATableKeepsWhatIsThere();
+    void unreadablePagesAreNoDamage();
+    void anySingleFailureKeepsOldOrNewData_data();
+    void anySingleFailureKeepsOldOrNewData();
 
     void brokenReferencesAreDeleted();
     void brokenReferencesOfSeveralColumnsAreDeleted();
@@ -163,6 +266,8 @@ private slots:
     void actionsOfForeignKeysAreTaken();
     void repairWorksOnNamesThatNeedQuotes();
     void repairFindsRowsWhoseRowidNameIsTaken();
+    void repairLeavesRowsAloneThatCannotBeNamed();
+    void repairEndsWhereTriggersOpposeIt();
 
     void killedConversionLeavesOldOrNewData();
     void damagedCopiesAlwaysEndWell();
@@ -172,6 +277,7 @@ private:
     QString makeDatabase(const char* statements, int version);
     QString makeVersionOne();
     QString mountSmallDisk(const char* size);
+    void openAndKeepVersionOne(NTestManager& manager);
 
     NTemporaryDirectory* m_directory;
     NMessageRecorder* m_recorder;
@@ -305,6 +411,14 @@ void tst_NAbstractSqliteDbManager::openingAgainLeavesNoRemarks()
     manager.closeDatabase();
 }
 
+void tst_NAbstractSqliteDbManager::closedConnectionIsOpenedWhenItIsAskedFor()
+{
+    NTestManager manager(makeVersionOne());
+    manager.openDatabase();
+    manager.database().close();
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("a\nb"));
+}
+
 void tst_NAbstractSqliteDbManager::foreignKeysAreEnforcedAfterEachOpening_data()
 {
     QTest::addColumn<int>("stored");
@@ -415,6 +529,104 @@ void tst_NAbstractSqliteDbManager::conversionMayLeaveATransactionOpen()
     QVERIFY(manager.execute("BEGIN"));
     manager.openDatabase();
     QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
+}
+
+// The hook's connection is the manager's, seen through a watch; that must not show.
+void tst_NAbstractSqliteDbManager::conversionUsesItsDatabaseLikeAnyOther()
+{
+    NTestManager plain(makeVersionOne());
+    plain.openDatabase();
+    QVERIFY(plain.execute("BEGIN"));
+    QCOMPARE(useDatabase(plain), QString());
+    plain.closeDatabase();
+
+    NTestManager manager(makeVersionOne(), 2);
+    QString wrong;
+    manager.setConversion([&](NTestManager& self) {
+        wrong = useDatabase(self);
+        return wrong.isEmpty();
+    });
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(wrong, QString());
+    QCOMPARE(messages, lines(Converted));
+    QCOMPARE(manager.rows("SELECT * FROM t"), lines("1|new a\n2|new b\n3|new c\n4|\n5|new e\n6|new f"));
+    QCOMPARE(manager.database().connectionName(), text("test connection"));
+    QCOMPARE(QSqlDatabase::connectionNames(), lines("test connection"));
+}
+
+void tst_NAbstractSqliteDbManager::conversionMayUseTables()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note)");
+    NTestTable added(&manager, "added", "(a)");
+    added.addTrigger("CREATE TRIGGER copied AFTER INSERT ON t BEGIN INSERT INTO added VALUES(new.note); END");
+    manager.addTable(&table);
+    manager.addTable(&added);
+    manager.setConversion([&](NTestManager&) {
+        QMap<QString, QVariant> values;
+        values.insert(text("note"), text("c"));
+        qlonglong rowid = 0;
+        return added.createTable() && added.createTriggers() && table.execInsertQuery(values, rowid) &&
+               rowid == 3 && table.execRowidDeleteQuery(1) &&
+               table.execSelectQuery(values, QStringList(), QList<QPair<QString, bool>>()).size() == 1;
+    });
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Converted));
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("b\nc"));
+    QCOMPARE(manager.rows("SELECT a FROM added"), lines("c"));
+}
+
+void tst_NAbstractSqliteDbManager::mistakesInAConversionInitialise_data()
+{
+    QTest::addColumn<QString>("mistake");
+    const char* const mistakes[] = {
+        "syntax",
+        "constraint",
+        "missing value",
+        "table in use",
+        "rows of an undone transaction",
+        "trigger that undoes all"};
+    for (const char* mistake : mistakes)
+        QTest::newRow(mistake) << text(mistake);
+}
+
+// What would fail again however often it is tried must not keep the database closed for ever.
+void tst_NAbstractSqliteDbManager::mistakesInAConversionInitialise()
+{
+    QFETCH(QString, mistake);
+    NTestManager manager(makeVersionOne(), 2);
+    NTestTable table(&manager, "fresh", "(a)");
+    manager.addTable(&table);
+    bool failed = false;
+    manager.setConversion([&](NTestManager& database) {
+        QSqlQuery query(database.database());
+        if (mistake == text("syntax")) {
+            failed = !query.exec(text("CREATE TABLES"));
+        } else if (mistake == text("constraint")) {
+            failed = !query.exec(text("INSERT INTO t(id) VALUES(1)"));
+        } else if (mistake == text("missing value")) {
+            query.prepare(text("INSERT INTO t VALUES(?, ?)"));
+            query.addBindValue(3);
+            failed = !query.exec();
+        } else if (mistake == text("table in use")) {
+            query.setForwardOnly(true);
+            failed = query.exec(text("SELECT * FROM t")) && query.next() && !database.execute("DROP TABLE t");
+        } else if (mistake == text("rows of an undone transaction")) {
+            query.setForwardOnly(true);
+            failed = database.execute("CREATE TABLE other(a)") && query.exec(text("SELECT * FROM t")) &&
+                     query.next() && database.execute("ROLLBACK") && !query.next();
+        } else {
+            failed = database.execute(
+                         "CREATE TRIGGER undo BEFORE DELETE ON t BEGIN SELECT raise(ROLLBACK, 'no'); END") &&
+                     !query.exec(text("DELETE FROM t"));
+        }
+        return false;
+    });
+    manager.openDatabase();
+    QVERIFY(failed);
+    QCOMPARE(m_recorder->take(), lines(Refused));
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
 }
 
 void tst_NAbstractSqliteDbManager::newerDatabaseIsInitialised()
@@ -770,6 +982,258 @@ void tst_NAbstractSqliteDbManager::fullDiskRefusesRows()
     NPrivateNamespace::unmount(QFileInfo(path).path());
 }
 
+// Opens a database of version 1 with the notes a and b, which cannot be done; once it can, nothing is lost.
+void tst_NAbstractSqliteDbManager::openAndKeepVersionOne(NTestManager& manager)
+{
+    const QString path = manager.databaseFilePath();
+    const QByteArray content = contentOf(path);
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    QCOMPARE(m_recorder->take(), lines(NotOpened));
+    OtherProcess reader(path);
+    QCOMPARE(
+        reader.execute(
+            "SELECT count(*), min(note), max(note) FROM t; PRAGMA user_version; PRAGMA integrity_check;"),
+        QByteArray("2|a|b\n1\nok\n"));
+    QCOMPARE(contentOf(path), content);
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+    manager.setConversion(convertToTwo);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Converted));
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
+}
+
+void tst_NAbstractSqliteDbManager::faultDuringAConversionIsNoRefusal_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("statement");
+    QTest::addColumn<QString>("afterwards");
+    const QString fill = text("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+                              "INSERT INTO big SELECT i, hex(randomblob(2000)) FROM n");
+    const QString none;
+    QTest::newRow("full disk") << text("full") << fill << none;
+    QTest::newRow("full disk, and other statements") << text("full") << fill << text("SELECT 1");
+    QTest::newRow("full disk, and a transaction of its own") << text("full") << fill << text("BEGIN");
+    QTest::newRow("full disk, and undone") << text("full") << fill << text("ROLLBACK");
+    // The statement is undone, and the transaction goes on.
+    const QString fillUnique = QString(fill).replace(text(" big "), text(" \"unique\" "));
+    QTest::newRow("full disk during a statement that can be undone") << text("full") << fillUnique << none;
+    QTest::newRow("refused write") << text("write") << fill << none;
+    QTest::newRow("refused write, and undone") << text("write") << fill << text("ROLLBACK");
+    QTest::newRow("other database locked") << text("lock") << text("SELECT * FROM other.o") << none;
+    QTest::newRow("other database missing")
+        << text("none") << text("ATTACH '/missing/missing.db' AS missing") << none;
+}
+
+void tst_NAbstractSqliteDbManager::faultDuringAConversionIsNoRefusal()
+{
+    QFETCH(QString, fault);
+    QFETCH(QString, statement);
+    QFETCH(QString, afterwards);
+    const QString path = mountSmallDisk("size=2m");
+    QVERIFY(QFile::copy(makeVersionOne(), path));
+    const QString otherPath = makeDatabase("CREATE TABLE o(a);", 0);
+    {
+        NTestManager manager(path, 2);
+        int failures = 0;
+        manager.setConversion([&](NTestManager& database) {
+            database.execute("PRAGMA cache_size=5");
+            database.execute("PRAGMA busy_timeout=0");
+            database.execute("CREATE TABLE big(i, note)");
+            database.execute("CREATE TABLE \"unique\"(i UNIQUE, note UNIQUE)");
+            const QByteArray attach = "ATTACH '" + otherPath.toUtf8() + "' AS other";
+            database.execute(attach.constData());
+            const QString filler = QFileInfo(path).path() + text("/filler");
+            if (fault == text("full"))
+                write(filler, QByteArray(1900 * 1024, 'x'));
+            const QScopedPointer<NFileFault> refusal(
+                fault == text("write") ? new NFileFault(NFileFault::Write) : NULL);
+            OtherProcess other(otherPath);
+            if (fault == text("lock"))
+                other.execute("BEGIN EXCLUSIVE;");
+            failures += !database.execute(statement.toUtf8().constData());
+            QFile::remove(filler);
+            if (!afterwards.isEmpty())
+                database.execute(afterwards.toUtf8().constData());
+            return false;
+        });
+        openAndKeepVersionOne(manager);
+        QCOMPARE(failures, 1);
+    }
+    NPrivateNamespace::unmount(QFileInfo(path).path());
+}
+
+void tst_NAbstractSqliteDbManager::faultThatAConversionDoesNotReportKeepsTheVersion()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    manager.setConversion([](NTestManager& database) {
+        const NFileFault fault(NFileFault::Write);
+        database.execute("PRAGMA cache_size=5");
+        database.execute(
+            "CREATE TABLE big AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i "
+            "< 200) SELECT hex(randomblob(2000)) FROM n");
+        return true;
+    });
+    openAndKeepVersionOne(manager);
+}
+
+void tst_NAbstractSqliteDbManager::faultThatAConversionOvercomesDoesNotCount()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    manager.setConversion([](NTestManager& database) {
+        return !database.execute("ATTACH '/missing/missing.db' AS missing") && convertToTwo(database);
+    });
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Converted));
+}
+
+void tst_NAbstractSqliteDbManager::readerAtTheEndOfAConversionIsNoRefusal()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    {
+        OtherProcess other(manager.databaseFilePath());
+        QCOMPARE(other.execute("BEGIN; SELECT count(*) FROM t;"), QByteArray("2\n"));
+        manager.setConversion([](NTestManager& database) {
+            return database.execute("PRAGMA busy_timeout=0") && convertToTwo(database);
+        });
+        manager.openDatabase();
+        QCOMPARE(m_recorder->take(), lines(NotOpened));
+        QVERIFY(!manager.database().isValid());
+        QCOMPARE(other.execute("SELECT note FROM t;"), QByteArray("a\nb\n"));
+    }
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Converted));
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
+}
+
+void tst_NAbstractSqliteDbManager::faultDuringTheCreationOfATableKeepsWhatIsThere()
+{
+    const QString path = makeDatabase("CREATE TABLE t(a); INSERT INTO t VALUES(1);", 3);
+    const QByteArray content = contentOf(path);
+    NTestManager manager(path, 2);
+    // More than what SQLite keeps in memory.
+    UnwritableTable big(
+        &manager, "big",
+        " AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+        "SELECT hex(randomblob(2000)) FROM n");
+    NTestTable after(&manager, "after", "(a)");
+    manager.addTable(&big);
+    manager.addTable(&after);
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 3);
+    QCOMPARE(messages.first() + QLatin1Char('\n'), text(Newer));
+    QVERIFY2(
+        messages.at(1).startsWith(text("critical: SQL error 10 (\"disk I/O error")), qPrintable(messages.at(1)));
+    QCOMPARE(messages.last() + QLatin1Char('\n'), text(NotOpened));
+    // SQLite may leave it to the next reader to undo what has been written.
+    OtherProcess reader(path);
+    QCOMPARE(
+        reader.execute("SELECT a FROM t; PRAGMA user_version; PRAGMA integrity_check;"), QByteArray("1\n3\nok\n"));
+    QCOMPARE(contentOf(path), content);
+}
+
+void tst_NAbstractSqliteDbManager::unreadablePagesAreNoDamage()
+{
+    // With overflow pages, free pages and an index.
+    const QString path = makeDatabase(
+        "PRAGMA page_size=512; CREATE TABLE t(id INTEGER PRIMARY KEY, note); CREATE INDEX i ON t(note);"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+        "INSERT INTO t SELECT i, 'note ' || i FROM n; INSERT INTO t VALUES(1000, zeroblob(3000));"
+        "DELETE FROM t WHERE id BETWEEN 20 AND 180;",
+        1);
+    const QByteArray content = contentOf(path);
+    int closed = 0;
+    for (int offset = 0; offset < content.size(); offset += 512) {
+        NTestManager manager(path);
+        const NFileFault fault(NFileFault::Read, offset);
+        manager.openDatabase();
+        // Nobody needs to read what is in a free page.
+        if (fault.count() > 0) {
+            QCOMPARE(m_recorder->take(), lines(NotOpened));
+            QVERIFY(!manager.database().isValid());
+            ++closed;
+        }
+        manager.closeDatabase();
+        QVERIFY(contentOf(path) == content);
+        QVERIFY(!QFile::exists(path + text(".damaged")));
+    }
+    QVERIFY(closed > 10);
+    NTestManager manager(path);
+    manager.openDatabase();
+    QCOMPARE(manager.rows("SELECT count(*) FROM t"), lines("40"));
+}
+
+void tst_NAbstractSqliteDbManager::anySingleFailureKeepsOldOrNewData_data()
+{
+    QTest::addColumn<int>("call");
+    QTest::addColumn<int>("stored");
+    const char* const names[] = {"read", "write", "synchronize", "remove"};
+    const NFileFault::Call calls[] = {
+        NFileFault::Read, NFileFault::Write, NFileFault::Synchronize, NFileFault::Remove};
+    for (int index = 0; index < 4; ++index) {
+        QTest::newRow((QByteArray(names[index]) + " while converting").constData()) << int(calls[index]) << 1;
+        QTest::newRow((QByteArray(names[index]) + " while initialising").constData()) << int(calls[index]) << 3;
+        QTest::newRow((QByteArray(names[index]) + " while repairing").constData()) << int(calls[index]) << 2;
+    }
+}
+
+// Each of the calls that an opening makes fails in turn, one in each opening.
+void tst_NAbstractSqliteDbManager::anySingleFailureKeepsOldOrNewData()
+{
+    QFETCH(int, call);
+    QFETCH(int, stored);
+    const QByteArray content = contentOf(makeDatabase(
+        "CREATE TABLE t(id INTEGER PRIMARY KEY, note, p REFERENCES t(id));"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100) "
+        "INSERT INTO t SELECT i, hex(randomblob(500)), NULL FROM n; UPDATE t SET p = 500 WHERE id = 100;",
+        stored));
+    const QString path = newPath();
+    const char* const state =
+        "SELECT count(*), count(p), sum(note = 'new'), (SELECT user_version FROM pragma_user_version) FROM t";
+    const QString oldData = text("100|1|0|%1").arg(stored);
+    const QString newData = text(stored == 1 ? "99|0|99|2" : stored == 2 ? "99|0|0|2" : "0|0||2");
+    // The repair is a transaction of its own.
+    const QString repaired = text("99|0|0|%1").arg(stored);
+    int failures = 0;
+    for (bool isOver = false; !isOver;) {
+        write(path, content);
+        NTestManager manager(path, 2);
+        NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note, p REFERENCES t(id))");
+        manager.addTable(&table);
+        manager.setConversion([](NTestManager& database) {
+            return database.execute("PRAGMA cache_size=5") && database.execute("UPDATE t SET note = 'new'") &&
+                   database.execute("CREATE INDEX i ON t(note)");
+        });
+        {
+            const QScopedPointer<NFileFault> fault(NFileFault::once(NFileFault::Call(call), failures));
+            manager.openDatabase();
+            isOver = fault->count() == 0;
+        }
+        ++failures;
+        const QStringList messages = m_recorder->take();
+        const QByteArray when = QByteArray::number(failures) + ": " + messages.join(text("\n")).toUtf8();
+        QVERIFY2(messages.filter(text("cannot be converted")).isEmpty(), when.constData());
+        QVERIFY2(messages.filter(text("integrity check")).isEmpty(), when.constData());
+        if (manager.database().isOpen()) {
+            QCOMPARE(manager.rows(state), QStringList(newData));
+        } else {
+            QVERIFY2((messages.last() + QLatin1Char('\n')) == text(NotOpened), when.constData());
+            OtherProcess reader(path);
+            const QString found =
+                QString::fromLatin1(reader.execute((QByteArray(state) + ';').constData())).trimmed();
+            QVERIFY2(found == oldData || found == repaired || found == newData, qPrintable(found));
+        }
+        manager.openDatabase();
+        QCOMPARE(manager.rows(state), QStringList(newData));
+        // What is given up anyway may be set aside.
+        QVERIFY(!QFile::remove(path + text(".damaged")) || stored == 3);
+        m_recorder->take();
+    }
+    QVERIFY(failures > 1);
+}
+
 void tst_NAbstractSqliteDbManager::brokenReferencesAreDeleted()
 {
     NTestManager manager(makeDatabase(
@@ -910,6 +1374,39 @@ void tst_NAbstractSqliteDbManager::repairFindsRowsWhoseRowidNameIsTaken()
     manager.openDatabase();
     QCOMPARE(m_recorder->take().filter(text("with value(5)")).size(), 1);
     QCOMPARE(manager.rows("SELECT p FROM child"), lines("1"));
+}
+
+// A condition on a column that took the last name of the rowid would delete rows that are right.
+void tst_NAbstractSqliteDbManager::repairLeavesRowsAloneThatCannotBeNamed()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); INSERT INTO parent VALUES(1);"
+        "CREATE TABLE child(rowid, oid, _ROWID_, p REFERENCES parent(id));"
+        "INSERT INTO child VALUES(2, 2, 2, 1), (1, 1, 1, 5);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(
+        m_recorder->take(),
+        lines("warning: Foreign key constraint error in database \"Test\" on child(p) referencing parent(id) with "
+              "value(). The reference will be deleted."));
+    QCOMPARE(manager.rows("SELECT p FROM child"), lines("1\n5"));
+}
+
+void tst_NAbstractSqliteDbManager::repairEndsWhereTriggersOpposeIt()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE kept(p REFERENCES parent(id)); INSERT INTO kept VALUES(1);"
+        "CREATE TRIGGER keep BEFORE DELETE ON kept BEGIN SELECT raise(ABORT, 'kept'); END;"
+        "CREATE TABLE again(id INTEGER PRIMARY KEY AUTOINCREMENT, p REFERENCES parent(id));"
+        "INSERT INTO again(p) VALUES(2);"
+        "CREATE TRIGGER again AFTER DELETE ON again BEGIN INSERT INTO again(p) VALUES(old.p); END;",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().size(), 2);
+    QCOMPARE(manager.rows("SELECT p FROM kept"), lines("1"));
+    QCOMPARE(manager.rows("SELECT p FROM again"), lines("2"));
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
 }
 
 void tst_NAbstractSqliteDbManager::killedConversionLeavesOldOrNewData()

@@ -326,7 +326,13 @@ void tst_NAbstractSQLiteDbTable::valuesComeBackAsTheyWere_data()
     QTest::newRow("date and time") << QVariant(time) << QVariant(text("2026-02-03T04:05:06.000"));
     QTest::newRow("date") << QVariant(time.date()) << QVariant(text("2026-02-03"));
     QTest::newRow("time") << QVariant(time.time()) << QVariant(text("04:05:06.000"));
+    QTest::newRow("infinity") << QVariant(std::numeric_limits<double>::infinity())
+                              << QVariant(std::numeric_limits<double>::infinity());
+    QTest::newRow("largest unsigned 64 bits")
+        << QVariant(std::numeric_limits<qulonglong>::max()) << QVariant(text("18446744073709551615"));
+    QTest::newRow("character") << QVariant(QChar(0xe9)) << QVariant(text("\xc3\xa9"));
     QTest::newRow("null") << null << null;
+    QTest::newRow("null of a type") << QVariant(QVariant::Int) << null;
 }
 
 void tst_NAbstractSQLiteDbTable::valuesComeBackAsTheyWere()
