@@ -92,10 +92,10 @@ list_utf8_files() {
 copy_texts() {
     [ -s "$work/files" ] || return 0
     list_utf8_files >"$work/utf8"
-    documents=$documents work=$work awk -F '\t' '
+    documents=$documents joined=$work/texts awk -F '\t' '
         BEGIN {
-            utf8 = ENVIRON["work"] "/texts-utf8"
-            latin1 = ENVIRON["work"] "/texts-latin1"
+            utf8 = ENVIRON["joined"] "-utf8"
+            latin1 = ENVIRON["joined"] "-latin1"
             printf "" >utf8
             printf "" >latin1
         }
@@ -110,7 +110,7 @@ copy_texts() {
                 exit 1
             close(original)
         }
-    ' "$work/utf8" "$work/files" || fail "a copyright file cannot be read"
+    ' "$work/utf8" "$work/files" || fail "the copyright files cannot be copied"
     to_latin1 "$work/texts-utf8" >>"$work/texts-latin1"
     cut -f 2 "$work/files" | (cd "$texts" && xargs mkdir --)
     (cd "$texts" && awk '

@@ -118,8 +118,8 @@ void makeMountPoint(const QByteArray& path, bool directory)
     ::close(file);
 }
 
-// Shows @a original under the name @a copy. In a directory that others use too, an entry that was listed a moment ago may
-// be gone; then nothing is shown.
+// Shows @a original under the name @a copy. In a directory that others use too, an entry that was listed a moment
+// ago may be gone; then nothing is shown.
 void showAt(const QByteArray& original, bool directory, const QByteArray& copy)
 {
     makeMountPoint(copy, directory);

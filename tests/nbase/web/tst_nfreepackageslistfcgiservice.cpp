@@ -70,6 +70,8 @@ private:
     int m_taken;
 };
 
+const int LongTextSize = 3000000;
+
 QString text(const char* latin1)
 {
     return QString::fromLatin1(latin1);
@@ -112,6 +114,7 @@ protected:
 
 private:
     void load(const QByteArray& records);
+    void loadLongText();
     QVariantMap reply();
 
     QScopedPointer<NTemporaryDirectory> m_folder;
@@ -136,6 +139,13 @@ void tst_NFreePackagesListFcgiService::load(const QByteArray& records)
 {
     m_folder->writeFile(text("manifest.csv"), Header + records);
     m_list.reset(new NFreePackagesList(NULL));
+}
+
+// A package whose document is far more than what is written at once.
+void tst_NFreePackagesListFcgiService::loadLongText()
+{
+    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(LongTextSize, 'x'));
+    load(record("p"));
 }
 
 NwaStandardFcgiService* tst_NFreePackagesListFcgiService::newService()
@@ -280,8 +290,7 @@ void tst_NFreePackagesListFcgiService::fileOutsideTheFolderIsNotServed()
 
 void tst_NFreePackagesListFcgiService::replyWaitsForASlowClient()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
+    loadLongText();
     Service service(identifier(), m_list.data(), NULL);
     SlowChannel channel;
     QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
@@ -298,25 +307,23 @@ void tst_NFreePackagesListFcgiService::replyWaitsForASlowClient()
     QVERIFY(channel.largestBacklog < 200000);
     QCOMPARE(channel.finishCount, 1);
     QVERIFY(channel.body().endsWith("\"version\":\"1.0\"}}"));
-    QVERIFY(channel.body().size() > 3000000);
+    QVERIFY(channel.body().size() > LongTextSize);
 }
 
 void tst_NFreePackagesListFcgiService::longReplyGivesOthersTheirTurn()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
+    loadLongText();
     Service service(identifier(), m_list.data(), NULL);
     NMemoryChannel channel;
     service.processRequest(new NwaFcgiRequest(&channel, variables("", "GET")));
     QCOMPARE(channel.finishCount, 0);
     NTRY_COMPARE(channel.finishCount, 1);
-    QVERIFY(channel.body().size() > 3000000);
+    QVERIFY(channel.body().size() > LongTextSize);
 }
 
 void tst_NFreePackagesListFcgiService::abortedReplyEnds()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
+    loadLongText();
     Service service(identifier(), m_list.data(), NULL);
     SlowChannel channel;
     QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
@@ -329,8 +336,7 @@ void tst_NFreePackagesListFcgiService::abortedReplyEnds()
 
 void tst_NFreePackagesListFcgiService::replyEndsWithItsProcessor()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
+    loadLongText();
     SlowChannel channel;
     QPointer<NwaFcgiRequest> request;
     {
