@@ -15,6 +15,7 @@ import unittest
 
 from demo_device import SECONDS_TO_WAIT, Client, Demo
 from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common import utils
 from selenium.webdriver.common.by import By
@@ -95,7 +96,9 @@ class Browser:
         return self.driver.execute_script(script, *arguments)
 
     def until(self, condition, what, seconds=SECONDS_TO_WAIT):
-        waiting = WebDriverWait(self.driver, seconds, poll_frequency=0.05)
+        # What is looked at may be replaced in the same moment.
+        waiting = WebDriverWait(self.driver, seconds, poll_frequency=0.05,
+                                ignored_exceptions=[StaleElementReferenceException])
         return waiting.until(lambda driver: condition(), "never came: " + what)
 
     def until_shown(self, selector):

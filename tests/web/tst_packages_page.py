@@ -333,6 +333,7 @@ class ManyPackagesTest(unittest.TestCase):
         self.browser.limit_download(8 * MEGABYTE)  # 25 seconds for all of it; 15 without anything are too many
         self.show_packages()
         self.browser.until_text(".loading-progress", "MB of licence texts")
+        self.assertEqual(self.browser.text("#views [aria-current]"), "Packages")
         self.browser.until(lambda: self.browser.shows(".packages"), "the list", seconds=120)
         self.assertEqual(self.browser.text(".package-count"), "2000 packages")
         self.assertFalse(self.browser.shows("#banner"))

@@ -95,6 +95,8 @@ async function showView({ focus = false } = {}) {
     return;
   }
   closeView();
+  if (!navigation.hidden)
+    showFrame(true);
   isOpening = true;
   const opening = openings;
   stopLoading = new AbortController();
