@@ -2,10 +2,12 @@
 # Starts and stops the demo device and its web server; run-demo.sh and the tests of the page call it.
 #
 #   demo-control.sh start --device <program> [--port <port>] [--state <path>] [--session-timeout <seconds>]
+#       [--packages <folder>]
 #   demo-control.sh stop | address | wait | run-directory [--state <path>]
 #   demo-control.sh check-port <port>
 #
-# start         returns once the page is served
+# start         returns once the page is served; the open-source packages are those of the machine, or those listed in
+#               a folder as make-packages.sh makes it
 # stop          ends everything and leaves nothing behind
 # address       prints where the running demo is served; fails when none runs
 # wait          returns when the demo has ended
@@ -22,6 +24,7 @@ device=
 port=8080
 state=$source_directory/../../build/demo/run
 session_timeout=
+packages=
 launcher=
 
 fail() {
@@ -175,12 +178,14 @@ prepare_zones() {
 
 # The packages that are installed on this machine, as if its system were the device's.
 prepare_packages() {
-    "$source_directory/make-packages.sh" "$run/packages"
+    [ -z "$packages" ] || return 0
+    packages=$run/packages
+    "$source_directory/make-packages.sh" "$packages"
 }
 
 start_device() {
     set -- "$device" --socket "$run/socket/device" ${session_timeout:+--session-timeout "$session_timeout"}
-    setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$run/packages" \
+    setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$packages" \
         "$run/device.process" "$@" \
         </dev/null >"$run/device.log" 2>&1 &
     launcher=$!
@@ -231,6 +236,10 @@ address() {
 start() {
     [ -x "$device" ] || fail "The device program \"$device\" has not been built."
     device=$(cd "$(dirname "$device")" && pwd)/$(basename "$device")
+    if [ -n "$packages" ]; then
+        [ -f "$packages/manifest.csv" ] || fail "The folder \"$packages\" has no manifest.csv."
+        packages=$(cd "$packages" && pwd)
+    fi
     if is_running; then
         echo "The demo is already running."
         address
@@ -310,6 +319,7 @@ while [ $# -gt 0 ]; do
         --port) port=$2 ;;
         --state) state=$2 ;;
         --session-timeout) session_timeout=$2 ;;
+        --packages) packages=$2 ;;
         *) fail "demo-control.sh: unknown option \"$1\"" ;;
     esac
     shift 2

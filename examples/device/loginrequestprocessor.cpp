@@ -25,15 +25,6 @@ bool readCredentials(const QVariant& document, QString& user, QString& password)
 
 } // namespace
 
-LoginRequestProcessor::LoginRequestProcessor(
-    NwaCookieFcgiSessionIdentifier* identifier, NwaWebSessionManager* sessions)
-    : NwaStandardFcgiRequestProcessor(identifier)
-    , m_identifier(identifier)
-    , m_sessions(sessions)
-{
-    setServedMethods(PostMethod);
-}
-
 void LoginRequestProcessor::processPostMethod(NwaFcgiRequest* request)
 {
     bool ok = false;
@@ -51,9 +42,8 @@ void LoginRequestProcessor::processPostMethod(NwaFcgiRequest* request)
         return;
     }
     // A session from before the login ends: nobody who has learnt its identifier comes in with this user.
-    if (NwaWebSession* const former = m_identifier->identifySession(request, true))
-        m_sessions->removeSession(former->id());
-    NwaWebSession* const session = m_sessions->createSession();
+    endSessionOf(request);
+    NwaWebSession* const session = sessions()->createSession();
     if (!session) {
         request->sendHttpError(NwaFcgiRequest::ServiceUnavailable);
         delete request;
@@ -61,7 +51,7 @@ void LoginRequestProcessor::processPostMethod(NwaFcgiRequest* request)
     }
     session->setUserName(user);
     NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
-    m_identifier->addSessionCookie(request, session, header);
+    identifier()->addSessionCookie(request, session, header);
     QVariantMap reply;
     reply.insert(QString::fromLatin1("user"), user);
     const QByteArray text = NwaJson::serialize(reply);

@@ -1,107 +1,189 @@
 #!/bin/sh
 # Makes the list of open-source packages as the build of a root file system leaves it, from the Debian packages that are
-# installed on this machine and their copyright files:
+# installed on this machine, or in the root file system below a folder, and their copyright files:
 #
 #     <target directory>/manifest.csv                                the list
 #     <target directory>/licenses/<package>-<version>/copyright      the licence text of each package
 #
-#     make-packages.sh <target directory>
+#     make-packages.sh [--root <root directory>] <target directory>
 #
-# The licences are those that a copyright file in the machine-readable form names
-# (https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/); other packages have none in the list. Everything
-# is read by a few processes for all packages together, because one for each would take minutes.
+# The licences are those that a copyright file names in the lines of the machine-readable form
+# (https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/); packages without any have none in the list. List and
+# texts become Latin-1, which is what the device takes them for: UTF-8 is converted, with something similar or a question
+# mark for what Latin-1 does not have. A package whose copyright file is missing, is no regular file or lies outside the
+# root has no licence text. A list that was there before is replaced when the new one is complete.
+#
+# Everything is read by a few processes for all packages together, because one for each would take minutes.
 set -eu
 LC_ALL=C
 export LC_ALL
 
 fail() {
-    echo "make-packages.sh: $*" >&2
+    printf 'make-packages.sh: %s\n' "$*" >&2
     exit 1
 }
 
-[ $# -eq 1 ] || fail "usage: make-packages.sh <target directory>"
+root=
+if [ "${1:-}" = --root ] && [ $# -eq 3 ]; then
+    root=$(cd "$2" 2>/dev/null && pwd -P) || fail "there is no folder \"$2\""
+    root=${root%/}
+    shift 2
+fi
+[ $# -eq 1 ] || fail "usage: make-packages.sh [--root <root directory>] <target directory>"
 command -v dpkg-query >/dev/null || fail "there is no dpkg-query; the packages are those of a Debian system"
 
 umask 022
 mkdir -p "$1"
 target=$(cd "$1" && pwd)
-work=$(mktemp -d "$target/.make-packages.XXXXXX")
+work=$(mktemp -d "$target/.make-packages.XXXXXX") || fail "\"$target\" cannot be written"
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
 
-# Package, version, source package, its version and home page of whatever is installed, separated by tabulators.
-# shellcheck disable=SC2016
-dpkg-query -W -f '${db:Status-Status}\t${Package}\t${Version}\t${source:Package}\t${source:Version}\t${Homepage}\n' |
-    sed -n 's/^installed\t//p' | sort -u -t "$(printf '\t')" -k 1,1 >"$work/packages"
-[ -s "$work/packages" ] || fail "dpkg-query knows of no installed package"
+documents=$root/usr/share/doc
+texts=$work/licenses
+mkdir "$texts"
 
-# File names of the copyright files, in the order of the packages.
-cut -f 1 "$work/packages" | sed 's|.*|/usr/share/doc/&/copyright|' >"$work/all-files"
-while read -r file; do
-    [ ! -f "$file" ] || [ ! -r "$file" ] || echo "$file"
-done <"$work/all-files" >"$work/files"
+to_latin1() {
+    iconv -f UTF-8 -t LATIN1//TRANSLIT "$1"
+}
 
-# Package and a licence that its copyright file names, once each, in the order of the file.
-if [ -s "$work/files" ]; then
+# list_packages: package, version, source package, its version and home page of whatever is installed, separated by
+# tabulators.
+list_packages() {
     # shellcheck disable=SC2016
-    xargs awk '
-        FNR == 1 {
-            package = FILENAME
-            sub("^/usr/share/doc/", "", package)
-            sub("/copyright$", "", package)
+    dpkg-query --admindir="$root/var/lib/dpkg" -W \
+        -f '${db:Status-Status}\t${Package}\t${Version}\t${source:Package}\t${source:Version}\t${Homepage}\n' \
+        >"$work/known" || fail "dpkg-query cannot tell the packages"
+    to_latin1 "$work/known" >"$work/known-latin1" || fail "what dpkg-query tells is no UTF-8"
+    sed -n 's/^installed\t//p' "$work/known-latin1" | sort -u -t "$(printf '\t')" -k 1,1 >"$work/packages"
+    [ -s "$work/packages" ] || fail "dpkg-query knows of no installed package"
+    # dpkg lets a version pass that could not be part of a file name.
+    awk -F '\t' '($1 "-" $2) !~ /^[A-Za-z0-9._+:~-]+$/ { print $1 "\" \"" $2; exit }' "$work/packages" >"$work/odd"
+    [ ! -s "$work/odd" ] || fail "no folder can be named after the package \"$(cat "$work/odd")\""
+}
+
+is_inside_root() {
+    [ -n "$root" ] || return 0
+    case $(realpath -- "$1") in
+        "$root"/*) ;;
+        *) return 1 ;;
+    esac
+}
+
+# The packages with a copyright file, and the folder of its text.
+list_copyright_files() {
+    while IFS='	' read -r package version _; do
+        file=$documents/$package/copyright
+        if [ -f "$file" ] && [ -r "$file" ] && is_inside_root "$file"; then
+            printf '%s\t%s\n' "$package" "$package-$version"
+        fi
+    done <"$work/packages" >"$work/files"
+}
+
+# The packages whose copyright file is UTF-8; any other is Latin-1. grep's result is no help here: it tells what was found,
+# and a file that cannot be read fails to be copied.
+list_utf8_files() {
+    cut -f 1 "$work/files" | sed 's|$|/copyright|' |
+        (cd "$documents" && LC_ALL=C.UTF-8 xargs grep -L -a -x -v '.*' --) | sed 's|/copyright$||'
+}
+
+# All texts are put one behind the other, each with a line "F<folder>" before it and a blank before each of its own lines,
+# so that they can be converted at once; and are taken apart again.
+copy_texts() {
+    [ -s "$work/files" ] || return 0
+    list_utf8_files >"$work/utf8"
+    documents=$documents joined=$work/texts awk -F '\t' '
+        BEGIN {
+            utf8 = ENVIRON["joined"] "-utf8"
+            latin1 = ENVIRON["joined"] "-latin1"
+            printf "" >utf8
+            printf "" >latin1
         }
-        tolower($1) == "license:" {
+        FILENAME ~ /utf8$/ { isUtf8[$1] = 1; next }
+        {
+            original = ENVIRON["documents"] "/" $1 "/copyright"
+            copy = $1 in isUtf8 ? utf8 : latin1
+            print "F" $2 >copy
+            while ((result = (getline line <original)) > 0)
+                print " " line >copy
+            if (result < 0)
+                exit 1
+            close(original)
+        }
+    ' "$work/utf8" "$work/files" || fail "the copyright files cannot be copied"
+    to_latin1 "$work/texts-utf8" >>"$work/texts-latin1"
+    cut -f 2 "$work/files" | (cd "$texts" && xargs mkdir --)
+    (cd "$texts" && awk '
+        /^F/ {
+            if (copy != "" && close(copy) != 0)
+                exit 1
+            copy = substr($0, 2) "/copyright"
+            printf "" >copy
+            next
+        }
+        { print substr($0, 2) >copy }
+    ' "$work/texts-latin1")
+}
+
+# Folder and a licence that the text in it names, once each, in the order of the text.
+list_licenses() {
+    [ -s "$work/files" ] || return 0
+    # shellcheck disable=SC2016
+    cut -f 2 "$work/files" | sed 's|$|/copyright|' | (cd "$texts" && xargs awk '
+        FNR == 1 {
+            folder = FILENAME
+            sub("/copyright$", "", folder)
+        }
+        tolower($0) ~ /^license:/ {
             sub(/^[^:]*:[ \t]*/, "")
             gsub(/[",\t\r]/, " ")
             gsub(/ +/, " ")
+            sub(/^ /, "")
             sub(/ $/, "")
-            if ($0 != "" && !((package, $0) in seen)) {
-                seen[package, $0] = 1
-                print package "\t" $0
+            if ($0 != "" && !((folder, $0) in seen)) {
+                seen[folder, $0] = 1
+                print folder "\t" $0
             }
         }
-    ' <"$work/files" >"$work/licenses"
-else
-    : >"$work/licenses"
-fi
+    ')
+}
 
-mkdir "$work/new" "$work/new/licenses"
-sed 's|^/usr/share/doc/||; s|/copyright$||' "$work/files" >"$work/with-file"
-
-# The manifest, and beside it what is to be copied where.
-awk -F '\t' -v folders="$work/folders" -v copies="$work/copies" '
-    function field(text) {
-        gsub(/"/, "\x27", text)
-        return "\"" text "\""
-    }
-    FILENAME ~ /licenses$/ { licenses[$1] = licenses[$1] == "" ? $2 : licenses[$1] ", " $2; next }
-    FILENAME ~ /with-file$/ { hasFile[$1] = 1; next }
-    FNR == 1 {
-        print "\"PACKAGE\",\"VERSION\",\"LICENSE\",\"LICENSE FILES\",\"SOURCE ARCHIVE\",\"SOURCE SITE\""
-    }
-    {
-        if ($1 in hasFile) {
-            print $1 "-" $2 >folders
-            print "/usr/share/doc/" $1 "/copyright\t" $1 "-" $2 "/copyright" >copies
+write_manifest() {
+    awk -F '\t' '
+        function field(text) {
+            gsub(/"/, "\x27", text)
+            return "\"" text "\""
         }
-        print field($1) "," field($2) "," field(licenses[$1]) "," field($1 in hasFile ? "copyright" : "") "," \
-            field($3 "_" $4) "," field($5)
-    }
-' "$work/licenses" "$work/with-file" "$work/packages" >"$work/new/manifest.csv"
-
-if [ -s "$work/files" ]; then
-    (cd "$work/new/licenses" && xargs mkdir -- <"$work/folders")
-    (cd "$work/new/licenses" && awk -F '\t' '
+        BEGIN {
+            print "\"PACKAGE\",\"VERSION\",\"LICENSE\",\"LICENSE FILES\",\"SOURCE ARCHIVE\",\"SOURCE SITE\""
+        }
+        FILENAME ~ /licenses-named$/ { licenses[$1] = licenses[$1] == "" ? $2 : licenses[$1] ", " $2; next }
+        FILENAME ~ /files$/ { hasFile[$2] = 1; next }
         {
-            printf "" >$2
-            while ((getline line <$1) > 0)
-                print line >$2
-            close($1)
-            close($2)
+            folder = $1 "-" $2
+            print field($1) "," field($2) "," field(licenses[folder]) "," \
+                field(folder in hasFile ? "copyright" : "") "," field($3 "_" $4) "," field($5)
         }
-    ' "$work/copies")
-fi
+    ' "$work/licenses-named" "$work/files" "$work/packages" >"$work/manifest.csv"
+}
 
-rm -rf "$target/licenses"
-mv "$work/new/licenses" "$target/licenses"
-mv "$work/new/manifest.csv" "$target/manifest.csv"
+put_in_place() {
+    [ ! -e "$target/licenses" ] || mv -T -- "$target/licenses" "$work/old-licenses" || return 1
+    mv -T -- "$texts" "$target/licenses" && mv -T -- "$work/manifest.csv" "$target/manifest.csv"
+}
+
+take_back() {
+    [ ! -e "$work/old-licenses" ] || { rm -rf "$target/licenses" && mv -T -- "$work/old-licenses" "$target/licenses"; }
+}
+
+list_packages
+list_copyright_files
+copy_texts
+list_licenses >"$work/licenses-named"
+write_manifest
+# List and texts belong together, so nothing comes between the two.
+trap '' HUP INT TERM
+put_in_place || {
+    take_back
+    fail "\"$target\" cannot be written"
+}

@@ -15,6 +15,7 @@ import unittest
 
 from demo_device import SECONDS_TO_WAIT, Client, Demo
 from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common import utils
 from selenium.webdriver.common.by import By
@@ -94,8 +95,10 @@ class Browser:
     def run(self, script, *arguments):
         return self.driver.execute_script(script, *arguments)
 
-    def until(self, condition, what):
-        waiting = WebDriverWait(self.driver, SECONDS_TO_WAIT, poll_frequency=0.05)
+    def until(self, condition, what, seconds=SECONDS_TO_WAIT):
+        # What is looked at may be replaced in the same moment.
+        waiting = WebDriverWait(self.driver, seconds, poll_frequency=0.05,
+                                ignored_exceptions=[StaleElementReferenceException])
         return waiting.until(lambda driver: condition(), "never came: " + what)
 
     def until_shown(self, selector):
@@ -121,11 +124,20 @@ class Browser:
         self.press_tab_until("#login-user")
         self.press(user, Keys.TAB, password, Keys.ENTER)
 
-    def requested_addresses(self):
+    def network_events(self, name):
+        """What the browser has noted under this name since it was last asked for anything."""
         for entry in self.driver.get_log("performance"):
             message = json.loads(entry["message"])["message"]
-            if message["method"] == "Network.requestWillBeSent":
-                yield message["params"]["request"]["url"]
+            if message["method"] == "Network." + name:
+                yield message["params"]
+
+    def requested_addresses(self):
+        return (event["request"]["url"] for event in self.network_events("requestWillBeSent"))
+
+    def limit_download(self, bytes_per_second):
+        """-1 is without a limit."""
+        self.driver.execute_cdp_cmd("Network.emulateNetworkConditions", {
+            "offline": False, "latency": 0, "downloadThroughput": bytes_per_second, "uploadThroughput": -1})
 
     def screenshot(self, path):
         picture = self.driver.execute_cdp_cmd("Page.captureScreenshot", {"format": "png"})["data"]

@@ -1,7 +1,12 @@
 #!/usr/bin/python3
 """The packages on the page of the demo device, in a real browser: those that are installed on this machine."""
 
+import glob
 import json
+import os
+import signal
+import sys
+import tempfile
 import unittest
 
 from demo_device import Client, Demo, output_of
@@ -50,8 +55,14 @@ class PackagesPageTest(unittest.TestCase):
                     if status == "installed"}
         self.assertEqual(set(self.packages), set(versions))
         self.assertEqual(self.packages["dpkg"]["version"], versions["dpkg"])
-        with open("/usr/share/doc/dpkg/copyright", encoding="latin-1") as file:
-            self.assertEqual(self.packages["dpkg"]["licenseFiles"], {"copyright": file.read()})
+        with open("/usr/share/doc/dpkg/copyright", encoding="utf-8") as file:
+            lines = file.read().splitlines()
+        shown = self.packages["dpkg"]["licenseFiles"]["copyright"].splitlines()
+        self.assertEqual(len(shown), len(lines))
+        # Latin-1 has no letter for some names.
+        for line, shown_line in zip(lines, shown):
+            if not any(letter > "\xff" for letter in line):
+                self.assertEqual(shown_line, line)
 
     def test_every_package_is_a_row(self):
         self.open_packages()
@@ -127,7 +138,8 @@ class PackagesPageTest(unittest.TestCase):
                              "data:text/html,x", "file:///etc/passwd", "git://a.example/", "no address", ""];
               const packages = Object.fromEntries(sites.map((sourceSite, index) => [`p${index}`,
                 { version: "1", licenses: ["<b>MIT</b>"], licenseFiles: {}, sourceSite, sourceArchive: "<i>" }]));
-              const view = await packagesView.open(container, { get: async () => packages });
+              const client = { async *members() { yield* Object.entries(packages); } };
+              const view = await packagesView.open(container, client, { tell() {} });
               done(sites.map((site, index) => {
                 view.show(`p${index}`);
                 return container.querySelector(".package-details a")?.getAttribute("href") ?? null;
@@ -157,13 +169,220 @@ class PackagesPageTest(unittest.TestCase):
               const container = document.querySelector(".view");
               const packages = Object.fromEntries(Array.from({ length: 5000 }, (_, index) => [`package-${index}`,
                 { version: "1", licenses: ["MIT"], licenseFiles: {}, sourceSite: "", sourceArchive: "" }]));
-              await packagesView.open(container, { get: async () => packages });
+              const client = { async *members() { yield* Object.entries(packages); } };
+              await packagesView.open(container, client, { tell() {} });
               const input = container.querySelector("#package-search");
               input.value = "499";
               input.dispatchEvent(new Event("input"));
               done(container.querySelector(".package-count").textContent);
             })""")
         self.assertEqual(found, "15 of 5000 packages")
+
+    def test_a_document_is_taken_apart_as_it_comes_in(self):
+        documents = ["{}", " { } ", '{"a":{}}', '{"a":{"b":[1,{"c":"]}"}]},"d":"x,y"}\n', r'{"q\"\\":"\\","\u007b":"\\\""}',
+                     '{"\u00e9":{"\u6f22":"\U0001f600"},"__proto__":{"a":1},"7":[],"n":null,"t":true,"f":-1.5e3}']
+        self.open_packages()
+        for document in documents:
+            with self.subTest(document):
+                self.assertEqual(self.members_in_pieces(document), [json.loads(document)] * (len(document.encode("utf-16-le")) // 2 + 1))
+
+    def test_what_is_no_document_is_refused_wherever_it_is_cut(self):
+        self.open_packages()
+        for text in ("", " ", "[]", "1", '"a"', "{", '{"a":{}', '{"a":{}]', '{"a":[}', '{"a":}', '{"a":1,}', "{,}", '{"a"}',
+                     '{"a":1 "b":2}', '{"a":1}}', '{"a":1}{"b":2}', 'x{"a":1}', '{"a":1}x', '{"a":"}', '{"a":1,,"b":2}'):
+            with self.subTest(text):
+                self.assertEqual(self.members_in_pieces(text), ["refused"] * (len(text) + 1))
+
+    def members_in_pieces(self, text):
+        """What the page's reader makes of the text for each place where it may be cut in two."""
+        return json.loads(self.browser.driver.execute_async_script("""
+            const [text, done] = arguments;
+            import("/scripts/json-members.js").then(({ JsonMembers }) => {
+              const membersOf = (pieces) => {
+                try {
+                  const reader = new JsonMembers();
+                  const members = pieces.flatMap((piece) => Array.from(reader.read(piece)));
+                  reader.end();
+                  return Object.fromEntries(members);
+                } catch {
+                  return "refused";
+                }
+              };
+              done(JSON.stringify(Array.from({ length: text.length + 1 },
+                (_, place) => membersOf([text.slice(0, place), text.slice(place)]))));
+            })""", text))
+
+
+MEGABYTE = 1000 * 1000
+
+
+class ManyPackages:
+    """The list of a firmware with 2,000 packages and 200 MB of licence texts."""
+
+    COUNT = 2000
+    TEXT_SIZE = 100 * 1000
+
+    def __init__(self):
+        self.folder = tempfile.TemporaryDirectory(prefix="nbase-packages-")
+        lines = ['"PACKAGE","VERSION","LICENSE","LICENSE FILES","SOURCE ARCHIVE","SOURCE SITE"']
+        common = self.path("text")
+        with open(common, "wb") as file:
+            file.write((b"Everybody may do \"anything\" \\ with it, \xa9 nobody.\n" * self.TEXT_SIZE)[:self.TEXT_SIZE])
+        for index in range(self.COUNT):
+            name = self.name(index)
+            os.makedirs(self.path("licenses", f"{name}-1.{index}"))
+            os.link(common, self.path("licenses", f"{name}-1.{index}", "COPYING"))
+            lines.append(f'"{name}","1.{index}","MIT, GPL-2.0","COPYING","{name}.tar.gz","https://example.org/{name}"')
+        # What is shown is told from the others.
+        for index in (0, self.COUNT - 1):
+            path = self.path("licenses", f"{self.name(index)}-1.{index}", "COPYING")
+            os.unlink(path)
+            with open(path, "wb") as file:
+                file.write(self.text(index).encode("latin-1"))
+        with open(self.path("manifest.csv"), "w", encoding="latin-1") as file:
+            file.write("\n".join(lines) + "\n")
+
+    def path(self, *names):
+        return os.path.join(self.folder.name, *names)
+
+    def name(self, index):
+        return f"package-{index:04}"
+
+    def text(self, index):
+        return (f"{self.name(index)} is \xa9 by \"somebody\" \\\n" * self.TEXT_SIZE)[:self.TEXT_SIZE]
+
+
+def child_processes(parent):
+    for path in glob.glob(f"/proc/{parent}/task/*/children"):
+        with open(path, encoding="ascii") as file:
+            for child in file.read().split():
+                yield child
+                yield from child_processes(child)
+
+
+def memory_of_pages(browser):
+    """The most memory, in bytes, that any process of the browser with a page in it has had."""
+    most = 0
+    for process in child_processes(browser.driver.service.process.pid):
+        with open(f"/proc/{process}/cmdline", "rb") as file:
+            is_page = b"--type=renderer" in file.read()
+        with open(f"/proc/{process}/status", encoding="ascii", errors="replace") as file:
+            peaks = [int(line.split()[1]) * 1024 for line in file if line.startswith("VmHWM:")]
+        most = max([most] + peaks) if is_page else most
+    assert most > 0, "no page of this browser has been found"
+    return most
+
+
+class ManyPackagesTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.packages = ManyPackages()
+        cls.addClassCleanup(cls.packages.folder.cleanup)
+
+    def setUp(self):
+        self.demo = Demo()
+        self.addCleanup(self.demo.remove)
+        self.demo.start("--packages", self.packages.folder.name)
+        self.browser = Browser()
+        self.addCleanup(self.browser.quit)
+        self.browser.open(self.demo.address)
+        self.browser.log_in()
+        self.browser.until_shown(".time-zones")
+
+    def show_packages(self):
+        self.browser.find_all("#views a")[-1].click()
+
+    def show_package(self, index):
+        self.browser.run("location.hash = arguments[0]", "#packages/" + self.packages.name(index))
+        self.browser.until_shown(".package-details")
+
+    def show_text(self, index):
+        self.show_package(index)
+        self.browser.find(".package-text summary").click()
+        self.browser.until_shown(".package-text pre")
+        return self.browser.find(".package-text pre").get_property("textContent")
+
+    def document_requests(self):
+        return [address for address in self.browser.requested_addresses() if address.endswith("/api/packages")]
+
+    def until_document_is_given_up(self):
+        self.browser.until(lambda: any(event.get("canceled") for event in self.browser.network_events("loadingFailed")),
+                           "the end of the download")
+
+    def test_list_and_texts_are_shown_without_being_kept(self):
+        before = memory_of_pages(self.browser)
+        self.show_packages()
+        self.browser.until_shown(".packages")
+        self.assertEqual(self.browser.text(".package-count"), "2000 packages")
+        self.assertEqual(len(self.document_requests()), 1)
+        last = self.packages.COUNT - 1
+        self.assertEqual(self.show_text(last), self.packages.text(last))
+        self.assertEqual(len(self.document_requests()), 1)
+        self.assertEqual(self.show_text(0), self.packages.text(0))
+        self.assertEqual(self.document_requests(), [])
+        # What is left over while reading is the browser's to clear away when it likes; a page with the whole document in
+        # it at once takes 700 MB more.
+        growth = memory_of_pages(self.browser) - before
+        self.browser.driver.execute_cdp_cmd("HeapProfiler.collectGarbage", {})
+        kept = self.browser.run("return performance.memory.usedJSHeapSize")
+        print(f"the page grew by {growth // MEGABYTE} MB and keeps {kept // MEGABYTE} MB", file=sys.stderr)
+        self.assertLess(kept, 50 * MEGABYTE)
+        self.assertLess(growth, 550 * MEGABYTE)
+
+    def test_a_slow_connection_is_waited_for_as_long_as_something_comes(self):
+        self.browser.limit_download(8 * MEGABYTE)  # 25 seconds for all of it; 15 without anything are too many
+        self.show_packages()
+        self.browser.until_text(".loading-progress", "MB of licence texts")
+        self.assertEqual(self.browser.text("#views [aria-current]"), "Packages")
+        self.browser.until(lambda: self.browser.shows(".packages"), "the list", seconds=120)
+        self.assertEqual(self.browser.text(".package-count"), "2000 packages")
+        self.assertFalse(self.browser.shows("#banner"))
+        # A text that nobody waits for any more is not read to its end.
+        self.show_package(self.packages.COUNT - 1)
+        self.browser.find(".package-text summary").click()
+        self.browser.until_text(".package-text", "Reading the text from the device")
+        self.browser.find(".package-text summary").click()
+        self.until_document_is_given_up()
+        self.assertFalse(self.browser.shows("#banner"))
+
+    def test_a_list_that_is_left_is_not_loaded_to_its_end(self):
+        self.browser.limit_download(8 * MEGABYTE)
+        self.show_packages()
+        self.browser.until_text(".loading-progress", "MB of licence texts")
+        self.browser.find("#views a").click()
+        self.until_document_is_given_up()
+        self.browser.limit_download(-1)
+        self.browser.until_shown(".time-zones")
+        self.assertFalse(self.browser.shows("#banner"))
+
+    def test_a_device_that_stops_in_the_middle_of_the_list_is_told(self):
+        self.browser.limit_download(8 * MEGABYTE)
+        self.show_packages()
+        self.browser.until_text(".loading-progress", "MB of licence texts")
+        os.kill(self.demo.process("device"), signal.SIGSTOP)
+        self.addCleanup(os.kill, self.demo.process("device"), signal.SIGCONT)
+        self.browser.until_text(".notice", "Packages cannot be shown. The device cannot be reached: it does not answer.")
+
+    def test_a_device_that_dies_in_the_middle_of_the_list_is_told(self):
+        self.browser.limit_download(8 * MEGABYTE)
+        self.show_packages()
+        self.browser.until_text(".loading-progress", "MB of licence texts")
+        os.kill(self.demo.process("device"), signal.SIGKILL)
+        self.browser.until_text(".notice", "Packages cannot be shown. The device cannot be reached")
+
+    def test_a_text_that_cannot_be_read_is_told_and_can_be_asked_for_again(self):
+        self.show_packages()
+        self.browser.until_shown(".packages")
+        last = self.packages.COUNT - 1
+        self.show_package(last)
+        device = self.demo.process("device")
+        os.kill(device, signal.SIGSTOP)
+        self.browser.find(".package-text summary").click()
+        self.browser.until_text(".package-text", "The device cannot be reached")
+        os.kill(device, signal.SIGCONT)
+        self.browser.find(".package-text summary").click()
+        self.browser.find(".package-text summary").click()
+        self.browser.until_shown(".package-text pre")
 
 
 if __name__ == "__main__":

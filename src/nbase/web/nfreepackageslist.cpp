@@ -94,6 +94,11 @@ QHash<QString, NFreePackage*> NFreePackagesList::loadFreePackages()
     }
     while (!file.atEnd()) {
         const QString line = readLine(file);
+        // Of a file that cannot be read further, the end is never reached.
+        if (file.error() != QFile::NoError) {
+            qWarning("Cannot read the free packages' manifest file to its end");
+            return packages;
+        }
         if (line.isEmpty())
             continue;
         const QStringList fields = fieldsOf(line);

@@ -36,7 +36,8 @@ public:
 
     /**
      * Makes the packages of the manifest. Of lines with the same package name the last one counts. A line that
-     * cannot be read is left out, with a warning; whether a licence file exists is not looked at.
+     * cannot be read is left out, with a warning; whether a licence file exists is not looked at. Where the file
+     * itself cannot be read further, the list ends, with a warning.
      * @return the packages by name, which belong to the caller; none, with a warning, when the manifest cannot be
      * opened or begins with another header.
      */

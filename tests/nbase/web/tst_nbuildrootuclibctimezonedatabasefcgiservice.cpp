@@ -3,14 +3,10 @@
 
 #include <nbase/time/nbuildrootuclibctimezonedatabase.h>
 
-#include <nwebapi/nwaabstractfcgisessionidentifier.h>
-#include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwajson.h>
-#include <nwebapi/nwawebsession.h>
-#include <nwebapi/nwawebsessionmanager.h>
 
-#include "nwebapi/nmemorychannel.h"
 #include "support/nprivatenamespace.h"
+#include "support/nservicetest.h"
 #include "support/ntemporarydirectory.h"
 
 #include <QtTest/QtTest>
@@ -22,43 +18,12 @@ namespace {
 typedef NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor Processor;
 typedef NBuildrootUclibcTimeZoneDatabaseFcgiService Service;
 
-// Finds the one session that it was made with, or none.
-class FixedSession : public NwaAbstractFcgiSessionIdentifier
+class RefusingProcessor : public NRefusingProcessor<Processor>
 {
 public:
-    explicit FixedSession(NwaWebSession* session)
-        : session(session)
-        , wasPassive(false)
-    {
-    }
+    using NRefusingProcessor<Processor>::NRefusingProcessor;
 
-    virtual NwaWebSession* identifySession(NwaFcgiRequest*, bool passive)
-    {
-        wasPassive = wasPassive || passive;
-        return session;
-    }
-
-    NwaWebSession* session;
-    bool wasPassive;
-};
-
-class RefusingProcessor : public Processor
-{
-public:
-    RefusingProcessor(
-        NwaAbstractFcgiSessionIdentifier* identifier, const NBuildrootUclibcTimeZoneDatabase* database)
-        : Processor(identifier, database)
-        , askedFor(NULL)
-    {
-    }
-
-    virtual bool canReadDatabaseWithSession(NwaWebSession* session) const
-    {
-        askedFor = session;
-        return false;
-    }
-
-    mutable NwaWebSession* askedFor;
+    virtual bool canReadDatabaseWithSession(NwaWebSession* session) const { return refuse(session); }
 };
 
 QString text(const char* latin1)
@@ -68,7 +33,7 @@ QString text(const char* latin1)
 
 } // namespace
 
-class tst_NBuildrootUclibcTimeZoneDatabaseFcgiService : public QObject
+class tst_NBuildrootUclibcTimeZoneDatabaseFcgiService : public NServiceTest
 {
     Q_OBJECT
 
@@ -91,26 +56,18 @@ private slots:
     void whatDoesNotExistIsAnswered404WithItsReason();
     void placeholdersInNamesAreNotFilled();
 
-    void requestWithoutSessionIsAnswered401();
-    void refusedSessionIsAnswered403WithoutDocumentOrRemark();
-    void sessionIsKeptAlive();
-    void headIsAnsweredWithoutTheDocument();
-    void otherMethodsAreNotAllowed_data();
-    void otherMethodsAreNotAllowed();
-    void serviceOwnsTheProcessorItIsGiven();
+protected:
+    virtual NwaStandardFcgiService* newService();
+    virtual NwaStandardFcgiService* newRefusingService(NRefusal* refusal, QObject* parent);
+    virtual QList<QByteArray> queries() const;
 
 private:
     void makeZones();
     void loadDatabase();
-    void process(const QByteArray& query, const QByteArray& method = "GET");
-    void processWith(Service& service, const QByteArray& query, const QByteArray& method = "GET");
     QVariant document(const char* name) const;
 
     QScopedPointer<NTemporaryDirectory> m_zones;
     QScopedPointer<NBuildrootUclibcTimeZoneDatabase> m_database;
-    QScopedPointer<NwaWebSessionManager> m_sessions;
-    QScopedPointer<FixedSession> m_identifier;
-    QScopedPointer<NMemoryChannel> m_channel;
 };
 
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::init()
@@ -118,8 +75,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::init()
     m_zones.reset(new NTemporaryDirectory);
     makeZones();
     NPrivateNamespace::mountCopy(m_zones->path(), text("/usr/share/zoneinfo"));
-    m_sessions.reset(new NwaWebSessionManager);
-    m_identifier.reset(new FixedSession(m_sessions->createSession()));
+    NServiceTest::init();
     loadDatabase();
 }
 
@@ -151,28 +107,26 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::loadDatabase()
     m_database.reset(new NBuildrootUclibcTimeZoneDatabase);
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::processWith(
-    Service& service, const QByteArray& query, const QByteArray& method)
+NwaStandardFcgiService* tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::newService()
 {
-    m_channel.reset(new NMemoryChannel);
-    NwaCgiRequest::Variables variables;
-    variables.insert("REQUEST_METHOD", method);
-    variables.insert("SCRIPT_NAME", "/api/zones");
-    variables.insert("PATH_INFO", "/more");
-    variables.insert("QUERY_STRING", query);
-    service.processRequest(new NwaFcgiRequest(m_channel.data(), variables));
-    QCOMPARE(m_channel->finishCount, 1);
+    return new Service(identifier(), m_database.data(), NULL);
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::process(const QByteArray& query, const QByteArray& method)
+NwaStandardFcgiService*
+tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::newRefusingService(NRefusal* refusal, QObject* parent)
 {
-    Service service(m_identifier.data(), m_database.data(), NULL);
-    processWith(service, query, method);
+    return new Service(new RefusingProcessor(identifier(), m_database.data(), refusal), parent);
+}
+
+QList<QByteArray> tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::queries() const
+{
+    return QList<QByteArray>() << QByteArray() << QByteArray("section=content&region=Europe&town=Paris")
+                               << QByteArray("section=content&region=Atlantis");
 }
 
 QVariant tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::document(const char* name) const
 {
-    const Processor processor(m_identifier.data(), m_database.data());
+    const Processor processor(identifier(), m_database.data());
     const QString wanted = text(name);
     if (wanted == text("database"))
         return processor.timeZoneDatabaseToVariantMap();
@@ -217,7 +171,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::coordinatesReadBackAsTheSa
 {
     process("section=content&region=America&town=New_York");
     bool ok = false;
-    const QVariantMap town = NwaJson::parse(m_channel->body(), &ok).toMap();
+    const QVariantMap town = NwaJson::parse(channel().body(), &ok).toMap();
     QVERIFY(ok);
     const float latitude = m_database->town(text("America"), text("New_York"))->latitude();
     const float longitude = m_database->town(text("America"), text("New_York"))->longitude();
@@ -258,7 +212,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::informationWithoutVersionF
     QVERIFY(QFile::remove(m_zones->filePath(text("version"))));
     loadDatabase();
     process("section=information");
-    QCOMPARE(m_channel->body(), QByteArray("{\"dateTime\":\"\",\"version\":\"\"}"));
+    QCOMPARE(channel().body(), QByteArray("{\"dateTime\":\"\",\"version\":\"\"}"));
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::emptyDatabaseHasEmptyContent()
@@ -266,7 +220,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::emptyDatabaseHasEmptyConte
     QVERIFY(QFile::remove(m_zones->filePath(text("zone.tab"))));
     loadDatabase();
     process("");
-    const QVariantMap database = NwaJson::parse(m_channel->body(), NULL).toMap();
+    const QVariantMap database = NwaJson::parse(channel().body(), NULL).toMap();
     QCOMPARE(database.value(text("content")).type(), QVariant::Map);
     QVERIFY(database.value(text("content")).toMap().isEmpty());
     QCOMPARE(database.value(text("information")), document("information"));
@@ -312,19 +266,19 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::queryChoosesTheDocument()
     QFETCH(QByteArray, query);
     QFETCH(QByteArray, name);
     process(query);
-    QCOMPARE(m_channel->header(), QByteArray("Content-Type: application/json; charset=utf-8\r\n\r\n"));
-    QCOMPARE(m_channel->body(), NwaJson::serialize(document(name.constData())));
-    QCOMPARE(m_channel->remarks, QByteArray());
+    QCOMPARE(channel().header(), QByteArray("Content-Type: application/json; charset=utf-8\r\n\r\n"));
+    QCOMPARE(channel().body(), NwaJson::serialize(document(name.constData())));
+    QCOMPARE(channel().remarks, QByteArray());
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::repeatedRequestsGetTheSameDocument()
 {
-    Service service(m_identifier.data(), m_database.data(), NULL);
+    const QScopedPointer<NwaStandardFcgiService> service(newService());
     const char* const queries[] = {"", "section=content", "", "section=content", "section=information"};
     const char* const names[] = {"database", "content", "database", "content", "information"};
     for (int index = 0; index < 5; ++index) {
-        processWith(service, queries[index]);
-        QCOMPARE(m_channel->body(), NwaJson::serialize(document(names[index])));
+        processWith(*service, queries[index]);
+        QCOMPARE(channel().body(), NwaJson::serialize(document(names[index])));
     }
 }
 
@@ -371,95 +325,16 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::whatDoesNotExistIsAnswered
     QFETCH(QByteArray, query);
     QFETCH(QByteArray, reason);
     process(query);
-    QVERIFY(m_channel->header().startsWith("Status: 404 Not Found\r\n"));
+    QVERIFY(channel().header().startsWith("Status: 404 Not Found\r\n"));
     QCOMPARE(
-        m_channel->remarks,
-        "Error in request processor for request to script \"/api/zones\" with path info \"/more\": " + reason);
+        channel().remarks,
+        "Error in request processor for request to script \"/api/service\" with path info \"/more\": " + reason);
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::placeholdersInNamesAreNotFilled()
 {
     process("section=content&region=Europe&town=%251%254");
-    QVERIFY(m_channel->remarks.contains("cannot read the town named \"%1%4\" in region \"Europe\""));
-}
-
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::requestWithoutSessionIsAnswered401()
-{
-    m_identifier->session = NULL;
-    process("section=content&region=Atlantis");
-    QVERIFY(m_channel->header().startsWith("Status: 401 Unauthorized\r\n"));
-    QCOMPARE(m_channel->remarks, QByteArray());
-    QVERIFY(!m_channel->body().contains('{'));
-}
-
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::refusedSessionIsAnswered403WithoutDocumentOrRemark()
-{
-    RefusingProcessor* const processor = new RefusingProcessor(m_identifier.data(), m_database.data());
-    Service service(processor, NULL);
-    const char* const queries[] = {
-        "", "section=content&region=Europe&town=Paris", "section=content&region=Atlantis"};
-    for (int index = 0; index < 3; ++index) {
-        processWith(service, queries[index]);
-        QVERIFY(m_channel->header().startsWith("Status: 403 Forbidden\r\n"));
-        QVERIFY(!m_channel->body().contains('{'));
-        QCOMPARE(m_channel->remarks, QByteArray());
-    }
-    QVERIFY(processor->askedFor == m_identifier->session);
-}
-
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::sessionIsKeptAlive()
-{
-    process("");
-    QVERIFY(!m_identifier->wasPassive);
-}
-
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::headIsAnsweredWithoutTheDocument()
-{
-    process("section=content", "HEAD");
-    QCOMPARE(m_channel->output, QByteArray("Content-Type: application/json; charset=utf-8\r\n\r\n"));
-}
-
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::otherMethodsAreNotAllowed_data()
-{
-    QTest::addColumn<QByteArray>("method");
-    QTest::newRow("POST") << QByteArray("POST");
-    QTest::newRow("PUT") << QByteArray("PUT");
-    QTest::newRow("DELETE") << QByteArray("DELETE");
-    QTest::newRow("PATCH") << QByteArray("PATCH");
-    QTest::newRow("get") << QByteArray("get");
-}
-
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::otherMethodsAreNotAllowed()
-{
-    QFETCH(QByteArray, method);
-    process("section=content", method);
-    QVERIFY(m_channel->header().startsWith("Status: 405 Method Not Allowed\r\n"));
-    QVERIFY(m_channel->header().contains("\r\nAllow: GET, HEAD\r\n"));
-}
-
-void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::serviceOwnsTheProcessorItIsGiven()
-{
-    class CountedProcessor : public Processor
-    {
-    public:
-        CountedProcessor(
-            NwaAbstractFcgiSessionIdentifier* identifier, const NBuildrootUclibcTimeZoneDatabase* database,
-            int& count)
-            : Processor(identifier, database)
-            , m_count(count)
-        {
-        }
-        virtual ~CountedProcessor() { ++m_count; }
-
-    private:
-        int& m_count;
-    };
-    int deletedCount = 0;
-    QObject parent;
-    new Service(new CountedProcessor(m_identifier.data(), m_database.data(), deletedCount), &parent);
-    QCOMPARE(deletedCount, 0);
-    delete parent.children().first();
-    QCOMPARE(deletedCount, 1);
+    QVERIFY(channel().remarks.contains("cannot read the town named \"%1%4\" in region \"Europe\""));
 }
 
 NTEST_MAIN_IN_NAMESPACE(

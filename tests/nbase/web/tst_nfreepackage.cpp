@@ -2,6 +2,7 @@
 
 #include "support/nprivatenamespace.h"
 #include "support/ntemporarydirectory.h"
+#include "support/nwithoutfileoverride.h"
 
 #include <QtCore/QFile>
 #include <QtTest/QtTest>
@@ -45,6 +46,7 @@ private slots:
     void unknownNameHasNoContent();
     void missingFileHasNoContent();
     void whatIsNoRegularFileHasNoContent();
+    void whatMayNotBeReadHasNoContent();
     void fileElsewhereIsTheApplicationsOwnAffair();
     void onlyFilesInsideTheFolderAreRead_data();
     void onlyFilesInsideTheFolderAreRead();
@@ -56,6 +58,7 @@ private:
 
 void tst_NFreePackage::initTestCase()
 {
+    NPrivateNamespace::mountCopy(m_outside.path(), text("/usr/share/free_packages-of-another"));
     NPrivateNamespace::mountCopy(m_folder.path(), text(Directory));
     const QString license = m_folder.writeFile(text("licenses/pkg-1.0/COPYING"), "the licence\n");
     m_folder.writeFile(text("licenses/other-2.0/COPYING"), "another licence\n");
@@ -69,6 +72,10 @@ void tst_NFreePackage::initTestCase()
     QCOMPARE(::symlink(QFile::encodeName(m_outside.path()).constData(), (links + "away").constData()), 0);
     QCOMPARE(::symlink("nowhere", (links + "broken").constData()), 0);
     QCOMPARE(::symlink("circle", (links + "circle").constData()), 0);
+    QCOMPARE(::mkfifo((links + "pipe").constData(), 0600), 0);
+    QCOMPARE(::mkdir((links + "subfolder").constData(), 0700), 0);
+    m_folder.writeFile(text("licenses/pkg-1.0/device"), "");
+    NPrivateNamespace::mountCopy(text("/dev/zero"), text("/usr/share/free_packages/licenses/pkg-1.0/device"));
 }
 
 void tst_NFreePackage::gettersGiveWhatWasSet()
@@ -124,6 +131,14 @@ void tst_NFreePackage::whatIsNoRegularFileHasNoContent()
     QCOMPARE(contentOf(m_outside.path()), QByteArray());
 }
 
+void tst_NFreePackage::whatMayNotBeReadHasNoContent()
+{
+    const QString path = m_outside.writeFile(text("locked"), "locked");
+    QCOMPARE(::chmod(QFile::encodeName(path).constData(), 0), 0);
+    const NWithoutFileOverride withoutOverride;
+    QCOMPARE(contentOf(path), QByteArray());
+}
+
 void tst_NFreePackage::fileElsewhereIsTheApplicationsOwnAffair()
 {
     QCOMPARE(contentOf(m_outside.filePath(text("secret"))), QByteArray("secret\n"));
@@ -148,7 +163,12 @@ void tst_NFreePackage::onlyFilesInsideTheFolderAreRead_data()
     QTest::newRow("through a folder that is a link out") << text("away/secret") << QByteArray();
     QTest::newRow("broken link") << text("broken") << QByteArray();
     QTest::newRow("link to itself") << text("circle") << QByteArray();
-    QTest::newRow("folder") << text(".") << QByteArray();
+    QTest::newRow("folder whose name begins alike")
+        << text("../../../free_packages-of-another/secret") << QByteArray();
+    QTest::newRow("the package's folder") << text(".") << QByteArray();
+    QTest::newRow("folder") << text("subfolder") << QByteArray();
+    QTest::newRow("pipe") << text("pipe") << QByteArray();
+    QTest::newRow("device") << text("device") << QByteArray();
 }
 
 void tst_NFreePackage::onlyFilesInsideTheFolderAreRead()

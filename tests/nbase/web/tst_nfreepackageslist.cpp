@@ -8,7 +8,14 @@
 #include <QtCore/QFile>
 #include <QtTest/QtTest>
 
+#include <errno.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace {
+
+// Whether reading a file fails beyond its first block, as it does when the flash has gone bad there.
+bool blocksAreBad = false;
 
 const char* const Header =
     "\"PACKAGE\",\"VERSION\",\"LICENSE\",\"LICENSE FILES\",\"SOURCE ARCHIVE\",\"SOURCE SITE\"\n";
@@ -25,6 +32,16 @@ QStringList sorted(QStringList names)
 }
 
 } // namespace
+
+// Takes the place of the C library's operation in the whole process.
+extern "C" Q_DECL_EXPORT ssize_t read(int file, void* buffer, size_t size)
+{
+    if (blocksAreBad && ::lseek(file, 0, SEEK_CUR) > 0) {
+        errno = EIO;
+        return -1;
+    }
+    return ::syscall(SYS_read, file, buffer, size);
+}
 
 class tst_NFreePackagesList : public QObject
 {
@@ -46,14 +63,18 @@ private slots:
     void lastLineMayLackItsLineFeed();
     void emptyLinesAreSkipped();
     void headerAloneIsAnEmptyList();
+    void headerEndsAtNul();
+    void listStaysAsItWasLoaded();
 
     void missingManifestIsToldAndEmpty();
     void badHeaderIsToldAndEmpty_data();
     void badHeaderIsToldAndEmpty();
     void badLineIsToldAndLeftOut_data();
     void badLineIsToldAndLeftOut();
+    void badLineIsToldAsLatin1();
     void fieldsMayBeEmpty();
     void textEndsAtNul();
+    void readErrorIsToldAndEndsTheList();
 
 private:
     void writeManifest(const QByteArray& records);
@@ -196,6 +217,22 @@ void tst_NFreePackagesList::headerAloneIsAnEmptyList()
     QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
 }
 
+void tst_NFreePackagesList::headerEndsAtNul()
+{
+    const QByteArray header(QByteArray(Header).trimmed());
+    m_folder->writeFile(
+        text("manifest.csv"), header + QByteArray("\0rest\n", 6) + "\"p\",\"1\",\"\",\"\",\"\",\"\"\n");
+    QCOMPARE(NFreePackagesList(NULL).freePackages().size(), 1);
+}
+
+void tst_NFreePackagesList::listStaysAsItWasLoaded()
+{
+    writeManifest("\"p\",\"1\",\"\",\"\",\"\",\"\"\n");
+    const NFreePackagesList list(NULL);
+    writeManifest("\"q\",\"1\",\"\",\"\",\"\",\"\"\n");
+    QCOMPARE(list.freePackages().keys(), QList<QString>() << text("p"));
+}
+
 void tst_NFreePackagesList::missingManifestIsToldAndEmpty()
 {
     QTest::ignoreMessage(QtWarningMsg, "Cannot open the free packages' manifest file");
@@ -242,6 +279,7 @@ void tst_NFreePackagesList::badLineIsToldAndLeftOut_data()
     QTest::newRow("blank between fields") << QByteArray("\"p\", \"1\",\"\",\"\",\"\",\"\"");
     QTest::newRow("one quote") << QByteArray("\"");
     QTest::newRow("two quotes") << QByteArray("\"\"");
+    QTest::newRow("what a format would fill in") << QByteArray("100%n %s %1");
 }
 
 void tst_NFreePackagesList::badLineIsToldAndLeftOut()
@@ -267,6 +305,24 @@ void tst_NFreePackagesList::textEndsAtNul()
     writeManifest(QByteArray("\"p\",\"1\",\"\",\"\",\"\",\"site\"") + QByteArray("\0rest\n", 6));
     const NFreePackagesList list(NULL);
     QCOMPARE(list.freePackages().value(text("p"))->sourceSite(), text("site"));
+}
+
+void tst_NFreePackagesList::badLineIsToldAsLatin1()
+{
+    writeManifest("caf\xe9\n");
+    QTest::ignoreMessage(QtWarningMsg, "Bad line in free packages' manifest: caf\xc3\xa9");
+    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+}
+
+void tst_NFreePackagesList::readErrorIsToldAndEndsTheList()
+{
+    writeManifest(
+        QByteArray("\"p\",\"1\",\"\",\"\",\"\",\"\"\n").repeated(10000) + "\"q\",\"1\",\"\",\"\",\"\",\"\"\n");
+    QTest::ignoreMessage(QtWarningMsg, "Cannot read the free packages' manifest file to its end");
+    blocksAreBad = true;
+    const NFreePackagesList list(NULL);
+    blocksAreBad = false;
+    QCOMPARE(list.freePackages().keys(), QList<QString>() << text("p"));
 }
 
 NTEST_MAIN_IN_NAMESPACE(QCoreApplication, tst_NFreePackagesList, NPrivateNamespace::Mounts)

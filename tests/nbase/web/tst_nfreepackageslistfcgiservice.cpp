@@ -4,16 +4,13 @@
 #include <nbase/web/nfreepackage.h>
 #include <nbase/web/nfreepackageslist.h>
 
-#include <nwebapi/nwaabstractfcgisessionidentifier.h>
 #include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwafcgiserver.h>
 #include <nwebapi/nwajson.h>
-#include <nwebapi/nwawebsession.h>
-#include <nwebapi/nwawebsessionmanager.h>
 
-#include "nwebapi/nmemorychannel.h"
 #include "support/nlighttpd.h"
 #include "support/nprivatenamespace.h"
+#include "support/nservicetest.h"
 #include "support/ntemporarydirectory.h"
 #include "support/ntestwait.h"
 
@@ -32,42 +29,12 @@ typedef NFreePackagesListFcgiService Service;
 const char* const Header =
     "\"PACKAGE\",\"VERSION\",\"LICENSE\",\"LICENSE FILES\",\"SOURCE ARCHIVE\",\"SOURCE SITE\"\n";
 
-// Finds the one session that it was made with, or none.
-class FixedSession : public NwaAbstractFcgiSessionIdentifier
+class RefusingProcessor : public NRefusingProcessor<Processor>
 {
 public:
-    explicit FixedSession(NwaWebSession* session)
-        : session(session)
-        , wasPassive(false)
-    {
-    }
+    using NRefusingProcessor<Processor>::NRefusingProcessor;
 
-    virtual NwaWebSession* identifySession(NwaFcgiRequest*, bool passive)
-    {
-        wasPassive = wasPassive || passive;
-        return session;
-    }
-
-    NwaWebSession* session;
-    bool wasPassive;
-};
-
-class RefusingProcessor : public Processor
-{
-public:
-    RefusingProcessor(NwaAbstractFcgiSessionIdentifier* identifier, const NFreePackagesList* list)
-        : Processor(identifier, list)
-        , askedFor(NULL)
-    {
-    }
-
-    virtual bool canReadFreePackagesListWithSession(NwaWebSession* session) const
-    {
-        askedFor = session;
-        return false;
-    }
-
-    mutable NwaWebSession* askedFor;
+    virtual bool canReadFreePackagesListWithSession(NwaWebSession* session) const { return refuse(session); }
 };
 
 // A client who takes only what he is asked to take.
@@ -103,6 +70,8 @@ private:
     int m_taken;
 };
 
+const int LongTextSize = 3000000;
+
 QString text(const char* latin1)
 {
     return QString::fromLatin1(latin1);
@@ -113,14 +82,9 @@ QByteArray record(const QByteArray& name, const QByteArray& files = "COPYING")
     return '"' + name + "\",\"1.0\",\"MIT, BSD\",\"" + files + "\",\"" + name + ".tar\",\"http://example.org/\"\n";
 }
 
-NwaCgiRequest::Variables variables(const QByteArray& method)
-{
-    return nVariables("REQUEST_METHOD", method, "SCRIPT_NAME", "/api/packages");
-}
-
 } // namespace
 
-class tst_NFreePackagesListFcgiService : public QObject
+class tst_NFreePackagesListFcgiService : public NServiceTest
 {
     Q_OBJECT
 
@@ -138,38 +102,31 @@ private slots:
     void queryIsNotRead();
     void fileOutsideTheFolderIsNotServed();
 
-    void requestWithoutSessionIsAnswered401();
-    void refusedSessionIsAnswered403WithoutDocumentOrRemark();
-    void sessionIsKeptAlive();
-    void headIsAnsweredWithoutTheDocument();
-    void otherMethodsAreNotAllowed_data();
-    void otherMethodsAreNotAllowed();
-
     void replyWaitsForASlowClient();
     void longReplyGivesOthersTheirTurn();
     void abortedReplyEnds();
     void replyEndsWithItsProcessor();
     void twoHundredMegabytesGoThroughTheWebServerInLittleMemory();
 
+protected:
+    virtual NwaStandardFcgiService* newService();
+    virtual NwaStandardFcgiService* newRefusingService(NRefusal* refusal, QObject* parent);
+
 private:
     void load(const QByteArray& records);
-    void process(const QByteArray& method = "GET");
-    void processWith(Service& service, const QByteArray& method = "GET");
+    void loadLongText();
     QVariantMap reply();
 
     QScopedPointer<NTemporaryDirectory> m_folder;
     QScopedPointer<NFreePackagesList> m_list;
-    QScopedPointer<NwaWebSessionManager> m_sessions;
-    QScopedPointer<FixedSession> m_identifier;
-    QScopedPointer<NMemoryChannel> m_channel;
 };
 
 void tst_NFreePackagesListFcgiService::init()
 {
     m_folder.reset(new NTemporaryDirectory);
     NPrivateNamespace::mountCopy(m_folder->path(), text("/usr/share/free_packages"));
-    m_sessions.reset(new NwaWebSessionManager);
-    m_identifier.reset(new FixedSession(m_sessions->createSession()));
+    NServiceTest::init();
+    load(record("p"));
 }
 
 void tst_NFreePackagesListFcgiService::cleanup()
@@ -184,24 +141,28 @@ void tst_NFreePackagesListFcgiService::load(const QByteArray& records)
     m_list.reset(new NFreePackagesList(NULL));
 }
 
-void tst_NFreePackagesListFcgiService::processWith(Service& service, const QByteArray& method)
+// A package whose document is far more than what is written at once.
+void tst_NFreePackagesListFcgiService::loadLongText()
 {
-    m_channel.reset(new NMemoryChannel);
-    service.processRequest(new NwaFcgiRequest(m_channel.data(), variables(method)));
-    NTRY_COMPARE(m_channel->finishCount, 1);
+    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(LongTextSize, 'x'));
+    load(record("p"));
 }
 
-void tst_NFreePackagesListFcgiService::process(const QByteArray& method)
+NwaStandardFcgiService* tst_NFreePackagesListFcgiService::newService()
 {
-    Service service(m_identifier.data(), m_list.data(), NULL);
-    processWith(service, method);
+    return new Service(identifier(), m_list.data(), NULL);
+}
+
+NwaStandardFcgiService* tst_NFreePackagesListFcgiService::newRefusingService(NRefusal* refusal, QObject* parent)
+{
+    return new Service(new RefusingProcessor(identifier(), m_list.data(), refusal), parent);
 }
 
 QVariantMap tst_NFreePackagesListFcgiService::reply()
 {
     process();
     bool ok = false;
-    const QVariant document = NwaJson::parse(m_channel->body(), &ok);
+    const QVariant document = NwaJson::parse(channel().body(), &ok);
     return ok ? document.toMap() : QVariantMap();
 }
 
@@ -222,9 +183,9 @@ void tst_NFreePackagesListFcgiService::packageDocumentHoldsItsFields()
     QVariantMap document;
     document.insert(text("p"), expected);
     QCOMPARE(reply(), document);
-    QCOMPARE(m_channel->header(), QByteArray("Content-Type: application/json; charset=utf-8\r\n\r\n"));
+    QCOMPARE(channel().header(), QByteArray("Content-Type: application/json; charset=utf-8\r\n\r\n"));
 
-    const Processor processor(m_identifier.data(), m_list.data());
+    const Processor processor(identifier(), m_list.data());
     const QVariantMap package = processor.freePackageToVariantMap(m_list->freePackages().value(text("p")));
     QCOMPARE(NwaJson::serialize(package), NwaJson::serialize(expected));
     QCOMPARE(NwaJson::serialize(processor.freePackagesListToVariantMap()), NwaJson::serialize(document));
@@ -234,14 +195,14 @@ void tst_NFreePackagesListFcgiService::packageWithoutLicenseFilesHasAnEmptyObjec
 {
     load(record("p", ""));
     process();
-    QVERIFY(m_channel->body().contains("\"licenseFiles\":{}"));
+    QVERIFY(channel().body().contains("\"licenseFiles\":{}"));
 }
 
 void tst_NFreePackagesListFcgiService::missingLicenseFileHasAnEmptyText()
 {
     load(record("p"));
     process();
-    QVERIFY(m_channel->body().contains("\"licenseFiles\":{\"COPYING\":\"\"}"));
+    QVERIFY(channel().body().contains("\"licenseFiles\":{\"COPYING\":\"\"}"));
 }
 
 void tst_NFreePackagesListFcgiService::licenseTextIsLatin1UpToNul()
@@ -250,7 +211,7 @@ void tst_NFreePackagesListFcgiService::licenseTextIsLatin1UpToNul()
     load(record("p"));
     const QVariantMap texts = reply().value(text("p")).toMap().value(text("licenseFiles")).toMap();
     QCOMPARE(texts.value(text("COPYING")).toString(), text("caf\xe9"));
-    const Processor processor(m_identifier.data(), m_list.data());
+    const Processor processor(identifier(), m_list.data());
     const QVariantMap package = processor.freePackageToVariantMap(m_list->freePackages().value(text("p")));
     QCOMPARE(package.value(text("licenseFiles")).toMap().value(text("COPYING")).toString(), text("caf\xe9"));
 }
@@ -261,7 +222,7 @@ void tst_NFreePackagesListFcgiService::licenseTextIsReadOnEveryRequest()
     process();
     m_folder->writeFile(text("licenses/p-1.0/COPYING"), "new");
     process();
-    QVERIFY(m_channel->body().contains("\"COPYING\":\"new\""));
+    QVERIFY(channel().body().contains("\"COPYING\":\"new\""));
 }
 
 void tst_NFreePackagesListFcgiService::replyIsTheWholeDocument_data()
@@ -291,8 +252,8 @@ void tst_NFreePackagesListFcgiService::replyIsTheWholeDocument()
     }
     load(records);
     process();
-    const Processor processor(m_identifier.data(), m_list.data());
-    QVERIFY(m_channel->body() == NwaJson::serialize(processor.freePackagesListToVariantMap()));
+    const Processor processor(identifier(), m_list.data());
+    QVERIFY(channel().body() == NwaJson::serialize(processor.freePackagesListToVariantMap()));
     QCOMPARE(processor.freePackagesListToVariantMap().size(), packages);
 }
 
@@ -300,13 +261,9 @@ void tst_NFreePackagesListFcgiService::queryIsNotRead()
 {
     load(record("p") + record("q"));
     process();
-    const QByteArray whole = m_channel->body();
-    Service service(m_identifier.data(), m_list.data(), NULL);
-    m_channel.reset(new NMemoryChannel);
-    NwaCgiRequest::Variables withQuery = variables("GET");
-    withQuery.insert("QUERY_STRING", "section=information&package=p");
-    service.processRequest(new NwaFcgiRequest(m_channel.data(), withQuery));
-    QCOMPARE(m_channel->body(), whole);
+    const QByteArray whole = channel().body();
+    process("section=information&package=p");
+    QCOMPARE(channel().body(), whole);
 }
 
 void tst_NFreePackagesListFcgiService::fileOutsideTheFolderIsNotServed()
@@ -327,71 +284,16 @@ void tst_NFreePackagesListFcgiService::fileOutsideTheFolderIsNotServed()
     const QVariantMap texts = document.value(text("p")).toMap().value(text("licenseFiles")).toMap();
     QCOMPARE(texts.size(), 4);
     QCOMPARE(texts.value(text("COPYING")).toString(), text("the licence"));
-    QVERIFY(!m_channel->body().contains("secret"));
-    QVERIFY(!m_channel->body().contains("root:"));
-}
-
-void tst_NFreePackagesListFcgiService::requestWithoutSessionIsAnswered401()
-{
-    load(record("p"));
-    m_identifier->session = NULL;
-    process();
-    QVERIFY(m_channel->header().startsWith("Status: 401 Unauthorized\r\n"));
-    QCOMPARE(m_channel->remarks, QByteArray());
-    QVERIFY(!m_channel->body().contains('{'));
-}
-
-void tst_NFreePackagesListFcgiService::refusedSessionIsAnswered403WithoutDocumentOrRemark()
-{
-    load(record("p"));
-    RefusingProcessor* const processor = new RefusingProcessor(m_identifier.data(), m_list.data());
-    Service service(processor, NULL);
-    processWith(service);
-    QVERIFY(m_channel->header().startsWith("Status: 403 Forbidden\r\n"));
-    QVERIFY(!m_channel->body().contains('{'));
-    QCOMPARE(m_channel->remarks, QByteArray());
-    QVERIFY(processor->askedFor == m_identifier->session);
-}
-
-void tst_NFreePackagesListFcgiService::sessionIsKeptAlive()
-{
-    load("");
-    process();
-    QVERIFY(!m_identifier->wasPassive);
-}
-
-void tst_NFreePackagesListFcgiService::headIsAnsweredWithoutTheDocument()
-{
-    load(record("p"));
-    process("HEAD");
-    QCOMPARE(m_channel->output, QByteArray("Content-Type: application/json; charset=utf-8\r\n\r\n"));
-}
-
-void tst_NFreePackagesListFcgiService::otherMethodsAreNotAllowed_data()
-{
-    QTest::addColumn<QByteArray>("method");
-    QTest::newRow("POST") << QByteArray("POST");
-    QTest::newRow("PUT") << QByteArray("PUT");
-    QTest::newRow("DELETE") << QByteArray("DELETE");
-    QTest::newRow("PATCH") << QByteArray("PATCH");
-}
-
-void tst_NFreePackagesListFcgiService::otherMethodsAreNotAllowed()
-{
-    QFETCH(QByteArray, method);
-    load(record("p"));
-    process(method);
-    QVERIFY(m_channel->header().startsWith("Status: 405 Method Not Allowed\r\n"));
-    QVERIFY(m_channel->header().contains("\r\nAllow: GET, HEAD\r\n"));
+    QVERIFY(!channel().body().contains("secret"));
+    QVERIFY(!channel().body().contains("root:"));
 }
 
 void tst_NFreePackagesListFcgiService::replyWaitsForASlowClient()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
-    Service service(m_identifier.data(), m_list.data(), NULL);
+    loadLongText();
+    Service service(identifier(), m_list.data(), NULL);
     SlowChannel channel;
-    QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("GET")));
+    QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
     service.processRequest(request);
     QVERIFY(request);
     int takings = 0;
@@ -405,28 +307,26 @@ void tst_NFreePackagesListFcgiService::replyWaitsForASlowClient()
     QVERIFY(channel.largestBacklog < 200000);
     QCOMPARE(channel.finishCount, 1);
     QVERIFY(channel.body().endsWith("\"version\":\"1.0\"}}"));
-    QVERIFY(channel.body().size() > 3000000);
+    QVERIFY(channel.body().size() > LongTextSize);
 }
 
 void tst_NFreePackagesListFcgiService::longReplyGivesOthersTheirTurn()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
-    Service service(m_identifier.data(), m_list.data(), NULL);
+    loadLongText();
+    Service service(identifier(), m_list.data(), NULL);
     NMemoryChannel channel;
-    service.processRequest(new NwaFcgiRequest(&channel, variables("GET")));
+    service.processRequest(new NwaFcgiRequest(&channel, variables("", "GET")));
     QCOMPARE(channel.finishCount, 0);
     NTRY_COMPARE(channel.finishCount, 1);
-    QVERIFY(channel.body().size() > 3000000);
+    QVERIFY(channel.body().size() > LongTextSize);
 }
 
 void tst_NFreePackagesListFcgiService::abortedReplyEnds()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
-    Service service(m_identifier.data(), m_list.data(), NULL);
+    loadLongText();
+    Service service(identifier(), m_list.data(), NULL);
     SlowChannel channel;
-    QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("GET")));
+    QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
     service.processRequest(request);
     QVERIFY(request);
     channel.abort(request);
@@ -436,13 +336,12 @@ void tst_NFreePackagesListFcgiService::abortedReplyEnds()
 
 void tst_NFreePackagesListFcgiService::replyEndsWithItsProcessor()
 {
-    m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(3000000, 'x'));
-    load(record("p"));
+    loadLongText();
     SlowChannel channel;
     QPointer<NwaFcgiRequest> request;
     {
-        Service service(m_identifier.data(), m_list.data(), NULL);
-        request = new NwaFcgiRequest(&channel, variables("GET"));
+        Service service(identifier(), m_list.data(), NULL);
+        request = new NwaFcgiRequest(&channel, variables("", "GET"));
         service.processRequest(request);
         QVERIFY(request);
     }
@@ -470,7 +369,7 @@ void tst_NFreePackagesListFcgiService::twoHundredMegabytesGoThroughTheWebServerI
 
     const NTemporaryDirectory sockets;
     NwaFcgiServer server;
-    Service service(m_identifier.data(), m_list.data(), NULL);
+    Service service(identifier(), m_list.data(), NULL);
     server.registerService(text("/api/packages"), &service);
     QVERIFY2(server.listenOnPath(sockets.filePath(text("socket"))), server.errorString().toLatin1());
     NLighttpd webServer;

@@ -1,7 +1,8 @@
 // Requests to the device. Every view goes through one DeviceClient, so that what all of them have in common is decided
-// here once: how long to wait, what counts as "the device cannot be reached", and when the session has ended.
+// here once: what counts as "the device cannot be reached", and when the session has ended.
 
-const TIMEOUT_MILLISECONDS = 15000;
+import { Exchange } from "./exchange.js";
+import { JsonMembers } from "./json-members.js";
 
 /** A request that did not succeed. Its message is for the person in front of the page. */
 export class DeviceError extends Error {
@@ -26,6 +27,32 @@ export class DeviceClient extends EventTarget {
   /** Reads a JSON document. Throws a DeviceError. */
   async get(path) {
     return this.#jsonOf(await this.#sessionRequest(path, { method: "GET" }));
+  }
+
+  /**
+   * Reads a JSON document that may be larger than the memory: an object, whose members come one by one as
+   * [name, value]. Throws a DeviceError.
+   *
+   * @param {AbortSignal} stop gives up the rest of the document, as does leaving the loop over the members
+   */
+  async *members(path, stop) {
+    const exchange = new Exchange(path, { method: "GET" }, stop);
+    try {
+      const status = await exchange.begin();
+      if (status !== 200)
+        this.#requireSession(await this.#endOf(exchange, status));
+      const reader = new JsonMembers();
+      for await (const piece of exchange.pieces())
+        yield* reader.read(piece);
+      reader.end();
+      this.dispatchEvent(new Event("reachable"));
+    } catch (error) {
+      if (stop.aborted || error.kind === "refused" || error.kind === "session-ended")
+        throw error;
+      throw error instanceof SyntaxError ? unreadable(200) : this.#unreachable(error, exchange.timedOut);
+    } finally {
+      exchange.close();
+    }
   }
 
   /** Sends a value as JSON; the result is the JSON document of the answer. Throws a DeviceError. */
@@ -61,32 +88,35 @@ export class DeviceClient extends EventTarget {
 
   async #sessionRequest(path, options) {
     const response = await this.#request(path, options);
+    this.#requireSession(response);
+    return response;
+  }
+
+  async #request(path, options) {
+    const exchange = new Exchange(path, options);
+    try {
+      const response = await this.#endOf(exchange, await exchange.begin());
+      this.dispatchEvent(new Event("reachable"));
+      return response;
+    } catch (error) {
+      throw this.#unreachable(error, exchange.timedOut);
+    }
+  }
+
+  // The body counts as well: a connection may break in the middle of it.
+  async #endOf(exchange, status) {
+    const text = await exchange.text();
+    if (status >= 500)
+      throw new DeviceError("unreachable", serverErrorText(status), status);
+    return { status, text };
+  }
+
+  #requireSession(response) {
     if (response.status === 401) {
       this.dispatchEvent(new Event("session-ended"));
       throw new DeviceError("session-ended", "Your session has ended.", 401);
     }
     this.#requireSuccess(response);
-    return response;
-  }
-
-  async #request(path, options) {
-    const stop = new AbortController();
-    const timer = setTimeout(() => stop.abort(), TIMEOUT_MILLISECONDS);
-    try {
-      const response = await fetch(path, {
-        ...options, credentials: "same-origin", cache: "no-store", redirect: "error", signal: stop.signal,
-      });
-      // The body counts as well: a connection may break in the middle of it.
-      const text = await response.text();
-      if (response.status >= 500)
-        throw new DeviceError("unreachable", serverErrorText(response.status), response.status);
-      this.dispatchEvent(new Event("reachable"));
-      return { status: response.status, text };
-    } catch (error) {
-      throw this.#unreachable(error, stop.signal.aborted);
-    } finally {
-      clearTimeout(timer);
-    }
   }
 
   #unreachable(cause, timedOut) {
@@ -109,9 +139,13 @@ export class DeviceClient extends EventTarget {
     try {
       return JSON.parse(response.text);
     } catch {
-      throw new DeviceError("refused", "The device sent an answer that cannot be read.", response.status);
+      throw unreadable(response.status);
     }
   }
+}
+
+function unreadable(status) {
+  return new DeviceError("refused", "The device sent an answer that cannot be read.", status);
 }
 
 function jsonRequest(value, method = "POST") {

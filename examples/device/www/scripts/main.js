@@ -11,8 +11,9 @@ import { timetableView } from "./timetable-view.js";
 /**
  * The views, in the order of the navigation. A view has
  * - name: what its address begins with; title: what the navigation calls it;
- * - open(container, client): fills the container; the result has the operations show(subject), which shows what the
- *   address names behind the view's name, focus(), and close().
+ * - open(container, client, loading): fills the container; the result has the operations show(subject), which shows what
+ *   the address names behind the view's name, focus(), and close(). What takes long calls loading.tell(text) to say how
+ *   far it is, and ends when the AbortSignal loading.stop does.
  */
 const VIEWS = [timeZonesView, timetableView, packagesView];
 
@@ -31,6 +32,7 @@ let openView = null;
 let openName = "";
 let openings = 0;
 let isOpening = false;
+let stopLoading = new AbortController();
 
 // Remembered beyond a reload, to tell an ended session from none. Browsers may forbid it.
 const signedIn = {
@@ -79,6 +81,7 @@ function showFrame(isSignedIn) {
 function closeView() {
   openings += 1;
   isOpening = false;
+  stopLoading.abort();
   openView?.close();
   openView = null;
   openName = "";
@@ -92,12 +95,18 @@ async function showView({ focus = false } = {}) {
     return;
   }
   closeView();
+  if (!navigation.hidden)
+    showFrame(true);
   isOpening = true;
   const opening = openings;
-  content.replaceChildren(element("p", { class: "notice", role: "status" }, "Loading …"));
+  stopLoading = new AbortController();
+  const progress = element("p", { class: "loading-progress" });
+  content.replaceChildren(
+    element("div", { class: "notice" }, element("p", { role: "status" }, "Loading …"), progress));
   try {
     const container = element("div", { class: "view" });
-    const opened = await view.open(container, client);
+    const tell = (text) => { progress.textContent = text; };
+    const opened = await view.open(container, client, { stop: stopLoading.signal, tell });
     if (opening !== openings) {
       opened.close();
       return;

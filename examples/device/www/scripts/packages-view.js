@@ -2,27 +2,22 @@
 // below its row.
 
 import { element, fromTemplate } from "./dom.js";
+import { PackageList } from "./packages.js";
 import { searchText } from "./searchable-list.js";
 
 export const packagesView = {
   name: "packages",
   title: "Packages",
 
-  async open(container, client) {
-    return new Packages(container, packagesOf(await client.get("/api/packages")));
+  async open(container, client, { stop, tell }) {
+    const list = new PackageList(client);
+    await list.load(stop, tell);
+    return new Packages(container, list);
   },
 };
 
 const PAGE = 10;
 const LINKED_PROTOCOLS = ["http:", "https:", "ftp:"];
-
-function packagesOf(document) {
-  const packages = Object.entries(document).map(([name, { version, licenses, licenseFiles, sourceSite, sourceArchive }]) => ({
-    name, version, licenses: licenses.join(", "), licenseFiles, sourceSite, sourceArchive,
-  }));
-  const byName = new Intl.Collator("en");
-  return packages.sort((one, other) => byName.compare(one.name, other.name));
-}
 
 /** The address as a link, unless opening it could do anything but go to another site. */
 function linkTo(address) {
@@ -37,17 +32,20 @@ function linkTo(address) {
 
 class Packages {
   #root;
+  #list;
   #input;
   #entries;
   #shown = [];
   #chosen = null;
   #details = null;
+  #texts = [];
 
-  constructor(root, packages) {
+  constructor(root, list) {
     this.#root = root;
+    this.#list = list;
     root.replaceChildren(fromTemplate("packages-template"));
     this.#input = root.querySelector("#package-search");
-    this.#entries = packages.map((each, index) => this.#entryOf(each, index));
+    this.#entries = list.entries.map((each, index) => this.#entryOf(each, index));
     const body = root.querySelector("tbody");
     body.replaceChildren(...this.#entries.map((entry) => entry.row));
     body.addEventListener("click", (event) => this.#clicked(event));
@@ -87,6 +85,7 @@ class Packages {
   }
 
   close() {
+    this.#choose(null);
     this.#root.replaceChildren();
   }
 
@@ -173,35 +172,70 @@ class Packages {
     this.#chosen?.row.classList.remove("package-chosen");
     this.#details?.remove();
     this.#details = null;
+    this.#texts.forEach((text) => text.close());
     this.#chosen = entry;
     if (!entry)
       return;
     entry.button.setAttribute("aria-expanded", "true");
     entry.row.classList.add("package-chosen");
     this.#setTabStop(entry);
-    this.#details = detailsOf(entry);
+    this.#texts = entry.files.map((file) => new LicenseText(this.#list, entry.name, file));
+    this.#details = detailsOf(entry, this.#texts);
     entry.row.after(this.#details);
   }
 }
 
-function detailsOf({ name, licenseFiles, sourceSite, sourceArchive }) {
+function detailsOf({ sourceSite, sourceArchive }, texts) {
   const facts = [["Source", sourceArchive], ["From", sourceSite ? linkTo(sourceSite) : ""]]
     .filter(([, value]) => value !== "")
     .map(([term, value]) => element("div", {}, element("dt", {}, term), element("dd", {}, value)));
-  const texts = Object.entries(licenseFiles).map(([file, text]) => licenseText(name, file, text));
   const none = element("p", { class: "package-none" }, "The device has no licence text of this package.");
   return element("tr", { class: "package-details" }, element("td", { colspan: "3" },
-    element("dl", {}, ...facts), ...(texts.length > 0 ? texts : [none])));
+    element("dl", {}, ...facts), ...(texts.length > 0 ? texts.map((text) => text.element) : [none])));
 }
 
-// A text is put into the page only when somebody wants to read it.
-function licenseText(name, file, text) {
-  const details = element("details", { class: "package-text" }, element("summary", {}, `Licence text: ${file}`));
-  details.addEventListener("toggle", () => {
-    if (details.open && !details.querySelector("pre")) {
-      details.append(element("pre", { tabindex: "0", "aria-label": `${file} of ${name}` },
+/** A licence text that is asked for, and put into the page, only when somebody wants to read it. */
+class LicenseText {
+  element;
+
+  #list;
+  #packageName;
+  #file;
+  #stop = null;
+  #isShown = false;
+
+  constructor(list, packageName, file) {
+    this.#list = list;
+    this.#packageName = packageName;
+    this.#file = file;
+    this.element = element("details", { class: "package-text" }, element("summary", {}, `Licence text: ${file}`));
+    this.element.addEventListener("toggle", () => this.#toggled());
+  }
+
+  /** Asks no further. */
+  close() {
+    this.#stop?.abort();
+  }
+
+  async #toggled() {
+    this.close();
+    if (!this.element.open || this.#isShown)
+      return;
+    const stop = new AbortController();
+    this.#stop = stop;
+    this.#show(element("p", { class: "package-none", role: "status" }, "Reading the text from the device …"));
+    try {
+      const text = await this.#list.licenseText(this.#packageName, this.#file, stop.signal);
+      this.#show(element("pre", { tabindex: "0", "aria-label": `${this.#file} of ${this.#packageName}` },
         text || "This file is empty or missing on the device."));
+      this.#isShown = true;
+    } catch (error) {
+      if (!stop.signal.aborted)
+        this.#show(element("p", { class: "package-none", role: "alert" }, error.message));
     }
-  });
-  return details;
+  }
+
+  #show(content) {
+    this.element.replaceChildren(this.element.firstChild, content);
+  }
 }
