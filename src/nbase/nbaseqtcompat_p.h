@@ -3,6 +3,7 @@
 
 #include <QtCore/QFile>
 #include <QtCore/QString>
+#include <QtCore/QTextStream>
 #include <QtCore/QTimer>
 #include <QtCore/QtGlobal>
 #include <QtSql/QSqlError>
@@ -63,6 +64,27 @@ inline int sqlErrorNumber(const QSqlError& error)
     return isNumber ? number : -1;
 #else
     return error.number();
+#endif
+}
+
+/** Reads a line of @a stream into @a line, whose memory Qt 5 uses again. @return whether there was one. */
+inline bool readLine(QTextStream& stream, QString& line)
+{
+#if QT_VERSION >= 0x050500
+    return stream.readLineInto(&line);
+#else
+    line = stream.readLine();
+    return !line.isNull();
+#endif
+}
+
+/** Makes @a text what @a size bytes at @a latin1 say; Qt 5 uses its memory again. */
+inline void assignLatin1(QString& text, const char* latin1, int size)
+{
+#if QT_VERSION >= 0x050000
+    text = QLatin1String(latin1, size);
+#else
+    text = QString::fromLatin1(latin1, size);
 #endif
 }
 

@@ -1,6 +1,7 @@
 #include <nbase/io/ncsvfilereader.h>
 
 #include <nbase/io/ncsvtext_p.h>
+#include <nbase/nbaseqtcompat_p.h>
 
 #include <QtCore/QTextStream>
 
@@ -337,13 +338,7 @@ bool NCsvFileReader::readLine(QString& line)
 {
     if (!m_textStream)
         return readStandardLine(line);
-#if QT_VERSION >= 0x050500
-    const bool isRead = m_textStream->readLineInto(&line);
-#else
-    line = m_textStream->readLine();
-    const bool isRead = !line.isNull();
-#endif
-    return isRead || m_textStream->atEnd();
+    return NBaseQtCompat::readLine(*m_textStream, line) || m_textStream->atEnd();
 }
 
 bool NCsvFileReader::readStandardLine(QString& line)
@@ -355,11 +350,7 @@ bool NCsvFileReader::readStandardLine(QString& line)
     }
     if (m_bytes.size() > size_t(INT_MAX))
         throw std::bad_alloc();
-#if QT_VERSION >= 0x050000
-    line = QLatin1String(m_bytes.data(), int(m_bytes.size()));
-#else
-    line = QString::fromLatin1(m_bytes.data(), int(m_bytes.size()));
-#endif
+    NBaseQtCompat::assignLatin1(line, m_bytes.data(), int(m_bytes.size()));
     if (m_bytes.capacity() > size_t(KeptCapacity))
         std::string().swap(m_bytes);
     return !m_standardStream->fail() || m_standardStream->eof();
