@@ -17,8 +17,9 @@ newer=$(cat <<'END'
 \b(qEnvironmentVariable[A-Za-z]*)\b
 \b(toSecsSinceEpoch|fromSecsSinceEpoch|currentSecsSinceEpoch|startOfDay|endOfDay)\b
 \b(birthTime|metadataChangeTime|fileTime|setFileTime)\b
-\b(QTRY_[A-Z_]+|QVERIFY_EXCEPTION_THROWN|QTest::(qWaitFor|qWaitForWindow[A-Za-z]*|addRow|failOnWarning))\b
+\b(QTRY_[A-Z_]+|QTEST_GUILESS_MAIN|QVERIFY_EXCEPTION_THROWN|QTest::(qWaitFor|qWaitForWindow[A-Za-z]*|addRow|failOnWarning))\b
 \bspy[A-Za-z]*\.wait\b
+(\.|->)(isSurrogate|isNonCharacter|readLineInto)\b
 \b(asprintf|vasprintf|splitRef|leftRef|rightRef|midRef|toHtmlEscaped|chopped)\b
 \bQt::(SkipEmptyParts|KeepEmptyParts|SplitBehavior|endl|hex|dec|flush|PreciseTimer|CoarseTimer|VeryCoarseTimer|RFC2822Date)\b
 \b(setTimerType|QMetaEnum::fromType|QUuid::(WithoutBraces|Id128|WithBraces)|QCryptographicHash::(Sha(224|256|384|512)|hashLength))\b

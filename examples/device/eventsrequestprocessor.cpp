@@ -31,7 +31,7 @@ bool isTitleCharacter(QChar character)
 {
     const QChar::Category category = character.category();
     return category != QChar::Separator_Line && category != QChar::Separator_Paragraph &&
-           (character.isPrint() || character.isSurrogate());
+           (character.isPrint() || category == QChar::Other_Surrogate);
 }
 
 bool isTitle(const QString& text)

@@ -9,7 +9,7 @@ set -eu
 check=$1 source=$2 build=$3 work=$4 libdir=$5 soversion=$6 version=$7
 tree="$work/installed tree"
 export LD_LIBRARY_PATH="$tree/$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
-export PKG_CONFIG_PATH="$tree/$libdir/pkgconfig"
+export PKG_CONFIG_PATH="$tree/$libdir/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
 read -ra compile_flags <<< "${CXXFLAGS-}"
 
 fail()

@@ -23,7 +23,8 @@ class QSqlQuery;
  * Columns are written in ascending order of their names. An empty list of columns stands for all of them.
  *
  * Names go into the statements as they are given. Names that SQL needs quotes for are given with them, for example
- * "\"first name\""; in results a column is named without quotes.
+ * "\"first name\""; in results a column is named without quotes. A name has no "?" and no ":" before a letter or
+ * digit: Qt 4 would take it for the place of a value, even in quotes.
  *
  * The table does not own its manager, and is used in the thread that opened the manager's connection. While the
  * manager is closed every operation fails.

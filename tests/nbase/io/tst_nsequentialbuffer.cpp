@@ -164,7 +164,7 @@ void tst_NSequentialBuffer::endIsReportedAfterTheRestWasRead()
     char bytes[4] = "";
     QCOMPARE(buffer.readData(bytes, 2), qint64(2));
     QCOMPARE(buffer.readData(bytes + 2, 2), qint64(1));
-    QCOMPARE(bytes, "abc");
+    QCOMPARE(QByteArray(bytes), QByteArray("abc"));
     QCOMPARE(buffer.readData(bytes, 1), qint64(-1));
 }
 
@@ -387,5 +387,5 @@ void tst_NSequentialBuffer::memoryOfWhatWasReadIsGivenBack()
 #endif
 }
 
-QTEST_GUILESS_MAIN(tst_NSequentialBuffer)
+QTEST_MAIN(tst_NSequentialBuffer)
 #include "tst_nsequentialbuffer.moc"

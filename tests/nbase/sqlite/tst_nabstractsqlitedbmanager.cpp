@@ -169,8 +169,8 @@ QString useDatabase(NTestManager& manager)
     query.addBindValue(7);
     REQUIRE(!query.exec() && query.lastError().isValid());
 
-    REQUIRE(query.prepare(text("SELECT id, note FROM t WHERE id >= :from AND id <= :from + :count ORDER BY id")));
-    query.bindValue(text(":count"), 2);
+    REQUIRE(query.prepare(text("SELECT id, note FROM t WHERE id >= :from AND id <= :to ORDER BY id")));
+    query.bindValue(text(":to"), 4);
     query.bindValue(text(":from"), 2);
     REQUIRE(query.exec() && query.isSelect() && query.record().fieldName(1) == text("note"));
     QStringList found;

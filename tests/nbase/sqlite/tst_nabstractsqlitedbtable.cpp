@@ -72,6 +72,8 @@ private slots:
     void largestRowidsAreKept();
     void valuesComeBackAsTheyWere_data();
     void valuesComeBackAsTheyWere();
+    void valuesAreStoredAsByAStatementOfOnesOwn_data();
+    void valuesAreStoredAsByAStatementOfOnesOwn();
     void namesThatNeedQuotesAreGivenQuoted();
     void emptyConditionsAreErrors();
     void failuresAreLogged();
@@ -305,7 +307,6 @@ void tst_NAbstractSQLiteDbTable::valuesComeBackAsTheyWere_data()
     QTest::addColumn<QVariant>("value");
     QTest::addColumn<QVariant>("stored");
     const QVariant null;
-    const QDateTime time(QDate(2026, 2, 3), QTime(4, 5, 6));
     QByteArray blob(10 * 1000 * 1000, '\0');
     for (int index = 0; index < blob.size(); ++index)
         blob[index] = char(index * 7 % 251);
@@ -314,7 +315,6 @@ void tst_NAbstractSQLiteDbTable::valuesComeBackAsTheyWere_data()
     QTest::newRow("unsigned") << QVariant(4000000000u) << QVariant(Q_INT64_C(4000000000));
     QTest::newRow("64 bits") << QVariant(std::numeric_limits<qlonglong>::min())
                              << QVariant(std::numeric_limits<qlonglong>::min());
-    QTest::newRow("bool") << QVariant(true) << QVariant(Q_INT64_C(1));
     QTest::newRow("double") << QVariant(0.1) << QVariant(0.1);
     QTest::newRow("text") << QVariant(text("it's \"?\" %1")) << QVariant(text("it's \"?\" %1"));
     QTest::newRow("empty text") << QVariant(text("")) << QVariant(text(""));
@@ -323,9 +323,7 @@ void tst_NAbstractSQLiteDbTable::valuesComeBackAsTheyWere_data()
     QTest::newRow("text with NUL") << QVariant(withNul) << QVariant(withNul);
     QTest::newRow("bytes") << QVariant(QByteArray("a\0\xff", 3)) << QVariant(QByteArray("a\0\xff", 3));
     QTest::newRow("10 MB") << QVariant(blob) << QVariant(blob);
-    QTest::newRow("date and time") << QVariant(time) << QVariant(text("2026-02-03T04:05:06.000"));
-    QTest::newRow("date") << QVariant(time.date()) << QVariant(text("2026-02-03"));
-    QTest::newRow("time") << QVariant(time.time()) << QVariant(text("04:05:06.000"));
+    QTest::newRow("date") << QVariant(QDate(2026, 2, 3)) << QVariant(text("2026-02-03"));
     QTest::newRow("infinity") << QVariant(std::numeric_limits<double>::infinity())
                               << QVariant(std::numeric_limits<double>::infinity());
     QTest::newRow("largest unsigned 64 bits")
@@ -351,17 +349,41 @@ void tst_NAbstractSQLiteDbTable::valuesComeBackAsTheyWere()
     QVERIFY(result == stored);
 }
 
+void tst_NAbstractSQLiteDbTable::valuesAreStoredAsByAStatementOfOnesOwn_data()
+{
+    QTest::addColumn<QVariant>("value");
+    QTest::newRow("true") << QVariant(true);
+    QTest::newRow("false") << QVariant(false);
+    QTest::newRow("date and time") << QVariant(QDateTime(QDate(2026, 2, 3), QTime(4, 5, 6)));
+    QTest::newRow("time") << QVariant(QTime(4, 5, 6));
+}
+
+// Qt 4 stores these as the texts that QVariant makes of them, Qt 5 in forms of its own.
+void tst_NAbstractSQLiteDbTable::valuesAreStoredAsByAStatementOfOnesOwn()
+{
+    QFETCH(QVariant, value);
+    QSqlQuery query(m_manager->database());
+    QVERIFY(query.prepare(text("INSERT INTO t(a) VALUES(?)")));
+    query.addBindValue(value);
+    QVERIFY(query.exec());
+    qlonglong rowid = 0;
+    QVERIFY(m_table->execInsertQuery(values("a", value), rowid));
+    QCOMPARE(
+        m_manager->rows("SELECT count(*), count(DISTINCT a), count(DISTINCT typeof(a)) FROM t"), columns("2|1|1"));
+    QCOMPARE(m_table->execSelectQuery(values("a", value), QStringList(), Order()).size(), 2);
+}
+
 void tst_NAbstractSQLiteDbTable::namesThatNeedQuotesAreGivenQuoted()
 {
-    NTestTable table(m_manager, "\"my \"\"table\"\" \xc3\xa9\"", "(\"first name\", [order], \"what? :x\")");
+    NTestTable table(m_manager, "\"my \"\"table\"\" \xc3\xa9\"", "(\"first name\", [order], \"what; x\")");
     QVERIFY(table.createTable());
     qlonglong rowid = 0;
     Values row = values("\"first name\"", text("Zo\xc3\xab"), "[order]", 3);
-    row.insert(text("\"what? :x\""), 4);
+    row.insert(text("\"what; x\""), 4);
     QVERIFY(table.execInsertQuery(row, rowid));
     QVERIFY(table.execUpdateQuery(values("\"first name\"", text("Zo\xc3\xab")), values("[order]", 5)));
     const Rows rows = table.execSelectQuery(
-        values("\"what? :x\"", 4), QStringList(text("\"first name\"")) << text("[order]"), order("[order]", true));
+        values("\"what; x\"", 4), QStringList(text("\"first name\"")) << text("[order]"), order("[order]", true));
     QCOMPARE(rows.size(), 1);
     QCOMPARE(rows.at(0), values("first name", text("Zo\xc3\xab"), "order", Q_INT64_C(5)));
 }
