@@ -91,8 +91,8 @@ try_packages()
     done
 }
 
-# Compares what changed in the throw-away root $1 with the machine. Only the books that dpkg and ldconfig keep may differ,
-# and no file may have come or gone.
+# Compares what changed in the throw-away root $1 with the machine. Only the books that dpkg, ldconfig and man-db
+# keep may differ, and no other file may have come or gone.
 look_for_leftovers()
 {
     local path leftovers=0
@@ -100,7 +100,7 @@ look_for_leftovers()
         case $path in
             var/lib/dpkg/lock | var/lib/dpkg/lock-frontend | var/lib/dpkg/status | var/lib/dpkg/status-old | \
             var/lib/dpkg/triggers/* | var/lib/dpkg/updates/* | var/lib/dpkg/info/format | var/log/dpkg.log | \
-            etc/ld.so.cache | var/cache/ldconfig/aux-cache) continue ;;
+            etc/ld.so.cache | var/cache/ldconfig/aux-cache | var/cache/man/*) continue ;;
         esac
         if [ ! -e "/$path" ] && [ ! -L "/$path" ]; then
             echo "left behind: /$path"
