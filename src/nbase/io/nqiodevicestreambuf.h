@@ -45,7 +45,11 @@ protected:
     /** Reads up to 1024 bytes from the device. @return the first of them, or end of file when there are none. */
     virtual int_type underflow();
 
-    /** Reads from the device in blocks of 1024 bytes. @return how many of @a n characters there were. */
+    /**
+     * Reads from the device in blocks of 1024 bytes, whole ones straight to @a s: of these, one character can be
+     * put back, and a class that replaces underflow() does not see them unless it replaces this as well.
+     * @return how many of @a n characters there were.
+     */
     virtual std::streamsize xsgetn(char* s, std::streamsize n);
 
     /** Buffers characters, and writes to the device when the buffer is full. @return how many of @a n were taken.
