@@ -151,7 +151,8 @@ int file_truncate(const struct locked_file* file, size_t size)
     return result == 0 && fdatasync(file->fd) == 0 ? UCI_OK : UCI_ERR_IO;
 }
 
-bool file_ends_within_line(const struct locked_file* file)
+/* Whether a file ends within a line, as it does when a writer was killed or somebody edited it. */
+static bool ends_within_line(const struct locked_file* file)
 {
     struct stat status;
     char last;
@@ -167,7 +168,7 @@ int file_append(const struct locked_file* file, const struct text* text)
 
     if (fstat(file->fd, &status) < 0)
         return UCI_ERR_IO;
-    bool done = !file_ends_within_line(file) || write_fully(file->fd, "\n", 1);
+    bool done = !ends_within_line(file) || write_fully(file->fd, "\n", 1);
     done = done && write_fully(file->fd, text->data, text->size) && fdatasync(file->fd) == 0;
     if (!done)
         file_truncate(file, (size_t)status.st_size);

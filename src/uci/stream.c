@@ -115,11 +115,7 @@ static bool read_line(FILE* stream, struct text* text)
 /* Whether the text ends within a word: in quotes, or with a backslash that calls for the next line. */
 static bool ends_within_word(const struct words* words, const struct text* line)
 {
-    if (words->unterminated)
-        return true;
-    size_t size = line->size;
-    return size >= 2 && line->data[size - 1] == '\n' && line->data[size - 2] == '\\' &&
-           words->position == words->end;
+    return words->unterminated || (words->continued && line->data[line->size - 1] == '\n');
 }
 
 static int copy_argument(struct text* argument, const struct text* line, struct words* words, char** word)

@@ -116,6 +116,7 @@ struct words
     size_t line;       /* how many lines were passed */
     bool line_over;    /* no word can follow on this line */
     bool unterminated; /* a quote was still open at the end of the text */
+    bool continued;    /* a backslash called for another line at the end of the text */
     bool separated;    /* the latest word was the empty one that ";" stands for */
 };
 
@@ -175,8 +176,11 @@ void delta_write(
     struct text* text, const struct uci_package* p, enum uci_command cmd, const char* section, const char* option,
     const char* value);
 
-/* How much of a text of staged changes, which is overwritten, is there before a quote that is never closed. */
-size_t delta_whole_size(struct text* text, const char* package);
+/*
+ * How much of a text of staged changes, which is overwritten, is there before a line that never ends: it would
+ * swallow what is appended, as its quote is open or a backslash calls for more.
+ */
+size_t delta_whole_size(struct text* text);
 
 /*
  * Where the lines begin that are not in the package file yet: behind the latest mark of a commit of this very file
@@ -227,9 +231,6 @@ void file_close(struct locked_file* file);
 /* Reads a whole file. */
 int file_read(const struct locked_file* file, struct text* text);
 
-/* Whether a file ends within a line, as it does when a writer was killed or somebody edited it. */
-bool file_ends_within_line(const struct locked_file* file);
-
 /* Appends to a file, on a line of its own, and flushes it; on failure the file is as before. */
 int file_append(const struct locked_file* file, const struct text* text);
 
@@ -262,6 +263,7 @@ struct staged
     struct locked_file file; /* closed if there is none */
     struct text text;
     size_t begin; /* of the changes that are not in the package file yet */
+    size_t whole; /* how much there is but for the mark of a commit; set by staged_mark() */
 };
 
 char* staged_path(const struct uci_package* p);
@@ -273,6 +275,15 @@ int staged_open(
 
 /* Applies what is staged in all directories, and adds the number of lines that could be. */
 int staged_apply(struct uci_package* p, struct staged* staged, size_t* applied);
+
+/*
+ * Says in the file of changes that they are about to be emptied, as the package file has this fingerprint now or
+ * in a moment: if the process ends in between, the next reader recognises it and does not apply them again.
+ */
+void staged_mark(struct staged* staged, struct fingerprint committed);
+
+/* Empties the file of changes, or takes the mark out again if the package file could not be replaced. */
+void staged_settle(struct staged* staged, bool committed);
 
 void staged_close(struct staged* staged);
 

@@ -134,6 +134,7 @@ static char* copy_escaped(struct words* words, char* to)
     if (next_line) {
         words->line++;
         words->position = next_line;
+        words->continued = next_line == words->end;
         return to;
     }
     *to = words->position[1];

@@ -8,6 +8,7 @@
 #include <QtCore/QFile>
 #include <QtTest/QtTest>
 
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
@@ -55,16 +56,28 @@ const int renameCall = SYS_rename;
 const int renameCall = SYS_renameat;
 #endif
 
-/** Makes the kernel end this process when it comes to a system call (see seccomp(2)). */
-void dieAt(int systemCall)
+/** Where a call of ftruncate() has the size: 32-bit ARM passes 64-bit arguments in pairs of registers. */
+#if defined(__arm__)
+const int truncatedSize = 2;
+#else
+const int truncatedSize = 1;
+#endif
+
+/**
+ * Makes the kernel end this process, or what else @a action says, when it comes to a system call (see seccomp(2)).
+ * Of the calls that cut a file only the one that empties it counts.
+ */
+void dieAt(int systemCall, quint32 action)
 {
     sock_filter filter[] = {
         {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, quint32(systemCall)},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_KILL_PROCESS},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, quint32(systemCall)},
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, quint32(offsetof(seccomp_data, args) + truncatedSize * sizeof(quint64))},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, quint8(systemCall == truncateCall ? 1 : 0), 0},
+        {BPF_RET | BPF_K, 0, 0, action},
         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
     };
-    const sock_fprog program = {4, filter};
+    const sock_fprog program = {sizeof(filter) / sizeof(filter[0]), filter};
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) < 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) < 0)
         _exit(2);
 }
@@ -306,15 +319,68 @@ private slots:
         QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
     }
 
+    void halfAQuotedLineOfAKilledWriterDoesNotSpoilTheNextChange_data()
+    {
+        QTest::addColumn<QByteArray>("half");
+        QTest::newRow("within a value") << QByteArray("network.lan.b='half");
+        QTest::newRow("behind a newline of the value") << QByteArray("network.lan.b='half\n");
+        QTest::newRow("behind a backslash") << QByteArray("network.lan.b='it'\\");
+        QTest::newRow("behind a backslash and a newline") << QByteArray("network.lan.b='it'\\\n");
+        QTest::newRow("within double quotes") << QByteArray("network.lan.b=\"half\\\n");
+    }
+
     void halfAQuotedLineOfAKilledWriterDoesNotSpoilTheNextChange()
     {
-        m_store->writeStaged("network", "network.lan.a='1'\nnetwork.lan.b='half");
+        QFETCH(QByteArray, half);
+        m_store->writeStaged("network", "network.lan.a='1'\n" + half);
         QCOMPARE(m_store->set("network.lan.c=3"), int(UCI_OK));
         QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.a='1'\nnetwork.lan.c='3'\n"));
         m_store->reopen();
         QCOMPARE(m_store->value("network.lan.a"), QByteArray("1"));
         QCOMPARE(m_store->value("network.lan.b"), QByteArray());
         QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
+    }
+
+    void halfAQuotedLineDoesNotTakeTheMarkOfAnInterruptedCommitWithIt()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        m_store->writeStaged("network", m_store->staged("network") + "network.lan.b='half");
+        m_store->reopen();
+        QCOMPARE(m_store->set("network.lan.c=3"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"),
+            QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\toption c '3'\n\n"));
+    }
+
+    void halfAQuotedLineDoesNotHideThatACommitWasInterrupted_data()
+    {
+        halfAQuotedLineOfAKilledWriterDoesNotSpoilTheNextChange_data();
+    }
+
+    void halfAQuotedLineDoesNotHideThatACommitWasInterrupted()
+    {
+        QFETCH(QByteArray, half);
+        m_store->writeConfig("network", oneServer);
+        m_store->writeStaged("network", "|network.lan.dns='b'\n" + half);
+        commitUntil(truncateCall);
+        QCOMPARE(m_store->config("network"), QByteArray(twoServers));
+        m_store->reopen();
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(twoServers));
+        QCOMPARE(m_store->staged("network"), QByteArray());
+    }
+
+    void aCommitThatFailsAfterItHasDroppedHalfALineLeavesTheWholeOnes()
+    {
+        m_store->writeConfig("network", oneServer);
+        m_store->writeStaged("network", "|network.lan.dns='b'\nnetwork.lan.b='half\n");
+        commitFailing(renameCall, EROFS);
+        QCOMPARE(m_store->config("network"), QByteArray(oneServer));
+        QCOMPARE(m_store->staged("network"), QByteArray("|network.lan.dns='b'\n"));
     }
 
     void namesThatLookLikeMoreDoNotReachOtherChanges_data()
@@ -393,16 +459,29 @@ private:
     /** Stages what is pending, and commits in a process that ends when it comes to a system call. */
     void commitUntil(int systemCall)
     {
+        int status = 0;
+        commitWith(systemCall, SECCOMP_RET_KILL_PROCESS, &status);
+        QVERIFY(WIFSIGNALED(status));
+    }
+
+    /** Stages what is pending, and commits in a process whose system call fails. */
+    void commitFailing(int systemCall, int error)
+    {
+        int status = 0;
+        commitWith(systemCall, SECCOMP_RET_ERRNO | quint32(error), &status);
+        QVERIFY(WIFEXITED(status));
+        QCOMPARE(WEXITSTATUS(status), int(UCI_ERR_IO));
+    }
+
+    void commitWith(int systemCall, quint32 action, int* status)
+    {
         QCOMPARE(m_store->save("network"), int(UCI_OK));
         const pid_t child = fork();
         if (child == 0) {
-            dieAt(systemCall);
-            m_store->commit("network");
-            _exit(1);
+            dieAt(systemCall, action);
+            _exit(m_store->commit("network"));
         }
-        int status = 0;
-        QCOMPARE(waitpid(child, &status, 0), child);
-        QVERIFY(WIFSIGNALED(status));
+        QCOMPARE(waitpid(child, status, 0), child);
     }
 
     /** The number of the last item, if the file is whole and holds each number up to it once; -1 otherwise. */
