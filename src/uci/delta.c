@@ -84,7 +84,7 @@ enum delta_result delta_next(struct words* words, const char* package, struct de
 {
     skip_marks(words);
     words->line_over = false;
-    words->unterminated = false;
+    words->unterminated = 0;
     words->continued = false;
     if (words->position == words->end)
         return DELTA_END;

@@ -115,7 +115,7 @@ struct words
     char* end;         /* a NUL byte follows the text */
     size_t line;       /* how many lines were passed */
     bool line_over;    /* no word can follow on this line */
-    bool unterminated; /* a quote was still open at the end of the text */
+    char unterminated; /* the quote that was still open at the end of the text, or 0 */
     bool continued;    /* a backslash called for another line at the end of the text */
     bool separated;    /* the latest word was the empty one that ";" stands for */
 };

@@ -337,6 +337,148 @@ private slots:
         QCOMPARE(QByteArray(word), QByteArray("thr\"ee"));
     }
 
+#ifdef NBASE_OWN_UCI /* what libuci makes of these is nowhere written */
+    void wordsAreReadOutOfAStream_data()
+    {
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QList<QByteArray>>("words");
+        const QByteArray longWord(1000, 'x');
+        QByteArray manyLines;
+        for (int i = 0; i < 100000; ++i)
+            manyLines += "a\n";
+        wordsRow(
+            "lines", "one two\nthree\n",
+            QList<QByteArray>() << "one"
+                                << "three");
+        wordsRow("a line longer than a block", longWord + "\nnext\n", QList<QByteArray>() << longWord << "next");
+        wordsRow(
+            "no newline at the end", "one\ntwo",
+            QList<QByteArray>() << "one"
+                                << "two");
+        wordsRow(
+            "single quotes", "a'b\n\nc'd e\nnext\n",
+            QList<QByteArray>() << "ab\n\ncd"
+                                << "next");
+        wordsRow(
+            "double quotes", "a\"b\n'\\\"\\\nc\"d\nnext\n",
+            QList<QByteArray>() << "ab\n'\"cd"
+                                << "next");
+        wordsRow(
+            "a backslash", "a\\\nb\nnext\n",
+            QList<QByteArray>() << "ab"
+                                << "next");
+        wordsRow(
+            "a backslash before a blank", "a\\\n b\nnext\n",
+            QList<QByteArray>() << "a"
+                                << "next");
+        wordsRow("a backslash at the end", "a\\\n", QList<QByteArray>() << "a");
+        wordsRow(
+            "a backslash in a comment", "a # b\\\nnext\n",
+            QList<QByteArray>() << "a"
+                                << "next");
+        wordsRow("many lines", "'" + manyLines + "'\nnext\n", QList<QByteArray>() << manyLines << "next");
+    }
+
+    void wordsAreReadOutOfAStream()
+    {
+        QFETCH(QByteArray, input);
+        QFETCH(QList<QByteArray>, words);
+        FILE* stream = fmemopen(input.data(), size_t(input.size()), "r");
+        for (const QByteArray& expected : words) {
+            char* position = nullptr;
+            char* word = nullptr;
+            QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+            QCOMPARE(QByteArray(word), expected);
+        }
+        char* position = nullptr;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QVERIFY(!word);
+        std::fclose(stream);
+    }
+
+    void theRestOfALineFromAStreamIsReadOn()
+    {
+        char input[] = "'a\nb' two\n'three\nlines\nlong' four\n";
+        FILE* stream = fmemopen(input, sizeof(input) - 1, "r");
+        char* position = nullptr;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("a\nb"));
+        QByteArray rest(position);
+        position = rest.data();
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("two"));
+        position = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("three\nlines\nlong"));
+        QCOMPARE(QByteArray(position), QByteArray("four\n"));
+        std::fclose(stream);
+    }
+
+    void aWordThatIsGivenGoesOnInTheStream()
+    {
+        char input[] = "b' c\n";
+        FILE* stream = fmemopen(input, sizeof(input) - 1, "r");
+        QByteArray line("'a\n");
+        char* position = line.data();
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("a\nb"));
+        QCOMPARE(QByteArray(position), QByteArray("c\n"));
+        position = line.data();
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_ERR_PARSE));
+        QVERIFY(!word);
+        std::fclose(stream);
+    }
+
+    void aLineWithANulByteIsMalformed_data()
+    {
+        QTest::addColumn<QByteArray>("input");
+        QTest::newRow("at its beginning") << QByteArray("\0one\nnext\n", 10);
+        QTest::newRow("within a word") << QByteArray("on\0e\nnext\n", 10);
+        QTest::newRow("before its end") << QByteArray("one\0\nnext\n", 10);
+        QTest::newRow("on the second line of a word") << QByteArray("'o\nn\0e'\nnext\n", 13);
+    }
+
+    void aLineWithANulByteIsMalformed()
+    {
+        QFETCH(QByteArray, input);
+        FILE* stream = fmemopen(input.data(), size_t(input.size()), "r");
+        char* position = nullptr;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_ERR_PARSE));
+        QVERIFY(!word);
+        QVERIFY(!position);
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("next"));
+        std::fclose(stream);
+    }
+
+    /** The place of an error in a file says nothing about a string that is looked up later. */
+    void anErrorInAStringHasNoPlace()
+    {
+        m_directory->writeFile(QLatin1String("config/bad"), "rubbish\n");
+        uci_package* package = nullptr;
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error (invalid command) at line 1"));
+        char place[] = "network.lan.a-b";
+        uci_ptr ptr;
+        QCOMPARE(uci_lookup_ptr(m_context.data(), &ptr, place, true), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error"));
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        char other[] = "network.lan.a-b";
+        QCOMPARE(uci_parse_ptr(m_context.data(), &ptr, other), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error"));
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        char open[] = "'open";
+        char* position = open;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), nullptr, &position, &word), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error"));
+    }
+#endif
+
     void typesAreTextWithoutBlanks()
     {
         QVERIFY(uci_validate_text("wifi-iface.x"));
@@ -403,6 +545,11 @@ private slots:
     }
 
 private:
+    static void wordsRow(const char* name, const QByteArray& input, const QList<QByteArray>& words)
+    {
+        QTest::newRow(name) << input << words;
+    }
+
     QByteArray path(const char* name) const
     {
         return QFile::encodeName(m_directory->filePath(QLatin1String(name)));

@@ -113,7 +113,10 @@ public:
     bool deleteSectionIfExists(const QString& package, const QString& section);
     /** @} */
 
-    /** Moves a section to @a position among the sections of its package; the first is 0. */
+    /**
+     * Moves a section to @a position among the sections of its package; the first is 0, as is a number below, and
+     * one that is too large is the last.
+     */
     bool reorder(const QString& package, const QString& section, int position);
 
     /** The sections of the type @a type in the order of the file. */
