@@ -46,6 +46,7 @@ static int open_locked(struct locked_file* file, const char* path, int flags, un
 {
     struct stat opened;
 
+    file->made = false;
     for (;;) {
         /* Not blocking, so that a FIFO in the place of the file holds nobody up. */
         file->fd = open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, (mode_t)mode);
@@ -75,11 +76,23 @@ int file_open_shared(struct locked_file* file, const char* path)
 int file_open_exclusive(struct locked_file* file, const char* path, unsigned mode)
 {
     struct stat there;
+    bool is_there = stat(path, &there) == 0;
 
-    if (stat(path, &there) == 0 && !S_ISREG(there.st_mode))
+    if (is_there && !S_ISREG(there.st_mode))
         return UCI_ERR_NOTFOUND;
     int result = open_locked(file, path, O_RDWR | O_APPEND | O_CREAT, mode, LOCK_EX);
+    file->made = result == UCI_OK && !is_there;
     return result == UCI_OK ? UCI_OK : UCI_ERR_IO;
+}
+
+void file_remove_made(const struct locked_file* file, const char* path)
+{
+    struct stat status;
+    char* real_path = file->made ? realpath(path, NULL) : NULL; /* of a link that led nowhere the link stays */
+
+    if (real_path && fstat(file->fd, &status) == 0 && status.st_size == 0 && is_current(&status, real_path))
+        unlink(real_path);
+    free(real_path);
 }
 
 void file_close(struct locked_file* file)
@@ -128,6 +141,8 @@ int file_read(const struct locked_file* file, struct text* text)
     memset(text, 0, sizeof(*text));
     if (fstat(file->fd, &status) < 0)
         return UCI_ERR_IO;
+    if (status.st_size >= PTRDIFF_MAX) /* on 32-bit boards files may be larger than all memory */
+        return UCI_ERR_MEM;
     size_t size = (size_t)status.st_size;
     text->data = malloc(size + 1);
     if (!text->data)
@@ -242,7 +257,7 @@ int file_write_beside(
     return UCI_OK;
 }
 
-static void flush_directory_of(const char* path)
+void file_flush_directory(const char* path)
 {
     char* directory = strdup(path);
 
@@ -262,7 +277,7 @@ int file_replace(struct replacement* replacement)
 {
     if (rename(replacement->new_path, replacement->path) < 0)
         return UCI_ERR_IO;
-    flush_directory_of(replacement->path);
+    file_flush_directory(replacement->path);
     free(replacement->new_path);
     replacement->new_path = NULL;
     return UCI_OK;

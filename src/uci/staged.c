@@ -140,11 +140,12 @@ static void make_staging_directory(const struct uci_context* ctx)
         mkdir(ctx->savedir, mode); /* if that fails, so does opening the file in it */
 }
 
-/* A new file of changes is as open to others as the package file, whose values it repeats. */
+/* A new file of changes is as open to others as the package file, whose values it repeats: that of the
+ * configuration directory as it is by now, or that of the directory that goes before. */
 static unsigned staging_mode(const struct uci_package* p)
 {
     struct stat status;
-    char* path = path_join(p->ctx->confdir, p->e.name);
+    char* path = p->uses_conf2 ? strdup(p->path) : path_join(p->ctx->confdir, p->e.name);
     unsigned mode = path && stat(path, &status) == 0 ? status.st_mode & 0777 : UCI_FILEMODE;
 
     free(path);
@@ -172,6 +173,8 @@ static int append_pending(const struct uci_package* p)
         result = drop_torn_line(&file, &whole);
         if (result == UCI_OK)
             result = file_append(&file, &text);
+        if (result == UCI_OK && file.made)
+            file_flush_directory(path);
         file_close(&file);
     }
     free(path);

@@ -276,6 +276,8 @@ static int commit_first(struct uci_package* p)
     p->path = path;
     if (result == UCI_OK) {
         result = write_and_empty(p, &file, NULL);
+        if (result != UCI_OK)
+            file_remove_made(&file, path);
         file_close(&file);
     }
     p->has_delta = result == UCI_OK;
@@ -302,6 +304,8 @@ static int commit(struct uci_package** package, bool overwrite)
         result = commit_as_it_is(p, &file);
     else
         result = commit_merged(package, &file);
+    if (result != UCI_OK && *package)
+        file_remove_made(&file, (*package)->path);
     file_close(&file);
     return result;
 }

@@ -217,7 +217,8 @@ int finish(struct uci_context* ctx, int result);
 /* An open file, locked until it is closed. */
 struct locked_file
 {
-    int fd; /* -1 if none is open */
+    int fd;    /* -1 if none is open */
+    bool made; /* it was not there before */
 };
 
 /* Opens for reading with a shared lock. UCI_ERR_NOTFOUND: there is no such regular file. */
@@ -225,6 +226,9 @@ int file_open_shared(struct locked_file* file, const char* path);
 
 /* Opens for writing with an exclusive lock; makes the file with the given mode if there is none. */
 int file_open_exclusive(struct locked_file* file, const char* path, unsigned mode);
+
+/* Removes an open file again that opening has made, if nothing was put into its place. */
+void file_remove_made(const struct locked_file* file, const char* path);
 
 void file_close(struct locked_file* file);
 
@@ -251,6 +255,9 @@ int file_write_beside(
     struct replacement* replacement, const struct locked_file* file, const char* path, const struct text* text);
 int file_replace(struct replacement* replacement);
 void replacement_free(struct replacement* replacement);
+
+/* Makes sure that a file that is new in its directory is found there after a power loss. */
+void file_flush_directory(const char* path);
 
 /* Gives directory and name joined with "/", or null when memory is out. */
 char* path_join(const char* directory, const char* name);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -21,7 +22,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <limits>
+
 namespace {
+
+/** The files and directories that were flushed, in the order in which they were. */
+QStringList s_flushed;
+
+void noteFlushed(int file)
+{
+    char path[4096];
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(file);
+    const ssize_t size = readlink(link.constData(), path, sizeof(path));
+    s_flushed << QFile::decodeName(QByteArray(path, int(size))).section(QLatin1Char('/'), -1);
+}
 
 const char first[] = "\nconfig interface 'lan'\n\toption ip '1'\n\n";
 const char second[] = "\nconfig interface 'lan'\n\toption ip '2'\n\n";
@@ -83,6 +97,22 @@ void dieAt(int systemCall, quint32 action)
 }
 
 } // namespace
+
+// The store comes to these before it comes to those of the C library.
+extern "C" {
+
+__attribute__((visibility("default"))) int fsync(int file)
+{
+    noteFlushed(file);
+    return int(syscall(SYS_fsync, file));
+}
+
+__attribute__((visibility("default"))) int fdatasync(int file)
+{
+    noteFlushed(file);
+    return int(syscall(SYS_fdatasync, file));
+}
+}
 
 /** What remains when the store cannot do its work, or is killed at it. The directories lie in memory. */
 class TestUciFaults : public QObject
@@ -210,6 +240,100 @@ private slots:
         m_store->writeConfig("network", first);
         QCOMPARE(m_store->commit("network"), int(UCI_OK));
         QCOMPARE(m_store->config("network"), QByteArray(second));
+    }
+
+    void aFileThatNoMemoryCanHoldFailsAndStays()
+    {
+        const QByteArray file = QFile::encodeName(m_store->configFile("network"));
+        QCOMPARE(truncate(file.constData(), std::numeric_limits<qint64>::max()), 0);
+        uci_package* package = nullptr;
+        QCOMPARE(uci_load(m_store->context(), "network", &package), int(UCI_ERR_MEM));
+        QVERIFY(!package);
+        struct stat status;
+        QCOMPARE(stat(file.constData(), &status), 0);
+        QCOMPARE(qint64(status.st_size), std::numeric_limits<qint64>::max());
+    }
+
+    void aFailedCommitMakesNoPackageFile()
+    {
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QVERIFY(QFile::remove(m_store->configFile("network")));
+        const QString save = m_directory->filePath(QLatin1String("save"));
+        QVERIFY(QDir().rmdir(save));
+        UciStore::writeFile(save, "no directory");
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        QCOMPARE(m_store->config("network"), QByteArray("(missing)"));
+        m_store->writeConfig("network", first);
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        QCOMPARE(m_store->config("network"), QByteArray(first));
+    }
+
+    void aFailedCommitMakesNoFileThatALinkLeadsTo()
+    {
+        const QString target = m_directory->filePath(QLatin1String("target"));
+        QVERIFY(QFile::rename(m_store->configFile("network"), target));
+        QVERIFY(QFile::link(target, m_store->configFile("network")));
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QVERIFY(QFile::remove(target));
+        const QString save = m_directory->filePath(QLatin1String("save"));
+        QVERIFY(QDir().rmdir(save));
+        UciStore::writeFile(save, "no directory");
+        QCOMPARE(m_store->commit("network"), int(UCI_ERR_IO));
+        QVERIFY(!QFile::exists(target));
+        QCOMPARE(QFile::symLinkTarget(m_store->configFile("network")), target);
+    }
+
+    void aFailedFirstCommitMakesNoPackageFile()
+    {
+        char text[] = "config t 'a'\n";
+        FILE* stream = fmemopen(text, sizeof(text) - 1, "r");
+        uci_package* package = nullptr;
+        QCOMPARE(uci_import(m_store->context(), stream, "new", &package, true), int(UCI_OK));
+        std::fclose(stream);
+        uci_ptr ptr = uci_ptr();
+        ptr.p = package;
+        ptr.section = "not a name";
+        ptr.value = "t";
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
+        QCOMPARE(uci_commit(m_store->context(), &package, true), int(UCI_ERR_INVAL));
+        QCOMPARE(m_store->config("new"), QByteArray("(missing)"));
+    }
+
+    void whatIsWrittenIsFlushedBeforeItIsReliedOn()
+    {
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        s_flushed.clear();
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QCOMPARE(s_flushed, flushed("network save")); /* the file is new in its directory */
+        QCOMPARE(m_store->set("network.lan.a=1"), int(UCI_OK));
+        s_flushed.clear();
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QCOMPARE(s_flushed, flushed("network"));
+        s_flushed.clear();
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        /* The new contents, the mark, the replaced file's directory; last the emptied changes. */
+        QCOMPARE(s_flushed, flushed(".network.uci-new network config network"));
+        QCOMPARE(m_store->set("network.lan.b=1"), int(UCI_OK));
+        QCOMPARE(m_store->set("network.lan.c=1"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        s_flushed.clear();
+        QCOMPARE(m_store->revert("network.lan.b"), int(UCI_OK));
+        QCOMPARE(s_flushed, flushed(".network.uci-new save"));
+    }
+
+    void changesOfAPackageOfTheFirstDirectoryAreAsOpenAsItsFile()
+    {
+        const QString over = m_directory->filePath(QLatin1String("over"));
+        QVERIFY(QDir().mkpath(over));
+        UciStore::writeFile(over + QLatin1String("/network"), first);
+        QCOMPARE(chmod(QFile::encodeName(over + QLatin1String("/network")).constData(), 0600), 0);
+        QCOMPARE(chmod(QFile::encodeName(m_store->configFile("network")).constData(), 0644), 0);
+        QCOMPARE(uci_set_conf2dir(m_store->context(), QFile::encodeName(over).constData()), int(UCI_OK));
+        QCOMPARE(m_store->set("network.lan.secret=x"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        struct stat status;
+        QCOMPARE(stat(QFile::encodeName(m_store->stagedFile("network")).constData(), &status), 0);
+        QCOMPARE(int(status.st_mode & 0777), 0600);
     }
 
     void modeAndOwnerOfThePackageFileStay()
@@ -456,6 +580,8 @@ private slots:
     }
 
 private:
+    static QStringList flushed(const char* names) { return QString::fromLatin1(names).split(QLatin1Char(' ')); }
+
     /** Stages what is pending, and commits in a process that ends when it comes to a system call. */
     void commitUntil(int systemCall)
     {
