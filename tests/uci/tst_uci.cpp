@@ -291,6 +291,27 @@ private slots:
         QCOMPARE(QByteArray(ptr.s->type), QByteArray("interface"));
         QCOMPARE(QByteArray(ptr.o->v.string), QByteArray("10.0.0.1"));
     }
+
+    /** The names of these places are those of the elements, and go with them. */
+    void aPlaceFoundOtherwiseNamesNothingWhenItsElementIsGone_data()
+    {
+        QTest::addColumn<QByteArray>("place");
+        QTest::addColumn<bool>("byHandle");
+        QTest::addColumn<QByteArray>("section");
+        QTest::newRow("an option by handle") << QByteArray("network.lan.ip") << true << QByteArray();
+        QTest::newRow("an option by handle, its section by name")
+            << QByteArray("network.lan.ip") << true << QByteArray("lan");
+        QTest::newRow("a section by handle") << QByteArray("network.lan") << true << QByteArray();
+        QTest::newRow("a section by string") << QByteArray("network.@route[0]") << false << QByteArray();
+    }
+
+    void aPlaceFoundOtherwiseNamesNothingWhenItsElementIsGone()
+    {
+        for (int reverted = 0; reverted < 2; ++reverted) {
+            init();
+            goOnWithAPlaceThatIsGone(reverted != 0);
+        }
+    }
 #endif
 
     void theStagedChangesAreListed()
@@ -545,6 +566,31 @@ private slots:
     }
 
 private:
+    void goOnWithAPlaceThatIsGone(bool reverted)
+    {
+        QFETCH(QByteArray, place);
+        QFETCH(bool, byHandle);
+        QFETCH(QByteArray, section);
+        uci_ptr ptr;
+        QByteArray string = place;
+        QCOMPARE(uci_lookup_ptr(m_context.data(), &ptr, string.data(), true), int(UCI_OK));
+        if (byHandle) {
+            const uci_ptr found = ptr;
+            ptr = uci_ptr();
+            ptr.s = found.o ? nullptr : found.s;
+            ptr.o = found.o;
+            ptr.section = section.isNull() ? nullptr : section.constData();
+        }
+        QCOMPARE(reverted ? uci_revert(m_context.data(), &ptr) : uci_delete(m_context.data(), &ptr), int(UCI_OK));
+        ptr.value = "other";
+        QCOMPARE(uci_delete(m_context.data(), &ptr), int(UCI_ERR_NOTFOUND));
+        QCOMPARE(uci_rename(m_context.data(), &ptr), int(UCI_ERR_NOTFOUND));
+        uci_package* package = uci_lookup_package(m_context.data(), "network");
+        const bool sectionIsDeleted = !reverted && place == "network.lan";
+        QCOMPARE(!uci_lookup_section(m_context.data(), package, "lan"), sectionIsDeleted);
+        QVERIFY(!uci_lookup_section(m_context.data(), package, "other"));
+    }
+
     static void wordsRow(const char* name, const QByteArray& input, const QList<QByteArray>& words)
     {
         QTest::newRow(name) << input << words;

@@ -70,6 +70,12 @@ const int renameCall = SYS_rename;
 const int renameCall = SYS_renameat;
 #endif
 
+#if defined(SYS_fchown32)
+const int changeOwnerCall = SYS_fchown32;
+#else
+const int changeOwnerCall = SYS_fchown;
+#endif
+
 /** Where a call of ftruncate() has the size: 32-bit ARM passes 64-bit arguments in pairs of registers. */
 #if defined(__arm__)
 const int truncatedSize = 2;
@@ -354,6 +360,78 @@ private slots:
         QCOMPARE(after.st_mode, before.st_mode);
         QCOMPARE(after.st_uid, before.st_uid);
         QCOMPARE(after.st_gid, before.st_gid);
+    }
+
+    void anOwnerThatCannotBeKeptFailsTheCommit()
+    {
+        const QByteArray file = QFile::encodeName(m_store->configFile("network"));
+        if (chown(file.constData(), 12, 34) < 0) {
+            QCOMPARE(errno, EINVAL); /* in a user namespace only the own user exists */
+            return;
+        }
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        commitFailing(changeOwnerCall, EPERM);
+        QCOMPARE(m_store->config("network"), QByteArray(first));
+        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.ip='2'\n"));
+        QCOMPARE(
+            QDir(m_directory->filePath(QLatin1String("config"))).entryList(QDir::Files | QDir::Hidden).size(), 1);
+        struct stat status;
+        QCOMPARE(stat(file.constData(), &status), 0);
+        QCOMPARE(int(status.st_uid), 12);
+    }
+
+    void stagedLinesWithNulBytesAreRefusedAndKeepARevertFromTakingAnythingBack_data()
+    {
+        QTest::addColumn<QByteArray>("line");
+        QTest::newRow("in a value") << QByteArray("network.lan.b='2\0003'\n", 20);
+        QTest::newRow("in the section") << QByteArray("network.lan\0.b='2'\n", 19);
+        QTest::newRow("before the line") << QByteArray("\0network.lan.b='2'\n", 19);
+        QTest::newRow("behind the value") << QByteArray("network.lan.b='2'\0\n", 19);
+        QTest::newRow("nothing else") << QByteArray("\0\0\0\n", 4);
+    }
+
+    void stagedLinesWithNulBytesAreRefusedAndKeepARevertFromTakingAnythingBack()
+    {
+        QFETCH(QByteArray, line);
+        const QByteArray staged = "network.lan.a='1'\n" + line + "network.lan.c='3'\n";
+        m_store->writeStaged("network", staged);
+        QCOMPARE(m_store->value("network.lan.a"), QByteArray("1"));
+        QVERIFY(m_store->value("network.lan.b").isNull());
+        QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
+        QCOMPARE(m_store->revert("network"), int(UCI_OK));
+        QCOMPARE(m_store->staged("network"), staged);
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"),
+            QByteArray("\nconfig interface 'lan'\n\toption ip '1'\n\toption a '1'\n\toption c '3'\n\n"));
+    }
+
+    void aCommitThatOverwritesDoesNotWriteANameThatCannotBeRead_data()
+    {
+        QTest::addColumn<QByteArray>("section");
+        QTest::addColumn<QByteArray>("option");
+        QTest::addColumn<QByteArray>("value");
+        QTest::newRow("an option") << QByteArray("lan") << QByteArray("not a name") << QByteArray("1");
+        QTest::newRow("a section") << QByteArray("not a name") << QByteArray() << QByteArray("interface");
+    }
+
+    void aCommitThatOverwritesDoesNotWriteANameThatCannotBeRead()
+    {
+        QFETCH(QByteArray, section);
+        QFETCH(QByteArray, option);
+        QFETCH(QByteArray, value);
+        QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        uci_package* package = uci_lookup_package(m_store->context(), "network");
+        uci_ptr ptr = uci_ptr();
+        ptr.p = package;
+        ptr.section = section.constData();
+        ptr.option = option.isNull() ? nullptr : option.constData();
+        ptr.value = value.constData();
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
+        QCOMPARE(uci_commit(m_store->context(), &package, true), int(UCI_ERR_INVAL));
+        QCOMPARE(m_store->config("network"), QByteArray(first));
+        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.ip='2'\n"));
     }
 
     void aCommitThatEndedBeforeTheChangesWereEmptiedIsNotRepeatedByTheNextChange()
