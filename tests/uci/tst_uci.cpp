@@ -314,6 +314,38 @@ private slots:
     }
 #endif
 
+    /** The made name is in use before anybody knows what another program adds meanwhile. */
+    void sectionsThatTwoProgramsAddAtOnce_data()
+    {
+        QTest::addColumn<bool>("named");
+        QTest::addColumn<QByteArray>("added");
+        QTest::newRow("without names, they become one")
+            << false << QByteArray("config route\n\toption via 'theirs'\n\n");
+        QTest::newRow("with names of their own, they stay two")
+            << true
+            << QByteArray("config route 'ours'\n\toption via 'ours'\n\n"
+                          "config route 'theirs'\n\toption via 'theirs'\n\n");
+    }
+
+    void sectionsThatTwoProgramsAddAtOnce()
+    {
+        QFETCH(bool, named);
+        QFETCH(QByteArray, added);
+        const QByteArray before = "config route\n\toption via 'lan'\n\n";
+        QScopedPointer<uci_context, FreeContext> other(uci_alloc_context());
+        uci_set_confdir(other.data(), path("config").constData());
+        uci_set_savedir(other.data(), path("save").constData());
+        uci_package* theirs = nullptr;
+        QCOMPARE(uci_load(other.data(), "network", &theirs), int(UCI_OK));
+        uci_package* ours = load("network");
+        addRoute(ours, "ours", named);
+        addRoute(theirs, "theirs", named);
+        QCOMPARE(uci_commit(m_context.data(), &ours, false), int(UCI_OK));
+        QCOMPARE(uci_commit(other.data(), &theirs, false), int(UCI_OK));
+        const QByteArray file = read("config/network");
+        QCOMPARE(file.mid(file.indexOf(before) + before.size()), added);
+    }
+
     void theStagedChangesAreListed()
     {
         uci_package* package = load("network");
@@ -566,6 +598,23 @@ private slots:
     }
 
 private:
+    /** Adds a section with one option, which has the value @a via. */
+    static void addRoute(uci_package* package, const char* via, bool named)
+    {
+        uci_ptr ptr = uci_ptr();
+        ptr.p = package;
+        ptr.section = via;
+        ptr.value = "route";
+        if (named)
+            QCOMPARE(uci_set(package->ctx, &ptr), int(UCI_OK));
+        else
+            QCOMPARE(uci_add_section(package->ctx, package, "route", &ptr.s), int(UCI_OK));
+        ptr.section = ptr.s->e.name;
+        ptr.option = "via";
+        ptr.value = via;
+        QCOMPARE(uci_set(package->ctx, &ptr), int(UCI_OK));
+    }
+
     void goOnWithAPlaceThatIsGone(bool reverted)
     {
         QFETCH(QByteArray, place);
