@@ -34,17 +34,14 @@ static int lock(int fd, int operation)
     return result;
 }
 
-/* Whether the path still leads to the open file, which another process may have replaced before it was locked. */
-static bool is_current(const struct stat* opened, const char* path)
+static bool is_same_file(const struct stat* one, const struct stat* other)
 {
-    struct stat now;
-
-    return stat(path, &now) == 0 && now.st_dev == opened->st_dev && now.st_ino == opened->st_ino;
+    return one->st_dev == other->st_dev && one->st_ino == other->st_ino;
 }
 
 static int open_locked(struct locked_file* file, const char* path, int flags, unsigned mode, int operation)
 {
-    struct stat opened;
+    struct stat opened, now;
 
     file->made = false;
     for (;;) {
@@ -62,8 +59,11 @@ static int open_locked(struct locked_file* file, const char* path, int flags, un
             file_close(file);
             return UCI_ERR_IO;
         }
-        if (is_current(&opened, path))
+        /* Another process may have replaced it before it was locked. */
+        if (stat(path, &now) == 0 && is_same_file(&opened, &now)) {
+            file->size = (unsigned long long)now.st_size;
             return UCI_OK;
+        }
         file_close(file);
     }
 }
@@ -87,10 +87,11 @@ int file_open_exclusive(struct locked_file* file, const char* path, unsigned mod
 
 void file_remove_made(const struct locked_file* file, const char* path)
 {
-    struct stat status;
+    struct stat opened, now;
     char* real_path = file->made ? realpath(path, NULL) : NULL; /* of a link that led nowhere the link stays */
 
-    if (real_path && fstat(file->fd, &status) == 0 && status.st_size == 0 && is_current(&status, real_path))
+    if (real_path && fstat(file->fd, &opened) == 0 && stat(real_path, &now) == 0 && now.st_size == 0 &&
+        is_same_file(&opened, &now))
         unlink(real_path);
     free(real_path);
 }
@@ -136,14 +137,10 @@ static bool write_fully(int fd, const char* data, size_t size)
 
 int file_read(const struct locked_file* file, struct text* text)
 {
-    struct stat status;
-
     memset(text, 0, sizeof(*text));
-    if (fstat(file->fd, &status) < 0)
-        return UCI_ERR_IO;
-    if (status.st_size >= PTRDIFF_MAX) /* on 32-bit boards files may be larger than all memory */
+    if (file->size >= PTRDIFF_MAX) /* on 32-bit boards files may be larger than all memory */
         return UCI_ERR_MEM;
-    size_t size = (size_t)status.st_size;
+    size_t size = (size_t)file->size;
     text->data = malloc(size + 1);
     if (!text->data)
         return UCI_ERR_MEM;

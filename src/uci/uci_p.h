@@ -217,8 +217,9 @@ int finish(struct uci_context* ctx, int result);
 /* An open file, locked until it is closed. */
 struct locked_file
 {
-    int fd;    /* -1 if none is open */
-    bool made; /* it was not there before */
+    int fd;                  /* -1 if none is open */
+    unsigned long long size; /* when it was locked */
+    bool made;               /* it was not there before */
 };
 
 /* Opens for reading with a shared lock. UCI_ERR_NOTFOUND: there is no such regular file. */
@@ -232,7 +233,7 @@ void file_remove_made(const struct locked_file* file, const char* path);
 
 void file_close(struct locked_file* file);
 
-/* Reads a whole file. */
+/* Reads a whole file, as long as it was when it was locked. */
 int file_read(const struct locked_file* file, struct text* text);
 
 /* Appends to a file, on a line of its own, and flushes it; on failure the file is as before. */
