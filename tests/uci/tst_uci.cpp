@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+Q_DECLARE_METATYPE(QList<QByteArray>)
+
 namespace {
 
 const char text[] = "package network\n"
