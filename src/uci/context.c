@@ -134,7 +134,7 @@ void uci_perror(struct uci_context* ctx, const char* prefix)
 
 /* ---- directories ---- */
 
-static int set_directory(struct uci_context* ctx, char** directory, const char* dir)
+static int set_directory(char** directory, const char* dir)
 {
     if (!dir)
         return UCI_ERR_INVAL;
@@ -143,18 +143,17 @@ static int set_directory(struct uci_context* ctx, char** directory, const char* 
         return UCI_ERR_MEM;
     free(*directory);
     *directory = copy;
-    (void)ctx;
     return UCI_OK;
 }
 
 int uci_set_confdir(struct uci_context* ctx, const char* dir)
 {
-    return finish(ctx, ctx ? set_directory(ctx, &ctx->confdir, dir) : UCI_ERR_INVAL);
+    return finish(ctx, ctx ? set_directory(&ctx->confdir, dir) : UCI_ERR_INVAL);
 }
 
 int uci_set_conf2dir(struct uci_context* ctx, const char* dir)
 {
-    return finish(ctx, ctx ? set_directory(ctx, &ctx->conf2dir, dir) : UCI_ERR_INVAL);
+    return finish(ctx, ctx ? set_directory(&ctx->conf2dir, dir) : UCI_ERR_INVAL);
 }
 
 static struct uci_element* find_directory(const struct uci_list* list, const char* dir)
@@ -177,7 +176,7 @@ int uci_set_savedir(struct uci_context* ctx, const char* dir)
         list_remove(&known->list);
         list_append(&ctx->delta_path, &known->list);
     }
-    return finish(ctx, set_directory(ctx, &ctx->savedir, dir));
+    return finish(ctx, set_directory(&ctx->savedir, dir));
 }
 
 int uci_add_delta_path(struct uci_context* ctx, const char* dir)

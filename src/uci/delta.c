@@ -68,17 +68,28 @@ static bool is_mark(const struct words* words)
     return left >= sizeof(mark) - 1 && memcmp(words->position, mark, sizeof(mark) - 1) == 0;
 }
 
-enum delta_result delta_next(struct words* words, const char* package, struct delta_line* line)
+static void skip_marks(struct words* words)
 {
-    words->line_over = false;
-    words->unterminated = false;
     while (is_mark(words))
         words_skip_line(words);
+}
+
+/* Whether the latest line goes on behind the end of the text. */
+static bool is_torn(const struct words* words)
+{
+    return words->unterminated || words->continued;
+}
+
+enum delta_result delta_next(struct words* words, const char* package, struct delta_line* line)
+{
+    skip_marks(words);
     words->line_over = false;
+    words->unterminated = 0;
+    words->continued = false;
     if (words->position == words->end)
         return DELTA_END;
     char* word = words_next(words);
-    bool whole = at_end_of_line(words) && !words->unterminated && *word;
+    bool whole = at_end_of_line(words) && !is_torn(words) && *word;
     return whole && parse_line(word, package, line) ? DELTA_LINE : DELTA_REFUSED;
 }
 
@@ -137,18 +148,20 @@ void delta_write(
     text_append_string(text, misleading ? " \n" : "\n");
 }
 
-size_t delta_whole_size(struct text* text, const char* package)
+size_t delta_whole_size(struct text* text)
 {
     struct words words = {.position = text->data, .end = text->data + text->size};
     struct delta_line line;
-    char* begin = words.position;
 
-    while (delta_next(&words, package, &line) != DELTA_END) {
-        if (words.unterminated)
-            return (size_t)(begin - text->data);
-        begin = words.position;
+    for (;;) {
+        /* A mark tells of the lines before it, and stays. */
+        skip_marks(&words);
+        size_t begin = (size_t)(words.position - text->data);
+        if (delta_next(&words, "", &line) == DELTA_END)
+            return text->size;
+        if (is_torn(&words))
+            return begin;
     }
-    return text->size;
 }
 
 /* ---- marks of interrupted commits ---- */

@@ -34,18 +34,16 @@ static int lock(int fd, int operation)
     return result;
 }
 
-/* Whether the path still leads to the open file, which another process may have replaced before it was locked. */
-static bool is_current(const struct stat* opened, const char* path)
+static bool is_same_file(const struct stat* one, const struct stat* other)
 {
-    struct stat now;
-
-    return stat(path, &now) == 0 && now.st_dev == opened->st_dev && now.st_ino == opened->st_ino;
+    return one->st_dev == other->st_dev && one->st_ino == other->st_ino;
 }
 
 static int open_locked(struct locked_file* file, const char* path, int flags, unsigned mode, int operation)
 {
-    struct stat opened;
+    struct stat opened, now;
 
+    file->made = false;
     for (;;) {
         /* Not blocking, so that a FIFO in the place of the file holds nobody up. */
         file->fd = open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, (mode_t)mode);
@@ -61,8 +59,11 @@ static int open_locked(struct locked_file* file, const char* path, int flags, un
             file_close(file);
             return UCI_ERR_IO;
         }
-        if (is_current(&opened, path))
+        /* Another process may have replaced it before it was locked. */
+        if (stat(path, &now) == 0 && is_same_file(&opened, &now)) {
+            file->size = (unsigned long long)now.st_size;
             return UCI_OK;
+        }
         file_close(file);
     }
 }
@@ -75,11 +76,24 @@ int file_open_shared(struct locked_file* file, const char* path)
 int file_open_exclusive(struct locked_file* file, const char* path, unsigned mode)
 {
     struct stat there;
+    bool is_there = stat(path, &there) == 0;
 
-    if (stat(path, &there) == 0 && !S_ISREG(there.st_mode))
+    if (is_there && !S_ISREG(there.st_mode))
         return UCI_ERR_NOTFOUND;
     int result = open_locked(file, path, O_RDWR | O_APPEND | O_CREAT, mode, LOCK_EX);
+    file->made = result == UCI_OK && !is_there;
     return result == UCI_OK ? UCI_OK : UCI_ERR_IO;
+}
+
+void file_remove_made(const struct locked_file* file, const char* path)
+{
+    struct stat opened, now;
+    char* real_path = file->made ? realpath(path, NULL) : NULL; /* of a link that led nowhere the link stays */
+
+    if (real_path && fstat(file->fd, &opened) == 0 && stat(real_path, &now) == 0 && now.st_size == 0 &&
+        is_same_file(&opened, &now))
+        unlink(real_path);
+    free(real_path);
 }
 
 void file_close(struct locked_file* file)
@@ -123,12 +137,10 @@ static bool write_fully(int fd, const char* data, size_t size)
 
 int file_read(const struct locked_file* file, struct text* text)
 {
-    struct stat status;
-
     memset(text, 0, sizeof(*text));
-    if (fstat(file->fd, &status) < 0)
-        return UCI_ERR_IO;
-    size_t size = (size_t)status.st_size;
+    if (file->size >= PTRDIFF_MAX) /* on 32-bit boards files may be larger than all memory */
+        return UCI_ERR_MEM;
+    size_t size = (size_t)file->size;
     text->data = malloc(size + 1);
     if (!text->data)
         return UCI_ERR_MEM;
@@ -151,7 +163,8 @@ int file_truncate(const struct locked_file* file, size_t size)
     return result == 0 && fdatasync(file->fd) == 0 ? UCI_OK : UCI_ERR_IO;
 }
 
-bool file_ends_within_line(const struct locked_file* file)
+/* Whether a file ends within a line, as it does when a writer was killed or somebody edited it. */
+static bool ends_within_line(const struct locked_file* file)
 {
     struct stat status;
     char last;
@@ -167,7 +180,7 @@ int file_append(const struct locked_file* file, const struct text* text)
 
     if (fstat(file->fd, &status) < 0)
         return UCI_ERR_IO;
-    bool done = !file_ends_within_line(file) || write_fully(file->fd, "\n", 1);
+    bool done = !ends_within_line(file) || write_fully(file->fd, "\n", 1);
     done = done && write_fully(file->fd, text->data, text->size) && fdatasync(file->fd) == 0;
     if (!done)
         file_truncate(file, (size_t)status.st_size);
@@ -241,7 +254,7 @@ int file_write_beside(
     return UCI_OK;
 }
 
-static void flush_directory_of(const char* path)
+void file_flush_directory(const char* path)
 {
     char* directory = strdup(path);
 
@@ -261,7 +274,7 @@ int file_replace(struct replacement* replacement)
 {
     if (rename(replacement->new_path, replacement->path) < 0)
         return UCI_ERR_IO;
-    flush_directory_of(replacement->path);
+    file_flush_directory(replacement->path);
     free(replacement->new_path);
     replacement->new_path = NULL;
     return UCI_OK;

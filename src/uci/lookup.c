@@ -35,11 +35,18 @@ int place_parse(struct uci_ptr* ptr, char* text)
     return UCI_OK;
 }
 
+/* A malformed string has no line; the place of an earlier error in a file is not that of this one. */
+static int parse_string(struct uci_context* ctx, struct uci_ptr* ptr, char* str)
+{
+    ctx->pctx->reason = NULL;
+    return place_parse(ptr, str);
+}
+
 int uci_parse_ptr(struct uci_context* ctx, struct uci_ptr* ptr, char* str)
 {
     if (!ctx || !ptr || !str)
         return finish(ctx, UCI_ERR_INVAL);
-    return finish(ctx, place_parse(ptr, str));
+    return finish(ctx, parse_string(ctx, ptr, str));
 }
 
 /* ---- finding ---- */
@@ -150,7 +157,7 @@ static int resolve_extended(struct uci_ptr* ptr)
 
 static int resolve_string(struct uci_context* ctx, struct uci_ptr* ptr, char* str, bool extended)
 {
-    int result = place_parse(ptr, str);
+    int result = parse_string(ctx, ptr, str);
 
     if (result == UCI_OK)
         result = resolve_package(ctx, ptr);

@@ -55,7 +55,7 @@ static void print_usage(FILE* stream)
         "Options:\n"
         "    -c <path>  the directory of the packages (default: " UCI_CONFDIR ")\n"
         "    -C <path>  the directory of packages that go before those (default: " UCI_CONF2DIR ")\n"
-        "    -d <text>  what to print between the items of lists\n"
+        "    -d <text>  what get prints between the items of lists\n"
         "    -f <file>  the file to import from (default: standard input)\n"
         "    -m         merge what is imported into the package\n"
         "    -n         print unnamed sections by their made names when exporting\n"
@@ -157,7 +157,7 @@ struct type_counter
     unsigned count;
 };
 
-/* Types sorted by name would need no table; packages have few, and their number of sections is what counts. */
+/* All sections are counted in one pass: counting anew for each would take the square of their number. */
 struct type_counters
 {
     struct type_counter* slot;
@@ -231,6 +231,12 @@ static void show_package(const struct options* options, const struct uci_package
         show_section(options, s, next_index(&counters, s->type));
     }
     free(counters.slot);
+}
+
+/* Whether a package can be named so: "a.b" is a section of a, "a=b" has a value, and no path is a name. */
+static bool is_package_name(const char* name)
+{
+    return uci_validate_text(name) && !strpbrk(name, "./=");
 }
 
 /* ---- commands that look ---- */
@@ -495,12 +501,6 @@ static int replace(struct uci_context* ctx, const struct options* options, FILE*
     return result;
 }
 
-/* A name from the command line becomes a file's, so that it may not be a path. */
-static bool is_package_name(const char* name)
-{
-    return uci_validate_text(name) && *name != '.' && !strpbrk(name, "/=");
-}
-
 static int run_import(struct uci_context* ctx, const struct options* options, int argc, char** argv)
 {
     char* name = argc ? argv[0] : NULL;
@@ -546,7 +546,8 @@ static const struct command* find_command(const char* name)
     return NULL;
 }
 
-/* Runs a command for each package; one that cannot be read does not keep the others from their turn. */
+/* Runs a command for each package; one that cannot be read does not keep the others from their turn. What is no
+ * package's name may be an editor's copy. */
 static int run_for_all(struct uci_context* ctx, const struct options* options, const struct command* command)
 {
     char** list;
@@ -555,7 +556,7 @@ static int run_for_all(struct uci_context* ctx, const struct options* options, c
     if (uci_list_configs(ctx, &list) != UCI_OK)
         return report(ctx, options);
     for (char** name = list; *name; name++)
-        if (command->run(ctx, options, 1, name))
+        if (is_package_name(*name) && command->run(ctx, options, 1, name))
             result = EXIT_FAILED;
     free(list);
     return result;

@@ -89,6 +89,45 @@ int staged_apply(struct uci_package* p, struct staged* staged, size_t* applied)
     return result == UCI_OK && staged->text.size ? delta_apply(p, &staged->text, staged->begin, applied) : result;
 }
 
+/* ---- appending ---- */
+
+/*
+ * Cuts off what a killed writer left of a change, if it would swallow what is appended, and gives the size of the
+ * rest. The whole file is read for that: a newline at its end may be one of a value.
+ */
+static int drop_torn_line(const struct locked_file* file, size_t* whole)
+{
+    struct text text;
+    int result = file_read(file, &text);
+
+    if (result != UCI_OK)
+        return result;
+    size_t size = text.size;
+    *whole = delta_whole_size(&text);
+    text_free(&text);
+    return *whole < size ? file_truncate(file, *whole) : UCI_OK;
+}
+
+void staged_mark(struct staged* staged, struct fingerprint committed)
+{
+    struct text mark = {NULL, 0, 0, false};
+
+    if (staged->file.fd < 0)
+        return;
+    staged->whole = staged->text.size;
+    delta_write_mark(&mark, committed);
+    /* Without room for the mark the commit goes on: it is what makes room. */
+    if (!mark.failed && drop_torn_line(&staged->file, &staged->whole) == UCI_OK)
+        file_append(&staged->file, &mark);
+    text_free(&mark);
+}
+
+void staged_settle(struct staged* staged, bool committed)
+{
+    if (staged->file.fd >= 0)
+        file_truncate(&staged->file, committed ? 0 : staged->whole);
+}
+
 /* ---- staging ---- */
 
 /* A missing staging directory is made as open to others as the configuration directory is. */
@@ -101,31 +140,16 @@ static void make_staging_directory(const struct uci_context* ctx)
         mkdir(ctx->savedir, mode); /* if that fails, so does opening the file in it */
 }
 
-/* A new file of changes is as open to others as the package file, whose values it repeats. */
+/* A new file of changes is as open to others as the package file, whose values it repeats: that of the
+ * configuration directory as it is by now, or that of the directory that goes before. */
 static unsigned staging_mode(const struct uci_package* p)
 {
     struct stat status;
-    char* path = path_join(p->ctx->confdir, p->e.name);
+    char* path = p->uses_conf2 ? strdup(p->path) : path_join(p->ctx->confdir, p->e.name);
     unsigned mode = path && stat(path, &status) == 0 ? status.st_mode & 0777 : UCI_FILEMODE;
 
     free(path);
     return mode;
-}
-
-/* Cuts off what a killed writer left of a value: its open quote would swallow what is appended. */
-static int drop_torn_line(const struct locked_file* file, const struct uci_package* p)
-{
-    struct text text;
-
-    if (!file_ends_within_line(file))
-        return UCI_OK;
-    int result = file_read(file, &text);
-    if (result != UCI_OK)
-        return result;
-    size_t size = text.size;
-    size_t whole = delta_whole_size(&text, p->e.name);
-    text_free(&text);
-    return whole < size ? file_truncate(file, whole) : UCI_OK;
 }
 
 static int append_pending(const struct uci_package* p)
@@ -133,6 +157,7 @@ static int append_pending(const struct uci_package* p)
     struct text text = {NULL, 0, 0, false};
     struct locked_file file;
     struct uci_element* e;
+    size_t whole;
 
     make_staging_directory(p->ctx);
     uci_foreach_element(&p->delta, e)
@@ -145,9 +170,11 @@ static int append_pending(const struct uci_package* p)
     if (result == UCI_OK && file_open_exclusive(&file, path, staging_mode(p)) != UCI_OK)
         result = UCI_ERR_IO;
     if (result == UCI_OK) {
-        result = drop_torn_line(&file, p);
+        result = drop_torn_line(&file, &whole);
         if (result == UCI_OK)
             result = file_append(&file, &text);
+        if (result == UCI_OK && file.made)
+            file_flush_directory(path);
         file_close(&file);
     }
     free(path);

@@ -174,33 +174,24 @@ int uci_unload(struct uci_context* ctx, struct uci_package* p)
 
 /* ---- committing ---- */
 
-/*
- * Writes a package into its open file. The staged changes are emptied after that, and say before that they are
- * about to be: if the process ends in between, the next reader recognises the package file and does not apply them
- * again.
- */
+/* Writes a package into its open file. The staged changes are emptied after that, and marked before. */
 static int write_and_empty(const struct uci_package* p, const struct locked_file* file, struct staged* staged)
 {
     struct text text = {NULL, 0, 0, false};
-    struct text mark = {NULL, 0, 0, false};
     struct replacement replacement;
     int result = write_package(p, false, &text);
 
     if (result == UCI_OK)
         result = file_write_beside(&replacement, file, p->path, &text);
     if (result == UCI_OK) {
-        bool is_staged = staged && staged->file.fd >= 0;
-        delta_write_mark(&mark, fingerprint_of(text.data, text.size));
-        /* Without room for the mark the commit goes on: it is what makes room. */
-        if (is_staged && !mark.failed)
-            file_append(&staged->file, &mark);
+        if (staged)
+            staged_mark(staged, fingerprint_of(text.data, text.size));
         result = file_replace(&replacement);
-        if (is_staged)
-            file_truncate(&staged->file, result == UCI_OK ? 0 : staged->text.size);
+        if (staged)
+            staged_settle(staged, result == UCI_OK);
         replacement_free(&replacement);
     }
     text_free(&text);
-    text_free(&mark);
     return result;
 }
 
@@ -285,6 +276,8 @@ static int commit_first(struct uci_package* p)
     p->path = path;
     if (result == UCI_OK) {
         result = write_and_empty(p, &file, NULL);
+        if (result != UCI_OK)
+            file_remove_made(&file, path);
         file_close(&file);
     }
     p->has_delta = result == UCI_OK;
@@ -311,6 +304,8 @@ static int commit(struct uci_package** package, bool overwrite)
         result = commit_as_it_is(p, &file);
     else
         result = commit_merged(package, &file);
+    if (result != UCI_OK && *package)
+        file_remove_made(&file, (*package)->path);
     file_close(&file);
     return result;
 }

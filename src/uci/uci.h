@@ -231,8 +231,8 @@ UCI_EXPORT void uci_free_context(struct uci_context* ctx);
 UCI_EXPORT void uci_perror(struct uci_context* ctx, const char* prefix);
 
 /**
- * Gives the text of the latest error of @a ctx, after @a prefix if it is not null; for a parse error with reason,
- * line and byte. With @a dest null it is printed on the standard error stream.
+ * Gives the text of the latest error of @a ctx, after @a prefix if it is not null; for a parse error in
+ * a file with reason and line. With @a dest null it is printed on the standard error stream.
  * @param dest receives a string to be freed with free(), null when memory is out.
  */
 UCI_EXPORT void uci_get_errorstr(struct uci_context* ctx, char** dest, const char* prefix);
@@ -306,7 +306,10 @@ UCI_EXPORT int uci_add_list(struct uci_context* ctx, struct uci_ptr* ptr);
  */
 UCI_EXPORT int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr);
 
-/** Moves @a s to position @a pos among its package's sections, counted from 0; beyond either end is the end. */
+/**
+ * Moves @a s to position @a pos among its package's sections, counted from 0; a number below 0 is the front, one
+ * that is too large the end.
+ */
 UCI_EXPORT int uci_reorder_section(struct uci_context* ctx, struct uci_section* s, int pos);
 
 /** Gives the section or option @a ptr the name in its value. @return UCI_ERR_NOTFOUND if it is missing. */
@@ -360,8 +363,10 @@ UCI_EXPORT int uci_revert(struct uci_context* ctx, struct uci_ptr* ptr);
 /**
  * Reads one word, with quotes and backslashes as in package files.
  * @param stream where to read further lines from if a word does not end on the first; may be null.
- * @param str the text, moved on behind the word; with *@a str null a line of @a stream is read first.
+ * @param str the text, moved on behind the word; with *@a str null a line of @a stream is read first. If lines
+ * were read, it is moved to what is left of the last one, which is valid until the next call.
  * @param result receives the word, which is valid until the next call; null at the end of the stream.
+ * @return UCI_ERR_PARSE for a quote that is not closed, and for a line of @a stream with a NUL byte.
  */
 UCI_EXPORT int uci_parse_argument(struct uci_context* ctx, FILE* stream, char** str, char** result);
 

@@ -115,7 +115,8 @@ struct words
     char* end;         /* a NUL byte follows the text */
     size_t line;       /* how many lines were passed */
     bool line_over;    /* no word can follow on this line */
-    bool unterminated; /* a quote was still open at the end of the text */
+    char unterminated; /* the quote that was still open at the end of the text, or 0 */
+    bool continued;    /* a backslash called for another line at the end of the text */
     bool separated;    /* the latest word was the empty one that ";" stands for */
 };
 
@@ -175,8 +176,11 @@ void delta_write(
     struct text* text, const struct uci_package* p, enum uci_command cmd, const char* section, const char* option,
     const char* value);
 
-/* How much of a text of staged changes, which is overwritten, is there before a quote that is never closed. */
-size_t delta_whole_size(struct text* text, const char* package);
+/*
+ * How much of a text of staged changes, which is overwritten, is there before a line that never ends: it would
+ * swallow what is appended, as its quote is open or a backslash calls for more.
+ */
+size_t delta_whole_size(struct text* text);
 
 /*
  * Where the lines begin that are not in the package file yet: behind the latest mark of a commit of this very file
@@ -213,7 +217,9 @@ int finish(struct uci_context* ctx, int result);
 /* An open file, locked until it is closed. */
 struct locked_file
 {
-    int fd; /* -1 if none is open */
+    int fd;                  /* -1 if none is open */
+    unsigned long long size; /* when it was locked */
+    bool made;               /* it was not there before */
 };
 
 /* Opens for reading with a shared lock. UCI_ERR_NOTFOUND: there is no such regular file. */
@@ -222,13 +228,13 @@ int file_open_shared(struct locked_file* file, const char* path);
 /* Opens for writing with an exclusive lock; makes the file with the given mode if there is none. */
 int file_open_exclusive(struct locked_file* file, const char* path, unsigned mode);
 
+/* Removes an open file again that opening has made, if nothing was put into its place. */
+void file_remove_made(const struct locked_file* file, const char* path);
+
 void file_close(struct locked_file* file);
 
-/* Reads a whole file. */
+/* Reads a whole file, as long as it was when it was locked. */
 int file_read(const struct locked_file* file, struct text* text);
-
-/* Whether a file ends within a line, as it does when a writer was killed or somebody edited it. */
-bool file_ends_within_line(const struct locked_file* file);
 
 /* Appends to a file, on a line of its own, and flushes it; on failure the file is as before. */
 int file_append(const struct locked_file* file, const struct text* text);
@@ -251,6 +257,9 @@ int file_write_beside(
 int file_replace(struct replacement* replacement);
 void replacement_free(struct replacement* replacement);
 
+/* Makes sure that a file that is new in its directory is found there after a power loss. */
+void file_flush_directory(const char* path);
+
 /* Gives directory and name joined with "/", or null when memory is out. */
 char* path_join(const char* directory, const char* name);
 
@@ -262,6 +271,7 @@ struct staged
     struct locked_file file; /* closed if there is none */
     struct text text;
     size_t begin; /* of the changes that are not in the package file yet */
+    size_t whole; /* how much there is but for the mark of a commit; set by staged_mark() */
 };
 
 char* staged_path(const struct uci_package* p);
@@ -273,6 +283,15 @@ int staged_open(
 
 /* Applies what is staged in all directories, and adds the number of lines that could be. */
 int staged_apply(struct uci_package* p, struct staged* staged, size_t* applied);
+
+/*
+ * Says in the file of changes that they are about to be emptied, as the package file has this fingerprint now or
+ * in a moment: if the process ends in between, the next reader recognises it and does not apply them again.
+ */
+void staged_mark(struct staged* staged, struct fingerprint committed);
+
+/* Empties the file of changes, or takes the mark out again if the package file could not be replaced. */
+void staged_settle(struct staged* staged, bool committed);
 
 void staged_close(struct staged* staged);
 

@@ -98,7 +98,7 @@ static char* copy_single_quoted(struct words* words, char* to)
     char* quote = memchr(from, '\'', (size_t)(words->end - from));
 
     count_lines(words, from, quote ? quote : words->end);
-    words->unterminated = !quote;
+    words->unterminated = quote ? 0 : '\'';
     words->position = quote ? quote + 1 : words->end;
     return copy_run(to, from, (size_t)((quote ? quote : words->end) - from));
 }
@@ -121,7 +121,7 @@ static char* copy_double_quoted(struct words* words, char* to)
         words->line += *from == '\n';
         *to++ = *from++;
     }
-    words->unterminated = from == end;
+    words->unterminated = from == end ? '"' : 0;
     words->position = from == end ? end : from + 1;
     return to;
 }
@@ -134,6 +134,7 @@ static char* copy_escaped(struct words* words, char* to)
     if (next_line) {
         words->line++;
         words->position = next_line;
+        words->continued = next_line == words->end;
         return to;
     }
     *to = words->position[1];

@@ -6,8 +6,9 @@
 
 #include <string>
 
-// The input is a file of staged changes. A package is loaded with them, committed, loaded again and reverted: the
-// file that the commit writes can be read, and what was loaded can be staged and taken back.
+// The input is a file of staged changes. A package is loaded with them, changed, committed, loaded again and
+// reverted: a change that is staged behind them is read, whatever they are, the file that the commit writes can be
+// read, and what was loaded can be taken back.
 
 namespace {
 
@@ -67,7 +68,19 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
     uci_context* context = store.newContext();
     uci_package* p = nullptr;
     require(uci_load(context, "p", &p) == UCI_OK);
+    uci_ptr added = uci_ptr();
+    added.p = p;
+    added.section = "added";
+    added.value = "t";
+    require(uci_set(context, &added) == UCI_OK);
     require(uci_save(context, p) == UCI_OK);
+
+    uci_context* other = store.newContext();
+    uci_package* read = nullptr;
+    require(uci_load(other, "p", &read) == UCI_OK);
+    require(uci_lookup_section(other, read, "added") != nullptr);
+    uci_free_context(other);
+
     require(uci_commit(context, &p, false) == UCI_OK);
     uci_free_context(context);
 

@@ -68,6 +68,13 @@ private slots:
         row("get a list with a separator", "-d , get network.lan.dns", "10.0.0.1,a b\n");
         row("changes, of which there are none", "changes", "");
         row("export a package", "export network", QByteArray("package network\n") + network);
+        row("export with made names", "-n export network",
+            QByteArray("package network\n") +
+                QByteArray(network)
+                    .replace("config route\n\toption via 'one'", "config route 'cfg02c8b4'\n\toption via 'one'")
+                    .replace("config route\n\toption via 'two'", "config route 'cfg03c8b4'\n\toption via 'two'"));
+        row("export without made names", "-n -N export network", QByteArray("package network\n") + network);
+        row("strict reading or not", "-s -S get network.@route[0]", "route\n");
         row("export all", "export",
             QByteArray("package network\n") + network +
                 "package system\n\nconfig system 'main'\n\toption name 'box'\n\n");
@@ -158,6 +165,8 @@ private slots:
         failRow("commit of a missing package", "commit none", "nuci: Entry not found\n");
         failRow("export of a section", "export network.lan", "nuci: Invalid argument\n");
         failRow("import to a path", "import ../network", "nuci: Invalid argument\n");
+        failRow("import to a section", "import network.lan", "nuci: Invalid argument\n");
+        failRow("import into a section", "-m import network.lan", "nuci: Invalid argument\n");
         failRow(
             "import from a missing file", "-f /nonexistent import network",
             "nuci: /nonexistent: No such file or directory\n");
@@ -270,6 +279,37 @@ private slots:
         QCOMPARE(run(words("show")), 1);
         QCOMPARE(m_output, QByteArray("network.x=t\nsystem.main=system\nsystem.main.name='box'\n"));
         QCOMPARE(m_errors, QByteArray("nuci: Parse error (invalid command) at line 1\n"));
+    }
+
+    /** "a.b" is the section b of the package a, and "a=b" a package with a value. */
+    void aFileWhoseNameIsNoPackageNameDoesNotHideTheOthers()
+    {
+        m_directory->writeFile(QLatin1String("config/network.bak"), network);
+        m_directory->writeFile(QLatin1String("config/network=old"), network);
+        QCOMPARE(run(words("show system.main")), 0);
+        const QByteArray system = m_output;
+        QFile::remove(m_directory->filePath(QLatin1String("config/network")));
+        QCOMPARE(run(words("show")), 0);
+        QCOMPARE(m_output, system);
+        QCOMPARE(m_errors, QByteArray());
+        QCOMPARE(run(words("set system.main.name=other")), 0);
+        QCOMPARE(run(words("commit")), 0);
+        QVERIFY(read("config/system").contains("\toption name 'other'\n"));
+    }
+
+    void aDirectoryOfPackagesGoesBefore()
+    {
+        m_directory->writeFile(QLatin1String("over/system"), "config system main\n\toption name over\n");
+        const QString over = m_directory->filePath(QLatin1String("over"));
+        const QStringList before = QStringList() << QLatin1String("-C") << over;
+        QCOMPARE(run(before + words("get system.main.name")), 0);
+        QCOMPARE(m_output, QByteArray("over\n"));
+        QCOMPARE(run(words("get system.main.name")), 0);
+        QCOMPARE(m_output, QByteArray("box\n"));
+        QCOMPARE(run(before + words("set system.main.name=other")), 0);
+        QCOMPARE(run(before + words("commit system")), 0);
+        QCOMPARE(read("over/system"), QByteArray("\nconfig system 'main'\n\toption name 'other'\n\n"));
+        QCOMPARE(read("config/system"), QByteArray("config system main\n\toption name box\n"));
     }
 
 private:

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+Q_DECLARE_METATYPE(QList<QByteArray>)
+
 namespace {
 
 const char text[] = "package network\n"
@@ -291,7 +293,60 @@ private slots:
         QCOMPARE(QByteArray(ptr.s->type), QByteArray("interface"));
         QCOMPARE(QByteArray(ptr.o->v.string), QByteArray("10.0.0.1"));
     }
+
+    /** The names of these places are those of the elements, and go with them. */
+    void aPlaceFoundOtherwiseNamesNothingWhenItsElementIsGone_data()
+    {
+        QTest::addColumn<QByteArray>("place");
+        QTest::addColumn<bool>("byHandle");
+        QTest::addColumn<QByteArray>("section");
+        QTest::newRow("an option by handle") << QByteArray("network.lan.ip") << true << QByteArray();
+        QTest::newRow("an option by handle, its section by name")
+            << QByteArray("network.lan.ip") << true << QByteArray("lan");
+        QTest::newRow("a section by handle") << QByteArray("network.lan") << true << QByteArray();
+        QTest::newRow("a section by string") << QByteArray("network.@route[0]") << false << QByteArray();
+    }
+
+    void aPlaceFoundOtherwiseNamesNothingWhenItsElementIsGone()
+    {
+        for (int reverted = 0; reverted < 2; ++reverted) {
+            init();
+            goOnWithAPlaceThatIsGone(reverted != 0);
+        }
+    }
 #endif
+
+    /** The made name is in use before anybody knows what another program adds meanwhile. */
+    void sectionsThatTwoProgramsAddAtOnce_data()
+    {
+        QTest::addColumn<bool>("named");
+        QTest::addColumn<QByteArray>("added");
+        QTest::newRow("without names, they become one")
+            << false << QByteArray("config route\n\toption via 'theirs'\n\n");
+        QTest::newRow("with names of their own, they stay two")
+            << true
+            << QByteArray("config route 'ours'\n\toption via 'ours'\n\n"
+                          "config route 'theirs'\n\toption via 'theirs'\n\n");
+    }
+
+    void sectionsThatTwoProgramsAddAtOnce()
+    {
+        QFETCH(bool, named);
+        QFETCH(QByteArray, added);
+        const QByteArray before = "config route\n\toption via 'lan'\n\n";
+        QScopedPointer<uci_context, FreeContext> other(uci_alloc_context());
+        uci_set_confdir(other.data(), path("config").constData());
+        uci_set_savedir(other.data(), path("save").constData());
+        uci_package* theirs = nullptr;
+        QCOMPARE(uci_load(other.data(), "network", &theirs), int(UCI_OK));
+        uci_package* ours = load("network");
+        addRoute(ours, "ours", named);
+        addRoute(theirs, "theirs", named);
+        QCOMPARE(uci_commit(m_context.data(), &ours, false), int(UCI_OK));
+        QCOMPARE(uci_commit(other.data(), &theirs, false), int(UCI_OK));
+        const QByteArray file = read("config/network");
+        QCOMPARE(file.mid(file.indexOf(before) + before.size()), added);
+    }
 
     void theStagedChangesAreListed()
     {
@@ -336,6 +391,148 @@ private slots:
         QCOMPARE(uci_parse_argument(m_context.data(), nullptr, &position, &word), int(UCI_OK));
         QCOMPARE(QByteArray(word), QByteArray("thr\"ee"));
     }
+
+#ifdef NBASE_OWN_UCI /* what libuci makes of these is nowhere written */
+    void wordsAreReadOutOfAStream_data()
+    {
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QList<QByteArray>>("words");
+        const QByteArray longWord(1000, 'x');
+        QByteArray manyLines;
+        for (int i = 0; i < 100000; ++i)
+            manyLines += "a\n";
+        wordsRow(
+            "lines", "one two\nthree\n",
+            QList<QByteArray>() << "one"
+                                << "three");
+        wordsRow("a line longer than a block", longWord + "\nnext\n", QList<QByteArray>() << longWord << "next");
+        wordsRow(
+            "no newline at the end", "one\ntwo",
+            QList<QByteArray>() << "one"
+                                << "two");
+        wordsRow(
+            "single quotes", "a'b\n\nc'd e\nnext\n",
+            QList<QByteArray>() << "ab\n\ncd"
+                                << "next");
+        wordsRow(
+            "double quotes", "a\"b\n'\\\"\\\nc\"d\nnext\n",
+            QList<QByteArray>() << "ab\n'\"cd"
+                                << "next");
+        wordsRow(
+            "a backslash", "a\\\nb\nnext\n",
+            QList<QByteArray>() << "ab"
+                                << "next");
+        wordsRow(
+            "a backslash before a blank", "a\\\n b\nnext\n",
+            QList<QByteArray>() << "a"
+                                << "next");
+        wordsRow("a backslash at the end", "a\\\n", QList<QByteArray>() << "a");
+        wordsRow(
+            "a backslash in a comment", "a # b\\\nnext\n",
+            QList<QByteArray>() << "a"
+                                << "next");
+        wordsRow("many lines", "'" + manyLines + "'\nnext\n", QList<QByteArray>() << manyLines << "next");
+    }
+
+    void wordsAreReadOutOfAStream()
+    {
+        QFETCH(QByteArray, input);
+        QFETCH(QList<QByteArray>, words);
+        FILE* stream = fmemopen(input.data(), size_t(input.size()), "r");
+        for (const QByteArray& expected : words) {
+            char* position = nullptr;
+            char* word = nullptr;
+            QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+            QCOMPARE(QByteArray(word), expected);
+        }
+        char* position = nullptr;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QVERIFY(!word);
+        std::fclose(stream);
+    }
+
+    void theRestOfALineFromAStreamIsReadOn()
+    {
+        char input[] = "'a\nb' two\n'three\nlines\nlong' four\n";
+        FILE* stream = fmemopen(input, sizeof(input) - 1, "r");
+        char* position = nullptr;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("a\nb"));
+        QByteArray rest(position);
+        position = rest.data();
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("two"));
+        position = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("three\nlines\nlong"));
+        QCOMPARE(QByteArray(position), QByteArray("four\n"));
+        std::fclose(stream);
+    }
+
+    void aWordThatIsGivenGoesOnInTheStream()
+    {
+        char input[] = "b' c\n";
+        FILE* stream = fmemopen(input, sizeof(input) - 1, "r");
+        QByteArray line("'a\n");
+        char* position = line.data();
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("a\nb"));
+        QCOMPARE(QByteArray(position), QByteArray("c\n"));
+        position = line.data();
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_ERR_PARSE));
+        QVERIFY(!word);
+        std::fclose(stream);
+    }
+
+    void aLineWithANulByteIsMalformed_data()
+    {
+        QTest::addColumn<QByteArray>("input");
+        QTest::newRow("at its beginning") << QByteArray("\0one\nnext\n", 10);
+        QTest::newRow("within a word") << QByteArray("on\0e\nnext\n", 10);
+        QTest::newRow("before its end") << QByteArray("one\0\nnext\n", 10);
+        QTest::newRow("on the second line of a word") << QByteArray("'o\nn\0e'\nnext\n", 13);
+    }
+
+    void aLineWithANulByteIsMalformed()
+    {
+        QFETCH(QByteArray, input);
+        FILE* stream = fmemopen(input.data(), size_t(input.size()), "r");
+        char* position = nullptr;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_ERR_PARSE));
+        QVERIFY(!word);
+        QVERIFY(!position);
+        QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+        QCOMPARE(QByteArray(word), QByteArray("next"));
+        std::fclose(stream);
+    }
+
+    /** The place of an error in a file says nothing about a string that is looked up later. */
+    void anErrorInAStringHasNoPlace()
+    {
+        m_directory->writeFile(QLatin1String("config/bad"), "rubbish\n");
+        uci_package* package = nullptr;
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error (invalid command) at line 1"));
+        char place[] = "network.lan.a-b";
+        uci_ptr ptr;
+        QCOMPARE(uci_lookup_ptr(m_context.data(), &ptr, place, true), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error"));
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        char other[] = "network.lan.a-b";
+        QCOMPARE(uci_parse_ptr(m_context.data(), &ptr, other), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error"));
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        char open[] = "'open";
+        char* position = open;
+        char* word = nullptr;
+        QCOMPARE(uci_parse_argument(m_context.data(), nullptr, &position, &word), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error"));
+    }
+#endif
 
     void typesAreTextWithoutBlanks()
     {
@@ -403,6 +600,53 @@ private slots:
     }
 
 private:
+    /** Adds a section with one option, which has the value @a via. */
+    static void addRoute(uci_package* package, const char* via, bool named)
+    {
+        uci_ptr ptr = uci_ptr();
+        ptr.p = package;
+        ptr.section = via;
+        ptr.value = "route";
+        if (named)
+            QCOMPARE(uci_set(package->ctx, &ptr), int(UCI_OK));
+        else
+            QCOMPARE(uci_add_section(package->ctx, package, "route", &ptr.s), int(UCI_OK));
+        ptr.section = ptr.s->e.name;
+        ptr.option = "via";
+        ptr.value = via;
+        QCOMPARE(uci_set(package->ctx, &ptr), int(UCI_OK));
+    }
+
+    void goOnWithAPlaceThatIsGone(bool reverted)
+    {
+        QFETCH(QByteArray, place);
+        QFETCH(bool, byHandle);
+        QFETCH(QByteArray, section);
+        uci_ptr ptr;
+        QByteArray string = place;
+        QCOMPARE(uci_lookup_ptr(m_context.data(), &ptr, string.data(), true), int(UCI_OK));
+        if (byHandle) {
+            const uci_ptr found = ptr;
+            ptr = uci_ptr();
+            ptr.s = found.o ? nullptr : found.s;
+            ptr.o = found.o;
+            ptr.section = section.isNull() ? nullptr : section.constData();
+        }
+        QCOMPARE(reverted ? uci_revert(m_context.data(), &ptr) : uci_delete(m_context.data(), &ptr), int(UCI_OK));
+        ptr.value = "other";
+        QCOMPARE(uci_delete(m_context.data(), &ptr), int(UCI_ERR_NOTFOUND));
+        QCOMPARE(uci_rename(m_context.data(), &ptr), int(UCI_ERR_NOTFOUND));
+        uci_package* package = uci_lookup_package(m_context.data(), "network");
+        const bool sectionIsDeleted = !reverted && place == "network.lan";
+        QCOMPARE(!uci_lookup_section(m_context.data(), package, "lan"), sectionIsDeleted);
+        QVERIFY(!uci_lookup_section(m_context.data(), package, "other"));
+    }
+
+    static void wordsRow(const char* name, const QByteArray& input, const QList<QByteArray>& words)
+    {
+        QTest::newRow(name) << input << words;
+    }
+
     QByteArray path(const char* name) const
     {
         return QFile::encodeName(m_directory->filePath(QLatin1String(name)));

@@ -95,7 +95,11 @@ public:
     /** The section, or null. */
     uci_section* section(const QString& package, const QString& section);
 
-    /** Adds a section without a name. @return the section with its generated name, or null. */
+    /**
+     * Adds a section without a name. Of two programs that do so at once both may get the same generated name, and
+     * the second one's options go into the first one's section: setSection() makes one with a name of its own.
+     * @return the section with its generated name, or null.
+     */
     uci_section* addSection(const QString& package, const QString& type);
 
     /** Makes the named section, or changes its type where it is there; an empty type removes it, a null one fails.
@@ -113,7 +117,10 @@ public:
     bool deleteSectionIfExists(const QString& package, const QString& section);
     /** @} */
 
-    /** Moves a section to @a position among the sections of its package; the first is 0. */
+    /**
+     * Moves a section to @a position among the sections of its package; the first is 0, as is a number below, and
+     * one that is too large is the last.
+     */
     bool reorder(const QString& package, const QString& section, int position);
 
     /** The sections of the type @a type in the order of the file. */
