@@ -206,6 +206,10 @@ private slots:
     void failingDeviceStops_data();
     void failingDeviceStops();
     void piecesOfADeviceMakeLines();
+    void lineBreakMayBeSplitBetweenReads_data();
+    void lineBreakMayBeSplitBetweenReads();
+    void byteAllOnesIsALetterOfAStandardStream();
+    void streamBufferOverADeviceIsReadToItsEnd();
     void deviceClosedUnderTheReaderIsAtItsEnd();
     void sequentialBufferIsReadToItsEnd();
     void openQuotesNeedNoMoreMemoryThanTheField();
@@ -698,6 +702,73 @@ void tst_NCsvFileReader::piecesOfADeviceMakeLines()
     QCOMPARE(
         records,
         Records() << fields("first|sec\nond") << (QStringList() << text("third") << QString(QChar(0xe9))));
+}
+
+void tst_NCsvFileReader::lineBreakMayBeSplitBetweenReads_data()
+{
+    QTest::addColumn<int>("pieceSize");
+    QTest::addColumn<int>("fieldSize");
+    for (int pieceSize = 1; pieceSize <= 4; ++pieceSize)
+        QTest::newRow(("pieces of " + QByteArray::number(pieceSize)).constData()) << pieceSize << 1;
+    // A QTextStream reads 16384 bytes at a time.
+    for (int fieldSize = 16384 - 4; fieldSize <= 16384; ++fieldSize)
+        QTest::newRow(("field of " + QByteArray::number(fieldSize)).constData()) << 1000000 << fieldSize;
+}
+
+void tst_NCsvFileReader::lineBreakMayBeSplitBetweenReads()
+{
+    QFETCH(int, pieceSize);
+    QFETCH(int, fieldSize);
+    const QByteArray field(fieldSize, 'x');
+    FailingDevice device(field + ",b\r\n\"c\r\nd\"\r\n\r\ne\r\n", -1, pieceSize);
+    NCsvFileReader reader(&device, NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(!reader.parseFile(records));
+    QCOMPARE(
+        records, Records() << (QStringList() << QString::fromLatin1(field) << text("b")) << fields("c\nd")
+                           << fields("") << fields("e"));
+}
+
+// Where char is signed, this byte is easily taken for the end of the text.
+void tst_NCsvFileReader::byteAllOnesIsALetterOfAStandardStream()
+{
+    const QString letter(QChar(0xff));
+    std::istringstream stream(std::string("\xff,\"\xff\n\xff\"\n\xff"));
+    NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(reader.parseFile(records));
+    QCOMPARE(
+        records,
+        Records() << (QStringList() << letter << letter + QLatin1Char('\n') + letter) << QStringList(letter));
+}
+
+void tst_NCsvFileReader::streamBufferOverADeviceIsReadToItsEnd()
+{
+    QBuffer device;
+    QVERIFY(device.open(QIODevice::ReadWrite));
+    const int count = 1000;
+    {
+        NQIODeviceStreambuf buffer(&device);
+        std::ostream stream(&buffer);
+        NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);
+        RandomRecords records(1, true);
+        for (int index = 0; index < count; ++index)
+            writer.appendLine(records.next() << QString(QChar(0xff)));
+    }
+    QVERIFY(device.size() > 10 * 1024);
+    QVERIFY(device.seek(0));
+    NQIODeviceStreambuf buffer(&device);
+    std::istream stream(&buffer);
+    NCsvFileReader reader(&stream, NCsvUtilities::SeparatorComma);
+    RandomRecords expected(1, true);
+    QStringList record;
+    for (int index = 0; index < count; ++index) {
+        QVERIFY(reader.parseNextLine(record));
+        QCOMPARE(record, expected.next() << QString(QChar(0xff)));
+    }
+    QVERIFY(reader.parseNextLine(record)); // the empty line behind the last line break
+    QCOMPARE(record, fields(""));
+    QVERIFY(reader.atEnd());
 }
 
 void tst_NCsvFileReader::deviceClosedUnderTheReaderIsAtItsEnd()
