@@ -359,8 +359,7 @@ void tst_NSequentialBuffer::withoutMemoryNothingIsTakenAndNothingLost()
         const QByteArray bytes(size, 'x');
         QByteArray out(size, '\0');
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-        const struct rlimit limit = {rlim_t(700) << 20, rlim_t(700) << 20};
-        if (::setrlimit(RLIMIT_AS, &limit) != 0)
+        if (!NTest::leaveMemory(400))
             return 1;
 #endif
         OpenedBuffer buffer;
