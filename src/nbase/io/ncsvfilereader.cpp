@@ -34,20 +34,22 @@ public:
             m_fields.erase(m_next, m_fields.end());
     }
 
-    // A string whose content does not matter, for a field of about that size.
+    // A string whose content does not matter, for a field of about that size. It belongs to the record only once
+    // it is kept, so that filling it may fail for lack of memory.
     QString& next(int size)
     {
         if (m_next == m_fields.end()) {
             m_fields.append(QString());
-            m_next = m_fields.end();
-            return m_fields.last();
+            m_next = m_fields.end() - 1;
         }
-        QString& field = *m_next++;
+        QString& field = *m_next;
         // A short field does not keep the memory of a long one.
-        if (field.capacity() > 64 + 4 * size)
+        if (field.capacity() / 4 > 16 + size)
             field = QString();
         return field;
     }
+
+    void keep() { ++m_next; }
 
 private:
     Q_DISABLE_COPY(FieldList)
@@ -111,6 +113,7 @@ private:
         const int end = find(text, m_separator);
         const int size = end - m_position;
         m_fields.next(size).setUnicode(text.constData() + m_position, size);
+        m_fields.keep();
         m_position = end + 1;
     }
 
@@ -125,7 +128,8 @@ private:
             if (isLast || text.at(m_position + 1) != QLatin1Char('"')) {
                 if (!isLast && text.at(m_position + 1) != m_separator)
                     return Malformed;
-                appendQuotedField(text.constData() + m_contentBegin, m_position - m_contentBegin);
+                fillQuotedField(text.constData() + m_contentBegin, m_position - m_contentBegin);
+                m_fields.keep();
                 m_position += 2;
                 m_insideQuotes = false;
                 return Complete;
@@ -135,7 +139,7 @@ private:
         }
     }
 
-    void appendQuotedField(const QChar* content, int size)
+    void fillQuotedField(const QChar* content, int size)
     {
         QString& field = m_fields.next(size);
         if (m_quoteCount == 0) {
@@ -271,13 +275,16 @@ bool NCsvFileReader::atEnd() const
 
 QString NCsvFileReader::readNextStreamLine()
 {
-    if (m_textStream)
-        return m_textStream->readLine();
-    if (!m_standardStream)
+    if (!m_textStream && !m_standardStream)
         return QString();
-    QString line;
-    readLine(line);
-    return line;
+    try {
+        if (m_textStream)
+            return m_textStream->readLine();
+        QString line;
+        return readStandardLine(line) || !line.isEmpty() ? line : QString();
+    } catch (const std::bad_alloc&) {
+        return QString();
+    }
 }
 
 bool NCsvFileReader::parseNextLine(QStringList& fields)
@@ -292,11 +299,15 @@ bool NCsvFileReader::parseNextLine(QStringList& fields)
 bool NCsvFileReader::parseFile(QList<QStringList>& records)
 {
     records.clear();
-    while (!atEnd()) {
-        QStringList fields;
-        if (!parseNextLine(fields))
-            return false;
-        records.append(fields);
+    try {
+        while (!atEnd()) {
+            QStringList fields;
+            if (!parseRecord(fields))
+                return false;
+            records.append(fields);
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
     }
     return true;
 }
@@ -341,8 +352,11 @@ bool NCsvFileReader::readLine(QString& line)
     return NBaseQtCompat::readLine(*m_textStream, line) || m_textStream->atEnd();
 }
 
+// A stream that had met its end before has no further line.
 bool NCsvFileReader::readStandardLine(QString& line)
 {
+    const bool wasGood = m_standardStream->good();
+    m_bytes.clear(); // a stream that is not good leaves it as it is
     try {
         std::getline(*m_standardStream, m_bytes);
     } catch (const std::ios_base::failure&) {
@@ -353,5 +367,5 @@ bool NCsvFileReader::readStandardLine(QString& line)
     NBaseQtCompat::assignLatin1(line, m_bytes.data(), int(m_bytes.size()));
     if (m_bytes.capacity() > size_t(KeptCapacity))
         std::string().swap(m_bytes);
-    return !m_standardStream->fail() || m_standardStream->eof();
+    return wasGood && (!m_standardStream->fail() || m_standardStream->eof());
 }

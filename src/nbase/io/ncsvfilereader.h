@@ -61,7 +61,8 @@ public:
      */
     bool atEnd() const;
 
-    /** The next line as it stands, without its line break; a null string when there is none. */
+    /** The next line as it stands, without its line break; a null string when there is none or no memory for it.
+     */
     QString readNextStreamLine();
 
     /**
@@ -69,7 +70,7 @@ public:
      * @param fields replaced by the record's fields; none when the source was at its end already.
      * @return false when a quoted field is followed by anything but a separator or the end of its line, when one
      * is still open at the end of the text, when the source fails before its end, and when there is no memory for
-     * a field. The fields before are in @a fields then; the rest of the line is lost.
+     * a field. The fields before it are in @a fields then, and nothing else; the rest of the line is lost.
      */
     bool parseNextLine(QStringList& fields);
 

@@ -40,20 +40,7 @@ public:
         return needsQuotes(to, end) ? writeQuoted(field, to) : end;
     }
 
-private:
-    // Looks at four characters at a time, and so at some of the padding.
-    bool needsQuotes(const QChar* text, const QChar* end) const
-    {
-        for (; text < end; text += NCsvText::Four) {
-            const NCsvText::FourCharacters four = NCsvText::fourOf(text);
-            if (NCsvText::isAny(
-                    (four == m_separators) | (four == m_quotes) | (four == m_carriageReturns) |
-                    (four == m_lineFeeds)))
-                return true;
-        }
-        return false;
-    }
-
+    // Writes a field in quotes and returns its end.
     static QChar* writeQuoted(const QString& field, QChar* to)
     {
         const QChar* from = field.constData();
@@ -70,12 +57,41 @@ private:
         return to;
     }
 
+private:
+    // Looks at four characters at a time, and so at some of the padding.
+    bool needsQuotes(const QChar* text, const QChar* end) const
+    {
+        for (; text < end; text += NCsvText::Four) {
+            const NCsvText::FourCharacters four = NCsvText::fourOf(text);
+            if (NCsvText::isAny(
+                    (four == m_separators) | (four == m_quotes) | (four == m_carriageReturns) |
+                    (four == m_lineFeeds)))
+                return true;
+        }
+        return false;
+    }
+
     const NCsvText::FourCharacters m_separators;
     const NCsvText::FourCharacters m_quotes;
     const NCsvText::FourCharacters m_carriageReturns;
     const NCsvText::FourCharacters m_lineFeeds;
     const NCsvText::FourCharacters m_padding; ///< nothing that needs quotes
 };
+
+// A field as it is written, in memory of its own only where it needs quotes.
+QString escaped(const QString& field, QChar separator)
+{
+    const QChar quote = QLatin1Char('"');
+    if (!field.contains(separator) && !field.contains(quote) && !field.contains(QLatin1Char('\r')) &&
+        !field.contains(QLatin1Char('\n')))
+        return field;
+    const qint64 size = qint64(field.size()) + field.count(quote) + 2;
+    if (size > INT_MAX)
+        throw std::bad_alloc();
+    QString quoted(int(size), Qt::Uninitialized);
+    FieldWriter::writeQuoted(field, quoted.data());
+    return quoted;
+}
 
 } // namespace
 
@@ -152,10 +168,11 @@ NCsvFileWriter::~NCsvFileWriter()
 
 QString NCsvFileWriter::escapeString(const QString& field) const
 {
-    QString escaped(int(FieldWriter::roomFor(field.size())), Qt::Uninitialized);
-    const QChar* const end = FieldWriter(QLatin1Char(m_separator)).write(field, escaped.data());
-    escaped.truncate(int(end - escaped.constData()));
-    return escaped.size() == field.size() ? field : escaped;
+    try {
+        return escaped(field, QLatin1Char(m_separator));
+    } catch (const std::bad_alloc&) {
+        return QString();
+    }
 }
 
 void NCsvFileWriter::appendLine(const QStringList& fields)
@@ -163,8 +180,12 @@ void NCsvFileWriter::appendLine(const QStringList& fields)
     if (fields.isEmpty())
         return;
     try {
-        putTogether(fields);
-        write();
+        if (m_textStream && m_textStream->fieldWidth() != 0) {
+            writeEachString(fields);
+        } else {
+            putTogether(fields);
+            write();
+        }
     } catch (const std::bad_alloc&) {
         refuse();
     }
@@ -212,6 +233,18 @@ void NCsvFileWriter::write()
             // The stream was told to throw; its state says what has happened all the same.
         }
     }
+}
+
+// A stream with a field width fills up each string that is written to it, and the lines are to look accordingly.
+void NCsvFileWriter::writeEachString(const QStringList& fields)
+{
+    const QChar separator = QLatin1Char(m_separator);
+    QStringList strings;
+    for (const QString& field : fields)
+        strings << escaped(field, separator) << QString(separator);
+    strings.last() = QString(QLatin1Char('\n'));
+    for (int index = 0; index < strings.size(); ++index)
+        *m_textStream << strings.at(index);
 }
 
 // A record that there is no memory for is left out whole, and the stream says that something is missing.

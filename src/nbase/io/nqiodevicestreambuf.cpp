@@ -2,7 +2,24 @@
 
 #include <QtCore/QIODevice>
 
+#include <limits>
 #include <string.h>
+
+namespace {
+
+// A device that says it has moved more bytes than it was offered is not believed: pointers into the buffers depend
+// on it.
+qint64 readFrom(QIODevice* device, char* data, qint64 size)
+{
+    return qMin(size, device->read(data, size));
+}
+
+qint64 writeTo(QIODevice* device, const char* data, qint64 size)
+{
+    return qMin(size, device->write(data, size));
+}
+
+} // namespace
 
 NQIODeviceStreambuf::NQIODeviceStreambuf(QIODevice* device)
     : m_device(device)
@@ -19,7 +36,10 @@ NQIODeviceStreambuf::~NQIODeviceStreambuf()
 
 std::streamsize NQIODeviceStreambuf::showmanyc()
 {
-    return m_device->atEnd() ? -1 : std::streamsize(m_device->bytesAvailable());
+    if (m_device->atEnd())
+        return -1;
+    const qint64 largest = std::numeric_limits<std::streamsize>::max();
+    return std::streamsize(qMin(largest, m_device->bytesAvailable()));
 }
 
 NQIODeviceStreambuf::int_type NQIODeviceStreambuf::overflow(int_type c)
@@ -27,7 +47,7 @@ NQIODeviceStreambuf::int_type NQIODeviceStreambuf::overflow(int_type c)
     const bool isEnd = traits_type::eq_int_type(c, traits_type::eof());
     if (!pbase()) {
         const char character = traits_type::to_char_type(c);
-        return isEnd || m_device->write(&character, 1) < 1 ? traits_type::eof() : c;
+        return isEnd || writeTo(m_device, &character, 1) < 1 ? traits_type::eof() : c;
     }
     if (sync() != 0)
         return traits_type::eof();
@@ -44,7 +64,7 @@ int NQIODeviceStreambuf::sync()
         return 0;
     const qint64 pending = pptr() - pbase();
     // With nothing pending the device is left alone: it may be closed already, and a datagram may be empty.
-    const qint64 written = pending > 0 ? m_device->write(pbase(), pending) : 0;
+    const qint64 written = pending > 0 ? writeTo(m_device, pbase(), pending) : 0;
     if (written < 1)
         return -1;
     // Intended: what moves is the block behind the pending bytes, and the pending bytes lose their end. Only the
@@ -59,11 +79,11 @@ NQIODeviceStreambuf::int_type NQIODeviceStreambuf::underflow()
 {
     if (!eback()) {
         char character;
-        return m_device->read(&character, 1) < 1 ? traits_type::eof() : traits_type::to_int_type(character);
+        return readFrom(m_device, &character, 1) < 1 ? traits_type::eof() : traits_type::to_int_type(character);
     }
     if (gptr() < egptr())
         return traits_type::to_int_type(*gptr());
-    const qint64 size = m_device->read(m_getBuffer, BufferSize);
+    const qint64 size = readFrom(m_device, m_getBuffer, BufferSize);
     if (size < 1)
         return traits_type::eof();
     setg(m_getBuffer, m_getBuffer, m_getBuffer + size);
@@ -73,7 +93,7 @@ NQIODeviceStreambuf::int_type NQIODeviceStreambuf::underflow()
 std::streamsize NQIODeviceStreambuf::xsgetn(char* s, std::streamsize n)
 {
     if (!eback())
-        return std::streamsize(qMax(qint64(0), m_device->read(s, n)));
+        return std::streamsize(qMax(qint64(0), readFrom(m_device, s, n)));
     std::streamsize count = 0;
     while (count < n) {
         const std::streamsize size = qMin(std::streamsize(egptr() - gptr()), n - count);
@@ -97,7 +117,7 @@ std::streamsize NQIODeviceStreambuf::xsgetn(char* s, std::streamsize n)
 // character can be put back.
 qint64 NQIODeviceStreambuf::readBlock(char* block)
 {
-    const qint64 size = m_device->read(block, BufferSize);
+    const qint64 size = readFrom(m_device, block, BufferSize);
     if (size > 0) {
         m_getBuffer[0] = block[size - 1];
         setg(m_getBuffer, m_getBuffer + 1, m_getBuffer + 1);
@@ -109,5 +129,5 @@ std::streamsize NQIODeviceStreambuf::xsputn(const char* s, std::streamsize n)
 {
     if (pbase())
         return std::streambuf::xsputn(s, n);
-    return std::streamsize(qMax(qint64(0), m_device->write(s, n)));
+    return std::streamsize(qMax(qint64(0), writeTo(m_device, s, n)));
 }

@@ -28,7 +28,7 @@ public:
     explicit NQIODeviceStreambuf(QIODevice* device);
 
 protected:
-    /** How many bytes the device has ready; -1 when it is at its end. */
+    /** How many bytes the device has ready, or the largest number there is; -1 when it is at its end. */
     virtual std::streamsize showmanyc();
 
     /** Writes what is pending to the device and makes @a c pending. @return @a c, or end of file on failure. */

@@ -163,6 +163,7 @@ public:
         : QObject(parent)
         , m_request(request)
         , m_pieces(packages)
+        , m_hasTurnToCome(false)
     {
         connect(request, SIGNAL(replyTaken()), SLOT(write()));
         connect(request, SIGNAL(aborted()), SLOT(deleteLater()));
@@ -171,7 +172,8 @@ public:
 public slots:
     void write()
     {
-        if (!m_request)
+        // What the client takes meanwhile does not give the reply a second turn.
+        if (!m_request || m_hasTurnToCome)
             return;
         int written = 0;
         while (!m_pieces.atEnd() && !m_request->isAborted()) {
@@ -179,7 +181,8 @@ public slots:
             if (m_request->replyBacklog() >= MaximumBacklog)
                 return;
             if (written >= TurnSize) {
-                QMetaObject::invokeMethod(this, "write", Qt::QueuedConnection);
+                m_hasTurnToCome = true;
+                QMetaObject::invokeMethod(this, "takeTurn", Qt::QueuedConnection);
                 return;
             }
             const QByteArray piece = m_pieces.next();
@@ -190,11 +193,19 @@ public slots:
         deleteLater();
     }
 
+private slots:
+    void takeTurn()
+    {
+        m_hasTurnToCome = false;
+        write();
+    }
+
 private:
     Q_DISABLE_COPY(Reply)
 
     QScopedPointer<NwaFcgiRequest> m_request;
     DocumentPieces m_pieces;
+    bool m_hasTurnToCome;
 };
 
 } // namespace

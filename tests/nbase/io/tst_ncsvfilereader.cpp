@@ -195,6 +195,9 @@ private slots:
     void readNextStreamLineGivesLinesAsTheyAre();
     void standardStreamKeepsCarriageReturns();
     void standardStreamEndsAfterItsEndWasMet();
+    void standardStreamGivesEachLineOnce();
+    void failedStandardStreamHasNoLine_data();
+    void failedStandardStreamHasNoLine();
     void nullStandardStreamIsAtItsEnd();
 
     void failedStandardStreamStops_data();
@@ -203,10 +206,19 @@ private slots:
     void failingDeviceStops_data();
     void failingDeviceStops();
     void piecesOfADeviceMakeLines();
+    void lineBreakMayBeSplitBetweenReads_data();
+    void lineBreakMayBeSplitBetweenReads();
+    void byteAllOnesIsALetterOfAStandardStream();
+    void streamBufferOverADeviceIsReadToItsEnd();
     void deviceClosedUnderTheReaderIsAtItsEnd();
     void sequentialBufferIsReadToItsEnd();
     void openQuotesNeedNoMoreMemoryThanTheField();
     void fieldThatNeedsTooMuchMemoryIsRefused();
+    void withoutMemoryOnlyTheFieldsBeforeAreLeft_data();
+    void withoutMemoryOnlyTheFieldsBeforeAreLeft();
+    void withoutMemoryThereIsNoLine();
+    void recordsBeforeTheMemoryEndsAreLeft_data();
+    void recordsBeforeTheMemoryEndsAreLeft();
 
     void millionRandomRecordsReadBackEqual_data();
     void millionRandomRecordsReadBackEqual();
@@ -570,6 +582,40 @@ void tst_NCsvFileReader::standardStreamEndsAfterItsEndWasMet()
     QCOMPARE(records, Records());
 }
 
+void tst_NCsvFileReader::standardStreamGivesEachLineOnce()
+{
+    std::istringstream stream(std::string("a\nb"));
+    NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
+    QCOMPARE(reader.readNextStreamLine(), text("a"));
+    QCOMPARE(reader.readNextStreamLine(), text("b"));
+    QVERIFY(reader.readNextStreamLine().isNull());
+    QVERIFY(reader.readNextStreamLine().isNull());
+
+    std::istringstream lineBreak(std::string("a\n"));
+    NCsvFileReader next(static_cast<std::istream*>(&lineBreak), NCsvUtilities::SeparatorComma);
+    QCOMPARE(next.readNextStreamLine(), text("a"));
+    const QString last = next.readNextStreamLine();
+    QVERIFY(last.isEmpty() && !last.isNull());
+    QVERIFY(next.readNextStreamLine().isNull());
+}
+
+void tst_NCsvFileReader::failedStandardStreamHasNoLine_data()
+{
+    failedStandardStreamStops_data();
+}
+
+void tst_NCsvFileReader::failedStandardStreamHasNoLine()
+{
+    QFETCH(int, state);
+    std::istringstream stream(std::string("a\nb\n"));
+    NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
+    QCOMPARE(reader.readNextStreamLine(), text("a"));
+    stream.setstate(std::ios_base::iostate(state));
+    QVERIFY(reader.readNextStreamLine().isNull());
+    stream.clear();
+    QCOMPARE(reader.readNextStreamLine(), text("b"));
+}
+
 void tst_NCsvFileReader::nullStandardStreamIsAtItsEnd()
 {
     NCsvFileReader reader(static_cast<std::istream*>(NULL), NCsvUtilities::SeparatorComma);
@@ -611,12 +657,15 @@ void tst_NCsvFileReader::throwingStandardStreamStops()
     Records records;
     QVERIFY(!reader.parseFile(records));
     QCOMPARE(records, Records() << fields("a"));
+    quiet.clear();
+    QVERIFY(reader.readNextStreamLine().isNull());
 
     std::istringstream loud(std::string("a"));
     loud.exceptions(std::ios_base::badbit | std::ios_base::failbit | std::ios_base::eofbit);
     NCsvFileReader loudReader(static_cast<std::istream*>(&loud), NCsvUtilities::SeparatorComma);
     QVERIFY(loudReader.parseFile(records));
     QCOMPARE(records, Records() << fields("a"));
+    QVERIFY(loudReader.readNextStreamLine().isNull());
 }
 
 void tst_NCsvFileReader::failingDeviceStops_data()
@@ -653,6 +702,73 @@ void tst_NCsvFileReader::piecesOfADeviceMakeLines()
     QCOMPARE(
         records,
         Records() << fields("first|sec\nond") << (QStringList() << text("third") << QString(QChar(0xe9))));
+}
+
+void tst_NCsvFileReader::lineBreakMayBeSplitBetweenReads_data()
+{
+    QTest::addColumn<int>("pieceSize");
+    QTest::addColumn<int>("fieldSize");
+    for (int pieceSize = 1; pieceSize <= 4; ++pieceSize)
+        QTest::newRow(("pieces of " + QByteArray::number(pieceSize)).constData()) << pieceSize << 1;
+    // A QTextStream reads 16384 bytes at a time.
+    for (int fieldSize = 16384 - 4; fieldSize <= 16384; ++fieldSize)
+        QTest::newRow(("field of " + QByteArray::number(fieldSize)).constData()) << 1000000 << fieldSize;
+}
+
+void tst_NCsvFileReader::lineBreakMayBeSplitBetweenReads()
+{
+    QFETCH(int, pieceSize);
+    QFETCH(int, fieldSize);
+    const QByteArray field(fieldSize, 'x');
+    FailingDevice device(field + ",b\r\n\"c\r\nd\"\r\n\r\ne\r\n", -1, pieceSize);
+    NCsvFileReader reader(&device, NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(!reader.parseFile(records));
+    QCOMPARE(
+        records, Records() << (QStringList() << QString::fromLatin1(field) << text("b")) << fields("c\nd")
+                           << fields("") << fields("e"));
+}
+
+// Where char is signed, this byte is easily taken for the end of the text.
+void tst_NCsvFileReader::byteAllOnesIsALetterOfAStandardStream()
+{
+    const QString letter(QChar(0xff));
+    std::istringstream stream(std::string("\xff,\"\xff\n\xff\"\n\xff"));
+    NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
+    Records records;
+    QVERIFY(reader.parseFile(records));
+    QCOMPARE(
+        records,
+        Records() << (QStringList() << letter << letter + QLatin1Char('\n') + letter) << QStringList(letter));
+}
+
+void tst_NCsvFileReader::streamBufferOverADeviceIsReadToItsEnd()
+{
+    QBuffer device;
+    QVERIFY(device.open(QIODevice::ReadWrite));
+    const int count = 1000;
+    {
+        NQIODeviceStreambuf buffer(&device);
+        std::ostream stream(&buffer);
+        NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);
+        RandomRecords records(1, true);
+        for (int index = 0; index < count; ++index)
+            writer.appendLine(records.next() << QString(QChar(0xff)));
+    }
+    QVERIFY(device.size() > 10 * 1024);
+    QVERIFY(device.seek(0));
+    NQIODeviceStreambuf buffer(&device);
+    std::istream stream(&buffer);
+    NCsvFileReader reader(&stream, NCsvUtilities::SeparatorComma);
+    RandomRecords expected(1, true);
+    QStringList record;
+    for (int index = 0; index < count; ++index) {
+        QVERIFY(reader.parseNextLine(record));
+        QCOMPARE(record, expected.next() << QString(QChar(0xff)));
+    }
+    QVERIFY(reader.parseNextLine(record)); // the empty line behind the last line break
+    QCOMPARE(record, fields(""));
+    QVERIFY(reader.atEnd());
 }
 
 void tst_NCsvFileReader::deviceClosedUnderTheReaderIsAtItsEnd()
@@ -716,14 +832,111 @@ void tst_NCsvFileReader::fieldThatNeedsTooMuchMemoryIsRefused()
     const qint64 size = qint64(1) << 30;
 #endif
     const int status = NTest::runInChild([size]() {
-        struct rlimit limit = {rlim_t(400) << 20, rlim_t(400) << 20};
-        if (size > (1 << 20) && ::setrlimit(RLIMIT_AS, &limit) != 0)
+        if (size > (1 << 20) && !NTest::leaveMemory(300))
             return 1;
         EndlessField field(size);
         std::istream stream(&field);
         NCsvFileReader reader(&stream, NCsvUtilities::SeparatorComma);
         QStringList record;
         return reader.parseNextLine(record) || !record.isEmpty() ? 2 : 0;
+    });
+    QCOMPARE(status, 0);
+}
+
+void tst_NCsvFileReader::withoutMemoryOnlyTheFieldsBeforeAreLeft_data()
+{
+    QTest::addColumn<int>("megabytes");
+    QTest::addColumn<QStringList>("left");
+    QTest::addColumn<bool>("good");
+    QTest::newRow("none for the line") << 40 << QStringList() << false;
+    QTest::newRow("none for the field") << 190 << fields("first") << false;
+    QTest::newRow("enough") << 400 << fields("first|long|third") << true;
+}
+
+// A sanitizer takes more addresses than any limit would leave: there the field is short and always gets its
+// memory.
+void tst_NCsvFileReader::withoutMemoryOnlyTheFieldsBeforeAreLeft()
+{
+    QFETCH(int, megabytes);
+    QFETCH(QStringList, left);
+    QFETCH(bool, good);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const int size = 100;
+    left = fields("first|long|third");
+    good = true;
+#else
+    const int size = 40 * 1000 * 1000; // 80 MB for the line and as much for the field, or half as much again
+#endif
+    const int status = NTest::runInChild([=]() {
+        QString string =
+            text("one,two,three\nfirst,\"") + QString(size, QLatin1Char('x')) + text("\"\"\",third\n");
+        NCsvFileReader reader(&string, NCsvUtilities::SeparatorComma);
+        QStringList record;
+        if (!reader.parseNextLine(record) || record != fields("one|two|three"))
+            return 1;
+        if (size > 100 && !NTest::leaveMemory(megabytes))
+            return 2;
+        if (reader.parseNextLine(record) != good || record.size() != left.size())
+            return 3;
+        for (int index = 0; index < left.size(); ++index) {
+            const bool isLong = left.at(index) == text("long");
+            if (isLong ? record.at(index).size() != size + 1 : record.at(index) != left.at(index))
+                return 4;
+        }
+        return 0;
+    });
+    QCOMPARE(status, 0);
+}
+
+void tst_NCsvFileReader::withoutMemoryThereIsNoLine()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const int size = 100; // as above
+#else
+    const int size = 40 * 1000 * 1000;
+#endif
+    const int status = NTest::runInChild([=]() {
+        QString string(size, QLatin1Char('x'));
+        NCsvFileReader reader(&string, NCsvUtilities::SeparatorComma);
+        if (size > 100 && !NTest::leaveMemory(40))
+            return 1;
+        return reader.readNextStreamLine().isNull() == (size > 100) ? 0 : 2;
+    });
+    QCOMPARE(status, 0);
+}
+
+// Whether there is none for a record or none for the list depends on how much is left.
+void tst_NCsvFileReader::recordsBeforeTheMemoryEndsAreLeft_data()
+{
+    QTest::addColumn<int>("megabytes");
+    const int sizes[] = {40, 48, 56};
+    for (int size : sizes)
+        QTest::newRow(QByteArray::number(size).constData()) << size;
+}
+
+void tst_NCsvFileReader::recordsBeforeTheMemoryEndsAreLeft()
+{
+    QFETCH(int, megabytes);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const int count = 100; // as above
+#else
+    const int count = 3 * 1000 * 1000; // far more than fit
+#endif
+    const QByteArray bytes = QByteArray("a\n").repeated(count);
+    const int status = NTest::runInChild([=]() {
+        NCsvFileReader reader(bytes, NCsvUtilities::SeparatorComma);
+        Records records;
+        const bool isLimited = count > 100;
+        if (isLimited && !NTest::leaveMemory(megabytes))
+            return 1;
+        if (reader.parseFile(records) == isLimited || records.isEmpty())
+            return 2;
+        for (int index = 0; index < records.size(); ++index) {
+            const QStringList& record = records.at(index);
+            if (record.size() != 1 || record.first() != QLatin1String("a"))
+                return 3;
+        }
+        return (records.size() < count) == isLimited ? 0 : 4;
     });
     QCOMPARE(status, 0);
 }

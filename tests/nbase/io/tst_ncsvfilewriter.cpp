@@ -1,14 +1,16 @@
 #include <nbase/io/ncsvfilewriter.h>
 
 #include "support/nchildprocess.h"
+#include "support/ntemporarydirectory.h"
 
 #include <QtCore/QBuffer>
+#include <QtCore/QFile>
 #include <QtCore/QTextCodec>
 #include <QtCore/QTextStream>
 #include <QtTest/QtTest>
 
+#include <fstream>
 #include <sstream>
-#include <sys/resource.h>
 
 namespace {
 
@@ -28,6 +30,72 @@ QString written(const QStringList& fields, const QChar& separator = QLatin1Char(
 QStringList record()
 {
     return QStringList() << text("a,b") << text("c;d:e") << QString(QChar(0xe9)) << QString();
+}
+
+// Takes no more than so many bytes altogether, and of the rest as many as there is room for.
+class SmallDevice : public QIODevice
+{
+public:
+    explicit SmallDevice(int size)
+        : m_size(size)
+    {
+        open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+    }
+
+    virtual bool isSequential() const { return true; }
+
+    QByteArray taken;
+
+protected:
+    virtual qint64 readData(char*, qint64) { return -1; }
+
+    virtual qint64 writeData(const char* data, qint64 size)
+    {
+        const qint64 part = qMin(size, qint64(m_size - taken.size()));
+        taken.append(data, int(part));
+        return part;
+    }
+
+private:
+    const int m_size;
+};
+
+// The same as the buffer of a standard stream.
+class SmallBuffer : public std::streambuf
+{
+public:
+    explicit SmallBuffer(int size)
+        : m_device(size)
+    {
+    }
+
+    QByteArray taken() const { return m_device.taken; }
+
+protected:
+    virtual int_type overflow(int_type) { return traits_type::eof(); }
+    virtual std::streamsize xsputn(const char* s, std::streamsize n)
+    {
+        return std::streamsize(m_device.write(s, n));
+    }
+
+private:
+    SmallDevice m_device;
+};
+
+const char* const FullFile = "/dev/full"; // see full(4)
+
+const int RecordCount = 10000;
+
+// More than any buffer on the way holds.
+void writeRecords(NCsvFileWriter& writer)
+{
+    for (int index = 0; index < RecordCount; ++index)
+        writer.appendLine(QStringList() << text("some") << text("thing"));
+}
+
+QByteArray allRecords()
+{
+    return QByteArray("some,thing\n").repeated(RecordCount);
 }
 
 } // namespace
@@ -54,8 +122,19 @@ private slots:
     void standardStreamKeepsNul();
     void nullStandardStreamTakesNothing();
     void standardStreamThatThrowsDoesNotThrowHere();
+    void sinkThatIsNotEmptyIsWrittenTo();
+    void stringsArePaddedAsTheStreamIsSet();
+
+    void escapingTakesTheMemoryThatIsNeeded();
+    void escapingWithoutMemoryGivesANullString();
     void recordWithoutMemoryIsLeftOutWhole_data();
     void recordWithoutMemoryIsLeftOutWhole();
+    void fullDeviceTellsItsError_data();
+    void fullDeviceTellsItsError();
+    void fullStreamTellsItsStatus_data();
+    void fullStreamTellsItsStatus();
+    void nothingFollowsWhatASinkHasNotTaken();
+    void deviceMayBeClosedUnderTheWriter();
 };
 
 void tst_NCsvFileWriter::initTestCase()
@@ -253,6 +332,101 @@ void tst_NCsvFileWriter::standardStreamThatThrowsDoesNotThrowHere()
     QVERIFY(standard.bad());
 }
 
+void tst_NCsvFileWriter::sinkThatIsNotEmptyIsWrittenTo()
+{
+    const QStringList record(text("x"));
+    const NCsvUtilities::Separator separator = NCsvUtilities::SeparatorComma;
+
+    QByteArray array("existing text");
+    NCsvFileWriter(&array, separator).appendLine(record);
+    QCOMPARE(array, QByteArray("x\nisting text"));
+
+    QString string(text("existing text"));
+    NCsvFileWriter(&string, separator).appendLine(record);
+    QCOMPARE(string, text("existing textx\n"));
+
+    QBuffer device;
+    device.setData("existing text");
+    QVERIFY(device.open(QIODevice::ReadWrite));
+    QVERIFY(device.seek(9));
+    NCsvFileWriter(&device, separator).appendLine(record);
+    QCOMPARE(device.data(), QByteArray("existing x\nxt"));
+
+    const NTemporaryDirectory directory;
+    QFile file(directory.writeFile(text("file"), "existing text\n"));
+    QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Append));
+    NCsvFileWriter(&file, separator).appendLine(record);
+    QVERIFY(file.seek(0));
+    QCOMPARE(file.readAll(), QByteArray("existing text\nx\n"));
+
+    QTextStream stream(&string);
+    QVERIFY(stream.seek(0));
+    stream << text("!");
+    NCsvFileWriter(&stream, separator).appendLine(record);
+    QCOMPARE(string, text("existing textx\n!x\n"));
+
+    std::ostringstream standard(std::string("existing text"), std::ios_base::out | std::ios_base::ate);
+    NCsvFileWriter(static_cast<std::ostream*>(&standard), separator).appendLine(record);
+    QCOMPARE(standard.str().c_str(), "existing textx\n");
+}
+
+void tst_NCsvFileWriter::stringsArePaddedAsTheStreamIsSet()
+{
+    QString string;
+    QTextStream stream(&string);
+    NCsvFileWriter writer(&stream, QLatin1Char(','));
+    const QStringList record = QStringList() << text("a") << text("b,c") << QString() << text("longer");
+    stream.setFieldWidth(5);
+    stream.setFieldAlignment(QTextStream::AlignLeft);
+    stream.setPadChar(QLatin1Char('.'));
+    writer.appendLine(record);
+    writer.appendLine(QStringList());
+    QCOMPARE(string, text("a....,....\"b,c\",.........,....longer\n...."));
+
+    stream.setFieldAlignment(QTextStream::AlignRight);
+    string.clear();
+    writer.appendLine(QStringList() << text("a") << text("b"));
+    QCOMPARE(string, text("....a....,....b....\n"));
+
+    stream.setFieldWidth(0);
+    string.clear();
+    writer.appendLine(record);
+    QCOMPARE(string, text("a,\"b,c\",,longer\n"));
+}
+
+void tst_NCsvFileWriter::escapingTakesTheMemoryThatIsNeeded()
+{
+    QString sink;
+    const NCsvFileWriter writer(&sink, QLatin1Char(','));
+    const QString plain(100000, QLatin1Char('a'));
+    QVERIFY(writer.escapeString(plain).constData() == plain.constData());
+    const QString escaped = writer.escapeString(plain + text("\","));
+    QCOMPARE(escaped.size(), 100000 + 5);
+    QVERIFY(escaped.capacity() < escaped.size() + 100);
+}
+
+// A sanitizer takes more addresses than any limit would leave: there the fields are short and get their memory.
+void tst_NCsvFileWriter::escapingWithoutMemoryGivesANullString()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const int size = 100;
+#else
+    const int size = 50 * 1000 * 1000;
+#endif
+    const int status = NTest::runInChild([=]() {
+        QString sink;
+        const NCsvFileWriter writer(&sink, QLatin1Char(','));
+        const QString plain(size, QLatin1Char('a'));
+        const QString quotes(size, QLatin1Char('"'));
+        const bool isLimited = size > 100;
+        if (isLimited && !NTest::leaveMemory(80))
+            return 1;
+        const QString unchanged = writer.escapeString(plain);
+        return unchanged == plain && writer.escapeString(quotes).isNull() == isLimited ? 0 : 2;
+    });
+    QCOMPARE(status, 0);
+}
+
 void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole_data()
 {
     QTest::addColumn<bool>("standard");
@@ -271,9 +445,8 @@ void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole()
 #endif
     const int status = NTest::runInChild([standard, size]() {
         const QStringList fields = QStringList() << text("first") << QString(size, QLatin1Char('a'));
-        const struct rlimit limit = {rlim_t(400) << 20, rlim_t(400) << 20};
         const bool isLimited = size > 100;
-        if (isLimited && ::setrlimit(RLIMIT_AS, &limit) != 0)
+        if (isLimited && !NTest::leaveMemory(100))
             return 1;
         QString string;
         QTextStream textStream(&string, QIODevice::WriteOnly);
@@ -288,6 +461,125 @@ void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole()
         return isRefused == isLimited && isEmpty == isLimited ? 0 : 2;
     });
     QCOMPARE(status, 0);
+}
+
+void tst_NCsvFileWriter::fullDeviceTellsItsError_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<bool>("isLong");
+    const int modes[] = {QIODevice::WriteOnly, QIODevice::WriteOnly | QIODevice::Unbuffered};
+    for (int mode : modes) {
+        const QByteArray name = mode & QIODevice::Unbuffered ? "unbuffered" : "buffered";
+        QTest::newRow((name + ", a record").constData()) << mode << false;
+        QTest::newRow((name + ", many records").constData()) << mode << true;
+    }
+}
+
+void tst_NCsvFileWriter::fullDeviceTellsItsError()
+{
+    QFETCH(int, mode);
+    QFETCH(bool, isLong);
+    QFile file(text(FullFile));
+    QVERIFY(file.open(QIODevice::OpenMode(mode)));
+    {
+        NCsvFileWriter writer(&file, NCsvUtilities::SeparatorComma);
+        if (isLong)
+            writeRecords(writer);
+        else
+            writer.appendLine(record());
+    }
+    QVERIFY(file.error() != QFile::NoError);
+}
+
+void tst_NCsvFileWriter::fullStreamTellsItsStatus_data()
+{
+    QTest::addColumn<bool>("standard");
+    QTest::newRow("text stream") << false;
+    QTest::newRow("standard stream") << true;
+}
+
+void tst_NCsvFileWriter::fullStreamTellsItsStatus()
+{
+    QFETCH(bool, standard);
+    if (standard) {
+        std::ofstream stream(FullFile);
+        QVERIFY(stream.is_open());
+        NCsvFileWriter writer(static_cast<std::ostream*>(&stream), NCsvUtilities::SeparatorComma);
+        writer.appendLine(record());
+        QVERIFY(stream.good());
+        stream.flush();
+        QVERIFY(stream.bad());
+        stream.clear();
+        writeRecords(writer);
+        QVERIFY(stream.bad());
+        return;
+    }
+    QFile file(text(FullFile));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QTextStream stream(&file);
+    NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);
+    writer.appendLine(record());
+    QCOMPARE(stream.status(), QTextStream::Ok);
+    stream.flush();
+    QCOMPARE(stream.status(), QTextStream::WriteFailed);
+    stream.resetStatus();
+    writeRecords(writer);
+    QCOMPARE(stream.status(), QTextStream::WriteFailed);
+}
+
+void tst_NCsvFileWriter::nothingFollowsWhatASinkHasNotTaken()
+{
+    const int size = 20000; // it ends in the middle of a record
+    const QByteArray beginning = allRecords().left(size);
+
+    SmallDevice device(size);
+    {
+        NCsvFileWriter writer(&device, NCsvUtilities::SeparatorComma);
+        writeRecords(writer);
+    }
+    QCOMPARE(device.taken, beginning);
+
+    SmallDevice target(size);
+    {
+        QTextStream stream(&target);
+        NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);
+        writeRecords(writer);
+        stream.flush();
+        QCOMPARE(stream.status(), QTextStream::WriteFailed);
+    }
+    QCOMPARE(target.taken, beginning);
+
+    SmallBuffer buffer(size);
+    std::ostream stream(&buffer);
+    NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);
+    writeRecords(writer);
+    QVERIFY(stream.bad());
+    QCOMPARE(buffer.taken(), beginning);
+}
+
+void tst_NCsvFileWriter::deviceMayBeClosedUnderTheWriter()
+{
+    const QByteArray before("\"a,b\",c;d:e,\xc3\xa9,\n"); // what the stream still held when the device closed
+    QBuffer device;
+    QVERIFY(device.open(QIODevice::WriteOnly));
+    {
+        NCsvFileWriter writer(&device, NCsvUtilities::SeparatorComma);
+        writer.appendLine(record());
+        device.close();
+        writeRecords(writer);
+    }
+    QCOMPARE(device.data(), before);
+
+    QBuffer target;
+    QVERIFY(target.open(QIODevice::WriteOnly));
+    QTextStream stream(&target);
+    NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);
+    writer.appendLine(record());
+    target.close();
+    QCOMPARE(stream.status(), QTextStream::Ok);
+    writeRecords(writer);
+    QCOMPARE(stream.status(), QTextStream::WriteFailed);
+    QCOMPARE(target.data(), before);
 }
 
 QTEST_APPLESS_MAIN(tst_NCsvFileWriter)

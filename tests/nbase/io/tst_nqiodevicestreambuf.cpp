@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <istream>
 #include <iterator>
+#include <limits>
 #include <ostream>
 #include <string.h>
 #include <string>
@@ -24,12 +25,15 @@ namespace {
 
 const int BufferSize = 1024;
 
+typedef QList<int> Sizes;
+
 // Takes as many bytes of each write as its list says, then all; keeps the bytes and how many were offered.
 class RecordingDevice : public QIODevice
 {
 public:
     RecordingDevice()
         : readResult(0)
+        , excess(0)
     {
         open(QIODevice::ReadWrite | QIODevice::Unbuffered);
     }
@@ -41,6 +45,7 @@ public:
     QList<qint64> results; // of the next writes
     QList<qint64> asked;   // the sizes of all reads
     qint64 readResult;     // of every read; the bytes are 'r'
+    qint64 excess;         // how much more than it was offered it says that it has read or written
 
 protected:
     virtual qint64 readData(char* data, qint64 maximumSize)
@@ -49,7 +54,7 @@ protected:
         const qint64 size = qMin(readResult, maximumSize);
         if (size > 0)
             memset(data, 'r', size_t(size));
-        return size;
+        return size + excess;
     }
 
     virtual qint64 writeData(const char* data, qint64 size)
@@ -58,8 +63,40 @@ protected:
         const qint64 result = results.isEmpty() ? size : results.takeFirst();
         if (result > 0)
             written.append(data, int(result));
-        return result;
+        return result + excess;
     }
+};
+
+// Gives its bytes in portions, of which a negative one is a failure, and then as it is asked to.
+class PortionDevice : public QIODevice
+{
+public:
+    PortionDevice(const QByteArray& bytes, const Sizes& portions)
+        : m_bytes(bytes)
+        , m_portions(portions)
+    {
+        open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+    }
+
+    virtual bool isSequential() const { return true; }
+
+protected:
+    virtual qint64 readData(char* data, qint64 maximumSize)
+    {
+        const qint64 portion = m_portions.isEmpty() ? maximumSize : m_portions.takeFirst();
+        const int size = int(qMin(qMin(portion, maximumSize), qint64(m_bytes.size())));
+        if (size <= 0)
+            return portion <= 0 ? portion : -1;
+        memcpy(data, m_bytes.constData(), size_t(size));
+        m_bytes.remove(0, size);
+        return size;
+    }
+
+    virtual qint64 writeData(const char*, qint64) { return -1; }
+
+private:
+    QByteArray m_bytes;
+    Sizes m_portions;
 };
 
 // Lets a test reach the protected operations and take the areas away.
@@ -139,6 +176,8 @@ template <typename Socket> QByteArray receive(Socket& socket, int size)
 
 } // namespace
 
+Q_DECLARE_METATYPE(Sizes)
+
 class tst_NQIODeviceStreambuf : public QObject
 {
     Q_OBJECT
@@ -159,6 +198,7 @@ private slots:
     void partialWriteKeepsTheBeginning_data();
     void partialWriteKeepsTheBeginning();
     void partialWriteMovesTheBlockBehindThePendingBytes();
+    void deviceThatSaysItTookMoreTookWhatItWasOffered();
 
     void withoutPutAreaBytesGoStraightToTheDevice();
     void withoutGetAreaBytesComeStraightFromTheDevice();
@@ -171,7 +211,11 @@ private slots:
     void pieces();
     void failedReadIsEndOfFile_data();
     void failedReadIsEndOfFile();
+    void failureBetweenBlocksLosesNothing_data();
+    void failureBetweenBlocksLosesNothing();
+    void deviceThatSaysItGaveMoreGaveWhatItWasAskedFor();
     void availableBytesAreThoseOfTheDevice();
+    void availableBytesAreAtMostWhatCanBeSaid();
 
     void getlineSplitsLines();
     void formattedInputIsParsed();
@@ -365,6 +409,23 @@ void tst_NQIODeviceStreambuf::partialWriteMovesTheBlockBehindThePendingBytes()
     QCOMPARE(buffer.all().left(16), QByteArray("0123789789abcdef"));
 }
 
+void tst_NQIODeviceStreambuf::deviceThatSaysItTookMoreTookWhatItWasOffered()
+{
+    RecordingDevice device;
+    OpenedStreambuf buffer(&device);
+    device.excess = 5000;
+    buffer.sputn("abc", 3);
+    QCOMPARE(buffer.sync(), 0);
+    QCOMPARE(buffer.pending(), QByteArray());
+    QCOMPARE(buffer.overflow('d'), EOF);
+    const QByteArray bytes = allBytes();
+    QCOMPARE(buffer.sputn(bytes.constData(), bytes.size()), std::streamsize(bytes.size()));
+    QCOMPARE(buffer.sync(), 0);
+    QCOMPARE(device.written, "abc" + bytes);
+    buffer.removePutArea();
+    QCOMPARE(buffer.xsputn("efg", 3), std::streamsize(3));
+}
+
 void tst_NQIODeviceStreambuf::withoutPutAreaBytesGoStraightToTheDevice()
 {
     RecordingDevice device;
@@ -515,6 +576,60 @@ void tst_NQIODeviceStreambuf::failedReadIsEndOfFile()
     QVERIFY(!stream.bad());
 }
 
+void tst_NQIODeviceStreambuf::failureBetweenBlocksLosesNothing_data()
+{
+    QTest::addColumn<Sizes>("portions");
+    QTest::addColumn<int>("count");
+    QTest::newRow("second fails") << (Sizes() << BufferSize << -1) << BufferSize;
+    QTest::newRow("second is empty") << (Sizes() << BufferSize << 0) << BufferSize;
+    QTest::newRow("second is short") << (Sizes() << BufferSize << 100) << 5000;
+    QTest::newRow("second is short, third fails") << (Sizes() << BufferSize << 100 << -1) << BufferSize + 100;
+    QTest::newRow("third fails") << (Sizes() << BufferSize << BufferSize << -1) << 2 * BufferSize;
+    QTest::newRow("third is empty") << (Sizes() << BufferSize << BufferSize << 0) << 2 * BufferSize;
+    QTest::newRow("third is short") << (Sizes() << BufferSize << BufferSize << 1) << 5000;
+    QTest::newRow("last is short, then failure")
+        << (Sizes() << BufferSize << BufferSize << BufferSize << BufferSize << 7 << -1) << 4 * BufferSize + 7;
+}
+
+void tst_NQIODeviceStreambuf::failureBetweenBlocksLosesNothing()
+{
+    QFETCH(Sizes, portions);
+    QFETCH(int, count);
+    const QByteArray bytes = allBytes() + allBytes();
+    PortionDevice device(bytes, portions);
+    NQIODeviceStreambuf buffer(&device);
+    std::istream stream(&buffer);
+    QByteArray block(5000, '\0');
+    stream.read(block.data(), block.size());
+    QCOMPARE(stream.gcount(), std::streamsize(count));
+    QCOMPARE(stream.eof(), count < block.size());
+    QCOMPARE(stream.fail(), count < block.size());
+    QVERIFY(!stream.bad());
+    QCOMPARE(block.left(count), bytes.left(count));
+    stream.clear();
+    QByteArray rest(bytes.size() - count, '\0');
+    stream.read(rest.data(), rest.size());
+    QVERIFY(stream.good());
+    QCOMPARE(rest, bytes.mid(count));
+    QCOMPARE(stream.get(), EOF);
+}
+
+void tst_NQIODeviceStreambuf::deviceThatSaysItGaveMoreGaveWhatItWasAskedFor()
+{
+    RecordingDevice device;
+    OpenedStreambuf buffer(&device);
+    device.readResult = BufferSize;
+    device.excess = 5000;
+    QCOMPARE(buffer.underflow(), int('r'));
+    QCOMPARE(buffer.getAreaSize(), BufferSize);
+    QByteArray bytes(3 * BufferSize, '\0');
+    QCOMPARE(buffer.xsgetn(bytes.data(), 2 * BufferSize), std::streamsize(2 * BufferSize));
+    QCOMPARE(bytes, QByteArray(2 * BufferSize, 'r') + QByteArray(BufferSize, '\0'));
+    QCOMPARE(buffer.sungetc(), int('r'));
+    buffer.removeGetArea();
+    QCOMPARE(buffer.xsgetn(bytes.data(), 100), std::streamsize(100));
+}
+
 void tst_NQIODeviceStreambuf::availableBytesAreThoseOfTheDevice()
 {
     QByteArray bytes(BufferSize + 10, 'x');
@@ -531,6 +646,20 @@ void tst_NQIODeviceStreambuf::availableBytesAreThoseOfTheDevice()
     QCOMPARE(int(stream.readsome(rest, 16)), 10);
     stream.ignore(100);
     QCOMPARE(int(buffer.in_avail()), -1);
+}
+
+void tst_NQIODeviceStreambuf::availableBytesAreAtMostWhatCanBeSaid()
+{
+    class LargeDevice : public RecordingDevice
+    {
+    public:
+        virtual bool atEnd() const { return false; }
+        virtual qint64 bytesAvailable() const { return Q_INT64_C(5000000000); }
+    };
+    LargeDevice device;
+    NQIODeviceStreambuf buffer(&device);
+    const qint64 largest = std::numeric_limits<std::streamsize>::max();
+    QCOMPARE(qint64(buffer.in_avail()), qMin(Q_INT64_C(5000000000), largest));
 }
 
 void tst_NQIODeviceStreambuf::getlineSplitsLines()

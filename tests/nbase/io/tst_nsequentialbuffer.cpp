@@ -19,6 +19,7 @@ public:
     }
 
     using NSequentialBuffer::readData;
+    using NSequentialBuffer::setErrorString;
     using NSequentialBuffer::writeData;
 };
 
@@ -54,6 +55,7 @@ private slots:
     void isClosedAtFirst();
     void openingWithoutAModeDoesNothing();
     void openBufferStaysAsItIs();
+    void openingThatDoesNothingForgetsTheError();
     void openModesOpenTheWriteChannel_data();
     void openModesOpenTheWriteChannel();
 
@@ -109,6 +111,22 @@ void tst_NSequentialBuffer::openBufferStaysAsItIs()
     QVERIFY(buffer.atEnd());
     QVERIFY(buffer.open(QIODevice::NotOpen));
     QVERIFY(buffer.isOpen());
+}
+
+void tst_NSequentialBuffer::openingThatDoesNothingForgetsTheError()
+{
+    OpenedBuffer buffer;
+    const QString noError = buffer.errorString();
+    const QString error = QString::fromLatin1("an error");
+    buffer.setErrorString(error);
+    QCOMPARE(buffer.errorString(), error);
+    buffer.open(QIODevice::NotOpen);
+    QCOMPARE(buffer.errorString(), noError);
+
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    buffer.setErrorString(error);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    QCOMPARE(buffer.errorString(), noError);
 }
 
 void tst_NSequentialBuffer::openModesOpenTheWriteChannel_data()
@@ -341,8 +359,7 @@ void tst_NSequentialBuffer::withoutMemoryNothingIsTakenAndNothingLost()
         const QByteArray bytes(size, 'x');
         QByteArray out(size, '\0');
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-        const struct rlimit limit = {rlim_t(700) << 20, rlim_t(700) << 20};
-        if (::setrlimit(RLIMIT_AS, &limit) != 0)
+        if (!NTest::leaveMemory(400))
             return 1;
 #endif
         OpenedBuffer buffer;

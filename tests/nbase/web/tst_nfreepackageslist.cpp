@@ -2,6 +2,8 @@
 
 #include <nbase/web/nfreepackage.h>
 
+#include "support/nchildprocess.h"
+#include "support/nmessagerecorder.h"
 #include "support/nprivatenamespace.h"
 #include "support/ntemporarydirectory.h"
 
@@ -9,6 +11,7 @@
 #include <QtTest/QtTest>
 
 #include <errno.h>
+#include <linux/capability.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -20,6 +23,8 @@ bool blocksAreBad = false;
 const char* const Header =
     "\"PACKAGE\",\"VERSION\",\"LICENSE\",\"LICENSE FILES\",\"SOURCE ARCHIVE\",\"SOURCE SITE\"\n";
 
+const char* const CannotOpen = "Cannot open the free packages' manifest file";
+
 QString text(const char* latin1)
 {
     return QString::fromLatin1(latin1);
@@ -29,6 +34,14 @@ QStringList sorted(QStringList names)
 {
     names.sort();
     return names;
+}
+
+// Makes the process one that files' permissions count for, whoever it belongs to. See capabilities(7).
+bool giveUpCapabilities()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    return ::syscall(SYS_capset, &header, none) == 0;
 }
 
 } // namespace
@@ -67,6 +80,9 @@ private slots:
     void listStaysAsItWasLoaded();
 
     void missingManifestIsToldAndEmpty();
+    void directoryInPlaceOfTheManifestIsToldAndEmpty();
+    void danglingLinkInPlaceOfTheManifestIsToldAndEmpty();
+    void manifestThatMayNotBeReadIsToldAndEmpty();
     void badHeaderIsToldAndEmpty_data();
     void badHeaderIsToldAndEmpty();
     void badLineIsToldAndLeftOut_data();
@@ -235,8 +251,40 @@ void tst_NFreePackagesList::listStaysAsItWasLoaded()
 
 void tst_NFreePackagesList::missingManifestIsToldAndEmpty()
 {
-    QTest::ignoreMessage(QtWarningMsg, "Cannot open the free packages' manifest file");
+    QTest::ignoreMessage(QtWarningMsg, CannotOpen);
     QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+}
+
+void tst_NFreePackagesList::directoryInPlaceOfTheManifestIsToldAndEmpty()
+{
+    QVERIFY(QDir(m_folder->path()).mkdir(text("manifest.csv")));
+    QTest::ignoreMessage(QtWarningMsg, CannotOpen);
+    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+}
+
+void tst_NFreePackagesList::danglingLinkInPlaceOfTheManifestIsToldAndEmpty()
+{
+    const QByteArray link = QFile::encodeName(m_folder->filePath(text("manifest.csv")));
+    QCOMPARE(::symlink("elsewhere.csv", link.constData()), 0);
+    QTest::ignoreMessage(QtWarningMsg, CannotOpen);
+    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+}
+
+void tst_NFreePackagesList::manifestThatMayNotBeReadIsToldAndEmpty()
+{
+    writeManifest("\"p\",\"1\",\"\",\"\",\"\",\"\"\n");
+    QVERIFY(QFile::setPermissions(m_folder->filePath(text("manifest.csv")), QFile::Permissions()));
+    const int status = NTest::runInChild([]() {
+        const NMessageRecorder recorder;
+        if (NFreePackagesList(NULL).freePackages().size() != 1 || !recorder.messages().isEmpty())
+            return 1; // the system's administrator may read everything
+        if (!giveUpCapabilities())
+            return 2;
+        if (!NFreePackagesList(NULL).freePackages().isEmpty())
+            return 3;
+        return recorder.messages() == QStringList(text("warning: ") + text(CannotOpen)) ? 0 : 4;
+    });
+    QCOMPARE(status, 0);
 }
 
 void tst_NFreePackagesList::badHeaderIsToldAndEmpty_data()

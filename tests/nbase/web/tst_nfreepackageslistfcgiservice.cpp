@@ -70,6 +70,44 @@ private:
     int m_taken;
 };
 
+// A client who has taken everything already whenever something is written.
+class FastChannel : public NMemoryChannel
+{
+public:
+    void tellTaken(NwaFcgiRequest* request) { tellReplyTaken(request); }
+};
+
+// Somebody else whom the event loop serves in turn with a reply.
+class Neighbour : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Neighbour(const NMemoryChannel& channel)
+        : m_channel(channel)
+        , m_written(channel.output.size())
+        , m_mostWritten(0)
+    {
+    }
+
+    /** The most that was written between two turns. */
+    int mostWritten() const { return m_mostWritten; }
+
+public slots:
+    void takeTurn()
+    {
+        m_mostWritten = qMax(m_mostWritten, m_channel.output.size() - m_written);
+        m_written = m_channel.output.size();
+        if (m_channel.finishCount == 0)
+            QMetaObject::invokeMethod(this, "takeTurn", Qt::QueuedConnection);
+    }
+
+private:
+    const NMemoryChannel& m_channel;
+    int m_written;
+    int m_mostWritten;
+};
+
 const int LongTextSize = 3000000;
 
 QString text(const char* latin1)
@@ -104,6 +142,7 @@ private slots:
 
     void replyWaitsForASlowClient();
     void longReplyGivesOthersTheirTurn();
+    void replyThatWasTakenWaitsForItsTurn();
     void abortedReplyEnds();
     void replyEndsWithItsProcessor();
     void twoHundredMegabytesGoThroughTheWebServerInLittleMemory();
@@ -319,6 +358,24 @@ void tst_NFreePackagesListFcgiService::longReplyGivesOthersTheirTurn()
     QCOMPARE(channel.finishCount, 0);
     NTRY_COMPARE(channel.finishCount, 1);
     QVERIFY(channel.body().size() > LongTextSize);
+}
+
+void tst_NFreePackagesListFcgiService::replyThatWasTakenWaitsForItsTurn()
+{
+    loadLongText();
+    Service service(identifier(), m_list.data(), NULL);
+    FastChannel channel;
+    NwaFcgiRequest* const request = new NwaFcgiRequest(&channel, variables("", "GET"));
+    service.processRequest(request);
+    const int firstTurn = channel.output.size();
+    QVERIFY(firstTurn < LongTextSize / 3);
+    channel.tellTaken(request);
+    channel.tellTaken(request);
+    Neighbour neighbour(channel);
+    neighbour.takeTurn();
+    NTRY_COMPARE(channel.finishCount, 1);
+    QVERIFY(channel.body().size() > LongTextSize);
+    QVERIFY2(neighbour.mostWritten() < 2 * firstTurn, QByteArray::number(neighbour.mostWritten()));
 }
 
 void tst_NFreePackagesListFcgiService::abortedReplyEnds()
