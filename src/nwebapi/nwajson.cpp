@@ -150,6 +150,8 @@ QVariant restored(const QVariant& value, const QVariantList& numbers, const QVar
 } // namespace
 
 const int NwaJson::DefaultMaximumDepth;
+const int NwaJson::DefaultMaximumValueCount;
+const int NwaJson::MaximumNumberSize;
 
 QByteArray NwaJson::serialize(const QVariant& value)
 {
@@ -158,11 +160,11 @@ QByteArray NwaJson::serialize(const QVariant& value)
     return list.mid(1, list.size() - 2);
 }
 
-QVariant NwaJson::parse(const QByteArray& text, bool* ok, int maximumDepth)
+QVariant NwaJson::parse(const QByteArray& text, bool* ok, int maximumDepth, int maximumValueCount)
 {
     bool isCorrect = false;
     QVariant document;
-    NwaJsonScanner scanner(text, qMin(maximumDepth, int(NwaJsonBackend::MaximumDepth)));
+    NwaJsonScanner scanner(text, qMin(maximumDepth, int(NwaJsonBackend::MaximumDepth)), maximumValueCount);
     if (scanner.scan()) {
         const QByteArray indexed = '[' + scanner.indexedText() + ",[" + scanner.nameTexts() + "]]";
         const QVariantList list = NwaJsonBackend::parse(indexed, &isCorrect);
