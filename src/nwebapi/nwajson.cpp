@@ -2,6 +2,7 @@
 
 #include <nwebapi/nwajsonbackend_p.h>
 #include <nwebapi/nwajsonscanner_p.h>
+#include <nwebapi/nwaqtcompat_p.h>
 
 #include <QtCore/QStringList>
 
@@ -82,7 +83,7 @@ QVariant normalised(const QVariant& value)
 {
     if (!value.isValid())
         return QVariant();
-    switch (value.userType()) {
+    switch (NwaQtCompat::typeOf(value)) {
     case QMetaType::Bool:
         return value;
     case QMetaType::Char:

@@ -402,6 +402,8 @@ void tst_NwaJson::valueIsWritten_data()
     QTest::newRow("unsigned short") << QVariant::fromValue(static_cast<unsigned short>(65535))
                                     << QByteArray("65535");
     QTest::newRow("unsigned char") << QVariant::fromValue(static_cast<unsigned char>(200)) << QByteArray("200");
+    QTest::newRow("signed char") << QVariant::fromValue(static_cast<signed char>(65)) << QByteArray("65");
+    QTest::newRow("char") << QVariant::fromValue('A') << QByteArray("65");
     QTest::newRow("whole double") << QVariant(100.0) << QByteArray("100");
     QTest::newRow("fraction") << QVariant(0.5) << QByteArray("0.5");
     QTest::newRow("infinity") << QVariant(std::numeric_limits<double>::infinity()) << QByteArray("null");
