@@ -12,6 +12,7 @@
 #include <QtCore/QTimer>
 
 #include <memory>
+#include <sys/types.h>
 
 class NwaAbstractFcgiService;
 class NwaFcgiConnection;
@@ -90,7 +91,10 @@ public:
     /** The TCP port that the server listens on; 0 when it does not listen on one. */
     quint16 port() const;
 
-    /** Ends listening, drops all connections and removes the socket that listenOnPath() made. */
+    /**
+     * Ends listening, drops all connections and removes the socket that listenOnPath() made, unless another one
+     * has come into its place.
+     */
     void close();
 
     /** Why the latest listen operation failed, in English. */
@@ -122,6 +126,7 @@ private:
     bool startListening(int descriptor);
     bool fail(const QString& what);
     bool failWithSystemError(const QString& what, int descriptor);
+    bool rememberSocket(const QString& path);
     void removeSocket();
     void acceptConnections();
     void pauseAccepting();
@@ -138,7 +143,9 @@ private:
     QSocketNotifier* m_notifier; ///< tells of what the poller watches
     int m_descriptor;
     bool m_accepting;
-    QString m_socketPath;
+    QString m_socketPath; ///< of the socket that the server made; m_socketDevice and m_socketInode identify it
+    dev_t m_socketDevice;
+    ino_t m_socketInode;
     QTimer m_sweepTimer;
     QString m_errorString;
 };

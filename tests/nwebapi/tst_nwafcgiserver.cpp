@@ -85,6 +85,7 @@ private slots:
     void socketHasThePermissionsGiven_data();
     void socketHasThePermissionsGiven();
     void socketIsRemovedWhenTheServerEnds();
+    void socketOfAnotherServerIsNotRemoved();
     void abandonedSocketIsReplaced();
     void socketThatIsServedIsNotReplaced();
     void fileThatIsNoSocketIsNotReplaced();
@@ -277,6 +278,19 @@ void tst_NwaFcgiServer::socketIsRemovedWhenTheServerEnds()
         QVERIFY(modeOf(path("other")) != 0);
     }
     QCOMPARE(int(modeOf(path("other"))), 0);
+}
+
+void tst_NwaFcgiServer::socketOfAnotherServerIsNotRemoved()
+{
+    QVERIFY(QFile::remove(socketPath()));
+    NwaFcgiServer successor;
+    QVERIFY2(successor.listenOnPath(socketPath()), qPrintable(successor.errorString()));
+    m_server->close();
+    QVERIFY(m_client->connectToPath(socketPath()));
+    successor.registerService(QString::fromLatin1("/test"), m_service.data());
+    QVERIFY(isServed(*m_client));
+    successor.close();
+    QCOMPARE(int(modeOf(socketPath())), 0);
 }
 
 void tst_NwaFcgiServer::abandonedSocketIsReplaced()
