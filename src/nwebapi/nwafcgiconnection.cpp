@@ -3,6 +3,7 @@
 #include <nwebapi/nwafcgipoller_p.h>
 #include <nwebapi/nwafcgiprotocol_p.h>
 #include <nwebapi/nwafcgiserver.h>
+#include <nwebapi/nwahttpgrammar_p.h>
 
 #include <errno.h>
 #include <poll.h>
@@ -45,8 +46,17 @@ bool wouldBlock()
 
 bool isStreamed(const NwaFcgiRequest& request)
 {
-    const QByteArray type = request.variable("CONTENT_TYPE");
-    return type.left(type.indexOf(';')).trimmed().toLower() == "multipart/form-data";
+    return NwaHttpGrammar::mainValue(request.variable("CONTENT_TYPE")) == "multipart/form-data";
+}
+
+// Reads the variables that are there as a whole. Returns whether nothing is left over.
+bool readVariables(const QByteArray& content, NwaFcgiRequest::Variables& variables)
+{
+    variables.reserve(content.size());
+    PairReader reader(content);
+    while (reader.next())
+        variables.insert(reader.nameData(), reader.nameSize(), reader.valueData(), reader.valueSize());
+    return reader.atEnd();
 }
 
 } // namespace
@@ -314,18 +324,13 @@ void NwaFcgiConnection::refuseOversizedVariables()
         queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), reader.valueSize());
     // What broke the limit may be the query itself, of which only the beginning has arrived.
     queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), m_variables.size());
-    m_request = new NwaFcgiRequest(this, NwaFcgiRequest::Variables());
     answerWithError(queryIsTooLong ? NwaFcgiRequest::UriTooLong : NwaFcgiRequest::RequestHeaderFieldsTooLarge);
 }
 
 void NwaFcgiConnection::makeRequest()
 {
     NwaFcgiRequest::Variables variables;
-    variables.reserve(m_variables.size());
-    PairReader reader(m_variables);
-    while (reader.next())
-        variables.insert(reader.nameData(), reader.nameSize(), reader.valueData(), reader.valueSize());
-    const bool complete = reader.atEnd();
+    const bool complete = readVariables(m_variables, variables);
     m_variables.clear();
     m_idleSeconds = 0;
     const bool queryIsTooLong = variables.value("QUERY_STRING").size() > m_server->m_limits.querySize;
@@ -392,6 +397,12 @@ void NwaFcgiConnection::dispatchWhenReady()
 
 void NwaFcgiConnection::answerWithError(NwaFcgiRequest::StandardHttpError error)
 {
+    // The variables may be incomplete; the method among them decides what the answer looks like.
+    if (!m_request) {
+        NwaFcgiRequest::Variables variables;
+        readVariables(m_variables, variables);
+        m_request = new NwaFcgiRequest(this, variables);
+    }
     // Ours to delete even when the connection breaks while the answer is sent.
     m_dispatched = true;
     NwaFcgiRequest* const request = m_request;

@@ -141,11 +141,14 @@ private slots:
 
     void badRequestIsAnsweredWithAnError_data();
     void badRequestIsAnsweredWithAnError();
+    void badHeadRequestIsAnsweredWithoutABody_data();
+    void badHeadRequestIsAnsweredWithoutABody();
     void goodRequestNearALimitIsServed_data();
     void goodRequestNearALimitIsServed();
     void bodyBeyondTheLimitIsAnswered413_data();
     void bodyBeyondTheLimitIsAnswered413();
     void hugeBodyBeforeTheParamsIsDropped();
+    void formIsNotLimitedByTheBodyLimit_data();
     void formIsNotLimitedByTheBodyLimit();
     void tenMegabytesOfQueryAreAnswered414();
     void textOfTheClientForgesNoHeader_data();
@@ -956,6 +959,31 @@ void tst_NwaFcgiServer::badRequestIsAnsweredWithAnError()
     QVERIFY(answers());
 }
 
+void tst_NwaFcgiServer::badHeadRequestIsAnsweredWithoutABody_data()
+{
+    QTest::addColumn<NFcgiClient::Params>("params");
+    QTest::addColumn<int>("status");
+    QTest::newRow("wrong query") << with("QUERY_STRING", "a=%zz", "HEAD") << 400;
+    QTest::newRow("wrong size") << with("CONTENT_LENGTH", "many", "HEAD") << 400;
+    QTest::newRow("unknown script") << NFcgiClient::variables("/unknown", "HEAD") << 404;
+    QTest::newRow("large body") << with("CONTENT_LENGTH", "10000000", "HEAD") << 413;
+    QTest::newRow("long query") << with("QUERY_STRING", QByteArray(17 * 1024, 'q'), "HEAD") << 414;
+    QTest::newRow("query longer than all variables may be")
+        << with("QUERY_STRING", QByteArray(70000, 'q'), "HEAD") << 414;
+    QTest::newRow("large variable") << with("HTTP_COOKIE", QByteArray(70000, 'c'), "HEAD") << 431;
+}
+
+void tst_NwaFcgiServer::badHeadRequestIsAnsweredWithoutABody()
+{
+    QFETCH(NFcgiClient::Params, params);
+    QFETCH(int, status);
+    m_client->raw(NFcgiClient::request(params));
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->status(), status);
+    QCOMPARE(m_client->replyBody(), QByteArray());
+    QCOMPARE(m_service->count(), 0);
+}
+
 void tst_NwaFcgiServer::goodRequestNearALimitIsServed_data()
 {
     QTest::addColumn<NFcgiClient::Params>("params");
@@ -1015,12 +1043,21 @@ void tst_NwaFcgiServer::hugeBodyBeforeTheParamsIsDropped()
     QVERIFY(answers());
 }
 
+void tst_NwaFcgiServer::formIsNotLimitedByTheBodyLimit_data()
+{
+    QTest::addColumn<QByteArray>("type");
+    QTest::newRow("with a boundary") << QByteArray("multipart/form-data; boundary=b");
+    QTest::newRow("with blanks and capitals") << QByteArray(" Multipart/Form-Data ;boundary=b");
+    QTest::newRow("without parameters") << QByteArray("multipart/form-data");
+}
+
 void tst_NwaFcgiServer::formIsNotLimitedByTheBodyLimit()
 {
+    QFETCH(QByteArray, type);
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
     NFcgiClient::Params params = announcing("3000000");
-    params << Param("CONTENT_TYPE", "multipart/form-data; boundary=b");
+    params << Param("CONTENT_TYPE", type);
     m_client->raw(NFcgiClient::request(params, QByteArray(3000000, 'b')));
     NTRY_COMPARE(service.count(), 1);
     QByteArray body;
