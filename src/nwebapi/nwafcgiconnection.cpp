@@ -75,6 +75,7 @@ NwaFcgiConnection::NwaFcgiConnection(int descriptor, NwaFcgiServer* server)
     , m_request(0)
     , m_dispatched(false)
     , m_streamed(false)
+    , m_hasRemarks(false)
     , m_bodyEnded(false)
     , m_bodyReceived(0)
     , m_bodyRead(0)
@@ -415,6 +416,7 @@ bool NwaFcgiConnection::write(Stream stream, const char* data, int size)
     const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
     while (size > 0 && m_descriptor >= 0) {
         const int contentSize = qMin(size, int(MaximumContentSize));
+        m_hasRemarks = m_hasRemarks || stream == Error;
         sendRecord(stream == Output ? Stdout : Stderr, data, contentSize);
         data += contentSize;
         size -= contentSize;
@@ -559,6 +561,8 @@ void NwaFcgiConnection::finish()
     if (m_descriptor < 0)
         return;
     appendStreamEnd(m_output, Stdout, m_requestId);
+    if (m_hasRemarks)
+        appendStreamEnd(m_output, Stderr, m_requestId);
     appendEndRequest(m_output, m_requestId, RequestComplete);
     endRequest();
 }
@@ -570,6 +574,7 @@ void NwaFcgiConnection::endRequest()
     m_requestId = 0;
     m_dispatched = false;
     m_streamed = false;
+    m_hasRemarks = false;
     m_bodyEnded = false;
     m_bodyReceived = 0;
     m_variables.clear();

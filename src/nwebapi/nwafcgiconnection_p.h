@@ -106,6 +106,7 @@ private:
     NwaFcgiRequest* m_request; ///< made when its variables are complete
     bool m_dispatched;         ///< the request was handed on; whoever has it deletes it
     bool m_streamed;
+    bool m_hasRemarks; ///< something was sent on the error stream, whose end is to be sent then
     bool m_bodyEnded;
     qint64 m_bodyReceived;
 

@@ -123,6 +123,8 @@ private slots:
     void unknownRoleIsRefused_data();
     void unknownRoleIsRefused();
     void secondRequestAtATimeIsRefused();
+    void everyStreamOfTheReplyThatWasUsedIsEnded_data();
+    void everyStreamOfTheReplyThatWasUsedIsEnded();
     void keptConnectionCarriesRequestAfterRequest();
     void keptConnectionCarriesRequestsSentAhead();
     void keptConnectionEndsWithItsPeersSending();
@@ -707,6 +709,43 @@ void tst_NwaFcgiServer::secondRequestAtATimeIsRefused()
     NTRY_VERIFY(m_client->isClosed());
     QCOMPARE(m_client->replyBody(1), QByteArray("GET"));
     QCOMPARE(m_service->count(), 1);
+}
+
+void tst_NwaFcgiServer::everyStreamOfTheReplyThatWasUsedIsEnded_data()
+{
+    QTest::addColumn<QByteArray>("remark");
+    QTest::newRow("reply alone") << QByteArray();
+    QTest::newRow("reply and remark") << QByteArray("remark");
+    QTest::newRow("large remark") << QByteArray(100000, 'r');
+}
+
+void tst_NwaFcgiServer::everyStreamOfTheReplyThatWasUsedIsEnded()
+{
+    QFETCH(QByteArray, remark);
+    NFcgiTestService service([&](NwaFcgiRequest* request) {
+        request->errorStream().write(remark.constData(), remark.size());
+        NTest::reply(request, "reply");
+    });
+    m_server->registerService(QString::fromLatin1("/remark"), &service);
+    QList<int> ends;
+    if (!remark.isEmpty())
+        ends << NFcgiClient::StderrType;
+    ends.prepend(NFcgiClient::StdoutType);
+    // A remark for one request is none for the next.
+    for (int id = 1; id <= 2; ++id)
+        m_client->raw(NFcgiClient::request(NFcgiClient::variables("/remark"), QByteArray(), id, true));
+    m_client->raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 3, false));
+    NTRY_VERIFY(m_client->isClosed());
+    QHash<int, QList<int>> endsFound;
+    for (const NFcgiClient::Record& record : m_client->records()) {
+        if (record.content.isEmpty())
+            endsFound[record.requestId] << record.type;
+    }
+    QCOMPARE(endsFound.value(1), ends);
+    QCOMPARE(endsFound.value(2), ends);
+    QCOMPARE(endsFound.value(3), QList<int>() << NFcgiClient::StdoutType);
+    QCOMPARE(m_client->remarks(1), remark);
+    QCOMPARE(m_client->records().last().type, int(NFcgiClient::EndRequest));
 }
 
 void tst_NwaFcgiServer::keptConnectionCarriesRequestAfterRequest()
