@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -127,13 +128,25 @@ bool NwaFcgiConnection::isWaitingForPeer() const
     return !m_bodyEnded && !isBodyBufferFull();
 }
 
-// After the end of its input, only the kernel can tell that the peer does not wait for the reply any more.
+// While nothing is read, after the end of the input or when the service has to read first, only the kernel can
+// tell that the peer does not wait for the reply any more.
 bool NwaFcgiConnection::hasPeerGone() const
 {
-    if (!m_inputEnded)
+    if (!m_inputEnded && !isBodyBufferFull())
         return false;
-    struct pollfd state = {m_descriptor, 0, 0};
-    return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR));
+    struct pollfd state = {m_descriptor, POLLRDHUP, 0};
+    if (::poll(&state, 1, 0) != 1)
+        return false;
+    // Over TCP, a peer that has gone looks like one that has only ended its sending.
+    return (state.revents & (POLLHUP | POLLERR)) || (!m_inputEnded && isRestOfBodyMissing());
+}
+
+// Whether a peer that has ended its sending did so in the midst of the body.
+bool NwaFcgiConnection::isRestOfBodyMissing() const
+{
+    int unread = 0;
+    return ::ioctl(m_descriptor, FIONREAD, &unread) == 0 &&
+           m_request->contentLength() - m_bodyReceived > m_input.size() + unread;
 }
 
 void NwaFcgiConnection::readInput()
@@ -360,6 +373,9 @@ void NwaFcgiConnection::processStdin(const char* content, int size)
         endBody();
         return;
     }
+    // What the service has read is dropped here as well: one that always leaves something would keep it all.
+    m_body.remove(0, m_bodyRead);
+    m_bodyRead = 0;
     m_body.append(content, size);
     m_bodyReceived += size;
     m_idleSeconds = 0;

@@ -91,6 +91,7 @@ private:
     void giveRequestUp();
     bool isWaitingForPeer() const;
     bool hasPeerGone() const;
+    bool isRestOfBodyMissing() const;
 
     NwaFcgiServer* const m_server;
     int m_descriptor;     ///< -1 after closing

@@ -2,6 +2,7 @@
 #include "nfcgitestservice.h"
 
 #include <nwebapi/nwafcgiserver.h>
+#include <support/nallocatedbytes.h>
 #include <support/ntemporarydirectory.h>
 #include <support/ntestwait.h>
 
@@ -29,6 +30,11 @@ NFcgiClient::Params with(const QByteArray& name, const QByteArray& value, const 
 NFcgiClient::Params announcing(const QByteArray& contentLength)
 {
     return with("CONTENT_LENGTH", contentLength, "POST");
+}
+
+NFcgiClient::Params announcingForm(int size)
+{
+    return announcing(QByteArray::number(size)) << Param("CONTENT_TYPE", "multipart/form-data; boundary=b");
 }
 
 mode_t modeOf(const QString& path)
@@ -152,6 +158,7 @@ private slots:
     void hugeBodyBeforeTheParamsIsDropped();
     void formIsNotLimitedByTheBodyLimit_data();
     void formIsNotLimitedByTheBodyLimit();
+    void whatWasReadOfAFormIsNotKept();
     void tenMegabytesOfQueryAreAnswered414();
     void textOfTheClientForgesNoHeader_data();
     void textOfTheClientForgesNoHeader();
@@ -171,6 +178,10 @@ private slots:
     void clientThatEndsItsSendingGetsItsReply_data();
     void clientThatEndsItsSendingGetsItsReply();
     void clientThatEndsItsSendingTooEarlyIsDropped();
+    void clientThatGoesWhileItsBodyWaitsIsNoticed_data();
+    void clientThatGoesWhileItsBodyWaitsIsNoticed();
+    void clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply_data();
+    void clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply();
     void connectionsBeyondTheLimitWait();
     void lackOfDescriptorsPasses();
     void limitsAreAtLeastOne();
@@ -179,6 +190,7 @@ private:
     QString socketPath() const;
     QString path(const char* name) const;
     void setUpLimits(void (*change)(NwaFcgiLimits&));
+    bool connectOverTcp();
     bool answers();
     bool isServed(NFcgiClient& client, const QByteArray& expected = "GET");
 
@@ -227,6 +239,13 @@ void tst_NwaFcgiServer::setUpLimits(void (*change)(NwaFcgiLimits&))
     NwaFcgiLimits limits = m_server->limits();
     change(limits);
     m_server->setLimits(limits);
+}
+
+// Makes the server listen on a TCP port, and the client connect to it.
+bool tst_NwaFcgiServer::connectOverTcp()
+{
+    const QString address = QString::fromLatin1("127.0.0.1");
+    return m_server->listenOnPort(address, 0) && m_client->connectToPort(address, m_server->port());
 }
 
 // Whether another client's request is answered; to be asked when something bad was done.
@@ -1104,6 +1123,32 @@ void tst_NwaFcgiServer::formIsNotLimitedByTheBodyLimit()
     QCOMPARE(body.size(), 3000000);
 }
 
+void tst_NwaFcgiServer::whatWasReadOfAFormIsNotKept()
+{
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/test"), &service);
+    const QByteArray piece(1024 * 1024, 'b');
+    const int size = 50 * piece.size();
+    m_client->begin();
+    m_client->params(announcingForm(size));
+    NTRY_COMPARE(service.count(), 1);
+    QByteArray buffer(piece.size(), '\0');
+    qint64 read = 0;
+    qint64 afterFirstPiece = 0;
+    for (int sent = piece.size(); sent <= size; sent += piece.size()) {
+        m_client->body(piece);
+        // A byte is always left, as a service leaves it that waits for the rest of a line.
+        NTRY_VERIFY((read += service.request()->readBody(buffer.data(), sent - 1 - read)) == sent - 1);
+        QCOMPARE(m_client->unsentSize(), 0);
+        if (sent == piece.size())
+            afterFirstPiece = NTest::allocatedBytes();
+    }
+    QVERIFY(NTest::allocatedBytes() - afterFirstPiece < piece.size());
+    m_client->endBody();
+    NTRY_VERIFY((read += service.request()->readBody(buffer.data(), 1)) == size);
+    NTRY_VERIFY(service.request()->atBodyEnd());
+}
+
 void tst_NwaFcgiServer::tenMegabytesOfQueryAreAnswered414()
 {
     m_client->raw(NFcgiClient::request(with("QUERY_STRING", QByteArray(10 * 1024 * 1024, 'q'))));
@@ -1335,13 +1380,19 @@ void tst_NwaFcgiServer::errorThatBreaksTheConnectionIsHarmless()
 void tst_NwaFcgiServer::clientMayDisconnectAnywhere_data()
 {
     QTest::addColumn<bool>("form");
-    QTest::newRow("body that is awaited") << false;
-    QTest::newRow("body that is streamed") << true;
+    QTest::addColumn<int>("buffer");
+    QTest::newRow("body that is awaited") << false << 1024;
+    QTest::newRow("body that is streamed") << true << 1024;
+    QTest::newRow("body that fills the buffer") << true << 1;
 }
 
 void tst_NwaFcgiServer::clientMayDisconnectAnywhere()
 {
     QFETCH(bool, form);
+    QFETCH(int, buffer);
+    NwaFcgiLimits limits;
+    limits.streamedBodyBuffer = buffer;
+    m_server->setLimits(limits);
     NFcgiClient::Params params = announcing("4");
     params << Param("CONTENT_TYPE", form ? "multipart/form-data; boundary=b" : "text/plain");
     const QByteArray request = NFcgiClient::request(params, "body");
@@ -1396,10 +1447,8 @@ void tst_NwaFcgiServer::clientThatEndsItsSendingGetsItsReply()
     QFETCH(bool, keep);
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
-    if (overTcp) {
-        QVERIFY(m_server->listenOnPort(QString::fromLatin1("127.0.0.1"), 0));
-        QVERIFY(m_client->connectToPort(QString::fromLatin1("127.0.0.1"), m_server->port()));
-    }
+    if (overTcp)
+        QVERIFY(connectOverTcp());
     m_client->raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 1, keep));
     m_client->endSending();
     NTRY_COMPARE(service.count(), 1);
@@ -1419,6 +1468,76 @@ void tst_NwaFcgiServer::clientThatEndsItsSendingTooEarlyIsDropped()
     NTRY_VERIFY(m_client->isClosed());
     QCOMPARE(m_client->records().size(), 0);
     QCOMPARE(m_service->count(), 0);
+}
+
+void tst_NwaFcgiServer::clientThatGoesWhileItsBodyWaitsIsNoticed_data()
+{
+    QTest::addColumn<bool>("overTcp");
+    QTest::addColumn<bool>("endsItsSendingOnly");
+    QTest::newRow("Unix socket") << false << false;
+    QTest::newRow("Unix socket, end of sending") << false << true;
+    QTest::newRow("TCP") << true << false;
+    QTest::newRow("TCP, end of sending") << true << true;
+}
+
+void tst_NwaFcgiServer::clientThatGoesWhileItsBodyWaitsIsNoticed()
+{
+    QFETCH(bool, overTcp);
+    QFETCH(bool, endsItsSendingOnly);
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/test"), &service);
+    if (overTcp)
+        QVERIFY(connectOverTcp());
+    m_client->begin();
+    m_client->params(announcingForm(3000000));
+    m_client->body(QByteArray(100000, 'b'));
+    NTRY_COMPARE(service.count(), 1);
+    NTRY_COMPARE(m_client->unsentSize(), 0);
+    QSignalSpy aborted(service.request(), SIGNAL(aborted()));
+    if (endsItsSendingOnly)
+        m_client->endSending();
+    else
+        m_client->disconnectNow();
+    NTRY_COMPARE(aborted.count(), 1);
+    QCOMPARE(m_server->connectionCount(), 0);
+}
+
+void tst_NwaFcgiServer::clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply_data()
+{
+    QTest::addColumn<bool>("overTcp");
+    QTest::newRow("Unix socket") << false;
+    QTest::newRow("TCP") << true;
+}
+
+void tst_NwaFcgiServer::clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply()
+{
+    QFETCH(bool, overTcp);
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/test"), &service);
+    setUpLimits([](NwaFcgiLimits& limits) {
+        limits.stallTimeout = 1;
+        limits.streamedBodyBuffer = 1000;
+    });
+    if (overTcp)
+        QVERIFY(connectOverTcp());
+    NFcgiClient silent;
+    QVERIFY(
+        overTcp ? silent.connectToPort(QString::fromLatin1("127.0.0.1"), m_server->port())
+                : silent.connectToPath(socketPath()));
+    const QByteArray body(100000, 'b');
+    m_client->raw(NFcgiClient::request(announcingForm(body.size()), body));
+    NTRY_COMPARE(service.count(), 1);
+    NTRY_COMPARE(m_client->unsentSize(), 0);
+    m_client->endSending();
+    // Every connection has been looked at by then.
+    NTRY_VERIFY(silent.isClosed());
+    QVERIFY(!service.request()->isAborted());
+    QByteArray read;
+    NTRY_VERIFY((read += NTest::readAvailableBody(service.request()), service.request()->atBodyEnd()));
+    QVERIFY(read == body);
+    NTest::reply(service.request(), "taken");
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->replyBody(), QByteArray("taken"));
 }
 
 void tst_NwaFcgiServer::connectionsBeyondTheLimitWait()
