@@ -206,6 +206,7 @@ void NwaFcgiConnection::processInput(const char* data, int size)
         m_input.append(data, size);
         m_input.remove(0, processRecords(m_input.constData(), m_input.size()));
     }
+    refuseWhenTooMuchIsHeld();
     m_parsing = false;
     flush();
 }
@@ -408,8 +409,22 @@ void NwaFcgiConnection::dispatchWhenReady()
         answerWithError(NwaFcgiRequest::BadRequest);
         return;
     }
+    // What it holds itself makes room as soon as it is served.
+    if (m_server->bufferedSize() - bufferedSize() > m_server->m_limits.bufferedSize) {
+        answerWithError(NwaFcgiRequest::ServiceUnavailable);
+        return;
+    }
     m_dispatched = true;
     m_server->dispatch(m_request);
+}
+
+// A request that no service has yet is refused when more has come than there is room for.
+void NwaFcgiConnection::refuseWhenTooMuchIsHeld()
+{
+    if (m_descriptor < 0 || m_requestId == 0 || m_dispatched)
+        return;
+    if (m_server->bufferedSize() > m_server->m_limits.bufferedSize)
+        answerWithError(NwaFcgiRequest::ServiceUnavailable);
 }
 
 void NwaFcgiConnection::answerWithError(NwaFcgiRequest::StandardHttpError error)
@@ -613,6 +628,11 @@ void NwaFcgiConnection::endRequest()
 bool NwaFcgiConnection::isBodyBufferFull() const
 {
     return m_dispatched && bufferedBodySize() >= m_server->m_limits.streamedBodyBuffer && !m_bodyEnded;
+}
+
+int NwaFcgiConnection::bufferedSize() const
+{
+    return m_input.size() + m_variables.size() + m_body.size() + unsentSize();
 }
 
 int NwaFcgiConnection::bufferedBodySize() const

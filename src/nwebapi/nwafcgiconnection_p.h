@@ -39,6 +39,9 @@ public:
      */
     void closeIfStalled();
 
+    /** How many bytes are held of requests and replies. */
+    int bufferedSize() const;
+
     void close();
 
 private:
@@ -70,6 +73,7 @@ private:
     bool isBodyBroken() const;
     void endBody();
     void dispatchWhenReady();
+    void refuseWhenTooMuchIsHeld();
     void answerWithError(NwaFcgiRequest::StandardHttpError error);
     void endRequest();
 

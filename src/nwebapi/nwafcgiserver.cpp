@@ -100,6 +100,7 @@ NwaFcgiLimits::NwaFcgiLimits()
     , bodySize(1024 * 1024)
     , streamedBodyBuffer(64 * 1024)
     , replyBuffer(16 * 1024 * 1024)
+    , bufferedSize(16 * 1024 * 1024)
     , stallTimeout(30)
 {
 }
@@ -136,6 +137,7 @@ void NwaFcgiServer::setLimits(const NwaFcgiLimits& limits)
     m_limits.bodySize = qMax(1, limits.bodySize);
     m_limits.streamedBodyBuffer = qMax(1, limits.streamedBodyBuffer);
     m_limits.replyBuffer = qMax(1, limits.replyBuffer);
+    m_limits.bufferedSize = qMax(1, limits.bufferedSize);
     m_limits.stallTimeout = qMax(1, limits.stallTimeout);
 }
 
@@ -384,6 +386,15 @@ void NwaFcgiServer::resumeNext()
 {
     const Connection connection = m_resuming.dequeue();
     connection->resume();
+}
+
+// Added up each time, so that whatever becomes of a connection, nothing remains counted.
+qint64 NwaFcgiServer::bufferedSize() const
+{
+    qint64 size = 0;
+    for (const Connection& connection : m_connections)
+        size += connection->bufferedSize();
+    return size;
 }
 
 void NwaFcgiServer::forget(int descriptor)

@@ -159,6 +159,13 @@ private slots:
     void formIsNotLimitedByTheBodyLimit_data();
     void formIsNotLimitedByTheBodyLimit();
     void whatWasReadOfAFormIsNotKept();
+    void requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503_data();
+    void requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503();
+    void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit_data();
+    void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit();
+    void whatTheConnectionsHeldIsForgottenWithThem();
+    void replyThatWaitsCountsForTheConnectionsLimit();
+    void bodyThatWaitsCountsForTheConnectionsLimit();
     void tenMegabytesOfQueryAreAnswered414();
     void textOfTheClientForgesNoHeader_data();
     void textOfTheClientForgesNoHeader();
@@ -1149,6 +1156,141 @@ void tst_NwaFcgiServer::whatWasReadOfAFormIsNotKept()
     NTRY_VERIFY(service.request()->atBodyEnd());
 }
 
+void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503_data()
+{
+    QTest::addColumn<QByteArray>("params");
+    QTest::addColumn<QByteArray>("body");
+    QTest::newRow("body") << NFcgiClient::stream(
+                                 NFcgiClient::ParamsType, 1, NFcgiClient::pairs(announcing("5000")))
+                          << NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(2000, 'b'));
+    QTest::newRow("body before the params")
+        << QByteArray() << NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(2000, 'b'));
+    QTest::newRow("params") << NFcgiClient::record(NFcgiClient::ParamsType, 1, QByteArray(2000, 'p'))
+                            << QByteArray();
+    QTest::newRow("half a record")
+        << QByteArray() << NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(5000, 'b')).left(2000);
+}
+
+void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503()
+{
+    QFETCH(QByteArray, params);
+    QFETCH(QByteArray, body);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    m_client->begin();
+    m_client->params(announcing("9500"));
+    m_client->body(QByteArray(9000, 'b'));
+    QVERIFY(answers());
+
+    NFcgiClient second;
+    QVERIFY(second.connectToPath(socketPath()));
+    second.raw(NFcgiClient::beginRecord() + params + body);
+    NTRY_VERIFY(second.hasEnded());
+    QCOMPARE(second.status(), 503);
+    QCOMPARE(m_service->count(), 1);
+
+    // Who was there first goes on, and makes room.
+    m_client->body(QByteArray(500, 'b'));
+    m_client->endBody();
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->status(), 200);
+    // What comes after a refusal is not kept.
+    second.raw(QByteArray(5000, '\0'));
+    QVERIFY(answers());
+    NFcgiClient third;
+    QVERIFY(third.connectToPath(socketPath()));
+    third.raw(NFcgiClient::request(announcing("9500"), QByteArray(9500, 'b')));
+    NTRY_VERIFY(third.isClosed());
+    QCOMPARE(third.status(), 200);
+}
+
+void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimit_data()
+{
+    QTest::addColumn<NFcgiClient::Params>("params");
+    QTest::addColumn<QByteArray>("body");
+    QTest::newRow("without a body") << NFcgiClient::variables("/test") << QByteArray();
+    QTest::newRow("with a body") << announcing("500") << QByteArray(500, 'b');
+}
+
+// Clients that let the server wait keep nobody out who does not.
+void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimit()
+{
+    QFETCH(NFcgiClient::Params, params);
+    QFETCH(QByteArray, body);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    m_client->begin();
+    m_client->params(announcing("20000"));
+    m_client->body(QByteArray(10000, 'b'));
+    QVERIFY(answers());
+    NFcgiClient second;
+    QVERIFY(second.connectToPath(socketPath()));
+    second.raw(NFcgiClient::request(params, body));
+    NTRY_VERIFY(second.isClosed());
+    QCOMPARE(second.status(), 200);
+    QCOMPARE(m_client->records().size(), 0);
+}
+
+void tst_NwaFcgiServer::whatTheConnectionsHeldIsForgottenWithThem()
+{
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    for (int round = 0; round < 10; ++round) {
+        QVERIFY(m_client->connectToPath(socketPath()));
+        m_client->begin(1, true);
+        m_client->params(announcing("9500"));
+        m_client->body(QByteArray(9000, 'b'));
+        QVERIFY(answers());
+        QCOMPARE(m_client->records().size(), 0);
+        if (round % 2 == 0) {
+            m_client->abort();
+            NTRY_VERIFY(m_client->hasEnded());
+        }
+        m_client->disconnectNow();
+        NTRY_COMPARE(m_server->connectionCount(), 0);
+    }
+}
+
+void tst_NwaFcgiServer::replyThatWaitsCountsForTheConnectionsLimit()
+{
+    const int size = 5000000;
+    NFcgiTestService service([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(size, 'r')); });
+    m_server->registerService(QString::fromLatin1("/large"), &service);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    m_client->stopReceiving();
+    m_client->raw(NFcgiClient::request(NFcgiClient::variables("/large")));
+    NTRY_COMPARE(service.count(), 1);
+    NFcgiClient second;
+    QVERIFY(second.connectToPath(socketPath()));
+    second.raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 1, true));
+    NTRY_VERIFY(second.hasEnded());
+    QCOMPARE(second.status(), 503);
+    QCOMPARE(m_service->count(), 0);
+    // It is a limit for others; the reply itself has its own.
+    m_client->startReceiving();
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->replyBody().size(), size);
+    second.forget();
+    QVERIFY(isServed(second));
+}
+
+void tst_NwaFcgiServer::bodyThatWaitsCountsForTheConnectionsLimit()
+{
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/form"), &service);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    const QByteArray body(60000, 'b');
+    NFcgiClient::Params params = announcingForm(body.size());
+    params << Param("SCRIPT_NAME", "/form");
+    m_client->raw(NFcgiClient::request(params, body));
+    NTRY_COMPARE(service.count(), 1);
+    NTRY_VERIFY(!answers());
+    QByteArray read;
+    NTRY_VERIFY((read += NTest::readAvailableBody(service.request()), service.request()->atBodyEnd()));
+    QVERIFY(read == body);
+    QVERIFY(answers());
+    NTest::reply(service.request(), "taken");
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->replyBody(), QByteArray("taken"));
+}
+
 void tst_NwaFcgiServer::tenMegabytesOfQueryAreAnswered414()
 {
     m_client->raw(NFcgiClient::request(with("QUERY_STRING", QByteArray(10 * 1024 * 1024, 'q'))));
@@ -1581,6 +1723,7 @@ void tst_NwaFcgiServer::limitsAreAtLeastOne()
     limits.bodySize = -1000;
     limits.streamedBodyBuffer = 0;
     limits.replyBuffer = 0;
+    limits.bufferedSize = 0;
     limits.stallTimeout = 0;
     m_server->setLimits(limits);
     QCOMPARE(m_server->limits().connectionCount, 1);
@@ -1589,6 +1732,7 @@ void tst_NwaFcgiServer::limitsAreAtLeastOne()
     QCOMPARE(m_server->limits().bodySize, 1);
     QCOMPARE(m_server->limits().streamedBodyBuffer, 1);
     QCOMPARE(m_server->limits().replyBuffer, 1);
+    QCOMPARE(m_server->limits().bufferedSize, 1);
     QCOMPARE(m_server->limits().stallTimeout, 1);
 }
 
