@@ -207,6 +207,8 @@ void NwaFcgiConnection::processInput(const char* data, int size)
         m_input.remove(0, processRecords(m_input.constData(), m_input.size()));
     }
     refuseWhenTooMuchIsHeld();
+    if (m_closeWhenSent)
+        m_input.clear();
     m_parsing = false;
     flush();
 }

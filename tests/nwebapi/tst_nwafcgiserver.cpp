@@ -163,6 +163,7 @@ private slots:
     void requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503();
     void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit_data();
     void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit();
+    void whatIsLeftOfARefusedRequestIsForgotten();
     void whatTheConnectionsHeldIsForgottenWithThem();
     void replyThatWaitsCountsForTheConnectionsLimit();
     void bodyThatWaitsCountsForTheConnectionsLimit();
@@ -1193,9 +1194,6 @@ void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered
     m_client->endBody();
     NTRY_VERIFY(m_client->isClosed());
     QCOMPARE(m_client->status(), 200);
-    // What comes after a refusal is not kept.
-    second.raw(QByteArray(5000, '\0'));
-    QVERIFY(answers());
     NFcgiClient third;
     QVERIFY(third.connectToPath(socketPath()));
     third.raw(NFcgiClient::request(announcing("9500"), QByteArray(9500, 'b')));
@@ -1227,6 +1225,25 @@ void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimi
     NTRY_VERIFY(second.isClosed());
     QCOMPARE(second.status(), 200);
     QCOMPARE(m_client->records().size(), 0);
+}
+
+void tst_NwaFcgiServer::whatIsLeftOfARefusedRequestIsForgotten()
+{
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    const QByteArray halfARecord =
+        NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(20000, 'b')).left(11000);
+    // The clients are still connected when the next one comes.
+    QList<QSharedPointer<NFcgiClient>> clients;
+    for (int count = 0; count < 3; ++count) {
+        const QSharedPointer<NFcgiClient> client(new NFcgiClient);
+        clients << client;
+        QVERIFY(client->connectToPath(socketPath()));
+        client->raw(NFcgiClient::beginRecord() + halfARecord);
+        NTRY_VERIFY(client->hasEnded());
+        QCOMPARE(client->status(), 503);
+        client->raw(halfARecord);
+        QVERIFY(answers());
+    }
 }
 
 void tst_NwaFcgiServer::whatTheConnectionsHeldIsForgottenWithThem()
