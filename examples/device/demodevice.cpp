@@ -55,18 +55,19 @@ DemoDevice::DemoDevice(int sessionTimeout)
     addExamples(&m_timetable);
     m_server.registerService(
         QString::fromLatin1("/api/events"),
-        new NwaStandardFcgiService(new EventsRequestProcessor(&m_identifier, &m_timetable), this));
+        new NwaStandardFcgiService(new EventsRequestProcessor(&m_identifier, &m_timetable), &m_services));
     m_server.registerService(
         QString::fromLatin1("/api/login"),
-        new NwaStandardFcgiService(new LoginRequestProcessor(&m_identifier, &m_sessions), this));
+        new NwaStandardFcgiService(new LoginRequestProcessor(&m_identifier, &m_sessions), &m_services));
     m_server.registerService(
         QString::fromLatin1("/api/logout"),
-        new NwaStandardFcgiService(new LogoutRequestProcessor(&m_identifier, &m_sessions), this));
+        new NwaStandardFcgiService(new LogoutRequestProcessor(&m_identifier, &m_sessions), &m_services));
     m_server.registerService(
         QString::fromLatin1("/api/timezones"),
-        new NBuildrootUclibcTimeZoneDatabaseFcgiService(&m_identifier, &m_timeZones, this));
+        new NBuildrootUclibcTimeZoneDatabaseFcgiService(&m_identifier, &m_timeZones, &m_services));
     m_server.registerService(
-        QString::fromLatin1("/api/packages"), new NFreePackagesListFcgiService(&m_identifier, &m_packages, this));
+        QString::fromLatin1("/api/packages"),
+        new NFreePackagesListFcgiService(&m_identifier, &m_packages, &m_services));
 }
 
 bool DemoDevice::listen(const QString& path)

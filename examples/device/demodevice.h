@@ -34,6 +34,7 @@ private:
     NFreePackagesList m_packages;
     NwaWebSessionManager m_sessions;
     NwaCookieFcgiSessionIdentifier m_identifier;
+    QObject m_services; ///< owns the services, which end before what they serve and after the server
     NwaFcgiServer m_server;
 };
 

@@ -2,25 +2,54 @@
 
 #include <QtCore/QSocketNotifier>
 
+#include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
-#include <stddef.h>
-#include <sys/signalfd.h>
+#include <string.h>
 #include <unistd.h>
+
+namespace {
+
+const int Signals[] = {SIGINT, SIGTERM};
+
+int writeEnd = -1; // for the handler, which nobody can pass anything
+
+// A pipe that is full tells enough.
+void writeToPipe(int)
+{
+    const int savedErrno = errno;
+    if (::write(writeEnd, "", 1) < 0)
+        errno = savedErrno;
+}
+
+void handleSignals(void (*handler)(int))
+{
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    for (int signal : Signals)
+        ::sigaction(signal, &action, NULL);
+}
+
+} // namespace
 
 TerminationWatcher::TerminationWatcher(QObject* parent)
     : QObject(parent)
 {
-    sigset_t signalSet;
-    sigemptyset(&signalSet);
-    sigaddset(&signalSet, SIGINT);
-    sigaddset(&signalSet, SIGTERM);
-    ::sigprocmask(SIG_BLOCK, &signalSet, NULL);
-    m_descriptor = ::signalfd(-1, &signalSet, SFD_CLOEXEC | SFD_NONBLOCK);
-    QSocketNotifier* const notifier = new QSocketNotifier(m_descriptor, QSocketNotifier::Read, this);
+    int ends[] = {-1, -1};
+    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+        qFatal("no pipe can be made: %s", strerror(errno));
+    m_readEnd = ends[0];
+    writeEnd = ends[1];
+    QSocketNotifier* const notifier = new QSocketNotifier(m_readEnd, QSocketNotifier::Read, this);
     connect(notifier, SIGNAL(activated(int)), this, SIGNAL(terminationRequested()));
+    handleSignals(writeToPipe);
 }
 
 TerminationWatcher::~TerminationWatcher()
 {
-    ::close(m_descriptor);
+    handleSignals(SIG_DFL);
+    ::close(writeEnd);
+    ::close(m_readEnd);
 }

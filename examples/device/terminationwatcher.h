@@ -4,8 +4,9 @@
 #include <QtCore/QObject>
 
 /**
- * Tells through the event loop that the process is asked to end, by SIGTERM or SIGINT (see signalfd(2)), so that
- * it can close its socket and its log in order.
+ * Tells through the event loop that the process is asked to end, by SIGTERM or SIGINT, so that it can close its
+ * socket and its log in order. It handles the signals and does not block them: a program that the device starts
+ * would inherit that, and could not be ended. A process has one watcher at most.
  */
 class TerminationWatcher : public QObject
 {
@@ -21,7 +22,7 @@ signals:
 private:
     Q_DISABLE_COPY(TerminationWatcher)
 
-    int m_descriptor;
+    int m_readEnd;
 };
 
 #endif

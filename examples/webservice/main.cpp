@@ -21,6 +21,8 @@
 
 namespace {
 
+const int LongestUserName = 64;
+
 // POST {"user": "...", "password": "..."} makes a session, DELETE ends it.
 class LoginRequestProcessor : public NwaStandardFcgiRequestProcessor
 {
@@ -49,10 +51,13 @@ protected:
             !NwaJsonUtilities::stringValue(object, QString::fromLatin1("user"), user) ||
             !NwaJsonUtilities::stringValue(object, QString::fromLatin1("password"), password))
             return refuse(request, NwaFcgiRequest::BadRequest);
+        // Whoever knocks at the door writes no more than this into the web server's log.
+        if (user.size() > LongestUserName)
+            return refuse(request, NwaFcgiRequest::BadRequest);
         // A real device compares with a salted hash that it has stored.
         if (user != QLatin1String("demo") || password != QLatin1String("demo")) {
             writeRefusal(request, QString::fromLatin1("The login of \"%3\" failed."), user);
-            return refuse(request, NwaFcgiRequest::Forbidden);
+            return refuse(request, NwaFcgiRequest::Unauthorized);
         }
 
         NwaWebSession* session = m_sessionManager->createSession();

@@ -2,7 +2,6 @@
 
 #include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwahttpgrammar_p.h>
-#include <nwebapi/nwajson.h>
 
 namespace {
 
@@ -34,7 +33,8 @@ QString NwaAbstractFcgiRequestProcessor::parseContentType(NwaFcgiRequest* reques
     return type.isEmpty() ? QString() : QString::fromLatin1(type);
 }
 
-QVariant NwaAbstractFcgiRequestProcessor::parseJsonContent(NwaFcgiRequest* request, bool* ok)
+QVariant NwaAbstractFcgiRequestProcessor::parseJsonContent(
+    NwaFcgiRequest* request, bool* ok, int maximumDepth, int maximumValueCount)
 {
     *ok = false;
     if (isMultipart(parseContentType(request))) {
@@ -45,7 +45,7 @@ QVariant NwaAbstractFcgiRequestProcessor::parseJsonContent(NwaFcgiRequest* reque
     QByteArray body;
     QVariant document;
     if (readWholeBody(request, body))
-        document = NwaJson::parse(body, ok);
+        document = NwaJson::parse(body, ok, maximumDepth, maximumValueCount);
     if (!*ok)
         request->sendHttpError(NwaFcgiRequest::BadRequest);
     return document;

@@ -2,6 +2,7 @@
 #define NWEBAPI_NWAABSTRACTFCGIREQUESTPROCESSOR_H
 
 #include <nwebapi/nwaglobal.h>
+#include <nwebapi/nwajson.h>
 
 #include <QtCore/QString>
 #include <QtCore/QVariant>
@@ -29,9 +30,13 @@ protected:
      * form in parts ("multipart/..."), which may not have arrived yet, is refused.
      * @param ok set to whether that succeeded. When it did not, the request has been answered already (400, or 415
      * for a form) and is still to be deleted.
+     * @param maximumDepth how deep arrays and objects may be nested.
+     * @param maximumValueCount how many values the document may have.
      * @return the document's value.
      */
-    static QVariant parseJsonContent(NwaFcgiRequest* request, bool* ok);
+    static QVariant parseJsonContent(
+        NwaFcgiRequest* request, bool* ok, int maximumDepth = NwaJson::DefaultMaximumDepth,
+        int maximumValueCount = NwaJson::DefaultMaximumValueCount);
 };
 
 #endif

@@ -71,7 +71,7 @@ public:
 
     /**
      * The parameters of the query string, decoded ("%" and two digits, "+" for a blank, UTF-8). A name without "="
-     * has an empty value. Empty when the query cannot be decoded.
+     * has an empty value. Empty when the query is not valid, see isQueryValid().
      */
     const QMultiHash<QString, QString>& queryParameters() const;
 
@@ -81,7 +81,10 @@ public:
      */
     bool singleQueryParameter(const QString& name, QString& value) const;
 
-    /** Whether the query string could be decoded; one that could not should be answered with 400. */
+    /**
+     * Whether the query string could be decoded and has at most 1000 parameters; one for which this is false
+     * should be answered with 400.
+     */
     bool isQueryValid() const;
 
     /** The reply: a header (see NwaAbstractHttpHeader), then the body. */

@@ -3,10 +3,12 @@
 #include <nwebapi/nwafcgipoller_p.h>
 #include <nwebapi/nwafcgiprotocol_p.h>
 #include <nwebapi/nwafcgiserver.h>
+#include <nwebapi/nwahttpgrammar_p.h>
 
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -45,8 +47,17 @@ bool wouldBlock()
 
 bool isStreamed(const NwaFcgiRequest& request)
 {
-    const QByteArray type = request.variable("CONTENT_TYPE");
-    return type.left(type.indexOf(';')).trimmed().toLower() == "multipart/form-data";
+    return NwaHttpGrammar::mainValue(request.variable("CONTENT_TYPE")) == "multipart/form-data";
+}
+
+// Reads the variables that are there as a whole. Returns whether nothing is left over.
+bool readVariables(const QByteArray& content, NwaFcgiRequest::Variables& variables)
+{
+    variables.reserve(content.size());
+    PairReader reader(content);
+    while (reader.next())
+        variables.insert(reader.nameData(), reader.nameSize(), reader.valueData(), reader.valueSize());
+    return reader.atEnd();
 }
 
 } // namespace
@@ -65,6 +76,7 @@ NwaFcgiConnection::NwaFcgiConnection(int descriptor, NwaFcgiServer* server)
     , m_request(0)
     , m_dispatched(false)
     , m_streamed(false)
+    , m_hasRemarks(false)
     , m_bodyEnded(false)
     , m_bodyReceived(0)
     , m_bodyRead(0)
@@ -116,13 +128,25 @@ bool NwaFcgiConnection::isWaitingForPeer() const
     return !m_bodyEnded && !isBodyBufferFull();
 }
 
-// After the end of its input, only the kernel can tell that the peer does not wait for the reply any more.
+// While nothing is read, after the end of the input or when the service has to read first, only the kernel can
+// tell that the peer does not wait for the reply any more.
 bool NwaFcgiConnection::hasPeerGone() const
 {
-    if (!m_inputEnded)
+    if (!m_inputEnded && !isBodyBufferFull())
         return false;
-    struct pollfd state = {m_descriptor, 0, 0};
-    return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR));
+    struct pollfd state = {m_descriptor, POLLRDHUP, 0};
+    if (::poll(&state, 1, 0) != 1)
+        return false;
+    // Over TCP, a peer that has gone looks like one that has only ended its sending.
+    return (state.revents & (POLLHUP | POLLERR)) || (!m_inputEnded && isRestOfBodyMissing());
+}
+
+// Whether a peer that has ended its sending did so in the midst of the body.
+bool NwaFcgiConnection::isRestOfBodyMissing() const
+{
+    int unread = 0;
+    return ::ioctl(m_descriptor, FIONREAD, &unread) == 0 &&
+           m_request->contentLength() - m_bodyReceived > m_input.size() + unread;
 }
 
 void NwaFcgiConnection::readInput()
@@ -182,6 +206,9 @@ void NwaFcgiConnection::processInput(const char* data, int size)
         m_input.append(data, size);
         m_input.remove(0, processRecords(m_input.constData(), m_input.size()));
     }
+    refuseWhenTooMuchIsHeld();
+    if (m_closeWhenSent)
+        m_input.clear();
     m_parsing = false;
     flush();
 }
@@ -314,18 +341,13 @@ void NwaFcgiConnection::refuseOversizedVariables()
         queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), reader.valueSize());
     // What broke the limit may be the query itself, of which only the beginning has arrived.
     queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), m_variables.size());
-    m_request = new NwaFcgiRequest(this, NwaFcgiRequest::Variables());
     answerWithError(queryIsTooLong ? NwaFcgiRequest::UriTooLong : NwaFcgiRequest::RequestHeaderFieldsTooLarge);
 }
 
 void NwaFcgiConnection::makeRequest()
 {
     NwaFcgiRequest::Variables variables;
-    variables.reserve(m_variables.size());
-    PairReader reader(m_variables);
-    while (reader.next())
-        variables.insert(reader.nameData(), reader.nameSize(), reader.valueData(), reader.valueSize());
-    const bool complete = reader.atEnd();
+    const bool complete = readVariables(m_variables, variables);
     m_variables.clear();
     m_idleSeconds = 0;
     const bool queryIsTooLong = variables.value("QUERY_STRING").size() > m_server->m_limits.querySize;
@@ -354,6 +376,9 @@ void NwaFcgiConnection::processStdin(const char* content, int size)
         endBody();
         return;
     }
+    // What the service has read is dropped here as well: one that always leaves something would keep it all.
+    m_body.remove(0, m_bodyRead);
+    m_bodyRead = 0;
     m_body.append(content, size);
     m_bodyReceived += size;
     m_idleSeconds = 0;
@@ -386,12 +411,32 @@ void NwaFcgiConnection::dispatchWhenReady()
         answerWithError(NwaFcgiRequest::BadRequest);
         return;
     }
+    // What it holds itself makes room as soon as it is served.
+    if (m_server->bufferedSize() - bufferedSize() > m_server->m_limits.bufferedSize) {
+        answerWithError(NwaFcgiRequest::ServiceUnavailable);
+        return;
+    }
     m_dispatched = true;
     m_server->dispatch(m_request);
 }
 
+// A request that no service has yet is refused when more has come than there is room for.
+void NwaFcgiConnection::refuseWhenTooMuchIsHeld()
+{
+    if (m_descriptor < 0 || m_requestId == 0 || m_dispatched)
+        return;
+    if (m_server->bufferedSize() > m_server->m_limits.bufferedSize)
+        answerWithError(NwaFcgiRequest::ServiceUnavailable);
+}
+
 void NwaFcgiConnection::answerWithError(NwaFcgiRequest::StandardHttpError error)
 {
+    // The variables may be incomplete; the method among them decides what the answer looks like.
+    if (!m_request) {
+        NwaFcgiRequest::Variables variables;
+        readVariables(m_variables, variables);
+        m_request = new NwaFcgiRequest(this, variables);
+    }
     // Ours to delete even when the connection breaks while the answer is sent.
     m_dispatched = true;
     NwaFcgiRequest* const request = m_request;
@@ -404,6 +449,7 @@ bool NwaFcgiConnection::write(Stream stream, const char* data, int size)
     const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
     while (size > 0 && m_descriptor >= 0) {
         const int contentSize = qMin(size, int(MaximumContentSize));
+        m_hasRemarks = m_hasRemarks || stream == Error;
         sendRecord(stream == Output ? Stdout : Stderr, data, contentSize);
         data += contentSize;
         size -= contentSize;
@@ -548,6 +594,8 @@ void NwaFcgiConnection::finish()
     if (m_descriptor < 0)
         return;
     appendStreamEnd(m_output, Stdout, m_requestId);
+    if (m_hasRemarks)
+        appendStreamEnd(m_output, Stderr, m_requestId);
     appendEndRequest(m_output, m_requestId, RequestComplete);
     endRequest();
 }
@@ -559,6 +607,7 @@ void NwaFcgiConnection::endRequest()
     m_requestId = 0;
     m_dispatched = false;
     m_streamed = false;
+    m_hasRemarks = false;
     m_bodyEnded = false;
     m_bodyReceived = 0;
     m_variables.clear();
@@ -581,6 +630,11 @@ void NwaFcgiConnection::endRequest()
 bool NwaFcgiConnection::isBodyBufferFull() const
 {
     return m_dispatched && bufferedBodySize() >= m_server->m_limits.streamedBodyBuffer && !m_bodyEnded;
+}
+
+int NwaFcgiConnection::bufferedSize() const
+{
+    return m_input.size() + m_variables.size() + m_body.size() + unsentSize();
 }
 
 int NwaFcgiConnection::bufferedBodySize() const

@@ -39,6 +39,9 @@ public:
      */
     void closeIfStalled();
 
+    /** How many bytes are held of requests and replies. */
+    int bufferedSize() const;
+
     void close();
 
 private:
@@ -70,6 +73,7 @@ private:
     bool isBodyBroken() const;
     void endBody();
     void dispatchWhenReady();
+    void refuseWhenTooMuchIsHeld();
     void answerWithError(NwaFcgiRequest::StandardHttpError error);
     void endRequest();
 
@@ -91,6 +95,7 @@ private:
     void giveRequestUp();
     bool isWaitingForPeer() const;
     bool hasPeerGone() const;
+    bool isRestOfBodyMissing() const;
 
     NwaFcgiServer* const m_server;
     int m_descriptor;     ///< -1 after closing
@@ -106,6 +111,7 @@ private:
     NwaFcgiRequest* m_request; ///< made when its variables are complete
     bool m_dispatched;         ///< the request was handed on; whoever has it deletes it
     bool m_streamed;
+    bool m_hasRemarks; ///< something was sent on the error stream, whose end is to be sent then
     bool m_bodyEnded;
     qint64 m_bodyReceived;
 

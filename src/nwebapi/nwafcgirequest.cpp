@@ -2,6 +2,7 @@
 
 #include <nwebapi/nwafcgichannel_p.h>
 #include <nwebapi/nwahttpcontentheader.h>
+#include <nwebapi/nwahttpgrammar_p.h>
 
 #include <ostream>
 #include <streambuf>
@@ -105,10 +106,6 @@ private:
     char m_buffer[2048];
 };
 
-} // namespace
-
-namespace {
-
 class ChannelStream
 {
 public:
@@ -121,6 +118,15 @@ public:
     ChannelStreambuf buffer;
     std::ostream stream;
 };
+
+bool contains(const NwaFcgiRequest::HeaderFields& fields, const char* lowerCaseName)
+{
+    for (int index = 0; index < fields.size(); ++index) {
+        if (NwaHttpGrammar::equals(fields.at(index).first, lowerCaseName))
+            return true;
+    }
+    return false;
+}
 
 } // namespace
 
@@ -141,6 +147,8 @@ NwaFcgiRequest::NwaFcgiRequest(NwaFcgiChannel* channel, const Variables& variabl
     , m_channel(channel)
     , m_streams(new NwaFcgiRequestStreams(m_channel))
 {
+    if (variable("REQUEST_METHOD") == "HEAD")
+        m_streams->output.buffer.sendHeaderOnly();
 }
 
 NwaFcgiRequest::~NwaFcgiRequest()
@@ -187,6 +195,8 @@ void NwaFcgiRequest::sendHttpError(StandardHttpError error, const HeaderFields& 
     header.setStatus(error);
     for (int index = 0; index < fields.size(); ++index)
         header.addField(fields.at(index).first, fields.at(index).second);
+    if (error == Unauthorized && !contains(fields, "www-authenticate"))
+        header.addField("WWW-Authenticate", "Cookie");
     const QByteArray text =
         QByteArray::number(int(error)) + ' ' + NwaAbstractHttpHeader::reasonPhrase(error) + '\n';
     m_streams->output.stream << header;
@@ -206,11 +216,6 @@ int NwaFcgiRequest::replyBacklog() const
 bool NwaFcgiRequest::isAborted() const
 {
     return !m_channel;
-}
-
-void NwaFcgiRequest::omitReplyBody()
-{
-    m_streams->output.buffer.sendHeaderOnly();
 }
 
 void NwaFcgiChannel::tellBodyAvailable(NwaFcgiRequest* request)

@@ -13,7 +13,8 @@ class NwaFcgiRequestStreams;
 
 /**
  * A request that arrived over FastCGI. Whoever is handed the request owns it, answers it at once or later, and
- * deletes it; deleting it completes the reply. A request that is deleted without an answer is answered 500.
+ * deletes it; deleting it completes the reply. A request that is deleted without an answer is answered 500. Of the
+ * reply to HEAD only the header is sent, whatever is written.
  *
  * Of a body of the type "multipart/form-data" the request may come before the body has arrived: bodyAvailable()
  * tells of more. Every other body is there as a whole.
@@ -57,7 +58,8 @@ public:
 
     /**
      * Answers with a standard error, a short text as its body. Does nothing when the reply has begun already: what
-     * was answered first stands.
+     * was answered first stands. A 401 has to carry a challenge (RFC 9110, section 15.5.2); where @a fields have
+     * no "WWW-Authenticate" it is "Cookie", for which no browser asks for a password by itself.
      * @param fields added to the reply's header, for example "Allow".
      */
     void sendHttpError(StandardHttpError error, const HeaderFields& fields = HeaderFields());
@@ -74,9 +76,6 @@ public:
 
     /** Whether the client or the web server has given the request up; what is written then goes nowhere. */
     bool isAborted() const;
-
-    /** From now on only the header of the reply is sent, as HEAD asks for. */
-    void omitReplyBody();
 
 signals:
     /** More of the body can be read, or it has ended. */

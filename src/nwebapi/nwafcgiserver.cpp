@@ -100,6 +100,7 @@ NwaFcgiLimits::NwaFcgiLimits()
     , bodySize(1024 * 1024)
     , streamedBodyBuffer(64 * 1024)
     , replyBuffer(16 * 1024 * 1024)
+    , bufferedSize(16 * 1024 * 1024)
     , stallTimeout(30)
 {
 }
@@ -110,6 +111,8 @@ NwaFcgiServer::NwaFcgiServer(QObject* parent)
     , m_notifier(0)
     , m_descriptor(-1)
     , m_accepting(false)
+    , m_socketDevice(0)
+    , m_socketInode(0)
 {
     m_sweepTimer.setInterval(SweepInterval);
     connect(&m_sweepTimer, SIGNAL(timeout()), this, SLOT(sweep()));
@@ -134,6 +137,7 @@ void NwaFcgiServer::setLimits(const NwaFcgiLimits& limits)
     m_limits.bodySize = qMax(1, limits.bodySize);
     m_limits.streamedBodyBuffer = qMax(1, limits.streamedBodyBuffer);
     m_limits.replyBuffer = qMax(1, limits.replyBuffer);
+    m_limits.bufferedSize = qMax(1, limits.bufferedSize);
     m_limits.stallTimeout = qMax(1, limits.stallTimeout);
 }
 
@@ -149,8 +153,8 @@ bool NwaFcgiServer::listenOnPath(const QString& path, int permissions)
     // The mode is set before anybody can connect, which takes listen().
     if (descriptor < 0 || ::bind(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) != 0)
         return failWithSystemError(QString::fromLatin1("cannot make the socket %1").arg(path), descriptor);
-    m_socketPath = path;
-    if (::chmod(address.sun_path, mode_t(permissions)) != 0 || ::listen(descriptor, Backlog) != 0)
+    if (!rememberSocket(path) || ::chmod(address.sun_path, mode_t(permissions)) != 0 ||
+        ::listen(descriptor, Backlog) != 0)
         return failWithSystemError(QString::fromLatin1("cannot listen on the socket %1").arg(path), descriptor);
     return startListening(descriptor) ||
            failWithSystemError(QString::fromLatin1("cannot serve the socket %1").arg(path), descriptor);
@@ -217,11 +221,25 @@ bool NwaFcgiServer::failWithSystemError(const QString& what, int descriptor)
     return false;
 }
 
+bool NwaFcgiServer::rememberSocket(const QString& path)
+{
+    struct stat status;
+    if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
+        return false;
+    m_socketPath = path;
+    m_socketDevice = status.st_dev;
+    m_socketInode = status.st_ino;
+    return true;
+}
+
 void NwaFcgiServer::removeSocket()
 {
-    if (!m_socketPath.isEmpty())
-        ::unlink(QFile::encodeName(m_socketPath).constData());
+    const QByteArray path = QFile::encodeName(m_socketPath);
     m_socketPath.clear();
+    struct stat status;
+    if (!path.isEmpty() && ::lstat(path.constData(), &status) == 0 && status.st_dev == m_socketDevice &&
+        status.st_ino == m_socketInode)
+        ::unlink(path.constData());
 }
 
 bool NwaFcgiServer::isListening() const
@@ -368,6 +386,15 @@ void NwaFcgiServer::resumeNext()
 {
     const Connection connection = m_resuming.dequeue();
     connection->resume();
+}
+
+// Added up each time, so that whatever becomes of a connection, nothing remains counted.
+qint64 NwaFcgiServer::bufferedSize() const
+{
+    qint64 size = 0;
+    for (const Connection& connection : m_connections)
+        size += connection->bufferedSize();
+    return size;
 }
 
 void NwaFcgiServer::forget(int descriptor)

@@ -12,6 +12,7 @@
 #include <QtCore/QTimer>
 
 #include <memory>
+#include <sys/types.h>
 
 class NwaAbstractFcgiService;
 class NwaFcgiConnection;
@@ -31,6 +32,7 @@ struct NWEBAPI_EXPORT NwaFcgiLimits
     int bodySize;           ///< bytes of a body that is not streamed; 413 beyond
     int streamedBodyBuffer; ///< bytes of a streamed body that are held at a time; the client waits beyond
     int replyBuffer;        ///< bytes of a reply that a slow client lets wait; the connection is dropped beyond
+    int bufferedSize;       ///< bytes that all connections hold together of requests and replies; 503 beyond
     int stallTimeout;       ///< seconds that a client may let the server wait for the next bytes, or not take any
 };
 
@@ -45,6 +47,11 @@ struct NWEBAPI_EXPORT NwaFcgiLimits
  *
  * Answered by the server itself: an unknown script (404), a query string that cannot be decoded and a body that is
  * shorter or longer than announced (400), and what goes beyond the limits.
+ *
+ * What all connections hold together is limited, too (NwaFcgiLimits::bufferedSize), so that many clients cannot
+ * take the memory that each of them may: the request that goes beyond, with what has arrived of it, is answered
+ * 503. A request that a service has is not; its replies and what it has yet to read count, so that further
+ * requests are refused until less is held.
  */
 class NWEBAPI_EXPORT NwaFcgiServer : public QObject
 {
@@ -90,7 +97,10 @@ public:
     /** The TCP port that the server listens on; 0 when it does not listen on one. */
     quint16 port() const;
 
-    /** Ends listening, drops all connections and removes the socket that listenOnPath() made. */
+    /**
+     * Ends listening, drops all connections and removes the socket that listenOnPath() made, unless another one
+     * has come into its place.
+     */
     void close();
 
     /** Why the latest listen operation failed, in English. */
@@ -122,12 +132,14 @@ private:
     bool startListening(int descriptor);
     bool fail(const QString& what);
     bool failWithSystemError(const QString& what, int descriptor);
+    bool rememberSocket(const QString& path);
     void removeSocket();
     void acceptConnections();
     void pauseAccepting();
     void setAccepting(bool accepting);
     void dispatch(NwaFcgiRequest* request);
     void resumeSoon(const Connection& connection);
+    qint64 bufferedSize() const;
     void forget(int descriptor);
 
     NwaFcgiLimits m_limits;
@@ -138,7 +150,9 @@ private:
     QSocketNotifier* m_notifier; ///< tells of what the poller watches
     int m_descriptor;
     bool m_accepting;
-    QString m_socketPath;
+    QString m_socketPath; ///< of the socket that the server made; m_socketDevice and m_socketInode identify it
+    dev_t m_socketDevice;
+    ino_t m_socketInode;
     QTimer m_sweepTimer;
     QString m_errorString;
 };

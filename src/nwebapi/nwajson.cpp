@@ -2,6 +2,7 @@
 
 #include <nwebapi/nwajsonbackend_p.h>
 #include <nwebapi/nwajsonscanner_p.h>
+#include <nwebapi/nwaqtcompat_p.h>
 
 #include <QtCore/QStringList>
 
@@ -82,7 +83,7 @@ QVariant normalised(const QVariant& value)
 {
     if (!value.isValid())
         return QVariant();
-    switch (value.userType()) {
+    switch (NwaQtCompat::typeOf(value)) {
     case QMetaType::Bool:
         return value;
     case QMetaType::Char:
@@ -150,6 +151,8 @@ QVariant restored(const QVariant& value, const QVariantList& numbers, const QVar
 } // namespace
 
 const int NwaJson::DefaultMaximumDepth;
+const int NwaJson::DefaultMaximumValueCount;
+const int NwaJson::MaximumNumberSize;
 
 QByteArray NwaJson::serialize(const QVariant& value)
 {
@@ -158,11 +161,11 @@ QByteArray NwaJson::serialize(const QVariant& value)
     return list.mid(1, list.size() - 2);
 }
 
-QVariant NwaJson::parse(const QByteArray& text, bool* ok, int maximumDepth)
+QVariant NwaJson::parse(const QByteArray& text, bool* ok, int maximumDepth, int maximumValueCount)
 {
     bool isCorrect = false;
     QVariant document;
-    NwaJsonScanner scanner(text, qMin(maximumDepth, int(NwaJsonBackend::MaximumDepth)));
+    NwaJsonScanner scanner(text, qMin(maximumDepth, int(NwaJsonBackend::MaximumDepth)), maximumValueCount);
     if (scanner.scan()) {
         const QByteArray indexed = '[' + scanner.indexedText() + ",[" + scanner.nameTexts() + "]]";
         const QVariantList list = NwaJsonBackend::parse(indexed, &isCorrect);

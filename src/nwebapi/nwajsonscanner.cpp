@@ -1,5 +1,6 @@
 #include <nwebapi/nwajsonscanner_p.h>
 
+#include <nwebapi/nwajson.h>
 #include <nwebapi/nwautf8_p.h>
 
 #include <math.h>
@@ -57,9 +58,11 @@ QVariant numberFromDouble(double number)
 
 } // namespace
 
-NwaJsonScanner::NwaJsonScanner(const QByteArray& text, int maximumDepth)
+NwaJsonScanner::NwaJsonScanner(const QByteArray& text, int maximumDepth, int maximumValueCount)
     : m_text(text)
     , m_maximumDepth(maximumDepth)
+    , m_maximumValueCount(maximumValueCount)
+    , m_valueCount(0)
     , m_position(0)
     , m_expectsValue(true)
     , m_copied(0)
@@ -84,6 +87,8 @@ bool NwaJsonScanner::scan()
 bool NwaJsonScanner::scanValueStart()
 {
     m_expectsValue = false;
+    if (++m_valueCount > m_maximumValueCount)
+        return false;
     switch (current()) {
     case '{':
     case '[':
@@ -213,6 +218,9 @@ bool NwaJsonScanner::scanNumber()
         if (!scanDigits())
             return false;
     }
+    // RFC 8259, section 9 allows it.
+    if (m_position - begin > NwaJson::MaximumNumberSize)
+        return false;
     return appendNumber(begin, isInteger);
 }
 

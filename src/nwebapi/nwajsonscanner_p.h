@@ -13,7 +13,7 @@
 class NwaJsonScanner
 {
 public:
-    NwaJsonScanner(const QByteArray& text, int maximumDepth);
+    NwaJsonScanner(const QByteArray& text, int maximumDepth, int maximumValueCount);
 
     /** Reads the document. @return whether it is correct. */
     bool scan();
@@ -46,6 +46,8 @@ private:
 
     const QByteArray m_text;
     const int m_maximumDepth;
+    const int m_maximumValueCount;
+    int m_valueCount;
     int m_position;
     bool m_expectsValue;
     QByteArray m_containers; ///< '{' or '[' for each that is open, the innermost last

@@ -75,13 +75,6 @@ QByteArray allowedMethods(NwaStandardFcgiRequestProcessor::Methods methods)
     return list;
 }
 
-NwaFcgiRequest::HeaderFields singleField(const QByteArray& name, const QByteArray& value)
-{
-    NwaFcgiRequest::HeaderFields fields;
-    fields.append(qMakePair(name, value));
-    return fields;
-}
-
 QString refusalTemplate(const QString& reason)
 {
     return QString::fromLatin1("Error in request processor for request to script \"%1\" with path info \"%2\": ") +
@@ -130,7 +123,6 @@ void NwaStandardFcgiRequestProcessor::processRequest(NwaFcgiRequest* request)
     if (method != QLatin1String("HEAD"))
         return processOtherMethod(request, method);
 
-    request->omitReplyBody();
     if (request->contentLength() != 0)
         return refuse(request, NwaFcgiRequest::BadRequest);
     processGetMethod(request);
@@ -172,15 +164,15 @@ NwaWebSession* NwaStandardFcgiRequestProcessor::authenticateRequest(NwaFcgiReque
     NwaWebSession* session = m_identifier ? m_identifier->identifySession(request, passive) : 0;
     if (session)
         return session;
-    // RFC 9110, section 15.5.2 wants a challenge; this one makes no browser ask for a password.
-    request->sendHttpError(NwaFcgiRequest::Unauthorized, singleField("WWW-Authenticate", "Cookie"));
+    request->sendHttpError(NwaFcgiRequest::Unauthorized);
     return 0;
 }
 
 void NwaStandardFcgiRequestProcessor::processNotAllowedMethod(NwaFcgiRequest* request)
 {
-    request->sendHttpError(
-        NwaFcgiRequest::MethodNotAllowed, singleField("Allow", allowedMethods(m_servedMethods)));
+    NwaFcgiRequest::HeaderFields fields;
+    fields.append(qMakePair(QByteArray("Allow"), allowedMethods(m_servedMethods)));
+    request->sendHttpError(NwaFcgiRequest::MethodNotAllowed, fields);
     delete request;
 }
 

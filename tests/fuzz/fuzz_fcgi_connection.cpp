@@ -68,6 +68,7 @@ public:
         limits.bodySize = 2000;
         limits.streamedBodyBuffer = 100;
         limits.replyBuffer = 100000;
+        limits.bufferedSize = 3000;
         m_server.setLimits(limits);
         if (!m_server.listenOnPath(QFile::decodeName(m_directory + "/socket")))
             qFatal("%s", m_server.errorString().toLocal8Bit().constData());

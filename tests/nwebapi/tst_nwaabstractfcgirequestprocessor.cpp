@@ -32,6 +32,8 @@ private slots:
     void malformedBodyIsAnswered400_data();
     void malformedBodyIsAnswered400();
     void bodyThatBreaksOffIsAnswered400();
+    void processorMaySetTheLimits_data();
+    void processorMaySetTheLimits();
     void formInPartsIsAnswered415();
 };
 
@@ -101,6 +103,8 @@ void tst_NwaAbstractFcgiRequestProcessor::malformedBodyIsAnswered400_data()
     QTest::newRow("text behind") << QByteArray("{} x");
     QTest::newRow("not UTF-8") << QByteArray("\"\xe4\"");
     QTest::newRow("too deep") << QByteArray(65, '[') + QByteArray(65, ']');
+    QTest::newRow("too many values") << '[' + QByteArray("0,").repeated(19999) + "0]";
+    QTest::newRow("number of a megabyte") << "0." + QByteArray(1024 * 1024, '1');
 }
 
 void tst_NwaAbstractFcgiRequestProcessor::malformedBodyIsAnswered400()
@@ -127,6 +131,34 @@ void tst_NwaAbstractFcgiRequestProcessor::bodyThatBreaksOffIsAnswered400()
     QVERIFY(!ok);
     request.reset();
     QVERIFY(channel.header().startsWith("Status: 400 "));
+}
+
+void tst_NwaAbstractFcgiRequestProcessor::processorMaySetTheLimits_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<int>("depth");
+    QTest::addColumn<int>("count");
+    QTest::addColumn<bool>("read");
+    const QByteArray deep = QByteArray(65, '[') + QByteArray(65, ']');
+    const QByteArray many = '[' + QByteArray("0,").repeated(19999) + "0]";
+    QTest::newRow("deeper") << deep << 65 << 65 << true;
+    QTest::newRow("less deep") << QByteArray("[[]]") << 1 << 2 << false;
+    QTest::newRow("more") << many << 1 << 20001 << true;
+    QTest::newRow("fewer") << QByteArray("[0]") << 1 << 1 << false;
+}
+
+void tst_NwaAbstractFcgiRequestProcessor::processorMaySetTheLimits()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(int, depth);
+    QFETCH(int, count);
+    QFETCH(bool, read);
+    NMemoryChannel channel(body);
+    NwaFcgiRequest request(&channel, nVariables());
+    bool ok = !read;
+    Processor::parseJsonContent(&request, &ok, depth, count);
+    QCOMPARE(ok, read);
+    QCOMPARE(request.isAnswered(), !read);
 }
 
 void tst_NwaAbstractFcgiRequestProcessor::formInPartsIsAnswered415()

@@ -62,6 +62,8 @@ private slots:
     void errorIsSentWithItsStatusAndText_data();
     void errorIsSentWithItsStatusAndText();
     void errorCarriesTheFieldsGiven();
+    void every401CarriesAChallenge_data();
+    void every401CarriesAChallenge();
     void errorAfterAnAnswerDoesNothing();
     void secondErrorDoesNothing();
     void requestIsAnsweredFromItsFirstByteOn();
@@ -235,6 +237,37 @@ void tst_NwaFcgiRequest::errorCarriesTheFieldsGiven()
     QVERIFY(!m_client->output().contains("\nX-Forged"));
 }
 
+void tst_NwaFcgiRequest::every401CarriesAChallenge_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("fieldName");
+    QTest::addColumn<QByteArray>("challenge");
+    QTest::newRow("none given") << 401 << QByteArray() << QByteArray("Cookie");
+    QTest::newRow("other field given") << 401 << QByteArray("X-Y") << QByteArray("Cookie");
+    QTest::newRow("one given") << 401 << QByteArray("WWW-Authenticate") << QByteArray("Other");
+    QTest::newRow("one given, in other letters") << 401 << QByteArray("www-authenticate") << QByteArray("Other");
+    QTest::newRow("other error") << 403 << QByteArray() << QByteArray();
+}
+
+void tst_NwaFcgiRequest::every401CarriesAChallenge()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, fieldName);
+    QFETCH(QByteArray, challenge);
+    NwaFcgiRequest* const request = open(NFcgiClient::variables("/test"));
+    QVERIFY(request);
+    NwaFcgiRequest::HeaderFields fields;
+    if (!fieldName.isEmpty())
+        fields << qMakePair(fieldName, QByteArray("Other"));
+    request->sendHttpError(NwaFcgiRequest::StandardHttpError(status), fields);
+    delete request;
+    NTRY_VERIFY(m_client->hasEnded());
+    const QByteArray header = m_client->output().toLower();
+    QCOMPARE(header.count("\r\nwww-authenticate: "), challenge.isEmpty() ? 0 : 1);
+    if (!challenge.isEmpty())
+        QVERIFY(header.contains("\r\nwww-authenticate: " + challenge.toLower() + "\r\n"));
+}
+
 void tst_NwaFcgiRequest::errorAfterAnAnswerDoesNothing()
 {
     NwaFcgiRequest* const request = open(NFcgiClient::variables("/test"));
@@ -339,7 +372,6 @@ void tst_NwaFcgiRequest::headGetsTheHeaderOnly()
     QFETCH(QByteArray, header);
     NwaFcgiRequest* const request = open(NFcgiClient::variables("/test", "HEAD"));
     QVERIFY(request);
-    request->omitReplyBody();
     for (const QByteArray& piece : pieces) {
         request->outputStream().write(piece.constData(), piece.size());
         request->outputStream().flush();
@@ -354,7 +386,6 @@ void tst_NwaFcgiRequest::headOfAnErrorGetsTheHeaderOnly()
 {
     NwaFcgiRequest* const request = open(NFcgiClient::variables("/test", "HEAD"));
     QVERIFY(request);
-    request->omitReplyBody();
     request->sendHttpError(NwaFcgiRequest::NotFound);
     delete request;
     NTRY_VERIFY(m_client->hasEnded());

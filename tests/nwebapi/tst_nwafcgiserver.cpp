@@ -2,6 +2,7 @@
 #include "nfcgitestservice.h"
 
 #include <nwebapi/nwafcgiserver.h>
+#include <support/nallocatedbytes.h>
 #include <support/ntemporarydirectory.h>
 #include <support/ntestwait.h>
 
@@ -29,6 +30,11 @@ NFcgiClient::Params with(const QByteArray& name, const QByteArray& value, const 
 NFcgiClient::Params announcing(const QByteArray& contentLength)
 {
     return with("CONTENT_LENGTH", contentLength, "POST");
+}
+
+NFcgiClient::Params announcingForm(int size)
+{
+    return announcing(QByteArray::number(size)) << Param("CONTENT_TYPE", "multipart/form-data; boundary=b");
 }
 
 mode_t modeOf(const QString& path)
@@ -85,6 +91,7 @@ private slots:
     void socketHasThePermissionsGiven_data();
     void socketHasThePermissionsGiven();
     void socketIsRemovedWhenTheServerEnds();
+    void socketOfAnotherServerIsNotRemoved();
     void abandonedSocketIsReplaced();
     void socketThatIsServedIsNotReplaced();
     void fileThatIsNoSocketIsNotReplaced();
@@ -122,6 +129,8 @@ private slots:
     void unknownRoleIsRefused_data();
     void unknownRoleIsRefused();
     void secondRequestAtATimeIsRefused();
+    void everyStreamOfTheReplyThatWasUsedIsEnded_data();
+    void everyStreamOfTheReplyThatWasUsedIsEnded();
     void keptConnectionCarriesRequestAfterRequest();
     void keptConnectionCarriesRequestsSentAhead();
     void keptConnectionEndsWithItsPeersSending();
@@ -140,12 +149,24 @@ private slots:
 
     void badRequestIsAnsweredWithAnError_data();
     void badRequestIsAnsweredWithAnError();
+    void badHeadRequestIsAnsweredWithoutABody_data();
+    void badHeadRequestIsAnsweredWithoutABody();
     void goodRequestNearALimitIsServed_data();
     void goodRequestNearALimitIsServed();
     void bodyBeyondTheLimitIsAnswered413_data();
     void bodyBeyondTheLimitIsAnswered413();
     void hugeBodyBeforeTheParamsIsDropped();
+    void formIsNotLimitedByTheBodyLimit_data();
     void formIsNotLimitedByTheBodyLimit();
+    void whatWasReadOfAFormIsNotKept();
+    void requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503_data();
+    void requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503();
+    void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit_data();
+    void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit();
+    void whatIsLeftOfARefusedRequestIsForgotten();
+    void whatTheConnectionsHeldIsForgottenWithThem();
+    void replyThatWaitsCountsForTheConnectionsLimit();
+    void bodyThatWaitsCountsForTheConnectionsLimit();
     void tenMegabytesOfQueryAreAnswered414();
     void textOfTheClientForgesNoHeader_data();
     void textOfTheClientForgesNoHeader();
@@ -165,6 +186,10 @@ private slots:
     void clientThatEndsItsSendingGetsItsReply_data();
     void clientThatEndsItsSendingGetsItsReply();
     void clientThatEndsItsSendingTooEarlyIsDropped();
+    void clientThatGoesWhileItsBodyWaitsIsNoticed_data();
+    void clientThatGoesWhileItsBodyWaitsIsNoticed();
+    void clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply_data();
+    void clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply();
     void connectionsBeyondTheLimitWait();
     void lackOfDescriptorsPasses();
     void limitsAreAtLeastOne();
@@ -173,6 +198,7 @@ private:
     QString socketPath() const;
     QString path(const char* name) const;
     void setUpLimits(void (*change)(NwaFcgiLimits&));
+    bool connectOverTcp();
     bool answers();
     bool isServed(NFcgiClient& client, const QByteArray& expected = "GET");
 
@@ -221,6 +247,13 @@ void tst_NwaFcgiServer::setUpLimits(void (*change)(NwaFcgiLimits&))
     NwaFcgiLimits limits = m_server->limits();
     change(limits);
     m_server->setLimits(limits);
+}
+
+// Makes the server listen on a TCP port, and the client connect to it.
+bool tst_NwaFcgiServer::connectOverTcp()
+{
+    const QString address = QString::fromLatin1("127.0.0.1");
+    return m_server->listenOnPort(address, 0) && m_client->connectToPort(address, m_server->port());
 }
 
 // Whether another client's request is answered; to be asked when something bad was done.
@@ -277,6 +310,19 @@ void tst_NwaFcgiServer::socketIsRemovedWhenTheServerEnds()
         QVERIFY(modeOf(path("other")) != 0);
     }
     QCOMPARE(int(modeOf(path("other"))), 0);
+}
+
+void tst_NwaFcgiServer::socketOfAnotherServerIsNotRemoved()
+{
+    QVERIFY(QFile::remove(socketPath()));
+    NwaFcgiServer successor;
+    QVERIFY2(successor.listenOnPath(socketPath()), qPrintable(successor.errorString()));
+    m_server->close();
+    QVERIFY(m_client->connectToPath(socketPath()));
+    successor.registerService(QString::fromLatin1("/test"), m_service.data());
+    QVERIFY(isServed(*m_client));
+    successor.close();
+    QCOMPARE(int(modeOf(socketPath())), 0);
 }
 
 void tst_NwaFcgiServer::abandonedSocketIsReplaced()
@@ -692,6 +738,43 @@ void tst_NwaFcgiServer::secondRequestAtATimeIsRefused()
     QCOMPARE(m_service->count(), 1);
 }
 
+void tst_NwaFcgiServer::everyStreamOfTheReplyThatWasUsedIsEnded_data()
+{
+    QTest::addColumn<QByteArray>("remark");
+    QTest::newRow("reply alone") << QByteArray();
+    QTest::newRow("reply and remark") << QByteArray("remark");
+    QTest::newRow("large remark") << QByteArray(100000, 'r');
+}
+
+void tst_NwaFcgiServer::everyStreamOfTheReplyThatWasUsedIsEnded()
+{
+    QFETCH(QByteArray, remark);
+    NFcgiTestService service([&](NwaFcgiRequest* request) {
+        request->errorStream().write(remark.constData(), remark.size());
+        NTest::reply(request, "reply");
+    });
+    m_server->registerService(QString::fromLatin1("/remark"), &service);
+    QList<int> ends;
+    if (!remark.isEmpty())
+        ends << NFcgiClient::StderrType;
+    ends.prepend(NFcgiClient::StdoutType);
+    // A remark for one request is none for the next.
+    for (int id = 1; id <= 2; ++id)
+        m_client->raw(NFcgiClient::request(NFcgiClient::variables("/remark"), QByteArray(), id, true));
+    m_client->raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 3, false));
+    NTRY_VERIFY(m_client->isClosed());
+    QHash<int, QList<int>> endsFound;
+    for (const NFcgiClient::Record& record : m_client->records()) {
+        if (record.content.isEmpty())
+            endsFound[record.requestId] << record.type;
+    }
+    QCOMPARE(endsFound.value(1), ends);
+    QCOMPARE(endsFound.value(2), ends);
+    QCOMPARE(endsFound.value(3), QList<int>() << NFcgiClient::StdoutType);
+    QCOMPARE(m_client->remarks(1), remark);
+    QCOMPARE(m_client->records().last().type, int(NFcgiClient::EndRequest));
+}
+
 void tst_NwaFcgiServer::keptConnectionCarriesRequestAfterRequest()
 {
     for (int id = 1; id <= 10; ++id) {
@@ -942,6 +1025,31 @@ void tst_NwaFcgiServer::badRequestIsAnsweredWithAnError()
     QVERIFY(answers());
 }
 
+void tst_NwaFcgiServer::badHeadRequestIsAnsweredWithoutABody_data()
+{
+    QTest::addColumn<NFcgiClient::Params>("params");
+    QTest::addColumn<int>("status");
+    QTest::newRow("wrong query") << with("QUERY_STRING", "a=%zz", "HEAD") << 400;
+    QTest::newRow("wrong size") << with("CONTENT_LENGTH", "many", "HEAD") << 400;
+    QTest::newRow("unknown script") << NFcgiClient::variables("/unknown", "HEAD") << 404;
+    QTest::newRow("large body") << with("CONTENT_LENGTH", "10000000", "HEAD") << 413;
+    QTest::newRow("long query") << with("QUERY_STRING", QByteArray(17 * 1024, 'q'), "HEAD") << 414;
+    QTest::newRow("query longer than all variables may be")
+        << with("QUERY_STRING", QByteArray(70000, 'q'), "HEAD") << 414;
+    QTest::newRow("large variable") << with("HTTP_COOKIE", QByteArray(70000, 'c'), "HEAD") << 431;
+}
+
+void tst_NwaFcgiServer::badHeadRequestIsAnsweredWithoutABody()
+{
+    QFETCH(NFcgiClient::Params, params);
+    QFETCH(int, status);
+    m_client->raw(NFcgiClient::request(params));
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->status(), status);
+    QCOMPARE(m_client->replyBody(), QByteArray());
+    QCOMPARE(m_service->count(), 0);
+}
+
 void tst_NwaFcgiServer::goodRequestNearALimitIsServed_data()
 {
     QTest::addColumn<NFcgiClient::Params>("params");
@@ -1001,17 +1109,203 @@ void tst_NwaFcgiServer::hugeBodyBeforeTheParamsIsDropped()
     QVERIFY(answers());
 }
 
+void tst_NwaFcgiServer::formIsNotLimitedByTheBodyLimit_data()
+{
+    QTest::addColumn<QByteArray>("type");
+    QTest::newRow("with a boundary") << QByteArray("multipart/form-data; boundary=b");
+    QTest::newRow("with blanks and capitals") << QByteArray(" Multipart/Form-Data ;boundary=b");
+    QTest::newRow("without parameters") << QByteArray("multipart/form-data");
+}
+
 void tst_NwaFcgiServer::formIsNotLimitedByTheBodyLimit()
 {
+    QFETCH(QByteArray, type);
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
     NFcgiClient::Params params = announcing("3000000");
-    params << Param("CONTENT_TYPE", "multipart/form-data; boundary=b");
+    params << Param("CONTENT_TYPE", type);
     m_client->raw(NFcgiClient::request(params, QByteArray(3000000, 'b')));
     NTRY_COMPARE(service.count(), 1);
     QByteArray body;
     NTRY_VERIFY((body += NTest::readAvailableBody(service.request()), service.request()->atBodyEnd()));
     QCOMPARE(body.size(), 3000000);
+}
+
+void tst_NwaFcgiServer::whatWasReadOfAFormIsNotKept()
+{
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/test"), &service);
+    const QByteArray piece(1024 * 1024, 'b');
+    const int size = 50 * piece.size();
+    m_client->begin();
+    m_client->params(announcingForm(size));
+    NTRY_COMPARE(service.count(), 1);
+    QByteArray buffer(piece.size(), '\0');
+    qint64 read = 0;
+    qint64 afterFirstPiece = 0;
+    for (int sent = piece.size(); sent <= size; sent += piece.size()) {
+        m_client->body(piece);
+        // A byte is always left, as a service leaves it that waits for the rest of a line.
+        NTRY_VERIFY((read += service.request()->readBody(buffer.data(), sent - 1 - read)) == sent - 1);
+        QCOMPARE(m_client->unsentSize(), 0);
+        if (sent == piece.size())
+            afterFirstPiece = NTest::allocatedBytes();
+    }
+    QVERIFY(NTest::allocatedBytes() - afterFirstPiece < piece.size());
+    m_client->endBody();
+    NTRY_VERIFY((read += service.request()->readBody(buffer.data(), 1)) == size);
+    NTRY_VERIFY(service.request()->atBodyEnd());
+}
+
+void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503_data()
+{
+    QTest::addColumn<QByteArray>("params");
+    QTest::addColumn<QByteArray>("body");
+    QTest::newRow("body") << NFcgiClient::stream(
+                                 NFcgiClient::ParamsType, 1, NFcgiClient::pairs(announcing("5000")))
+                          << NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(2000, 'b'));
+    QTest::newRow("body before the params")
+        << QByteArray() << NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(2000, 'b'));
+    QTest::newRow("params") << NFcgiClient::record(NFcgiClient::ParamsType, 1, QByteArray(2000, 'p'))
+                            << QByteArray();
+    QTest::newRow("half a record")
+        << QByteArray() << NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(5000, 'b')).left(2000);
+}
+
+void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503()
+{
+    QFETCH(QByteArray, params);
+    QFETCH(QByteArray, body);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    m_client->begin();
+    m_client->params(announcing("9500"));
+    m_client->body(QByteArray(9000, 'b'));
+    QVERIFY(answers());
+
+    NFcgiClient second;
+    QVERIFY(second.connectToPath(socketPath()));
+    second.raw(NFcgiClient::beginRecord() + params + body);
+    NTRY_VERIFY(second.hasEnded());
+    QCOMPARE(second.status(), 503);
+    QCOMPARE(m_service->count(), 1);
+
+    // Who was there first goes on, and makes room.
+    m_client->body(QByteArray(500, 'b'));
+    m_client->endBody();
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->status(), 200);
+    NFcgiClient third;
+    QVERIFY(third.connectToPath(socketPath()));
+    third.raw(NFcgiClient::request(announcing("9500"), QByteArray(9500, 'b')));
+    NTRY_VERIFY(third.isClosed());
+    QCOMPARE(third.status(), 200);
+}
+
+void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimit_data()
+{
+    QTest::addColumn<NFcgiClient::Params>("params");
+    QTest::addColumn<QByteArray>("body");
+    QTest::newRow("without a body") << NFcgiClient::variables("/test") << QByteArray();
+    QTest::newRow("with a body") << announcing("500") << QByteArray(500, 'b');
+}
+
+// Clients that let the server wait keep nobody out who does not.
+void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimit()
+{
+    QFETCH(NFcgiClient::Params, params);
+    QFETCH(QByteArray, body);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    m_client->begin();
+    m_client->params(announcing("20000"));
+    m_client->body(QByteArray(10000, 'b'));
+    QVERIFY(answers());
+    NFcgiClient second;
+    QVERIFY(second.connectToPath(socketPath()));
+    second.raw(NFcgiClient::request(params, body));
+    NTRY_VERIFY(second.isClosed());
+    QCOMPARE(second.status(), 200);
+    QCOMPARE(m_client->records().size(), 0);
+}
+
+void tst_NwaFcgiServer::whatIsLeftOfARefusedRequestIsForgotten()
+{
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    const QByteArray halfARecord =
+        NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(20000, 'b')).left(11000);
+    // The clients are still connected when the next one comes.
+    QList<QSharedPointer<NFcgiClient>> clients;
+    for (int count = 0; count < 3; ++count) {
+        const QSharedPointer<NFcgiClient> client(new NFcgiClient);
+        clients << client;
+        QVERIFY(client->connectToPath(socketPath()));
+        client->raw(NFcgiClient::beginRecord() + halfARecord);
+        NTRY_VERIFY(client->hasEnded());
+        QCOMPARE(client->status(), 503);
+        client->raw(halfARecord);
+        QVERIFY(answers());
+    }
+}
+
+void tst_NwaFcgiServer::whatTheConnectionsHeldIsForgottenWithThem()
+{
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    for (int round = 0; round < 10; ++round) {
+        QVERIFY(m_client->connectToPath(socketPath()));
+        m_client->begin(1, true);
+        m_client->params(announcing("9500"));
+        m_client->body(QByteArray(9000, 'b'));
+        QVERIFY(answers());
+        QCOMPARE(m_client->records().size(), 0);
+        if (round % 2 == 0) {
+            m_client->abort();
+            NTRY_VERIFY(m_client->hasEnded());
+        }
+        m_client->disconnectNow();
+        NTRY_COMPARE(m_server->connectionCount(), 0);
+    }
+}
+
+void tst_NwaFcgiServer::replyThatWaitsCountsForTheConnectionsLimit()
+{
+    const int size = 5000000;
+    NFcgiTestService service([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(size, 'r')); });
+    m_server->registerService(QString::fromLatin1("/large"), &service);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    m_client->stopReceiving();
+    m_client->raw(NFcgiClient::request(NFcgiClient::variables("/large")));
+    NTRY_COMPARE(service.count(), 1);
+    NFcgiClient second;
+    QVERIFY(second.connectToPath(socketPath()));
+    second.raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 1, true));
+    NTRY_VERIFY(second.hasEnded());
+    QCOMPARE(second.status(), 503);
+    QCOMPARE(m_service->count(), 0);
+    // It is a limit for others; the reply itself has its own.
+    m_client->startReceiving();
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->replyBody().size(), size);
+    second.forget();
+    QVERIFY(isServed(second));
+}
+
+void tst_NwaFcgiServer::bodyThatWaitsCountsForTheConnectionsLimit()
+{
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/form"), &service);
+    setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
+    const QByteArray body(60000, 'b');
+    NFcgiClient::Params params = announcingForm(body.size());
+    params << Param("SCRIPT_NAME", "/form");
+    m_client->raw(NFcgiClient::request(params, body));
+    NTRY_COMPARE(service.count(), 1);
+    NTRY_VERIFY(!answers());
+    QByteArray read;
+    NTRY_VERIFY((read += NTest::readAvailableBody(service.request()), service.request()->atBodyEnd()));
+    QVERIFY(read == body);
+    QVERIFY(answers());
+    NTest::reply(service.request(), "taken");
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->replyBody(), QByteArray("taken"));
 }
 
 void tst_NwaFcgiServer::tenMegabytesOfQueryAreAnswered414()
@@ -1245,13 +1539,19 @@ void tst_NwaFcgiServer::errorThatBreaksTheConnectionIsHarmless()
 void tst_NwaFcgiServer::clientMayDisconnectAnywhere_data()
 {
     QTest::addColumn<bool>("form");
-    QTest::newRow("body that is awaited") << false;
-    QTest::newRow("body that is streamed") << true;
+    QTest::addColumn<int>("buffer");
+    QTest::newRow("body that is awaited") << false << 1024;
+    QTest::newRow("body that is streamed") << true << 1024;
+    QTest::newRow("body that fills the buffer") << true << 1;
 }
 
 void tst_NwaFcgiServer::clientMayDisconnectAnywhere()
 {
     QFETCH(bool, form);
+    QFETCH(int, buffer);
+    NwaFcgiLimits limits;
+    limits.streamedBodyBuffer = buffer;
+    m_server->setLimits(limits);
     NFcgiClient::Params params = announcing("4");
     params << Param("CONTENT_TYPE", form ? "multipart/form-data; boundary=b" : "text/plain");
     const QByteArray request = NFcgiClient::request(params, "body");
@@ -1306,10 +1606,8 @@ void tst_NwaFcgiServer::clientThatEndsItsSendingGetsItsReply()
     QFETCH(bool, keep);
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
-    if (overTcp) {
-        QVERIFY(m_server->listenOnPort(QString::fromLatin1("127.0.0.1"), 0));
-        QVERIFY(m_client->connectToPort(QString::fromLatin1("127.0.0.1"), m_server->port()));
-    }
+    if (overTcp)
+        QVERIFY(connectOverTcp());
     m_client->raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 1, keep));
     m_client->endSending();
     NTRY_COMPARE(service.count(), 1);
@@ -1329,6 +1627,76 @@ void tst_NwaFcgiServer::clientThatEndsItsSendingTooEarlyIsDropped()
     NTRY_VERIFY(m_client->isClosed());
     QCOMPARE(m_client->records().size(), 0);
     QCOMPARE(m_service->count(), 0);
+}
+
+void tst_NwaFcgiServer::clientThatGoesWhileItsBodyWaitsIsNoticed_data()
+{
+    QTest::addColumn<bool>("overTcp");
+    QTest::addColumn<bool>("endsItsSendingOnly");
+    QTest::newRow("Unix socket") << false << false;
+    QTest::newRow("Unix socket, end of sending") << false << true;
+    QTest::newRow("TCP") << true << false;
+    QTest::newRow("TCP, end of sending") << true << true;
+}
+
+void tst_NwaFcgiServer::clientThatGoesWhileItsBodyWaitsIsNoticed()
+{
+    QFETCH(bool, overTcp);
+    QFETCH(bool, endsItsSendingOnly);
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/test"), &service);
+    if (overTcp)
+        QVERIFY(connectOverTcp());
+    m_client->begin();
+    m_client->params(announcingForm(3000000));
+    m_client->body(QByteArray(100000, 'b'));
+    NTRY_COMPARE(service.count(), 1);
+    NTRY_COMPARE(m_client->unsentSize(), 0);
+    QSignalSpy aborted(service.request(), SIGNAL(aborted()));
+    if (endsItsSendingOnly)
+        m_client->endSending();
+    else
+        m_client->disconnectNow();
+    NTRY_COMPARE(aborted.count(), 1);
+    QCOMPARE(m_server->connectionCount(), 0);
+}
+
+void tst_NwaFcgiServer::clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply_data()
+{
+    QTest::addColumn<bool>("overTcp");
+    QTest::newRow("Unix socket") << false;
+    QTest::newRow("TCP") << true;
+}
+
+void tst_NwaFcgiServer::clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply()
+{
+    QFETCH(bool, overTcp);
+    NFcgiTestService service;
+    m_server->registerService(QString::fromLatin1("/test"), &service);
+    setUpLimits([](NwaFcgiLimits& limits) {
+        limits.stallTimeout = 1;
+        limits.streamedBodyBuffer = 1000;
+    });
+    if (overTcp)
+        QVERIFY(connectOverTcp());
+    NFcgiClient silent;
+    QVERIFY(
+        overTcp ? silent.connectToPort(QString::fromLatin1("127.0.0.1"), m_server->port())
+                : silent.connectToPath(socketPath()));
+    const QByteArray body(100000, 'b');
+    m_client->raw(NFcgiClient::request(announcingForm(body.size()), body));
+    NTRY_COMPARE(service.count(), 1);
+    NTRY_COMPARE(m_client->unsentSize(), 0);
+    m_client->endSending();
+    // Every connection has been looked at by then.
+    NTRY_VERIFY(silent.isClosed());
+    QVERIFY(!service.request()->isAborted());
+    QByteArray read;
+    NTRY_VERIFY((read += NTest::readAvailableBody(service.request()), service.request()->atBodyEnd()));
+    QVERIFY(read == body);
+    NTest::reply(service.request(), "taken");
+    NTRY_VERIFY(m_client->isClosed());
+    QCOMPARE(m_client->replyBody(), QByteArray("taken"));
 }
 
 void tst_NwaFcgiServer::connectionsBeyondTheLimitWait()
@@ -1372,6 +1740,7 @@ void tst_NwaFcgiServer::limitsAreAtLeastOne()
     limits.bodySize = -1000;
     limits.streamedBodyBuffer = 0;
     limits.replyBuffer = 0;
+    limits.bufferedSize = 0;
     limits.stallTimeout = 0;
     m_server->setLimits(limits);
     QCOMPARE(m_server->limits().connectionCount, 1);
@@ -1380,6 +1749,7 @@ void tst_NwaFcgiServer::limitsAreAtLeastOne()
     QCOMPARE(m_server->limits().bodySize, 1);
     QCOMPARE(m_server->limits().streamedBodyBuffer, 1);
     QCOMPARE(m_server->limits().replyBuffer, 1);
+    QCOMPARE(m_server->limits().bufferedSize, 1);
     QCOMPARE(m_server->limits().stallTimeout, 1);
 }
 

@@ -1,7 +1,10 @@
 #include "nfcgiclient.h"
 #include "nfcgitestservice.h"
 
+#include <nwebapi/nwacgimultipartformdatareader.h>
 #include <nwebapi/nwafcgiserver.h>
+#include <nwebapi/nwastandardfcgirequestprocessor.h>
+#include <nwebapi/nwastandardfcgiservice.h>
 #include <support/nlighttpd.h>
 #include <support/ntemporarydirectory.h>
 #include <support/ntestwait.h>
@@ -18,8 +21,6 @@ QString text(const char* latin1)
 // What arrived, in one line, so that a test can compare it.
 void describe(NwaFcgiRequest* request)
 {
-    if (request->method() == text("HEAD"))
-        request->omitReplyBody();
     const QByteArray body = NTest::readAvailableBody(request);
     const QString parameter = request->queryParameters().value(text("p"));
     NTest::reply(
@@ -28,7 +29,92 @@ void describe(NwaFcgiRequest* request)
                      .toUtf8());
 }
 
+// Answers with the JSON document that it was sent.
+class JsonProcessor : public NwaStandardFcgiRequestProcessor
+{
+public:
+    JsonProcessor()
+        : NwaStandardFcgiRequestProcessor(0)
+    {
+    }
+
+protected:
+    virtual void processPostMethod(NwaFcgiRequest* request)
+    {
+        bool ok = false;
+        const QVariant document = parseJsonContent(request, &ok);
+        if (ok)
+            sendJsonReply(request, document);
+        else
+            delete request;
+    }
+};
+
+QByteArray partHeader(const char* disposition)
+{
+    return QByteArray("--b\r\nContent-Disposition: ") + disposition + "\r\n\r\n";
+}
+
 } // namespace
+
+/** Reads a form while it arrives, and answers with what its parts are. It ends with its request. */
+class FormReader : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit FormReader(NwaFcgiRequest* request)
+        : QObject(request)
+        , m_request(request)
+        , m_reader(request)
+        , m_partSize(-1)
+    {
+        connect(request, SIGNAL(bodyAvailable()), this, SLOT(readOn()));
+        connect(request, SIGNAL(aborted()), request, SLOT(deleteLater()));
+    }
+
+public slots:
+    void readOn()
+    {
+        while (readPart()) {
+        }
+        if (m_reader.isWaiting())
+            return;
+        if (!m_reader.hasError()) {
+            NTest::reply(m_request, m_answer);
+            return;
+        }
+        m_request->errorStream() << m_reader.errorString().toLatin1().constData();
+        m_request->sendHttpError(NwaFcgiRequest::BadRequest);
+        delete m_request;
+    }
+
+private:
+    // Returns whether there is more to be read right now.
+    bool readPart()
+    {
+        if (m_partSize < 0) {
+            QString name;
+            QString fileName;
+            QString type;
+            if (!m_reader.nextPart(name, fileName, type))
+                return false;
+            m_answer += (name + QLatin1Char('|') + fileName + QLatin1Char('|') + type + QLatin1Char('|')).toUtf8();
+            m_partSize = 0;
+        }
+        m_partSize += m_reader.readFromPart(10000).size();
+        if (m_reader.atPartEnd()) {
+            m_answer += QByteArray::number(m_partSize) + '\n';
+            m_partSize = -1;
+        }
+        return !m_reader.isWaiting() && !m_reader.hasError();
+    }
+
+    NwaFcgiRequest* m_request;
+    NwaCgiMultipartFormDataReader m_reader;
+    int m_partSize; ///< -1 between the parts
+    QByteArray m_answer;
+};
 
 /** The server behind a real web server, and called by libfcgi's client. */
 class tst_NwaFcgiWebServer : public QObject
@@ -50,6 +136,13 @@ private slots:
     void largeReplyArrivesWhole();
     void uploadIsReadWhileItIsSent();
     void uploadThatIsRefusedGetsItsReply();
+    void formIsTakenApartWhileItIsSent();
+    void badFormIsAnswered400_data();
+    void badFormIsAnswered400();
+    void formOfAClientThatGoesHarmsNobody();
+    void jsonIsRead();
+    void badJsonIsAnswered400_data();
+    void badJsonIsAnswered400();
     void clientThatGoesBeforeTheReplyHarmsNobody();
     void clientThatGoesInTheMiddleOfTheReplyHarmsNobody();
     void remarksComeIntoTheWebServersLog();
@@ -62,11 +155,14 @@ private:
     bool run(QProcess& process);
     QByteArray curl(const QString& path, const QStringList& options = QStringList());
     int status(const QString& path, const QStringList& options = QStringList());
+    QStringList sending(const QByteArray& body, const char* type);
 
     NTemporaryDirectory m_directory;
     NLighttpd m_lighttpd;
     QScopedPointer<NwaFcgiServer> m_server;
     QScopedPointer<NFcgiTestService> m_service;
+    QScopedPointer<NFcgiTestService> m_formService;
+    QScopedPointer<NwaStandardFcgiService> m_jsonService;
 };
 
 void tst_NwaFcgiWebServer::initTestCase()
@@ -77,6 +173,7 @@ void tst_NwaFcgiWebServer::initTestCase()
             "server.stream-request-body = 2\n"
             "server.stream-response-body = 2\n" +
             NLighttpd::fastCgi(text("/test"), socket) + NLighttpd::fastCgi(text("/unknown"), socket) +
+            NLighttpd::fastCgi(text("/form"), socket) + NLighttpd::fastCgi(text("/json"), socket) +
             m_lighttpd.spawnedFastCgi(text("/documents"), QString::fromLocal8Bit(NFCGI_DOCUMENTS_PROGRAM))),
         m_lighttpd.log().constData());
 }
@@ -87,10 +184,17 @@ void tst_NwaFcgiWebServer::init()
     QVERIFY(m_server->listenOnPath(m_directory.filePath(text("socket")), 0666));
     m_service.reset(new NFcgiTestService(describe));
     m_server->registerService(text("/test"), m_service.data());
+    m_formService.reset(
+        new NFcgiTestService([](NwaFcgiRequest* request) { (new FormReader(request))->readOn(); }));
+    m_server->registerService(text("/form"), m_formService.data());
+    m_jsonService.reset(new NwaStandardFcgiService(new JsonProcessor, 0));
+    m_server->registerService(text("/json"), m_jsonService.data());
 }
 
 void tst_NwaFcgiWebServer::cleanup()
 {
+    m_jsonService.reset();
+    m_formService.reset();
     m_service.reset();
     m_server.reset();
 }
@@ -120,6 +224,12 @@ int tst_NwaFcgiWebServer::status(const QString& path, const QStringList& options
     return curl(path, all).toInt();
 }
 
+QStringList tst_NwaFcgiWebServer::sending(const QByteArray& body, const char* type)
+{
+    return QStringList() << text("-H") << text("Content-Type: ") + text(type) << text("--data-binary")
+                         << QLatin1Char('@') + m_directory.writeFile(text("body"), body);
+}
+
 void tst_NwaFcgiWebServer::everyMethodArrives_data()
 {
     QTest::addColumn<QString>("method");
@@ -147,8 +257,7 @@ void tst_NwaFcgiWebServer::everyMethodArrives()
     QFETCH(QByteArray, expected);
     QStringList options = QStringList() << text("-X") << method;
     if (!body.isEmpty())
-        options << text("-H") << text("Content-Type: text/plain") << text("--data-binary")
-                << QLatin1Char('@') + m_directory.writeFile(text("body"), body);
+        options << sending(body, "text/plain");
     QCOMPARE(curl(path, options), expected);
 }
 
@@ -191,10 +300,7 @@ void tst_NwaFcgiWebServer::tenMegabytesOfQueryAreRefused()
 
 void tst_NwaFcgiWebServer::tooLargeBodyIsAnswered413()
 {
-    const QString file = m_directory.writeFile(text("body"), QByteArray(5000000, 'b'));
-    const QStringList options = QStringList() << text("-H") << text("Content-Type: text/plain")
-                                              << text("--data-binary") << QLatin1Char('@') + file;
-    QCOMPARE(status(text("/test"), options), 413);
+    QCOMPARE(status(text("/test"), sending(QByteArray(5000000, 'b'), "text/plain")), 413);
     QCOMPARE(m_service->count(), 0);
     QCOMPARE(status(text("/test")), 200);
 }
@@ -235,6 +341,97 @@ void tst_NwaFcgiWebServer::uploadThatIsRefusedGetsItsReply()
     m_server->registerService(text("/test"), &service);
     const QString file = m_directory.writeFile(text("upload"), QByteArray(5000000, 'u'));
     QCOMPARE(status(text("/test"), QStringList() << text("-F") << text("file=@") + file), 403);
+}
+
+void tst_NwaFcgiWebServer::formIsTakenApartWhileItIsSent()
+{
+    const QString file = m_directory.writeFile(text("upload"), QByteArray(5000000, 'u'));
+    QCOMPARE(
+        curl(
+            text("/form"), QStringList()
+                               << text("-F") << text("comment=short") << text("-F")
+                               << text("file=@") + file + text(";type=image/png") << text("-F") << text("empty=")),
+        QByteArray("comment|||5\nfile|upload|image/png|5000000\nempty|||0\n"));
+}
+
+void tst_NwaFcgiWebServer::badFormIsAnswered400_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QByteArray>("type");
+    QTest::addColumn<QByteArray>("remark");
+    const QByteArray type("multipart/form-data; boundary=b");
+    const QByteArray part = partHeader("form-data; name=\"a\"");
+    QTest::newRow("without end") << part + "value" << type << QByteArray("the form breaks off");
+    QTest::newRow("large and without end")
+        << part + QByteArray(3000000, 'v') << type << QByteArray("the form breaks off");
+    QTest::newRow("part without a name") << partHeader("form-data") + "value\r\n--b--\r\n"
+                                         << type << QByteArray("a part has no name");
+    QTest::newRow("later part without a name")
+        << part + QByteArray(300000, 'v') + "\r\n" + partHeader("form-data") + "value\r\n--b--\r\n"
+        << type << QByteArray("a part has no name");
+    QTest::newRow("empty") << QByteArray() << type << QByteArray("the form breaks off");
+    QTest::newRow("without a boundary") << part + "value\r\n--b--\r\n"
+                                        << QByteArray("multipart/form-data") << QByteArray("boundary");
+    QTest::newRow("boundary longer than the body")
+        << QByteArray("--b") << "multipart/form-data; boundary=" + QByteArray(70, 'b')
+        << QByteArray("the form breaks off");
+}
+
+void tst_NwaFcgiWebServer::badFormIsAnswered400()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, type);
+    QFETCH(QByteArray, remark);
+    const int remarkCount = m_lighttpd.log().count(remark);
+    QCOMPARE(
+        curl(text("/form"), sending(body, type.constData()) << text("-w") << text("%{http_code}")),
+        QByteArray("400 Bad Request\n400"));
+    NTRY_COMPARE(m_lighttpd.log().count(remark), remarkCount + 1);
+    QCOMPARE(status(text("/test")), 200);
+    QCOMPARE(curl(text("/form"), QStringList() << text("-F") << text("a=b")), QByteArray("a|||1\n"));
+}
+
+void tst_NwaFcgiWebServer::formOfAClientThatGoesHarmsNobody()
+{
+    const QString file = m_directory.writeFile(text("upload"), QByteArray(5000000, 'u'));
+    QProcess process;
+    startCurl(
+        process, text("/form"),
+        QStringList() << text("--limit-rate") << text("100k") << text("-F") << text("file=@") + file);
+    NTRY_COMPARE(m_formService->count(), 1);
+    process.kill();
+    NTRY_COMPARE(m_server->connectionCount(), 0);
+    NTRY_VERIFY(!m_formService->request());
+    QCOMPARE(status(text("/test")), 200);
+    QCOMPARE(curl(text("/form"), QStringList() << text("-F") << text("a=b")), QByteArray("a|||1\n"));
+}
+
+void tst_NwaFcgiWebServer::jsonIsRead()
+{
+    QCOMPARE(
+        curl(text("/json"), sending("{\"a\": [1, null]}", "application/json")), QByteArray("{\"a\":[1,null]}"));
+}
+
+void tst_NwaFcgiWebServer::badJsonIsAnswered400_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("cut") << QByteArray("{\"a\": ");
+    QTest::newRow("100,000 deep") << QByteArray(100000, '[') + QByteArray(100000, ']');
+    QTest::newRow("100,000 deep and cut") << QByteArray("{\"a\":").repeated(100000);
+    QTest::newRow("a megabyte of values") << '[' + QByteArray("0,").repeated(500000) + "0]";
+    QTest::newRow("a megabyte of digits") << "0." + QByteArray(1000000, '1');
+    QTest::newRow("not UTF-8") << QByteArray("\"\xe4\"");
+}
+
+void tst_NwaFcgiWebServer::badJsonIsAnswered400()
+{
+    QFETCH(QByteArray, body);
+    QCOMPARE(
+        curl(text("/json"), sending(body, "application/json") << text("-w") << text("%{http_code}")),
+        QByteArray("400 Bad Request\n400"));
+    QCOMPARE(status(text("/test")), 200);
+    QCOMPARE(curl(text("/json"), sending("[]", "application/json")), QByteArray("[]"));
 }
 
 // The web server does not tell that its client has gone; it takes the reply.

@@ -45,6 +45,14 @@ private slots:
     void controlCharactersInStringsAreRefused();
     void depthIsLimited();
     void deepNestingIsRefusedQuickly();
+    void longestNumberIsRead_data();
+    void longestNumberIsRead();
+    void tooLongNumberIsRefusedQuickly_data();
+    void tooLongNumberIsRefusedQuickly();
+    void numberOfValuesIsLimited_data();
+    void numberOfValuesIsLimited();
+    void manyValuesAreRefusedQuickly_data();
+    void manyValuesAreRefusedQuickly();
     void largeStringIsRead();
     void resultMayBeIgnored();
     void valueIsWritten_data();
@@ -268,6 +276,97 @@ void tst_NwaJson::deepNestingIsRefusedQuickly()
     QVERIFY(!ok);
 }
 
+void tst_NwaJson::longestNumberIsRead_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QVariant>("value");
+    QTest::newRow("fraction") << "0." + QByteArray(998, '1') << QVariant(1.0 / 9.0);
+    QTest::newRow("negative fraction") << "-0." + QByteArray(997, '1') << QVariant(-1.0 / 9.0);
+    QTest::newRow("exponent") << "1e" + QByteArray(997, '0') + '2' << integer(100);
+    QTest::newRow("large number") << QByteArray(300, '1') + '.' + QByteArray(699, '0')
+                                  << QVariant(QByteArray(300, '1').toDouble());
+}
+
+void tst_NwaJson::longestNumberIsRead()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QVariant, value);
+    QCOMPARE(text.size(), int(NwaJson::MaximumNumberSize));
+    bool ok = false;
+    QCOMPARE(NwaJson::parse(text, &ok), value);
+    QVERIFY(ok);
+    QCOMPARE(NwaJson::parse('[' + text + "]", &ok), QVariant(QVariantList() << value));
+    QVERIFY(ok);
+}
+
+void tst_NwaJson::tooLongNumberIsRefusedQuickly_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    const int megabyte = 1024 * 1024;
+    QTest::newRow("1001 characters") << "0." + QByteArray(999, '1');
+    QTest::newRow("1001 characters with a minus") << "-0." + QByteArray(998, '1');
+    QTest::newRow("fraction of a megabyte") << "0." + QByteArray(megabyte, '1');
+    QTest::newRow("integer of a megabyte") << QByteArray(megabyte, '1');
+    QTest::newRow("exponent of a megabyte") << "1e" + QByteArray(megabyte, '0');
+    QTest::newRow("in an array") << "[1,0." + QByteArray(megabyte, '1') + ",1]";
+}
+
+void tst_NwaJson::tooLongNumberIsRefusedQuickly()
+{
+    QFETCH(QByteArray, text);
+    bool ok = true;
+    QVERIFY(!NwaJson::parse(text, &ok).isValid());
+    QVERIFY(!ok);
+}
+
+void tst_NwaJson::numberOfValuesIsLimited_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<int>("count");
+    QTest::newRow("number") << QByteArray("1") << 1;
+    QTest::newRow("string") << QByteArray("\"a\"") << 1;
+    QTest::newRow("literal") << QByteArray("null") << 1;
+    QTest::newRow("empty array") << QByteArray("[]") << 1;
+    QTest::newRow("empty object") << QByteArray("{}") << 1;
+    QTest::newRow("elements") << QByteArray("[1,\"a\",true,[],{}]") << 6;
+    QTest::newRow("members") << QByteArray("{\"a\":1,\"b\":{\"c\":null}}") << 4;
+    QTest::newRow("members of the same name") << QByteArray("{\"\":0,\"\":0,\"\":0}") << 4;
+    QTest::newRow("nested") << QByteArray("[[[1]],[[2]]]") << 7;
+    QTest::newRow("as many as nobody forbids") << '[' + QByteArray("0,").repeated(19998) + "0]" << 20000;
+}
+
+void tst_NwaJson::numberOfValuesIsLimited()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(int, count);
+    QCOMPARE(int(NwaJson::DefaultMaximumValueCount), 20000);
+    bool ok = false;
+    NwaJson::parse(text, &ok, NwaJson::DefaultMaximumDepth, count);
+    QVERIFY(ok);
+    NwaJson::parse(text, &ok, NwaJson::DefaultMaximumDepth, count - 1);
+    QVERIFY(!ok);
+    NwaJson::parse(text, &ok);
+    QVERIFY(ok);
+}
+
+void tst_NwaJson::manyValuesAreRefusedQuickly_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    const int size = 1024 * 1024;
+    QTest::newRow("one too many") << '[' + QByteArray("0,").repeated(19999) + "0]";
+    QTest::newRow("numbers") << '[' + QByteArray("0,").repeated(size / 2) + "0]";
+    QTest::newRow("members") << '{' + QByteArray("\"\":0,").repeated(size / 5) + "\"\":0}";
+    QTest::newRow("arrays") << '[' + QByteArray("[],").repeated(size / 3) + "0]";
+}
+
+void tst_NwaJson::manyValuesAreRefusedQuickly()
+{
+    QFETCH(QByteArray, text);
+    bool ok = true;
+    QVERIFY(!NwaJson::parse(text, &ok).isValid());
+    QVERIFY(!ok);
+}
+
 void tst_NwaJson::largeStringIsRead()
 {
     const int size = 1024 * 1024;
@@ -303,6 +402,8 @@ void tst_NwaJson::valueIsWritten_data()
     QTest::newRow("unsigned short") << QVariant::fromValue(static_cast<unsigned short>(65535))
                                     << QByteArray("65535");
     QTest::newRow("unsigned char") << QVariant::fromValue(static_cast<unsigned char>(200)) << QByteArray("200");
+    QTest::newRow("signed char") << QVariant::fromValue(static_cast<signed char>(65)) << QByteArray("65");
+    QTest::newRow("char") << QVariant::fromValue('A') << QByteArray("65");
     QTest::newRow("whole double") << QVariant(100.0) << QByteArray("100");
     QTest::newRow("fraction") << QVariant(0.5) << QByteArray("0.5");
     QTest::newRow("infinity") << QVariant(std::numeric_limits<double>::infinity()) << QByteArray("null");

@@ -8,6 +8,8 @@
 
 #include <QtTest/QtTest>
 
+#include <string.h>
+
 namespace {
 
 class Identifier : public NwaAbstractFcgiSessionIdentifier
@@ -65,6 +67,36 @@ private:
     }
 };
 
+// Counts its ends, and has one more operation, as processors of applications do.
+class CountingProcessor : public NamingProcessor
+{
+public:
+    explicit CountingProcessor(int* endCount)
+        : m_endCount(endCount)
+    {
+    }
+    virtual ~CountingProcessor() { ++*m_endCount; }
+
+protected:
+    virtual void processMore(NwaFcgiRequest* request) { sendJsonReply(request, QString::fromLatin1("more")); }
+
+private:
+    int* m_endCount;
+};
+
+// What a program calls that was compiled earlier: an entry of the table to which the object's first bytes point.
+// In it the operations stand in the order of their declaration, and a destructor takes two entries, of which the
+// second frees the memory as well; each is a function whose first argument is the object (Itanium C++ ABI,
+// section 2.5).
+template <typename Operation> Operation operationAt(int slot, const NwaStandardFcgiRequestProcessor* processor)
+{
+    const char* table = 0;
+    memcpy(&table, static_cast<const void*>(processor), sizeof(table));
+    Operation operation = 0;
+    memcpy(&operation, table + slot * sizeof(operation), sizeof(operation));
+    return operation;
+}
+
 const char jsonHeader[] = "Content-Type: application/json; charset=utf-8\r\n\r\n";
 
 QByteArray statusOf(const NMemoryChannel& channel)
@@ -81,6 +113,8 @@ class tst_NwaStandardFcgiRequestProcessor : public QObject
 private slots:
     void methodIsHandedToItsOperation_data();
     void methodIsHandedToItsOperation();
+    void operationsHaveTheirPlaces_data();
+    void operationsHaveTheirPlaces();
     void headIsAnsweredWithoutTheDocument();
     void headWithABodyIsRefused();
     void baseRefusesEveryMethod_data();
@@ -122,6 +156,38 @@ void tst_NwaStandardFcgiRequestProcessor::methodIsHandedToItsOperation()
     NamingProcessor().processRequest(new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", method)));
     QCOMPARE(channel.output, jsonHeader + ('"' + operation + '"'));
     QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::operationsHaveTheirPlaces_data()
+{
+    QTest::addColumn<int>("slot");
+    QTest::addColumn<QByteArray>("operation");
+    // The method of the request shows in which place processRequest() is.
+    QTest::newRow("processRequest") << 2 << QByteArray("other PATCH");
+    QTest::newRow("processGetMethod") << 3 << QByteArray("get");
+    QTest::newRow("processPostMethod") << 4 << QByteArray("post");
+    QTest::newRow("processPutMethod") << 5 << QByteArray("put");
+    QTest::newRow("processDeleteMethod") << 6 << QByteArray("delete");
+    QTest::newRow("processOtherMethod") << 7 << QByteArray("other argument");
+    QTest::newRow("first of the derived class") << 8 << QByteArray("more");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::operationsHaveTheirPlaces()
+{
+    QFETCH(int, slot);
+    QFETCH(QByteArray, operation);
+    typedef void (*Operation)(NwaStandardFcgiRequestProcessor*, NwaFcgiRequest*, const QString&);
+    typedef void (*Destructor)(NwaStandardFcgiRequestProcessor*);
+    int endCount = 0;
+    NwaStandardFcgiRequestProcessor* const processor = new CountingProcessor(&endCount);
+    NMemoryChannel channel;
+    NwaFcgiRequest* const request = new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", "PATCH"));
+    // Those that take no further argument do not look for it.
+    operationAt<Operation>(slot, processor)(processor, request, QString::fromLatin1("argument"));
+    QCOMPARE(channel.output, jsonHeader + ('"' + operation + '"'));
+    QCOMPARE(endCount, 0);
+    operationAt<Destructor>(1, processor)(processor);
+    QCOMPARE(endCount, 1);
 }
 
 void tst_NwaStandardFcgiRequestProcessor::headIsAnsweredWithoutTheDocument()

@@ -1,6 +1,7 @@
 #include <nwebapi/nwawebsession.h>
 #include <nwebapi/nwawebsessionmanager.h>
 
+#include "support/nallocatedbytes.h"
 #include "support/ntestwait.h"
 
 #include <QtCore/QPointer>
@@ -11,7 +12,6 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <malloc.h>
 #include <stddef.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -20,16 +20,6 @@
 #include <unistd.h>
 
 namespace {
-
-// Bytes that the program has allocated; 0 where a sanitizer has replaced the allocator.
-long allocatedBytes()
-{
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 33)
-    return long(mallinfo2().uordblks);
-#else
-    return long(mallinfo().uordblks);
-#endif
-}
 
 // Makes getrandom(2) fail for this process as it does on a kernel that does not have it.
 bool forbidGetrandom()
@@ -432,16 +422,16 @@ void tst_NwaWebSessionManager::memoryStaysFlat()
     NwaWebSessionManager manager;
     manager.setMaximumSessionCount(100000);
     manager.setIdleTimeout(1);
-    long before = 0;
+    qint64 before = 0;
     for (int round = 0; round < 3; ++round) {
         for (int count = 0; count < 100000; ++count)
             QVERIFY(manager.createSession());
         NTRY_COMPARE(manager.sessionCount(), 0);
         if (round == 0)
-            before = allocatedBytes();
+            before = NTest::allocatedBytes();
     }
     // A hundredth of what the sessions of one round take.
-    QVERIFY(allocatedBytes() - before < 100 * 1000);
+    QVERIFY(NTest::allocatedBytes() - before < 100 * 1000);
 }
 
 QTEST_MAIN(tst_NwaWebSessionManager)

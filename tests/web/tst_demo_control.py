@@ -26,6 +26,13 @@ def is_live(process):
         return False
 
 
+def signals_in(process, field):
+    """The signals that a line of the process's status names, for example "SigBlk"."""
+    with open(f"/proc/{process}/status", encoding="ascii", errors="replace") as file:
+        mask = next(int(line.split()[1], 16) for line in file if line.startswith(field + ":"))
+    return {number for number in signal.Signals if mask & 1 << (number - 1)}
+
+
 def wait_until(condition, what):
     end = time.monotonic() + SECONDS_TO_WAIT
     while not condition():
@@ -179,14 +186,25 @@ class DemoControlTest(unittest.TestCase):
         self.assertEqual(started.stderr, 'The device program "/nowhere/device" has not been built.\n')
 
     def test_the_device_program_ends_without_a_complaint(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(signal=number.name):
+                self.demo.start()
+                Client(self.demo.address).zones()
+                device = self.demo.process("device")
+                os.kill(device, number)
+                wait_until(lambda: not is_live(device), "the end of the device program")
+                # A sanitizer would report there what it found.
+                with open(os.path.join(self.demo.run_directory(), "device.log"), encoding="utf-8") as file:
+                    self.assertEqual(file.read(), "")
+                self.assertFalse(os.path.lexists(os.path.join(self.demo.run_directory(), "socket", "device")))
+                self.demo.stop()
+
+    def test_a_program_that_the_device_starts_can_be_ended(self):
         self.demo.start()
-        Client(self.demo.address).zones()
-        device = self.demo.process("device")
-        os.kill(device, signal.SIGTERM)
-        wait_until(lambda: not is_live(device), "the end of the device program")
-        # A sanitizer would report there what it found.
-        with open(os.path.join(self.demo.run_directory(), "device.log"), encoding="utf-8") as file:
-            self.assertEqual(file.read(), "")
+        # It inherits which signals are blocked or ignored; those that are handled are its own again.
+        for mask in ("SigBlk", "SigIgn"):
+            inherited = signals_in(self.demo.process("device"), mask)
+            self.assertFalse(inherited & {signal.SIGINT, signal.SIGTERM}, mask)
 
     def test_wait_ends_with_the_demo(self):
         self.demo.start()

@@ -107,6 +107,8 @@ class TimeZoneServiceTest(unittest.TestCase):
             answer = self.curl("/api/login", "-d", body)
             self.assertEqual(answer.status, status, body[:40])
             self.assertNotIn("set-cookie", answer.fields)
+            # A challenge that makes no browser ask for a password by itself.
+            self.assertEqual(answer.fields.get("www-authenticate"), "Cookie" if status == 401 else None)
 
     def test_every_document_needs_a_session(self):
         for query in SECTION_QUERIES:

@@ -11,7 +11,7 @@ NBuildrootUclibcTimeZoneDatabaseFcgiService::NBuildrootUclibcTimeZoneDatabaseFcg
 NBuildrootUclibcTimeZoneDatabaseFcgiService::NBuildrootUclibcTimeZoneDatabaseFcgiService(
     NwaAbstractFcgiSessionIdentifier* identifier, const NBuildrootUclibcTimeZoneDatabase* database,
     QObject* parent)
-    : NwaStandardFcgiService(
+    : NBuildrootUclibcTimeZoneDatabaseFcgiService(
           new NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor(identifier, database), parent)
 {
 }

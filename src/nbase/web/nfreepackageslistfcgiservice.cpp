@@ -10,7 +10,7 @@ NFreePackagesListFcgiService::NFreePackagesListFcgiService(
 
 NFreePackagesListFcgiService::NFreePackagesListFcgiService(
     NwaAbstractFcgiSessionIdentifier* identifier, const NFreePackagesList* list, QObject* parent)
-    : NwaStandardFcgiService(new NFreePackagesListFcgiRequestProcessor(identifier, list), parent)
+    : NFreePackagesListFcgiService(new NFreePackagesListFcgiRequestProcessor(identifier, list), parent)
 {
 }
 
