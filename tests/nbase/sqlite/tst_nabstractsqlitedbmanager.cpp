@@ -1,6 +1,6 @@
-#include "nfilefault.h"
 #include "ntestdatabase.h"
 
+#include "support/nfilefault.h"
 #include "support/nmessagerecorder.h"
 #include "support/nprivatenamespace.h"
 #include "support/ntemporarydirectory.h"
