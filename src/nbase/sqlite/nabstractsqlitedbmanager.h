@@ -76,9 +76,9 @@ public:
 
     /**
      * Checks the structure of the database and deletes rows whose foreign keys refer to nothing, repeatedly where
-     * that leaves other rows without what they refer to. Each is logged before. Where foreign keys have actions
+     * that leaves other rows without what they refer to. Each is logged. Where foreign keys have actions
      * for deleted rows, these are taken; a row of a table without rowid, or with columns that have taken all names
-     * of it, is logged and left alone.
+     * of it, or one that a trigger keeps, is logged and left alone. To be called outside a transaction.
      * @param version is set to the stored version when the structure is sound.
      * @return whether the database has tables and is sound; false as well when that cannot be found out.
      */
@@ -104,7 +104,6 @@ private:
     bool openConnection();
     bool prepareDatabase();
     Outcome checkIntegrity(int& version);
-    Outcome repairReferences();
     Outcome convert(int oldVersion);
     Outcome convertInTransaction(int oldVersion);
     Outcome initialize();

@@ -104,6 +104,17 @@ private:
     QProcess m_process;
 };
 
+// What happens while SQLite waits for a lock, once.
+std::function<void()> s_whileWaiting;
+
+void waitingBegins()
+{
+    const std::function<void()> happening = s_whileWaiting;
+    s_whileWaiting = std::function<void()>();
+    if (happening)
+        happening();
+}
+
 // A table that is created while nothing can be written.
 class UnwritableTable : public NTestTable
 {
@@ -197,6 +208,23 @@ QString useDatabase(NTestManager& manager)
 
 } // namespace
 
+// The functions that SQLite waits with (os_unix.c of its sources names them).
+extern "C" {
+
+__attribute__((visibility("default"))) int usleep(useconds_t time)
+{
+    waitingBegins();
+    const timespec duration = {time_t(time / 1000000), long(time % 1000000) * 1000};
+    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &duration, NULL);
+}
+
+__attribute__((visibility("default"))) int nanosleep(const timespec* duration, timespec* remaining)
+{
+    waitingBegins();
+    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, duration, remaining);
+}
+}
+
 class tst_NAbstractSqliteDbManager : public QObject
 {
     Q_OBJECT
@@ -268,6 +296,12 @@ private slots:
     void repairFindsRowsWhoseRowidNameIsTaken();
     void repairLeavesRowsAloneThatCannotBeNamed();
     void repairEndsWhereTriggersOpposeIt();
+    void repairKeepsRowsThatArePutInMeanwhile();
+    void repairFindsRowsWhoseRowidNameIsGenerated();
+    void missingParentTablesDoNotStopTheRepair();
+    void deferredForeignKeysDoNotStopTheRepair();
+    void triggersThatRollBackDoNotStopTheRepair();
+    void repairGoesOnBehindRowsThatTriggersKeep();
 
     void killedConversionLeavesOldOrNewData();
     void damagedCopiesAlwaysEndWell();
@@ -1407,6 +1441,116 @@ void tst_NAbstractSqliteDbManager::repairEndsWhereTriggersOpposeIt()
     QCOMPARE(manager.rows("SELECT p FROM kept"), lines("1"));
     QCOMPARE(manager.rows("SELECT p FROM again"), lines("2"));
     QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+}
+
+void tst_NAbstractSqliteDbManager::repairKeepsRowsThatArePutInMeanwhile()
+{
+    const QString path = makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id), x);"
+        "INSERT INTO parent VALUES(1); INSERT INTO child VALUES(2, 'gone'), (3, 'gone too');",
+        1);
+    OtherProcess other(path);
+    QCOMPARE(
+        other.execute(
+            "BEGIN IMMEDIATE; DELETE FROM child WHERE p = 2; INSERT INTO child(rowid, p, x) VALUES(1, 1, "
+            "'put in');"),
+        QByteArray());
+    s_whileWaiting = [&] { other.execute("COMMIT;"); };
+    NTestManager manager(path);
+    manager.openDatabase();
+    QVERIFY(!s_whileWaiting);
+    QCOMPARE(
+        m_recorder->take(),
+        lines("warning: Foreign key constraint error in database \"Test\" on child(p) referencing "
+              "parent(id) with value(3). The reference will be deleted."));
+    QCOMPARE(manager.rows("SELECT x FROM child"), lines("put in"));
+}
+
+// A condition on the generated column would delete the row that is right.
+void tst_NAbstractSqliteDbManager::repairFindsRowsWhoseRowidNameIsGenerated()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); INSERT INTO parent VALUES(1);"
+        "CREATE TABLE child(x, p REFERENCES parent(id), rowid GENERATED ALWAYS AS (x));"
+        "INSERT INTO child VALUES(2, 1), (1, 5);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().filter(text("with value(5)")).size(), 1);
+    QCOMPARE(manager.rows("SELECT p FROM child"), lines("1"));
+}
+
+// With foreign keys on, SQLite does not even prepare a deletion there.
+void tst_NAbstractSqliteDbManager::missingParentTablesDoNotStopTheRepair()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE child(p REFERENCES parent(id), q REFERENCES other(id)); CREATE TABLE other(id INTEGER "
+        "PRIMARY "
+        "KEY); INSERT INTO other VALUES(1); INSERT INTO child VALUES(NULL, 1), (NULL, 2), (3, 1), (3, 2);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().size(), 3);
+    QCOMPARE(manager.rows("SELECT p, q FROM child"), lines("|1"));
+}
+
+void tst_NAbstractSqliteDbManager::deferredForeignKeysDoNotStopTheRepair()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE a(id INTEGER PRIMARY KEY, p REFERENCES parent(id));"
+        "CREATE TABLE b(x REFERENCES a(id) DEFERRABLE INITIALLY DEFERRED);"
+        "CREATE TABLE nulled(x REFERENCES a(id) ON DELETE SET NULL);"
+        "CREATE TABLE c(p REFERENCES parent(id));"
+        "INSERT INTO a VALUES(1, 9), (2, 9), (3, 9), (4, NULL); INSERT INTO b VALUES(2), (4);"
+        "INSERT INTO nulled VALUES(1), (3); INSERT INTO c VALUES(7), (8), (NULL);",
+        1));
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.filter(text(" on a(p) referencing parent(id) with value(9).")).size(), 3);
+    QCOMPARE(messages.filter(text(" on b(x) referencing a(id) with value(2).")).size(), 1);
+    QCOMPARE(messages.filter(text(" on c(p) referencing parent(id) with value(")).size(), 2);
+    QCOMPARE(messages.size(), 6);
+    QCOMPARE(manager.rows("SELECT id FROM a"), lines("4"));
+    QCOMPARE(manager.rows("SELECT x FROM b"), lines("4"));
+    QCOMPARE(manager.rows("SELECT count(*), count(x) FROM nulled"), lines("2|0"));
+    QCOMPARE(manager.rows("SELECT count(*) FROM c"), lines("1"));
+    QCOMPARE(manager.rows("PRAGMA foreign_key_check"), QStringList());
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+}
+
+void tst_NAbstractSqliteDbManager::triggersThatRollBackDoNotStopTheRepair()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE a(p REFERENCES parent(id));"
+        "CREATE TABLE b(p REFERENCES parent(id)); CREATE TABLE c(p REFERENCES parent(id));"
+        "INSERT INTO a VALUES(1), (2); INSERT INTO b VALUES(3), (4); INSERT INTO c VALUES(5), (6);"
+        "CREATE TRIGGER keep BEFORE DELETE ON b WHEN old.p = 3 BEGIN SELECT raise(ROLLBACK, 'no'); END;",
+        1));
+    for (int round = 0; round < 2; ++round) {
+        manager.openDatabase();
+        const QStringList messages = m_recorder->take();
+        QCOMPARE(messages.filter(text(" on b(p) referencing parent(id) with value(3).")).size(), 1);
+        QCOMPARE(messages.size(), round == 0 ? 6 : 1);
+        QCOMPARE(manager.rows("SELECT p FROM a UNION ALL SELECT p FROM b UNION ALL SELECT p FROM c"), lines("3"));
+        QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+    }
+}
+
+// More rows than are repaired in one transaction, behind as many that stay.
+void tst_NAbstractSqliteDbManager::repairGoesOnBehindRowsThatTriggersKeep()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id));"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 25000) "
+        "INSERT INTO child SELECT i FROM n;"
+        "CREATE TRIGGER keep BEFORE DELETE ON child WHEN old.p <= 11000 BEGIN SELECT raise(ABORT, 'no'); END;"
+        "CREATE TRIGGER ignore BEFORE DELETE ON child WHEN old.p BETWEEN 11001 AND 12000 "
+        "BEGIN SELECT raise(IGNORE); END;",
+        1));
+    manager.openDatabase();
+    QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 25000);
+    QCOMPARE(messages.removeDuplicates(), 0);
+    QCOMPARE(manager.rows("SELECT count(*), max(p) FROM child"), lines("12000|12000"));
 }
 
 void tst_NAbstractSqliteDbManager::killedConversionLeavesOldOrNewData()
