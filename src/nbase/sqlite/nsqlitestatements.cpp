@@ -31,12 +31,18 @@ NSqliteErrorWatch::Reason lookAtStructure(const QSqlDatabase& database, QStringL
     messages.clear();
     for (const NSqliteStatements::Row& row : rows)
         messages.append(row.value(0).toString());
-    if (!error.isValid() && messages.value(0) == text("ok"))
-        return NSqliteErrorWatch::NoReason;
+    NSqliteErrorWatch::Reason reason = NSqliteErrorWatch::reasonOf(error);
+    if (reason == NSqliteErrorWatch::NoReason && messages != QStringList(text("ok")))
+        reason = NSqliteErrorWatch::Damage;
     // What cannot be read is not known to be damaged.
-    if (NSqliteErrorWatch::reasonOf(error) == NSqliteErrorWatch::Environment || tellsOfReadErrors(messages))
-        return NSqliteErrorWatch::Environment;
-    return NSqliteErrorWatch::Damage;
+    if (reason == NSqliteErrorWatch::Damage && tellsOfReadErrors(messages))
+        reason = NSqliteErrorWatch::Environment;
+    // The schema may need a function or a collation that nobody has registered.
+    if (reason == NSqliteErrorWatch::Statement)
+        messages = QStringList(error.text());
+    else if (reason != NSqliteErrorWatch::Damage)
+        messages.clear();
+    return reason;
 }
 
 } // namespace

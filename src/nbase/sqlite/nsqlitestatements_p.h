@@ -29,8 +29,8 @@ QSqlError execute(const QSqlDatabase& database, const char* statement, QList<Row
 bool isInTransaction(const QSqlDatabase& database);
 
 /**
- * What is wrong with the structure of the database: nothing, Damage with SQLite's @a messages about it, or
- * Environment.
+ * What is wrong with the structure of the database: nothing, Damage with SQLite's @a messages about it, Statement
+ * with the reason why it cannot be checked, or Environment.
  */
 NSqliteErrorWatch::Reason checkStructure(const QSqlDatabase& database, QStringList& messages);
 
