@@ -1,5 +1,7 @@
 #include <nbase/config/nrootfsoverlay.h>
 
+#include <nbase/core/ndirectorylock_p.h>
+
 #include <errno.h>
 #include <fcntl.h>
 #include <libconfig.h>
@@ -105,42 +107,54 @@ bool canBeWritten(const char* path)
     return true;
 }
 
-// So that the new name of a file is on the disk too.
-void synchronizeDirectory(const char* path)
+// Where the next content of a marker is written: beside it, and then renamed, so that a full disk or a power cut
+// leaves the old marker or the new one and nothing in between. What a power cut leaves here goes with the next
+// change.
+class NewMarker
 {
-    const int directory = ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory < 0)
-        return;
-    ::fsync(directory);
-    ::close(directory);
-}
+public:
+    explicit NewMarker(const char* marker)
+    {
+        snprintf(m_path, sizeof(m_path), "%s.new", marker);
+        ::unlink(m_path);
+    }
 
-// The content is written beside the marker and renamed, so that a full disk or a power cut leaves the old marker
-// or the new one and nothing in between.
+    ~NewMarker() { ::unlink(m_path); }
+
+    bool write(const char* content) const
+    {
+        const int file = ::open(m_path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (file < 0)
+            return false;
+        const bool isWritten = writeAll(file, content) && ::fsync(file) == 0;
+        return closeFile(file) && isWritten;
+    }
+
+    bool replace(const char* marker) const { return ::rename(m_path, marker) == 0; }
+
+private:
+    char m_path[64];
+};
+
+// The lock keeps a process from writing where another one is writing, or taking away what that has written.
 int writeMarker(const char* path, const char* content)
 {
-    char newPath[64];
-    snprintf(newPath, sizeof(newPath), "%s.new", path);
-    if (!canBeWritten(path))
+    const NDirectoryLock lock(OverlayPath, NDirectoryLock::Exclusive);
+    if (!lock.isLocked() || !canBeWritten(path))
         return 0;
-    const int file = ::open(newPath, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (file < 0)
-        return 0;
-    bool done = writeAll(file, content) && ::fsync(file) == 0;
-    done = closeFile(file) && done;
-    if (!done || ::rename(newPath, path) != 0) {
-        ::unlink(newPath);
-        return 0;
-    }
-    synchronizeDirectory(OverlayPath);
-    return 1;
+    const NewMarker marker(path);
+    return marker.write(content) && marker.replace(path) && lock.synchronize();
 }
 
 int removeMarker(const char* path)
 {
+    const NDirectoryLock lock(OverlayPath, NDirectoryLock::Exclusive);
+    if (!lock.isLocked())
+        return 0;
+    const NewMarker leftOver(path);
     if (::unlink(path) != 0)
         return errno == ENOENT;
-    synchronizeDirectory(OverlayPath);
+    lock.synchronize();
     return 1;
 }
 

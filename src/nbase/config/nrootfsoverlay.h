@@ -7,8 +7,9 @@
  * starts; the programs that do so read the same two marker files. The functions are usable from C and from C++.
  *
  * They print nothing and are not thread-safe: names are put together in static buffers on their first use, and the
- * configuration is read once and kept until the process ends. The marker files are read afresh on each call. Where
- * the configuration is missing, errno is ENODATA after the functions that say so.
+ * configuration is read once and kept until the process ends. The marker files are read afresh on each call, and
+ * several processes may write them: each waits for the other, half a minute at most. Where the configuration is
+ * missing, errno is ENODATA after the functions that say so.
  */
 
 #ifdef __cplusplus
@@ -108,7 +109,9 @@ NBASE_EXPORT int nroIsAutoBackupEnabled(void);
  * Writes or removes the marker of automatic backup, whatever else is set; nroSetAutoBackupEnabled() keeps the
  * rules.
  * @param mediaId the identifier of the card, when @a enabled is not 0.
- * @return 1 when the marker is on the disk, or gone; otherwise 0, and an earlier marker is as it was.
+ * @return 1 when the marker is on the disk, or gone; otherwise 0, and an earlier marker is as it was. Only when
+ * the disk refuses the very last step, bringing the directory to it, the new marker is there in spite of the 0,
+ * and a power cut may bring the earlier one back, as it may a marker that has been removed then.
  */
 NBASE_EXPORT int nroWriteAutoBackupEnabled(int enabled, const char* mediaId);
 
@@ -125,7 +128,7 @@ NBASE_EXPORT int nroGetBootAction(void);
 /**
  * Writes the marker of the boot action, whatever else is set, or removes it for any value other than wipe and
  * restore.
- * @return 1 when the marker is on the disk, or gone; otherwise 0, and an earlier marker is as it was.
+ * @return 1 when the marker is on the disk, or gone; otherwise 0, as nroWriteAutoBackupEnabled() does.
  */
 NBASE_EXPORT int nroWriteBootAction(int action);
 

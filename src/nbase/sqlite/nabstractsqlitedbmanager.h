@@ -8,6 +8,7 @@
 #include <QtSql/QSqlDatabase>
 
 class NAbstractSQLiteDbTable;
+class NDirectoryLock;
 
 /**
  * One SQLite database file of an application. An application derives a class from it that says where the file is,
@@ -18,6 +19,9 @@ class NAbstractSQLiteDbTable;
  * is lost but for the warning in the log and, where the file itself was beyond use, one copy whose name ends in
  * ".damaged". A file that is healthy and just cannot be read or written now (locked by another process, read-only,
  * on a full disk, behind an input or output error) is left as it is.
+ *
+ * Several processes may open the same database at once: each looks again under SQLite's lock before it changes
+ * what it has found, so none undoes what another has done.
  *
  * The manager does not own its tables. It is used, as they are, in the thread that opened it; no copies of
  * database() may be left when it is closed.
@@ -37,7 +41,8 @@ public:
      * the conversion: it is a connection that notes SQLite's errors meanwhile.
      * @return whether the database has been converted. Otherwise the transaction is rolled back and the database
      * initialised; where a statement met an error of the disk or another process's lock, it is left as it was and
-     * not opened.
+     * not opened. Where one met damage that the file itself does not have, the conversion is executed a second
+     * time first.
      */
     virtual bool convertDatabaseFromOldVersion(int oldVersion);
 
@@ -64,7 +69,8 @@ public:
      *
      * When it cannot be done the manager is closed, which database() tells, and a critical message is logged.
      * Another process that holds the file locked is waited for as long as Qt's driver is set to, 5 seconds
-     * originally.
+     * originally; one that sets a damaged file aside in the same directory, half a minute. A schema that needs
+     * functions or collations which SQLite does not have cannot be checked, and is not opened.
      */
     void openDatabase();
 
@@ -76,9 +82,9 @@ public:
 
     /**
      * Checks the structure of the database and deletes rows whose foreign keys refer to nothing, repeatedly where
-     * that leaves other rows without what they refer to. Each is logged before. Where foreign keys have actions
+     * that leaves other rows without what they refer to. Each is logged. Where foreign keys have actions
      * for deleted rows, these are taken; a row of a table without rowid, or with columns that have taken all names
-     * of it, is logged and left alone.
+     * of it, or one that a trigger keeps, is logged and left alone. To be called outside a transaction.
      * @param version is set to the stored version when the structure is sound.
      * @return whether the database has tables and is sound; false as well when that cannot be found out.
      */
@@ -88,30 +94,40 @@ public:
      * Removes everything from the database and makes the tables and then the triggers of tables() anew, in one
      * transaction: a failure of the disk leaves everything as it was. A statement of a table that fails is logged
      * by the table, and the others are executed nevertheless.
+     *
+     * A transaction of the caller's is rolled back. Where one of his queries keeps a table from being dropped, the
+     * connection is opened anew: his queries end, and the connection's settings and temporary tables are gone.
      */
     void initializeDatabase();
 
 private:
     Q_DISABLE_COPY(NAbstractSqliteDbManager)
 
+    struct Finding;
+
     enum Outcome {
         Done,
-        Failed,     ///< the database itself is the reason: it is damaged, or refuses what was asked
-        Unavailable ///< it cannot be read or written now
+        Failed,      ///< the database itself is the reason: it is damaged, or refuses what was asked
+        Unavailable, ///< it cannot be read or written now
+        Doubtful,    ///< it has met damage that the file itself does not have
+        Changed,     ///< another process has changed it since it was looked at
+        InUse        ///< a statement of this connection's is still running
     };
 
     static Outcome outcomeOf(int reason);
     bool openConnection();
-    bool prepareDatabase();
-    Outcome checkIntegrity(int& version);
-    Outcome repairReferences();
+    bool reopenConnection();
+    Outcome prepareDatabase(NDirectoryLock& lock);
+    Finding examine() const;
+    Outcome checkIntegrity(Finding& found);
     Outcome convert(int oldVersion);
     Outcome convertInTransaction(int oldVersion);
-    Outcome initialize();
-    Outcome initializeInPlace();
+    Outcome failedConversion(int reason) const;
+    Outcome initialize(const Finding* reason, NDirectoryLock& lock);
+    Outcome initializeInPlace(const Finding* reason);
     Outcome replaceSchema();
     Outcome createSchema();
-    Outcome replaceDamagedFile();
+    Outcome replaceFile(const Finding* reason, NDirectoryLock& lock);
 
     QString m_connectionName;
 };

@@ -9,6 +9,10 @@
 #include <QtSql/QSqlQuery>
 #include <QtSql/QSqlRecord>
 
+#include <initializer_list>
+
+#include <string.h>
+
 namespace {
 
 typedef QMap<QString, QVariant> Values;
@@ -32,25 +36,35 @@ QString joined(const Values& values, const char* separator)
     return result;
 }
 
-// Puts the texts in the places %1, %2 and %3 one after the other, so that a text may bring places for those after
-// it. Texts without any, which is all but always so, are put in at once, which is quicker.
-QString substituted(const char* pattern, const QString& first)
+// Puts the texts in the places %1, %2, ... one after the other, so that a text may bring places for those after
+// it.
+QString substitutedInTurn(const char* pattern, std::initializer_list<QString> texts)
 {
-    return text(pattern).arg(first);
+    QString result = text(pattern);
+    for (const QString& inserted : texts)
+        result = result.arg(inserted);
+    return result;
 }
 
-QString substituted(const char* pattern, const QString& first, const QString& second)
+// The same; texts without any places, which is all but always so, are put together in one piece of memory, because
+// a statement is made for each row.
+QString substituted(const char* pattern, std::initializer_list<QString> texts)
 {
-    if (first.contains(QLatin1Char('%')))
-        return text(pattern).arg(first).arg(second);
-    return text(pattern).arg(first, second);
-}
-
-QString substituted(const char* pattern, const QString& first, const QString& second, const QString& third)
-{
-    if (first.contains(QLatin1Char('%')) || second.contains(QLatin1Char('%')))
-        return text(pattern).arg(first).arg(second).arg(third);
-    return text(pattern).arg(first, second, third);
+    int size = int(strlen(pattern));
+    for (const QString& inserted : texts) {
+        if (inserted.contains(QLatin1Char('%')))
+            return substitutedInTurn(pattern, texts);
+        size += inserted.size();
+    }
+    QString result;
+    result.reserve(size);
+    for (const char* at = pattern; *at; ++at) {
+        if (*at == '%')
+            result += texts.begin()[*++at - '1'];
+        else
+            result += QLatin1Char(*at);
+    }
+    return result;
 }
 
 QString joinedColumns(const QStringList& columns)
@@ -63,32 +77,6 @@ QString placeholders(int count)
     QString marks = text("?, ").repeated(count);
     marks.chop(2);
     return marks;
-}
-
-// The statement of substituted(), for names that bring no places: put together in one piece of memory, because
-// insertion is what applications do most.
-QString plainInsertStatement(const QString& table, const QString& columns, int count)
-{
-    const int MarkSize = 3;
-    QString statement;
-    statement.reserve(24 + table.size() + columns.size() + MarkSize * count);
-    statement += QLatin1String("INSERT INTO ");
-    statement += table;
-    statement += QLatin1Char('(');
-    statement += columns;
-    statement += QLatin1String(") VALUES(");
-    for (int index = 0; index < count; ++index)
-        statement += index == 0 ? QLatin1String("?") : QLatin1String(", ?");
-    statement += QLatin1String(");");
-    return statement;
-}
-
-QString insertStatement(const QString& table, const Values& values)
-{
-    const QString columns = joined(values, ", ");
-    if (!table.contains(QLatin1Char('%')) && !columns.contains(QLatin1Char('%')))
-        return plainInsertStatement(table, columns, values.size());
-    return substituted("INSERT INTO %1(%2) VALUES(%3);", table, columns, placeholders(values.size()));
 }
 
 void bind(QSqlQuery& query, const Values& values)
@@ -189,7 +177,7 @@ bool NAbstractSQLiteDbTable::createTriggers()
 
 bool NAbstractSQLiteDbTable::rowidDeleteQuery(QSqlQuery& query, const QString& table, qlonglong rowid)
 {
-    const bool isPrepared = query.prepare(substituted("DELETE FROM %1 WHERE rowid IS ?;", table));
+    const bool isPrepared = query.prepare(substituted("DELETE FROM %1 WHERE rowid IS ?;", {table}));
     query.addBindValue(rowid, QSql::In);
     return isPrepared;
 }
@@ -198,7 +186,7 @@ bool NAbstractSQLiteDbTable::rowidSelectQuery(
     QSqlQuery& query, const QString& table, qlonglong rowid, const QStringList& columns)
 {
     const bool isPrepared =
-        query.prepare(substituted("SELECT %1 FROM %2 WHERE rowid IS ?;", joinedColumns(columns), table));
+        query.prepare(substituted("SELECT %1 FROM %2 WHERE rowid IS ?;", {joinedColumns(columns), table}));
     query.addBindValue(rowid, QSql::In);
     return isPrepared;
 }
@@ -207,7 +195,7 @@ bool NAbstractSQLiteDbTable::deleteQuery(
     QSqlQuery& query, const QString& table, const QMap<QString, QVariant>& where)
 {
     const bool isPrepared =
-        query.prepare(substituted("DELETE FROM %1 WHERE %2 IS ?;", table, joined(where, " IS ? AND ")));
+        query.prepare(substituted("DELETE FROM %1 WHERE %2 IS ?;", {table, joined(where, " IS ? AND ")}));
     bind(query, where);
     return isPrepared;
 }
@@ -216,7 +204,7 @@ bool NAbstractSQLiteDbTable::rowidUpdateQuery(
     QSqlQuery& query, const QString& table, qlonglong rowid, const QMap<QString, QVariant>& values)
 {
     const bool isPrepared =
-        query.prepare(substituted("UPDATE %1 SET %2=? WHERE rowid IS ?;", table, joined(values, "=?, ")));
+        query.prepare(substituted("UPDATE %1 SET %2=? WHERE rowid IS ?;", {table, joined(values, "=?, ")}));
     bind(query, values);
     query.addBindValue(rowid, QSql::In);
     return isPrepared;
@@ -225,7 +213,8 @@ bool NAbstractSQLiteDbTable::rowidUpdateQuery(
 bool NAbstractSQLiteDbTable::insertQuery(
     QSqlQuery& query, const QString& table, const QMap<QString, QVariant>& values)
 {
-    const bool isPrepared = query.prepare(insertStatement(table, values));
+    const bool isPrepared = query.prepare(
+        substituted("INSERT INTO %1(%2) VALUES(%3);", {table, joined(values, ", "), placeholders(values.size())}));
     bind(query, values);
     return isPrepared;
 }
@@ -235,7 +224,7 @@ bool NAbstractSQLiteDbTable::updateQuery(
     const QMap<QString, QVariant>& values)
 {
     const bool isPrepared = query.prepare(substituted(
-        "UPDATE %1 SET %2=? WHERE %3 IS ?;", table, joined(values, "=?, "), joined(where, " IS ? AND ")));
+        "UPDATE %1 SET %2=? WHERE %3 IS ?;", {table, joined(values, "=?, "), joined(where, " IS ? AND ")}));
     bind(query, values);
     bind(query, where);
     return isPrepared;
@@ -245,11 +234,9 @@ bool NAbstractSQLiteDbTable::selectQuery(
     QSqlQuery& query, const QString& table, const QMap<QString, QVariant>& where, const QStringList& columns,
     const QList<QPair<QString, bool>>& order)
 {
-    const bool isPrepared = query.prepare(text("SELECT %1 FROM %2 WHERE %3 IS ? %4;")
-                                              .arg(joinedColumns(columns))
-                                              .arg(table)
-                                              .arg(joined(where, " IS ? AND "))
-                                              .arg(orderByClause(order)));
+    const bool isPrepared = query.prepare(substituted(
+        "SELECT %1 FROM %2 WHERE %3 IS ? %4;",
+        {joinedColumns(columns), table, joined(where, " IS ? AND "), orderByClause(order)}));
     bind(query, where);
     return isPrepared;
 }
@@ -258,7 +245,7 @@ bool NAbstractSQLiteDbTable::selectQuery(
     QSqlQuery& query, const QString& table, const QStringList& columns, const QList<QPair<QString, bool>>& order)
 {
     return query.prepare(
-        substituted("SELECT %1 FROM %2 %3;", joinedColumns(columns), table, orderByClause(order)));
+        substituted("SELECT %1 FROM %2 %3;", {joinedColumns(columns), table, orderByClause(order)}));
 }
 
 QString NAbstractSQLiteDbTable::orderByClause(const QList<QPair<QString, bool>>& order)

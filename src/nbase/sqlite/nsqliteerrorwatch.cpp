@@ -20,14 +20,6 @@ bool isOfQt(const QSqlError& error)
     return NBaseQtCompat::sqlErrorNumber(error) < 0;
 }
 
-// The connection itself is in the way: a statement that it has not finished, or a transaction that it has ended.
-// Who does so has to blame himself, however often he tries.
-bool isOfConnection(const QSqlError& error)
-{
-    const int code = NBaseQtCompat::sqlErrorNumber(error) & 0xff;
-    return code == 4 /* SQLITE_ABORT */ || code == 6 /* SQLITE_LOCKED */;
-}
-
 class Notes
 {
 public:
@@ -38,7 +30,7 @@ public:
 
     void add(const QSqlError& error) const
     {
-        if (error.isValid() && !isOfQt(error) && !isOfConnection(error))
+        if (error.isValid() && !isOfQt(error))
             *m_reason = qMax(*m_reason, NSqliteErrorWatch::reasonOf(error));
     }
 
@@ -199,6 +191,9 @@ NSqliteErrorWatch::Reason NSqliteErrorWatch::reasonOf(int resultCode)
 {
     // The upper bits of an extended code only tell more of the same.
     switch (resultCode & 0xff) {
+    case 4: // SQLITE_ABORT
+    case 6: // SQLITE_LOCKED
+        return Connection;
     case 11: // SQLITE_CORRUPT
     case 24: // SQLITE_FORMAT
     case 26: // SQLITE_NOTADB

@@ -18,6 +18,7 @@ public:
     /** What an error says, in ascending order of what weighs more when there are several. */
     enum Reason {
         NoReason,
+        Connection, ///< a statement that it has not finished, or a transaction that it has ended, is in the way
         Statement,  ///< SQLite refuses the statement
         Damage,     ///< the file is damaged
         Environment ///< the file cannot be read or written now

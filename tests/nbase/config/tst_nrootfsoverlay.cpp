@@ -1,5 +1,6 @@
 #include <nbase/config/nrootfsoverlay.h>
 
+#include "support/nfilefault.h"
 #include "support/nmounttable.h"
 #include "support/nprivatenamespace.h"
 #include "support/ntemporarydirectory.h"
@@ -17,6 +18,7 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -120,6 +122,10 @@ private slots:
     void markersThatCannotBeRead();
     void markersThatCannotBeWritten();
     void fullDiskKeepsTheMarkers();
+    void closingDecidesWhetherAMarkerIsWritten();
+    void markersAreBroughtToTheDisk();
+    void leftoversOfAPowerCutGoWithTheNextChange();
+    void processesMayWriteAtOnce();
 
     void overlayMustBeMounted();
     void mediaMustBeMountedAndWritable();
@@ -608,7 +614,7 @@ void tst_NRootfsOverlay::markersThatCannotBeWritten()
     write(BootAction, "wipe");
     const NWithoutFileOverride permissionsCount;
     QVERIFY(::chmod(BootAction, 0444) == 0);
-    QCOMPARE(nroSetBootAction(1 - 1), 6);
+    QCOMPARE(nroSetBootAction(0), 6);
     QVERIFY(::chmod("/rootfsoverlay", 0555) == 0);
     QCOMPARE(nroSetBootAction(2), 6);
     QCOMPARE(nroSetAutoBackupEnabled(0), 6);
@@ -634,6 +640,96 @@ void tst_NRootfsOverlay::fullDiskKeepsTheMarkers()
     removeEntry("/rootfsoverlay/filler");
     QCOMPARE(nroWriteAutoBackupEnabled(1, "after"), 1);
     QCOMPARE(read(AutoBackup), QByteArray("after"));
+}
+
+// Each of the files that writing a marker closes fails in turn to be closed; one of them is the marker.
+void tst_NRootfsOverlay::closingDecidesWhetherAMarkerIsWritten()
+{
+    int refusals = 0;
+    bool isOver = false;
+    for (int skipped = 0; !isOver; ++skipped) {
+        write(AutoBackup, "before");
+        const QScopedPointer<NFileFault> fault(NFileFault::once(NFileFault::Close, skipped));
+        const int isWritten = nroWriteAutoBackupEnabled(1, "after");
+        isOver = fault->count() == 0;
+        refusals += !isWritten;
+        QCOMPARE(read(AutoBackup), QByteArray(isWritten ? "after" : "before"));
+        QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
+    }
+    QCOMPARE(refusals, 1);
+}
+
+void tst_NRootfsOverlay::markersAreBroughtToTheDisk()
+{
+    write(BootAction, "before");
+    {
+        const NFileFault fault(NFileFault::Synchronize);
+        QCOMPARE(nroWriteBootAction(0), 0);
+        QCOMPARE(fault.count(), 1);
+    }
+    QCOMPARE(read(BootAction), QByteArray("before"));
+    {
+        // The directory is the last.
+        const QScopedPointer<NFileFault> fault(NFileFault::once(NFileFault::Synchronize, 1));
+        QCOMPARE(nroWriteBootAction(0), 0);
+        QCOMPARE(fault->count(), 1);
+    }
+    QCOMPARE(read(BootAction), QByteArray("wipe"));
+    {
+        const NFileFault fault(NFileFault::Synchronize);
+        QCOMPARE(nroWriteBootAction(2), 1);
+        QCOMPARE(fault.count(), 1);
+    }
+    QVERIFY(read(BootAction).isNull());
+}
+
+void tst_NRootfsOverlay::leftoversOfAPowerCutGoWithTheNextChange()
+{
+    const NWithoutFileOverride permissionsCount;
+    write("/rootfsoverlay/.autobackup.new", "something long that was not finished");
+    write("/rootfsoverlay/.bootaction.new", "wi");
+    write("/rootfsoverlay/elsewhere", "untouched");
+    QVERIFY(::chmod("/rootfsoverlay/.autobackup.new", 0) == 0);
+    QCOMPARE(nroWriteAutoBackupEnabled(1, "id"), 1);
+    QCOMPARE(read(AutoBackup), QByteArray("id"));
+    QCOMPARE(nroWriteBootAction(2), 1);
+    QVERIFY(::symlink("elsewhere", "/rootfsoverlay/.bootaction.new") == 0);
+    QCOMPARE(nroWriteBootAction(1), 1);
+    QCOMPARE(read("/rootfsoverlay/elsewhere"), QByteArray("untouched"));
+    QCOMPARE(
+        QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden, QDir::Name),
+        QStringList() << text(".autobackup") << text(".bootaction") << text("elsewhere"));
+    struct stat status;
+    const mode_t mask = ::umask(022);
+    QCOMPARE(nroWriteBootAction(0), 1);
+    ::umask(mask);
+    QVERIFY(::stat(BootAction, &status) == 0);
+    QCOMPARE(int(status.st_mode & 0777), 0644);
+}
+
+void tst_NRootfsOverlay::processesMayWriteAtOnce()
+{
+    const QList<QByteArray> identifiers = QList<QByteArray>()
+                                          << QByteArray(5000, 'a') << QByteArray(20, 'b') << QByteArray(300, 'c');
+    pid_t processes[3];
+    for (int index = 0; index < 3; ++index) {
+        processes[index] = ::fork();
+        QVERIFY(processes[index] >= 0);
+        if (processes[index] > 0)
+            continue;
+        bool isDone = true;
+        for (int round = 0; round < 300; ++round)
+            isDone = nroWriteAutoBackupEnabled(1, identifiers.at(index).constData()) &&
+                     identifiers.contains(read(AutoBackup)) && isDone;
+        ::_exit(isDone ? 0 : 1);
+    }
+    for (pid_t process : processes) {
+        int status = -1;
+        QVERIFY(::waitpid(process, &status, 0) == process);
+        QCOMPARE(status, 0);
+    }
+    QVERIFY(identifiers.contains(read(AutoBackup)));
+    QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
 }
 
 void tst_NRootfsOverlay::overlayMustBeMounted()

@@ -39,6 +39,7 @@ class NTestManager : public NAbstractSqliteDbManager
 public:
     explicit NTestManager(const QString& path, int version = 1)
         : m_path(path)
+        , m_connectionName(QString::fromLatin1("test connection"))
         , m_version(version)
     {
     }
@@ -51,12 +52,13 @@ public:
     }
 
     QString name() const { return QString::fromLatin1("Test"); }
-    QString connectionName() const { return QString::fromLatin1("test connection"); }
+    QString connectionName() const { return m_connectionName; }
     QString databaseFilePath() const { return m_path; }
     int currentVersion() const { return m_version; }
     QList<NAbstractSQLiteDbTable*> tables() const { return m_tables; }
 
     void setVersion(int version) { m_version = version; }
+    void setConnectionName(const char* name) { m_connectionName = QString::fromLatin1(name); }
     void addTable(NAbstractSQLiteDbTable* table) { m_tables.append(table); }
     void setConversion(const std::function<bool(NTestManager&)>& conversion) { m_conversion = conversion; }
     int oldVersion() const { return m_oldVersion; }
@@ -87,6 +89,7 @@ public:
 
 private:
     QString m_path;
+    QString m_connectionName;
     int m_version;
     int m_oldVersion = -1;
     QList<NAbstractSQLiteDbTable*> m_tables;

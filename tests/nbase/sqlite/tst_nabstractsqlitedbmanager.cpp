@@ -1,6 +1,6 @@
-#include "nfilefault.h"
 #include "ntestdatabase.h"
 
+#include "support/nfilefault.h"
 #include "support/nmessagerecorder.h"
 #include "support/nprivatenamespace.h"
 #include "support/ntemporarydirectory.h"
@@ -104,6 +104,57 @@ private:
     QProcess m_process;
 };
 
+// A manager that is interrupted once, when it asks for its version or its name: it has looked at the file then,
+// and is about to act.
+class InterruptedManager : public NTestManager
+{
+public:
+    enum Moment { AtVersion, AtName };
+
+    InterruptedManager(const QString& path, int version, Moment moment, const std::function<void()>& interruption)
+        : NTestManager(path, version)
+        , m_moment(moment)
+        , m_interruption(interruption)
+    {
+    }
+
+    QString name() const
+    {
+        interrupt(AtName);
+        return NTestManager::name();
+    }
+
+    int currentVersion() const
+    {
+        interrupt(AtVersion);
+        return NTestManager::currentVersion();
+    }
+
+private:
+    void interrupt(Moment moment) const
+    {
+        const std::function<void()> interruption = m_interruption;
+        if (!interruption || moment != m_moment)
+            return;
+        m_interruption = std::function<void()>();
+        interruption();
+    }
+
+    Moment m_moment;
+    mutable std::function<void()> m_interruption;
+};
+
+// What happens while SQLite waits for a lock, once.
+std::function<void()> s_whileWaiting;
+
+void waitingBegins()
+{
+    const std::function<void()> happening = s_whileWaiting;
+    s_whileWaiting = std::function<void()>();
+    if (happening)
+        happening();
+}
+
 // A table that is created while nothing can be written.
 class UnwritableTable : public NTestTable
 {
@@ -195,7 +246,29 @@ QString useDatabase(NTestManager& manager)
 
 #undef REQUIRE
 
+int openFileCount()
+{
+    return QDir(text("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
+}
+
 } // namespace
+
+// The functions that SQLite waits with (os_unix.c of its sources names them).
+extern "C" {
+
+__attribute__((visibility("default"))) int usleep(useconds_t time)
+{
+    waitingBegins();
+    const timespec duration = {time_t(time / 1000000), long(time % 1000000) * 1000};
+    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &duration, NULL);
+}
+
+__attribute__((visibility("default"))) int nanosleep(const timespec* duration, timespec* remaining)
+{
+    waitingBegins();
+    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, duration, remaining);
+}
+}
 
 class tst_NAbstractSqliteDbManager : public QObject
 {
@@ -226,14 +299,29 @@ private slots:
     void conversionMayUseTables();
     void mistakesInAConversionInitialise_data();
     void mistakesInAConversionInitialise();
+    void damageOutsideTheFileDoesNotStopInitialisation_data();
+    void damageOutsideTheFileDoesNotStopInitialisation();
+    void queryThatAConversionLeavesDoesNotStopInitialisation();
     void newerDatabaseIsInitialised();
     void initialisationRemovesEverything();
+    void initialisationEndsTheCallersTransaction();
+    void initialisationEndsTheCallersQueries();
     void failingTablesDoNotStopTheOthers();
 
     void fileThatIsNoDatabaseIsSetAside();
     void damageIsReportedLineByLine();
     void damageThatPreventsDroppingSetsTheFileAside();
     void companionsGoWithADamagedFile();
+    void fileBehindASymbolicLinkIsSetAside();
+    void databaseThatCannotBeCheckedIsLeftAsItIs_data();
+    void databaseThatCannotBeCheckedIsLeftAsItIs();
+    void openingsLeaveNoDescriptors();
+
+    void openingsInBetweenAreSeen_data();
+    void openingsInBetweenAreSeen();
+    void processesMayOpenAtOnce_data();
+    void processesMayOpenAtOnce();
+    void openingEndsWhereOthersNeverDo();
 
     void lockedDatabaseIsNotOpened();
     void databaseThatIsBeingWrittenIsOpened();
@@ -268,6 +356,12 @@ private slots:
     void repairFindsRowsWhoseRowidNameIsTaken();
     void repairLeavesRowsAloneThatCannotBeNamed();
     void repairEndsWhereTriggersOpposeIt();
+    void repairKeepsRowsThatArePutInMeanwhile();
+    void repairFindsRowsWhoseRowidNameIsGenerated();
+    void missingParentTablesDoNotStopTheRepair();
+    void deferredForeignKeysDoNotStopTheRepair();
+    void triggersThatRollBackDoNotStopTheRepair();
+    void repairGoesOnBehindRowsThatTriggersKeep();
 
     void killedConversionLeavesOldOrNewData();
     void damagedCopiesAlwaysEndWell();
@@ -629,6 +723,55 @@ void tst_NAbstractSqliteDbManager::mistakesInAConversionInitialise()
     QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
 }
 
+void tst_NAbstractSqliteDbManager::damageOutsideTheFileDoesNotStopInitialisation_data()
+{
+    QTest::addColumn<bool>("isAttached");
+    QTest::newRow("what a virtual table stores") << false;
+    QTest::newRow("attached file") << true;
+}
+
+void tst_NAbstractSqliteDbManager::damageOutsideTheFileDoesNotStopInitialisation()
+{
+    QFETCH(bool, isAttached);
+    const QString other = newPath();
+    write(other, QByteArray("no database\n").repeated(500));
+    NTestManager manager(
+        makeDatabase(
+            "CREATE VIRTUAL TABLE words USING fts5(a); INSERT INTO words VALUES('x y'), ('z');"
+            "UPDATE words_data SET block = x'00' WHERE id >= 1;",
+            1),
+        2);
+    NTestTable table(&manager, "fresh", "(a)");
+    manager.addTable(&table);
+    manager.setConversion([&](NTestManager& database) {
+        const QByteArray attach = "ATTACH '" + other.toUtf8() + "' AS other";
+        return database.execute(
+            isAttached ? attach.constData() : "INSERT INTO words(words) VALUES('integrity-check')");
+    });
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Refused));
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
+}
+
+void tst_NAbstractSqliteDbManager::queryThatAConversionLeavesDoesNotStopInitialisation()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    NTestTable table(&manager, "fresh", "(a)");
+    manager.addTable(&table);
+    QScopedPointer<QSqlQuery> query;
+    manager.setConversion([&](NTestManager& database) {
+        query.reset(new QSqlQuery(database.database()));
+        query->exec(text("SELECT * FROM t"));
+        query->next();
+        return false;
+    });
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Refused));
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
+    QVERIFY(!query->next());
+    QVERIFY(!query->exec());
+}
+
 void tst_NAbstractSqliteDbManager::newerDatabaseIsInitialised()
 {
     NTestManager manager(makeDatabase("CREATE TABLE t(a); CREATE TABLE future(a);", 3), 2);
@@ -660,6 +803,41 @@ void tst_NAbstractSqliteDbManager::initialisationRemovesEverything()
         manager.rows("SELECT sql FROM sqlite_master WHERE name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"),
         lines("CREATE TABLE seen(a)"));
     QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::initialisationEndsTheCallersTransaction()
+{
+    const QString path = makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id));"
+        "INSERT INTO parent VALUES(1); INSERT INTO child VALUES(1);",
+        1);
+    NTestManager manager(path);
+    NTestTable table(&manager, "fresh", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QVERIFY(manager.database().transaction());
+    manager.initializeDatabase();
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+    QVERIFY(manager.database().transaction());
+    QCOMPARE(OtherProcess(path).execute(".tables"), QByteArray("fresh\n"));
+}
+
+void tst_NAbstractSqliteDbManager::initialisationEndsTheCallersQueries()
+{
+    const QString path = makeVersionOne();
+    NTestManager manager(path);
+    NTestTable table(&manager, "fresh", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QSqlQuery query(manager.database());
+    query.setForwardOnly(true);
+    QVERIFY(query.exec(text("SELECT * FROM t")) && query.next());
+    manager.initializeDatabase();
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+    QVERIFY(!query.next());
     QVERIFY(!QFile::exists(path + text(".damaged")));
 }
 
@@ -719,7 +897,6 @@ void tst_NAbstractSqliteDbManager::damageIsReportedLineByLine()
         text("warning: Integrity check on the database \"Test\" fails. The following error(s) have been "
              "returned:"));
     const QStringList errors = messages.mid(1, messages.size() - 2);
-    OtherProcess process(makeDatabase("", 0));
     for (const QString& error : errors)
         QVERIFY2(error.startsWith(text("warning: ")) && error.contains(text("index i")), qPrintable(error));
     QCOMPARE(messages.last() + QLatin1Char('\n'), text(Created));
@@ -766,6 +943,231 @@ void tst_NAbstractSqliteDbManager::companionsGoWithADamagedFile()
     QVERIFY(!QFile::exists(path + text("-journal")));
     QVERIFY(!QFile::exists(path + text("-shm")));
     QCOMPARE(contentOf(path + text(".damaged-shm")), QByteArray("new-shm"));
+}
+
+void tst_NAbstractSqliteDbManager::fileBehindASymbolicLinkIsSetAside()
+{
+    const QString path = newPath();
+    const QString link = newPath();
+    const QByteArray content = QByteArray("no database\n").repeated(500);
+    write(path, content);
+    write(path + text("-shm"), "shared memory");
+    QVERIFY(QFile::link(path, link));
+    NTestManager manager(link);
+    NTestTable table(&manager, "t", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take(), lines(Created));
+    QVERIFY(manager.execute("INSERT INTO t VALUES(1)"));
+    QVERIFY(QFileInfo(link).isSymLink());
+    QCOMPARE(contentOf(path + text(".damaged")), content);
+    QCOMPARE(contentOf(path + text(".damaged-shm")), QByteArray("shared memory"));
+    QCOMPARE(QDir(QFileInfo(link).path()).entryList(QDir::Files), lines("test.db"));
+}
+
+void tst_NAbstractSqliteDbManager::databaseThatCannotBeCheckedIsLeftAsItIs_data()
+{
+    QTest::addColumn<QString>("statement");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("function") << text("UPDATE sqlite_master SET sql = 'CREATE TABLE t(a CHECK(valid(a)))' WHERE "
+                                      "name = 't';")
+                              << text("unknown function: valid()");
+    QTest::newRow("collation") << text("UPDATE sqlite_master SET sql = 'CREATE INDEX i ON t(a COLLATE de)' WHERE "
+                                       "name = 'i';")
+                               << text("no such collation sequence: de");
+}
+
+// Functions and collations are registered on an open connection: too late for the check.
+void tst_NAbstractSqliteDbManager::databaseThatCannotBeCheckedIsLeftAsItIs()
+{
+    QFETCH(QString, statement);
+    QFETCH(QString, error);
+    const QByteArray statements =
+        "CREATE TABLE t(a); CREATE INDEX i ON t(a); INSERT INTO t VALUES('a'); PRAGMA writable_schema=ON;" +
+        statement.toUtf8();
+    const QString path = makeDatabase(statements.constData(), 1);
+    const QByteArray content = contentOf(path);
+    NTestManager manager(path);
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 2);
+    QVERIFY2(
+        messages.first().startsWith(text("warning: The integrity of the database \"Test\" cannot be checked: ")) &&
+            messages.first().contains(error),
+        qPrintable(messages.first()));
+    QCOMPARE(messages.last() + QLatin1Char('\n'), text(NotOpened));
+    QCOMPARE(contentOf(path), content);
+    QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::openingsLeaveNoDescriptors()
+{
+    const QString path = newPath();
+    const QByteArray contents[] = {
+        QByteArray(), QByteArray("no database\n").repeated(500), contentOf(makeVersionOne())};
+    const int before = openFileCount();
+    for (int round = 0; round < 30; ++round) {
+        write(path, contents[round % 3]);
+        NTestManager manager(path, round % 4);
+        NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note)");
+        manager.addTable(&table);
+        manager.setConversion(convertToTwo);
+        manager.openDatabase();
+        manager.openDatabase();
+        manager.initializeDatabase();
+        QVERIFY(manager.database().isOpen());
+    }
+    m_recorder->take();
+    QCOMPARE(openFileCount(), before);
+}
+
+// What a manager finds, and when another one comes in between.
+void tst_NAbstractSqliteDbManager::openingsInBetweenAreSeen_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<int>("moment");
+    QTest::addColumn<bool>("isConverted");
+    QTest::addColumn<QString>("expected");
+    const QByteArray one = contentOf(makeVersionOne());
+    const QByteArray newer =
+        contentOf(makeDatabase("CREATE TABLE t(id INTEGER PRIMARY KEY, note); INSERT INTO t VALUES(1, 'a');", 3));
+    const QByteArray damaged = contentOf(makeDatabase(
+        "CREATE TABLE t(id INTEGER PRIMARY KEY, note); CREATE INDEX i ON t(note); INSERT INTO t VALUES(1, 'a');"
+        "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql = sql || ' WHERE note IS NULL' WHERE name = 'i';",
+        2));
+    const int version = InterruptedManager::AtVersion;
+    const int name = InterruptedManager::AtName;
+    QTest::newRow("first start") << QByteArray() << name << true << text("in between");
+    QTest::newRow("conversion") << one << version << true << text("new a\nnew b\nin between");
+    QTest::newRow("refused conversion") << one << name << false << text("in between");
+    QTest::newRow("newer") << newer << version << true << text("in between");
+    QTest::newRow("damaged") << damaged << name << true << text("in between");
+}
+
+void tst_NAbstractSqliteDbManager::openingsInBetweenAreSeen()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(int, moment);
+    QFETCH(bool, isConverted);
+    QFETCH(QString, expected);
+    const QString path = newPath();
+    write(path, content);
+    const auto conversion = [&](NTestManager& database) { return isConverted && convertToTwo(database); };
+    NTestManager other(path, 2);
+    other.setConnectionName("other connection");
+    other.setConversion(conversion);
+    NTestTable otherTable(&other, "t", "(id INTEGER PRIMARY KEY, note)");
+    other.addTable(&otherTable);
+    bool isInserted = false;
+    QByteArray copy;
+    InterruptedManager manager(path, 2, InterruptedManager::Moment(moment), [&] {
+        other.openDatabase();
+        isInserted = other.execute("INSERT INTO t(note) VALUES('in between')");
+        other.closeDatabase();
+        copy = contentOf(path + text(".damaged"));
+    });
+    manager.setConversion(conversion);
+    NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QVERIFY(isInserted);
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id").join(text("\n")), expected);
+    QCOMPARE(contentOf(path + text(".damaged")), copy);
+    m_recorder->take();
+}
+
+void tst_NAbstractSqliteDbManager::processesMayOpenAtOnce_data()
+{
+    openingsInBetweenAreSeen_data();
+    // Nobody is let in between while this is set aside.
+    QTest::newRow("no database") << QByteArray("no database\n").repeated(500) << 0 << true << text("in between");
+}
+
+void tst_NAbstractSqliteDbManager::processesMayOpenAtOnce()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(bool, isConverted);
+    QFETCH(QString, expected);
+    const bool isDatabase = content.isEmpty() || content.startsWith("SQLite format");
+    const QString path = newPath();
+    for (int round = 0; round < 40; ++round) {
+        QFile::remove(path + text("-journal"));
+        QFile::remove(path + text(".damaged"));
+        QFile::remove(path);
+        if (!content.isEmpty())
+            write(path, content);
+        int start[2];
+        QVERIFY(::pipe(start) == 0);
+        pid_t processes[3];
+        for (pid_t& process : processes) {
+            process = ::fork();
+            QVERIFY(process >= 0);
+            if (process > 0)
+                continue;
+            ::close(start[1]);
+            char byte;
+            const ssize_t end = ::read(start[0], &byte, 1);
+            NTestManager manager(path, 2);
+            NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note)");
+            manager.addTable(&table);
+            manager.setConversion([&](NTestManager& database) { return isConverted && convertToTwo(database); });
+            manager.openDatabase();
+            ::_exit(end == 0 && manager.execute("INSERT INTO t(note) VALUES('in between')") ? 0 : 1);
+        }
+        // They wait for the end of the pipe.
+        ::close(start[0]);
+        ::close(start[1]);
+        for (pid_t process : processes) {
+            int status = -1;
+            QVERIFY(::waitpid(process, &status, 0) == process);
+            QCOMPARE(status, 0);
+        }
+        QString all = expected;
+        all.replace(text("in between"), text("in between\nin between\nin between"));
+        NTestManager reader(path, 2);
+        reader.openDatabase();
+        QCOMPARE(reader.rows("SELECT note FROM t ORDER BY id").join(text("\n")), all);
+        QCOMPARE(contentOf(path + text(".damaged")), isDatabase ? QByteArray() : content);
+        m_recorder->take();
+    }
+}
+
+// The file is another one each time that the manager has looked at it.
+void tst_NAbstractSqliteDbManager::openingEndsWhereOthersNeverDo()
+{
+    class RestlessManager : public NTestManager
+    {
+    public:
+        RestlessManager(const QString& path, const QByteArray& content)
+            : NTestManager(path, 2)
+            , m_content(content)
+        {
+        }
+
+        QString name() const
+        {
+            write(databaseFilePath(), ++m_count % 2 ? m_content : QByteArray());
+            return NTestManager::name();
+        }
+
+        mutable int m_count = 0;
+
+    private:
+        QByteArray m_content;
+    };
+
+    const QString path = newPath();
+    RestlessManager manager(path, QByteArray("no database\n").repeated(500));
+    NTestTable table(&manager, "t", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QVERIFY(!manager.database().isValid());
+    QVERIFY(manager.m_count > 3);
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.first() + QLatin1Char('\n'), text(Created));
+    QCOMPARE(messages.last() + QLatin1Char('\n'), text(NotOpened));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
 }
 
 void tst_NAbstractSqliteDbManager::lockedDatabaseIsNotOpened()
@@ -1409,6 +1811,116 @@ void tst_NAbstractSqliteDbManager::repairEndsWhereTriggersOpposeIt()
     QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
 }
 
+void tst_NAbstractSqliteDbManager::repairKeepsRowsThatArePutInMeanwhile()
+{
+    const QString path = makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id), x);"
+        "INSERT INTO parent VALUES(1); INSERT INTO child VALUES(2, 'gone'), (3, 'gone too');",
+        1);
+    OtherProcess other(path);
+    QCOMPARE(
+        other.execute(
+            "BEGIN IMMEDIATE; DELETE FROM child WHERE p = 2; INSERT INTO child(rowid, p, x) VALUES(1, 1, "
+            "'put in');"),
+        QByteArray());
+    s_whileWaiting = [&] { other.execute("COMMIT;"); };
+    NTestManager manager(path);
+    manager.openDatabase();
+    QVERIFY(!s_whileWaiting);
+    QCOMPARE(
+        m_recorder->take(),
+        lines("warning: Foreign key constraint error in database \"Test\" on child(p) referencing "
+              "parent(id) with value(3). The reference will be deleted."));
+    QCOMPARE(manager.rows("SELECT x FROM child"), lines("put in"));
+}
+
+// A condition on the generated column would delete the row that is right.
+void tst_NAbstractSqliteDbManager::repairFindsRowsWhoseRowidNameIsGenerated()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); INSERT INTO parent VALUES(1);"
+        "CREATE TABLE child(x, p REFERENCES parent(id), rowid GENERATED ALWAYS AS (x));"
+        "INSERT INTO child VALUES(2, 1), (1, 5);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().filter(text("with value(5)")).size(), 1);
+    QCOMPARE(manager.rows("SELECT p FROM child"), lines("1"));
+}
+
+// With foreign keys on, SQLite does not even prepare a deletion there.
+void tst_NAbstractSqliteDbManager::missingParentTablesDoNotStopTheRepair()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE child(p REFERENCES parent(id), q REFERENCES other(id)); CREATE TABLE other(id INTEGER "
+        "PRIMARY "
+        "KEY); INSERT INTO other VALUES(1); INSERT INTO child VALUES(NULL, 1), (NULL, 2), (3, 1), (3, 2);",
+        1));
+    manager.openDatabase();
+    QCOMPARE(m_recorder->take().size(), 3);
+    QCOMPARE(manager.rows("SELECT p, q FROM child"), lines("|1"));
+}
+
+void tst_NAbstractSqliteDbManager::deferredForeignKeysDoNotStopTheRepair()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY);"
+        "CREATE TABLE a(id INTEGER PRIMARY KEY, p REFERENCES parent(id));"
+        "CREATE TABLE b(x REFERENCES a(id) DEFERRABLE INITIALLY DEFERRED);"
+        "CREATE TABLE nulled(x REFERENCES a(id) ON DELETE SET NULL);"
+        "CREATE TABLE c(p REFERENCES parent(id));"
+        "INSERT INTO a VALUES(1, 9), (2, 9), (3, 9), (4, NULL); INSERT INTO b VALUES(2), (4);"
+        "INSERT INTO nulled VALUES(1), (3); INSERT INTO c VALUES(7), (8), (NULL);",
+        1));
+    manager.openDatabase();
+    const QStringList messages = m_recorder->take();
+    QCOMPARE(messages.filter(text(" on a(p) referencing parent(id) with value(9).")).size(), 3);
+    QCOMPARE(messages.filter(text(" on b(x) referencing a(id) with value(2).")).size(), 1);
+    QCOMPARE(messages.filter(text(" on c(p) referencing parent(id) with value(")).size(), 2);
+    QCOMPARE(messages.size(), 6);
+    QCOMPARE(manager.rows("SELECT id FROM a"), lines("4"));
+    QCOMPARE(manager.rows("SELECT x FROM b"), lines("4"));
+    QCOMPARE(manager.rows("SELECT count(*), count(x) FROM nulled"), lines("2|0"));
+    QCOMPARE(manager.rows("SELECT count(*) FROM c"), lines("1"));
+    QCOMPARE(manager.rows("PRAGMA foreign_key_check"), QStringList());
+    QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+}
+
+void tst_NAbstractSqliteDbManager::triggersThatRollBackDoNotStopTheRepair()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE a(p REFERENCES parent(id));"
+        "CREATE TABLE b(p REFERENCES parent(id)); CREATE TABLE c(p REFERENCES parent(id));"
+        "INSERT INTO a VALUES(1), (2); INSERT INTO b VALUES(3), (4); INSERT INTO c VALUES(5), (6);"
+        "CREATE TRIGGER keep BEFORE DELETE ON b WHEN old.p = 3 BEGIN SELECT raise(ROLLBACK, 'no'); END;",
+        1));
+    for (int round = 0; round < 2; ++round) {
+        manager.openDatabase();
+        const QStringList messages = m_recorder->take();
+        QCOMPARE(messages.filter(text(" on b(p) referencing parent(id) with value(3).")).size(), 1);
+        QCOMPARE(messages.size(), round == 0 ? 6 : 1);
+        QCOMPARE(manager.rows("SELECT p FROM a UNION ALL SELECT p FROM b UNION ALL SELECT p FROM c"), lines("3"));
+        QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
+    }
+}
+
+// More rows than are repaired in one transaction, behind as many that stay.
+void tst_NAbstractSqliteDbManager::repairGoesOnBehindRowsThatTriggersKeep()
+{
+    NTestManager manager(makeDatabase(
+        "CREATE TABLE parent(id INTEGER PRIMARY KEY); CREATE TABLE child(p REFERENCES parent(id));"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 25000) "
+        "INSERT INTO child SELECT i FROM n;"
+        "CREATE TRIGGER keep BEFORE DELETE ON child WHEN old.p <= 11000 BEGIN SELECT raise(ABORT, 'no'); END;"
+        "CREATE TRIGGER ignore BEFORE DELETE ON child WHEN old.p BETWEEN 11001 AND 12000 "
+        "BEGIN SELECT raise(IGNORE); END;",
+        1));
+    manager.openDatabase();
+    QStringList messages = m_recorder->take();
+    QCOMPARE(messages.size(), 25000);
+    QCOMPARE(messages.removeDuplicates(), 0);
+    QCOMPARE(manager.rows("SELECT count(*), max(p) FROM child"), lines("12000|12000"));
+}
+
 void tst_NAbstractSqliteDbManager::killedConversionLeavesOldOrNewData()
 {
     const QByteArray original = contentOf(makeDatabase(
@@ -1526,8 +2038,7 @@ void tst_NAbstractSqliteDbManager::damagedCopiesAlwaysEndWell()
         const QString references = manager.rows("PRAGMA foreign_key_check").join(text(" "));
         QVERIFY2(
             references.isEmpty() || references.startsWith(text("!foreign key mismatch")), qPrintable(references));
-        // A format that only newer versions of SQLite write may be read and not written
-        // (https://sqlite.org/fileformat.html).
+        // The header says that the file may only be read (https://sqlite.org/fileformat.html, 1.3.3).
         if (uchar(contentOf(path).at(18)) > 2)
             continue;
         QVERIFY(manager.execute("CREATE TABLE usable(a)"));

@@ -1,4 +1,4 @@
-#include "nfilefault.h"
+#include "support/nfilefault.h"
 
 #include <limits>
 
@@ -62,7 +62,7 @@ int NFileFault::count() const
     return s_fault.count;
 }
 
-// The functions that SQLite calls (os_unix.c of its sources names them).
+// The functions that SQLite (os_unix.c of its sources names them) and the library call.
 extern "C" {
 
 #define EXPORTED __attribute__((visibility("default")))
@@ -84,6 +84,21 @@ EXPORTED ssize_t pwrite64(int file, const void* buffer, size_t size, off64_t off
 EXPORTED int fdatasync(int file)
 {
     return fails(NFileFault::Synchronize) ? -1 : original<int(int)>("fdatasync")(file);
+}
+
+EXPORTED int fsync(int file)
+{
+    return fails(NFileFault::Synchronize) ? -1 : original<int(int)>("fsync")(file);
+}
+
+EXPORTED int close(int file)
+{
+    const bool isFailing = fails(NFileFault::Close);
+    const int result = original<int(int)>("close")(file);
+    if (!isFailing)
+        return result;
+    errno = EIO;
+    return -1;
 }
 
 EXPORTED int unlink(const char* path) noexcept
