@@ -1,5 +1,5 @@
 #!/bin/bash
-# Looks for what Qt 4.8 does not have: the devices' Qt would not compile it, and here nobody would notice. The headers in
+# Looks for what Qt 4.8 does not have: the devices' Qt would not compile it, and here nobody would notice. The files in
 # which the two versions of Qt may differ, and the tests' own support, are left out. Comments may speak of anything.
 set -u
 cd "$(dirname "$0")/.." || exit 1
@@ -37,7 +37,7 @@ found=0
 while read -r file; do
     case $file in
         # JSON by Qt itself is compiled with Qt 5 only.
-        src/nbase/nbaseqtcompat_p.h | src/nwebapi/nwaqtcompat_p.h | src/nwebapi/nwajsonbackendqt.cpp | tests/support/*)
+        src/nbase/nbaseqtcompat_p.h | src/nwebapi/nwajsonbackendqt.cpp | tests/support/*)
             continue
             ;;
     esac

@@ -1,6 +1,6 @@
 # Finds the Qt that everything is built with. NBASE_QT chooses the major version, 4 or 5; empty takes the newest found.
 # Afterwards the rest of the build names Qt's modules alike for both versions: nbase_qt_core, nbase_qt_network,
-# nbase_qt_sql, nbase_qt_widgets and nbase_qt_test.
+# nbase_qt_sql and nbase_qt_test.
 
 set(NBASE_QT "" CACHE STRING "Major version of Qt: 4, 5, or empty for the newest found")
 set_property(CACHE NBASE_QT PROPERTY STRINGS "" 4 5)
@@ -15,30 +15,37 @@ if(NBASE_BUILD_TESTS)
 endif()
 
 if(NOT NBASE_QT STREQUAL "4")
-    find_package(Qt5 5.6 QUIET COMPONENTS ${_nbase_qt_modules} Widgets)
+    find_package(Qt5 5.6 QUIET COMPONENTS ${_nbase_qt_modules})
 endif()
 if(Qt5_FOUND)
     set(NBASE_QT_MAJOR 5)
     set(_nbase_qt_prefix Qt5::)
-    set(_nbase_qt_widgets Qt5::Widgets)
 elseif(NOT NBASE_QT STREQUAL "5")
     # CMake names Qt 4's modules with a prefix of their own.
-    list(TRANSFORM _nbase_qt_modules PREPEND Qt)
-    find_package(Qt4 4.8 QUIET COMPONENTS ${_nbase_qt_modules} QtGui)
+    list(TRANSFORM _nbase_qt_modules PREPEND Qt OUTPUT_VARIABLE _nbase_qt4_modules)
+    find_package(Qt4 4.8 QUIET COMPONENTS ${_nbase_qt4_modules})
     if(Qt4_FOUND)
         set(NBASE_QT_MAJOR 4)
         set(_nbase_qt_prefix Qt4::Qt)
-        set(_nbase_qt_widgets Qt4::QtGui)
     endif()
-endif()
-if(NOT NBASE_QT_MAJOR)
-    message(FATAL_ERROR "Qt ${NBASE_QT} was not found (Debian: qtbase5-dev libqt5sql5-sqlite)")
 endif()
 
-foreach(_module Core Network Sql Test)
+if(NOT NBASE_QT_MAJOR)
+    set(_nbase_qt_missing "")
+    foreach(_module IN LISTS _nbase_qt_modules)
+        string(TOUPPER QT_QT${_module}_FOUND _found_in_qt4)
+        if(NOT NBASE_QT STREQUAL "4" AND NOT Qt5${_module}_FOUND)
+            string(APPEND _nbase_qt_missing " Qt5${_module}")
+        endif()
+        if(NOT NBASE_QT STREQUAL "5" AND NOT ${_found_in_qt4})
+            string(APPEND _nbase_qt_missing " Qt4${_module}")
+        endif()
+    endforeach()
+    message(FATAL_ERROR "No Qt that will do was found, 5.6 or later or 4.8 (NBASE_QT is \"${NBASE_QT}\"); modules "
+        "missing:${_nbase_qt_missing} (Debian: qtbase5-dev libqt5sql5-sqlite)")
+endif()
+
+foreach(_module IN LISTS _nbase_qt_modules)
     string(TOLOWER ${_module} _name)
-    if(TARGET ${_nbase_qt_prefix}${_module})
-        set(nbase_qt_${_name} ${_nbase_qt_prefix}${_module})
-    endif()
+    set(nbase_qt_${_name} ${_nbase_qt_prefix}${_module})
 endforeach()
-set(nbase_qt_widgets ${_nbase_qt_widgets})

@@ -13,7 +13,9 @@ target_compile_definitions(nbase_compile_options INTERFACE
 
 # Gives a shared library its version and soname, and finds its headers under src/ by the path they are installed by.
 function(nbase_library_properties target)
-    set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${NBASE_SOVERSION})
+    # Installed in a folder that the loader does not search, a library finds the other ones of this tree beside it.
+    set_target_properties(${target} PROPERTIES
+        VERSION ${PROJECT_VERSION} SOVERSION ${NBASE_SOVERSION} INSTALL_RPATH "$ORIGIN")
     target_include_directories(${target} PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:nbase_compile_options>)

@@ -46,13 +46,17 @@ endif()
 # A build directory without gzip can still be installed from; it just makes no packages.
 find_program(NBASE_GZIP gzip)
 mark_as_advanced(NBASE_GZIP)
+function(nbase_compress file name)
+    execute_process(COMMAND ${NBASE_GZIP} -9nc ${file}
+        OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/${name} RESULT_VARIABLE result)
+    if(NOT result EQUAL 0)
+        message(FATAL_ERROR "${file} cannot be compressed: ${result}")
+    endif()
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+endfunction()
 if(NBASE_GZIP)
-    set(_nuci_manual ${PROJECT_SOURCE_DIR}/src/uci/nuci.1)
-    execute_process(COMMAND ${NBASE_GZIP} -9nc ${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog
-        OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
-    execute_process(COMMAND ${NBASE_GZIP} -9nc ${_nuci_manual}
-        OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/nuci.1.gz COMMAND_ERROR_IS_FATAL ANY)
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS debian/changelog ${_nuci_manual})
+    nbase_compress(${CMAKE_CURRENT_SOURCE_DIR}/debian/changelog changelog.Debian.gz)
+    nbase_compress(${PROJECT_SOURCE_DIR}/src/uci/nuci.1 nuci.1.gz)
 endif()
 
 # nbase_debian_package(<component> <package> <section> <depends> <summary> <description>)

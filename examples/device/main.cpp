@@ -49,6 +49,9 @@ bool readOptions(const QStringList& arguments, Options& options)
 
 int main(int argc, char** argv)
 {
+    // syslog(3) keeps a pointer to the identity, which belongs to the NSysLog. So this one comes first and goes
+    // last: whatever is destroyed before may still send messages.
+    NSysLog log(LOG_PID, LOG_DAEMON, QStringList(), NULL);
     QCoreApplication application(argc, argv);
     Options options;
     if (!readOptions(application.arguments(), options)) {
@@ -63,7 +66,6 @@ int main(int argc, char** argv)
         fprintf(stderr, "nbase-demo-device: %s\n", device.errorString().toLocal8Bit().constData());
         return EXIT_FAILURE;
     }
-    NSysLog log(LOG_PID, LOG_DAEMON, QStringList(), &application);
     NSysLog::setAsQtMsgHandler();
     log.log(
         NSysLog::Informational,

@@ -56,7 +56,8 @@ cp "$source/zone.tab" "$work/zone.tab"
 chmod 644 "$work/zone.tab"
 echo "$version" >"$work/version"
 
-# Each part takes its place in one step; the version comes last and tells that the others are complete.
+# The table and the version take their places in one step each, the folder in two, between which there is none. The version
+# comes last and tells that the others are complete.
 mkdir "$work/old"
 if ! diff -r "$work/uclibc" "$target/uclibc" >/dev/null 2>&1; then
     [ ! -e "$target/uclibc" ] || mv "$target/uclibc" "$work/old/uclibc"

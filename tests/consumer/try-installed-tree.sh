@@ -2,13 +2,13 @@
 # One check of the installed tree; CMakeLists.txt beside this file calls it for each. "install" makes the tree that the
 # other checks use.
 #
-#     try-installed-tree.sh install|find_package|pkg_config|headers
-#         <source directory> <build directory> <work directory> <library directory> <soversion> <version>
+#     try-installed-tree.sh install|command|find_package|pkg_config|headers
+#         <source directory> <build directory> <work directory> <command directory> <library directory>
+#         <soversion> <version>
 set -eu
 
-check=$1 source=$2 build=$3 work=$4 libdir=$5 soversion=$6 version=$7
+check=$1 source=$2 build=$3 work=$4 bindir=$5 libdir=$6 soversion=$7 version=$8
 tree="$work/installed tree"
-export LD_LIBRARY_PATH="$tree/$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
 export PKG_CONFIG_PATH="$tree/$libdir/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
 read -ra compile_flags <<< "${CXXFLAGS-}"
 
@@ -16,6 +16,20 @@ fail()
 {
     echo "FAIL: $*" >&2
     exit 1
+}
+
+# The folder where the loader looks first for what the file $1 needs must be $2, and no folder of the build.
+expect_search_path()
+{
+    local found
+    found=$(readelf --dynamic "$1" | sed -nE 's/.*\((RPATH|RUNPATH)\).*\[(.*)\]$/\2/p')
+    [ "$found" = "$2" ] || fail "$1 has the search path \"$found\", not \"$2\""
+}
+
+# The configuration store is installed where the system has no libuci of its own.
+has_configuration_store()
+{
+    [ -e "$build/src/uci/libnuci.so" ]
 }
 
 # What is installed is what is public, under the names that were promised, and does not know where it was made.
@@ -31,19 +45,29 @@ check_install()
     [ "$public" = "$installed" ] || fail "the installed headers are not the public ones:
 $(diff <(echo "$public") <(echo "$installed"))"
 
-    local library file libraries=(nbase nwebapi)
-    # The configuration store is installed where the system has no libuci of its own.
-    [ ! -e "$build/src/uci/libnuci.so" ] || libraries+=(nuci)
-    for library in "${libraries[@]}"; do
+    local library file
+    # shellcheck disable=SC2016 # the loader's variable
+    local -A search_paths=([nbase]='$ORIGIN' [nwebapi]='$ORIGIN')
+    ! has_configuration_store || search_paths[nuci]=
+    for library in "${!search_paths[@]}"; do
         file="$tree/$libdir/lib$library.so"
         [ "$(readlink -f "$file")" = "$(readlink -f "$tree/$libdir")/lib$library.so.$version" ] ||
             fail "$file does not lead to lib$library.so.$version"
         readelf --dynamic "$file" | grep -qF "Library soname: [lib$library.so.$soversion]" ||
             fail "the soname of $file is not lib$library.so.$soversion"
-        ! readelf --dynamic "$file" | grep -E 'RPATH|RUNPATH' || fail "$file carries a search path of the build"
+        expect_search_path "$file" "${search_paths[$library]}"
     done
 
     ! grep -rIlF -e "$source" -e "$build" -e "$work" "$tree" || fail "these files name directories of the build"
+}
+
+check_command()
+{
+    has_configuration_store || return 0
+    expect_search_path "$tree/$bindir/nuci" "\$ORIGIN/$(realpath --relative-to="$tree/$bindir" "$tree/$libdir")"
+    mkdir -p "$work/command"
+    printf "config network 'lan'\n\toption proto 'static'\n" > "$work/command/network"
+    [ "$("$tree/$bindir/nuci" -c "$work/command" get network.lan.proto)" = static ] || fail "nuci does not work"
 }
 
 expect_output_of_first()
@@ -85,15 +109,16 @@ END
         -DCMAKE_PREFIX_PATH="$tree" >/dev/null 2>&1 || fail "this version is taken for version 2"
 }
 
-# Compiles the program $1 with what pkg-config says about the module $2, and runs it. Blanks in the answer are escaped
-# for a shell, which is why a shell has to read it.
+# Compiles the program $1 with what pkg-config says about the module $2, and runs it. pkg-config cannot know whether the
+# loader searches the tree's folder, so the program is told. Blanks in the answer are escaped for a shell, which is why a
+# shell has to read it.
 build_with_pkg_config()
 {
     local program="$work/pkg_config/$2" words=()
     pkg-config --print-errors --exists "$2"
     [ "$(pkg-config --modversion "$2")" = "$version" ] || fail "pkg-config knows another version of $2"
     eval "words=($(pkg-config --cflags --libs "$2"))"
-    "$CXX" "${compile_flags[@]}" -std=c++11 -fPIC "$1" "${words[@]}" -o "$program"
+    "$CXX" "${compile_flags[@]}" -std=c++11 -fPIC "$1" "${words[@]}" -Wl,-rpath,"$tree/$libdir" -o "$program"
     "$program" > "$program.output"
 }
 

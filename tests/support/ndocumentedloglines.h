@@ -21,9 +21,11 @@ inline QRegExp pattern(int level)
                                .join(separator)));
 }
 
-/** Whether one of @a programs is an exact match of @a program. */
+/** Whether one of @a programs is an exact match of @a program, which is not too long. */
 inline bool isWanted(const QString& program, const QList<QRegExp>& programs)
 {
+    if (program.size() > 1024 * 1024)
+        return false;
     for (const QRegExp& expression : programs) {
         if (expression.exactMatch(program))
             return true;

@@ -76,7 +76,7 @@ private:
         bool isWanted;
     };
 
-    enum { AnswerCount = 64, LongestProgram = 64 };
+    enum { AnswerCount = 64, LongestRemembered = 64 };
 
     const QList<QRegExp>& m_wanted;
     Answer m_answers[AnswerCount];
@@ -89,7 +89,7 @@ ProgramFilter::ProgramFilter(const QList<QRegExp>& wanted)
 
 bool ProgramFilter::isWanted(const char* program, int size)
 {
-    if (size > LongestProgram)
+    if (size > LongestRemembered)
         return isWanted(QString::fromLatin1(program, size));
     quint32 hash = 0;
     for (int index = 0; index < size; ++index)
@@ -131,7 +131,8 @@ private:
     QString line(QFile& file) const;
     static QString readAgain(QFile& file, qint64 offset, qint64 size);
 
-    enum { BlockSize = 128 * 1024 };
+    // A damaged log may have a "program" of any length, which an expression has to see as a whole.
+    enum { BlockSize = 128 * 1024, LongestProgram = 1024 * 1024 };
 
     NSysLogLineMatcher m_matcher;
     ProgramFilter m_programs;
@@ -193,6 +194,8 @@ bool LogReader::programIsWanted(QFile& file)
 {
     const qint64 begin = m_matcher.programBegin();
     const qint64 size = m_matcher.programEnd() - begin;
+    if (size > LongestProgram)
+        return false;
     if (m_lineInBlock)
         return m_programs.isWanted(m_lineInBlock + begin, int(size));
     return m_programs.isWanted(readAgain(file, m_lineOffset + begin, size));

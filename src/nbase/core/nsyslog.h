@@ -94,7 +94,8 @@ public:
      * of everything more severe. Lines are Latin-1.
      *
      * All files are opened before the first is read, so that a rotation meanwhile loses nothing. Memory is needed
-     * for the result only, however long a file or one of its lines is. No event loop is needed.
+     * for the result only, however long a file or one of its lines is; that is why a line whose program is longer
+     * than 1 MiB, which no daemon writes, is not taken. No event loop is needed.
      *
      * @param level the least severe level that is taken; with a negative one no level is, so that only a line
      *        with nothing after the "." can be an exact match.

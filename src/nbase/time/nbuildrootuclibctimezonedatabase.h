@@ -19,7 +19,7 @@
  * out stays valid until it is destroyed. It owns its regions, and they own their towns. It neither reads nor sets
  * the time zone of the system.
  *
- * Loading reads regular files only and waits for nobody. A line longer than 1 MiB is neither a zone nor a TZ
+ * Loading reads regular files only and waits for nobody. A line of 1 MiB or more is neither a zone nor a TZ
  * string and is left out; in a damaged tree, directories deeper than 32 levels below a region and entries beyond
  * the first 20,000 of a region are left out.
  */
@@ -95,8 +95,8 @@ public:
     /**
      * Splits the name of a zone at its first "/" into region and town; both keep their underscores. The disk is
      * asked at the time of the call: the zone needs a file in S_ZONE_FILES_DIR, but no line in zone.tab.
-     * @return region and town; two null strings when there is no such zone. A name that leads out of the folder
-     * (with "..") is no zone.
+     * @return region and town; two null strings when there is no such zone. A name with an empty part, "." or ".."
+     * is no zone even where the path would lead to a file, for it could lead out of the folder.
      */
     QPair<QString, QString> timeZoneNameToRegionAndTown(const QString& timeZoneName) const;
 

@@ -3,6 +3,7 @@
 
 #include <nbase/core/nbaselibinformation.h>
 
+#include <QtCore/QLocale>
 #include <QtTest/QtTest>
 
 class tst_NBaseLibInformation_Date : public QObject
@@ -10,8 +11,17 @@ class tst_NBaseLibInformation_Date : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void dateTimeIsReadFromTheCompilersText();
 };
+
+// The compiler writes English whatever language the program speaks.
+void tst_NBaseLibInformation_Date::initTestCase()
+{
+    const QLocale german(QLocale::German);
+    QCOMPARE(german.toString(QDate(2023, 5, 18), QString::fromLatin1("MMM")), QString::fromLatin1("Mai"));
+    QLocale::setDefault(german);
+}
 
 // Twice, because a time that could not be read is tried again.
 void tst_NBaseLibInformation_Date::dateTimeIsReadFromTheCompilersText()

@@ -262,11 +262,15 @@ QStringList readBack(const QString& file, int level = NSysLog::Debug, const QLis
     return readBack(QStringList(file), level, wanted);
 }
 
-QString writeSparseFile(const NTemporaryDirectory& directory, const QByteArray& begin, qint64 size)
+// A file that is filled up to a size with NULs, which take no room on the disk, before its end is appended.
+QString
+writeSparseFile(const NTemporaryDirectory& directory, const QByteArray& begin, qint64 size, const QByteArray& end)
 {
     const QString path = directory.writeFile(latin1("sparse"), begin);
-    if (::truncate(QFile::encodeName(path).constData(), size) != 0)
-        qFatal("cannot enlarge a file: %s", strerror(errno));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite) || !file.resize(size) || !file.seek(size) ||
+        file.write(end) != end.size())
+        qFatal("cannot enlarge a file: %s", qPrintable(file.errorString()));
     return path;
 }
 
@@ -512,6 +516,8 @@ private slots:
     void answerIsThatOfTheDocumentedExpression();
     void lineMayLieAcrossBlocks();
     void longLineIsReturnedWhole();
+    void programsUpToAMebibyteAreTaken_data();
+    void programsUpToAMebibyteAreTaken();
     void linesThatAreNotWantedNeedNoMemory_data();
     void linesThatAreNotWantedNeedNoMemory();
 };
@@ -1261,24 +1267,49 @@ void tst_NSysLog::longLineIsReturnedWhole()
     QVERIFY(lines.at(2) == latin1(line.constData()));
 }
 
+void tst_NSysLog::programsUpToAMebibyteAreTaken_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("isTaken");
+    QTest::newRow("longer than what is remembered") << 65 << true;
+    QTest::newRow("1 MiB") << 1024 * 1024 << true;
+    QTest::newRow("longer than 1 MiB") << 1024 * 1024 + 1 << false;
+}
+
+void tst_NSysLog::programsUpToAMebibyteAreTaken()
+{
+    QFETCH(int, size);
+    QFETCH(bool, isTaken);
+    const QByteArray line = "Jan  5 01:02:03 box user.info " + QByteArray(size, 'p') + ": text";
+    NTemporaryDirectory directory;
+    const QStringList lines =
+        readBack(directory.writeFile(latin1("messages"), line), NSysLog::Debug, programs("p*"));
+    QVERIFY(lines == (isTaken ? QStringList(latin1(line.constData())) : QStringList()));
+}
+
 // The NULs are what a file system may leave at the end of a log when the power fails.
 void tst_NSysLog::linesThatAreNotWantedNeedNoMemory_data()
 {
     QTest::addColumn<QByteArray>("begin");
-    QTest::newRow("nothing but NULs") << QByteArray("\n");
-    QTest::newRow("endless host") << QByteArray("Jan  5 01:02:03 ");
-    QTest::newRow("endless facility") << QByteArray("Jan  5 01:02:03 box user");
-    QTest::newRow("endless program") << QByteArray("Jan  5 01:02:03 box user.info prog");
-    QTest::newRow("text of another program") << QByteArray("Jan  5 01:02:03 box user.info other: ");
-    QTest::newRow("blanks before") << QByteArray(30 * 1024 * 1024, ' ');
-    QTest::newRow("many short lines") << QByteArray("Jan  5 01:02:03 box user.info other: x\n").repeated(500000);
+    QTest::addColumn<QByteArray>("end");
+    const QByteArray nothing;
+    QTest::newRow("nothing but NULs") << QByteArray("\n") << nothing;
+    QTest::newRow("endless host") << QByteArray("Jan  5 01:02:03 ") << nothing;
+    QTest::newRow("endless facility") << QByteArray("Jan  5 01:02:03 box user") << nothing;
+    QTest::newRow("endless program") << QByteArray("Jan  5 01:02:03 box user.info prog") << nothing;
+    QTest::newRow("long program") << QByteArray("Jan  5 01:02:03 box user.info prog") << QByteArray(": text\n");
+    QTest::newRow("text of another program") << QByteArray("Jan  5 01:02:03 box user.info other: ") << nothing;
+    QTest::newRow("blanks before") << QByteArray(30 * 1024 * 1024, ' ') << nothing;
+    QTest::newRow("many short lines") << QByteArray("Jan  5 01:02:03 box user.info other: x\n").repeated(500000)
+                                      << nothing;
 }
 
 void tst_NSysLog::linesThatAreNotWantedNeedNoMemory()
 {
     QFETCH(QByteArray, begin);
+    QFETCH(QByteArray, end);
     NTemporaryDirectory directory;
-    const QString file = writeSparseFile(directory, begin, 100 * 1024 * 1024);
+    const QString file = writeSparseFile(directory, begin, 100 * 1024 * 1024, end);
     const ChildResult result = runChild(QList<QByteArray>() << "memory" << QFile::encodeName(file) << "prog.*");
     QVERIFY(succeeded(result));
     const QByteArray expected = "0 lines, ";

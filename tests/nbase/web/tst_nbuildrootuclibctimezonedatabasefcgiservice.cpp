@@ -12,6 +12,8 @@
 #include <QtTest/QtTest>
 
 #include <ostream>
+#include <stdlib.h>
+#include <time.h>
 
 namespace {
 
@@ -31,6 +33,16 @@ QString text(const char* latin1)
     return QString::fromLatin1(latin1);
 }
 
+// The text of the environment variable TZ; null takes it away.
+void setTimeZone(const QByteArray& zone)
+{
+    if (zone.isNull())
+        ::unsetenv("TZ");
+    else
+        qputenv("TZ", zone);
+    ::tzset();
+}
+
 } // namespace
 
 class tst_NBuildrootUclibcTimeZoneDatabaseFcgiService : public NServiceTest
@@ -45,6 +57,7 @@ private slots:
     void townDocumentHoldsItsFields();
     void coordinatesReadBackAsTheSameFloats();
     void regionDocumentHoldsItsTownsByFileSystemName();
+    void contentDocumentHoldsTheRegionsByFileSystemName();
     void informationIsVersionAndLocalTime();
     void informationWithoutVersionFileHasEmptyTexts();
     void emptyDatabaseHasEmptyContent();
@@ -66,6 +79,7 @@ private:
     void loadDatabase();
     QVariant document(const char* name) const;
 
+    QByteArray m_timeZone; // null when the system's is not overridden
     QScopedPointer<NTemporaryDirectory> m_zones;
     QScopedPointer<NBuildrootUclibcTimeZoneDatabase> m_database;
 };
@@ -76,6 +90,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::init()
     makeZones();
     NPrivateNamespace::mountCopy(m_zones->path(), text("/usr/share/zoneinfo"));
     NServiceTest::init();
+    m_timeZone = qgetenv("TZ");
     loadDatabase();
 }
 
@@ -83,6 +98,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::cleanup()
 {
     m_database.reset();
     NPrivateNamespace::unmount(text("/usr/share/zoneinfo"));
+    setTimeZone(m_timeZone);
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::makeZones()
@@ -93,13 +109,15 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::makeZones()
                           "ES\t+4024-00341\tEurope/Madrid\tSpain (mainland)\n"
                           "AR\t-3436-05827\tAmerica/Argentina/Buenos_Aires\tBuenos Aires (BA, CF)\n"
                           "US\t+404251-0740023\tAmerica/New_York\tEastern (most areas)\n"
-                          "AU\t-3352+15113\tAustralia/Sydney\n");
+                          "AU\t-3352+15113\tAustralia/Sydney\n"
+                          "GL\t+6411-05144\tNorth_Atlantic/Old_Town\n");
     m_zones->writeFile(text("version"), "2026a\n");
     m_zones->writeFile(text("uclibc/Europe/Paris"), "CET-1CEST,M3.5.0,M10.5.0/3\n");
     m_zones->writeFile(text("uclibc/Europe/Madrid"), "CET-1CEST,M3.5.0,M10.5.0/3\n");
     m_zones->writeFile(text("uclibc/America/Argentina/Buenos_Aires"), "<-03>3\n");
     m_zones->writeFile(text("uclibc/America/New_York"), "EST5EDT,M3.2.0,M11.1.0\n");
     m_zones->writeFile(text("uclibc/Australia/Nowhere"), "NOW0\n");
+    m_zones->writeFile(text("uclibc/North_Atlantic/Old_Town"), "OLD3\n");
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::loadDatabase()
@@ -193,18 +211,30 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::regionDocumentHoldsItsTown
     QVERIFY(withoutTowns.value(text("towns")).toMap().isEmpty());
 }
 
+void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::contentDocumentHoldsTheRegionsByFileSystemName()
+{
+    const QVariantMap content = document("content").toMap();
+    QCOMPARE(QStringList(content.keys()), text("America,Australia,Europe,North_Atlantic").split(QLatin1Char(',')));
+    const QVariantMap region = content.value(text("North_Atlantic")).toMap();
+    QCOMPARE(region.value(text("regionName")).toString(), text("North Atlantic"));
+    const QVariantMap towns = region.value(text("towns")).toMap();
+    QCOMPARE(QStringList(towns.keys()), QStringList(text("Old_Town")));
+    QCOMPARE(towns.value(text("Old_Town")).toMap().value(text("townName")).toString(), text("Old Town"));
+}
+
+// In a zone of its own, because the machine's may well be that of Greenwich.
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::informationIsVersionAndLocalTime()
 {
+    setTimeZone("XXX-5:30");
+    loadDatabase();
     const QVariantMap information = document("information").toMap();
     QCOMPARE(QStringList(information.keys()), QStringList() << text("dateTime") << text("version"));
     QCOMPARE(information.value(text("version")).toString(), text("2026a"));
     const QString dateTime = information.value(text("dateTime")).toString();
     QVERIFY2(
         QRegExp(text("\\d{4}-\\d{2}-\\d{2}T\\d{2}:\\d{2}:\\d{2}")).exactMatch(dateTime), qPrintable(dateTime));
-    const QDateTime date = m_database->date();
-    QCOMPARE(
-        dateTime,
-        date.date().toString(text("yyyy-MM-dd")) + QLatin1Char('T') + date.time().toString(text("hh:mm:ss")));
+    const QDateTime eastOfGreenwich = m_database->date().toUTC().addSecs((5 * 60 + 30) * 60);
+    QCOMPARE(dateTime, eastOfGreenwich.toString(text("yyyy-MM-dd'T'hh:mm:ss")));
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::informationWithoutVersionFileHasEmptyTexts()
@@ -305,6 +335,13 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::whatDoesNotExistIsAnswered
         << QByteArray(
                "cannot read the town named \"Argentina/Buenos Aires\" in region \"America\" because it does "
                "not exists");
+    QTest::newRow("town of a region with a blank")
+        << QByteArray("section=content&region=North_Atlantic&town=Nuuk")
+        << QByteArray(
+               "cannot read the town named \"Nuuk\" in region \"North Atlantic\" because it does not exists");
+    QTest::newRow("region with a blank")
+        << QByteArray("section=content&region=North%20Atlantic")
+        << QByteArray("cannot read the region named \"North Atlantic\" because it does not exists");
     QTest::newRow("town of another region")
         << QByteArray("section=content&region=America&town=Paris")
         << QByteArray("cannot read the town named \"Paris\" in region \"America\" because it does not exists");

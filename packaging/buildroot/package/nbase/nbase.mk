@@ -14,7 +14,9 @@ NBASE_REDISTRIBUTE = NO
 NBASE_INSTALL_STAGING = YES
 
 NBASE_DEPENDENCIES = host-pkgconf libconfig
+# The libraries are where the target's loader looks.
 NBASE_CONF_OPTS = \
+	-DCMAKE_SKIP_INSTALL_RPATH=ON \
 	-DNBASE_BUILD_TESTS=OFF \
 	-DNBASE_BUILD_EXAMPLES=OFF
 

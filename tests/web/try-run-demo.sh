@@ -1,0 +1,110 @@
+#!/bin/bash
+# Uses ./run-demo.sh as somebody does who has just got the source, in a folder whose path has a blank in it: starts the demo,
+# asks for it once more, stops it, and ends it with Ctrl-C. Needs nothing but git and what run-demo.sh installs.
+#
+#     try-run-demo.sh <source directory>
+set -eu -o pipefail
+# Each job is a process group, as on a terminal, and takes signals.
+set -m
+
+source=$1
+folder=$(mktemp -d)
+tree="$folder/the source"
+# The compiler cache knows what was compiled here in another folder before.
+export CCACHE_BASEDIR="$tree"
+
+fail()
+{
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+clean_up()
+{
+    local job
+    for job in $(jobs -p); do
+        kill -- "-$job" || true
+    done
+    [ ! -e "$tree/run-demo.sh" ] || "$tree/run-demo.sh" --stop >/dev/null
+    rm -rf "$folder"
+}
+
+control()
+{
+    "$tree/examples/device/demo-control.sh" "$@"
+}
+
+# await <what> <command>...: for a minute at the most, after the demo was built.
+await()
+{
+    local tries=600
+    until "${@:2}"; do
+        tries=$((tries - 1))
+        [ "$tries" -gt 0 ] || fail "never came: $1"
+        sleep 0.1
+    done
+}
+
+choose_port()
+{
+    port=18080
+    until control check-port "$port" 2>/dev/null; do
+        port=$((port + 1))
+    done
+    address=http://127.0.0.1:$port
+}
+
+expect_page()
+{
+    local page
+    page=$(curl --noproxy '*' -s -S -f "$address/") || fail "nothing is served on $address"
+    [[ $page == *"<title>Demo device</title>"* ]] || fail "$address serves another page: $page"
+}
+
+expect_nothing_left()
+{
+    control check-port "$port" || fail "something still listens"
+    [ ! -e "$1" ] || fail "$1 is still there"
+}
+
+try_background()
+{
+    local output run_directory
+    "$tree/run-demo.sh" --background --port "$port" | tee "$folder/first"
+    [ "$(tail -n 1 "$folder/first")" = "$address" ] || fail "the address does not end the output"
+    expect_page
+
+    output=$("$tree/run-demo.sh" --background --port "$port")
+    [ "$output" = "The demo is already running; ./run-demo.sh --stop ends it.
+$address" ] || fail "the second start says: $output"
+
+    run_directory=$(control run-directory)
+    output=$("$tree/run-demo.sh" --stop)
+    [ "$output" = "The demo on $address has been stopped." ] || fail "the stop says: $output"
+    expect_nothing_left "$run_directory"
+}
+
+try_foreground()
+{
+    local output="$folder/foreground" run_directory status=0 job
+    "$tree/run-demo.sh" --foreground --port "$port" > "$output" 2>&1 &
+    job=$!
+    await "the demo in the foreground" grep -qxF "$address" "$output"
+    cat "$output"
+    grep -qxF "ninja: no work to do." "$output" || fail "what was built is built again"
+    expect_page
+
+    run_directory=$(control run-directory)
+    kill -INT -- "-$job"
+    wait "$job" || status=$?
+    [ "$status" -eq 130 ] || fail "after Ctrl-C the exit status is $status"
+    expect_nothing_left "$run_directory"
+}
+
+trap clean_up EXIT
+mkdir "$tree"
+git -C "$source" ls-files -z --cached --others --exclude-standard | tar -C "$source" --null -T - -c | tar -C "$tree" -x
+choose_port
+try_background
+try_foreground
+echo "the demo starts, stops and leaves nothing behind"
