@@ -86,7 +86,7 @@ private:
     class Reporting;
     struct DueMinute;
 
-    static QDateTime currentMinuteStartingDateTime();
+    static QDateTime currentMinuteStartingDateTime(qint64* end);
     static bool isDateTimeInActivityPeriodOfPeriodicTimeSlot(
         const QDateTime& dateTime, NEventPlanner::NPeriodicTimeSlot* slot);
 
@@ -116,6 +116,7 @@ private:
     QHash<NEventPlanner::NPeriodicTimeSlot*, bool> m_periodicTimeSlotStates;
     QHash<NEventPlanner*, QSet<NEventPlanner::CalendarEvent>> m_calendarEvents;
     const QScopedPointer<Reporting> m_reporting;
+    qint64 m_minuteEnd; // of the current minute when it was read last, in milliseconds since the epoch
 };
 
 #endif
