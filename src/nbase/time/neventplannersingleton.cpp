@@ -521,6 +521,14 @@ void NEventPlannerSingleton::removePeriodicTimeSlot(NEventPlanner* planner, Peri
     emit planner->periodicTimeSlotEnded(slot);
 }
 
+// Without a ticker nothing is registered. One that came into being for a planner's end would outlive it, perhaps
+// after the application object.
+void NEventPlannerSingleton::forgetPlanner(NEventPlanner* planner)
+{
+    if (s_instance)
+        s_instance->unregisterPlanner(planner);
+}
+
 void NEventPlannerSingleton::unregisterPlanner(NEventPlanner* planner)
 {
     const QPointer<NEventPlannerSingleton> self(this);

@@ -15,6 +15,7 @@ typedef NEventPlanner::NPeriodicEvent Event;
 typedef NEventPlanner::NPeriodicTimeSlot TimeSlot;
 
 Q_DECLARE_METATYPE(Days)
+Q_DECLARE_METATYPE(NEventPlanner::CalendarEvent)
 
 class ClockSetter : public QObject
 {
@@ -41,6 +42,9 @@ private slots:
 
     void objectsKeepHourAndMinuteOnly();
     void calendarEventsHaveTheirNumbers();
+    void connectionsMayBeQueued();
+    void applicationMayDeclareTheTypeOfCalendarEvents();
+    void plannerThatWasNotUsedNeedsNoTicker();
 
     void eventIsReportedInItsMinuteOfItsDays();
     void eventIsNotReportedInTheMinuteOfItsRegistration();
@@ -164,6 +168,41 @@ void tst_NEventPlanner::calendarEventsHaveTheirNumbers()
     QCOMPARE(int(NEventPlanner::NewYear), 4);
     const QMetaObject& meta = NEventPlanner::staticMetaObject;
     QCOMPARE(meta.enumerator(meta.indexOfEnumerator("CalendarEvent")).keyCount(), 5);
+}
+
+void tst_NEventPlanner::connectionsMayBeQueued()
+{
+    NEventPlanner planner(NULL);
+    NPlannerRecorder recorder(&planner, &m_reports, QString(), Qt::QueuedConnection);
+    planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
+    planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(7, 1));
+    planner.registerCalendarEvent(NEventPlanner::NewMinute);
+    tick(at(Qt::Monday, 7, 1));
+    QCOMPARE(take(), QStringList());
+    QCoreApplication::processEvents();
+    QCOMPARE(take(), list("start 0600-0701,event 0701,end 0600-0701,calendar 0"));
+}
+
+void tst_NEventPlanner::applicationMayDeclareTheTypeOfCalendarEvents()
+{
+    NEventPlanner planner(NULL);
+    QCOMPARE(qMetaTypeId<NEventPlanner::CalendarEvent>(), QMetaType::type("NEventPlanner::CalendarEvent"));
+    const QVariant value = QVariant::fromValue(NEventPlanner::NewDay);
+    QCOMPARE(int(value.value<NEventPlanner::CalendarEvent>()), int(NEventPlanner::NewDay));
+}
+
+void tst_NEventPlanner::plannerThatWasNotUsedNeedsNoTicker()
+{
+    delete ticker();
+    delete new NEventPlanner(NULL);
+    QVERIFY(!hasTicker());
+
+    NEventPlanner* const planner = new NEventPlanner(NULL);
+    planner->registerPeriodicEvent(everyDay(), QTime(7, 1));
+    QVERIFY(hasTicker());
+    delete ticker();
+    delete planner;
+    QVERIFY(!hasTicker());
 }
 
 void tst_NEventPlanner::eventIsReportedInItsMinuteOfItsDays()
