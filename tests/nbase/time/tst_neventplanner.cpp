@@ -58,6 +58,7 @@ private slots:
     void slotStartsAndEndsOnce();
     void slotThatIsActiveStartsBeforeItsRegistrationReturns();
     void modifiedSlotStartsOrEndsAtOnce();
+    void slotsHaveTheStateOfTheLastProcessedMinute();
     void slotOfAnotherPlannerIsLeftAlone();
     void slotThatIsActiveEndsWhenItIsUnregistered();
     void endIsToldOnceWhileTheSlotCanBeRead();
@@ -74,7 +75,7 @@ private slots:
     void jumpBackwardsReportsAgain();
     void jumpIsOneNewMinute_data();
     void jumpIsOneNewMinute();
-    void clockChangeWithinTheMinuteReportsNothing();
+    void noticeOfAChangeWithinTheMinuteReportsNothing();
     void signalOfTheClockSetterCanBeConnected();
 
     void deletedPlannerEndsItsSlotsAndIsSilent();
@@ -423,6 +424,22 @@ void tst_NEventPlanner::modifiedSlotStartsOrEndsAtOnce()
     QCOMPARE(take(), QStringList());
 }
 
+// Whatever the clock shows meanwhile.
+void tst_NEventPlanner::slotsHaveTheStateOfTheLastProcessedMinute()
+{
+    NEventPlanner planner(NULL);
+    NPlannerRecorder recorder(&planner, &m_reports);
+    TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
+    QCOMPARE(take(), list("start 0600-0800"));
+    set(at(Qt::Monday, 9, 0));
+    QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
+    planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 0), QTime(7, 1));
+    QCOMPARE(take(), list("start 0700-0701"));
+    QVERIFY(planner.modifyRegisteredPeriodicTimeSlot(timeSlot, everyDay(), QTime(8, 30), QTime(10, 0)));
+    QCOMPARE(take(), list("end 0830-1000"));
+    QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
+}
+
 void tst_NEventPlanner::slotOfAnotherPlannerIsLeftAlone()
 {
     NEventPlanner planner(NULL);
@@ -699,7 +716,7 @@ void tst_NEventPlanner::jumpIsOneNewMinute()
     QCOMPARE(take(), list(reports));
 }
 
-void tst_NEventPlanner::clockChangeWithinTheMinuteReportsNothing()
+void tst_NEventPlanner::noticeOfAChangeWithinTheMinuteReportsNothing()
 {
     NEventPlanner planner(NULL);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -710,6 +727,9 @@ void tst_NEventPlanner::clockChangeWithinTheMinuteReportsNothing()
     QCOMPARE(take(), QStringList());
     set(at(Qt::Monday, 7, 1));
     planner.currentDateTimeChanged();
+    QCOMPARE(take(), list("calendar 0"));
+    // Set back, and nobody tells: the timer runs out in the same minute.
+    tick(at(Qt::Monday, 7, 1, 40));
     QCOMPARE(take(), list("calendar 0"));
 }
 
