@@ -40,7 +40,8 @@ bool isTitle(const QString& text)
         if (!isTitleCharacter(text.at(index)))
             return false;
     }
-    return !text.isEmpty() && text.size() <= MaximumTitleLength;
+    // In UTF-16 some characters, of many an emoji for example, take two units.
+    return !text.isEmpty() && text.toUcs4().size() <= MaximumTitleLength;
 }
 
 bool readTime(const QVariantMap& object, const char* name, QTime& time)

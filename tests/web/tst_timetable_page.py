@@ -225,6 +225,22 @@ class TimetablePageTest(unittest.TestCase):
         self.assert_shown("Two", [(1, 390)])
         self.assertFalse(self.browser.shows("[data-action=undo]"))
 
+    def test_a_second_click_on_undo_does_nothing(self):
+        self.client.add("One", "event", [1], "06:30")
+        self.open()
+        self.browser.find(".entry-remove").click()
+        self.browser.until_shown("[data-action=undo]")
+        # Both come before any answer.
+        self.browser.run("""
+            const button = document.querySelector("[data-action=undo]");
+            button.click();
+            button.click();""")
+        self.browser.until_text("[data-field=announcement]", "“One” is back.")
+        self.until_titles("One")
+        sent = [event["request"]["url"] for event in self.browser.network_events("requestWillBeSent")
+                if event["request"]["method"] == "POST"]
+        self.assertEqual(sent, [self.demo.address + "/api/login", self.demo.address + "/api/events"])
+
     def test_the_button_removes_an_entry_too_and_so_does_that_of_the_form(self):
         for title in ("One", "Two"):
             self.client.add(title, "event", [1], "06:30")

@@ -194,7 +194,8 @@ class TimetableServiceTest(unittest.TestCase):
                 ([], "must be a JSON object"), ("x", "must be a JSON object"),
                 ({}, title), (without(EVENT, "title"), title), ({**EVENT, "title": 1}, title),
                 ({**EVENT, "title": ""}, title), ({**EVENT, "title": " \t"}, title),
-                ({**EVENT, "title": "x" * 61}, title), ({**EVENT, "title": "a\nb"}, title),
+                ({**EVENT, "title": "x" * 61}, title), ({**EVENT, "title": "\N{BELL}" * 61}, title),
+                ({**EVENT, "title": "a\nb"}, title),
                 ({**EVENT, "title": "a\u0000b"}, title), ({**EVENT, "title": "a\u2028b"}, title),
                 (without(EVENT, "kind"), kind), ({**EVENT, "kind": "Event"}, kind), ({**EVENT, "kind": None}, kind),
                 (without(EVENT, "days"), days), ({**EVENT, "days": []}, days), ({**EVENT, "days": 1}, days),
@@ -211,6 +212,11 @@ class TimetableServiceTest(unittest.TestCase):
         for body in (b"", b"{", b"\xff", b"[" * 10000):
             self.assertEqual(self.send("POST", "", body=body)[0], 400)
         self.assertEqual(self.timetable()["entries"], [])
+
+    def test_a_title_is_measured_in_characters(self):
+        for character in ("x", "é", "鐘", "\N{BELL}"):
+            title = character * 60
+            self.assertEqual(self.add({**EVENT, "title": title})["title"], title)
 
     def test_a_refused_change_changes_nothing(self):
         entry = self.add(SLOT)

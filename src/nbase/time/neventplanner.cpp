@@ -2,6 +2,8 @@
 
 #include <nbase/time/neventplannersingleton.h>
 
+#include <QtCore/QMetaType>
+
 namespace {
 
 // A time that is not valid stays so; with Qt 4 its hour and minute are those of midnight.
@@ -13,6 +15,13 @@ QTime startOfMinute(const QTime& time)
 NEventPlannerSingleton* ticker()
 {
     return NSingleton<NEventPlannerSingleton>::instance();
+}
+
+// What a queued connection needs to know.
+void registerCalendarEventType()
+{
+    static const int type = qRegisterMetaType<NEventPlanner::CalendarEvent>("NEventPlanner::CalendarEvent");
+    Q_UNUSED(type);
 }
 
 } // namespace
@@ -37,11 +46,12 @@ NEventPlanner::NPeriodicTimeSlot::NPeriodicTimeSlot(
 NEventPlanner::NEventPlanner(QObject* parent)
     : QObject(parent)
 {
+    registerCalendarEventType();
 }
 
 NEventPlanner::~NEventPlanner()
 {
-    ticker()->unregisterPlanner(this);
+    NEventPlannerSingleton::forgetPlanner(this);
 }
 
 NEventPlanner::NPeriodicEvent*

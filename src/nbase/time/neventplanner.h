@@ -30,7 +30,9 @@
  *   the start of the next one, before anything else.
  *
  * Planners must be used on one thread only, the one that the first planner was used on; its event loop must run.
- * Events and slots belong to the library: they live until they are unregistered or their planner is deleted.
+ * The application object (QCoreApplication) must exist before the first use: a timer that was started earlier
+ * never runs out. Events and slots belong to the library: they live until they are unregistered or their planner
+ * is deleted.
  */
 class NBASE_EXPORT NEventPlanner : public QObject
 {
@@ -175,7 +177,10 @@ signals:
     /** @a timeSlot has become inactive, or was unregistered while it was active. */
     void periodicTimeSlotEnded(const NEventPlanner::NPeriodicTimeSlot* timeSlot);
 
-    /** The calendar has changed; when several of these are due, NewMinute comes first and NewYear last. */
+    /**
+     * The calendar has changed; when several of these are due, NewMinute comes first and NewYear last. The type is
+     * registered, so that the connection may be queued.
+     */
     void calendarEventTriggered(NEventPlanner::CalendarEvent event);
 
 private:

@@ -9,12 +9,14 @@
 #include <QtCore/QPointer>
 #include <QtCore/QVector>
 
+#include <time.h>
+
 template class NSingleton<NEventPlannerSingleton>;
 
 namespace {
 
-const int MillisecondsPerSecond = 1000;
-const int MillisecondsPerMinute = 60 * MillisecondsPerSecond;
+const qint64 MillisecondsPerSecond = 1000;
+const qint64 MillisecondsPerMinute = 60 * MillisecondsPerSecond;
 const int SecondsPerMinute = 60;
 
 bool isSameMinute(const QDateTime& one, const QDateTime& other)
@@ -161,9 +163,9 @@ NEventPlannerSingleton::Report::~Report()
 NEventPlannerSingleton::NEventPlannerSingleton(QObject* parent)
     : QObject(parent)
     , m_timer(this)
-    , m_lastProcessedMinute(currentMinuteStartingDateTime())
     , m_reporting(new Reporting)
 {
+    m_lastProcessedMinute = currentMinuteStartingDateTime(&m_minuteEnd);
     m_timer.setSingleShot(true);
     NBaseQtCompat::makePrecise(&m_timer);
     connect(&m_timer, SIGNAL(timeout()), this, SLOT(newMinute()));
@@ -301,22 +303,32 @@ void NEventPlannerSingleton::unregisterCalendarEvents(NEventPlanner* planner)
 
 void NEventPlannerSingleton::newMinute()
 {
-    processNewMinute(currentMinuteStartingDateTime());
+    processNewMinute(currentMinuteStartingDateTime(&m_minuteEnd));
 }
 
 void NEventPlannerSingleton::currentDateTimeChanged()
 {
-    const QDateTime now = currentMinuteStartingDateTime();
+    const QDateTime now = currentMinuteStartingDateTime(&m_minuteEnd);
     if (isSameMinute(now, m_lastProcessedMinute))
         scheduleTimerForNextMinute();
     else
         processNewMinute(now);
 }
 
-QDateTime NEventPlannerSingleton::currentMinuteStartingDateTime()
+// The end is an instant, counted from now on: the start, a local time, stands for two instants in the hour that a
+// change from daylight-saving time repeats, and the wrong one would stop the ticker for an hour or make it run
+// without a pause.
+QDateTime NEventPlannerSingleton::currentMinuteStartingDateTime(qint64* end)
 {
-    const QDateTime now = QDateTime::currentDateTime();
-    return QDateTime(now.date(), QTime(now.time().hour(), now.time().minute()));
+    const time_t now = time_t(QDateTime::currentMSecsSinceEpoch() / MillisecondsPerSecond);
+    struct tm local;
+    // The zone may have been changed, which localtime_r() alone does not look for (see localtime(3)).
+    ::tzset();
+    ::localtime_r(&now, &local);
+    const int passed = qMin(local.tm_sec, SecondsPerMinute - 1); // a leap second is the 61st
+    *end = (qint64(now) - passed + SecondsPerMinute) * MillisecondsPerSecond;
+    return QDateTime(
+        QDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday), QTime(local.tm_hour, local.tm_min));
 }
 
 bool NEventPlannerSingleton::isDateTimeInActivityPeriodOfPeriodicTimeSlot(
@@ -351,16 +363,12 @@ void NEventPlannerSingleton::processNewMinute(const QDateTime& now)
     reportDueMinutes();
 }
 
-// What is left of the last processed minute, or nothing when it is over. This is read from the clock on the wall:
-// in the hour that a change from daylight-saving time repeats, the minute's local time stands for two instants,
-// and the wrong one would stop the ticker for an hour or make it run without a pause.
+// More than a minute is left when the clock was set back since the minute was read. Then, as when the minute is
+// over, the current one is looked for at once.
 void NEventPlannerSingleton::scheduleTimerForNextMinute()
 {
-    const QDateTime now = QDateTime::currentDateTime();
-    int interval = 0;
-    if (isSameMinute(now, m_lastProcessedMinute))
-        interval = MillisecondsPerMinute - now.time().second() * MillisecondsPerSecond - now.time().msec();
-    m_timer.start(interval);
+    const qint64 left = m_minuteEnd - QDateTime::currentMSecsSinceEpoch();
+    m_timer.start(left > 0 && left <= MillisecondsPerMinute ? int(left) : 0);
 }
 
 void NEventPlannerSingleton::findDuePeriodicEvents(DueMinute* minute) const
@@ -511,6 +519,14 @@ void NEventPlannerSingleton::removePeriodicTimeSlot(NEventPlanner* planner, Peri
     const Report report(this, NULL, slot);
     m_reporting->dispose(slot);
     emit planner->periodicTimeSlotEnded(slot);
+}
+
+// Without a ticker nothing is registered. One that came into being for a planner's end would outlive it, perhaps
+// after the application object.
+void NEventPlannerSingleton::forgetPlanner(NEventPlanner* planner)
+{
+    if (s_instance)
+        s_instance->unregisterPlanner(planner);
 }
 
 void NEventPlannerSingleton::unregisterPlanner(NEventPlanner* planner)

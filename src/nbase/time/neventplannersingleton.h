@@ -20,8 +20,8 @@ extern template class NSingleton<NEventPlannerSingleton>;
  * with the planner as first argument.
  *
  * Comes into being on the first use of a planner and lives on the thread of that use; it must be used on that
- * thread only. It owns all events and slots. When it is deleted, everything is unregistered as if each planner had
- * been deleted.
+ * thread only, and the application object must exist before. It owns all events and slots. When it is deleted,
+ * everything is unregistered as if each planner had been deleted.
  */
 class NBASE_EXPORT NEventPlannerSingleton : public QObject, public NSingleton<NEventPlannerSingleton>
 {
@@ -86,7 +86,7 @@ private:
     class Reporting;
     struct DueMinute;
 
-    static QDateTime currentMinuteStartingDateTime();
+    static QDateTime currentMinuteStartingDateTime(qint64* end);
     static bool isDateTimeInActivityPeriodOfPeriodicTimeSlot(
         const QDateTime& dateTime, NEventPlanner::NPeriodicTimeSlot* slot);
 
@@ -106,6 +106,7 @@ private:
 
     void setActive(NEventPlanner* planner, PeriodicTimeSlot* slot, bool active);
     void removePeriodicTimeSlot(NEventPlanner* planner, PeriodicTimeSlot* slot);
+    static void forgetPlanner(NEventPlanner* planner);
     void unregisterPlanner(NEventPlanner* planner);
     bool canRegister(NEventPlanner* planner) const;
 
@@ -116,6 +117,7 @@ private:
     QHash<NEventPlanner::NPeriodicTimeSlot*, bool> m_periodicTimeSlotStates;
     QHash<NEventPlanner*, QSet<NEventPlanner::CalendarEvent>> m_calendarEvents;
     const QScopedPointer<Reporting> m_reporting;
+    qint64 m_minuteEnd; // of the current minute when it was read last, in milliseconds since the epoch
 };
 
 #endif

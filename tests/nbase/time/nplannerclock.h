@@ -41,6 +41,16 @@ inline NEventPlannerSingleton* ticker()
     return NEventPlannerSingleton::instance();
 }
 
+/** Whether the process has a ticker at the moment. */
+inline bool hasTicker()
+{
+    struct Singleton : public NSingleton<NEventPlannerSingleton>
+    {
+        static bool exists() { return s_instance != NULL; }
+    };
+    return Singleton::exists();
+}
+
 /** Starts with a new ticker at this time. */
 inline void begin(const QDateTime& local)
 {

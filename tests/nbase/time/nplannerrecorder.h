@@ -17,22 +17,24 @@ class NPlannerRecorder : public QObject
 
 public:
     /** Records the signals of @a planner into @a reports, each with @a prefix before it. */
-    NPlannerRecorder(NEventPlanner* planner, QStringList* reports, const QString& prefix = QString())
+    NPlannerRecorder(
+        NEventPlanner* planner, QStringList* reports, const QString& prefix = QString(),
+        Qt::ConnectionType type = Qt::AutoConnection)
         : m_reports(reports)
         , m_prefix(prefix)
     {
         connect(
             planner, SIGNAL(periodicEventTriggered(const NEventPlanner::NPeriodicEvent*)), this,
-                            SLOT(recordEvent(const NEventPlanner::NPeriodicEvent*)));
+                            SLOT(recordEvent(const NEventPlanner::NPeriodicEvent*)), type);
         connect(
             planner, SIGNAL(periodicTimeSlotStarted(const NEventPlanner::NPeriodicTimeSlot*)), this,
-                            SLOT(recordStart(const NEventPlanner::NPeriodicTimeSlot*)));
+                            SLOT(recordStart(const NEventPlanner::NPeriodicTimeSlot*)), type);
         connect(
             planner, SIGNAL(periodicTimeSlotEnded(const NEventPlanner::NPeriodicTimeSlot*)), this,
-                            SLOT(recordEnd(const NEventPlanner::NPeriodicTimeSlot*)));
+                            SLOT(recordEnd(const NEventPlanner::NPeriodicTimeSlot*)), type);
         connect(
             planner, SIGNAL(calendarEventTriggered(NEventPlanner::CalendarEvent)), this,
-                            SLOT(recordCalendar(NEventPlanner::CalendarEvent)));
+                            SLOT(recordCalendar(NEventPlanner::CalendarEvent)), type);
     }
 
     /** Called after each report, with its text. */

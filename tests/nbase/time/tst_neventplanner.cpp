@@ -15,6 +15,7 @@ typedef NEventPlanner::NPeriodicEvent Event;
 typedef NEventPlanner::NPeriodicTimeSlot TimeSlot;
 
 Q_DECLARE_METATYPE(Days)
+Q_DECLARE_METATYPE(NEventPlanner::CalendarEvent)
 
 class ClockSetter : public QObject
 {
@@ -41,6 +42,9 @@ private slots:
 
     void objectsKeepHourAndMinuteOnly();
     void calendarEventsHaveTheirNumbers();
+    void connectionsMayBeQueued();
+    void applicationMayDeclareTheTypeOfCalendarEvents();
+    void plannerThatWasNotUsedNeedsNoTicker();
 
     void eventIsReportedInItsMinuteOfItsDays();
     void eventIsNotReportedInTheMinuteOfItsRegistration();
@@ -54,6 +58,7 @@ private slots:
     void slotStartsAndEndsOnce();
     void slotThatIsActiveStartsBeforeItsRegistrationReturns();
     void modifiedSlotStartsOrEndsAtOnce();
+    void slotsHaveTheStateOfTheLastProcessedMinute();
     void slotOfAnotherPlannerIsLeftAlone();
     void slotThatIsActiveEndsWhenItIsUnregistered();
     void endIsToldOnceWhileTheSlotCanBeRead();
@@ -70,7 +75,7 @@ private slots:
     void jumpBackwardsReportsAgain();
     void jumpIsOneNewMinute_data();
     void jumpIsOneNewMinute();
-    void clockChangeWithinTheMinuteReportsNothing();
+    void noticeOfAChangeWithinTheMinuteReportsNothing();
     void signalOfTheClockSetterCanBeConnected();
 
     void deletedPlannerEndsItsSlotsAndIsSilent();
@@ -164,6 +169,41 @@ void tst_NEventPlanner::calendarEventsHaveTheirNumbers()
     QCOMPARE(int(NEventPlanner::NewYear), 4);
     const QMetaObject& meta = NEventPlanner::staticMetaObject;
     QCOMPARE(meta.enumerator(meta.indexOfEnumerator("CalendarEvent")).keyCount(), 5);
+}
+
+void tst_NEventPlanner::connectionsMayBeQueued()
+{
+    NEventPlanner planner(NULL);
+    NPlannerRecorder recorder(&planner, &m_reports, QString(), Qt::QueuedConnection);
+    planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
+    planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(7, 1));
+    planner.registerCalendarEvent(NEventPlanner::NewMinute);
+    tick(at(Qt::Monday, 7, 1));
+    QCOMPARE(take(), QStringList());
+    QCoreApplication::processEvents();
+    QCOMPARE(take(), list("start 0600-0701,event 0701,end 0600-0701,calendar 0"));
+}
+
+void tst_NEventPlanner::applicationMayDeclareTheTypeOfCalendarEvents()
+{
+    NEventPlanner planner(NULL);
+    QCOMPARE(qMetaTypeId<NEventPlanner::CalendarEvent>(), QMetaType::type("NEventPlanner::CalendarEvent"));
+    const QVariant value = QVariant::fromValue(NEventPlanner::NewDay);
+    QCOMPARE(int(value.value<NEventPlanner::CalendarEvent>()), int(NEventPlanner::NewDay));
+}
+
+void tst_NEventPlanner::plannerThatWasNotUsedNeedsNoTicker()
+{
+    delete ticker();
+    delete new NEventPlanner(NULL);
+    QVERIFY(!hasTicker());
+
+    NEventPlanner* const planner = new NEventPlanner(NULL);
+    planner->registerPeriodicEvent(everyDay(), QTime(7, 1));
+    QVERIFY(hasTicker());
+    delete ticker();
+    delete planner;
+    QVERIFY(!hasTicker());
 }
 
 void tst_NEventPlanner::eventIsReportedInItsMinuteOfItsDays()
@@ -382,6 +422,22 @@ void tst_NEventPlanner::modifiedSlotStartsOrEndsAtOnce()
     QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
     tick(at(Qt::Monday, 7, 1));
     QCOMPARE(take(), QStringList());
+}
+
+// Whatever the clock shows meanwhile.
+void tst_NEventPlanner::slotsHaveTheStateOfTheLastProcessedMinute()
+{
+    NEventPlanner planner(NULL);
+    NPlannerRecorder recorder(&planner, &m_reports);
+    TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
+    QCOMPARE(take(), list("start 0600-0800"));
+    set(at(Qt::Monday, 9, 0));
+    QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
+    planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 0), QTime(7, 1));
+    QCOMPARE(take(), list("start 0700-0701"));
+    QVERIFY(planner.modifyRegisteredPeriodicTimeSlot(timeSlot, everyDay(), QTime(8, 30), QTime(10, 0)));
+    QCOMPARE(take(), list("end 0830-1000"));
+    QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
 void tst_NEventPlanner::slotOfAnotherPlannerIsLeftAlone()
@@ -660,7 +716,7 @@ void tst_NEventPlanner::jumpIsOneNewMinute()
     QCOMPARE(take(), list(reports));
 }
 
-void tst_NEventPlanner::clockChangeWithinTheMinuteReportsNothing()
+void tst_NEventPlanner::noticeOfAChangeWithinTheMinuteReportsNothing()
 {
     NEventPlanner planner(NULL);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -671,6 +727,9 @@ void tst_NEventPlanner::clockChangeWithinTheMinuteReportsNothing()
     QCOMPARE(take(), QStringList());
     set(at(Qt::Monday, 7, 1));
     planner.currentDateTimeChanged();
+    QCOMPARE(take(), list("calendar 0"));
+    // Set back, and nobody tells: the timer runs out in the same minute.
+    tick(at(Qt::Monday, 7, 1, 40));
     QCOMPARE(take(), list("calendar 0"));
 }
 

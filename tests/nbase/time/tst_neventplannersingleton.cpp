@@ -12,6 +12,7 @@
 #include <QtTest/QtTest>
 
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -37,13 +38,18 @@ private slots:
     void timerRunsOutAtTheNextMinute();
     void lateTickerProcessesTheCurrentMinuteAtOnce();
     void timerReportsTheNewMinute();
+    void receiversMayDeleteWhatTheTimerWoke_data();
+    void receiversMayDeleteWhatTheTimerWoke();
     void changedClockIsFoundWhenTheTimerRunsOut();
 
     void tickerTicksOnceAMinuteWhenTheClockChanges_data();
     void tickerTicksOnceAMinuteWhenTheClockChanges();
     void missingHourReportsNoEventsOfIt();
     void repeatedHourReportsItsEventsTwice();
+    void noticeInTheRepeatedMinuteReportsNothing();
     void slotsInTheMissingAndTheRepeatedHour();
+    void minutesMayBeginBetweenThoseOfUtc_data();
+    void minutesMayBeginBetweenThoseOfUtc();
     void timeZoneMayChange();
 
     void stoppedProcessGoesOnWithTheCurrentMinute();
@@ -199,6 +205,42 @@ void tst_NEventPlannerSingleton::timerReportsTheNewMinute()
     NTRY_COMPARE(reports, list("event 0730,event 0731"));
 }
 
+void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke_data()
+{
+    QTest::addColumn<bool>("deletesTicker");
+    QTest::newRow("the planner") << false;
+    QTest::newRow("the ticker") << true;
+}
+
+void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
+{
+    QFETCH(bool, deletesTicker);
+    tick(at(Qt::Monday, 7, 29));
+    QStringList reports;
+    QScopedPointer<NEventPlanner> planner(new NEventPlanner(NULL));
+    NPlannerRecorder recorder(planner.data(), &reports);
+    planner->registerPeriodicEvent(everyDay(), QTime(7, 30));
+    planner->registerCalendarEvent(NEventPlanner::NewMinute);
+    recorder.handler = [&](const QString&) {
+        if (deletesTicker)
+            delete ticker();
+        else
+            planner.reset();
+    };
+    NFakeClock::runFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
+    ticker()->currentDateTimeChanged();
+    NTRY_COMPARE(reports, list("event 0730"));
+    QCOMPARE(hasTicker(), !deletesTicker);
+
+    // There is another minute after this one.
+    NEventPlanner next(NULL);
+    NPlannerRecorder nextRecorder(&next, &reports);
+    next.registerPeriodicEvent(everyDay(), QTime(7, 31));
+    NFakeClock::runFrom(at(Qt::Monday, 7, 30, 59).toMSecsSinceEpoch() + 900);
+    next.currentDateTimeChanged();
+    NTRY_COMPARE(reports, list("event 0730,event 0731"));
+}
+
 void tst_NEventPlannerSingleton::changedClockIsFoundWhenTheTimerRunsOut()
 {
     QStringList reports;
@@ -276,6 +318,20 @@ void tst_NEventPlannerSingleton::repeatedHourReportsItsEventsTwice()
         reports, list("event 0159,event 0200,calendar 1,event 0230,event 0200,event 0230,event 0300,calendar 1"));
 }
 
+// The minute has the name of the one an hour before, and an end of its own.
+void tst_NEventPlannerSingleton::noticeInTheRepeatedMinuteReportsNothing()
+{
+    QStringList reports;
+    NEventPlanner planner(NULL);
+    NPlannerRecorder recorder(&planner, &reports);
+    tickAt(fallBack() - Hour / 2);
+    planner.registerPeriodicEvent(everyDay(), QTime(2, 30));
+    NFakeClock::stopAt(fallBack() + Hour / 2 + 15 * 1000);
+    ticker()->currentDateTimeChanged();
+    QCOMPARE(reports, QStringList());
+    QCOMPARE(timer()->interval(), 45 * 1000);
+}
+
 void tst_NEventPlannerSingleton::slotsInTheMissingAndTheRepeatedHour()
 {
     QStringList reports;
@@ -310,6 +366,49 @@ void tst_NEventPlannerSingleton::slotsInTheMissingAndTheRepeatedHour()
              "40 end 0210-0240,65 end 0220-0305"));
 }
 
+void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc_data()
+{
+    QTest::addColumn<QString>("zone");
+    QTest::addColumn<int>("hour"); // of the local time at 12:00 UTC
+    QTest::addColumn<int>("minute");
+    QTest::addColumn<int>("second");
+    QTest::newRow("Amsterdam until 1937") << QString::fromLatin1("AMT-0:19:32") << 12 << 19 << 32;
+    QTest::newRow("Monrovia until 1972") << QString::fromLatin1("MMT0:44:30") << 11 << 15 << 30;
+    QTest::newRow("a second ahead") << QString::fromLatin1("XXX-0:00:01") << 12 << 0 << 1;
+    QTest::newRow("a second behind") << QString::fromLatin1("XXX0:00:01") << 11 << 59 << 59;
+}
+
+void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc()
+{
+    QFETCH(QString, zone);
+    QFETCH(int, hour);
+    QFETCH(int, minute);
+    QFETCH(int, second);
+    setTimeZone(zone.toLatin1().constData());
+    QStringList reports;
+    NEventPlanner planner(NULL);
+    NPlannerRecorder recorder(&planner, &reports);
+    const QTime now(hour, minute);
+    const qint64 start = utc(2026, 1, 5, 12, 0) - second * 1000;
+    tickAt(start - Minute);
+    planner.registerPeriodicEvent(everyDay(), now);
+    planner.registerPeriodicEvent(everyDay(), now.addSecs(60));
+
+    // At each second of the minute, and just before its end.
+    for (int passed = 0; passed < 60; ++passed) {
+        NFakeClock::stopAt(start + passed * 1000 + (passed == 59 ? 999 : 0));
+        ticker()->currentDateTimeChanged();
+        QCOMPARE(timer()->interval(), passed == 59 ? 1 : (60 - passed) * 1000);
+        QCOMPARE(reports, QStringList(QString::fromLatin1("event ") + now.toString(QString::fromLatin1("hhmm"))));
+    }
+    reports.clear();
+    tickAt(start + Minute);
+    QCOMPARE(timer()->interval(), int(Minute));
+    QCOMPARE(
+        reports,
+        QStringList(QString::fromLatin1("event ") + now.addSecs(60).toString(QString::fromLatin1("hhmm"))));
+}
+
 void tst_NEventPlannerSingleton::timeZoneMayChange()
 {
     QStringList reports;
@@ -320,8 +419,8 @@ void tst_NEventPlannerSingleton::timeZoneMayChange()
     planner.registerCalendarEvent(NEventPlanner::NewHour);
     reports.clear();
 
-    // The ticker is told: it is 15:00 in Japan when it is 07:00 in Central Europe.
-    setTimeZone("JST-9");
+    // Nobody calls tzset(). The ticker is told: it is 15:00 in Japan when it is 07:00 in Central Europe.
+    ::setenv("TZ", "JST-9", 1);
     ticker()->currentDateTimeChanged();
     QCOMPARE(reports, list("end 0600-1200,calendar 1"));
     QCOMPARE(timer()->interval(), int(Minute));
@@ -332,12 +431,12 @@ void tst_NEventPlannerSingleton::timeZoneMayChange()
     reports.clear();
 
     // It finds out at the next minute, in a zone half an hour away.
-    setTimeZone("IST-5:30");
+    ::setenv("TZ", "IST-5:30", 1);
     tickAt(utc(2026, 1, 5, 7, 1));
     QCOMPARE(reports, list("calendar 1"));
     QCOMPARE(timer()->interval(), int(Minute));
     reports.clear();
-    setTimeZone("CET-1");
+    ::setenv("TZ", "CET-1", 1);
     tickAt(utc(2026, 1, 5, 7, 2));
     QCOMPARE(reports, list("start 0600-1200,calendar 1"));
 }

@@ -281,6 +281,9 @@ class Timetable {
 
   async #undo() {
     const entry = this.#removed;
+    // A second click may be quicker than the answer to the first.
+    if (!entry)
+      return;
     this.#removed = null;
     try {
       const added = await this.#client.post(PATH, entry);
