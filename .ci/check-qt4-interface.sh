@@ -37,7 +37,7 @@ found=0
 while read -r file; do
     case $file in
         # JSON by Qt itself is compiled with Qt 5 only.
-        src/nbase/nbaseqtcompat_p.h | src/nwebapi/nwajsonbackendqt.cpp | tests/support/*)
+        src/nbase/nbaseqtcompat_p.h | src/nwebapi/nwaqtcompat_p.h | src/nwebapi/nwajsonbackendqt.cpp | tests/support/*)
             continue
             ;;
     esac
