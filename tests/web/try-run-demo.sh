@@ -84,10 +84,16 @@ $address" ] || fail "the second start says: $output"
     expect_nothing_left "$run_directory"
 }
 
+has_ended()
+{
+    ! kill -0 "$1" 2>/dev/null
+}
+
+# On a terminal SIGINT is not ignored, as it is below a script that runs in the background.
 try_foreground()
 {
     local output="$folder/foreground" run_directory status=0 job
-    "$tree/run-demo.sh" --foreground --port "$port" > "$output" 2>&1 &
+    env --default-signal=INT "$tree/run-demo.sh" --foreground --port "$port" > "$output" 2>&1 &
     job=$!
     await "the demo in the foreground" grep -qxF "$address" "$output"
     cat "$output"
@@ -96,6 +102,7 @@ try_foreground()
 
     run_directory=$(control run-directory)
     kill -INT -- "-$job"
+    await "the end after Ctrl-C" has_ended "$job"
     wait "$job" || status=$?
     [ "$status" -eq 130 ] || fail "after Ctrl-C the exit status is $status"
     expect_nothing_left "$run_directory"
