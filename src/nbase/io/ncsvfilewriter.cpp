@@ -20,11 +20,11 @@ class FieldWriter
 {
 public:
     explicit FieldWriter(QChar separator)
-        : m_separators(NCsvText::fourTimes(separator))
-        , m_quotes(NCsvText::fourTimes(QLatin1Char('"')))
-        , m_carriageReturns(NCsvText::fourTimes(QLatin1Char('\r')))
-        , m_lineFeeds(NCsvText::fourTimes(QLatin1Char('\n')))
-        , m_padding(NCsvText::fourTimes(QLatin1Char(separator == QLatin1Char('x') ? 'y' : 'x')))
+        : m_separators(separator)
+        , m_quotes(QLatin1Char('"'))
+        , m_carriageReturns(QLatin1Char('\r'))
+        , m_lineFeeds(QLatin1Char('\n'))
+        , m_padding(QLatin1Char(separator == QLatin1Char('x') ? 'y' : 'x'))
     {
     }
 
@@ -62,10 +62,10 @@ private:
     bool needsQuotes(const QChar* text, const QChar* end) const
     {
         for (; text < end; text += NCsvText::Four) {
-            const NCsvText::FourCharacters four = NCsvText::fourOf(text);
+            const NCsvText::FourCharacters::Vector four = NCsvText::FourCharacters(text).vector;
             if (NCsvText::isAny(
-                    (four == m_separators) | (four == m_quotes) | (four == m_carriageReturns) |
-                    (four == m_lineFeeds)))
+                    (four == m_separators.vector) | (four == m_quotes.vector) |
+                    (four == m_carriageReturns.vector) | (four == m_lineFeeds.vector)))
                 return true;
         }
         return false;

@@ -11,36 +11,32 @@
  */
 namespace NCsvText {
 
-/** The compiler's own vector type, which it makes do with on processors that have none. */
-typedef ushort FourCharacters __attribute__((vector_size(8)));
-
 const int Four = 4;
 
-// A 32-bit processor returns such a vector in different ways with and without a vector unit, which matters to
-// nobody where every caller is compiled along with what it calls.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpsabi"
-
-/** @a character in all four places. */
-inline FourCharacters fourTimes(QChar character)
+/**
+ * Four characters in the compiler's own vector type, which it makes do with on processors that have none. A vector
+ * by itself is not handed over: 32-bit processors do that in different ways.
+ */
+struct FourCharacters
 {
-    const ushort code = character.unicode();
-    const FourCharacters four = {code, code, code, code};
-    return four;
-}
+    typedef ushort Vector __attribute__((vector_size(8)));
 
-/** Four characters from @a text. */
-inline FourCharacters fourOf(const QChar* text)
-{
-    FourCharacters four;
-    memcpy(&four, text, sizeof(four));
-    return four;
-}
+    /** @a character in all four places. */
+    explicit FourCharacters(QChar character)
+    {
+        const ushort code = character.unicode();
+        const Vector four = {code, code, code, code};
+        vector = four;
+    }
 
-#pragma GCC diagnostic pop
+    /** Four characters from @a text. */
+    explicit FourCharacters(const QChar* text) { memcpy(&vector, text, sizeof(vector)); }
+
+    Vector vector;
+};
 
 /** Whether a comparison held in any place. */
-template <typename Comparison> inline bool isAny(Comparison comparison)
+template <typename Comparison> inline bool isAny(const Comparison& comparison)
 {
     quint64 places;
     memcpy(&places, &comparison, sizeof(places));
@@ -50,8 +46,8 @@ template <typename Comparison> inline bool isAny(Comparison comparison)
 /** Where the first such character is, or @a end. */
 inline const QChar* find(const QChar* begin, const QChar* end, QChar character)
 {
-    const FourCharacters wanted = fourTimes(character);
-    while (end - begin >= Four && !isAny(fourOf(begin) == wanted))
+    const FourCharacters wanted(character);
+    while (end - begin >= Four && !isAny(FourCharacters(begin).vector == wanted.vector))
         begin += Four;
     while (begin < end && *begin != character)
         ++begin;
@@ -61,12 +57,12 @@ inline const QChar* find(const QChar* begin, const QChar* end, QChar character)
 /** Copies what is before the next such character, or before @a end, and moves @a from and @a to behind it. */
 inline void copyUpTo(QChar character, const QChar*& from, const QChar* end, QChar*& to)
 {
-    const FourCharacters wanted = fourTimes(character);
+    const FourCharacters wanted(character);
     for (; end - from >= Four; from += Four, to += Four) {
-        const FourCharacters four = fourOf(from);
-        if (isAny(four == wanted))
+        const FourCharacters four(from);
+        if (isAny(four.vector == wanted.vector))
             break;
-        memcpy(static_cast<void*>(to), &four, sizeof(four));
+        memcpy(static_cast<void*>(to), &four.vector, sizeof(four.vector));
     }
     while (from < end && *from != character)
         *to++ = *from++;
