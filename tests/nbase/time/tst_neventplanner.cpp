@@ -8,6 +8,8 @@
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
 
+#include <time.h>
+
 using namespace NPlannerClock;
 
 typedef QSet<Qt::DayOfWeek> Days;
@@ -586,7 +588,9 @@ void tst_NEventPlanner::calendarEventsFollowTheDifferences_data()
     row("to the leap day", at(2028, 2, 28, 23, 59), at(2028, 2, 29, 0, 0), "012");
     row("from the leap day", at(2028, 2, 29, 23, 59), at(2028, 3, 1, 0, 0), "0123");
     row("no leap day", at(2026, 2, 28, 23, 59), at(2026, 3, 1, 0, 0), "0123");
-    row("no leap day in 2100", at(2100, 2, 28, 23, 59), at(2100, 3, 1, 0, 0), "0123");
+    // A clock of 32 bits ends before.
+    if (sizeof(time_t) > 4)
+        row("no leap day in 2100", at(2100, 2, 28, 23, 59), at(2100, 3, 1, 0, 0), "0123");
     row("the same minute again", at(2026, 1, 5, 7, 30), at(2026, 1, 5, 7, 30), "0");
     row("a minute back", at(2026, 1, 5, 10, 59), at(2026, 1, 5, 10, 58), "0");
     row("an hour back", at(2026, 1, 5, 10, 59), at(2026, 1, 5, 9, 59), "01");
