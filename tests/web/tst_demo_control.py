@@ -22,7 +22,7 @@ def is_live(process):
     try:
         with open(f"/proc/{process}/stat", encoding="ascii", errors="replace") as file:
             return file.read().rpartition(") ")[2][0] != "Z"
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):  # gone before the file was opened, or read
         return False
 
 

@@ -37,8 +37,11 @@ def names_of_children(process):
     names = []
     with open(f"/proc/{process}/task/{process}/children", encoding="ascii") as file:
         for child in file.read().split():
-            with open(f"/proc/{child}/comm", encoding="utf-8") as name:
-                names.append(name.read().strip())
+            try:
+                with open(f"/proc/{child}/comm", encoding="utf-8") as name:
+                    names.append(name.read().strip())
+            except (FileNotFoundError, ProcessLookupError):  # gone before the file was opened, or read
+                pass
     return names
 
 

@@ -254,20 +254,27 @@ class ManyPackages:
 
 def child_processes(parent):
     for path in glob.glob(f"/proc/{parent}/task/*/children"):
-        with open(path, encoding="ascii") as file:
-            for child in file.read().split():
-                yield child
-                yield from child_processes(child)
+        try:
+            with open(path, encoding="ascii") as file:
+                children = file.read().split()
+        except (FileNotFoundError, ProcessLookupError):  # gone before the file was opened, or read
+            continue
+        for child in children:
+            yield child
+            yield from child_processes(child)
 
 
 def memory_of_pages(browser):
     """The most memory, in bytes, that any process of the browser with a page in it has had."""
     most = 0
     for process in child_processes(browser.driver.service.process.pid):
-        with open(f"/proc/{process}/cmdline", "rb") as file:
-            is_page = b"--type=renderer" in file.read()
-        with open(f"/proc/{process}/status", encoding="ascii", errors="replace") as file:
-            peaks = [int(line.split()[1]) * 1024 for line in file if line.startswith("VmHWM:")]
+        try:
+            with open(f"/proc/{process}/cmdline", "rb") as file:
+                is_page = b"--type=renderer" in file.read()
+            with open(f"/proc/{process}/status", encoding="ascii", errors="replace") as file:
+                peaks = [int(line.split()[1]) * 1024 for line in file if line.startswith("VmHWM:")]
+        except (FileNotFoundError, ProcessLookupError):  # helpers of the browser come and go
+            continue
         most = max([most] + peaks) if is_page else most
     assert most > 0, "no page of this browser has been found"
     return most
