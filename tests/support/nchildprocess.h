@@ -1,6 +1,7 @@
 #ifndef NBASE_TESTS_NCHILDPROCESS_H
 #define NBASE_TESTS_NCHILDPROCESS_H
 
+#include <errno.h>
 #include <stdio.h>
 #include <sys/resource.h>
 #include <sys/types.h>
@@ -8,6 +9,21 @@
 #include <unistd.h>
 
 namespace NTest {
+
+/**
+ * Waits for the end of a process that the test has forked; the toolkit may have told the system to interrupt that
+ * when another process ends.
+ * @return its status, as waitpid(2) gives it; -1 when there is no such process.
+ */
+inline int waitForChild(pid_t child)
+{
+    int status = -1;
+    pid_t ended;
+    do
+        ended = ::waitpid(child, &status, 0);
+    while (ended < 0 && errno == EINTR);
+    return ended == child ? status : -1;
+}
 
 /**
  * Runs @a function in a process of its own, where it may limit what the process gets or spoil what it has.
@@ -24,10 +40,8 @@ template <typename Function> int runInChild(Function function)
             ::_exit(255);
         }
     }
-    int status = -1;
-    if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
+    const int status = child < 0 ? -1 : waitForChild(child);
+    return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 /**

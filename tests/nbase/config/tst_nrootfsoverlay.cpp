@@ -1,5 +1,6 @@
 #include <nbase/config/nrootfsoverlay.h>
 
+#include "support/nchildprocess.h"
 #include "support/nfilefault.h"
 #include "support/nmounttable.h"
 #include "support/nprivatenamespace.h"
@@ -18,7 +19,6 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -723,11 +723,8 @@ void tst_NRootfsOverlay::processesMayWriteAtOnce()
                      identifiers.contains(read(AutoBackup)) && isDone;
         ::_exit(isDone ? 0 : 1);
     }
-    for (pid_t process : processes) {
-        int status = -1;
-        QVERIFY(::waitpid(process, &status, 0) == process);
-        QCOMPARE(status, 0);
-    }
+    for (pid_t process : processes)
+        QCOMPARE(NTest::waitForChild(process), 0);
     QVERIFY(identifiers.contains(read(AutoBackup)));
     QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
 }

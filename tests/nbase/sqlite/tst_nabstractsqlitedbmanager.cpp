@@ -1,5 +1,6 @@
 #include "ntestdatabase.h"
 
+#include "support/nchildprocess.h"
 #include "support/nfilefault.h"
 #include "support/nmessagerecorder.h"
 #include "support/nprivatenamespace.h"
@@ -22,7 +23,6 @@
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -1118,11 +1118,8 @@ void tst_NAbstractSqliteDbManager::processesMayOpenAtOnce()
         // They wait for the end of the pipe.
         ::close(start[0]);
         ::close(start[1]);
-        for (pid_t process : processes) {
-            int status = -1;
-            QVERIFY(::waitpid(process, &status, 0) == process);
-            QCOMPARE(status, 0);
-        }
+        for (pid_t process : processes)
+            QCOMPARE(NTest::waitForChild(process), 0);
         QString all = expected;
         all.replace(text("in between"), text("in between\nin between\nin between"));
         NTestManager reader(path, 2);
@@ -1954,7 +1951,7 @@ void tst_NAbstractSqliteDbManager::killedConversionLeavesOldOrNewData()
             ::usleep(useconds_t(random(longest)));
             ::kill(process, SIGKILL);
         }
-        QVERIFY(::waitpid(process, NULL, 0) == process);
+        QVERIFY(NTest::waitForChild(process) != -1);
         if (round == 0)
             longest = int(timer.nsecsElapsed() / 1000) + 1;
 
