@@ -36,12 +36,14 @@ bool isTitleCharacter(QChar character)
 
 bool isTitle(const QString& text)
 {
+    int length = 0;
     for (int index = 0; index < text.size(); ++index) {
         if (!isTitleCharacter(text.at(index)))
             return false;
+        // In UTF-16 some characters, of many an emoji for example, take two units.
+        length += text.at(index).isLowSurrogate() ? 0 : 1;
     }
-    // In UTF-16 some characters, of many an emoji for example, take two units.
-    return !text.isEmpty() && text.toUcs4().size() <= MaximumTitleLength;
+    return !text.isEmpty() && length <= MaximumTitleLength;
 }
 
 bool readTime(const QVariantMap& object, const char* name, QTime& time)
