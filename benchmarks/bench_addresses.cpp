@@ -69,7 +69,7 @@ void matchMacAddress(benchmark::State& state)
         unsigned char bytes[6] = {0};
         if (regExp.exactMatch(text)) {
             for (int index = 0; index < 6; ++index)
-                bytes[index] = static_cast<unsigned char>(regExp.cap(index + 1).toUInt(NULL, 16));
+                bytes[index] = static_cast<unsigned char>(regExp.cap(index + 1).toUInt(nullptr, 16));
         }
         benchmark::DoNotOptimize(NMacAddress(bytes));
     }

@@ -66,7 +66,7 @@ public:
         for (int day = Qt::Monday; day <= Qt::Friday; ++day)
             workingDays << Qt::DayOfWeek(day);
         for (int index = 0; index < plannerCount; ++index)
-            m_planners.append(new NEventPlanner(NULL));
+            m_planners.append(new NEventPlanner(nullptr));
         for (int index = 0; index < count; ++index) {
             NEventPlanner* const planner = m_planners.at(index / 2 % plannerCount);
             if (index % 2)
@@ -153,7 +153,7 @@ void registerEntries(benchmark::State& state)
     const int count = int(state.range(0)) / 2;
     const Days days = Days() << Qt::Monday;
     NFakeClock::stopAt(Start);
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     QVector<Event*> events(count);
     QVector<TimeSlot*> timeSlots(count);
     for (auto _ : state) {
@@ -182,15 +182,15 @@ void insertEntries(benchmark::State& state)
     for (auto _ : state) {
         for (int index = 0; index < count; ++index) {
             events[index] = new Event(days, QTime(8, 0));
-            eventSets[NULL].insert(events.at(index));
+            eventSets[nullptr].insert(events.at(index));
             timeSlots[index] = new TimeSlot(days, QTime(8, 0), QTime(9, 0));
-            timeSlotSets[NULL].insert(timeSlots.at(index));
+            timeSlotSets[nullptr].insert(timeSlots.at(index));
             states.insert(timeSlots.at(index), false);
         }
         for (int index = 0; index < count; ++index) {
-            eventSets[NULL].remove(events.at(index));
+            eventSets[nullptr].remove(events.at(index));
             delete events.at(index);
-            timeSlotSets[NULL].remove(timeSlots.at(index));
+            timeSlotSets[nullptr].remove(timeSlots.at(index));
             states.remove(timeSlots.at(index));
             delete timeSlots.at(index);
         }

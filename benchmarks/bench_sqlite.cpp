@@ -34,9 +34,9 @@ public:
         : NAbstractSQLiteDbTable(manager)
     {
     }
-    QString tableName() const { return QString::fromLatin1("readings"); }
-    QString createTableStatement() const { return QString::fromLatin1(CreateStatement); }
-    QStringList createTriggersStatements() const { return QStringList(); }
+    QString tableName() const override { return QString::fromLatin1("readings"); }
+    QString createTableStatement() const override { return QString::fromLatin1(CreateStatement); }
+    QStringList createTriggersStatements() const override { return QStringList(); }
 };
 
 class Manager : public NAbstractSqliteDbManager
@@ -49,11 +49,11 @@ public:
         m_tables << &m_table;
         openDatabase();
     }
-    QString name() const { return QString::fromLatin1("benchmark"); }
-    QString connectionName() const { return QString::fromLatin1("benchmark"); }
-    QString databaseFilePath() const { return m_path; }
-    int currentVersion() const { return 1; }
-    QList<NAbstractSQLiteDbTable*> tables() const { return m_tables; }
+    QString name() const override { return QString::fromLatin1("benchmark"); }
+    QString connectionName() const override { return QString::fromLatin1("benchmark"); }
+    QString databaseFilePath() const override { return m_path; }
+    int currentVersion() const override { return 1; }
+    QList<NAbstractSQLiteDbTable*> tables() const override { return m_tables; }
     Table& table() { return m_table; }
 
 private:
@@ -75,7 +75,7 @@ class Raw
 {
 public:
     explicit Raw(const char* path = ":memory:")
-        : m_database(NULL)
+        : m_database(nullptr)
     {
         require(sqlite3_open(path, &m_database) == SQLITE_OK, "cannot open");
         execute(CreateStatement);
@@ -83,12 +83,12 @@ public:
     ~Raw() { sqlite3_close(m_database); }
     void execute(const char* statement)
     {
-        require(sqlite3_exec(m_database, statement, NULL, NULL, NULL) == SQLITE_OK, statement);
+        require(sqlite3_exec(m_database, statement, nullptr, nullptr, nullptr) == SQLITE_OK, statement);
     }
     sqlite3_stmt* prepare(const char* text)
     {
-        sqlite3_stmt* statement = NULL;
-        require(sqlite3_prepare_v2(m_database, text, -1, &statement, NULL) == SQLITE_OK, text);
+        sqlite3_stmt* statement = nullptr;
+        require(sqlite3_prepare_v2(m_database, text, -1, &statement, nullptr) == SQLITE_OK, text);
         return statement;
     }
     void insert(int count)

@@ -22,9 +22,9 @@ pid_t start(const char* program, int input)
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-    char* const arguments[] = {const_cast<char*>(program), NULL};
+    char* const arguments[] = {const_cast<char*>(program), nullptr};
     pid_t process = -1;
-    const int error = ::posix_spawn(&process, program, &actions, NULL, arguments, environ);
+    const int error = ::posix_spawn(&process, program, &actions, nullptr, arguments, environ);
     ::posix_spawn_file_actions_destroy(&actions);
     return error == 0 ? process : -1;
 }

@@ -129,7 +129,7 @@ void readBacklog(benchmark::State& state, bool ours)
     for (auto _ : state) {
         for (qint64 count = 0; count < bytesOf(state); count += backlog) {
             state.PauseTiming();
-            NSequentialBuffer buffer(NULL);
+            NSequentialBuffer buffer(nullptr);
             buffer.open(QIODevice::ReadWrite | QIODevice::Unbuffered);
             buffer.write(bytes);
             state.ResumeTiming();

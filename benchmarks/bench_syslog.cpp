@@ -66,7 +66,7 @@ private:
     {
         std::string path = "/tmp/nbase-bench-syslog-XXXXXX";
         const int descriptor = ::mkstemp(&path[0]);
-        FILE* const file = descriptor < 0 ? NULL : fdopen(descriptor, "w");
+        FILE* const file = descriptor < 0 ? nullptr : fdopen(descriptor, "w");
         if (!file) {
             perror("cannot make the log");
             exit(EXIT_FAILURE);
@@ -123,10 +123,10 @@ long grep(const std::string& path, const std::string& pattern, bool comparingByt
                                      "grep",       "-E",
                                      "-a",         "-c",
                                      "-e",         pattern.c_str(),
-                                     path.c_str(), NULL};
+                                     path.c_str(), nullptr};
     pid_t process = -1;
     const int error =
-        ::posix_spawnp(&process, "env", &actions, NULL, const_cast<char* const*>(arguments), environ);
+        ::posix_spawnp(&process, "env", &actions, nullptr, const_cast<char* const*>(arguments), environ);
     ::posix_spawn_file_actions_destroy(&actions);
     ::close(output[1]);
     char text[32] = "";
@@ -135,7 +135,7 @@ long grep(const std::string& path, const std::string& pattern, bool comparingByt
     int status = -1;
     if (error != 0 || ::waitpid(process, &status, 0) != process || !WIFEXITED(status) || size <= 0)
         return -1;
-    return strtol(text, NULL, 10);
+    return strtol(text, nullptr, 10);
 }
 
 void finish(benchmark::State& state, long lines)
@@ -149,7 +149,7 @@ void finish(benchmark::State& state, long lines)
 void ours(benchmark::State& state, int level, const char* program)
 {
     const QString path = QFile::decodeName(logFiles().path(int(state.range(0))).c_str());
-    const NSysLog log(0, LOG_USER, QStringList(path), NULL);
+    const NSysLog log(0, LOG_USER, QStringList(path), nullptr);
     const QList<QRegExp> programs = QList<QRegExp>() << QRegExp(QString::fromLatin1(program));
     long lines = 0;
     for (auto _ : state)

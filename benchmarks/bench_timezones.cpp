@@ -106,7 +106,7 @@ long readFiles(int parent, const char* name, const QSet<QByteArray>* regions)
             continue;
         if (entry->d_type == DT_DIR) {
             if (!regions || regions->contains(QByteArray(entry->d_name)))
-                total += readFiles(descriptor, entry->d_name, NULL);
+                total += readFiles(descriptor, entry->d_name, nullptr);
         } else if (!regions) {
             total += readFile(descriptor, entry->d_name);
         }

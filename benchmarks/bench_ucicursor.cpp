@@ -111,7 +111,7 @@ void lookUp(benchmark::State& state, const char* option)
     uci_context* const context = uci_alloc_context();
     uci_set_confdir(context, QFile::encodeName(store().path()).constData());
     const QByteArray package = packageName(sections).toLatin1();
-    uci_package* loaded = NULL;
+    uci_package* loaded = nullptr;
     if (uci_load(context, package.constData(), &loaded) != UCI_OK)
         state.SkipWithError("the package cannot be loaded");
     QList<QByteArray> names;
@@ -123,7 +123,7 @@ void lookUp(benchmark::State& state, const char* option)
         place.package = package.constData();
         place.section = names.at(next).constData();
         place.option = option;
-        if (uci_lookup_ptr(context, &place, NULL, true) != UCI_OK || !place.o)
+        if (uci_lookup_ptr(context, &place, nullptr, true) != UCI_OK || !place.o)
             state.SkipWithError("the option is not found");
         benchmark::DoNotOptimize(place.o);
         next = (next + 1) % PlaceCount;

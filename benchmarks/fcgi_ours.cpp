@@ -21,7 +21,7 @@ public:
     {
     }
 
-    virtual void processRequest(NwaFcgiRequest* request)
+    void processRequest(NwaFcgiRequest* request) override
     {
         const int size = request->pathInfo().mid(1).toInt();
         std::ostream& output = request->outputStream();

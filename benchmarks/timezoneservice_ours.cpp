@@ -25,7 +25,7 @@ int main(int argc, char** argv)
     const NBuildrootUclibcTimeZoneDatabase database;
     NwaWebSessionManager sessions;
     NwaCookieFcgiSessionIdentifier identifier(&sessions);
-    NBuildrootUclibcTimeZoneDatabaseFcgiService service(&identifier, &database, 0);
+    NBuildrootUclibcTimeZoneDatabaseFcgiService service(&identifier, &database, nullptr);
     server.registerService(QString::fromLatin1("/ours"), &service);
     if (!server.listenOnPath(application.arguments().value(1)))
         return 1;

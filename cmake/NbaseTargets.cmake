@@ -4,6 +4,19 @@
 # character string as Latin-1 and Qt 5 as UTF-8, so a silent conversion would differ between the two.
 add_library(nbase_compile_options INTERFACE)
 target_compile_options(nbase_compile_options INTERFACE -Wall -Wextra -Wpedantic)
+include(CheckCXXCompilerFlag)
+check_cxx_compiler_flag(-Wsuggest-override NBASE_HAS_SUGGEST_OVERRIDE)
+if(NBASE_HAS_SUGGEST_OVERRIDE)
+    target_compile_options(nbase_compile_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wsuggest-override>)
+endif()
+# Qt 4's macros write null pointers as 0 and would be reported at each use.
+if(NBASE_QT_MAJOR EQUAL 5)
+    check_cxx_compiler_flag(-Wzero-as-null-pointer-constant NBASE_HAS_ZERO_AS_NULL)
+    if(NBASE_HAS_ZERO_AS_NULL)
+        target_compile_options(nbase_compile_options INTERFACE
+            $<$<COMPILE_LANGUAGE:CXX>:-Wzero-as-null-pointer-constant>)
+    endif()
+endif()
 # A file may be larger than 2 GiB, a log or an image, and a file system may number its files beyond 32 bits; without this
 # the C library of a 32-bit machine refuses to open such files.
 target_compile_definitions(nbase_compile_options INTERFACE

@@ -11,9 +11,9 @@ class SensorTable : public NAbstractSQLiteDbTable
 public:
     explicit SensorTable(NAbstractSqliteDbManager* manager);
 
-    QString tableName() const;
-    QString createTableStatement() const;
-    QStringList createTriggersStatements() const;
+    QString tableName() const override;
+    QString createTableStatement() const override;
+    QStringList createTriggersStatements() const override;
 
     /** The rowid of the sensor @a name, which is inserted when it is new; 0 when that fails. */
     qlonglong rowidOf(const QString& name, const QString& unit);
@@ -28,9 +28,9 @@ class ReadingTable : public NAbstractSQLiteDbTable
 public:
     explicit ReadingTable(NAbstractSqliteDbManager* manager);
 
-    QString tableName() const;
-    QString createTableStatement() const;
-    QStringList createTriggersStatements() const;
+    QString tableName() const override;
+    QString createTableStatement() const override;
+    QStringList createTriggersStatements() const override;
 
     bool add(qlonglong sensor, double value);
 };
@@ -44,12 +44,12 @@ class SensorDatabase : public NAbstractSqliteDbManager
 public:
     explicit SensorDatabase(const QString& path);
 
-    bool convertDatabaseFromOldVersion(int oldVersion);
-    QString name() const;
-    QString connectionName() const;
-    QString databaseFilePath() const;
-    int currentVersion() const;
-    QList<NAbstractSQLiteDbTable*> tables() const;
+    bool convertDatabaseFromOldVersion(int oldVersion) override;
+    QString name() const override;
+    QString connectionName() const override;
+    QString databaseFilePath() const override;
+    int currentVersion() const override;
+    QList<NAbstractSQLiteDbTable*> tables() const override;
 
     SensorTable& sensors() { return m_sensors; }
     ReadingTable& readings() { return m_readings; }

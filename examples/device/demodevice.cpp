@@ -48,7 +48,7 @@ void addExamples(Timetable* timetable)
 } // namespace
 
 DemoDevice::DemoDevice(int sessionTimeout)
-    : m_packages(NULL)
+    : m_packages(nullptr)
     , m_identifier(&m_sessions)
 {
     m_sessions.setIdleTimeout(sessionTimeout);

@@ -98,10 +98,10 @@ const char* readEntry(const QVariantMap& object, EntryPlan& plan)
     if (!readDays(object, plan.days))
         return DaysRule;
     if (plan.kind == EntryPlan::Event)
-        return readTime(object, "time", plan.start) ? NULL : TimeRule;
+        return readTime(object, "time", plan.start) ? nullptr : TimeRule;
     if (!readTime(object, "start", plan.start))
         return StartRule;
-    return readTime(object, "end", plan.end) ? NULL : EndRule;
+    return readTime(object, "end", plan.end) ? nullptr : EndRule;
 }
 
 QVariantList daysToVariant(const QSet<Qt::DayOfWeek>& days)
@@ -301,5 +301,5 @@ bool EventsRequestProcessor::readPlan(NwaFcgiRequest* request, EntryPlan& plan)
         brokenRule = readEntry(object, plan);
     if (brokenRule)
         refuse(request, NwaFcgiRequest::BadRequest, QString::fromLatin1(brokenRule));
-    return brokenRule == NULL;
+    return brokenRule == nullptr;
 }

@@ -28,10 +28,10 @@ public:
     EventsRequestProcessor(NwaAbstractFcgiSessionIdentifier* identifier, Timetable* timetable);
 
 protected:
-    virtual void processGetMethod(NwaFcgiRequest* request);
-    virtual void processPostMethod(NwaFcgiRequest* request);
-    virtual void processPutMethod(NwaFcgiRequest* request);
-    virtual void processDeleteMethod(NwaFcgiRequest* request);
+    void processGetMethod(NwaFcgiRequest* request) override;
+    void processPostMethod(NwaFcgiRequest* request) override;
+    void processPutMethod(NwaFcgiRequest* request) override;
+    void processDeleteMethod(NwaFcgiRequest* request) override;
 
 private:
     bool readPlan(NwaFcgiRequest* request, EntryPlan& plan);

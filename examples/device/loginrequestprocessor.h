@@ -14,7 +14,7 @@ public:
     using SessionRequestProcessor::SessionRequestProcessor;
 
 protected:
-    virtual void processPostMethod(NwaFcgiRequest* request);
+    void processPostMethod(NwaFcgiRequest* request) override;
 };
 
 #endif

@@ -10,7 +10,7 @@ public:
     using SessionRequestProcessor::SessionRequestProcessor;
 
 protected:
-    virtual void processPostMethod(NwaFcgiRequest* request);
+    void processPostMethod(NwaFcgiRequest* request) override;
 };
 
 #endif

@@ -51,7 +51,7 @@ int main(int argc, char** argv)
 {
     // syslog(3) keeps a pointer to the identity, which belongs to the NSysLog. So this one comes first and goes
     // last: whatever is destroyed before may still send messages.
-    NSysLog log(LOG_PID, LOG_DAEMON, QStringList(), NULL);
+    NSysLog log(LOG_PID, LOG_DAEMON, QStringList(), nullptr);
     QCoreApplication application(argc, argv);
     Options options;
     if (!readOptions(application.arguments(), options)) {

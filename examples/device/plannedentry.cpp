@@ -3,8 +3,8 @@
 PlannedEntry::PlannedEntry(unsigned int id, QObject* parent)
     : QObject(parent)
     , m_id(id)
-    , m_event(NULL)
-    , m_slot(NULL)
+    , m_event(nullptr)
+    , m_slot(nullptr)
 {
     connect(
         &m_planner, SIGNAL(periodicEventTriggered(const NEventPlanner::NPeriodicEvent*)), this,
@@ -53,10 +53,10 @@ void PlannedEntry::setPlan(const EntryPlan& plan)
 
 void PlannedEntry::cancel()
 {
-    m_planner.unregisterPeriodicEvent(NULL);
-    m_planner.unregisterPeriodicTimeSlot(NULL);
-    m_event = NULL;
-    m_slot = NULL;
+    m_planner.unregisterPeriodicEvent(nullptr);
+    m_planner.unregisterPeriodicTimeSlot(nullptr);
+    m_event = nullptr;
+    m_slot = nullptr;
 }
 
 void PlannedEntry::registerPlan()

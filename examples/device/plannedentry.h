@@ -37,7 +37,7 @@ public:
     PlannedEntry(unsigned int id, QObject* parent);
 
     /** Tells nothing any more; see cancel(). */
-    virtual ~PlannedEntry();
+    ~PlannedEntry() override;
 
     unsigned int id() const;
     const EntryPlan& plan() const;

@@ -29,7 +29,7 @@ void handleSignals(void (*handler)(int))
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
     for (int signal : Signals)
-        ::sigaction(signal, &action, NULL);
+        ::sigaction(signal, &action, nullptr);
 }
 
 } // namespace

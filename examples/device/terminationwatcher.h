@@ -14,7 +14,7 @@ class TerminationWatcher : public QObject
 
 public:
     explicit TerminationWatcher(QObject* parent);
-    virtual ~TerminationWatcher();
+    ~TerminationWatcher() override;
 
 signals:
     void terminationRequested();

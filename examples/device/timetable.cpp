@@ -25,7 +25,7 @@ const QList<Timetable::Firing>& Timetable::firings() const
 PlannedEntry* Timetable::add(const EntryPlan& plan)
 {
     if (m_entries.size() >= MaximumEntryCount)
-        return NULL;
+        return nullptr;
     PlannedEntry* const entry = new PlannedEntry(++m_lastId, this);
     connect(entry, SIGNAL(happened(PlannedEntry*,int)), this, SLOT(record(PlannedEntry*,int)));
     m_entries.insert(entry->id(), entry);
@@ -38,7 +38,7 @@ PlannedEntry* Timetable::change(unsigned int id, const EntryPlan& plan)
 {
     PlannedEntry* const entry = m_entries.value(id);
     if (!entry)
-        return NULL;
+        return nullptr;
     ++m_lastNumber;
     entry->setPlan(plan);
     return entry;

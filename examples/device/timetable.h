@@ -34,7 +34,7 @@ public:
         PlannedEntry::Happening happening;
     };
 
-    explicit Timetable(QObject* parent = NULL);
+    explicit Timetable(QObject* parent = nullptr);
 
     /** The number of the latest change. */
     quint64 lastNumber() const;

@@ -13,7 +13,7 @@ int main(int argc, char** argv)
     // The first object of the program goes last, so that the others can still log while they are destroyed.
     QStringList logFiles;
     logFiles << QString::fromLatin1("/var/log/messages.0") << QString::fromLatin1("/var/log/messages");
-    NSysLog systemLog(LOG_PID, LOG_DAEMON, logFiles, NULL);
+    NSysLog systemLog(LOG_PID, LOG_DAEMON, logFiles, nullptr);
     NSysLog::setAsQtMsgHandler();
     QCoreApplication application(argc, argv);
 

@@ -12,8 +12,8 @@ class Heating : public QObject
 
 public:
     Heating()
-        : m_warmTime(NULL)
-        , m_pumpTest(NULL)
+        : m_warmTime(nullptr)
+        , m_pumpTest(nullptr)
     {
         connect(
             &m_planner, SIGNAL(periodicTimeSlotStarted(const NEventPlanner::NPeriodicTimeSlot*)), this,

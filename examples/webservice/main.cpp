@@ -36,7 +36,7 @@ public:
     }
 
 protected:
-    virtual void processPostMethod(NwaFcgiRequest* request)
+    void processPostMethod(NwaFcgiRequest* request) override
     {
         bool ok = false;
         const QVariant document = parseJsonContent(request, &ok);
@@ -70,7 +70,7 @@ protected:
         delete request;
     }
 
-    virtual void processDeleteMethod(NwaFcgiRequest* request)
+    void processDeleteMethod(NwaFcgiRequest* request) override
     {
         if (NwaWebSession* session = authenticateRequest(request, false)) {
             NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
@@ -104,7 +104,7 @@ public:
     }
 
 protected:
-    virtual void processGetMethod(NwaFcgiRequest* request)
+    void processGetMethod(NwaFcgiRequest* request) override
     {
         if (NwaWebSession* session = authenticateRequest(request, false))
             sendGreeting(request, session);
@@ -112,7 +112,7 @@ protected:
             delete request;
     }
 
-    virtual void processPutMethod(NwaFcgiRequest* request)
+    void processPutMethod(NwaFcgiRequest* request) override
     {
         NwaWebSession* session = authenticateRequest(request, false);
         bool ok = false;
@@ -156,8 +156,8 @@ int main(int argc, char* argv[])
 
     NwaWebSessionManager sessionManager;
     NwaCookieFcgiSessionIdentifier identifier(&sessionManager);
-    NwaStandardFcgiService login(new LoginRequestProcessor(&identifier, &sessionManager), 0);
-    NwaStandardFcgiService greeting(new GreetingRequestProcessor(&identifier), 0);
+    NwaStandardFcgiService login(new LoginRequestProcessor(&identifier, &sessionManager), nullptr);
+    NwaStandardFcgiService greeting(new GreetingRequestProcessor(&identifier), nullptr);
 
     NwaFcgiServer server;
     server.registerService(QString::fromLatin1("/api/login"), &login);

@@ -14,8 +14,8 @@ class NWEBAPI_EXPORT NwaAbstractFcgiService : public QObject
 
 public:
     /** A service that no server knows yet, see NwaFcgiServer::registerService(). */
-    explicit NwaAbstractFcgiService(QObject* parent = 0);
-    virtual ~NwaAbstractFcgiService();
+    explicit NwaAbstractFcgiService(QObject* parent = nullptr);
+    ~NwaAbstractFcgiService() override;
 
     /** Takes @a request over: answers it, now or later, and deletes it. */
     virtual void processRequest(NwaFcgiRequest* request) = 0;

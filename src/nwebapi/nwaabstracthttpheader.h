@@ -30,7 +30,7 @@ public:
     void addField(const QByteArray& name, const QByteArray& value);
 
     /** Writes the status, the fields and the empty line. */
-    virtual void render(std::ostream& stream) const;
+    void render(std::ostream& stream) const override;
 
     /** The phrase of the HTTP status @a code, for example "Not Found"; "Unknown" for a code without one here. */
     static QByteArray reasonPhrase(int code);

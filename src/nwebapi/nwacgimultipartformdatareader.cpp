@@ -20,7 +20,7 @@ bool isBoundaryCharacter(char character)
 {
     const bool isLetter = (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
     const bool isDigit = character >= '0' && character <= '9';
-    return isLetter || isDigit || (character != '\0' && strchr("'()+_,-./:=? ", character) != 0);
+    return isLetter || isDigit || (character != '\0' && strchr("'()+_,-./:=? ", character) != nullptr);
 }
 
 bool isBoundary(const QByteArray& text)
@@ -140,7 +140,7 @@ const char* readPartHeader(const QByteArray& text, PartHeader& part)
         part.fileName = NwaUtf8::decode(decodedName(parameters.value("filename")));
     if (fields.contains("content-type"))
         part.contentType = QString::fromLatin1(NwaHttpGrammar::mainValue(fields.value("content-type")));
-    return 0;
+    return nullptr;
 }
 
 } // namespace

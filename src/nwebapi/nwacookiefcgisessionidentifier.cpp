@@ -74,7 +74,7 @@ NwaWebSession* NwaCookieFcgiSessionIdentifier::identifySession(NwaFcgiRequest* r
             m_manager->keepAlive(session);
         return session;
     }
-    return 0;
+    return nullptr;
 }
 
 void NwaCookieFcgiSessionIdentifier::addSessionCookie(

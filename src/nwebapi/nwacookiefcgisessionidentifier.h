@@ -21,9 +21,9 @@ public:
      */
     explicit NwaCookieFcgiSessionIdentifier(
         NwaWebSessionManager* manager, const QByteArray& cookieName = QByteArray("session"));
-    virtual ~NwaCookieFcgiSessionIdentifier();
+    ~NwaCookieFcgiSessionIdentifier() override;
 
-    virtual NwaWebSession* identifySession(NwaFcgiRequest* request, bool passive);
+    NwaWebSession* identifySession(NwaFcgiRequest* request, bool passive) override;
 
     /** Adds to @a header, the header of the reply to @a request, the cookie that carries @a session from now on.
      */

@@ -73,7 +73,7 @@ NwaFcgiConnection::NwaFcgiConnection(int descriptor, NwaFcgiServer* server)
     , m_resumeScheduled(false)
     , m_requestId(0)
     , m_keepConnection(false)
-    , m_request(0)
+    , m_request(nullptr)
     , m_dispatched(false)
     , m_streamed(false)
     , m_hasRemarks(false)
@@ -191,7 +191,7 @@ void NwaFcgiConnection::continueParsing()
 {
     if (m_descriptor < 0 || m_parsing)
         return;
-    processInput(0, 0);
+    processInput(nullptr, 0);
     readInput();
 }
 
@@ -590,7 +590,7 @@ bool NwaFcgiConnection::isBodyBroken() const
 void NwaFcgiConnection::finish()
 {
     const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
-    m_request = 0;
+    m_request = nullptr;
     if (m_descriptor < 0)
         return;
     appendStreamEnd(m_output, Stdout, m_requestId);
@@ -739,7 +739,7 @@ void NwaFcgiConnection::close()
 void NwaFcgiConnection::giveRequestUp()
 {
     NwaFcgiRequest* const request = m_request;
-    m_request = 0;
+    m_request = nullptr;
     if (!request)
         return;
     tellAborted(request);

@@ -24,7 +24,7 @@ class NwaFcgiConnection : private NwaFcgiChannel, public std::enable_shared_from
 public:
     /** @param descriptor a connected, non-blocking socket; the connection owns it. */
     NwaFcgiConnection(int descriptor, NwaFcgiServer* server);
-    virtual ~NwaFcgiConnection();
+    ~NwaFcgiConnection() override;
 
     /** Reads what has arrived already; the rest comes with events. */
     void start();
@@ -47,11 +47,11 @@ public:
 private:
     Q_DISABLE_COPY(NwaFcgiConnection)
 
-    virtual bool write(Stream stream, const char* data, int size);
-    virtual int replyBacklog() const;
-    virtual qint64 readBody(char* data, qint64 maximumSize);
-    virtual bool atBodyEnd() const;
-    virtual void finish();
+    bool write(Stream stream, const char* data, int size) override;
+    int replyBacklog() const override;
+    qint64 readBody(char* data, qint64 maximumSize) override;
+    bool atBodyEnd() const override;
+    void finish() override;
 
     void readInput();
     bool receive();

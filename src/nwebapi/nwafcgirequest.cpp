@@ -54,14 +54,14 @@ public:
     void sendHeaderOnly() { m_headerOnly = true; }
 
 protected:
-    virtual int sync()
+    int sync() override
     {
         const int size = int(pptr() - pbase());
         setp(m_buffer, m_buffer + sizeof(m_buffer));
         return send(m_buffer, size) ? 0 : -1;
     }
 
-    virtual int_type overflow(int_type character)
+    int_type overflow(int_type character) override
     {
         if (sync() != 0)
             return traits_type::eof();
@@ -70,7 +70,7 @@ protected:
         return traits_type::not_eof(character);
     }
 
-    virtual std::streamsize xsputn(const char* data, std::streamsize size)
+    std::streamsize xsputn(const char* data, std::streamsize size) override
     {
         if (size <= epptr() - pptr()) {
             memcpy(pptr(), data, size_t(size));
@@ -231,7 +231,7 @@ void NwaFcgiChannel::tellReplyTaken(NwaFcgiRequest* request)
 
 void NwaFcgiChannel::tellAborted(NwaFcgiRequest* request)
 {
-    request->m_channel = 0;
+    request->m_channel = nullptr;
     // Not at once: whoever hears of it may delete the request, which may be in the middle of a write.
     QMetaObject::invokeMethod(request, "aborted", Qt::QueuedConnection);
 }

@@ -49,12 +49,12 @@ public:
     NwaFcgiRequest(NwaFcgiChannel* channel, const Variables& variables);
 
     /** Completes the reply. */
-    virtual ~NwaFcgiRequest();
+    ~NwaFcgiRequest() override;
 
-    virtual std::ostream& outputStream();
-    virtual std::ostream& errorStream();
-    virtual qint64 readBody(char* data, qint64 maximumSize);
-    virtual bool atBodyEnd() const;
+    std::ostream& outputStream() override;
+    std::ostream& errorStream() override;
+    qint64 readBody(char* data, qint64 maximumSize) override;
+    bool atBodyEnd() const override;
 
     /**
      * Answers with a standard error, a short text as its body. Does nothing when the reply has begun already: what

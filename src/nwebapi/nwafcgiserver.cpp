@@ -108,7 +108,7 @@ NwaFcgiLimits::NwaFcgiLimits()
 NwaFcgiServer::NwaFcgiServer(QObject* parent)
     : QObject(parent)
     , m_poller(new NwaFcgiPoller)
-    , m_notifier(0)
+    , m_notifier(nullptr)
     , m_descriptor(-1)
     , m_accepting(false)
     , m_socketDevice(0)
@@ -269,7 +269,7 @@ void NwaFcgiServer::close()
     if (m_descriptor >= 0) {
         m_notifier->setEnabled(false);
         m_notifier->deleteLater();
-        m_notifier = 0;
+        m_notifier = nullptr;
         setAccepting(false);
         m_poller->close();
         // Removed while it is still served, or another process could have put its own in the place already.
@@ -331,7 +331,7 @@ void NwaFcgiServer::acceptConnections()
             pauseAccepting();
             return;
         }
-        const int descriptor = ::accept4(m_descriptor, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        const int descriptor = ::accept4(m_descriptor, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (descriptor < 0) {
             // A lack of descriptors or memory lasts for a while; trying on and on would only burn time.
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)

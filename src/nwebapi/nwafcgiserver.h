@@ -59,10 +59,10 @@ class NWEBAPI_EXPORT NwaFcgiServer : public QObject
 
 public:
     /** A server that does not listen yet and knows no service. */
-    explicit NwaFcgiServer(QObject* parent = 0);
+    explicit NwaFcgiServer(QObject* parent = nullptr);
 
     /** Closes the server and gives up all its requests. */
-    virtual ~NwaFcgiServer();
+    ~NwaFcgiServer() override;
 
     /** The limits in force; NwaFcgiLimits' own until setLimits() is called. */
     NwaFcgiLimits limits() const;

@@ -16,7 +16,7 @@ public:
     explicit NwaHttpContentHeader(const QString& mediaType, const QString& charset = QString());
 
     /** Writes the status, the content type, the fields that were added and the empty line. */
-    virtual void render(std::ostream& stream) const;
+    void render(std::ostream& stream) const override;
 };
 
 #endif

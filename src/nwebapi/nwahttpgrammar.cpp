@@ -58,7 +58,7 @@ bool NwaHttpGrammar::isTokenCharacter(char character)
 {
     const bool isLetter = (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
     const bool isDigit = character >= '0' && character <= '9';
-    return isLetter || isDigit || (character != '\0' && strchr("!#$%&'*+-.^_`|~", character) != 0);
+    return isLetter || isDigit || (character != '\0' && strchr("!#$%&'*+-.^_`|~", character) != nullptr);
 }
 
 bool NwaHttpGrammar::isToken(const QByteArray& text)

@@ -174,7 +174,7 @@ bool NwaJsonScanner::scanEscape()
     const char character = current();
     ++m_position;
     if (character != 'u')
-        return character != '\0' && strchr("\"\\/bfnrt", character) != 0;
+        return character != '\0' && strchr("\"\\/bfnrt", character) != nullptr;
 
     // RFC 8259, section 8.2: half a surrogate pair is no character, and no text can hold it.
     uint code = 0;
@@ -262,7 +262,7 @@ void NwaJsonScanner::replaceFrom(int begin, const QByteArray& text)
 
 void NwaJsonScanner::skipWhiteSpace()
 {
-    while (current() != '\0' && strchr(" \t\n\r", current()) != 0)
+    while (current() != '\0' && strchr(" \t\n\r", current()) != nullptr)
         ++m_position;
 }
 

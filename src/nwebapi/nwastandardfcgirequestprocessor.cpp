@@ -161,11 +161,11 @@ void NwaStandardFcgiRequestProcessor::setServedMethods(Methods methods)
 
 NwaWebSession* NwaStandardFcgiRequestProcessor::authenticateRequest(NwaFcgiRequest* request, bool passive)
 {
-    NwaWebSession* session = m_identifier ? m_identifier->identifySession(request, passive) : 0;
+    NwaWebSession* session = m_identifier ? m_identifier->identifySession(request, passive) : nullptr;
     if (session)
         return session;
     request->sendHttpError(NwaFcgiRequest::Unauthorized);
-    return 0;
+    return nullptr;
 }
 
 void NwaStandardFcgiRequestProcessor::processNotAllowedMethod(NwaFcgiRequest* request)

@@ -26,12 +26,12 @@ public:
 
     /** @param identifier finds the session of a request; not owned. May be null where nothing needs a session. */
     explicit NwaStandardFcgiRequestProcessor(NwaAbstractFcgiSessionIdentifier* identifier);
-    virtual ~NwaStandardFcgiRequestProcessor();
+    ~NwaStandardFcgiRequestProcessor() override;
 
     /**
      * Hands @a request to the operation of its HTTP method. HEAD is answered as GET is, without the document.
      */
-    virtual void processRequest(NwaFcgiRequest* request);
+    void processRequest(NwaFcgiRequest* request) override;
 
 protected:
     /**

@@ -6,7 +6,7 @@
 NwaStandardFcgiService::NwaStandardFcgiService(NwaAbstractFcgiRequestProcessor* processor, QObject* parent)
     : NwaAbstractFcgiService(parent)
     , m_processor(processor)
-    , m_processorIsObject(dynamic_cast<QObject*>(processor) != 0)
+    , m_processorIsObject(dynamic_cast<QObject*>(processor) != nullptr)
     , m_processorObject(dynamic_cast<QObject*>(processor))
 {
 }

@@ -18,10 +18,10 @@ public:
      * deleted by its own parent before.
      */
     NwaStandardFcgiService(NwaAbstractFcgiRequestProcessor* processor, QObject* parent);
-    virtual ~NwaStandardFcgiService();
+    ~NwaStandardFcgiService() override;
 
     /** Hands @a request to the processor. */
-    virtual void processRequest(NwaFcgiRequest* request);
+    void processRequest(NwaFcgiRequest* request) override;
 
 private:
     Q_DISABLE_COPY(NwaStandardFcgiService)

@@ -77,10 +77,10 @@ NwaWebSession* NwaWebSessionManager::createSession()
 {
     // A slot that made a new session for each one that ends would keep this going for ever.
     if (m_isClosing || m_isMakingRoom)
-        return 0;
+        return nullptr;
     const QUuid id = randomIdentifier();
     if (id.isNull() || m_sessions.contains(id) || !makeRoom())
-        return 0;
+        return nullptr;
 
     NwaWebSession* session = new NwaWebSession(id);
     session->m_lastActivity = m_clock.elapsed();
@@ -96,7 +96,7 @@ NwaWebSession* NwaWebSessionManager::session(const QUuid& id) const
     NwaWebSession* session = m_sessions.value(id);
     // The timer may be late when the event loop is busy.
     if (session && !session->m_isEnding && isExpired(session))
-        return 0;
+        return nullptr;
     return session;
 }
 

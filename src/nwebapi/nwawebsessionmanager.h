@@ -30,10 +30,10 @@ public:
     static const int DefaultMaximumSessionCount = 1000;
 
     /** A manager without sessions and with the default limits. */
-    explicit NwaWebSessionManager(QObject* parent = 0);
+    explicit NwaWebSessionManager(QObject* parent = nullptr);
 
     /** Ends all sessions; aboutToRemove() comes first for each, and no new one can be made then. */
-    virtual ~NwaWebSessionManager();
+    ~NwaWebSessionManager() override;
 
     /** After how many seconds without activity a session ends. */
     int idleTimeout() const;

@@ -33,7 +33,7 @@ void check(const QByteArray& manifest)
 {
     const QDir& directory = NFreePackagesList::S_FREE_PACKAGES_DIR;
     writeFile(directory.filePath(QString::fromLatin1("manifest.csv")), manifest);
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     const QHash<QString, NFreePackage*> packages = list.freePackages();
     for (QHash<QString, NFreePackage*>::const_iterator it = packages.constBegin(); it != packages.constEnd();
          ++it) {

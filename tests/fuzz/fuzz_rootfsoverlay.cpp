@@ -35,7 +35,7 @@ void write(const char* path, const QByteArray& content)
 
 void requireEqual(char* found, const QByteArray& expected)
 {
-    require((found == NULL) == expected.isNull());
+    require((found == nullptr) == expected.isNull());
     require(!found || expected == found);
     free(found);
 }

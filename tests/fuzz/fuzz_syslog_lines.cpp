@@ -41,7 +41,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static MemoryFile file;
-    static const NSysLog log(0, LOG_USER, QStringList(file.path()), NULL);
+    static const NSysLog log(0, LOG_USER, QStringList(file.path()), nullptr);
     static const QList<QRegExp> programs = QList<QRegExp>() << QRegExp(QString::fromLatin1("dhcpd\\[\\d+\\]"))
                                                             << QRegExp(QString::fromLatin1("[^s]*"));
     if (size == 0)

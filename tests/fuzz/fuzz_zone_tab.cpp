@@ -91,8 +91,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
         const QString name = QString::fromLatin1(ZoneNames[index]);
         const QPair<QString, QString> parts = database.timeZoneNameToRegionAndTown(name);
         const NTimeZoneTown* const town = database.town(parts.first, parts.second);
-        require((town != NULL) == expected.contains(name));
-        expectedCount += town != NULL;
+        require((town != nullptr) == expected.contains(name));
+        expectedCount += town != nullptr;
         require(!town || description(town) == expected.value(name));
     }
     int count = 0;

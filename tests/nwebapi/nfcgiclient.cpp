@@ -44,8 +44,8 @@ int headerEnd(const QByteArray& output)
 NFcgiClient::NFcgiClient(QObject* parent)
     : QObject(parent)
     , m_descriptor(-1)
-    , m_readNotifier(0)
-    , m_writeNotifier(0)
+    , m_readNotifier(nullptr)
+    , m_writeNotifier(nullptr)
     , m_closed(false)
 {
 }

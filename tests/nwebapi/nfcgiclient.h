@@ -44,8 +44,8 @@ public:
         QByteArray content;
     };
 
-    explicit NFcgiClient(QObject* parent = 0);
-    virtual ~NFcgiClient();
+    explicit NFcgiClient(QObject* parent = nullptr);
+    ~NFcgiClient() override;
 
     bool connectToPath(const QString& path);
     bool connectToPort(const QString& address, quint16 port);

@@ -19,7 +19,7 @@ namespace {
 class DocumentsService : public NwaAbstractFcgiService
 {
 public:
-    virtual void processRequest(NwaFcgiRequest* request)
+    void processRequest(NwaFcgiRequest* request) override
     {
         const QString name = request->pathInfo().mid(1);
         if (name == QString::fromLatin1("pid"))

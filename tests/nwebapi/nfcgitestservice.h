@@ -22,13 +22,13 @@ public:
     {
     }
 
-    virtual ~NFcgiTestService()
+    ~NFcgiTestService() override
     {
         for (const QPointer<NwaFcgiRequest>& request : m_requests)
             delete request.data();
     }
 
-    virtual void processRequest(NwaFcgiRequest* request)
+    void processRequest(NwaFcgiRequest* request) override
     {
         m_requests.append(request);
         if (m_handler)

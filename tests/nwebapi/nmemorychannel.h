@@ -17,13 +17,13 @@ public:
     {
     }
 
-    virtual bool write(Stream stream, const char* data, int size)
+    bool write(Stream stream, const char* data, int size) override
     {
         (stream == Output ? output : remarks).append(data, size);
         return true;
     }
 
-    virtual qint64 readBody(char* data, qint64 maximumSize)
+    qint64 readBody(char* data, qint64 maximumSize) override
     {
         if (isBroken)
             return -1;
@@ -33,8 +33,8 @@ public:
         return size;
     }
 
-    virtual bool atBodyEnd() const { return !isBroken && m_position == m_body.size(); }
-    virtual void finish() { ++finishCount; }
+    bool atBodyEnd() const override { return !isBroken && m_position == m_body.size(); }
+    void finish() override { ++finishCount; }
 
     /** The header of the reply, with its empty line. */
     QByteArray header() const { return output.left(headerSize()); }
@@ -56,9 +56,9 @@ private:
 
 /** Variables from a list of names and values in turn. */
 inline NwaCgiRequest::Variables nVariables(
-    const char* name1 = 0, const QByteArray& value1 = QByteArray(), const char* name2 = 0,
-    const QByteArray& value2 = QByteArray(), const char* name3 = 0, const QByteArray& value3 = QByteArray(),
-    const char* name4 = 0, const QByteArray& value4 = QByteArray())
+    const char* name1 = nullptr, const QByteArray& value1 = QByteArray(), const char* name2 = nullptr,
+    const QByteArray& value2 = QByteArray(), const char* name3 = nullptr, const QByteArray& value3 = QByteArray(),
+    const char* name4 = nullptr, const QByteArray& value4 = QByteArray())
 {
     NwaCgiRequest::Variables variables;
     const char* const names[] = {name1, name2, name3, name4};

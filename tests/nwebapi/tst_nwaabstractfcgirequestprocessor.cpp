@@ -14,7 +14,7 @@ public:
     using NwaAbstractFcgiRequestProcessor::parseContentType;
     using NwaAbstractFcgiRequestProcessor::parseJsonContent;
 
-    virtual void processRequest(NwaFcgiRequest* request) { delete request; }
+    void processRequest(NwaFcgiRequest* request) override { delete request; }
 };
 
 } // namespace

@@ -22,10 +22,10 @@ public:
     {
     }
 
-    virtual std::ostream& outputStream() { return m_stream; }
-    virtual std::ostream& errorStream() { return m_stream; }
+    std::ostream& outputStream() override { return m_stream; }
+    std::ostream& errorStream() override { return m_stream; }
 
-    virtual qint64 readBody(char* data, qint64 maximumSize)
+    qint64 readBody(char* data, qint64 maximumSize) override
     {
         if (m_index == m_pieces.size())
             return isBroken ? -1 : 0;
@@ -40,7 +40,7 @@ public:
         return size;
     }
 
-    virtual bool atBodyEnd() const { return !isBroken && m_index == m_pieces.size(); }
+    bool atBodyEnd() const override { return !isBroken && m_index == m_pieces.size(); }
 
     bool isBroken; ///< the body breaks off behind the last piece
 
@@ -70,7 +70,7 @@ public:
     {
     }
 
-    virtual qint64 readBody(char* data, qint64 maximumSize)
+    qint64 readBody(char* data, qint64 maximumSize) override
     {
         if (!m_headIsRead) {
             const qint64 size = Request::readBody(data, maximumSize);
@@ -85,7 +85,7 @@ public:
         return size;
     }
 
-    virtual bool atBodyEnd() const { return m_rest == 0; }
+    bool atBodyEnd() const override { return m_rest == 0; }
 
 private:
     QByteArray m_pattern;

@@ -14,10 +14,10 @@ public:
     {
     }
 
-    virtual std::ostream& outputStream() { return m_stream; }
-    virtual std::ostream& errorStream() { return m_stream; }
-    virtual qint64 readBody(char*, qint64) { return 0; }
-    virtual bool atBodyEnd() const { return true; }
+    std::ostream& outputStream() override { return m_stream; }
+    std::ostream& errorStream() override { return m_stream; }
+    qint64 readBody(char*, qint64) override { return 0; }
+    bool atBodyEnd() const override { return true; }
 
 private:
     std::ostringstream m_stream;

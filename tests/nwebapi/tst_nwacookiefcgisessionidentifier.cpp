@@ -84,8 +84,8 @@ void tst_NwaCookieFcgiSessionIdentifier::cookieNamesTheSession()
     NwaCookieFcgiSessionIdentifier identifier(&manager);
     NMemoryChannel channel;
     NwaFcgiRequest request(&channel, nVariables("HTTP_COOKIE", cookies));
-    QCOMPARE(identifier.identifySession(&request, false), isFound ? session : 0);
-    QCOMPARE(identifier.identifySession(&request, true), isFound ? session : 0);
+    QCOMPARE(identifier.identifySession(&request, false), isFound ? session : nullptr);
+    QCOMPARE(identifier.identifySession(&request, true), isFound ? session : nullptr);
 }
 
 void tst_NwaCookieFcgiSessionIdentifier::firstLivingSessionCounts()
@@ -143,8 +143,8 @@ void tst_NwaCookieFcgiSessionIdentifier::activeRequestKeepsTheSessionAlive()
             &channel, nVariables("HTTP_COOKIE", "session=" + cookieValue(manager.session(first))));
         QVERIFY(identifier.identifySession(&request, passive[index]));
         manager.createSession();
-        QCOMPARE(manager.session(first) == 0, passive[index]);
-        QCOMPARE(manager.session(second) == 0, !passive[index]);
+        QCOMPARE(manager.session(first) == nullptr, passive[index]);
+        QCOMPARE(manager.session(second) == nullptr, !passive[index]);
     }
 }
 

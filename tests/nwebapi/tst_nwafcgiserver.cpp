@@ -227,7 +227,7 @@ void tst_NwaFcgiServer::cleanup()
     m_client.reset();
     m_service.reset();
     delete m_server;
-    m_server = 0;
+    m_server = nullptr;
     m_directory.reset();
     QCOMPARE(NTest::openDescriptors(), m_openDescriptors);
 }
@@ -574,7 +574,7 @@ void tst_NwaFcgiServer::serviceMayDeleteTheServer()
 {
     NFcgiTestService service([this](NwaFcgiRequest* request) {
         delete m_server;
-        m_server = 0;
+        m_server = nullptr;
         QVERIFY(request->isAborted());
         delete request;
     });

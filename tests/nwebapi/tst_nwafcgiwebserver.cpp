@@ -34,12 +34,12 @@ class JsonProcessor : public NwaStandardFcgiRequestProcessor
 {
 public:
     JsonProcessor()
-        : NwaStandardFcgiRequestProcessor(0)
+        : NwaStandardFcgiRequestProcessor(nullptr)
     {
     }
 
 protected:
-    virtual void processPostMethod(NwaFcgiRequest* request)
+    void processPostMethod(NwaFcgiRequest* request) override
     {
         bool ok = false;
         const QVariant document = parseJsonContent(request, &ok);
@@ -187,7 +187,7 @@ void tst_NwaFcgiWebServer::init()
     m_formService.reset(
         new NFcgiTestService([](NwaFcgiRequest* request) { (new FormReader(request))->readOn(); }));
     m_server->registerService(text("/form"), m_formService.data());
-    m_jsonService.reset(new NwaStandardFcgiService(new JsonProcessor, 0));
+    m_jsonService.reset(new NwaStandardFcgiService(new JsonProcessor, nullptr));
     m_server->registerService(text("/json"), m_jsonService.data());
 }
 

@@ -11,7 +11,7 @@ Q_DECLARE_METATYPE(QVariant)
 namespace {
 
 QVariantMap
-object(const char* name1, const QVariant& value1, const char* name2 = 0, const QVariant& value2 = QVariant())
+object(const char* name1, const QVariant& value1, const char* name2 = nullptr, const QVariant& value2 = QVariant())
 {
     QVariantMap map;
     map.insert(QString::fromUtf8(name1), value1);
@@ -379,8 +379,8 @@ void tst_NwaJson::largeStringIsRead()
 
 void tst_NwaJson::resultMayBeIgnored()
 {
-    QCOMPARE(NwaJson::parse("[1]", 0).toList().size(), 1);
-    QVERIFY(!NwaJson::parse("[1", 0).isValid());
+    QCOMPARE(NwaJson::parse("[1]", nullptr).toList().size(), 1);
+    QVERIFY(!NwaJson::parse("[1", nullptr).isValid());
 }
 
 void tst_NwaJson::valueIsWritten_data()
@@ -459,9 +459,9 @@ void tst_NwaJson::doublesAreReadBackAsTheyWere()
 void tst_NwaJson::largeIntegersAreWrittenAsTheNearestDouble()
 {
     const qlonglong smallest = std::numeric_limits<qlonglong>::min();
-    QCOMPARE(NwaJson::parse(NwaJson::serialize(smallest), 0), QVariant(smallest));
+    QCOMPARE(NwaJson::parse(NwaJson::serialize(smallest), nullptr), QVariant(smallest));
     const qulonglong largest = std::numeric_limits<qulonglong>::max();
-    QCOMPARE(NwaJson::parse(NwaJson::serialize(largest), 0), QVariant(18446744073709551616.0));
+    QCOMPARE(NwaJson::parse(NwaJson::serialize(largest), nullptr), QVariant(18446744073709551616.0));
 }
 
 void tst_NwaJson::floatsAreReadBackAsTheyWere_data()

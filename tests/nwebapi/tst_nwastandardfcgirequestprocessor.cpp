@@ -16,12 +16,12 @@ class Identifier : public NwaAbstractFcgiSessionIdentifier
 {
 public:
     Identifier()
-        : session(0)
+        : session(nullptr)
         , wasPassive(false)
     {
     }
 
-    virtual NwaWebSession* identifySession(NwaFcgiRequest*, bool passive)
+    NwaWebSession* identifySession(NwaFcgiRequest*, bool passive) override
     {
         wasPassive = passive;
         return session;
@@ -35,7 +35,7 @@ public:
 class Processor : public NwaStandardFcgiRequestProcessor
 {
 public:
-    explicit Processor(NwaAbstractFcgiSessionIdentifier* identifier = 0)
+    explicit Processor(NwaAbstractFcgiSessionIdentifier* identifier = nullptr)
         : NwaStandardFcgiRequestProcessor(identifier)
     {
     }
@@ -51,11 +51,11 @@ public:
 class NamingProcessor : public Processor
 {
 protected:
-    virtual void processGetMethod(NwaFcgiRequest* request) { answer(request, "get"); }
-    virtual void processPostMethod(NwaFcgiRequest* request) { answer(request, "post"); }
-    virtual void processPutMethod(NwaFcgiRequest* request) { answer(request, "put"); }
-    virtual void processDeleteMethod(NwaFcgiRequest* request) { answer(request, "delete"); }
-    virtual void processOtherMethod(NwaFcgiRequest* request, const QString& method)
+    void processGetMethod(NwaFcgiRequest* request) override { answer(request, "get"); }
+    void processPostMethod(NwaFcgiRequest* request) override { answer(request, "post"); }
+    void processPutMethod(NwaFcgiRequest* request) override { answer(request, "put"); }
+    void processDeleteMethod(NwaFcgiRequest* request) override { answer(request, "delete"); }
+    void processOtherMethod(NwaFcgiRequest* request, const QString& method) override
     {
         answer(request, "other " + method.toLatin1());
     }
@@ -75,7 +75,7 @@ public:
         : m_endCount(endCount)
     {
     }
-    virtual ~CountingProcessor() { ++*m_endCount; }
+    ~CountingProcessor() override { ++*m_endCount; }
 
 protected:
     virtual void processMore(NwaFcgiRequest* request) { sendJsonReply(request, QString::fromLatin1("more")); }
@@ -90,9 +90,9 @@ private:
 // section 2.5).
 template <typename Operation> Operation operationAt(int slot, const NwaStandardFcgiRequestProcessor* processor)
 {
-    const char* table = 0;
+    const char* table = nullptr;
     memcpy(&table, static_cast<const void*>(processor), sizeof(table));
-    Operation operation = 0;
+    Operation operation = nullptr;
     memcpy(&operation, table + slot * sizeof(operation), sizeof(operation));
     return operation;
 }
@@ -335,7 +335,7 @@ void tst_NwaStandardFcgiRequestProcessor::sessionIsHandedOut()
 void tst_NwaStandardFcgiRequestProcessor::requestWithoutSessionIsAnswered401()
 {
     Identifier identifier;
-    NwaAbstractFcgiSessionIdentifier* const identifiers[] = {&identifier, 0};
+    NwaAbstractFcgiSessionIdentifier* const identifiers[] = {&identifier, nullptr};
     for (int index = 0; index < 2; ++index) {
         NMemoryChannel channel;
         NwaFcgiRequest* request = new NwaFcgiRequest(&channel, nVariables());

@@ -28,9 +28,9 @@ public:
     {
     }
 
-    virtual ~Processor() { ++m_counts->deletions; }
+    ~Processor() override { ++m_counts->deletions; }
 
-    virtual void processRequest(NwaFcgiRequest* request)
+    void processRequest(NwaFcgiRequest* request) override
     {
         ++m_counts->requests;
         delete request;
@@ -67,7 +67,7 @@ private slots:
 void tst_NwaStandardFcgiService::requestIsHandedToTheProcessor()
 {
     Counts counts;
-    NwaStandardFcgiService service(new Processor(&counts), 0);
+    NwaStandardFcgiService service(new Processor(&counts), nullptr);
     NMemoryChannel channel;
     service.processRequest(new NwaFcgiRequest(&channel, nVariables()));
     QCOMPARE(counts.requests, 1);
@@ -83,15 +83,15 @@ void tst_NwaStandardFcgiService::processorIsDeletedWithTheService()
     delete service;
     QCOMPARE(counts.deletions, 1);
 
-    delete new NwaStandardFcgiService(new ObjectProcessor(&counts, 0), 0);
+    delete new NwaStandardFcgiService(new ObjectProcessor(&counts, nullptr), nullptr);
     QCOMPARE(counts.deletions, 2);
 }
 
 void tst_NwaStandardFcgiService::processorThatIsTheServicesChildIsDeletedOnce()
 {
     Counts counts;
-    ObjectProcessor* processor = new ObjectProcessor(&counts, 0);
-    NwaStandardFcgiService* service = new NwaStandardFcgiService(processor, 0);
+    ObjectProcessor* processor = new ObjectProcessor(&counts, nullptr);
+    NwaStandardFcgiService* service = new NwaStandardFcgiService(processor, nullptr);
     processor->setParent(service);
     delete service;
     QCOMPARE(counts.deletions, 1);
@@ -101,7 +101,7 @@ void tst_NwaStandardFcgiService::processorThatItsParentDeletedIsNotDeletedAgain(
 {
     Counts counts;
     QObject* owner = new QObject;
-    NwaStandardFcgiService service(new ObjectProcessor(&counts, owner), 0);
+    NwaStandardFcgiService service(new ObjectProcessor(&counts, owner), nullptr);
     delete owner;
     QCOMPARE(counts.deletions, 1);
 
@@ -114,7 +114,7 @@ void tst_NwaStandardFcgiService::processorThatItsParentDeletedIsNotDeletedAgain(
 
 void tst_NwaStandardFcgiService::requestWithoutProcessorIsAnswered503()
 {
-    NwaStandardFcgiService service(0, 0);
+    NwaStandardFcgiService service(nullptr, nullptr);
     NMemoryChannel channel;
     service.processRequest(new NwaFcgiRequest(&channel, nVariables()));
     QVERIFY(channel.header().startsWith("Status: 503 Service Unavailable\r\n"));

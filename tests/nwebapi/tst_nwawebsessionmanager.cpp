@@ -244,7 +244,7 @@ void tst_NwaWebSessionManager::unknownSessionIsNotRemoved()
     manager.createSession();
     manager.removeSession(QUuid());
     manager.removeSession(QUuid::createUuid());
-    manager.keepAlive(0);
+    manager.keepAlive(nullptr);
     QVERIFY(observer.ended.isEmpty());
     QCOMPARE(manager.sessionCount(), 1);
 }

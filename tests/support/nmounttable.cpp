@@ -24,8 +24,8 @@ void require(bool succeeded)
 NMountTable::NMountTable()
     : m_directory("/tmp/nbase-proc-XXXXXX")
 {
-    require(::mkdtemp(m_directory.data()) != NULL);
-    require(::mount("/proc", m_directory.constData(), NULL, MS_BIND | MS_REC, NULL) == 0);
+    require(::mkdtemp(m_directory.data()) != nullptr);
+    require(::mount("/proc", m_directory.constData(), nullptr, MS_BIND | MS_REC, nullptr) == 0);
     NPrivateNamespace::mountEmptyDirectory(QString::fromLatin1("/proc"));
     const QByteArray process = QByteArray::number(::getpid());
     require(::symlink((m_directory + '/' + process).constData(), "/proc/self") == 0);

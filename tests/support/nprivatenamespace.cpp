@@ -39,8 +39,8 @@ void writeProcessFile(const char* path, const QByteArray& text)
 void bind(const QByteArray& source, const QByteArray& target)
 {
     require(
-        ::mount(source.constData(), target.constData(), NULL, MS_BIND | MS_REC, NULL) == 0, "cannot mount at",
-        target);
+        ::mount(source.constData(), target.constData(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+        "cannot mount at", target);
 }
 
 // Starts the program again as root. Where the kernel gives an ordinary user no namespaces, inside a chroot for
@@ -59,7 +59,7 @@ void startAgainAsRoot()
     QVector<char*> arguments;
     for (int index = 0; index < words.size(); ++index)
         arguments.append(words[index].data());
-    arguments.append(NULL);
+    arguments.append(nullptr);
     ::execvp("sudo", arguments.data());
     require(false, "the kernel refuses an ordinary user namespaces of his own, and sudo cannot be used:");
 }
@@ -79,7 +79,7 @@ void enterUserNamespace(int flags)
 
 bool setMountFlags(const char* path, unsigned long flags)
 {
-    return ::mount("none", path, NULL, flags, NULL) == 0;
+    return ::mount("none", path, nullptr, flags, nullptr) == 0;
 }
 
 // In a chroot whose root is no mount point, mounts cannot be kept private from the root on. /proc is a mount point
@@ -123,7 +123,7 @@ void makeMountPoint(const QByteArray& path, bool directory)
 void showAt(const QByteArray& original, bool directory, const QByteArray& copy)
 {
     makeMountPoint(copy, directory);
-    if (::mount(original.constData(), copy.constData(), NULL, MS_BIND | MS_REC, NULL) == 0)
+    if (::mount(original.constData(), copy.constData(), nullptr, MS_BIND | MS_REC, nullptr) == 0)
         return;
     require(errno == ENOENT, "cannot mount at", copy);
     ::remove(copy.constData());
@@ -145,7 +145,7 @@ void makeExtendable(const QString& path)
 {
     const QByteArray target = QFile::encodeName(path);
     QByteArray scratch = "/tmp/nbase-namespace-XXXXXX";
-    require(::mkdtemp(scratch.data()) != NULL, "cannot make", scratch);
+    require(::mkdtemp(scratch.data()) != nullptr, "cannot make", scratch);
     require(::mount("tmpfs", scratch.constData(), "tmpfs", 0, "mode=755") == 0, "cannot mount at", scratch);
     const QFileInfoList entries =
         QDir(path).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
@@ -157,7 +157,9 @@ void makeExtendable(const QString& path)
         else
             showAt(original, entry.isDir(), copy);
     }
-    require(::mount(scratch.constData(), target.constData(), NULL, MS_MOVE, NULL) == 0, "cannot mount at", target);
+    require(
+        ::mount(scratch.constData(), target.constData(), nullptr, MS_MOVE, nullptr) == 0, "cannot mount at",
+        target);
     // A process keeps the root that it had before something was mounted there; ".." of the root leads to the new
     // one.
     const QByteArray workingDirectory = QFile::encodeName(QDir::currentPath());

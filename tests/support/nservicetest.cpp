@@ -54,7 +54,7 @@ NwaCgiRequest::Variables NServiceTest::variables(const QByteArray& query, const 
 
 void NServiceTest::requestWithoutSessionIsAnswered401()
 {
-    m_identifier->session = NULL;
+    m_identifier->session = nullptr;
     const QList<QByteArray> asked = queries();
     for (const QByteArray& query : asked) {
         process(query);
@@ -67,7 +67,7 @@ void NServiceTest::requestWithoutSessionIsAnswered401()
 void NServiceTest::refusedSessionIsAnswered403WithoutDocumentOrRemark()
 {
     NRefusal refusal;
-    const QScopedPointer<NwaStandardFcgiService> service(newRefusingService(&refusal, NULL));
+    const QScopedPointer<NwaStandardFcgiService> service(newRefusingService(&refusal, nullptr));
     const QList<QByteArray> asked = queries();
     for (const QByteArray& query : asked) {
         processWith(*service, query);

@@ -17,7 +17,7 @@ class NFixedSession : public NwaAbstractFcgiSessionIdentifier
 public:
     explicit NFixedSession(NwaWebSession* session);
 
-    virtual NwaWebSession* identifySession(NwaFcgiRequest* request, bool passive);
+    NwaWebSession* identifySession(NwaFcgiRequest* request, bool passive) override;
 
     NwaWebSession* session;
     bool wasPassive;
@@ -27,7 +27,7 @@ public:
 struct NRefusal
 {
     NRefusal()
-        : askedFor(NULL)
+        : askedFor(nullptr)
         , deletedCount(0)
     {
     }
@@ -46,7 +46,7 @@ public:
         , m_refusal(refusal)
     {
     }
-    virtual ~NRefusingProcessor() { ++m_refusal->deletedCount; }
+    ~NRefusingProcessor() override { ++m_refusal->deletedCount; }
 
 protected:
     bool refuse(NwaWebSession* session) const
@@ -70,7 +70,7 @@ class NServiceTest : public QObject
 
 protected:
     NServiceTest();
-    virtual ~NServiceTest();
+    ~NServiceTest() override;
 
     void init();
 

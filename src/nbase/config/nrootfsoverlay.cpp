@@ -69,7 +69,7 @@ char* readFirstLine(int file)
         if (size + 1 < capacity)
             continue;
         capacity *= 2;
-        char* const longer = capacity > LongestLine ? NULL : static_cast<char*>(realloc(line, capacity));
+        char* const longer = capacity > LongestLine ? nullptr : static_cast<char*>(realloc(line, capacity));
         if (!longer) {
             errno = ENOMEM;
             break;
@@ -77,14 +77,14 @@ char* readFirstLine(int file)
         line = longer;
     }
     free(line);
-    return NULL;
+    return nullptr;
 }
 
 char* readFirstLine(const char* path)
 {
     const int file = ::open(path, O_RDONLY | O_CLOEXEC);
     if (file < 0)
-        return NULL;
+        return nullptr;
     char* const line = readFirstLine(file);
     const int error = errno;
     ::close(file);
@@ -160,7 +160,7 @@ int removeMarker(const char* path)
 
 bool lookUpConfiguration(const config_t& file, NroBackupConf& configuration)
 {
-    const char* directory = NULL;
+    const char* directory = nullptr;
     if (!config_lookup_int(&file, "backup.mmc", &configuration.mmc) || configuration.mmc < 0)
         return false;
     if (!config_lookup_int(&file, "backup.partition", &configuration.partition) || configuration.partition <= 0)
@@ -190,7 +190,7 @@ const char* cidPath()
     static char path[70];
     if (!path[0] && nroBackupMediaMmcDeviceName())
         snprintf(path, sizeof(path), "/sys/block/%s/device/cid", nroBackupMediaMmcDeviceName());
-    return path[0] ? path : NULL;
+    return path[0] ? path : nullptr;
 }
 
 const char* readOnlyFlagPath()
@@ -198,7 +198,7 @@ const char* readOnlyFlagPath()
     static char path[70];
     if (!path[0] && nroBackupMediaMmcDeviceName())
         snprintf(path, sizeof(path), "/sys/block/%s/ro", nroBackupMediaMmcDeviceName());
-    return path[0] ? path : NULL;
+    return path[0] ? path : nullptr;
 }
 
 // What follows "@a device " in @a line, up to the next blank; a copy, or NULL when the line has none.
@@ -206,7 +206,7 @@ char* mountpointInLine(const char* line, size_t deviceLength)
 {
     const char* const begin = line + deviceLength + 1;
     const char* const end = strchr(begin, ' ');
-    return end ? strndup(begin, size_t(end - begin)) : NULL;
+    return end ? strndup(begin, size_t(end - begin)) : nullptr;
 }
 
 } // namespace
@@ -217,13 +217,13 @@ const NroBackupConf* nroBackupConf(void)
     static bool isKnown = false;
     if (!isKnown)
         isKnown = readConfiguration(configuration);
-    return isKnown ? &configuration : NULL;
+    return isKnown ? &configuration : nullptr;
 }
 
 const char* nroBackupDirPath(void)
 {
     const NroBackupConf* const configuration = nroBackupConf();
-    return configuration ? configuration->dir : NULL;
+    return configuration ? configuration->dir : nullptr;
 }
 
 const char* nroBackupMediaMmcDeviceName(void)
@@ -232,7 +232,7 @@ const char* nroBackupMediaMmcDeviceName(void)
     const NroBackupConf* const configuration = nroBackupConf();
     if (!name[0] && configuration)
         snprintf(name, sizeof(name), "mmcblk%d", configuration->mmc);
-    return name[0] ? name : NULL;
+    return name[0] ? name : nullptr;
 }
 
 const char* nroBackupMediaName(void)
@@ -241,7 +241,7 @@ const char* nroBackupMediaName(void)
     const NroBackupConf* const configuration = nroBackupConf();
     if (!name[0] && configuration)
         snprintf(name, sizeof(name), "%sp%d", nroBackupMediaMmcDeviceName(), configuration->partition);
-    return name[0] ? name : NULL;
+    return name[0] ? name : nullptr;
 }
 
 const char* nroBackupMediaDevPath(void)
@@ -249,7 +249,7 @@ const char* nroBackupMediaDevPath(void)
     static char path[40];
     if (!path[0] && nroBackupMediaName())
         snprintf(path, sizeof(path), "/dev/%s", nroBackupMediaName());
-    return path[0] ? path : NULL;
+    return path[0] ? path : nullptr;
 }
 
 char* nroBackupMediaId(void)
@@ -258,7 +258,7 @@ char* nroBackupMediaId(void)
     if (path)
         return readFirstLine(path);
     errno = ENODATA;
-    return NULL;
+    return nullptr;
 }
 
 char* nroAutoBackupMediaId(void)
@@ -285,13 +285,13 @@ int nroPathIsMoutpoint(const char* path)
 char* nroFindMountpoint(const char* device)
 {
     errno = 0;
-    FILE* const table = device ? fopen(MountTablePath, "re") : NULL;
+    FILE* const table = device ? fopen(MountTablePath, "re") : nullptr;
     if (!table)
-        return NULL;
+        return nullptr;
     const size_t deviceLength = strlen(device);
-    char* line = NULL;
+    char* line = nullptr;
     size_t capacity = 0;
-    char* mountpoint = NULL;
+    char* mountpoint = nullptr;
     while (getline(&line, &capacity, table) >= 0) {
         if (strncmp(line, device, deviceLength) != 0 || line[deviceLength] != ' ')
             continue;
@@ -311,7 +311,7 @@ int nroIsRootfsOverlayMounted(void)
         return 0;
     char* const mountpoint = nroFindMountpoint(OverlayDevice);
     free(mountpoint);
-    return mountpoint != NULL;
+    return mountpoint != nullptr;
 }
 
 char* nroBackupMediaMountpoint(void)
@@ -320,14 +320,14 @@ char* nroBackupMediaMountpoint(void)
     if (path)
         return nroFindMountpoint(path);
     errno = ENODATA;
-    return NULL;
+    return nullptr;
 }
 
 int nroIsBackupMediaMounted(void)
 {
     char* const mountpoint = nroBackupMediaMountpoint();
     free(mountpoint);
-    return mountpoint != NULL;
+    return mountpoint != nullptr;
 }
 
 int nroIsBackupMediaReadOnly(void)
@@ -369,7 +369,7 @@ int nroConvertStringToBootAction(const char* word, bool* ok)
 int nroGetBootAction(void)
 {
     char* const word = readFirstLine(BootActionPath);
-    const int action = nroConvertStringToBootAction(word, NULL);
+    const int action = nroConvertStringToBootAction(word, nullptr);
     free(word);
     return action;
 }
@@ -415,7 +415,7 @@ int nroSetAutoBackupEnabled(int enable)
     if (refusal != NRO_DONE)
         return refusal;
     if (!enable)
-        return nroWriteAutoBackupEnabled(0, NULL) ? NRO_DONE : NRO_WRITE_FAILED;
+        return nroWriteAutoBackupEnabled(0, nullptr) ? NRO_DONE : NRO_WRITE_FAILED;
     // When the restore cannot be cancelled, automatic backup is still what was asked for.
     if (nroGetBootAction() == NRO_BOOT_ACTION_RESTORE && nroSetBootAction(NRO_BOOT_ACTION_NONE) == NRO_DONE)
         return NRO_RESTORE_CANCELLED;

@@ -57,7 +57,7 @@ public:
     // A name with a slash would be a path, and lead out of the configuration directory.
     bool isPackageName() const { return isName() && !strchr(m_bytes.constData(), '/'); }
 
-    const char* data() const { return m_isNull ? NULL : m_bytes.constData(); }
+    const char* data() const { return m_isNull ? nullptr : m_bytes.constData(); }
 
 private:
     // Of a character beyond Latin-1 half is there by now.
@@ -277,7 +277,7 @@ const BooleanText* findBooleanText(const char* text)
         if (booleanTexts[index].text[0] == text[0] && strcmp(booleanTexts[index].text, text) == 0)
             return &booleanTexts[index];
     }
-    return NULL;
+    return nullptr;
 }
 
 QHash<QString, bool> makeBooleanValues()
@@ -356,7 +356,7 @@ NUciCursor::NUciCursor(const QString& confDir, const QString& saveDir)
     const bool saveDirFailed = m_context && !saveDir.isNull() && !setSaveDir(saveDir);
     if (confDirFailed || saveDirFailed) {
         uci_free_context(m_context);
-        m_context = NULL;
+        m_context = nullptr;
     }
     if (m_context)
         keepContext(m_context);
@@ -381,16 +381,16 @@ uci_package* NUciCursor::findPackage(const QString& name, bool load)
 {
     const StoreText text(name.left(name.indexOf(QLatin1Char('.'))));
     if (!m_context || !text.isPackageName())
-        return NULL;
+        return nullptr;
     struct uci_element* element;
     uci_foreach_element(&m_context->root, element)
     {
         if (strcmp(element->name, text.data()) == 0)
             return uci_to_package(element);
     }
-    uci_package* package = NULL;
+    uci_package* package = nullptr;
     if (!load || uci_load(m_context, text.data(), &package) != UCI_OK)
-        return NULL;
+        return nullptr;
     return package;
 }
 
@@ -398,7 +398,7 @@ bool NUciCursor::load(const QString& package)
 {
     unload(package);
     const StoreText text(package);
-    uci_package* loaded = NULL;
+    uci_package* loaded = nullptr;
     return m_context && text.isPackageName() && uci_load(m_context, text.data(), &loaded) == UCI_OK;
 }
 
@@ -412,7 +412,7 @@ uci_package* NUciCursor::package(const QString& package)
 {
     uci_ptr pointer;
     const Address address(package);
-    return find(address, pointer, UCI_TYPE_PACKAGE) ? pointer.p : NULL;
+    return find(address, pointer, UCI_TYPE_PACKAGE) ? pointer.p : nullptr;
 }
 
 bool NUciCursor::save(const QString& package)
@@ -440,17 +440,17 @@ uci_section* NUciCursor::section(const QString& package, const QString& section)
 {
     uci_ptr pointer;
     const Address address(package, section);
-    return find(address, pointer, UCI_TYPE_SECTION) ? pointer.s : NULL;
+    return find(address, pointer, UCI_TYPE_SECTION) ? pointer.s : nullptr;
 }
 
 uci_section* NUciCursor::addSection(const QString& package, const QString& type)
 {
     uci_package* const found = this->package(package);
     const StoreText text(type);
-    uci_section* section = NULL;
+    uci_section* section = nullptr;
     if (!found || !text.isValid() || text.isNull())
-        return NULL;
-    return uci_add_section(m_context, found, text.data(), &section) == UCI_OK ? section : NULL;
+        return nullptr;
+    return uci_add_section(m_context, found, text.data(), &section) == UCI_OK ? section : nullptr;
 }
 
 bool NUciCursor::setSection(const QString& package, const QString& section, const QString& type)
@@ -497,7 +497,7 @@ bool NUciCursor::reorder(const QString& package, const QString& section, int pos
     uci_ptr pointer;
     const Address address = Address(package, section).withValue(QString::number(position));
     return lookup(address, pointer) && pointer.s &&
-           uci_reorder_section(m_context, pointer.s, int(strtol(pointer.value, NULL, 10))) == UCI_OK;
+           uci_reorder_section(m_context, pointer.s, int(strtol(pointer.value, nullptr, 10))) == UCI_OK;
 }
 
 QList<uci_section*> NUciCursor::sections(const QString& package, const QString& type)
@@ -546,7 +546,7 @@ uci_option* NUciCursor::option(const QString& package, const QString& section, c
 {
     uci_ptr pointer;
     const Address address(package, section, option);
-    return find(address, pointer, UCI_TYPE_OPTION) ? pointer.o : NULL;
+    return find(address, pointer, UCI_TYPE_OPTION) ? pointer.o : nullptr;
 }
 
 bool NUciCursor::setOption(
@@ -717,7 +717,7 @@ bool NUciCursor::optionAsBoolean(
     const QString& package, const QString& section, const QString& option, bool defaultValue)
 {
     const char* const text = optionText(package, section, option);
-    const BooleanText* const found = text ? findBooleanText(text) : NULL;
+    const BooleanText* const found = text ? findBooleanText(text) : nullptr;
     return found ? found->value : defaultValue;
 }
 
@@ -757,7 +757,7 @@ bool NUciCursor::lookup(const Address& address, uci_ptr& pointer) const
     if (!m_context || !address.isValid())
         return false;
     address.fill(pointer);
-    return uci_lookup_ptr(m_context, &pointer, NULL, true) == UCI_OK;
+    return uci_lookup_ptr(m_context, &pointer, nullptr, true) == UCI_OK;
 }
 
 // Whether the whole address was found and names an element of the type @a type.
@@ -772,6 +772,6 @@ const char* NUciCursor::optionText(const QString& package, const QString& sectio
     uci_ptr pointer;
     const Address address(package, section, option);
     if (!find(address, pointer, UCI_TYPE_OPTION) || !isString(pointer.o))
-        return NULL;
+        return nullptr;
     return pointer.o->v.string;
 }

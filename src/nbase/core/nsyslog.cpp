@@ -146,7 +146,7 @@ LogReader::LogReader(const QStringList& levels, const QList<QRegExp>& programs)
     : m_matcher(levels)
     , m_programs(programs)
     , m_block(new char[BlockSize])
-    , m_lineInBlock(NULL)
+    , m_lineInBlock(nullptr)
     , m_lineOffset(0)
 {
 }
@@ -168,7 +168,7 @@ void LogReader::readBlock(QFile& file, const char* end)
 {
     const qint64 blockOffset = file.pos() - (end - m_block.data());
     const char* next = m_block.data();
-    m_lineInBlock = m_lineOffset == blockOffset ? next : NULL;
+    m_lineInBlock = m_lineOffset == blockOffset ? next : nullptr;
     while (const char* newLine = static_cast<const char*>(memchr(next, '\n', end - next))) {
         m_matcher.feed(next, newLine);
         endLine(file);
@@ -177,7 +177,7 @@ void LogReader::readBlock(QFile& file, const char* end)
         m_lineOffset = blockOffset + (next - m_block.data());
     }
     m_matcher.feed(next, end);
-    m_lineInBlock = NULL;
+    m_lineInBlock = nullptr;
 }
 
 void LogReader::endLine(QFile& file)

@@ -76,7 +76,7 @@ public:
     NSysLog(int option, int facility, const QStringList& logFiles, QObject* parent);
 
     /** Releases the identity; see the class's description for what that means for later lines. */
-    virtual ~NSysLog();
+    ~NSysLog() override;
 
     /** Installs NSysLogMsgHandler() for the process. The handler that was installed before is not kept. */
     static void setAsQtMsgHandler();

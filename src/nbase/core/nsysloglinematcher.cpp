@@ -52,7 +52,7 @@ void NSysLogLineMatcher::startLine()
 {
     m_state = LeadingSpace;
     m_fieldSize = 0;
-    m_piece = NULL;
+    m_piece = nullptr;
     m_pieceBegin = 0;
     m_textBegin = 0;
     m_textEnd = 0;

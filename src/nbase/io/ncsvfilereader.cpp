@@ -170,7 +170,7 @@ private:
 NCsvFileReader::NCsvFileReader(QIODevice* device, const QChar& separator)
     : m_textStream(new QTextStream(device))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -183,7 +183,7 @@ NCsvFileReader::NCsvFileReader(QIODevice* device, NCsvUtilities::Separator separ
 NCsvFileReader::NCsvFileReader(QString* string, const QChar& separator)
     : m_textStream(new QTextStream(string, QIODevice::ReadOnly))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -197,7 +197,7 @@ NCsvFileReader::NCsvFileReader(const QString& string, const QChar& separator)
     : m_string(string)
     , m_textStream(new QTextStream(&m_string, QIODevice::ReadOnly))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -210,7 +210,7 @@ NCsvFileReader::NCsvFileReader(const QString& string, NCsvUtilities::Separator s
 NCsvFileReader::NCsvFileReader(QByteArray* array, const QChar& separator)
     : m_textStream(new QTextStream(array, QIODevice::ReadOnly))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -224,7 +224,7 @@ NCsvFileReader::NCsvFileReader(const QByteArray& array, const QChar& separator)
     : m_array(array)
     , m_textStream(new QTextStream(&m_array, QIODevice::ReadOnly))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -237,7 +237,7 @@ NCsvFileReader::NCsvFileReader(const QByteArray& array, NCsvUtilities::Separator
 NCsvFileReader::NCsvFileReader(QTextStream* stream, const QChar& separator)
     : m_textStream(stream)
     , m_ownsStream(false)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -248,7 +248,7 @@ NCsvFileReader::NCsvFileReader(QTextStream* stream, NCsvUtilities::Separator sep
 }
 
 NCsvFileReader::NCsvFileReader(std::istream* stream, const QChar& separator)
-    : m_textStream(0)
+    : m_textStream(nullptr)
     , m_ownsStream(false)
     , m_standardStream(stream)
     , m_separator(separator.toLatin1())

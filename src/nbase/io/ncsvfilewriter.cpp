@@ -98,7 +98,7 @@ QString escaped(const QString& field, QChar separator)
 NCsvFileWriter::NCsvFileWriter(QIODevice* device, const QChar& separator)
     : m_textStream(new QTextStream(device))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -111,7 +111,7 @@ NCsvFileWriter::NCsvFileWriter(QIODevice* device, NCsvUtilities::Separator separ
 NCsvFileWriter::NCsvFileWriter(QString* string, const QChar& separator)
     : m_textStream(new QTextStream(string, QIODevice::WriteOnly))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -124,7 +124,7 @@ NCsvFileWriter::NCsvFileWriter(QString* string, NCsvUtilities::Separator separat
 NCsvFileWriter::NCsvFileWriter(QByteArray* array, const QChar& separator)
     : m_textStream(new QTextStream(array, QIODevice::WriteOnly))
     , m_ownsStream(true)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -137,7 +137,7 @@ NCsvFileWriter::NCsvFileWriter(QByteArray* array, NCsvUtilities::Separator separ
 NCsvFileWriter::NCsvFileWriter(QTextStream* stream, const QChar& separator)
     : m_textStream(stream)
     , m_ownsStream(false)
-    , m_standardStream(0)
+    , m_standardStream(nullptr)
     , m_separator(separator.toLatin1())
 {
 }
@@ -148,7 +148,7 @@ NCsvFileWriter::NCsvFileWriter(QTextStream* stream, NCsvUtilities::Separator sep
 }
 
 NCsvFileWriter::NCsvFileWriter(std::ostream* stream, const QChar& separator)
-    : m_textStream(0)
+    : m_textStream(nullptr)
     , m_ownsStream(false)
     , m_standardStream(stream)
     , m_separator(separator.toLatin1())

@@ -29,32 +29,32 @@ public:
 
 protected:
     /** How many bytes the device has ready, or the largest number there is; -1 when it is at its end. */
-    virtual std::streamsize showmanyc();
+    std::streamsize showmanyc() override;
 
     /** Writes what is pending to the device and makes @a c pending. @return @a c, or end of file on failure. */
-    virtual int_type overflow(int_type c = traits_type::eof());
+    int_type overflow(int_type c = traits_type::eof()) override;
 
 public:
     /** Writes what is pending to the device. */
-    virtual ~NQIODeviceStreambuf();
+    ~NQIODeviceStreambuf() override;
 
 protected:
     /** Writes what is pending to the device. @return 0, or -1 when the device took nothing. */
-    virtual int sync();
+    int sync() override;
 
     /** Reads up to 1024 bytes from the device. @return the first of them, or end of file when there are none. */
-    virtual int_type underflow();
+    int_type underflow() override;
 
     /**
      * Reads from the device in blocks of 1024 bytes, whole ones straight to @a s: of these, one character can be
      * put back, and a class that replaces underflow() does not see them unless it replaces this as well.
      * @return how many of @a n characters there were.
      */
-    virtual std::streamsize xsgetn(char* s, std::streamsize n);
+    std::streamsize xsgetn(char* s, std::streamsize n) override;
 
     /** Buffers characters, and writes to the device when the buffer is full. @return how many of @a n were taken.
      */
-    virtual std::streamsize xsputn(const char* s, std::streamsize n);
+    std::streamsize xsputn(const char* s, std::streamsize n) override;
 
 private:
     Q_DISABLE_COPY(NQIODeviceStreambuf)

@@ -22,20 +22,20 @@ class NBASE_EXPORT NSequentialBuffer : public QIODevice
 public:
     /** An empty buffer that is not open. */
     explicit NSequentialBuffer(QObject* parent);
-    virtual ~NSequentialBuffer();
+    ~NSequentialBuffer() override;
 
     /** True: what was read is gone. */
-    virtual bool isSequential() const;
+    bool isSequential() const override;
 
     /**
      * Opens the buffer; for writing only when @a mode includes WriteOnly. Otherwise a reader is at the end at
      * once. A buffer that is open already stays as it is.
      * @return whether the buffer is open.
      */
-    virtual bool open(QIODevice::OpenMode mode);
+    bool open(QIODevice::OpenMode mode) override;
 
     /** Closes both ends and discards what has not been read. */
-    virtual void close();
+    void close() override;
 
     /**
      * Ends the writing: what is waiting can still be read, and reading then gives -1. Emits readChannelFinished(),
@@ -44,21 +44,21 @@ public:
     void closeWriteChannel();
 
     /** How many bytes were written and not read yet. */
-    virtual qint64 bytesAvailable() const;
+    qint64 bytesAvailable() const override;
 
     /** Whether a whole line can be read. */
-    virtual bool canReadLine() const;
+    bool canReadLine() const override;
 
 protected:
     /** @return the number of bytes read; without any, -1 when none will come and 0 when none have come yet. */
-    virtual qint64 readData(char* data, qint64 maxSize);
+    qint64 readData(char* data, qint64 maxSize) override;
 
     /**
      * Takes all @a size bytes or, when the writing has ended, when 2^31 bytes would be waiting or when there is no
      * memory for them, none.
      * @return @a size, or -1.
      */
-    virtual qint64 writeData(const char* data, qint64 size);
+    qint64 writeData(const char* data, qint64 size) override;
 
 private:
     Q_DISABLE_COPY(NSequentialBuffer)

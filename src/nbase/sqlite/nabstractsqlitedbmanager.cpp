@@ -71,7 +71,7 @@ QByteArray resolved(const QString& path)
 {
     // Qt's driver gives SQLite the name in UTF-8, whatever the locale is.
     const QByteArray name = path.toUtf8();
-    char* const target = ::realpath(name.constData(), NULL);
+    char* const target = ::realpath(name.constData(), nullptr);
     const QByteArray result = target ? QByteArray(target) : name;
     free(target);
     return result;
@@ -181,7 +181,7 @@ void NAbstractSqliteDbManager::initializeDatabase()
         return;
     NDirectoryLock lock(directoryOf(database().databaseName()).constData(), NDirectoryLock::Shared);
     if (lock.isLocked())
-        initialize(NULL, lock);
+        initialize(nullptr, lock);
 }
 
 bool NAbstractSqliteDbManager::openConnection()
@@ -368,7 +368,7 @@ NAbstractSqliteDbManager::replaceFile(const Finding* reason, NDirectoryLock& loc
         return Changed;
     database.close();
     const bool isSetAside = setAside(resolved(database.databaseName()));
-    return database.open() && isSetAside ? initializeInPlace(NULL) : Unavailable;
+    return database.open() && isSetAside ? initializeInPlace(nullptr) : Unavailable;
 }
 
 NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initializeInPlace(const Finding* reason)

@@ -49,18 +49,18 @@ public:
     {
     }
 
-    QVariant handle() const { return m_query.result()->handle(); }
+    QVariant handle() const override { return m_query.result()->handle(); }
 
 protected:
     // Qt gives the statement with its placeholders named already, which is the original's to do.
-    bool prepare(const QString&)
+    bool prepare(const QString&) override
     {
         const bool isPrepared = m_query.prepare(lastQuery());
         takeError();
         return isPrepared;
     }
 
-    bool exec()
+    bool exec() override
     {
         for (int position = 0; position < boundValueCount(); ++position) {
             const QVariant value = boundValue(position);
@@ -73,37 +73,37 @@ protected:
         return executed(m_query.exec());
     }
 
-    bool reset(const QString& statement)
+    bool reset(const QString& statement) override
     {
         m_query.setNumericalPrecisionPolicy(numericalPrecisionPolicy());
         return executed(m_query.exec(statement));
     }
 
     // A finished query must not keep its table locked.
-    void setActive(bool isActive)
+    void setActive(bool isActive) override
     {
         if (!isActive)
             m_query.finish();
         QSqlResult::setActive(isActive);
     }
 
-    void setForwardOnly(bool isForwardOnly)
+    void setForwardOnly(bool isForwardOnly) override
     {
         m_query.setForwardOnly(isForwardOnly);
         QSqlResult::setForwardOnly(isForwardOnly);
     }
 
-    bool fetch(int row) { return moved(m_query.seek(row)); }
-    bool fetchNext() { return moved(m_query.next()); }
-    bool fetchPrevious() { return moved(m_query.previous()); }
-    bool fetchFirst() { return moved(m_query.first()); }
-    bool fetchLast() { return moved(m_query.last()); }
-    QVariant data(int column) { return m_query.value(column); }
-    bool isNull(int column) { return m_query.isNull(column); }
-    QSqlRecord record() const { return m_query.record(); }
-    QVariant lastInsertId() const { return m_query.lastInsertId(); }
-    int size() { return m_query.size(); }
-    int numRowsAffected() { return m_query.numRowsAffected(); }
+    bool fetch(int row) override { return moved(m_query.seek(row)); }
+    bool fetchNext() override { return moved(m_query.next()); }
+    bool fetchPrevious() override { return moved(m_query.previous()); }
+    bool fetchFirst() override { return moved(m_query.first()); }
+    bool fetchLast() override { return moved(m_query.last()); }
+    QVariant data(int column) override { return m_query.value(column); }
+    bool isNull(int column) override { return m_query.isNull(column); }
+    QSqlRecord record() const override { return m_query.record(); }
+    QVariant lastInsertId() const override { return m_query.lastInsertId(); }
+    int size() override { return m_query.size(); }
+    int numRowsAffected() override { return m_query.numRowsAffected(); }
 
 private:
     bool executed(bool isDone)
@@ -142,27 +142,27 @@ public:
     {
     }
 
-    bool hasFeature(DriverFeature feature) const { return m_original.driver()->hasFeature(feature); }
-    bool open(const QString&, const QString&, const QString&, const QString&, int, const QString&)
+    bool hasFeature(DriverFeature feature) const override { return m_original.driver()->hasFeature(feature); }
+    bool open(const QString&, const QString&, const QString&, const QString&, int, const QString&) override
     {
         return isOpen();
     }
-    void close() {}
-    bool isOpen() const { return m_original.isOpen(); }
-    QVariant handle() const { return m_original.driver()->handle(); }
-    QSqlResult* createResult() const
+    void close() override {}
+    bool isOpen() const override { return m_original.isOpen(); }
+    QVariant handle() const override { return m_original.driver()->handle(); }
+    QSqlResult* createResult() const override
     {
         return new WatchedResult(this, m_original.driver()->createResult(), m_notes);
     }
 
-    bool beginTransaction() { return done(m_original.transaction()); }
-    bool commitTransaction() { return done(m_original.commit()); }
-    bool rollbackTransaction() { return done(m_original.rollback()); }
+    bool beginTransaction() override { return done(m_original.transaction()); }
+    bool commitTransaction() override { return done(m_original.commit()); }
+    bool rollbackTransaction() override { return done(m_original.rollback()); }
 
-    QStringList tables(QSql::TableType type) const { return m_original.tables(type); }
-    QSqlIndex primaryIndex(const QString& table) const { return m_original.primaryIndex(table); }
-    QSqlRecord record(const QString& table) const { return m_original.record(table); }
-    QString escapeIdentifier(const QString& name, IdentifierType type) const
+    QStringList tables(QSql::TableType type) const override { return m_original.tables(type); }
+    QSqlIndex primaryIndex(const QString& table) const override { return m_original.primaryIndex(table); }
+    QSqlRecord record(const QString& table) const override { return m_original.record(table); }
+    QString escapeIdentifier(const QString& name, IdentifierType type) const override
     {
         return m_original.driver()->escapeIdentifier(name, type);
     }

@@ -22,8 +22,8 @@ QStringList quoted(const QStringList& names);
  * Executes @a statement. All rows are read before anything else happens, so that nothing is changed under a
  * statement that is still running.
  */
-QSqlError execute(const QSqlDatabase& database, const QString& statement, QList<Row>* rows = NULL);
-QSqlError execute(const QSqlDatabase& database, const char* statement, QList<Row>* rows = NULL);
+QSqlError execute(const QSqlDatabase& database, const QString& statement, QList<Row>* rows = nullptr);
+QSqlError execute(const QSqlDatabase& database, const char* statement, QList<Row>* rows = nullptr);
 
 /** Whether a transaction is open; SQLite ends one by itself after some failures. */
 bool isInTransaction(const QSqlDatabase& database);

@@ -106,7 +106,7 @@ class Directory
 {
 public:
     explicit Directory(int descriptor)
-        : m_stream(descriptor >= 0 ? ::fdopendir(descriptor) : NULL)
+        : m_stream(descriptor >= 0 ? ::fdopendir(descriptor) : nullptr)
     {
         if (!m_stream && descriptor >= 0)
             ::close(descriptor);
@@ -117,7 +117,7 @@ public:
             ::closedir(m_stream);
     }
 
-    bool isOpen() const { return m_stream != NULL; }
+    bool isOpen() const { return m_stream != nullptr; }
     int descriptor() const { return ::dirfd(m_stream); }
 
     // The next entry that is not hidden, "." and ".." among those; null after the last one.
@@ -308,7 +308,7 @@ private:
     const struct dirent* nextEntry(Directory* directory)
     {
         if (m_entryCount == MaximumEntries)
-            return NULL;
+            return nullptr;
         ++m_entryCount;
         return directory->next();
     }
@@ -452,7 +452,7 @@ const NTimeZoneTown*
 NBuildrootUclibcTimeZoneDatabase::town(const QString& regionName, const QString& townName) const
 {
     const NTimeZoneRegion* const region = m_regions.value(regionName);
-    return region ? region->towns().value(townName) : NULL;
+    return region ? region->towns().value(townName) : nullptr;
 }
 
 QString NBuildrootUclibcTimeZoneDatabase::regionAndTownToTimeZoneName(

@@ -94,13 +94,13 @@ public:
     };
 
     /** A planner with nothing registered. */
-    explicit NEventPlanner(QObject* parent = NULL);
+    explicit NEventPlanner(QObject* parent = nullptr);
 
     /**
      * Unregisters everything; slots that are active end with their signal. What these signals call cannot register
      * anything with this planner any more.
      */
-    virtual ~NEventPlanner();
+    ~NEventPlanner() override;
 
     /**
      * Registers an event. Nothing is reported before the next minute, even when the event is due in this one.

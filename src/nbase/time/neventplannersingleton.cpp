@@ -110,7 +110,7 @@ class NEventPlannerSingleton::Reporting
 {
 public:
     Reporting()
-        : innermost(NULL)
+        : innermost(nullptr)
         , registrations(0)
         , closing(false)
     {
@@ -119,7 +119,7 @@ public:
     // Deletes an object that is not registered any more, now or at the end of the signal about it.
     template <typename Object> void dispose(Object* object)
     {
-        Report* outermost = NULL;
+        Report* outermost = nullptr;
         for (Report* report = innermost; report; report = report->outer()) {
             if (report->isAbout(object))
                 outermost = report;
@@ -176,16 +176,16 @@ NEventPlannerSingleton::~NEventPlannerSingleton()
 {
     m_reporting->closing = true;
     for (NEventPlanner* planner : m_periodicEvents.keys())
-        unregisterPeriodicEvent(planner, NULL);
+        unregisterPeriodicEvent(planner, nullptr);
     for (NEventPlanner* planner : m_periodicTimeSlots.keys())
-        unregisterPeriodicTimeSlot(planner, NULL);
+        unregisterPeriodicTimeSlot(planner, nullptr);
 }
 
 NEventPlanner::NPeriodicEvent* NEventPlannerSingleton::registerPeriodicEvent(
     NEventPlanner* planner, const QSet<Qt::DayOfWeek>& days, const QTime& time)
 {
     if (!canRegister(planner))
-        return NULL;
+        return nullptr;
     PeriodicEvent* const event = new PeriodicEvent(days, time);
     event->m_registration = ++m_reporting->registrations;
     m_periodicEvents[planner].insert(event);
@@ -220,7 +220,7 @@ NEventPlanner::NPeriodicTimeSlot* NEventPlannerSingleton::registerPeriodicTimeSl
     NEventPlanner* planner, const QSet<Qt::DayOfWeek>& days, const QTime& startTime, const QTime& endTime)
 {
     if (!canRegister(planner))
-        return NULL;
+        return nullptr;
     PeriodicTimeSlot* const slot = new PeriodicTimeSlot(days, startTime, endTime);
     slot->m_registration = ++m_reporting->registrations;
     slot->m_evaluation = slot->m_registration;
@@ -230,9 +230,9 @@ NEventPlanner::NPeriodicTimeSlot* NEventPlannerSingleton::registerPeriodicTimeSl
     if (!active)
         return slot;
 
-    const Report report(this, NULL, slot);
+    const Report report(this, nullptr, slot);
     emit planner->periodicTimeSlotStarted(slot);
-    return report.isUnregistered() ? NULL : slot;
+    return report.isUnregistered() ? nullptr : slot;
 }
 
 bool NEventPlannerSingleton::modifyRegisteredPeriodicTimeSlot(
@@ -472,7 +472,7 @@ void NEventPlannerSingleton::reportPeriodicEvent(
         return;
     if (!isDue(event, minute.start.time(), dayOfWeek(minute.start)))
         return;
-    const Report report(this, event, NULL);
+    const Report report(this, event, nullptr);
     emit planner->periodicEventTriggered(event);
 }
 
@@ -500,7 +500,7 @@ void NEventPlannerSingleton::reportCalendarEvent(
 void NEventPlannerSingleton::setActive(NEventPlanner* planner, PeriodicTimeSlot* slot, bool active)
 {
     m_periodicTimeSlotStates.insert(slot, active);
-    const Report report(this, NULL, slot);
+    const Report report(this, nullptr, slot);
     if (active)
         emit planner->periodicTimeSlotStarted(slot);
     else
@@ -516,7 +516,7 @@ void NEventPlannerSingleton::removePeriodicTimeSlot(NEventPlanner* planner, Peri
         m_reporting->dispose(slot);
         return;
     }
-    const Report report(this, NULL, slot);
+    const Report report(this, nullptr, slot);
     m_reporting->dispose(slot);
     emit planner->periodicTimeSlotEnded(slot);
 }
@@ -533,8 +533,8 @@ void NEventPlannerSingleton::unregisterPlanner(NEventPlanner* planner)
 {
     const QPointer<NEventPlannerSingleton> self(this);
     m_reporting->plannersBeingDeleted.insert(planner);
-    unregisterPeriodicEvent(planner, NULL);
-    unregisterPeriodicTimeSlot(planner, NULL);
+    unregisterPeriodicEvent(planner, nullptr);
+    unregisterPeriodicTimeSlot(planner, nullptr);
     if (!self)
         return;
     unregisterCalendarEvents(planner);

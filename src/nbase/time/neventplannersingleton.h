@@ -30,7 +30,7 @@ class NBASE_EXPORT NEventPlannerSingleton : public QObject, public NSingleton<NE
 public:
     /** For instance() only. */
     explicit NEventPlannerSingleton(QObject* parent);
-    virtual ~NEventPlannerSingleton();
+    ~NEventPlannerSingleton() override;
 
     /** See NEventPlanner::registerPeriodicEvent(). */
     NEventPlanner::NPeriodicEvent*

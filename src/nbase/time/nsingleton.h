@@ -60,7 +60,7 @@ private:
     NSingleton& operator=(const NSingleton&);
 };
 
-template <class T> T* NSingleton<T>::s_instance = NULL;
+template <class T> T* NSingleton<T>::s_instance = nullptr;
 
 template <class T> QMutex* NSingleton<T>::s_mutex = new QMutex;
 
@@ -77,7 +77,7 @@ template <class T> T* NSingleton<T>::instance()
     const QMutexLocker locker(s_mutex);
     object = __atomic_load_n(&s_instance, __ATOMIC_ACQUIRE);
     if (!object) {
-        object = new T(0);
+        object = new T(nullptr);
         __atomic_store_n(&s_instance, object, __ATOMIC_RELEASE);
     }
     return object;
@@ -85,7 +85,7 @@ template <class T> T* NSingleton<T>::instance()
 
 template <class T> NSingleton<T>::~NSingleton()
 {
-    __atomic_store_n(&s_instance, static_cast<T*>(NULL), __ATOMIC_RELEASE);
+    __atomic_store_n(&s_instance, static_cast<T*>(nullptr), __ATOMIC_RELEASE);
 }
 
 #endif

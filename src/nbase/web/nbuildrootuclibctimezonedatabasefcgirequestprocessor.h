@@ -43,7 +43,7 @@ public:
      */
     NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor(
         NwaAbstractFcgiSessionIdentifier* identifier, const NBuildrootUclibcTimeZoneDatabase* database);
-    virtual ~NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor();
+    ~NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor() override;
 
     /** The document of one town. */
     QVariantMap townToVariantMap(const NTimeZoneTown* town) const;
@@ -62,7 +62,7 @@ public:
     QVariantMap timeZoneDatabaseToVariantMap() const;
 
 protected:
-    virtual void processGetMethod(NwaFcgiRequest* request);
+    void processGetMethod(NwaFcgiRequest* request) override;
 
 public:
     /** Whether the user of @a session may read the database: every user, unless a derived class says otherwise. */

@@ -29,7 +29,7 @@ public:
         NwaAbstractFcgiSessionIdentifier* identifier, const NBuildrootUclibcTimeZoneDatabase* database,
         QObject* parent);
 
-    virtual ~NBuildrootUclibcTimeZoneDatabaseFcgiService();
+    ~NBuildrootUclibcTimeZoneDatabaseFcgiService() override;
 
 private:
     Q_DISABLE_COPY(NBuildrootUclibcTimeZoneDatabaseFcgiService)

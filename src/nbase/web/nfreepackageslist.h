@@ -29,7 +29,7 @@ public:
 
     /** Loads the list; it stays empty when that fails, with the reason as a warning. */
     explicit NFreePackagesList(QObject* parent);
-    virtual ~NFreePackagesList();
+    ~NFreePackagesList() override;
 
     /** The packages by name; they belong to the list. */
     QHash<QString, NFreePackage*> freePackages() const;

@@ -73,7 +73,7 @@ public:
     explicit DocumentPieces(const Packages& packages)
         : m_packages(packages)
         , m_packageNames(sorted(packages.keys()))
-        , m_package(NULL)
+        , m_package(nullptr)
         , m_textPosition(0)
         , m_isInText(false)
         , m_isFirst(true)
@@ -137,7 +137,7 @@ private:
     QByteArray endOfPackage()
     {
         const QByteArray description = inner(descriptionOf(m_package));
-        m_package = NULL;
+        m_package = nullptr;
         return "}," + description + '}';
     }
 

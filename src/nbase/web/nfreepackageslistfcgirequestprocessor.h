@@ -31,7 +31,7 @@ public:
         NwaAbstractFcgiSessionIdentifier* identifier, const NFreePackagesList* list);
 
     /** Replies that are still being written end where they are. */
-    virtual ~NFreePackagesListFcgiRequestProcessor();
+    ~NFreePackagesListFcgiRequestProcessor() override;
 
     /** The document of one package, all its licence texts included. */
     QVariantMap freePackageToVariantMap(const NFreePackage* package) const;
@@ -40,7 +40,7 @@ public:
     QVariantMap freePackagesListToVariantMap() const;
 
 protected:
-    virtual void processGetMethod(NwaFcgiRequest* request);
+    void processGetMethod(NwaFcgiRequest* request) override;
 
 public:
     /** Whether the user of @a session may read the list: every user, unless a derived class says otherwise. */

@@ -28,7 +28,7 @@ public:
     NFreePackagesListFcgiService(
         NwaAbstractFcgiSessionIdentifier* identifier, const NFreePackagesList* list, QObject* parent);
 
-    virtual ~NFreePackagesListFcgiService();
+    ~NFreePackagesListFcgiService() override;
 
 private:
     Q_DISABLE_COPY(NFreePackagesListFcgiService)

@@ -292,7 +292,7 @@ void tst_NRootfsOverlay::mountpointsAreFound()
         QVERIFY2(!nroFindMountpoint(other), other);
         QCOMPARE(errno, 0);
     }
-    QVERIFY(!nroFindMountpoint(NULL));
+    QVERIFY(!nroFindMountpoint(nullptr));
     const QByteArray longName = "/dev/" + QByteArray(4000, 'd');
     QVERIFY(QDir().mkpath(text("/media/a b")));
     mountAs(longName.constData(), "/media/a b");
@@ -314,7 +314,7 @@ void tst_NRootfsOverlay::mountpointsOfDirectories()
     QVERIFY(::symlink("/proc", "/rootfsoverlay/link") == 0);
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay/link"), 0);
     QCOMPARE(nroPathIsMoutpoint(""), 0);
-    QCOMPARE(nroPathIsMoutpoint(NULL), 0);
+    QCOMPARE(nroPathIsMoutpoint(nullptr), 0);
     QCOMPARE(nroPathIsMoutpoint(QByteArray(100000, '/').constData()), 0);
 }
 
@@ -357,7 +357,7 @@ void tst_NRootfsOverlay::mountTablesOfAnyForm()
     mountTable.write(table);
     char* const found = nroFindMountpoint("/dev/mmcblk1p2");
     const int error = errno;
-    QCOMPARE(found == NULL, mountpoint.isNull());
+    QCOMPARE(found == nullptr, mountpoint.isNull());
     QCOMPARE(taken(found), mountpoint);
     QCOMPARE(error, 0);
 }
@@ -461,8 +461,8 @@ void tst_NRootfsOverlay::cardIdIsItsFirstLine()
     char* const id = nroBackupMediaId();
     const int error = errno;
     char* const autoBackupId = nroAutoBackupMediaId();
-    QCOMPARE(id == NULL, expected.isNull());
-    QCOMPARE(autoBackupId == NULL, expected.isNull());
+    QCOMPARE(id == nullptr, expected.isNull());
+    QCOMPARE(autoBackupId == nullptr, expected.isNull());
     QCOMPARE(taken(id), expected);
     QCOMPARE(taken(autoBackupId), expected);
     if (content.isNull())
@@ -502,9 +502,9 @@ void tst_NRootfsOverlay::wordsOfBootActions()
     bool ok = !isKnown;
     QCOMPARE(nroConvertStringToBootAction(word.constData(), &ok), action);
     QCOMPARE(ok, isKnown);
-    QCOMPARE(nroConvertStringToBootAction(word.constData(), NULL), action);
+    QCOMPARE(nroConvertStringToBootAction(word.constData(), nullptr), action);
     ok = true;
-    QCOMPARE(nroConvertStringToBootAction(NULL, &ok), 2);
+    QCOMPARE(nroConvertStringToBootAction(nullptr, &ok), 2);
     QVERIFY(!ok);
 }
 
@@ -563,14 +563,14 @@ void tst_NRootfsOverlay::bootActionIsWritten()
 void tst_NRootfsOverlay::autoBackupIsWrittenAndRemoved()
 {
     QCOMPARE(nroIsAutoBackupEnabled(), 0);
-    QCOMPARE(nroWriteAutoBackupEnabled(1, NULL), 0);
+    QCOMPARE(nroWriteAutoBackupEnabled(1, nullptr), 0);
     QCOMPARE(nroIsAutoBackupEnabled(), 0);
     QCOMPARE(nroWriteAutoBackupEnabled(1, "first and long"), 1);
     QCOMPARE(nroWriteAutoBackupEnabled(-1, "second"), 1);
     QCOMPARE(read(AutoBackup), QByteArray("second"));
     QCOMPARE(taken(nroAutoBackupMediaId()), QByteArray("second"));
     QCOMPARE(nroIsAutoBackupEnabled(), 1);
-    QCOMPARE(nroWriteAutoBackupEnabled(0, NULL), 1);
+    QCOMPARE(nroWriteAutoBackupEnabled(0, nullptr), 1);
     QCOMPARE(nroIsAutoBackupEnabled(), 0);
     QCOMPARE(nroWriteAutoBackupEnabled(0, "x"), 1);
     QVERIFY(::symlink("/nowhere", AutoBackup) == 0);
@@ -585,7 +585,7 @@ void tst_NRootfsOverlay::markersThatAreDirectories()
     QVERIFY(!nroAutoBackupMediaId());
     QCOMPARE(nroGetBootAction(), 2);
     QCOMPARE(nroWriteAutoBackupEnabled(1, "x"), 0);
-    QCOMPARE(nroWriteAutoBackupEnabled(0, NULL), 0);
+    QCOMPARE(nroWriteAutoBackupEnabled(0, nullptr), 0);
     QCOMPARE(nroWriteBootAction(0), 0);
     QCOMPARE(nroWriteBootAction(2), 0);
     QCOMPARE(nroSetBootAction(0), 6);

@@ -733,7 +733,7 @@ void tst_NUciCursor::allSectionsOfAPackageByName()
     QCOMPARE(sections.value(m_lan), cursor().section(m_network, m_lan));
     for (uci_section* route : cursor().sections(m_network, latin1("route")))
         QCOMPARE(sections.value(nameOf(route)), route);
-    QVERIFY(NUciCursor::packageSections(NULL).isEmpty());
+    QVERIFY(NUciCursor::packageSections(nullptr).isEmpty());
 }
 
 void tst_NUciCursor::laterSectionOfTheSameNameReplacesAnEarlierOne()
@@ -752,7 +752,7 @@ void tst_NUciCursor::allOptionsOfASectionByName()
     QCOMPARE(options.value(latin1("dns")), optionOf("dns"));
     QCOMPARE(describe(options.value(latin1("proto"))), latin1("[static]"));
     QVERIFY(NUciCursor::sectionOptions(cursor().section(m_network, latin1("upper"))).isEmpty());
-    QVERIFY(NUciCursor::sectionOptions(NULL).isEmpty());
+    QVERIFY(NUciCursor::sectionOptions(nullptr).isEmpty());
 }
 
 // ---- options ----
@@ -1028,12 +1028,12 @@ void tst_NUciCursor::everyByteOfAValueComesBackFromTheFile()
 
 void tst_NUciCursor::valuesOfOptions()
 {
-    QVERIFY(!NUciCursor::optionValue(NULL).isValid());
+    QVERIFY(!NUciCursor::optionValue(nullptr).isValid());
     QCOMPARE(NUciCursor::optionValue(optionOf("proto")), QVariant(latin1("static")));
     const QVariant list = NUciCursor::optionValue(optionOf("dns"));
     QCOMPARE(list.type(), QVariant::StringList);
     QCOMPARE(list.toStringList(), QStringList() << latin1("10.0.0.1") << latin1("10.0.0.2"));
-    QVERIFY(!NUciCursor::optionBooleanValue(NULL).isValid());
+    QVERIFY(!NUciCursor::optionBooleanValue(nullptr).isValid());
 }
 
 void tst_NUciCursor::booleanTexts_data()

@@ -111,7 +111,7 @@ public:
     {
         if (m_process > 0) {
             ::kill(m_process, SIGTERM);
-            ::waitpid(m_process, NULL, 0);
+            ::waitpid(m_process, nullptr, 0);
         }
         ::unlink(LogSocketPath);
     }
@@ -124,7 +124,7 @@ public:
         QVector<char*> arguments;
         for (int index = 0; index < command.size(); ++index)
             arguments.append(command[index].data());
-        arguments.append(NULL);
+        arguments.append(nullptr);
         m_process = ::fork();
         if (m_process == 0) {
             ::execv(arguments.first(), arguments.data());
@@ -196,7 +196,7 @@ pid_t startChild(const QList<QByteArray>& arguments, int output, const char* nam
     QVector<char*> pointers;
     for (int index = 0; index < all.size(); ++index)
         pointers.append(all[index].data());
-    pointers.append(NULL);
+    pointers.append(nullptr);
     const pid_t process = ::fork();
     if (process == 0) {
         const struct rlimit noCore = {0, 0};
@@ -237,7 +237,7 @@ bool wasAborted(const ChildResult& result)
     return WIFSIGNALED(result.status) && WTERMSIG(result.status) == SIGABRT;
 }
 
-QList<QRegExp> programs(const char* first, const char* second = NULL)
+QList<QRegExp> programs(const char* first, const char* second = nullptr)
 {
     QList<QRegExp> expressions;
     expressions << QRegExp(latin1(first));
@@ -254,7 +254,7 @@ QList<QRegExp> anyProgram()
 QStringList
 readBack(const QStringList& files, int level = NSysLog::Debug, const QList<QRegExp>& wanted = anyProgram())
 {
-    return NSysLog(0, LOG_USER, files, NULL).logLines(LogLevels(level), wanted);
+    return NSysLog(0, LOG_USER, files, nullptr).logLines(LogLevels(level), wanted);
 }
 
 QStringList readBack(const QString& file, int level = NSysLog::Debug, const QList<QRegExp>& wanted = anyProgram())
@@ -316,7 +316,7 @@ void rewriteForEver(const char* path)
 
 int reportMemory(char** arguments)
 {
-    const NSysLog log(0, LOG_USER, QStringList(QFile::decodeName(arguments[0])), NULL);
+    const NSysLog log(0, LOG_USER, QStringList(QFile::decodeName(arguments[0])), nullptr);
     const QList<QRegExp> wanted = programs(arguments[1]);
     const int before = peakKibibytes();
     const QStringList lines = log.logLines(NSysLog::Debug, wanted);
@@ -336,7 +336,7 @@ int runAsChild(const QByteArray& task, char** arguments)
     if (task == "rewrite")
         rewriteForEver(arguments[0]);
 
-    NSysLog log(QString(), LOG_PID, LOG_LOCAL3, QStringList(), NULL);
+    NSysLog log(QString(), LOG_PID, LOG_LOCAL3, QStringList(), nullptr);
     NSysLog::setAsQtMsgHandler();
     if (task == "messages")
         sendEveryQtMessage();
@@ -592,7 +592,7 @@ void tst_NSysLog::linesCarryLevelAndFacility()
     QFETCH(int, facility);
     QFETCH(QByteArray, record);
     LogSocket socket;
-    NSysLog log(latin1("me"), 0, facility, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, facility, QStringList(), nullptr);
     log.log(LogLevels(level), latin1("a line"));
     QCOMPARE(socket.receive(), record);
 }
@@ -600,7 +600,7 @@ void tst_NSysLog::linesCarryLevelAndFacility()
 void tst_NSysLog::linesAreNoFormats()
 {
     LogSocket socket;
-    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), nullptr);
     log.log(NSysLog::Error, latin1("100%s %n %m"));
     QCOMPARE(socket.receive(), QByteArray("<11>me: 100%s %n %m"));
     NSysLogMsgHandler(QtCriticalMsg, "100%s %n %m");
@@ -610,7 +610,7 @@ void tst_NSysLog::linesAreNoFormats()
 void tst_NSysLog::linesAreLatin1()
 {
     LogSocket socket;
-    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), nullptr);
     log.log(NSysLog::Error, latin1("Gr\xfc\xdf ") + QChar(0x20ac));
     QCOMPARE(socket.receive(), QByteArray("<11>me: Gr\xfc\xdf ?"));
 }
@@ -626,7 +626,7 @@ void tst_NSysLog::signalsCanBeConnectedToLog()
 {
     QFETCH(int, type);
     LogSocket socket;
-    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), nullptr);
     LogSignal sender;
     const char* const ready = SIGNAL(lineReady(LogLevels,QString));
     const char* const logged = SLOT(log(LogLevels,QString));
@@ -640,7 +640,7 @@ void tst_NSysLog::logCanBeInvokedFromAnotherThread()
 {
     LogSocket socket;
     QThread thread;
-    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), nullptr);
     log.moveToThread(&thread);
     thread.start();
     const bool invoked = QMetaObject::invokeMethod(
@@ -658,7 +658,7 @@ void tst_NSysLog::severalThreadsMayLogAndReadBackAtOnce()
     LogSocket socket;
     NTemporaryDirectory directory;
     const QString file = directory.writeFile(latin1("messages"), "Jan  5 01:02:03 box user.info prog: text\n");
-    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(file), NULL);
+    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(file), nullptr);
 
     QSet<QByteArray> records;
     const auto write = [&log](int writer, int number) {
@@ -709,7 +709,7 @@ void tst_NSysLog::identityIsTakenAsGiven()
     QFETCH(QString, identity);
     QFETCH(QByteArray, sent);
     LogSocket socket;
-    NSysLog log(identity, 0, LOG_USER, QStringList(), NULL);
+    NSysLog log(identity, 0, LOG_USER, QStringList(), nullptr);
     identity.fill(QLatin1Char('x'));
     log.log(NSysLog::Notice, latin1("text"));
     QCOMPARE(socket.receive(), QByteArray("<13>" + sent + ": text"));
@@ -727,7 +727,7 @@ void tst_NSysLog::nullIdentityIsTheFileNameOfTheProgram()
 void tst_NSysLog::constructorWithoutIdentityTakesTheFileName()
 {
     LogSocket socket;
-    NSysLog log(0, LOG_USER, QStringList(), NULL);
+    NSysLog log(0, LOG_USER, QStringList(), nullptr);
     log.log(NSysLog::Notice, latin1("text"));
     QCOMPARE(socket.receive(), QByteArray("<13>tst_nsyslog: text"));
 }
@@ -735,7 +735,7 @@ void tst_NSysLog::constructorWithoutIdentityTakesTheFileName()
 void tst_NSysLog::optionsAreThoseOfOpenlog()
 {
     LogSocket socket;
-    NSysLog log(latin1("me"), LOG_PID, LOG_USER, QStringList(), NULL);
+    NSysLog log(latin1("me"), LOG_PID, LOG_USER, QStringList(), nullptr);
     log.log(NSysLog::Notice, latin1("text"));
     QCOMPARE(socket.receive(), QByteArray("<13>me[" + QByteArray::number(int(::getpid())) + "]: text"));
 }
@@ -743,8 +743,8 @@ void tst_NSysLog::optionsAreThoseOfOpenlog()
 void tst_NSysLog::newestDecidesForTheWholeProcess()
 {
     LogSocket socket;
-    NSysLog older(latin1("older"), 0, LOG_USER, QStringList(), NULL);
-    NSysLog newer(latin1("newer"), LOG_PID, LOG_DAEMON, QStringList(), NULL);
+    NSysLog older(latin1("older"), 0, LOG_USER, QStringList(), nullptr);
+    NSysLog newer(latin1("newer"), LOG_PID, LOG_DAEMON, QStringList(), nullptr);
     const QByteArray identity = "newer[" + QByteArray::number(int(::getpid())) + "]: ";
     older.log(NSysLog::Notice, latin1("by the older one"));
     QCOMPARE(socket.receive(), QByteArray("<29>" + identity + "by the older one"));
@@ -757,7 +757,7 @@ void tst_NSysLog::destructorLeavesTheConnectionOpen()
     const QDir descriptors(latin1("/proc/self/fd"));
     LogSocket socket;
     const int before = descriptors.entryList(QDir::AllEntries | QDir::System).size();
-    delete new NSysLog(latin1("me"), LOG_NDELAY, LOG_USER, QStringList(), NULL);
+    delete new NSysLog(latin1("me"), LOG_NDELAY, LOG_USER, QStringList(), nullptr);
     QCOMPARE(descriptors.entryList(QDir::AllEntries | QDir::System).size(), before + 1);
     ::closelog();
     QCOMPARE(descriptors.entryList(QDir::AllEntries | QDir::System).size(), before);
@@ -784,7 +784,7 @@ void tst_NSysLog::handlerMapsTypesToPriorities()
     QFETCH(int, type);
     QFETCH(QByteArray, record);
     LogSocket socket;
-    NSysLog log(latin1("me"), 0, LOG_DAEMON, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, LOG_DAEMON, QStringList(), nullptr);
     NSysLogMsgHandler(QtMsgType(type), "text");
     QCOMPARE(socket.receive(), record);
 }
@@ -802,7 +802,7 @@ void tst_NSysLog::handlerIgnoresOtherTypes()
 {
     QFETCH(int, type);
     LogSocket socket;
-    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), nullptr);
     NSysLogMsgHandler(QtMsgType(type), "ignored");
     NSysLogMsgHandler(QtDebugMsg, "afterwards");
     QCOMPARE(socket.receive(), QByteArray("<15>me: afterwards"));
@@ -811,7 +811,7 @@ void tst_NSysLog::handlerIgnoresOtherTypes()
 void tst_NSysLog::handlerDropsMessagesOfTheWindowSystem()
 {
     LogSocket socket;
-    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), NULL);
+    NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), nullptr);
     NSysLogMsgHandler(QtDebugMsg, "QWSLock::up(): Invalid argument");
     NSysLogMsgHandler(QtWarningMsg, "QWSLock::");
     NSysLogMsgHandler(QtCriticalMsg, "QWSLock::down(): Invalid argument");
@@ -879,7 +879,7 @@ void tst_NSysLog::daemonWritesWhatIsReadBack()
     QFETCH(QByteArray, name);
     LogDaemon daemon;
     QVERIFY(daemon.start(name));
-    NSysLog log(latin1("device"), 0, LOG_LOCAL7, QStringList(daemon.logFile()), NULL);
+    NSysLog log(latin1("device"), 0, LOG_LOCAL7, QStringList(daemon.logFile()), nullptr);
     for (int level = NSysLog::Emergency; level <= NSysLog::Debug; ++level)
         log.log(LogLevels(level), latin1("Gr\xfc\xdf of level ") + QString::number(level));
     QVERIFY(succeeded(runChild(QList<QByteArray>() << "messages")));
@@ -1153,7 +1153,7 @@ void tst_NSysLog::filesThatCannotBeReadAreLeftOut()
 void tst_NSysLog::everyCallReadsTheFilesAfresh()
 {
     NTemporaryDirectory directory;
-    const NSysLog log(latin1("me"), 0, LOG_USER, QStringList(directory.filePath(latin1("messages"))), NULL);
+    const NSysLog log(latin1("me"), 0, LOG_USER, QStringList(directory.filePath(latin1("messages"))), nullptr);
     QCOMPARE(log.logLines(NSysLog::Debug, anyProgram()), QStringList());
     directory.writeFile(latin1("messages"), "Jan  5 01:02:03 box user.info prog: text\n");
     QCOMPARE(log.logLines(NSysLog::Debug, anyProgram()).size(), 1);
@@ -1202,7 +1202,7 @@ void tst_NSysLog::fileMayBeTruncatedWhileItIsRead()
         }
     }
     ::kill(writer, SIGKILL);
-    ::waitpid(writer, NULL, 0);
+    ::waitpid(writer, nullptr, 0);
     QVERIFY(started);
     QCOMPARE(wrong, QString());
 }

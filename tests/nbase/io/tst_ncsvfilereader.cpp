@@ -44,12 +44,12 @@ public:
         open(QIODevice::ReadOnly | QIODevice::Unbuffered);
     }
 
-    virtual bool isSequential() const { return true; }
-    virtual bool atEnd() const { return false; }
-    virtual qint64 bytesAvailable() const { return m_content.size() + 1; }
+    bool isSequential() const override { return true; }
+    bool atEnd() const override { return false; }
+    qint64 bytesAvailable() const override { return m_content.size() + 1; }
 
 protected:
-    virtual qint64 readData(char* data, qint64 maximumSize)
+    qint64 readData(char* data, qint64 maximumSize) override
     {
         const int size = int(qMin(maximumSize, qint64(qMin(m_pieceSize, m_content.size()))));
         if (size == 0)
@@ -59,7 +59,7 @@ protected:
         return size;
     }
 
-    virtual qint64 writeData(const char*, qint64) { return -1; }
+    qint64 writeData(const char*, qint64) override { return -1; }
 
 private:
     QByteArray m_content;
@@ -80,7 +80,7 @@ public:
     }
 
 protected:
-    virtual int_type underflow()
+    int_type underflow() override
     {
         if (m_left <= 0)
             return traits_type::eof();
@@ -103,13 +103,13 @@ public:
     ThrowingBuffer() { setg(m_line, m_line, m_line + 2); }
 
 protected:
-    virtual int_type underflow() { throw 1; }
+    int_type underflow() override { throw 1; }
 
 private:
     char m_line[2] = {'a', '\n'};
 };
 
-Records parseArray(const QByteArray& bytes, bool* ok = NULL, QChar separator = QLatin1Char(','))
+Records parseArray(const QByteArray& bytes, bool* ok = nullptr, QChar separator = QLatin1Char(','))
 {
     Records records;
     NCsvFileReader reader(bytes, separator);
@@ -618,7 +618,7 @@ void tst_NCsvFileReader::failedStandardStreamHasNoLine()
 
 void tst_NCsvFileReader::nullStandardStreamIsAtItsEnd()
 {
-    NCsvFileReader reader(static_cast<std::istream*>(NULL), NCsvUtilities::SeparatorComma);
+    NCsvFileReader reader(static_cast<std::istream*>(nullptr), NCsvUtilities::SeparatorComma);
     QVERIFY(reader.atEnd());
     QVERIFY(reader.readNextStreamLine().isNull());
     Records records;
@@ -788,7 +788,7 @@ void tst_NCsvFileReader::deviceClosedUnderTheReaderIsAtItsEnd()
 
 void tst_NCsvFileReader::sequentialBufferIsReadToItsEnd()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     {
         NCsvFileWriter writer(&buffer, NCsvUtilities::SeparatorColon);

@@ -42,14 +42,14 @@ public:
         open(QIODevice::WriteOnly | QIODevice::Unbuffered);
     }
 
-    virtual bool isSequential() const { return true; }
+    bool isSequential() const override { return true; }
 
     QByteArray taken;
 
 protected:
-    virtual qint64 readData(char*, qint64) { return -1; }
+    qint64 readData(char*, qint64) override { return -1; }
 
-    virtual qint64 writeData(const char* data, qint64 size)
+    qint64 writeData(const char* data, qint64 size) override
     {
         const qint64 part = qMin(size, qint64(m_size - taken.size()));
         taken.append(data, int(part));
@@ -72,8 +72,8 @@ public:
     QByteArray taken() const { return m_device.taken; }
 
 protected:
-    virtual int_type overflow(int_type) { return traits_type::eof(); }
-    virtual std::streamsize xsputn(const char* s, std::streamsize n)
+    int_type overflow(int_type) override { return traits_type::eof(); }
+    std::streamsize xsputn(const char* s, std::streamsize n) override
     {
         return std::streamsize(m_device.write(s, n));
     }
@@ -314,7 +314,7 @@ void tst_NCsvFileWriter::standardStreamKeepsNul()
 
 void tst_NCsvFileWriter::nullStandardStreamTakesNothing()
 {
-    NCsvFileWriter writer(static_cast<std::ostream*>(NULL), NCsvUtilities::SeparatorComma);
+    NCsvFileWriter writer(static_cast<std::ostream*>(nullptr), NCsvUtilities::SeparatorComma);
     writer.appendLine(QStringList() << text("a"));
     QCOMPARE(writer.escapeString(text("a,")), text("\"a,\""));
 }

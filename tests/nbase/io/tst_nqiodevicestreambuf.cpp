@@ -38,7 +38,7 @@ public:
         open(QIODevice::ReadWrite | QIODevice::Unbuffered);
     }
 
-    virtual bool isSequential() const { return true; }
+    bool isSequential() const override { return true; }
 
     QByteArray written;
     QList<qint64> offered;
@@ -48,7 +48,7 @@ public:
     qint64 excess;         // how much more than it was offered it says that it has read or written
 
 protected:
-    virtual qint64 readData(char* data, qint64 maximumSize)
+    qint64 readData(char* data, qint64 maximumSize) override
     {
         asked << maximumSize;
         const qint64 size = qMin(readResult, maximumSize);
@@ -57,7 +57,7 @@ protected:
         return size + excess;
     }
 
-    virtual qint64 writeData(const char* data, qint64 size)
+    qint64 writeData(const char* data, qint64 size) override
     {
         offered << size;
         const qint64 result = results.isEmpty() ? size : results.takeFirst();
@@ -78,10 +78,10 @@ public:
         open(QIODevice::ReadOnly | QIODevice::Unbuffered);
     }
 
-    virtual bool isSequential() const { return true; }
+    bool isSequential() const override { return true; }
 
 protected:
-    virtual qint64 readData(char* data, qint64 maximumSize)
+    qint64 readData(char* data, qint64 maximumSize) override
     {
         const qint64 portion = m_portions.isEmpty() ? maximumSize : m_portions.takeFirst();
         const int size = int(qMin(qMin(portion, maximumSize), qint64(m_bytes.size())));
@@ -92,7 +92,7 @@ protected:
         return size;
     }
 
-    virtual qint64 writeData(const char*, qint64) { return -1; }
+    qint64 writeData(const char*, qint64) override { return -1; }
 
 private:
     QByteArray m_bytes;
@@ -108,8 +108,8 @@ public:
     {
     }
 
-    void removeGetArea() { setg(NULL, NULL, NULL); }
-    void removePutArea() { setp(NULL, NULL); }
+    void removeGetArea() { setg(nullptr, nullptr, nullptr); }
+    void removePutArea() { setp(nullptr, nullptr); }
     int getAreaSize() const { return int(egptr() - gptr()); }
     int putAreaSize() const { return int(epptr() - pbase()); }
     QByteArray pending() const { return QByteArray(pbase(), int(pptr() - pbase())); }
@@ -653,8 +653,8 @@ void tst_NQIODeviceStreambuf::availableBytesAreAtMostWhatCanBeSaid()
     class LargeDevice : public RecordingDevice
     {
     public:
-        virtual bool atEnd() const { return false; }
-        virtual qint64 bytesAvailable() const { return Q_INT64_C(5000000000); }
+        bool atEnd() const override { return false; }
+        qint64 bytesAvailable() const override { return Q_INT64_C(5000000000); }
     };
     LargeDevice device;
     NQIODeviceStreambuf buffer(&device);

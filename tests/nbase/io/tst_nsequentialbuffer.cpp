@@ -14,7 +14,7 @@ class OpenedBuffer : public NSequentialBuffer
 {
 public:
     OpenedBuffer()
-        : NSequentialBuffer(NULL)
+        : NSequentialBuffer(nullptr)
     {
     }
 
@@ -80,7 +80,7 @@ private slots:
 
 void tst_NSequentialBuffer::isSequential()
 {
-    const NSequentialBuffer buffer(NULL);
+    const NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.isSequential());
 }
 
@@ -96,14 +96,14 @@ void tst_NSequentialBuffer::isClosedAtFirst()
 
 void tst_NSequentialBuffer::openingWithoutAModeDoesNothing()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(!buffer.open(QIODevice::NotOpen));
     QVERIFY(!buffer.isOpen());
 }
 
 void tst_NSequentialBuffer::openBufferStaysAsItIs()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     QVERIFY(buffer.openMode() == QIODevice::ReadOnly);
@@ -151,7 +151,7 @@ void tst_NSequentialBuffer::openModesOpenTheWriteChannel()
 
 void tst_NSequentialBuffer::bytesComeOutInOrderAndOnce()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     QCOMPARE(buffer.write("one"), qint64(3));
     QCOMPARE(buffer.write("two"), qint64(3));
@@ -189,20 +189,20 @@ void tst_NSequentialBuffer::endIsReportedAfterTheRestWasRead()
 void tst_NSequentialBuffer::readingNothingGivesNothing()
 {
     OpenedBuffer buffer;
-    QCOMPARE(buffer.readData(NULL, 0), qint64(0));
-    QCOMPARE(buffer.readData(NULL, -1), qint64(0));
+    QCOMPARE(buffer.readData(nullptr, 0), qint64(0));
+    QCOMPARE(buffer.readData(nullptr, -1), qint64(0));
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     buffer.write("abc");
-    QCOMPARE(buffer.readData(NULL, 0), qint64(0));
-    QCOMPARE(buffer.readData(NULL, -1), qint64(0));
+    QCOMPARE(buffer.readData(nullptr, 0), qint64(0));
+    QCOMPARE(buffer.readData(nullptr, -1), qint64(0));
     buffer.closeWriteChannel();
-    QCOMPARE(buffer.readData(NULL, 0), qint64(0));
+    QCOMPARE(buffer.readData(nullptr, 0), qint64(0));
     QCOMPARE(buffer.readAll(), QByteArray("abc"));
 }
 
 void tst_NSequentialBuffer::writingTellsTheReader()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     QSignalSpy ready(&buffer, SIGNAL(readyRead()));
     buffer.write("a");
@@ -212,7 +212,7 @@ void tst_NSequentialBuffer::writingTellsTheReader()
 
 void tst_NSequentialBuffer::readerMayReadWhileItIsTold()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     Consumer consumer(buffer);
     QCOMPARE(buffer.write("abc"), qint64(3));
@@ -223,7 +223,7 @@ void tst_NSequentialBuffer::readerMayReadWhileItIsTold()
 
 void tst_NSequentialBuffer::endOfWritingIsToldOnce()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QSignalSpy finished(&buffer, SIGNAL(readChannelFinished()));
     buffer.closeWriteChannel();
     QVERIFY(buffer.open(QIODevice::ReadOnly));
@@ -238,7 +238,7 @@ void tst_NSequentialBuffer::endOfWritingIsToldOnce()
 
 void tst_NSequentialBuffer::writingAfterTheEndFails()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     buffer.write("a");
     buffer.closeWriteChannel();
@@ -274,7 +274,7 @@ void tst_NSequentialBuffer::closingDiscardsEverything()
 
 void tst_NSequentialBuffer::availableBytesCountBothBuffers()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     buffer.write(QByteArray(100000, 'x'));
     QCOMPARE(buffer.bytesAvailable(), qint64(100000));
@@ -286,7 +286,7 @@ void tst_NSequentialBuffer::availableBytesCountBothBuffers()
 
 void tst_NSequentialBuffer::lineIsSeenInEitherBuffer()
 {
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     QVERIFY(!buffer.canReadLine());
     buffer.write("no line");
@@ -324,7 +324,7 @@ void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn_data()
 void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn()
 {
     QFETCH(int, largestPiece);
-    NSequentialBuffer buffer(NULL);
+    NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
     QByteArray pattern(largestPiece + 251, '\0');
     for (int index = 0; index < pattern.size(); ++index)
@@ -384,7 +384,7 @@ void tst_NSequentialBuffer::memoryOfWhatWasReadIsGivenBack()
 {
     const int status = NTest::runInChild([]() {
         const QByteArray bytes(1 << 20, 'x');
-        NSequentialBuffer buffer(NULL);
+        NSequentialBuffer buffer(nullptr);
         buffer.open(QIODevice::ReadWrite | QIODevice::Unbuffered);
         struct rusage before, after;
         for (int written = 0; written < 64; ++written)

@@ -101,7 +101,7 @@ Bytes captured(const QRegExp& expression)
 {
     Bytes bytes;
     for (int index = 1; index <= expression.captureCount(); ++index)
-        bytes << static_cast<unsigned char>(expression.cap(index).toUInt(NULL, 16));
+        bytes << static_cast<unsigned char>(expression.cap(index).toUInt(nullptr, 16));
     return bytes;
 }
 
@@ -282,7 +282,7 @@ void tst_NEui::bytesFromAPointer()
 
 void tst_NEui::nullPointerIsNull()
 {
-    const unsigned char* const nowhere = NULL;
+    const unsigned char* const nowhere = nullptr;
     QVERIFY(isNullWithZeroBytes(NEui48(nowhere), 6));
     QVERIFY(isNullWithZeroBytes(NEui64(nowhere), 8));
 }

@@ -20,9 +20,9 @@ public:
     {
     }
 
-    QString tableName() const { return m_name; }
-    QString createTableStatement() const { return m_statement; }
-    QStringList createTriggersStatements() const { return m_triggers; }
+    QString tableName() const override { return m_name; }
+    QString createTableStatement() const override { return m_statement; }
+    QStringList createTriggersStatements() const override { return m_triggers; }
 
     void setCreateTableStatement(const char* statement) { m_statement = QString::fromUtf8(statement); }
     void addTrigger(const char* statement) { m_triggers.append(QString::fromUtf8(statement)); }
@@ -44,18 +44,18 @@ public:
     {
     }
 
-    bool convertDatabaseFromOldVersion(int oldVersion)
+    bool convertDatabaseFromOldVersion(int oldVersion) override
     {
         m_oldVersion = oldVersion;
         return m_conversion ? m_conversion(*this)
                             : NAbstractSqliteDbManager::convertDatabaseFromOldVersion(oldVersion);
     }
 
-    QString name() const { return QString::fromLatin1("Test"); }
-    QString connectionName() const { return m_connectionName; }
-    QString databaseFilePath() const { return m_path; }
-    int currentVersion() const { return m_version; }
-    QList<NAbstractSQLiteDbTable*> tables() const { return m_tables; }
+    QString name() const override { return QString::fromLatin1("Test"); }
+    QString connectionName() const override { return m_connectionName; }
+    QString databaseFilePath() const override { return m_path; }
+    int currentVersion() const override { return m_version; }
+    QList<NAbstractSQLiteDbTable*> tables() const override { return m_tables; }
 
     void setVersion(int version) { m_version = version; }
     void setConnectionName(const char* name) { m_connectionName = QString::fromLatin1(name); }

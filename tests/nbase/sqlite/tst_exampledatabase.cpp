@@ -12,7 +12,7 @@ QString text(const char* latin1)
     return QString::fromLatin1(latin1);
 }
 
-QByteArray run(const char* program, const QStringList& arguments, QByteArray* messages = NULL)
+QByteArray run(const char* program, const QStringList& arguments, QByteArray* messages = nullptr)
 {
     QProcess process;
     process.start(text(program), arguments);

@@ -118,13 +118,13 @@ public:
     {
     }
 
-    QString name() const
+    QString name() const override
     {
         interrupt(AtName);
         return NTestManager::name();
     }
 
-    int currentVersion() const
+    int currentVersion() const override
     {
         interrupt(AtVersion);
         return NTestManager::currentVersion();
@@ -164,7 +164,7 @@ public:
     {
     }
 
-    bool createTable()
+    bool createTable() override
     {
         const NFileFault fault(NFileFault::Write);
         return NTestTable::createTable();
@@ -260,7 +260,7 @@ __attribute__((visibility("default"))) int usleep(useconds_t time)
 {
     waitingBegins();
     const timespec duration = {time_t(time / 1000000), long(time % 1000000) * 1000};
-    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &duration, NULL);
+    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &duration, nullptr);
 }
 
 __attribute__((visibility("default"))) int nanosleep(const timespec* duration, timespec* remaining)
@@ -1142,7 +1142,7 @@ void tst_NAbstractSqliteDbManager::openingEndsWhereOthersNeverDo()
         {
         }
 
-        QString name() const
+        QString name() const override
         {
             write(databaseFilePath(), ++m_count % 2 ? m_content : QByteArray());
             return NTestManager::name();
@@ -1446,7 +1446,7 @@ void tst_NAbstractSqliteDbManager::faultDuringAConversionIsNoRefusal()
             if (fault == text("full"))
                 write(filler, QByteArray(1900 * 1024, 'x'));
             const QScopedPointer<NFileFault> refusal(
-                fault == text("write") ? new NFileFault(NFileFault::Write) : NULL);
+                fault == text("write") ? new NFileFault(NFileFault::Write) : nullptr);
             OtherProcess other(otherPath);
             if (fault == text("lock"))
                 other.execute("BEGIN EXCLUSIVE;");

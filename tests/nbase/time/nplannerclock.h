@@ -46,7 +46,7 @@ inline bool hasTicker()
 {
     struct Singleton : public NSingleton<NEventPlannerSingleton>
     {
-        static bool exists() { return s_instance != NULL; }
+        static bool exists() { return s_instance != nullptr; }
     };
     return Singleton::exists();
 }

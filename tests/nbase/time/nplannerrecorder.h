@@ -40,8 +40,8 @@ public:
     /** Called after each report, with its text. */
     std::function<void(const QString&)> handler;
 
-    const NEventPlanner::NPeriodicEvent* lastEvent = NULL;
-    const NEventPlanner::NPeriodicTimeSlot* lastTimeSlot = NULL;
+    const NEventPlanner::NPeriodicEvent* lastEvent = nullptr;
+    const NEventPlanner::NPeriodicTimeSlot* lastTimeSlot = nullptr;
 
 private slots:
     void recordEvent(const NEventPlanner::NPeriodicEvent* event)

@@ -76,7 +76,7 @@ void tst_MakeZones::init()
 void tst_MakeZones::cleanup()
 {
     delete m_directory;
-    m_directory = NULL;
+    m_directory = nullptr;
 }
 
 bool tst_MakeZones::makeZones(const QString& targetName)

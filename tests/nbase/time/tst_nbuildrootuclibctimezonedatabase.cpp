@@ -770,7 +770,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheCreationOfTheVersionFile()
 // The simplest of the file systems in memory keeps no creation time.
 void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheLastChangeWhereNoCreationIsKept()
 {
-    QCOMPARE(::mount("ramfs", DatabaseFolder, "ramfs", 0, NULL), 0);
+    QCOMPARE(::mount("ramfs", DatabaseFolder, "ramfs", 0, nullptr), 0);
     writeFile("version", "2031b\n");
     const struct timeval past[2] = {{1000000000, 0}, {1000000000, 0}};
     QCOMPARE(::utimes(databasePath("version").constData(), past), 0);

@@ -175,7 +175,7 @@ void tst_NEventPlanner::calendarEventsHaveTheirNumbers()
 
 void tst_NEventPlanner::connectionsMayBeQueued()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports, QString(), Qt::QueuedConnection);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(7, 1));
@@ -188,7 +188,7 @@ void tst_NEventPlanner::connectionsMayBeQueued()
 
 void tst_NEventPlanner::applicationMayDeclareTheTypeOfCalendarEvents()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     QCOMPARE(qMetaTypeId<NEventPlanner::CalendarEvent>(), QMetaType::type("NEventPlanner::CalendarEvent"));
     const QVariant value = QVariant::fromValue(NEventPlanner::NewDay);
     QCOMPARE(int(value.value<NEventPlanner::CalendarEvent>()), int(NEventPlanner::NewDay));
@@ -197,10 +197,10 @@ void tst_NEventPlanner::applicationMayDeclareTheTypeOfCalendarEvents()
 void tst_NEventPlanner::plannerThatWasNotUsedNeedsNoTicker()
 {
     delete ticker();
-    delete new NEventPlanner(NULL);
+    delete new NEventPlanner(nullptr);
     QVERIFY(!hasTicker());
 
-    NEventPlanner* const planner = new NEventPlanner(NULL);
+    NEventPlanner* const planner = new NEventPlanner(nullptr);
     planner->registerPeriodicEvent(everyDay(), QTime(7, 1));
     QVERIFY(hasTicker());
     delete ticker();
@@ -210,7 +210,7 @@ void tst_NEventPlanner::plannerThatWasNotUsedNeedsNoTicker()
 
 void tst_NEventPlanner::eventIsReportedInItsMinuteOfItsDays()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     Event* const event = planner.registerPeriodicEvent(Days() << Qt::Monday << Qt::Sunday, QTime(7, 30, 45));
     for (int day = Qt::Monday; day <= Qt::Sunday; ++day) {
@@ -226,7 +226,7 @@ void tst_NEventPlanner::eventIsReportedInItsMinuteOfItsDays()
 
 void tst_NEventPlanner::eventIsNotReportedInTheMinuteOfItsRegistration()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 0));
     QCOMPARE(take(), QStringList());
@@ -236,7 +236,7 @@ void tst_NEventPlanner::eventIsNotReportedInTheMinuteOfItsRegistration()
 
 void tst_NEventPlanner::eventThatCanNeverBeDueIsNotReported()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(Days(), QTime(0, 0));
     planner.registerPeriodicEvent(everyDay(), QTime());
@@ -248,7 +248,7 @@ void tst_NEventPlanner::eventThatCanNeverBeDueIsNotReported()
 
 void tst_NEventPlanner::modifiedEventIsReportedAtItsNewTime()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     Event* const event = planner.registerPeriodicEvent(on(Qt::Monday), QTime(7, 30));
     QVERIFY(planner.modifyRegisteredPeriodicEvent(event, on(Qt::Tuesday), QTime(8, 0, 59, 999)));
@@ -263,8 +263,8 @@ void tst_NEventPlanner::modifiedEventIsReportedAtItsNewTime()
 
 void tst_NEventPlanner::eventOfAnotherPlannerIsLeftAlone()
 {
-    NEventPlanner planner(NULL);
-    NEventPlanner other(NULL);
+    NEventPlanner planner(nullptr);
+    NEventPlanner other(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     Event* const event = planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     other.registerPeriodicEvent(everyDay(), QTime(9, 0));
@@ -272,14 +272,14 @@ void tst_NEventPlanner::eventOfAnotherPlannerIsLeftAlone()
     QCOMPARE(event->days, everyDay());
     QCOMPARE(event->time, QTime(7, 30));
     other.unregisterPeriodicEvent(event);
-    other.unregisterPeriodicEvent(NULL);
+    other.unregisterPeriodicEvent(nullptr);
     tick(at(Qt::Monday, 7, 30));
     QCOMPARE(take(), list("event 0730"));
 }
 
 void tst_NEventPlanner::unregisteredEventIsNotReported()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     Event* const event = planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner.registerPeriodicEvent(everyDay(), QTime(7, 31));
@@ -290,7 +290,7 @@ void tst_NEventPlanner::unregisteredEventIsNotReported()
     QCOMPARE(take(), QStringList());
     tick(at(Qt::Monday, 7, 31));
     QCOMPARE(take(), list("event 0731,event 0731"));
-    planner.unregisterPeriodicEvent(NULL);
+    planner.unregisterPeriodicEvent(nullptr);
     tick(at(Qt::Tuesday, 7, 31));
     QCOMPARE(take(), QStringList());
 }
@@ -353,7 +353,7 @@ void tst_NEventPlanner::slotIsActiveInItsPeriod()
     QFETCH(QDateTime, time);
     QFETCH(bool, active);
 
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     TimeSlot* const jumping = planner.registerPeriodicTimeSlot(days, start, end);
     TimeSlot* const modified = planner.registerPeriodicTimeSlot(Days(), QTime(1, 0), QTime(2, 0));
     jump(time);
@@ -372,7 +372,7 @@ void tst_NEventPlanner::slotIsActiveInItsPeriod()
 
 void tst_NEventPlanner::slotStartsAndEndsOnce()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(on(Qt::Monday), QTime(22, 0), QTime(6, 0));
     for (QDateTime time = at(Qt::Monday, 21, 58); time <= at(Qt::Monday, 22, 2); time = time.addSecs(60)) {
@@ -390,7 +390,7 @@ void tst_NEventPlanner::slotStartsAndEndsOnce()
 
 void tst_NEventPlanner::slotThatIsActiveStartsBeforeItsRegistrationReturns()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     bool activeInHandler = false;
     recorder.handler = [&](const QString&) {
@@ -411,7 +411,7 @@ void tst_NEventPlanner::slotThatIsActiveStartsBeforeItsRegistrationReturns()
 
 void tst_NEventPlanner::modifiedSlotStartsOrEndsAtOnce()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(8, 0), QTime(9, 0));
     QVERIFY(planner.modifyRegisteredPeriodicTimeSlot(timeSlot, everyDay(), QTime(6, 0, 30), QTime(9, 0, 30)));
@@ -429,7 +429,7 @@ void tst_NEventPlanner::modifiedSlotStartsOrEndsAtOnce()
 // Whatever the clock shows meanwhile.
 void tst_NEventPlanner::slotsHaveTheStateOfTheLastProcessedMinute()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
     QCOMPARE(take(), list("start 0600-0800"));
@@ -444,8 +444,8 @@ void tst_NEventPlanner::slotsHaveTheStateOfTheLastProcessedMinute()
 
 void tst_NEventPlanner::slotOfAnotherPlannerIsLeftAlone()
 {
-    NEventPlanner planner(NULL);
-    NEventPlanner other(NULL);
+    NEventPlanner planner(nullptr);
+    NEventPlanner other(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
     take();
@@ -455,14 +455,14 @@ void tst_NEventPlanner::slotOfAnotherPlannerIsLeftAlone()
     QCOMPARE(timeSlot->endTime, QTime(8, 0));
     QVERIFY(!other.isPeriodicTimeSlotCurrentlyActive(timeSlot));
     other.unregisterPeriodicTimeSlot(timeSlot);
-    other.unregisterPeriodicTimeSlot(NULL);
+    other.unregisterPeriodicTimeSlot(nullptr);
     QCOMPARE(take(), QStringList());
     QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
 void tst_NEventPlanner::slotThatIsActiveEndsWhenItIsUnregistered()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
     TimeSlot* const later = planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 1), QTime(8, 0));
@@ -480,7 +480,7 @@ void tst_NEventPlanner::slotThatIsActiveEndsWhenItIsUnregistered()
     planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(9, 0));
     planner.registerPeriodicTimeSlot(everyDay(), QTime(9, 0), QTime(10, 0));
     take();
-    planner.unregisterPeriodicTimeSlot(NULL);
+    planner.unregisterPeriodicTimeSlot(nullptr);
     QCOMPARE(take(), list("end 0600-0900,end 0600-0900"));
     tick(at(Qt::Monday, 9, 0));
     QCOMPARE(take(), QStringList());
@@ -488,14 +488,14 @@ void tst_NEventPlanner::slotThatIsActiveEndsWhenItIsUnregistered()
 
 void tst_NEventPlanner::endIsToldOnceWhileTheSlotCanBeRead()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     TimeSlot* timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
     bool activeInHandler = true;
     recorder.handler = [&](const QString&) {
         activeInHandler = planner.isPeriodicTimeSlotCurrentlyActive(timeSlot);
         planner.unregisterPeriodicTimeSlot(timeSlot);
-        planner.unregisterPeriodicTimeSlot(NULL);
+        planner.unregisterPeriodicTimeSlot(nullptr);
     };
     take();
     planner.unregisterPeriodicTimeSlot(timeSlot);
@@ -519,7 +519,7 @@ void tst_NEventPlanner::endIsToldOnceWhileTheSlotCanBeRead()
 
 void tst_NEventPlanner::slotCannotBeStartedAgainWhileItIsUnregistered()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
     take();
@@ -534,7 +534,7 @@ void tst_NEventPlanner::slotCannotBeStartedAgainWhileItIsUnregistered()
 
 void tst_NEventPlanner::slotsThatAreRegisteredWhileAllAreUnregisteredStay()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     for (int count = 0; count < 3; ++count)
         planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
@@ -544,7 +544,7 @@ void tst_NEventPlanner::slotsThatAreRegisteredWhileAllAreUnregisteredStay()
         if (report.startsWith(QLatin1String("end")))
             added << planner.registerPeriodicTimeSlot(everyDay(), QTime(5, 0), QTime(9, 0));
     };
-    planner.unregisterPeriodicTimeSlot(NULL);
+    planner.unregisterPeriodicTimeSlot(nullptr);
     QCOMPARE(
         take(), list("end 0600-0800,start 0500-0900,end 0600-0800,start 0500-0900,"
                      "end 0600-0800,start 0500-0900"));
@@ -554,7 +554,7 @@ void tst_NEventPlanner::slotsThatAreRegisteredWhileAllAreUnregisteredStay()
 
 void tst_NEventPlanner::unknownObjectsAreLeftAlone()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     Event event(everyDay(), QTime(7, 1));
     TimeSlot timeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
@@ -562,10 +562,10 @@ void tst_NEventPlanner::unknownObjectsAreLeftAlone()
     planner.unregisterPeriodicTimeSlot(&timeSlot);
     QVERIFY(!planner.modifyRegisteredPeriodicEvent(&event, Days(), QTime()));
     QVERIFY(!planner.modifyRegisteredPeriodicTimeSlot(&timeSlot, Days(), QTime(), QTime()));
-    QVERIFY(!planner.modifyRegisteredPeriodicEvent(NULL, Days(), QTime()));
-    QVERIFY(!planner.modifyRegisteredPeriodicTimeSlot(NULL, Days(), QTime(), QTime()));
+    QVERIFY(!planner.modifyRegisteredPeriodicEvent(nullptr, Days(), QTime()));
+    QVERIFY(!planner.modifyRegisteredPeriodicTimeSlot(nullptr, Days(), QTime(), QTime()));
     QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(&timeSlot));
-    QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(NULL));
+    QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(nullptr));
     QCOMPARE(event.time, QTime(7, 1));
     QCOMPARE(timeSlot.days, everyDay());
     tick(at(Qt::Monday, 7, 1));
@@ -605,7 +605,7 @@ void tst_NEventPlanner::calendarEventsFollowTheDifferences()
     QFETCH(QDateTime, before);
     QFETCH(QDateTime, after);
     QFETCH(QString, numbers);
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     tick(before);
     for (int number = NEventPlanner::NewYear; number >= NEventPlanner::NewMinute; --number)
@@ -619,7 +619,7 @@ void tst_NEventPlanner::calendarEventsFollowTheDifferences()
 
 void tst_NEventPlanner::calendarEventsAreASet()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerCalendarEvent(NEventPlanner::NewHour);
     planner.registerCalendarEvent(NEventPlanner::NewHour);
@@ -639,8 +639,8 @@ void tst_NEventPlanner::calendarEventsAreASet()
 
 void tst_NEventPlanner::reportsHaveAnOrder()
 {
-    NEventPlanner one(NULL);
-    NEventPlanner other(NULL);
+    NEventPlanner one(nullptr);
+    NEventPlanner other(nullptr);
     NPlannerRecorder recorderOfOne(&one, &m_reports);
     NPlannerRecorder recorderOfOther(&other, &m_reports);
     const QList<NEventPlanner*> both = QList<NEventPlanner*>() << &one << &other;
@@ -658,7 +658,7 @@ void tst_NEventPlanner::reportsHaveAnOrder()
 
 void tst_NEventPlanner::eventThatIsJumpedOverIsNotReported()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     tick(at(Qt::Monday, 7, 29));
@@ -669,7 +669,7 @@ void tst_NEventPlanner::eventThatIsJumpedOverIsNotReported()
 
 void tst_NEventPlanner::jumpBackwardsReportsAgain()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
@@ -707,7 +707,7 @@ void tst_NEventPlanner::jumpIsOneNewMinute()
     QFETCH(QDateTime, after);
     QFETCH(QString, reports);
     jump(at(2026, 1, 7, 12, 0));
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(12, 30));
     planner.registerPeriodicEvent(everyDay(), QTime(12, 10));
@@ -722,7 +722,7 @@ void tst_NEventPlanner::jumpIsOneNewMinute()
 
 void tst_NEventPlanner::noticeOfAChangeWithinTheMinuteReportsNothing()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 0));
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
@@ -739,7 +739,7 @@ void tst_NEventPlanner::noticeOfAChangeWithinTheMinuteReportsNothing()
 
 void tst_NEventPlanner::signalOfTheClockSetterCanBeConnected()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
     ClockSetter setter;
@@ -761,7 +761,7 @@ void tst_NEventPlanner::signalOfTheClockSetterCanBeConnected()
 
 void tst_NEventPlanner::deletedPlannerEndsItsSlotsAndIsSilent()
 {
-    QScopedPointer<NEventPlanner> planner(new NEventPlanner(NULL));
+    QScopedPointer<NEventPlanner> planner(new NEventPlanner(nullptr));
     NPlannerRecorder recorder(planner.data(), &m_reports);
     planner->registerPeriodicEvent(everyDay(), QTime(7, 1));
     planner->registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
@@ -776,7 +776,7 @@ void tst_NEventPlanner::deletedPlannerEndsItsSlotsAndIsSilent()
 
 void tst_NEventPlanner::nothingCanBeRegisteredWithAPlannerThatIsBeingDeleted()
 {
-    QScopedPointer<NEventPlanner> planner(new NEventPlanner(NULL));
+    QScopedPointer<NEventPlanner> planner(new NEventPlanner(nullptr));
     NPlannerRecorder recorder(planner.data(), &m_reports);
     planner->registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
     take();
@@ -796,8 +796,8 @@ void tst_NEventPlanner::nothingCanBeRegisteredWithAPlannerThatIsBeingDeleted()
 
 void tst_NEventPlanner::deletedTickerEndsTheSlots()
 {
-    NEventPlanner planner(NULL);
-    NEventPlanner other(NULL);
+    NEventPlanner planner(nullptr);
+    NEventPlanner other(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     NPlannerRecorder recorderOfOther(&other, &m_reports);
     planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
@@ -821,17 +821,17 @@ void tst_NEventPlanner::deletedTickerEndsTheSlots()
 
 void tst_NEventPlanner::whatIsUnregisteredIsNotReportedInThisMinute()
 {
-    NEventPlanner planner(NULL);
-    NEventPlanner* const other = new NEventPlanner(NULL);
+    NEventPlanner planner(nullptr);
+    NEventPlanner* const other = new NEventPlanner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     NPlannerRecorder recorderOfOther(other, &m_reports);
     // Whichever comes first unregisters all the rest.
     const auto handler = [&](const QString&) {
-        planner.unregisterPeriodicEvent(NULL);
-        planner.unregisterPeriodicTimeSlot(NULL);
+        planner.unregisterPeriodicEvent(nullptr);
+        planner.unregisterPeriodicTimeSlot(nullptr);
         planner.unregisterCalendarEvents();
-        other->unregisterPeriodicEvent(NULL);
-        other->unregisterPeriodicTimeSlot(NULL);
+        other->unregisterPeriodicEvent(nullptr);
+        other->unregisterPeriodicTimeSlot(nullptr);
         other->unregisterCalendarEvent(NEventPlanner::NewMinute);
     };
     recorder.handler = handler;
@@ -858,8 +858,8 @@ void tst_NEventPlanner::whatIsUnregisteredIsNotReportedInThisMinute()
 
 void tst_NEventPlanner::whatIsRegisteredIsReportedFromTheNextMinuteOn()
 {
-    NEventPlanner planner(NULL);
-    NEventPlanner other(NULL);
+    NEventPlanner planner(nullptr);
+    NEventPlanner other(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     NPlannerRecorder recorderOfOther(&other, &m_reports);
     Event* const first = planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
@@ -886,12 +886,12 @@ void tst_NEventPlanner::whatIsRegisteredIsReportedFromTheNextMinuteOn()
 void tst_NEventPlanner::whatIsRegisteredIsNotTakenForWhatWasUnregistered()
 {
     const int EventCount = 20;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     for (int count = 0; count < EventCount; ++count)
         planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     recorder.handler = [&](const QString&) {
-        planner.unregisterPeriodicEvent(NULL);
+        planner.unregisterPeriodicEvent(nullptr);
         for (int count = 0; count < EventCount; ++count)
             planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     };
@@ -904,11 +904,11 @@ void tst_NEventPlanner::whatIsRegisteredIsNotTakenForWhatWasUnregistered()
     take();
     recorder.handler = [&](const QString&) {
         recorder.handler = nullptr;
-        planner.unregisterPeriodicTimeSlot(NULL);
+        planner.unregisterPeriodicTimeSlot(nullptr);
         for (int count = 0; count < EventCount; ++count)
             added << planner.registerPeriodicTimeSlot(everyDay(), QTime(5, 0), QTime(8, 0));
     };
-    planner.unregisterPeriodicTimeSlot(NULL);
+    planner.unregisterPeriodicTimeSlot(nullptr);
     const QStringList reports = take();
     QCOMPARE(reports.count(QString::fromLatin1("end 0600-0800")), EventCount);
     QCOMPARE(reports.count(QString::fromLatin1("start 0500-0800")), EventCount);
@@ -919,7 +919,7 @@ void tst_NEventPlanner::whatIsRegisteredIsNotTakenForWhatWasUnregistered()
 
 void tst_NEventPlanner::calendarEventThatIsRegisteredAgainWaitsForTheNextMinute()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
@@ -936,7 +936,7 @@ void tst_NEventPlanner::calendarEventThatIsRegisteredAgainWaitsForTheNextMinute(
 
 void tst_NEventPlanner::modifiedEventIsReportedIfItIsStillDue()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     Event* const one = planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     Event* const other = planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
@@ -960,7 +960,7 @@ void tst_NEventPlanner::modifiedEventIsReportedIfItIsStillDue()
 
 void tst_NEventPlanner::modifiedSlotIsNotChangedBackInThisMinute()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 1), QTime(8, 0));
@@ -978,11 +978,11 @@ void tst_NEventPlanner::modifiedSlotIsNotChangedBackInThisMinute()
 
 void tst_NEventPlanner::registeringGivesNothingWhenTheStartUnregistersTheSlot()
 {
-    NEventPlanner* const planner = new NEventPlanner(NULL);
+    NEventPlanner* const planner = new NEventPlanner(nullptr);
     NPlannerRecorder recorder(planner, &m_reports);
     recorder.handler = [&](const QString& report) {
         if (report.startsWith(QLatin1String("start")))
-            planner->unregisterPeriodicTimeSlot(NULL);
+            planner->unregisterPeriodicTimeSlot(nullptr);
     };
     QVERIFY(!planner->registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0)));
     QCOMPARE(take(), list("start 0600-0800,end 0600-0800"));
@@ -996,14 +996,14 @@ void tst_NEventPlanner::registeringGivesNothingWhenTheStartUnregistersTheSlot()
 
 void tst_NEventPlanner::furtherReceiversCanReadWhatTheFirstUnregistered()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder first(&planner, &m_reports, QString::fromLatin1("first "));
     NPlannerRecorder second(&planner, &m_reports, QString::fromLatin1("second "));
     first.handler = [&](const QString& report) {
         if (report.startsWith(QLatin1String("end")))
             return;
-        planner.unregisterPeriodicEvent(NULL);
-        planner.unregisterPeriodicTimeSlot(NULL);
+        planner.unregisterPeriodicEvent(nullptr);
+        planner.unregisterPeriodicTimeSlot(nullptr);
     };
     planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     tick(at(Qt::Monday, 7, 1));
@@ -1018,7 +1018,7 @@ void tst_NEventPlanner::furtherReceiversCanReadWhatTheFirstUnregistered()
 // An event loop is as good as its timer running out: newMinute() is what happens then.
 void tst_NEventPlanner::minutesGoOnInANestedEventLoopWithoutLoss()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     for (int count = 0; count < 3; ++count) {
         planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
@@ -1046,7 +1046,7 @@ void tst_NEventPlanner::minutesGoOnInANestedEventLoopWithoutLoss()
 
 void tst_NEventPlanner::slotsAreRightAfterAJumpInANestedEventLoop()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 1), QTime(8, 0));
@@ -1061,7 +1061,7 @@ void tst_NEventPlanner::slotsAreRightAfterAJumpInANestedEventLoop()
 
 void tst_NEventPlanner::slotThatIsModifiedInTheNextMinuteIsNotChangedBack()
 {
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
@@ -1125,7 +1125,7 @@ void tst_NEventPlanner::receiversMayDoAnything()
     };
     const auto remove = [&](int index) {
         NEventPlanner* const planner = all[index].planner;
-        all[index].planner = NULL;
+        all[index].planner = nullptr;
         delete planner;
     };
     const auto act = [&](int emitting) {
@@ -1167,15 +1167,15 @@ void tst_NEventPlanner::receiversMayDoAnything()
                     objects.planner->unregisterPeriodicTimeSlot(timeSlot);
             }
             if (action == QLatin1String("unregister all")) {
-                objects.planner->unregisterPeriodicEvent(NULL);
-                objects.planner->unregisterPeriodicTimeSlot(NULL);
+                objects.planner->unregisterPeriodicEvent(nullptr);
+                objects.planner->unregisterPeriodicTimeSlot(nullptr);
                 objects.planner->unregisterCalendarEvents();
             }
         }
     };
     for (int index = 0; index < 2; ++index) {
         Objects objects = Objects();
-        objects.planner = new NEventPlanner(NULL);
+        objects.planner = new NEventPlanner(nullptr);
         objects.recorder = new NPlannerRecorder(objects.planner, &m_reports);
         objects.secondRecorder = new NPlannerRecorder(objects.planner, &m_reports);
         fill(objects);
@@ -1200,7 +1200,7 @@ void tst_NEventPlanner::receiversMayDoAnything()
         all[0].planner->modifyRegisteredPeriodicTimeSlot(
             all[0].timeSlots.first(), everyDay(), QTime(5, 0), QTime(9, 0));
     else if (cause == QLatin1String("unregistering"))
-        all[0].planner->unregisterPeriodicTimeSlot(NULL);
+        all[0].planner->unregisterPeriodicTimeSlot(nullptr);
     else
         remove(0);
     QVERIFY(acted);
@@ -1211,8 +1211,8 @@ void tst_NEventPlanner::receiversMayDoAnything()
         objects.recorder->handler = nullptr;
         if (!objects.planner)
             continue;
-        objects.planner->unregisterPeriodicEvent(NULL);
-        objects.planner->unregisterPeriodicTimeSlot(NULL);
+        objects.planner->unregisterPeriodicEvent(nullptr);
+        objects.planner->unregisterPeriodicTimeSlot(nullptr);
         objects.planner->unregisterCalendarEvents();
         objects.planner->registerPeriodicEvent(everyDay(), QTime(12, 0));
         expected << list("event 1200,event 1200");

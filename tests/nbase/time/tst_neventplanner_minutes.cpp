@@ -59,7 +59,7 @@ int runChild(int& argc, char** argv)
 {
     QCoreApplication application(argc, argv);
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     for (int minute = 0; minute < 24 * 60; ++minute)
         planner.registerPeriodicEvent(everyDay(), minuteAfter(QTime(0, 0), minute));
@@ -88,7 +88,7 @@ void tst_NEventPlannerMinutes::twoMinutesAreReportedWithOneWakeUpEach()
     QVERIFY(process > 0);
 
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     // The minute that the planner's ticker has begun with is the present one, or a new one begins just here.
     planner.registerCalendarEvent(NEventPlanner::NewMinute);

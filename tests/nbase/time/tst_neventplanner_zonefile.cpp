@@ -87,7 +87,7 @@ void tst_NEventPlannerZoneFile::fileMayBeReplaced()
     QSet<Qt::DayOfWeek> monday;
     monday << Qt::Monday;
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(monday, QTime(16, 0));
     planner.registerPeriodicTimeSlot(monday, QTime(8, 0), QTime(9, 0));
@@ -111,7 +111,7 @@ void tst_NEventPlannerZoneFile::minuteWithALeapSecondIsReportedOnce()
     NPrivateNamespace::mountCopy(file, QString::fromLatin1(ZoneFile));
 
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     NFakeClock::stopAt(leapSecond - 60 * 1000);
     ticker()->newMinute();

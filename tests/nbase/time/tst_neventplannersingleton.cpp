@@ -119,7 +119,7 @@ void tst_NEventPlannerSingleton::cleanup()
 void tst_NEventPlannerSingleton::comesIntoBeingWithTheFirstOperation()
 {
     delete ticker();
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     set(at(Qt::Monday, 7, 30));
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
     QStringList reports;
@@ -191,7 +191,7 @@ void tst_NEventPlannerSingleton::lateTickerProcessesTheCurrentMinuteAtOnce()
 void tst_NEventPlannerSingleton::timerReportsTheNewMinute()
 {
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner.registerPeriodicEvent(everyDay(), QTime(7, 31));
@@ -217,7 +217,7 @@ void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
     QFETCH(bool, deletesTicker);
     tick(at(Qt::Monday, 7, 29));
     QStringList reports;
-    QScopedPointer<NEventPlanner> planner(new NEventPlanner(NULL));
+    QScopedPointer<NEventPlanner> planner(new NEventPlanner(nullptr));
     NPlannerRecorder recorder(planner.data(), &reports);
     planner->registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner->registerCalendarEvent(NEventPlanner::NewMinute);
@@ -233,7 +233,7 @@ void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
     QCOMPARE(hasTicker(), !deletesTicker);
 
     // There is another minute after this one.
-    NEventPlanner next(NULL);
+    NEventPlanner next(nullptr);
     NPlannerRecorder nextRecorder(&next, &reports);
     next.registerPeriodicEvent(everyDay(), QTime(7, 31));
     NFakeClock::runFrom(at(Qt::Monday, 7, 30, 59).toMSecsSinceEpoch() + 900);
@@ -244,7 +244,7 @@ void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
 void tst_NEventPlannerSingleton::changedClockIsFoundWhenTheTimerRunsOut()
 {
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner.registerPeriodicEvent(everyDay(), QTime(12, 0));
@@ -267,7 +267,7 @@ void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteWhenTheClockChanges()
 {
     QFETCH(qint64, change);
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     tickAt(change - 3 * Hour - Minute);
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
@@ -287,7 +287,7 @@ void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteWhenTheClockChanges()
 void tst_NEventPlannerSingleton::missingHourReportsNoEventsOfIt()
 {
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     tickAt(springForward() - 2 * Minute);
     planner.registerPeriodicEvent(everyDay(), QTime(1, 59));
@@ -303,7 +303,7 @@ void tst_NEventPlannerSingleton::missingHourReportsNoEventsOfIt()
 void tst_NEventPlannerSingleton::repeatedHourReportsItsEventsTwice()
 {
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     tickAt(fallBack() - Hour - 2 * Minute);
     planner.registerPeriodicEvent(everyDay(), QTime(1, 59));
@@ -322,7 +322,7 @@ void tst_NEventPlannerSingleton::repeatedHourReportsItsEventsTwice()
 void tst_NEventPlannerSingleton::noticeInTheRepeatedMinuteReportsNothing()
 {
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     tickAt(fallBack() - Hour / 2);
     planner.registerPeriodicEvent(everyDay(), QTime(2, 30));
@@ -335,7 +335,7 @@ void tst_NEventPlannerSingleton::noticeInTheRepeatedMinuteReportsNothing()
 void tst_NEventPlannerSingleton::slotsInTheMissingAndTheRepeatedHour()
 {
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     // The minutes around a change of the clock, with what is reported in each.
     const auto run = [&](qint64 change, int first, int last) {
@@ -386,7 +386,7 @@ void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc()
     QFETCH(int, second);
     setTimeZone(zone.toLatin1().constData());
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     const QTime now(hour, minute);
     const qint64 start = utc(2026, 1, 5, 12, 0) - second * 1000;
@@ -412,7 +412,7 @@ void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc()
 void tst_NEventPlannerSingleton::timeZoneMayChange()
 {
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(everyDay(), QTime(16, 0));
     planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(12, 0));
@@ -454,7 +454,7 @@ int runChild(int& argc, char** argv)
     setTimeZone(CentralEurope);
     begin(at(Qt::Monday, 7, 29));
     QStringList reports;
-    NEventPlanner planner(NULL);
+    NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner.registerCalendarEvent(NEventPlanner::NewMinute);

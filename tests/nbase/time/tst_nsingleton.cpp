@@ -52,7 +52,7 @@ void* callFunction(const char* library, const char* name)
 {
     const ObjectFunction function =
         reinterpret_cast<ObjectFunction>(QLibrary::resolve(QString::fromLocal8Bit(library), name));
-    return function ? function() : NULL;
+    return function ? function() : nullptr;
 }
 
 } // namespace
@@ -107,7 +107,7 @@ void tst_NSingleton::mutexIsThereBeforeFirstUse()
 
 void tst_NSingleton::instanceIsMadeOnFirstUseWithoutParent()
 {
-    QCOMPARE(OwnSingleton::member(), static_cast<OwnSingleton*>(NULL));
+    QCOMPARE(OwnSingleton::member(), static_cast<OwnSingleton*>(nullptr));
     OwnSingleton* const object = OwnSingleton::instance();
     QVERIFY(object);
     QVERIFY(!object->parent());
@@ -144,7 +144,7 @@ void tst_NSingleton::threadsThatComeFirstTogetherGetOneObject()
         OwnSingleton::made = QAtomicInt(0);
         QVERIFY(NTest::holdsInThreads(ThreadCount, [&instances](int index) {
             instances[index] = OwnSingleton::instance();
-            return instances[index] != NULL;
+            return instances[index] != nullptr;
         }));
         for (int index = 0; index < ThreadCount; ++index)
             QCOMPARE(instances[index], OwnSingleton::member());

@@ -13,7 +13,7 @@ public:
         , m_destroyed(destroyed)
     {
     }
-    ~RecordingTown() { m_destroyed->append(name()); }
+    ~RecordingTown() override { m_destroyed->append(name()); }
 
 private:
     QStringList* m_destroyed;
@@ -27,7 +27,7 @@ public:
         , m_destroyed(destroyed)
     {
     }
-    ~RecordingRegion() { m_destroyed->append(name()); }
+    ~RecordingRegion() override { m_destroyed->append(name()); }
 
 private:
     QStringList* m_destroyed;

@@ -12,7 +12,7 @@ public:
         , m_destroyed(destroyed)
     {
     }
-    ~CountingTown() { ++*m_destroyed; }
+    ~CountingTown() override { ++*m_destroyed; }
 
 private:
     int* m_destroyed;

@@ -66,7 +66,7 @@ private slots:
     void randomLinesAreTakenApartAsTheExpressionDoes();
 
 private:
-    bool agrees(const QString& line, bool* isZone = NULL);
+    bool agrees(const QString& line, bool* isZone = nullptr);
 
     QList<QByteArray> m_realLines;
     QRegExp m_expression;

@@ -25,7 +25,7 @@ class RefusingProcessor : public NRefusingProcessor<Processor>
 public:
     using NRefusingProcessor<Processor>::NRefusingProcessor;
 
-    virtual bool canReadDatabaseWithSession(NwaWebSession* session) const { return refuse(session); }
+    bool canReadDatabaseWithSession(NwaWebSession* session) const override { return refuse(session); }
 };
 
 QString text(const char* latin1)
@@ -70,9 +70,9 @@ private slots:
     void placeholdersInNamesAreNotFilled();
 
 protected:
-    virtual NwaStandardFcgiService* newService();
-    virtual NwaStandardFcgiService* newRefusingService(NRefusal* refusal, QObject* parent);
-    virtual QList<QByteArray> queries() const;
+    NwaStandardFcgiService* newService() override;
+    NwaStandardFcgiService* newRefusingService(NRefusal* refusal, QObject* parent) override;
+    QList<QByteArray> queries() const override;
 
 private:
     void makeZones();
@@ -127,7 +127,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::loadDatabase()
 
 NwaStandardFcgiService* tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::newService()
 {
-    return new Service(identifier(), m_database.data(), NULL);
+    return new Service(identifier(), m_database.data(), nullptr);
 }
 
 NwaStandardFcgiService*
@@ -250,7 +250,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::emptyDatabaseHasEmptyConte
     QVERIFY(QFile::remove(m_zones->filePath(text("zone.tab"))));
     loadDatabase();
     process("");
-    const QVariantMap database = NwaJson::parse(channel().body(), NULL).toMap();
+    const QVariantMap database = NwaJson::parse(channel().body(), nullptr).toMap();
     QCOMPARE(database.value(text("content")).type(), QVariant::Map);
     QVERIFY(database.value(text("content")).toMap().isEmpty());
     QCOMPARE(database.value(text("information")), document("information"));

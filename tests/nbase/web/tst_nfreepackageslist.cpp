@@ -123,7 +123,7 @@ void tst_NFreePackagesList::recordBecomesAPackage()
 {
     writeManifest(
         "\"zlib\",\"1.2.13\",\"Zlib\",\"README LICENSE\",\"zlib-1.2.13.tar.xz\",\"http://example.org/\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(list.freePackages().keys(), QList<QString>() << text("zlib"));
     const NFreePackage* const package = list.freePackages().value(text("zlib"));
     QCOMPARE(package->name(), text("zlib"));
@@ -160,7 +160,7 @@ void tst_NFreePackagesList::licensesAreSplitAtCommaAndBlank()
     QFETCH(QByteArray, field);
     QFETCH(QStringList, licenses);
     writeManifest("\"p\",\"1\",\"" + field + "\",\"\",\"\",\"\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(list.freePackages().value(text("p"))->licenses(), licenses);
 }
 
@@ -179,7 +179,7 @@ void tst_NFreePackagesList::licenseFilesAreSplitAtBlanks()
     QFETCH(QByteArray, field);
     QFETCH(QStringList, names);
     writeManifest("\"p\",\"1\",\"\",\"" + field + "\",\"\",\"\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     const QHash<QString, QString> files = list.freePackages().value(text("p"))->licenseFiles();
     QCOMPARE(sorted(files.keys()), sorted(names));
     for (const QString& name : names)
@@ -189,7 +189,7 @@ void tst_NFreePackagesList::licenseFilesAreSplitAtBlanks()
 void tst_NFreePackagesList::placeholdersInNamesAreNotFilled()
 {
     writeManifest("\"%3\",\"%1\",\"\",\"%2\",\"\",\"\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(
         list.freePackages().value(text("%3"))->licenseFiles().value(text("%2")),
         text("/usr/share/free_packages/licenses/%3-%1/%2"));
@@ -198,7 +198,7 @@ void tst_NFreePackagesList::placeholdersInNamesAreNotFilled()
 void tst_NFreePackagesList::textIsLatin1()
 {
     writeManifest("\"caf\xe9\",\"1\",\"\",\"\",\"\",\"\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QVERIFY(list.freePackages().contains(text("caf\xe9")));
 }
 
@@ -206,7 +206,7 @@ void tst_NFreePackagesList::laterLineReplacesTheEntry()
 {
     writeManifest(
         "\"p\",\"1\",\"\",\"\",\"\",\"\"\n\"q\",\"1\",\"\",\"\",\"\",\"\"\n\"p\",\"2\",\"\",\"\",\"\",\"\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(list.freePackages().size(), 2);
     QCOMPARE(list.freePackages().value(text("p"))->version(), text("2"));
 }
@@ -214,23 +214,23 @@ void tst_NFreePackagesList::laterLineReplacesTheEntry()
 void tst_NFreePackagesList::lastLineMayLackItsLineFeed()
 {
     writeManifest("\"p\",\"1\",\"\",\"\",\"\",\"site\"");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(list.freePackages().value(text("p"))->sourceSite(), text("site"));
 }
 
 void tst_NFreePackagesList::emptyLinesAreSkipped()
 {
     writeManifest("\n\n\"p\",\"1\",\"\",\"\",\"\",\"\"\n\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(list.freePackages().size(), 1);
 }
 
 void tst_NFreePackagesList::headerAloneIsAnEmptyList()
 {
     writeManifest("");
-    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
     m_folder->writeFile(text("manifest.csv"), QByteArray(Header).trimmed());
-    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
 void tst_NFreePackagesList::headerEndsAtNul()
@@ -238,13 +238,13 @@ void tst_NFreePackagesList::headerEndsAtNul()
     const QByteArray header(QByteArray(Header).trimmed());
     m_folder->writeFile(
         text("manifest.csv"), header + QByteArray("\0rest\n", 6) + "\"p\",\"1\",\"\",\"\",\"\",\"\"\n");
-    QCOMPARE(NFreePackagesList(NULL).freePackages().size(), 1);
+    QCOMPARE(NFreePackagesList(nullptr).freePackages().size(), 1);
 }
 
 void tst_NFreePackagesList::listStaysAsItWasLoaded()
 {
     writeManifest("\"p\",\"1\",\"\",\"\",\"\",\"\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     writeManifest("\"q\",\"1\",\"\",\"\",\"\",\"\"\n");
     QCOMPARE(list.freePackages().keys(), QList<QString>() << text("p"));
 }
@@ -252,14 +252,14 @@ void tst_NFreePackagesList::listStaysAsItWasLoaded()
 void tst_NFreePackagesList::missingManifestIsToldAndEmpty()
 {
     QTest::ignoreMessage(QtWarningMsg, CannotOpen);
-    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
 void tst_NFreePackagesList::directoryInPlaceOfTheManifestIsToldAndEmpty()
 {
     QVERIFY(QDir(m_folder->path()).mkdir(text("manifest.csv")));
     QTest::ignoreMessage(QtWarningMsg, CannotOpen);
-    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
 void tst_NFreePackagesList::danglingLinkInPlaceOfTheManifestIsToldAndEmpty()
@@ -267,7 +267,7 @@ void tst_NFreePackagesList::danglingLinkInPlaceOfTheManifestIsToldAndEmpty()
     const QByteArray link = QFile::encodeName(m_folder->filePath(text("manifest.csv")));
     QCOMPARE(::symlink("elsewhere.csv", link.constData()), 0);
     QTest::ignoreMessage(QtWarningMsg, CannotOpen);
-    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
 void tst_NFreePackagesList::manifestThatMayNotBeReadIsToldAndEmpty()
@@ -276,11 +276,11 @@ void tst_NFreePackagesList::manifestThatMayNotBeReadIsToldAndEmpty()
     QVERIFY(QFile::setPermissions(m_folder->filePath(text("manifest.csv")), QFile::Permissions()));
     const int status = NTest::runInChild([]() {
         const NMessageRecorder recorder;
-        if (NFreePackagesList(NULL).freePackages().size() != 1 || !recorder.messages().isEmpty())
+        if (NFreePackagesList(nullptr).freePackages().size() != 1 || !recorder.messages().isEmpty())
             return 1; // the system's administrator may read everything
         if (!giveUpCapabilities())
             return 2;
-        if (!NFreePackagesList(NULL).freePackages().isEmpty())
+        if (!NFreePackagesList(nullptr).freePackages().isEmpty())
             return 3;
         return recorder.messages() == QStringList(text("warning: ") + text(CannotOpen)) ? 0 : 4;
     });
@@ -311,7 +311,7 @@ void tst_NFreePackagesList::badHeaderIsToldAndEmpty()
     m_folder->writeFile(text("manifest.csv"), manifest);
     const QByteArray message = "Bad header line in free packages' manifest: " + told;
     QTest::ignoreMessage(QtWarningMsg, message.constData());
-    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
 void tst_NFreePackagesList::badLineIsToldAndLeftOut_data()
@@ -336,14 +336,14 @@ void tst_NFreePackagesList::badLineIsToldAndLeftOut()
     writeManifest("\"before\",\"1\",\"\",\"\",\"\",\"\"\n" + line + "\n\"behind\",\"1\",\"\",\"\",\"\",\"\"\n");
     const QByteArray message = "Bad line in free packages' manifest: " + line;
     QTest::ignoreMessage(QtWarningMsg, message.constData());
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(sorted(list.freePackages().keys()), QStringList() << text("before") << text("behind"));
 }
 
 void tst_NFreePackagesList::fieldsMayBeEmpty()
 {
     writeManifest("\"\",\"\",\"\",\"\",\"\",\"\"\n\"a\"b\",\"1\",\"x\"\",y\",\"\",\"\",\"\"\n");
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(sorted(list.freePackages().keys()), QStringList() << text("") << text("a\"b"));
     QCOMPARE(list.freePackages().value(text("a\"b"))->licenses(), QStringList() << text("x\"\",y"));
 }
@@ -351,7 +351,7 @@ void tst_NFreePackagesList::fieldsMayBeEmpty()
 void tst_NFreePackagesList::textEndsAtNul()
 {
     writeManifest(QByteArray("\"p\",\"1\",\"\",\"\",\"\",\"site\"") + QByteArray("\0rest\n", 6));
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     QCOMPARE(list.freePackages().value(text("p"))->sourceSite(), text("site"));
 }
 
@@ -359,7 +359,7 @@ void tst_NFreePackagesList::badLineIsToldAsLatin1()
 {
     writeManifest("caf\xe9\n");
     QTest::ignoreMessage(QtWarningMsg, "Bad line in free packages' manifest: caf\xc3\xa9");
-    QVERIFY(NFreePackagesList(NULL).freePackages().isEmpty());
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
 void tst_NFreePackagesList::readErrorIsToldAndEndsTheList()
@@ -368,7 +368,7 @@ void tst_NFreePackagesList::readErrorIsToldAndEndsTheList()
         QByteArray("\"p\",\"1\",\"\",\"\",\"\",\"\"\n").repeated(10000) + "\"q\",\"1\",\"\",\"\",\"\",\"\"\n");
     QTest::ignoreMessage(QtWarningMsg, "Cannot read the free packages' manifest file to its end");
     blocksAreBad = true;
-    const NFreePackagesList list(NULL);
+    const NFreePackagesList list(nullptr);
     blocksAreBad = false;
     QCOMPARE(list.freePackages().keys(), QList<QString>() << text("p"));
 }

@@ -34,7 +34,7 @@ class RefusingProcessor : public NRefusingProcessor<Processor>
 public:
     using NRefusingProcessor<Processor>::NRefusingProcessor;
 
-    virtual bool canReadFreePackagesListWithSession(NwaWebSession* session) const { return refuse(session); }
+    bool canReadFreePackagesListWithSession(NwaWebSession* session) const override { return refuse(session); }
 };
 
 // A client who takes only what he is asked to take.
@@ -47,14 +47,14 @@ public:
     {
     }
 
-    virtual bool write(Stream stream, const char* data, int size)
+    bool write(Stream stream, const char* data, int size) override
     {
         const bool good = NMemoryChannel::write(stream, data, size);
         largestBacklog = qMax(largestBacklog, replyBacklog());
         return good;
     }
 
-    virtual int replyBacklog() const { return output.size() - m_taken; }
+    int replyBacklog() const override { return output.size() - m_taken; }
 
     void take(NwaFcgiRequest* request)
     {
@@ -148,8 +148,8 @@ private slots:
     void twoHundredMegabytesGoThroughTheWebServerInLittleMemory();
 
 protected:
-    virtual NwaStandardFcgiService* newService();
-    virtual NwaStandardFcgiService* newRefusingService(NRefusal* refusal, QObject* parent);
+    NwaStandardFcgiService* newService() override;
+    NwaStandardFcgiService* newRefusingService(NRefusal* refusal, QObject* parent) override;
 
 private:
     void load(const QByteArray& records);
@@ -177,7 +177,7 @@ void tst_NFreePackagesListFcgiService::cleanup()
 void tst_NFreePackagesListFcgiService::load(const QByteArray& records)
 {
     m_folder->writeFile(text("manifest.csv"), Header + records);
-    m_list.reset(new NFreePackagesList(NULL));
+    m_list.reset(new NFreePackagesList(nullptr));
 }
 
 // A package whose document is far more than what is written at once.
@@ -189,7 +189,7 @@ void tst_NFreePackagesListFcgiService::loadLongText()
 
 NwaStandardFcgiService* tst_NFreePackagesListFcgiService::newService()
 {
-    return new Service(identifier(), m_list.data(), NULL);
+    return new Service(identifier(), m_list.data(), nullptr);
 }
 
 NwaStandardFcgiService* tst_NFreePackagesListFcgiService::newRefusingService(NRefusal* refusal, QObject* parent)
@@ -330,7 +330,7 @@ void tst_NFreePackagesListFcgiService::fileOutsideTheFolderIsNotServed()
 void tst_NFreePackagesListFcgiService::replyWaitsForASlowClient()
 {
     loadLongText();
-    Service service(identifier(), m_list.data(), NULL);
+    Service service(identifier(), m_list.data(), nullptr);
     SlowChannel channel;
     QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
     service.processRequest(request);
@@ -352,7 +352,7 @@ void tst_NFreePackagesListFcgiService::replyWaitsForASlowClient()
 void tst_NFreePackagesListFcgiService::longReplyGivesOthersTheirTurn()
 {
     loadLongText();
-    Service service(identifier(), m_list.data(), NULL);
+    Service service(identifier(), m_list.data(), nullptr);
     NMemoryChannel channel;
     service.processRequest(new NwaFcgiRequest(&channel, variables("", "GET")));
     QCOMPARE(channel.finishCount, 0);
@@ -363,7 +363,7 @@ void tst_NFreePackagesListFcgiService::longReplyGivesOthersTheirTurn()
 void tst_NFreePackagesListFcgiService::replyThatWasTakenWaitsForItsTurn()
 {
     loadLongText();
-    Service service(identifier(), m_list.data(), NULL);
+    Service service(identifier(), m_list.data(), nullptr);
     FastChannel channel;
     NwaFcgiRequest* const request = new NwaFcgiRequest(&channel, variables("", "GET"));
     service.processRequest(request);
@@ -381,7 +381,7 @@ void tst_NFreePackagesListFcgiService::replyThatWasTakenWaitsForItsTurn()
 void tst_NFreePackagesListFcgiService::abortedReplyEnds()
 {
     loadLongText();
-    Service service(identifier(), m_list.data(), NULL);
+    Service service(identifier(), m_list.data(), nullptr);
     SlowChannel channel;
     QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
     service.processRequest(request);
@@ -397,7 +397,7 @@ void tst_NFreePackagesListFcgiService::replyEndsWithItsProcessor()
     SlowChannel channel;
     QPointer<NwaFcgiRequest> request;
     {
-        Service service(identifier(), m_list.data(), NULL);
+        Service service(identifier(), m_list.data(), nullptr);
         request = new NwaFcgiRequest(&channel, variables("", "GET"));
         service.processRequest(request);
         QVERIFY(request);
@@ -426,7 +426,7 @@ void tst_NFreePackagesListFcgiService::twoHundredMegabytesGoThroughTheWebServerI
 
     const NTemporaryDirectory sockets;
     NwaFcgiServer server;
-    Service service(identifier(), m_list.data(), NULL);
+    Service service(identifier(), m_list.data(), nullptr);
     server.registerService(text("/api/packages"), &service);
     QVERIFY2(server.listenOnPath(sockets.filePath(text("socket"))), server.errorString().toLatin1());
     NLighttpd webServer;
