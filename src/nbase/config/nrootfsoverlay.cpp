@@ -1,15 +1,15 @@
 #include <nbase/config/nrootfsoverlay.h>
 
-#include <nbase/core/ndirectorylock_p.h>
+#include <nsystem/nfilereplacement_p.h>
+#include <nsystem/nlinereader_p.h>
+#include <nsystem/nsystemcall_p.h>
 
 #include <errno.h>
-#include <fcntl.h>
 #include <libconfig.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -23,139 +23,40 @@ const char* const MountTablePath = "/proc/mounts";
 const char* const BootActionWords[] = {"wipe", "restore", "none"};
 const int BootActionCount = sizeof(BootActionWords) / sizeof(BootActionWords[0]);
 
-// A file that has no line end for so long holds no identifier, and is not worth the memory.
-const size_t LongestLine = size_t(16) * 1024 * 1024;
+// A longer line is no identifier.
+const int MaximumLineLength = 16 * 1024 * 1024;
 
-ssize_t readSome(int file, char* buffer, size_t size)
+// A copy of @a line, of the C library's memory.
+char* duplicated(const NLineReader::Line& line)
 {
-    ssize_t count;
-    do
-        count = ::read(file, buffer, size);
-    while (count < 0 && errno == EINTR);
-    return count;
+    char* const copy = static_cast<char*>(malloc(size_t(line.size) + 1));
+    if (!copy)
+        return nullptr;
+    memcpy(copy, line.bytes, size_t(line.size));
+    copy[line.size] = '\0';
+    return copy;
 }
 
-bool writeAll(int file, const char* text)
+// The first line of the file @a path, without its line feed; null, with errno, for an empty file or on failure.
+char* readFirstLine(const char* path)
 {
-    size_t size = strlen(text);
-    while (size > 0) {
-        const ssize_t count = ::write(file, text, size);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        text += count;
-        size -= size_t(count);
-    }
-    return true;
-}
-
-// The first line of what can be read from @a file, without its line feed; NULL for nothing, or on failure.
-char* readFirstLine(int file)
-{
-    size_t capacity = 256;
-    size_t size = 0;
-    char* line = static_cast<char*>(malloc(capacity));
-    while (line) {
-        const ssize_t count = readSome(file, line + size, capacity - size - 1);
-        if (count < 0 || (count == 0 && size == 0))
-            break;
-        char* const end = static_cast<char*>(memchr(line + size, '\n', size_t(count)));
-        size += size_t(count);
-        if (end || count == 0) {
-            *(end ? end : line + size) = '\0';
-            return line;
-        }
-        if (size + 1 < capacity)
-            continue;
-        capacity *= 2;
-        char* const longer = capacity > LongestLine ? nullptr : static_cast<char*>(realloc(line, capacity));
-        if (!longer) {
-            errno = ENOMEM;
-            break;
-        }
-        line = longer;
-    }
-    free(line);
+    const NFileDescriptor file = NSystem::openRegularFile(path);
+    if (!file.isOpen())
+        return nullptr;
+    NLineReader reader(MaximumLineLength);
+    NLineReader::Line line;
+    reader.start(file.number());
+    if (!reader.next(&line))
+        return nullptr;
+    if (line.isComplete)
+        return duplicated(line);
+    errno = ENOMEM;
     return nullptr;
 }
 
-char* readFirstLine(const char* path)
-{
-    const int file = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (file < 0)
-        return nullptr;
-    char* const line = readFirstLine(file);
-    const int error = errno;
-    ::close(file);
-    errno = error;
-    return line;
-}
-
-bool closeFile(int file)
-{
-    // Linux releases the descriptor even when a signal interrupts closing.
-    return ::close(file) == 0 || errno == EINTR;
-}
-
-bool canBeWritten(const char* path)
-{
-    const int file = ::open(path, O_WRONLY | O_CLOEXEC);
-    if (file < 0)
-        return errno == ENOENT;
-    ::close(file);
-    return true;
-}
-
-// Where the next content of a marker is written: beside it, and then renamed, so that a full disk or a power cut
-// leaves the old marker or the new one and nothing in between. What a power cut leaves here goes with the next
-// change.
-class NewMarker
-{
-public:
-    explicit NewMarker(const char* marker)
-    {
-        snprintf(m_path, sizeof(m_path), "%s.new", marker);
-        ::unlink(m_path);
-    }
-
-    ~NewMarker() { ::unlink(m_path); }
-
-    bool write(const char* content) const
-    {
-        const int file = ::open(m_path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (file < 0)
-            return false;
-        const bool isWritten = writeAll(file, content) && ::fsync(file) == 0;
-        return closeFile(file) && isWritten;
-    }
-
-    bool replace(const char* marker) const { return ::rename(m_path, marker) == 0; }
-
-private:
-    char m_path[64];
-};
-
-// The lock keeps a process from writing where another one is writing, or taking away what that has written.
 int writeMarker(const char* path, const char* content)
 {
-    const NDirectoryLock lock(OverlayPath, NDirectoryLock::Exclusive);
-    if (!lock.isLocked() || !canBeWritten(path))
-        return 0;
-    const NewMarker marker(path);
-    return marker.write(content) && marker.replace(path) && lock.synchronize();
-}
-
-int removeMarker(const char* path)
-{
-    const NDirectoryLock lock(OverlayPath, NDirectoryLock::Exclusive);
-    if (!lock.isLocked())
-        return 0;
-    const NewMarker leftOver(path);
-    if (::unlink(path) != 0)
-        return errno == ENOENT;
-    lock.synchronize();
-    return 1;
+    return NSystem::replaceFile(path, content, strlen(content));
 }
 
 bool lookUpConfiguration(const config_t& file, NroBackupConf& configuration)
@@ -352,7 +253,7 @@ int nroIsAutoBackupEnabled(void)
 int nroWriteAutoBackupEnabled(int enabled, const char* mediaId)
 {
     if (!enabled)
-        return removeMarker(AutoBackupPath);
+        return NSystem::removeFile(AutoBackupPath);
     return mediaId ? writeMarker(AutoBackupPath, mediaId) : 0;
 }
 
@@ -377,7 +278,7 @@ int nroGetBootAction(void)
 int nroWriteBootAction(int action)
 {
     if (unsigned(action) >= unsigned(NRO_BOOT_ACTION_NONE))
-        return removeMarker(BootActionPath);
+        return NSystem::removeFile(BootActionPath);
     return writeMarker(BootActionPath, BootActionWords[action]);
 }
 

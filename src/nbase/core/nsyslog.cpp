@@ -3,14 +3,19 @@
 #include <nbase/core/nsysloglinematcher_p.h>
 #include <nbase/nbaseqtcompat_p.h>
 
+#include <nsystem/nsystemcall_p.h>
+
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
-#include <QtCore/QSharedPointer>
 
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
+#include <unistd.h>
+
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -43,18 +48,14 @@ QStringList labelsUpTo(int level)
     return NSysLog::S_LOG_LEVELS_LABELS.mid(0, qMin(level, int(NSysLog::Debug)) + 1);
 }
 
-typedef QSharedPointer<QFile> FilePointer;
-
-// Opening a pipe waits for its writer, and a device may have no end: only regular files are logs.
-QList<FilePointer> openRegularFiles(const QStringList& paths)
+// All are opened before any is read: a log that is rotated meanwhile is neither missed nor read twice.
+std::vector<NFileDescriptor> openRegularFiles(const QStringList& paths)
 {
-    QList<FilePointer> files;
+    std::vector<NFileDescriptor> files;
     for (const QString& path : paths) {
-        if (!QFileInfo(path).isFile())
-            continue;
-        const FilePointer file(new QFile(path));
-        if (file->open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-            files.append(file);
+        NFileDescriptor file = NSystem::openRegularFile(QFile::encodeName(path).constData());
+        if (file.isOpen())
+            files.push_back(std::move(file));
     }
     return files;
 }
@@ -121,15 +122,15 @@ class LogReader
 public:
     LogReader(const QStringList& levels, const QList<QRegExp>& programs);
 
-    void read(QFile& file);
+    void read(const NFileDescriptor& file);
     QStringList lines() const { return m_lines; }
 
 private:
-    void readBlock(QFile& file, const char* end);
-    void endLine(QFile& file);
-    bool programIsWanted(QFile& file);
-    QString line(QFile& file) const;
-    static QString readAgain(QFile& file, qint64 offset, qint64 size);
+    void readBlock(const NFileDescriptor& file, qint64 blockOffset, const char* end);
+    void endLine(const NFileDescriptor& file);
+    bool programIsWanted(const NFileDescriptor& file);
+    QString line(const NFileDescriptor& file) const;
+    static QString readAgain(const NFileDescriptor& file, qint64 offset, qint64 size);
 
     // A damaged log may have a "program" of any length, which an expression has to see as a whole.
     enum { BlockSize = 128 * 1024, LongestProgram = 1024 * 1024 };
@@ -151,22 +152,23 @@ LogReader::LogReader(const QStringList& levels, const QList<QRegExp>& programs)
 {
 }
 
-void LogReader::read(QFile& file)
+void LogReader::read(const NFileDescriptor& file)
 {
     m_matcher.startLine();
     m_lineOffset = 0;
+    qint64 offset = 0;
     forever {
-        const qint64 size = file.read(m_block.data(), BlockSize);
+        const ssize_t size = NSystem::read(file.number(), m_block.data(), BlockSize);
         if (size <= 0)
             break;
-        readBlock(file, m_block.data() + size);
+        readBlock(file, offset, m_block.data() + size);
+        offset += size;
     }
     endLine(file);
 }
 
-void LogReader::readBlock(QFile& file, const char* end)
+void LogReader::readBlock(const NFileDescriptor& file, qint64 blockOffset, const char* end)
 {
-    const qint64 blockOffset = file.pos() - (end - m_block.data());
     const char* next = m_block.data();
     m_lineInBlock = m_lineOffset == blockOffset ? next : nullptr;
     while (const char* newLine = static_cast<const char*>(memchr(next, '\n', end - next))) {
@@ -180,7 +182,7 @@ void LogReader::readBlock(QFile& file, const char* end)
     m_lineInBlock = nullptr;
 }
 
-void LogReader::endLine(QFile& file)
+void LogReader::endLine(const NFileDescriptor& file)
 {
     if (m_matcher.matches() && programIsWanted(file)) {
         const QString text = line(file);
@@ -190,7 +192,7 @@ void LogReader::endLine(QFile& file)
     m_matcher.startLine();
 }
 
-bool LogReader::programIsWanted(QFile& file)
+bool LogReader::programIsWanted(const NFileDescriptor& file)
 {
     const qint64 begin = m_matcher.programBegin();
     const qint64 size = m_matcher.programEnd() - begin;
@@ -201,7 +203,7 @@ bool LogReader::programIsWanted(QFile& file)
     return m_programs.isWanted(readAgain(file, m_lineOffset + begin, size));
 }
 
-QString LogReader::line(QFile& file) const
+QString LogReader::line(const NFileDescriptor& file) const
 {
     const qint64 begin = m_matcher.textBegin();
     const qint64 size = m_matcher.textEnd() - begin;
@@ -211,23 +213,22 @@ QString LogReader::line(QFile& file) const
 }
 
 // A null string when the file has been truncated meanwhile, or when the text is longer than a string can be.
-QString LogReader::readAgain(QFile& file, qint64 offset, qint64 size)
+QString LogReader::readAgain(const NFileDescriptor& file, qint64 offset, qint64 size)
 {
     const qint64 longestText = INT_MAX / 2 - 64;
     QString text;
     if (size > longestText)
         return text;
-    const qint64 position = file.pos();
-    file.seek(offset);
     text.reserve(int(size));
     while (text.size() < size) {
         char piece[4096];
-        const qint64 pieceSize = file.read(piece, qMin(size - text.size(), qint64(sizeof(piece))));
-        if (pieceSize <= 0)
+        const size_t pieceSize = size_t(qMin(size - text.size(), qint64(sizeof(piece))));
+        const ssize_t count = NSystem::retried(
+            [&]() { return ::pread(file.number(), piece, pieceSize, off_t(offset + text.size())); });
+        if (count <= 0)
             break;
-        text += QString::fromLatin1(piece, int(pieceSize));
+        text += QString::fromLatin1(piece, int(count));
     }
-    file.seek(position);
     return text.size() == size ? text : QString();
 }
 
@@ -287,10 +288,10 @@ QStringList NSysLog::logLines(NSysLog::LogLevels level, const QList<QRegExp>& pr
 {
     if (programs.isEmpty())
         return QStringList();
-    const QList<FilePointer> files = openRegularFiles(m_logFiles);
+    const std::vector<NFileDescriptor> files = openRegularFiles(m_logFiles);
     LogReader reader(labelsUpTo(level), programs);
-    for (const FilePointer& file : files)
-        reader.read(*file);
+    for (const NFileDescriptor& file : files)
+        reader.read(file);
     return reader.lines();
 }
 

@@ -1,6 +1,6 @@
 #include <nbase/sqlite/nabstractsqlitedbmanager.h>
 
-#include <nbase/core/ndirectorylock_p.h>
+#include <nsystem/ndirectorylock_p.h>
 #include <nbase/sqlite/nabstractsqlitedbtable.h>
 #include <nbase/sqlite/nsqliteerrorwatch_p.h>
 #include <nbase/sqlite/nsqlitereferencerepair_p.h>

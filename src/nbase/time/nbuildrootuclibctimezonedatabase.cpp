@@ -2,16 +2,18 @@
 
 #include <nbase/time/nzonetabline_p.h>
 
+#include <nsystem/nlatin1_p.h>
+#include <nsystem/nlinereader_p.h>
+#include <nsystem/nsystemcall_p.h>
+
 #include <QtCore/QByteArray>
 #include <QtCore/QFile>
 #include <QtCore/QList>
 #include <QtCore/QStringList>
 
 #include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <math.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -22,45 +24,25 @@
 
 namespace {
 
-// Longer than any line of a zone table and any TZ string by far; nothing longer is held in memory.
-const int MaximumLineLength = 1024 * 1024;
-const int FirstBufferSize = 16 * 1024;
-
 // Links can make more paths out of a few directories than anybody has time to read. Zone names have three levels
 // at the most, and the whole database has about 600 files.
 const int MaximumDepth = 32;
 const int MaximumEntries = 20000;
 
-class Descriptor
+// Without O_NONBLOCK, a FIFO that has just replaced a file would block the caller.
+NFileDescriptor openForReading(int directory, const char* name, int flags = 0)
 {
-public:
-    explicit Descriptor(int descriptor)
-        : m_descriptor(descriptor)
-    {
-    }
-    ~Descriptor()
-    {
-        if (isOpen())
-            ::close(m_descriptor);
-    }
+    return NSystem::openAt(directory, name, O_RDONLY | O_NOCTTY | O_NONBLOCK | flags);
+}
 
-    bool isOpen() const { return m_descriptor >= 0; }
-    int number() const { return m_descriptor; }
-
-private:
-    Q_DISABLE_COPY(Descriptor)
-
-    const int m_descriptor;
-};
-
-// Without O_NONBLOCK, a FIFO that has just taken the place of a file would hold the caller up.
-int openForReading(int directory, const char* name, int flags = 0)
+NFileDescriptor openDirectory(const QDir& directory)
 {
-    int descriptor;
-    do {
-        descriptor = ::openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | flags);
-    } while (descriptor < 0 && errno == EINTR);
-    return descriptor;
+    return openForReading(AT_FDCWD, QFile::encodeName(directory.path()).constData(), O_DIRECTORY);
+}
+
+NFileDescriptor openRegularFile(const QString& path)
+{
+    return NSystem::openRegularFile(QFile::encodeName(path).constData());
 }
 
 enum EntryKind {
@@ -95,21 +77,14 @@ EntryKind kindOf(int directory, const struct dirent& entry)
     }
 }
 
-// Opening a device can do more than reading it, so the kind is looked at before.
-int openRegularFile(const QString& path)
-{
-    const QByteArray name = QFile::encodeName(path);
-    return kindOf(AT_FDCWD, name.constData()) == RegularFile ? openForReading(AT_FDCWD, name.constData()) : -1;
-}
-
 class Directory
 {
 public:
-    explicit Directory(int descriptor)
-        : m_stream(descriptor >= 0 ? ::fdopendir(descriptor) : nullptr)
+    explicit Directory(NFileDescriptor descriptor)
+        : m_stream(descriptor.isOpen() ? ::fdopendir(descriptor.number()) : nullptr)
     {
-        if (!m_stream && descriptor >= 0)
-            ::close(descriptor);
+        if (m_stream)
+            descriptor.release();
     }
     ~Directory()
     {
@@ -136,121 +111,18 @@ private:
     DIR* const m_stream;
 };
 
-struct Line
-{
-    // Text ends at the first NUL byte, so what follows one need not be known.
-    bool isUsable() const { return isComplete || bytes.contains('\0'); }
-
-    QByteArray bytes; ///< without the line feed; valid until the next line is read
-    bool isComplete;  ///< whether the bytes are the whole line
-};
-
-QString textUpToNul(const QByteArray& bytes)
-{
-    return QString::fromLatin1(bytes.constData(), int(qstrnlen(bytes.constData(), uint(bytes.size()))));
-}
-
-// Reads files line by line, one after the other with the same buffer.
-class LineReader
-{
-public:
-    LineReader()
-        : m_file(-1)
-    {
-        m_buffer.resize(FirstBufferSize);
-    }
-
-    void start(int file)
-    {
-        m_file = file;
-        m_begin = 0;
-        m_end = 0;
-        m_isInsideLine = false;
-        m_hasFailed = false;
-    }
-
-    // Whether a read has failed; the end of the file is no failure.
-    bool hasFailed() const { return m_hasFailed; }
-
-    // Gives the next line; false at the end of the file.
-    bool next(Line* line)
-    {
-        while (m_isInsideLine && take(line)) {
-        }
-        return take(line);
-    }
-
-private:
-    bool take(Line* line)
-    {
-        int length = 0;
-        forever {
-            const char* begin = m_buffer.constData() + m_begin;
-            const void* lineFeed = ::memchr(begin + length, '\n', size_t(m_end - m_begin - length));
-            if (lineFeed)
-                return give(line, int(static_cast<const char*>(lineFeed) - begin), 1, false);
-            length = m_end - m_begin;
-            if (length == MaximumLineLength)
-                return give(line, length, 0, true);
-            if (!fill())
-                return length > 0 && give(line, length, 0, false);
-        }
-    }
-
-    bool give(Line* line, int length, int separator, bool isInsideLine)
-    {
-        line->bytes = QByteArray::fromRawData(m_buffer.constData() + m_begin, length);
-        line->isComplete = !isInsideLine;
-        m_begin += length + separator;
-        m_isInsideLine = isInsideLine;
-        return true;
-    }
-
-    bool fill()
-    {
-        makeRoom();
-        ssize_t count;
-        do {
-            count = ::read(m_file, m_buffer.data() + m_end, size_t(m_buffer.size() - m_end));
-        } while (count < 0 && errno == EINTR);
-        m_hasFailed = count < 0;
-        if (count <= 0)
-            return false;
-        m_end += int(count);
-        return true;
-    }
-
-    void makeRoom()
-    {
-        if (m_begin > 0) {
-            ::memmove(m_buffer.data(), m_buffer.constData() + m_begin, size_t(m_end - m_begin));
-            m_end -= m_begin;
-            m_begin = 0;
-        }
-        if (m_end == m_buffer.size())
-            m_buffer.resize(qMin(2 * m_buffer.size(), MaximumLineLength));
-    }
-
-    int m_file;
-    QByteArray m_buffer;
-    int m_begin;
-    int m_end;
-    bool m_isInsideLine; // the bytes before m_begin belong to the same line as those after it
-    bool m_hasFailed;
-};
-
 // The first line of an open file; false when it cannot be read or is too long. An empty file has an empty first
 // line.
-bool readFirstLine(LineReader* reader, int file, QString* text)
+bool readFirstLine(NLineReader* reader, const NFileDescriptor& file, QString* text)
 {
-    Line line;
-    reader->start(file);
+    NLineReader::Line line;
+    reader->start(file.number());
     if (!reader->next(&line)) {
-        *text = QString::fromLatin1("");
+        *text = latin1("");
         return !reader->hasFailed();
     }
-    *text = textUpToNul(line.bytes.trimmed());
-    return line.isUsable() && !reader->hasFailed();
+    *text = latin1(QByteArray(line.bytes, line.size).trimmed().constData());
+    return line.isTextComplete();
 }
 
 class ZoneFilesLoader
@@ -263,8 +135,7 @@ public:
 
     QMap<QString, QString> load(const QDir& directory)
     {
-        const QByteArray path = QFile::encodeName(directory.path());
-        loadDirectory(openForReading(AT_FDCWD, path.constData(), O_DIRECTORY), QString());
+        loadDirectory(openDirectory(directory), QString());
         return m_zones;
     }
 
@@ -272,9 +143,9 @@ private:
     typedef QPair<dev_t, ino_t> Identity;
 
     // Files come before directories, so that a tangle of directories cannot displace them.
-    void loadDirectory(int descriptor, const QString& prefix)
+    void loadDirectory(NFileDescriptor descriptor, const QString& prefix)
     {
-        Directory directory(descriptor);
+        Directory directory(std::move(descriptor));
         if (!directory.isOpen() || !enter(directory))
             return;
         QList<QByteArray> subDirectories;
@@ -315,13 +186,13 @@ private:
 
     void loadFile(int directory, const char* name, const QString& prefix)
     {
-        const Descriptor file(openForReading(directory, name));
+        const NFileDescriptor file = openForReading(directory, name);
         QString code;
-        if (file.isOpen() && readFirstLine(&m_reader, file.number(), &code))
+        if (file.isOpen() && readFirstLine(&m_reader, file, &code))
             m_zones.insert(prefix + QFile::decodeName(QByteArray(name)), code);
     }
 
-    LineReader m_reader;
+    NLineReader m_reader;
     QMap<QString, QString> m_zones;
     QList<Identity> m_path; // the directories from the first one to the present one
     int m_entryCount;
@@ -330,8 +201,7 @@ private:
 QStringList subDirectoryNames(const QDir& parent)
 {
     QStringList names;
-    const QByteArray path = QFile::encodeName(parent.path());
-    Directory directory(openForReading(AT_FDCWD, path.constData(), O_DIRECTORY));
+    Directory directory(openDirectory(parent));
     if (!directory.isOpen())
         return names;
     while (const struct dirent* entry = directory.next()) {
@@ -401,22 +271,21 @@ bool staysInside(const QString& path)
 
 } // namespace
 
-const QDir NBuildrootUclibcTimeZoneDatabase::S_TIMEZONE_DB_DIR(QString::fromLatin1("/usr/share/zoneinfo"));
-const QDir
-    NBuildrootUclibcTimeZoneDatabase::S_ZONE_FILES_DIR(S_TIMEZONE_DB_DIR.filePath(QString::fromLatin1("uclibc")));
+const QDir NBuildrootUclibcTimeZoneDatabase::S_TIMEZONE_DB_DIR(latin1("/usr/share/zoneinfo"));
+const QDir NBuildrootUclibcTimeZoneDatabase::S_ZONE_FILES_DIR(S_TIMEZONE_DB_DIR.filePath(latin1("uclibc")));
 const QString NBuildrootUclibcTimeZoneDatabase::S_TOWNS_METADATA_FILE_PATH =
-    S_TIMEZONE_DB_DIR.filePath(QString::fromLatin1("zone.tab"));
+    S_TIMEZONE_DB_DIR.filePath(latin1("zone.tab"));
 const QString NBuildrootUclibcTimeZoneDatabase::S_DB_VERSION_FILE_PATH =
-    S_TIMEZONE_DB_DIR.filePath(QString::fromLatin1("version"));
+    S_TIMEZONE_DB_DIR.filePath(latin1("version"));
 const QString NBuildrootUclibcTimeZoneDatabase::S_LATITUDE_REGEXP =
-    QString::fromLatin1("([+-]{1}\\d{2})(\\d{2})(\\d{2}(?:,\\d{2})?)?");
+    latin1("([+-]{1}\\d{2})(\\d{2})(\\d{2}(?:,\\d{2})?)?");
 const QString NBuildrootUclibcTimeZoneDatabase::S_LONGITUDE_REGEXP =
-    QString::fromLatin1("([+-]{1}\\d{3})(\\d{2})(\\d{2}(?:,\\d{2})?)?");
+    latin1("([+-]{1}\\d{3})(\\d{2})(\\d{2}(?:,\\d{2})?)?");
 const QString NBuildrootUclibcTimeZoneDatabase::S_TIMEZONE_NAME_REGEXP =
-    QString::fromLatin1("([A-Za-z\\-_]+)/([A-Za-z\\-_/]+)");
+    latin1("([A-Za-z\\-_]+)/([A-Za-z\\-_/]+)");
 const QString NBuildrootUclibcTimeZoneDatabase::S_TOWN_METADATA_REGEXP =
-    QString::fromLatin1("([A-Z]{2})\\t") + S_LATITUDE_REGEXP + S_LONGITUDE_REGEXP + QString::fromLatin1("\\t") +
-    S_TIMEZONE_NAME_REGEXP + QString::fromLatin1("(?:\\t(.*))?");
+    latin1("([A-Z]{2})\\t") + S_LATITUDE_REGEXP + S_LONGITUDE_REGEXP + latin1("\\t") + S_TIMEZONE_NAME_REGEXP +
+    latin1("(?:\\t(.*))?");
 
 NBuildrootUclibcTimeZoneDatabase::TownMetadata::TownMetadata()
     : latitude(0)
@@ -490,16 +359,16 @@ QMap<QString, QMap<QString, NBuildrootUclibcTimeZoneDatabase::TownMetadata>>
 NBuildrootUclibcTimeZoneDatabase::loadTownsMetadata()
 {
     QMap<QString, QMap<QString, TownMetadata>> towns;
-    const Descriptor file(openRegularFile(S_TOWNS_METADATA_FILE_PATH));
+    const NFileDescriptor file = openRegularFile(S_TOWNS_METADATA_FILE_PATH);
     if (!file.isOpen())
         return towns;
-    LineReader reader;
-    Line line;
+    NLineReader reader;
+    NLineReader::Line line;
     NZoneTabLine zone;
     reader.start(file.number());
     while (reader.next(&line)) {
-        const QString text = textUpToNul(line.bytes).trimmed();
-        if (!line.isUsable() || text.startsWith(QLatin1Char('#')) || !zone.parse(text))
+        const QString text = line.textUpToNul().trimmed();
+        if (!line.isTextComplete() || text.startsWith(QLatin1Char('#')) || !zone.parse(text))
             continue;
         TownMetadata& metadata = towns[zone.region][zone.town];
         metadata.countryCode = zone.countryCode;
@@ -513,12 +382,12 @@ NBuildrootUclibcTimeZoneDatabase::loadTownsMetadata()
 NBuildrootUclibcTimeZoneDatabase::DbMetadata NBuildrootUclibcTimeZoneDatabase::loadDbMetadata()
 {
     DbMetadata metadata;
-    const Descriptor file(openRegularFile(S_DB_VERSION_FILE_PATH));
+    const NFileDescriptor file = openRegularFile(S_DB_VERSION_FILE_PATH);
     if (!file.isOpen())
         return metadata;
-    LineReader reader;
-    if (!readFirstLine(&reader, file.number(), &metadata.version))
-        metadata.version = QString::fromLatin1("");
+    NLineReader reader;
+    if (!readFirstLine(&reader, file, &metadata.version))
+        metadata.version = latin1("");
     metadata.date = creationTime(file.number());
     return metadata;
 }

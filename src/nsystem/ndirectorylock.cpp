@@ -1,6 +1,7 @@
-#include <nbase/core/ndirectorylock_p.h>
+#include <nsystem/ndirectorylock_p.h>
 
-#include <errno.h>
+#include <nsystem/nsystemcall_p.h>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -8,20 +9,14 @@
 namespace {
 
 const useconds_t PollInterval = 10000; // microseconds
-const int MostPolls = 3000;
+const int MaximumPolls = 3000;
 
 } // namespace
 
 NDirectoryLock::NDirectoryLock(const char* path, Kind kind)
-    : m_directory(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    : m_directory(NSystem::open(path, O_RDONLY | O_DIRECTORY))
     , m_isLocked(wait(kind))
 {
-}
-
-NDirectoryLock::~NDirectoryLock()
-{
-    if (m_directory >= 0)
-        ::close(m_directory);
 }
 
 bool NDirectoryLock::makeExclusive()
@@ -32,18 +27,14 @@ bool NDirectoryLock::makeExclusive()
 
 bool NDirectoryLock::synchronize() const
 {
-    int result;
-    do
-        result = m_directory < 0 ? 0 : ::fsync(m_directory);
-    while (result != 0 && errno == EINTR);
-    return result == 0 || errno == EINVAL;
+    return !m_directory.isOpen() || NSystem::synchronize(m_directory.number());
 }
 
 bool NDirectoryLock::wait(Kind kind)
 {
     const int operation = (kind == Exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB;
-    for (int poll = 0; poll < MostPolls; ++poll) {
-        if (m_directory < 0 || ::flock(m_directory, operation) == 0 || errno != EWOULDBLOCK)
+    for (int poll = 0; poll < MaximumPolls; ++poll) {
+        if (!m_directory.isOpen() || ::flock(m_directory.number(), operation) == 0 || errno != EWOULDBLOCK)
             return true;
         ::usleep(PollInterval);
     }
