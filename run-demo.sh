@@ -46,7 +46,7 @@ if address=$("$control" address); then
 fi
 "$control" check-port "$port"
 
-packaging/install-packages.sh build demo
+scripts/install-packages.sh build demo
 cmake --preset release -B build/demo -DNBASE_BUILD_TESTS=OFF
 cmake --build build/demo --target nbase-demo-device
 

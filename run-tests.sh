@@ -3,7 +3,7 @@
 set -eu
 cd "$(dirname "$0")"
 
-packaging/install-packages.sh build test
+scripts/install-packages.sh build test
 cmake --preset release
 cmake --build --preset release
 ctest --preset release --parallel 2

@@ -1,5 +1,5 @@
 # Debian packages: one for each installation component, named as Debian names libraries. `cpack` makes them from a build
-# directory of the preset "package"; test-packages.sh makes and tries them.
+# directory of the preset "package"; scripts/try-packages.sh makes and tries them.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME nbase)

@@ -37,7 +37,7 @@ void tst_NwaFcgiLoad::programStaysAsItWasUnderLoad()
     const QByteArray seconds = qgetenv("NBASE_LOAD_TEST_SECONDS");
     QProcess loader;
     loader.start(
-        QString::fromLatin1(NFCGI_LOAD_TEST),
+        QString::fromLatin1(NFCGI_LOAD_SCRIPT),
         QStringList() << QString::fromLatin1("--connections") << QString::fromLatin1("64")
                       << QString::fromLatin1("--duration")
                       << QString::fromLatin1(seconds.isEmpty() ? QByteArray("5") : seconds)

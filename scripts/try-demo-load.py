@@ -1,16 +1,19 @@
 #!/usr/bin/env python3
-"""Loads the demo device's documents from many connections at once, see load-test.
+"""Starts the demo device and requests its documents over many connections at once, see try-server-load.py.
 
-    load-demo <device program> [<seconds>]
+    try-demo-load.py <device program> [<seconds>]
 
-The demo is started on a free port and stopped again, whatever comes of it.
+The demo listens on a free port and is stopped in any case.
 """
 
 import os
 import subprocess
 import sys
 
-from demo_device import Client, Demo
+SCRIPTS = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(SCRIPTS, "..", "tests", "web"))
+
+from demo_device import Client, Demo  # noqa: E402, the folder is added above
 
 DOCUMENTS = ["/api/timezones?section=information", "/api/timezones?section=content", "/api/timezones"]
 CONNECTIONS = 64
@@ -24,14 +27,13 @@ def session_cookie(address):
 
 def main():
     if len(sys.argv) not in (2, 3):
-        sys.exit("usage: load-demo <device program> [<seconds>]")
+        sys.exit("usage: try-demo-load.py <device program> [<seconds>]")
     seconds = sys.argv[2] if len(sys.argv) == 3 else "60"
     demo = Demo()
     try:
         subprocess.run(demo.start_command(device=sys.argv[1]), check=True)
-        load_test = os.path.join(os.path.dirname(os.path.abspath(__file__)), "load-test")
         result = subprocess.run([
-            load_test, "--connections", str(CONNECTIONS), "--duration", seconds,
+            os.path.join(SCRIPTS, "try-server-load.py"), "--connections", str(CONNECTIONS), "--duration", seconds,
             "--header", "Cookie: " + session_cookie(demo.address), "--pid", str(demo.process("device")),
             *(demo.address + document for document in DOCUMENTS)]).returncode
     finally:

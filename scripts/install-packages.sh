@@ -1,13 +1,13 @@
 #!/bin/sh
-# Installs the Debian packages that one or more tasks need, and only those that are missing:
+# Installs the missing Debian packages for one or more tasks:
 #
 #   install-packages.sh <task>...      build, demo, test or check
 #
-# It never asks. As an ordinary user it goes through sudo, which then must not need a password. Services that come with
-# a package are neither started now nor when the machine starts: they are wanted here as programs only.
+# Never interactive: an ordinary user needs a sudo that does not ask for a password. Services in the packages are neither
+# started nor enabled; only their programs are used.
 set -eu
 
-# The one list of what this project needs, for Debian 12. With a bar, either package will do; the first is installed.
+# The packages for Debian 12. A bar separates alternatives; the first one is installed.
 packages_for() {
     case "$1" in
         build) echo cmake ninja-build ccache g++ pkg-config qtbase5-dev libqt5sql5-sqlite libconfig-dev ;;
@@ -46,7 +46,7 @@ as_root() {
     fi
 }
 
-# invoke-rc.d and deb-systemd-invoke start no service while this script says so (policy-rc.d(8)).
+# invoke-rc.d and deb-systemd-invoke start no service while policy-rc.d exits with 101 (policy-rc.d(8)).
 forbid_service_start() {
     [ ! -e "$start_policy" ] || return 0
     trap allow_service_start EXIT
@@ -90,7 +90,7 @@ for package in $wanted; do
 done
 
 command -v dpkg-query >/dev/null || {
-    echo "This is no Debian system, so nothing is installed. Needed are, by their Debian names:"
+    echo "This is not a Debian system, so nothing is installed. The required Debian packages are:"
     echo " $wanted" | tr '\n' ' '
     echo
     exit 0
@@ -98,9 +98,9 @@ command -v dpkg-query >/dev/null || {
 
 [ -n "$missing" ] || exit 0
 
-echo "Installing these Debian packages, which are missing: $missing"
+echo "Installing missing Debian packages: $missing"
 if [ "$(id -u)" -ne 0 ] && ! sudo -n true 2>/dev/null; then
-    echo "This needs root or a sudo that asks no password. As root: apt-get install $missing" >&2
+    echo "This needs root, or sudo without a password. As root: apt-get install $missing" >&2
     exit 1
 fi
 forbid_service_start
@@ -108,7 +108,7 @@ apt_get() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300 "$@"
 }
 apt_get update
-# Word splitting is wanted: the list holds package names only.
+# A list of words.
 # shellcheck disable=SC2086
 apt_get install --no-remove --no-install-recommends -o Dpkg::Options::=--force-confold $missing
 disable_new_services

@@ -1,13 +1,13 @@
 #!/bin/bash
-# One check of the installed tree; CMakeLists.txt beside this file calls it for each. "install" makes the tree that the
-# other checks use.
+# One check of the installed tree; tests/consumer/CMakeLists.txt registers a test for each. "install" makes the tree that
+# the other checks use.
 #
 #     try-installed-tree.sh install|command|find_package|pkg_config|headers
-#         <source directory> <build directory> <work directory> <command directory> <library directory>
-#         <soversion> <version>
+#         <build directory> <work directory> <command directory> <library directory> <soversion> <version>
 set -eu
 
-check=$1 source=$2 build=$3 work=$4 bindir=$5 libdir=$6 soversion=$7 version=$8
+check=$1 build=$2 work=$3 bindir=$4 libdir=$5 soversion=$6 version=$7
+source=$(cd "$(dirname "$0")/.." && pwd)
 tree="$work/installed tree"
 export PKG_CONFIG_PATH="$tree/$libdir/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
 read -ra compile_flags <<< "${CXXFLAGS-}"
@@ -18,7 +18,7 @@ fail()
     exit 1
 }
 
-# The folder where the loader looks first for what the file $1 needs must be $2, and no folder of the build.
+# The loader's search path of file $1 must be $2, without a folder of the build.
 expect_search_path()
 {
     local found
@@ -26,13 +26,13 @@ expect_search_path()
     [ "$found" = "$2" ] || fail "$1 has the search path \"$found\", not \"$2\""
 }
 
-# The configuration store is installed where the system has no libuci of its own.
+# The configuration store is installed only where the system has no libuci.
 has_configuration_store()
 {
     [ -e "$build/src/uci/libnuci.so" ]
 }
 
-# What is installed is what is public, under the names that were promised, and does not know where it was made.
+# Exactly the public headers are installed, the libraries have the documented names, and no file names a build directory.
 check_install()
 {
     rm -rf "$work"
@@ -46,19 +46,19 @@ check_install()
 $(diff <(echo "$public") <(echo "$installed"))"
 
     local library file
-    # shellcheck disable=SC2016 # the loader's variable
+    # shellcheck disable=SC2016 # expanded by the loader
     local -A search_paths=([nbase]='$ORIGIN' [nwebapi]='$ORIGIN')
     ! has_configuration_store || search_paths[nuci]=
     for library in "${!search_paths[@]}"; do
         file="$tree/$libdir/lib$library.so"
         [ "$(readlink -f "$file")" = "$(readlink -f "$tree/$libdir")/lib$library.so.$version" ] ||
-            fail "$file does not lead to lib$library.so.$version"
+            fail "$file does not resolve to lib$library.so.$version"
         readelf --dynamic "$file" | grep -qF "Library soname: [lib$library.so.$soversion]" ||
             fail "the soname of $file is not lib$library.so.$soversion"
         expect_search_path "$file" "${search_paths[$library]}"
     done
 
-    ! grep -rIlF -e "$source" -e "$build" -e "$work" "$tree" || fail "these files name directories of the build"
+    ! grep -rIlF -e "$source" -e "$build" -e "$work" "$tree" || fail "these files contain directories of the build"
 }
 
 check_command()
@@ -72,8 +72,8 @@ check_command()
 
 expect_output_of_first()
 {
-    [ "$(head -n 1 "$1")" = "Nolvar base $version" ] || fail "the first program does not name the library: $(cat "$1")"
-    grep -qE '^tomorrow: (mon|tues|wednes|thurs|fri|satur|sun)day$' "$1" || fail "it does not tell the day: $(cat "$1")"
+    [ "$(head -n 1 "$1")" = "Nolvar base $version" ] || fail "the library's name is not printed: $(cat "$1")"
+    grep -qE '^tomorrow: (mon|tues|wednes|thurs|fri|satur|sun)day$' "$1" || fail "the weekday is not printed: $(cat "$1")"
 }
 
 expect_output_of_web_program()
@@ -95,28 +95,27 @@ check_find_package()
     expect_output_of_first "$work/find_package/first/output"
     expect_output_of_web_program "$work/find_package/web-program/output"
 
-    # A program that asks for another major version must not get this one.
+    # A request for another major version must not be satisfied.
     mkdir -p "$work/find_package/other version"
     cat > "$work/find_package/other version/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.16)
 project(other_version LANGUAGES CXX)
 find_package(nbase 2.0)
 if(nbase_FOUND)
-    message(FATAL_ERROR "version ${nbase_VERSION} was taken for version 2")
+    message(FATAL_ERROR "version ${nbase_VERSION} was accepted as version 2")
 endif()
 END
     cmake -G Ninja -S "$work/find_package/other version" -B "$work/find_package/other version/build" \
-        -DCMAKE_PREFIX_PATH="$tree" >/dev/null 2>&1 || fail "this version is taken for version 2"
+        -DCMAKE_PREFIX_PATH="$tree" >/dev/null 2>&1 || fail "this version is accepted as version 2"
 }
 
-# Compiles the program $1 with what pkg-config says about the module $2, and runs it. pkg-config cannot know whether the
-# loader searches the tree's folder, so the program is told. Blanks in the answer are escaped for a shell, which is why a
-# shell has to read it.
+# Compiles the program $1 with the flags of the pkg-config module $2 and runs it. pkg-config sets no run path, so -rpath is
+# added. Blanks in the flags are escaped for a shell, hence eval.
 build_with_pkg_config()
 {
     local program="$work/pkg_config/$2" words=()
     pkg-config --print-errors --exists "$2"
-    [ "$(pkg-config --modversion "$2")" = "$version" ] || fail "pkg-config knows another version of $2"
+    [ "$(pkg-config --modversion "$2")" = "$version" ] || fail "pkg-config reports another version of $2"
     eval "words=($(pkg-config --cflags --libs "$2"))"
     "$CXX" "${compile_flags[@]}" -std=c++11 -fPIC "$1" "${words[@]}" -Wl,-rpath,"$tree/$libdir" -o "$program"
     "$program" > "$program.output"
@@ -132,15 +131,15 @@ check_pkg_config()
     expect_output_of_web_program "$work/pkg_config/nwebapi.output"
 }
 
-# Every header stands alone and may come twice, whether or not the program switches off Qt's silent conversions; those
-# that are written for C as well are compiled as C too.
+# Every header is self-contained and has an include guard, with and without Qt's implicit string conversions; headers for C
+# are compiled as C too.
 check_headers()
 {
     local folder="$work/headers" header word words=() flags=() sources=() variant variants
     rm -rf "$folder"
     mkdir -p "$folder"
     eval "words=($(pkg-config --cflags nbase))"
-    # Warnings about Qt's own headers are not ours to fix.
+    # Suppresses warnings in Qt's own headers.
     for word in "${words[@]}"; do
         case $word in
             "-I$tree"*) flags+=("$word") ;;
@@ -160,13 +159,13 @@ check_headers()
 
     variants=("" "-DQT_NO_CAST_FROM_ASCII -DQT_NO_CAST_TO_ASCII")
     for variant in "${variants[@]}"; do
-        # shellcheck disable=SC2086 # the variant is words
+        # shellcheck disable=SC2086 # split into words
         find . -name '*.cpp' -print0 | xargs -0 -n 1 -P 2 "$CXX" -std=c++11 @flags $variant ||
-            fail "a header does not stand alone (${variant:-plain})"
+            fail "a header is not self-contained (${variant:-plain})"
     done
-    find . -name '*.c' -print0 | xargs -0 -r -n 1 -P 2 "$CC" -std=c99 @flags || fail "a header is no C"
+    find . -name '*.c' -print0 | xargs -0 -r -n 1 -P 2 "$CC" -std=c99 @flags || fail "a header does not compile as C"
     sources=(*.cpp)
-    echo "${#sources[@]} headers stand alone"
+    echo "${#sources[@]} headers are self-contained"
 }
 
 "check_$check"

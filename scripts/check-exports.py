@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Compares the symbols that the library exports with the functions that its header declares for export.
+"""Compares the symbols exported by a library with the functions that its header declares with UCI_EXPORT.
 
-usage: check_exports.py LIBRARY HEADER
+usage: check-exports.py LIBRARY HEADER
 """
 import re
 import subprocess
@@ -14,7 +14,7 @@ def main():
         declared = set(re.findall(r"^UCI_EXPORT[^;(]*?\b(uci_\w+)\(", file.read(), re.MULTILINE))
     lines = subprocess.check_output(["nm", "-D", "--defined-only", library]).decode().splitlines()
     exported = {line.split()[-1] for line in lines}
-    # What the compiler's instrumentation adds is nobody's interface.
+    # Added by the compiler's instrumentation.
     exported = {name for name in exported if not name.startswith("_")}
     for name in sorted(declared ^ exported):
         print("%s is %s" % (name, "declared, but not exported" if name in declared else "exported, but not declared"))

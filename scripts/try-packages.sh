@@ -1,9 +1,7 @@
 #!/bin/bash
-# Makes the Debian packages, checks them with lintian, and tries them on a throw-away copy of this machine: installs them,
-# compiles and runs programs with them, removes them, and looks for anything that was left behind. The machine itself is
-# not changed. Needs root (or sudo) for the copy.
-#
-#     packaging/test-packages.sh
+# Makes the Debian packages, checks them with lintian, and tries them in an overlay over the root file system: installs
+# them, compiles and runs programs with them, removes them, and checks that nothing is left. The machine itself is not
+# changed. Needs root or sudo for the overlay.
 set -eu
 
 source=$(cd "$(dirname "$0")/.." && pwd)
@@ -37,16 +35,16 @@ make_packages()
 check_packages()
 {
     say "lintian"
-    # lintian's own tests refuse nothing that concerns a package outside Debian; no tag is switched off.
+    # No tag is suppressed: lintian's errors apply to packages outside Debian too.
     local as_root=()
     [ "$(id -u)" -ne 0 ] || as_root=(--allow-root)
     lintian "${as_root[@]}" --fail-on error --tag-display-limit 0 "$packages_folder"/*.deb
 }
 
-# Everything below runs in a mount namespace of its own, which ends with it.
+# Everything below runs in a private mount namespace.
 
-# Mounts a picture of the machine's root at $1/system; what is written to it goes to $1/changes, in memory.
-make_throw_away_root()
+# Mounts an overlay of the machine's root at $1/system; writes go to $1/changes, in memory.
+mount_overlay_root()
 {
     mount --make-rprivate /
     mount -t tmpfs -o mode=755 tmpfs "$1"
@@ -60,7 +58,7 @@ make_throw_away_root()
     mount --bind -o ro "$packages_folder" "$1/system/tmp/packages"
 }
 
-# Runs in the throw-away root: nothing here says where the libraries are, so they must be where everybody looks.
+# Runs in the overlay root. No search path is set: the libraries must be found in the default folders.
 try_packages()
 {
     local names name project
@@ -69,8 +67,8 @@ try_packages()
     say "installing ${names[*]}"
     dpkg --install /tmp/packages/*.deb
     for name in "${names[@]}"; do
-        [ -z "$(dpkg --verify "$name")" ] || fail "$name is not on the disk as it was packed"
-        [ -s "/usr/share/doc/$name/copyright" ] || fail "$name says nothing of its copyright"
+        [ -z "$(dpkg --verify "$name")" ] || fail "the installed files of $name differ from the package"
+        [ -s "/usr/share/doc/$name/copyright" ] || fail "$name has no copyright file"
     done
 
     say "compiling programs with the installed packages"
@@ -87,12 +85,12 @@ try_packages()
     say "removing ${names[*]}"
     dpkg --purge "${names[@]}"
     for name in "${names[@]}"; do
-        ! dpkg-query --status "$name" 2>/dev/null || fail "dpkg still knows $name"
+        ! dpkg-query --status "$name" 2>/dev/null || fail "dpkg still lists $name"
     done
 }
 
-# Compares what changed in the throw-away root $1 with the machine. Only the books that dpkg, ldconfig and man-db
-# keep may differ, and no other file may have come or gone.
+# Compares the changes in the overlay $1 with the machine. Only the databases of dpkg, ldconfig and man-db may differ; no
+# other file may be added, removed or changed.
 look_for_leftovers()
 {
     local path leftovers=0
@@ -103,9 +101,9 @@ look_for_leftovers()
             etc/ld.so.cache | var/cache/ldconfig/aux-cache | var/cache/man/*) continue ;;
         esac
         if [ ! -e "/$path" ] && [ ! -L "/$path" ]; then
-            echo "left behind: /$path"
+            echo "added: /$path"
         elif [ -c "$1/changes/$path" ]; then
-            echo "taken away: /$path"
+            echo "removed: /$path"
         elif [ ! -d "$1/changes/$path" ]; then
             echo "changed: /$path"
         else
@@ -113,17 +111,17 @@ look_for_leftovers()
         fi
         leftovers=1
     done < <(cd "$1/changes" && find . -mindepth 1 -printf '%P\n')
-    [ "$leftovers" -eq 0 ] || fail "installing and removing the packages leaves traces"
-    say "nothing was left behind"
+    [ "$leftovers" -eq 0 ] || fail "installing and removing the packages changes the system"
+    say "nothing is left"
 }
 
 run_in_namespace()
 {
     place=$(mktemp -d)
-    # The mount ends with the namespace; the directory under it is the machine's.
+    # The mount point is a directory of the machine, outside the namespace.
     trap 'umount -l "$place" && rmdir "$place"' EXIT
-    make_throw_away_root "$place"
-    chroot "$place/system" /bin/bash /tmp/source/packaging/test-packages.sh --try-packages
+    mount_overlay_root "$place"
+    chroot "$place/system" /bin/bash /tmp/source/scripts/try-packages.sh --try-packages
     look_for_leftovers "$place"
 }
 

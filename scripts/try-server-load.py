@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
-"""Loads a web server's documents from many connections at once and checks that the program behind it stays as it was.
+"""Requests documents from a web server over many connections at once and checks that the program behind it does not grow.
 
-    load-test [--connections N] [--duration SECONDS] [--header "Name: value"]... --pid PID URL...
+    try-server-load.py [--connections N] [--duration SECONDS] [--header "Name: value"]... --pid PID URL...
 
-Every connection asks for the given addresses (http, all of one host) in turn, over and over. The test fails when an
-answer is not 200, when the program has more descriptors open at the end than at the beginning, or when it occupies
-more memory at the end than after the first second. Both memory figures are taken while the connections rest. A few
-pages of difference are allowed, because the first second is not sure to have seen the greatest number of requests that
-are open at a time, and what malloc() keeps is a matter of that number.
+Every connection requests the given URLs (http, all of one host) in turn, repeatedly. The test fails when a status is not
+200, when the program has more open descriptors at the end than at the beginning, or when it occupies more memory at the
+end than after the first second. Memory is measured while no request is open. A difference of a few pages is allowed:
+malloc() keeps memory according to the largest number of requests open at once, which the first second need not reach.
 """
 
 import argparse
@@ -22,7 +21,7 @@ ALLOWED_PAGES = 64
 
 
 class Connection:
-    """One kept connection that sends its next request when the answer to the one before has arrived."""
+    """One kept connection that sends its next request when the previous one is answered."""
 
     def __init__(self, address, requests, offset):
         self.address = address
@@ -43,7 +42,7 @@ class Connection:
         """Returns whether the answer is complete."""
         data = self.socket.recv(1 << 18)
         if not data:
-            raise RuntimeError("the web server closed a connection in the middle of an answer")
+            raise RuntimeError("the web server closed a connection before an answer was complete")
         if self.size is None:
             self.received += data
             header, end, rest = self.received.partition(b"\r\n\r\n")
@@ -57,7 +56,7 @@ class Connection:
     def begin(self, header, rest):
         lines = header.decode("latin-1").split("\r\n")
         if lines[0].split(" ")[1] != "200":
-            raise RuntimeError("an answer is not 200: " + lines[0])
+            raise RuntimeError("unexpected status: " + lines[0])
         fields = {name.lower(): value.strip() for name, _, value in (line.partition(":") for line in lines[1:])}
         self.chunked = fields.get("transfer-encoding", "") == "chunked"
         self.size = 0 if self.chunked else int(fields["content-length"])
@@ -98,7 +97,7 @@ def descriptors(pid):
 
 
 def load(connections, duration):
-    """Keeps all the connections busy for the given seconds, then lets each answer arrive."""
+    """Keeps all connections busy for the given seconds, then waits for the outstanding answers."""
     selector = selectors.DefaultSelector()
     end = time.monotonic() + duration
 
@@ -111,7 +110,7 @@ def load(connections, duration):
     while selector.get_map():
         events = selector.select(timeout=30)
         if not events:
-            raise RuntimeError("no answer arrives for 30 seconds")
+            raise RuntimeError("no answer within 30 seconds")
         for key, _ in events:
             if key.data.receive():
                 selector.unregister(key.fileobj)
@@ -120,7 +119,7 @@ def load(connections, duration):
 
 
 def settled(figure, goal):
-    """The figure, as soon as it is at most the goal, or after a second at the latest."""
+    """The figure as soon as it is at most the goal, after one second at the latest."""
     end = time.monotonic() + 1
     while figure() > goal and time.monotonic() < end:
         time.sleep(0.01)
@@ -166,4 +165,4 @@ if __name__ == "__main__":
     try:
         main()
     except (OSError, RuntimeError) as error:
-        sys.exit("load-test: %s" % error)
+        sys.exit("try-server-load.py: %s" % error)

@@ -1,11 +1,11 @@
 #!/bin/bash
-# Looks for what Qt 4.8 does not have: the devices' Qt would not compile it, and here nobody would notice. The files in
-# which the two versions of Qt may differ, and the tests' own support, are left out. Comments may speak of anything.
+# Looks for API that Qt 4.8, the devices' version, does not have; a build with Qt 5 would not detect it. The compatibility
+# headers and the tests' support are left out, and so are comments.
 set -u
 cd "$(dirname "$0")/.." || exit 1
 
-# One extended regular expression to a line. foreach is there in Qt 4.8, but compiled by GCC 9 or newer it leaves its loop
-# after the first turn.
+# One extended regular expression per line. Qt 4.8 has foreach, but compiled by GCC 9 or newer it ends after the first
+# iteration.
 newer=$(cat <<'END'
 \b(QStringLiteral|QByteArrayLiteral)\b
 \bQ_(ENUM|FLAG|ENUM_NS|FLAG_NS|NAMESPACE|NULLPTR|DECL_OVERRIDE|DECL_FINAL|DECL_NOEXCEPT|DECL_EQ_DELETE|DISABLE_MOVE|DISABLE_COPY_MOVE|FALLTHROUGH)\b
@@ -36,7 +36,7 @@ END
 found=0
 while read -r file; do
     case $file in
-        # JSON by Qt itself is compiled with Qt 5 only.
+        # Compiled with Qt 5 only.
         src/nbase/nbaseqtcompat_p.h | src/nwebapi/nwaqtcompat_p.h | src/nwebapi/nwajsonbackendqt.cpp | tests/support/*)
             continue
             ;;
@@ -51,5 +51,5 @@ done < <(git ls-files --cached --others --exclude-standard -- \
     'src/nbase/*.h' 'src/nbase/*.cpp' 'src/nwebapi/*.h' 'src/nwebapi/*.cpp' 'tests/*.h' 'tests/*.cpp' \
     'examples/*.h' 'examples/*.cpp')
 
-[ "$found" -eq 0 ] && echo "nothing that Qt 4.8 does not have"
+[ "$found" -eq 0 ] && echo "no API newer than Qt 4.8"
 exit "$found"

@@ -1,16 +1,15 @@
 #!/bin/bash
-# Uses ./run-demo.sh as somebody does who has just got the source, in a folder whose path has a blank in it: starts the demo,
-# asks for it once more, stops it, and ends it with Ctrl-C. Needs nothing but git and what run-demo.sh installs.
-#
-#     try-run-demo.sh <source directory>
+# Runs ./run-demo.sh on a fresh copy of the source, in a folder whose path contains a blank: starts the demo in the
+# background, starts it a second time, stops it, then starts it in the foreground and ends it with Ctrl-C. Needs only git
+# and what run-demo.sh installs.
 set -eu -o pipefail
 # Each job is a process group, as on a terminal, and takes signals.
 set -m
 
-source=$1
+source=$(cd "$(dirname "$0")/.." && pwd)
 folder=$(mktemp -d)
 tree="$folder/the source"
-# The compiler cache knows what was compiled here in another folder before.
+# Lets ccache reuse what was compiled from another copy of the source.
 export CCACHE_BASEDIR="$tree"
 
 fail()
@@ -34,13 +33,13 @@ control()
     "$tree/examples/device/demo-control.sh" "$@"
 }
 
-# await <what> <command>...: for a minute at the most, after the demo was built.
+# await <what> <command>...: waits until the command succeeds, for a minute at most.
 await()
 {
     local tries=600
     until "${@:2}"; do
         tries=$((tries - 1))
-        [ "$tries" -gt 0 ] || fail "never came: $1"
+        [ "$tries" -gt 0 ] || fail "timed out waiting for $1"
         sleep 0.1
     done
 }
