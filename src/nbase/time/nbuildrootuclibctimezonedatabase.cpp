@@ -178,10 +178,10 @@ private:
 
     const struct dirent* nextEntry(Directory* directory)
     {
-        if (m_entryCount == MaximumEntries)
-            return nullptr;
-        ++m_entryCount;
-        return directory->next();
+        const struct dirent* const entry = m_entryCount < MaximumEntries ? directory->next() : nullptr;
+        if (entry)
+            ++m_entryCount;
+        return entry;
     }
 
     void loadFile(int directory, const char* name, const QString& prefix)

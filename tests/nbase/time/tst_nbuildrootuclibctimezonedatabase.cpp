@@ -157,6 +157,7 @@ private slots:
     void noDirectoryIsEnteredTwiceOnOnePath();
     void directoriesThatLinkToEachOtherEnd();
     void directoriesWithoutEndAreCutOff();
+    void onlyEntriesCountForTheLimit();
 
     void versionIsTheFirstLineOfItsFile_data();
     void versionIsTheFirstLineOfItsFile();
@@ -703,6 +704,26 @@ void tst_NBuildrootUclibcTimeZoneDatabase::directoriesWithoutEndAreCutOff()
     const NTimeZoneRegion* const region = database.regions().value(latin1("Europe"));
     QVERIFY(region);
     QCOMPARE(region->towns().size(), 1 + 32);
+}
+
+// 20 directories and 999 files in each are the 20,000 entries that are read at most; one more is too many.
+void tst_NBuildrootUclibcTimeZoneDatabase::onlyEntriesCountForTheLimit()
+{
+    QByteArray table;
+    for (int directory = 0; directory < 20; ++directory) {
+        for (int town = 0; town < 999; ++town) {
+            const QByteArray name =
+                QByteArray(1, char('a' + directory)) + '/' + QByteArray(1, char('a' + town / 100)) +
+                QByteArray(1, char('a' + town / 10 % 10)) + QByteArray(1, char('a' + town % 10));
+            table += "XX\t+0000+00000\tLimit/" + name + "\n";
+            writeFile(("uclibc/Limit/" + name).constData(), "UTC0\n");
+        }
+    }
+    writeTable(table);
+    QCOMPARE(Database().regions().value(latin1("Limit"))->towns().size(), 20 * 999);
+
+    writeFile("uclibc/Limit/z", "UTC0\n");
+    QCOMPARE(Database().regions().value(latin1("Limit"))->towns().size(), 20 * 999 - 1);
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabase::versionIsTheFirstLineOfItsFile_data()
