@@ -125,6 +125,9 @@ private slots:
     void closingDecidesWhetherAMarkerIsWritten();
     void markersAreBroughtToTheDisk();
     void leftoversOfAPowerCutGoWithTheNextChange();
+    void markersKeepTheirModeAndOwner();
+    void linkToAMarkerIsFollowed();
+    void otherThanAMarkerIsLeftAlone();
     void processesMayWriteAtOnce();
 
     void overlayMustBeMounted();
@@ -705,6 +708,44 @@ void tst_NRootfsOverlay::leftoversOfAPowerCutGoWithTheNextChange()
     ::umask(mask);
     QVERIFY(::stat(BootAction, &status) == 0);
     QCOMPARE(int(status.st_mode & 0777), 0644);
+}
+
+void tst_NRootfsOverlay::markersKeepTheirModeAndOwner()
+{
+    write(BootAction, "wipe");
+    QVERIFY(::chmod(BootAction, 0604) == 0);
+    struct stat before;
+    QVERIFY(::stat(BootAction, &before) == 0);
+    QCOMPARE(nroWriteBootAction(1), 1);
+    struct stat after;
+    QVERIFY(::stat(BootAction, &after) == 0);
+    QCOMPARE(int(after.st_mode & 07777), 0604);
+    QCOMPARE(after.st_uid, before.st_uid);
+    QCOMPARE(after.st_gid, before.st_gid);
+}
+
+void tst_NRootfsOverlay::linkToAMarkerIsFollowed()
+{
+    write("/rootfsoverlay/elsewhere", "old");
+    QVERIFY(::symlink("elsewhere", AutoBackup) == 0);
+    QCOMPARE(nroWriteAutoBackupEnabled(1, "id"), 1);
+    QVERIFY(QFileInfo(text(AutoBackup)).isSymLink());
+    QCOMPARE(read("/rootfsoverlay/elsewhere"), QByteArray("id"));
+    QCOMPARE(nroWriteAutoBackupEnabled(0, nullptr), 1);
+    QVERIFY(!QFileInfo(text(AutoBackup)).isSymLink());
+    QCOMPARE(read("/rootfsoverlay/elsewhere"), QByteArray("id"));
+}
+
+// Opening a FIFO that nobody uses would block the caller forever.
+void tst_NRootfsOverlay::otherThanAMarkerIsLeftAlone()
+{
+    QVERIFY(::mkfifo(BootAction, 0600) == 0);
+    QCOMPARE(nroGetBootAction(), 2);
+    QCOMPARE(nroWriteBootAction(1), 0);
+    struct stat status;
+    QVERIFY(::stat(BootAction, &status) == 0 && S_ISFIFO(status.st_mode));
+    QCOMPARE(nroWriteBootAction(2), 1);
+    QVERIFY(::stat(BootAction, &status) != 0);
 }
 
 void tst_NRootfsOverlay::processesMayWriteAtOnce()
