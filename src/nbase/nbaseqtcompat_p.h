@@ -8,34 +8,34 @@
 #include <QtCore/QtGlobal>
 #include <QtSql/QSqlError>
 
-/** Where Qt 4.8 and Qt 5.15 differ for this library: one meaning, written for each of the two. */
+/** The differences between Qt 4.8 and Qt 5.15 that this library meets: one operation, implemented for each. */
 namespace NBaseQtCompat {
 
-/** A message handler as Qt 4 knows it: the bytes are those that were given to qDebug() and its siblings. */
+/** A message handler of Qt 4: it gets the bytes that were passed to qDebug(), qWarning() and so on. */
 typedef void (*MessageHandler)(QtMsgType type, const char* message);
 
 #if QT_VERSION >= 0x050000
 
-/** Qt 5 has decoded a message's bytes as UTF-8; encoding it again gives the handler what was written. */
+/** Qt 5 has decoded the message as UTF-8; encoding it again restores the original bytes. */
 template <MessageHandler handler>
-void passMessageOn(QtMsgType type, const QMessageLogContext&, const QString& message)
+void forwardMessage(QtMsgType type, const QMessageLogContext&, const QString& message)
 {
     handler(type, message.toUtf8().constData());
 }
 
 #endif
 
-/** Makes @a handler receive all of Qt's messages from now on; the handler before it is forgotten. */
+/** Makes @a handler receive all messages of Qt from now on, instead of the previous handler. */
 template <MessageHandler handler> void installMessageHandler()
 {
 #if QT_VERSION >= 0x050000
-    qInstallMessageHandler(passMessageOn<handler>);
+    qInstallMessageHandler(forwardMessage<handler>);
 #else
     qInstallMsgHandler(handler);
 #endif
 }
 
-/** What the symbolic link @a path points to, as an absolute path; an empty text when it is no symbolic link. */
+/** The target of the symbolic link @a path as an absolute path; empty when it is no symbolic link. */
 inline QString symbolicLinkTarget(const QString& path)
 {
 #if QT_VERSION >= 0x050D00
@@ -45,7 +45,7 @@ inline QString symbolicLinkTarget(const QString& path)
 #endif
 }
 
-/** Makes @a timer time out to the millisecond, as all timers of Qt 4 do; Qt 5 allows itself 5 % by default. */
+/** Gives @a timer a precision of 1 ms, as all timers of Qt 4 have; the default of Qt 5 is 5 %. */
 inline void makePrecise(QTimer* timer)
 {
 #if QT_VERSION >= 0x050000
@@ -55,7 +55,7 @@ inline void makePrecise(QTimer* timer)
 #endif
 }
 
-/** The number that the database gives an error; -1 when it gives none. */
+/** The error number of the database; -1 when there is none. */
 inline int sqlErrorNumber(const QSqlError& error)
 {
 #if QT_VERSION >= 0x050300
@@ -67,7 +67,7 @@ inline int sqlErrorNumber(const QSqlError& error)
 #endif
 }
 
-/** Reads a line of @a stream into @a line, whose memory Qt 5 uses again. @return whether there was one. */
+/** Reads a line of @a stream into @a line, reusing its memory with Qt 5. @return whether there was one. */
 inline bool readLine(QTextStream& stream, QString& line)
 {
 #if QT_VERSION >= 0x050500
@@ -78,7 +78,7 @@ inline bool readLine(QTextStream& stream, QString& line)
 #endif
 }
 
-/** Makes @a text what @a size bytes at @a latin1 say; Qt 5 uses its memory again. */
+/** Assigns @a size bytes of Latin-1 text to @a text, reusing its memory with Qt 5. */
 inline void assignLatin1(QString& text, const char* latin1, int size)
 {
 #if QT_VERSION >= 0x050000

@@ -5,10 +5,10 @@
 #include <QtCore/QVariant>
 #include <QtCore/QtGlobal>
 
-/** Where Qt 4.8 and Qt 5.15 differ for this library: one meaning, written for each of the two. */
+/** The differences between Qt 4.8 and Qt 5.15 that this library meets: one operation, implemented for each. */
 namespace NwaQtCompat {
 
-/** The type of @a value as QMetaType names it; a signed char, which has a name of its own in Qt 5, is a Char. */
+/** The QMetaType of @a value; Char also for a signed char, which is a type of its own in Qt 5 only. */
 inline int typeOf(const QVariant& value)
 {
 #if QT_VERSION >= 0x050000

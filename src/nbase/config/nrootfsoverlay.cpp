@@ -26,7 +26,7 @@ const int BootActionCount = sizeof(BootActionWords) / sizeof(BootActionWords[0])
 // A longer line is no identifier.
 const int MaximumLineLength = 16 * 1024 * 1024;
 
-// A copy of @a line, of the C library's memory.
+// A copy of @a line from malloc(), with a NUL at the end; null when memory is short.
 char* duplicated(const NLineReader::Line& line)
 {
     char* const copy = static_cast<char*>(malloc(size_t(line.size) + 1));
@@ -74,7 +74,7 @@ bool lookUpConfiguration(const config_t& file, NroBackupConf& configuration)
 
 bool readConfiguration(NroBackupConf& configuration)
 {
-    // Reading a directory, some versions of libconfig end the process.
+    // Some versions of libconfig end the process when they read a directory.
     struct stat status;
     if (::stat(ConfigurationPath, &status) != 0 || !S_ISREG(status.st_mode))
         return false;
@@ -102,7 +102,7 @@ const char* readOnlyFlagPath()
     return path[0] ? path : nullptr;
 }
 
-// What follows "@a device " in @a line, up to the next blank; a copy, or NULL when the line has none.
+// A copy of the field behind the device and a blank in @a line; null when no blank ends it.
 char* mountpointInLine(const char* line, size_t deviceLength)
 {
     const char* const begin = line + deviceLength + 1;
@@ -317,7 +317,7 @@ int nroSetAutoBackupEnabled(int enable)
         return refusal;
     if (!enable)
         return nroWriteAutoBackupEnabled(0, nullptr) ? NRO_DONE : NRO_WRITE_FAILED;
-    // When the restore cannot be cancelled, automatic backup is still what was asked for.
+    // If the restore cannot be cancelled, automatic backup is enabled nevertheless: the caller asked for it.
     if (nroGetBootAction() == NRO_BOOT_ACTION_RESTORE && nroSetBootAction(NRO_BOOT_ACTION_NONE) == NRO_DONE)
         return NRO_RESTORE_CANCELLED;
     char* const mediaId = nroBackupMediaId();
@@ -328,7 +328,6 @@ int nroSetAutoBackupEnabled(int enable)
 
 QString NRootfsOverlay::backupMediaMmcDeviceName()
 {
-    // A null pointer gives a null text.
     return QString::fromLatin1(nroBackupMediaMmcDeviceName());
 }
 

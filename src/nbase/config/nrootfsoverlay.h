@@ -2,14 +2,14 @@
 #define NBASE_NROOTFSOVERLAY_H
 
 /*
- * The backup settings of the writable overlay of the root file system, which is mounted at "/rootfsoverlay". What
- * lies in it can be backed up to a partition of an MMC or SD card, and be restored or wiped when the device
- * starts; the programs that do so read the same two marker files. The functions are usable from C and from C++.
+ * Backup settings of the writable overlay of the root file system, which is mounted at "/rootfsoverlay". Its
+ * content can be backed up to a partition of an MMC or SD card, and be restored or wiped when the device starts;
+ * the programs that do so read the same two marker files. The functions can be called from C and from C++.
  *
- * They print nothing and are not thread-safe: names are put together in static buffers on their first use, and the
- * configuration is read once and kept until the process ends. The marker files are read afresh on each call, and
- * several processes may write them: each waits for the other, half a minute at most. Where the configuration is
- * missing, errno is ENODATA after the functions that say so.
+ * They print nothing and are not thread-safe: names are built in static buffers on first use, and the
+ * configuration is read once and cached until the process ends. The marker files are read at each call. Several
+ * processes may write them: each waits for the others, 30 seconds at most. A marker is replaced safely: its mode
+ * and owner are kept, a symbolic link is followed, and a power cut leaves the old content or the new one.
  */
 
 #ifdef __cplusplus
@@ -26,18 +26,19 @@
 extern "C" {
 #endif
 
-/** Where backups go. */
+/** The destination of backups. */
 typedef struct NroBackupConf
 {
     int mmc;        /**< number of the MMC device, 0 or more */
     int partition;  /**< number of the partition, 1 or more */
-    char dir[4096]; /**< directory on the partition; a longer name is cut */
+    char dir[4096]; /**< directory on the partition, truncated to the size of the array */
 } NroBackupConf;
 
 /** The boot actions. */
 enum { NRO_BOOT_ACTION_WIPE = 0, NRO_BOOT_ACTION_RESTORE = 1, NRO_BOOT_ACTION_NONE = 2 };
 
-/** What nroCanSetAutoBackupEnabled() and its siblings return. */
+/** Results of nroCanSetAutoBackupEnabled(), nroCanSetBootAction(), nroSetBootAction() and
+ * nroSetAutoBackupEnabled(). */
 enum {
     NRO_DONE = 0,                /**< allowed, or done */
     NRO_OVERLAY_NOT_MOUNTED = 1, /**< the overlay is not mounted */
@@ -49,27 +50,28 @@ enum {
 };
 
 /**
- * The keys "backup.mmc", "backup.partition" and "backup.dir" of "/etc/nrootfsoverlay/nrootfsoverlay.conf", a file
- * as libconfig reads it.
- * @return the configuration, which stays where it is; NULL when the file cannot be read or a key is missing or out
- * of its range, and the next call tries again.
+ * The keys "backup.mmc", "backup.partition" and "backup.dir" of the libconfig file
+ * "/etc/nrootfsoverlay/nrootfsoverlay.conf".
+ * @return the configuration, valid until the process ends; NULL when the file cannot be read or a key is missing
+ * or out of range, and the next call tries again.
  */
 NBASE_EXPORT const NroBackupConf* nroBackupConf(void);
 
-/** The configured directory on the backup partition; NULL without configuration. Not to be freed. */
+/** The configured directory on the backup partition; NULL without configuration. Must not be freed. */
 NBASE_EXPORT const char* nroBackupDirPath(void);
 
-/** The name of the MMC device, for example "mmcblk1"; NULL without configuration. Not to be freed. */
+/** The name of the MMC device, for example "mmcblk1"; NULL without configuration. Must not be freed. */
 NBASE_EXPORT const char* nroBackupMediaMmcDeviceName(void);
 
-/** The name of the backup partition, for example "mmcblk1p2"; NULL without configuration. Not to be freed. */
+/** The name of the backup partition, for example "mmcblk1p2"; NULL without configuration. Must not be freed. */
 NBASE_EXPORT const char* nroBackupMediaName(void);
 
-/** The device path of the partition, for example "/dev/mmcblk1p2"; NULL without configuration. Not to be freed. */
+/** The device path of the partition, for example "/dev/mmcblk1p2"; NULL without configuration. Must not be freed.
+ */
 NBASE_EXPORT const char* nroBackupMediaDevPath(void);
 
 /**
- * The card identification register (CID) of the card that is inserted, from sysfs.
+ * The card identification register (CID) of the inserted card, from sysfs.
  * @return text to free(); NULL without configuration (ENODATA), or when the file cannot be read or is empty.
  */
 NBASE_EXPORT char* nroBackupMediaId(void);
@@ -84,8 +86,8 @@ NBASE_EXPORT char* nroAutoBackupMediaId(void);
 NBASE_EXPORT int nroPathIsMoutpoint(const char* path);
 
 /**
- * Where @a device is mounted, from "/proc/mounts" (see proc(5)), with blanks and line ends written there as "\040"
- * and the like. Where it is mounted several times, the first counts.
+ * The first mount point of @a device in "/proc/mounts" (proc(5)), as it stands there: blanks and line feeds are
+ * written as "\040" and "\012".
  * @return text to free(); NULL when it is not mounted, with errno 0, or when the table cannot be read.
  */
 NBASE_EXPORT char* nroFindMountpoint(const char* device);
@@ -93,72 +95,75 @@ NBASE_EXPORT char* nroFindMountpoint(const char* device);
 /** 1 when the overlay is mounted, otherwise 0. */
 NBASE_EXPORT int nroIsRootfsOverlayMounted(void);
 
-/** Where the backup media is mounted, like nroFindMountpoint(); NULL without configuration (ENODATA). */
+/** The mount point of the backup media, as nroFindMountpoint() returns it; NULL without configuration (ENODATA).
+ */
 NBASE_EXPORT char* nroBackupMediaMountpoint(void);
 
 /** 1 when the backup media is mounted, otherwise 0. */
 NBASE_EXPORT int nroIsBackupMediaMounted(void);
 
-/** 1 when the card is write-protected; 0 otherwise, when that is not known, or without configuration (ENODATA). */
+/** 1 when the card is write-protected; 0 otherwise, also when that cannot be read or without configuration
+ * (ENODATA). */
 NBASE_EXPORT int nroIsBackupMediaReadOnly(void);
 
 /** 1 when automatic backup is enabled, otherwise 0. */
 NBASE_EXPORT int nroIsAutoBackupEnabled(void);
 
 /**
- * Writes or removes the marker of automatic backup, whatever else is set; nroSetAutoBackupEnabled() keeps the
- * rules.
+ * Writes or removes the marker of automatic backup without checking anything else; nroSetAutoBackupEnabled()
+ * checks the other settings.
  * @param mediaId the identifier of the card, when @a enabled is not 0.
- * @return 1 when the marker is on the disk, or gone; otherwise 0, and an earlier marker is as it was. Only when
- * the disk refuses the very last step, bringing the directory to it, the new marker is there in spite of the 0,
- * and a power cut may bring the earlier one back, as it may a marker that has been removed then.
+ * @return 1 when the marker is on the disk, or removed; 0 on failure, with errno, and an earlier marker is
+ * unchanged. When only the last step fails, flushing the directory, the result is 0 although the new marker is in
+ * place; it may be lost in a power cut. A removal may be undone by a power cut in the same way.
  */
 NBASE_EXPORT int nroWriteAutoBackupEnabled(int enabled, const char* mediaId);
 
 /**
- * The boot action whose word is @a word: "wipe", "restore" or "none", exactly.
- * @param ok is set to whether @a word is known; may be NULL.
+ * The boot action named @a word: "wipe", "restore" or "none", case-sensitive.
+ * @param ok set to whether @a word is one of them; may be NULL.
  * @return the action; NRO_BOOT_ACTION_NONE for an unknown word.
  */
 NBASE_EXPORT int nroConvertStringToBootAction(const char* word, bool* ok);
 
-/** The pending boot action; NRO_BOOT_ACTION_NONE as well when its marker cannot be read or understood. */
+/** The pending boot action; NRO_BOOT_ACTION_NONE also when its marker cannot be read or has other content. */
 NBASE_EXPORT int nroGetBootAction(void);
 
 /**
- * Writes the marker of the boot action, whatever else is set, or removes it for any value other than wipe and
- * restore.
- * @return 1 when the marker is on the disk, or gone; otherwise 0, as nroWriteAutoBackupEnabled() does.
+ * Writes the marker of the boot action without checking anything else, or removes it for any value other than wipe
+ * and restore.
+ * @return as nroWriteAutoBackupEnabled().
  */
 NBASE_EXPORT int nroWriteBootAction(int action);
 
-/** Whether automatic backup can be enabled, or disabled: NRO_DONE, NRO_OVERLAY_NOT_MOUNTED, or NRO_MEDIA_.... */
+/** Whether automatic backup can be enabled or disabled: NRO_DONE, NRO_OVERLAY_NOT_MOUNTED or one of NRO_MEDIA_....
+ */
 NBASE_EXPORT int nroCanSetAutoBackupEnabled(int enable);
 
 /** Whether @a action can be requested: NRO_DONE, NRO_OVERLAY_NOT_MOUNTED or NRO_AUTO_BACKUP_ENABLED. */
 NBASE_EXPORT int nroCanSetBootAction(int action);
 
-/** Requests @a action for the next start. @return NRO_DONE, or why not. */
+/** Requests @a action for the next start. @return NRO_DONE, or the reason of the refusal or failure. */
 NBASE_EXPORT int nroSetBootAction(int action);
 
 /**
- * Enables automatic backup for the card that is inserted, or disables it. While a restore is pending, enabling
- * only cancels the restore and returns NRO_RESTORE_CANCELLED: a second call then enables.
- * @return NRO_DONE, or why not.
+ * Enables automatic backup for the inserted card, or disables it. While a restore is pending, enabling only
+ * cancels the restore and returns NRO_RESTORE_CANCELLED; a second call then enables.
+ * @return NRO_DONE, or the reason of the refusal or failure.
  */
 NBASE_EXPORT int nroSetAutoBackupEnabled(int enable);
 
 #ifdef __cplusplus
 } // extern "C"
 
-/** Names of the backup media as Qt's text. As little thread-safe as the functions that they come from. */
+/** Names of the backup media as QString. Not thread-safe, like the functions above. */
 class NBASE_EXPORT NRootfsOverlay
 {
 public:
-    /** nroBackupMediaMmcDeviceName() as text; a null text without configuration. */
+    /** nroBackupMediaMmcDeviceName() as a QString; null without configuration. */
     static QString backupMediaMmcDeviceName();
 
-    /** nroBackupMediaName() as text; a null text without configuration. */
+    /** nroBackupMediaName() as a QString; null without configuration. */
     static QString backupMediaName();
 
 private:
