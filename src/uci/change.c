@@ -1,23 +1,14 @@
 #include "uci_p.h"
 
-#include <limits.h>
 #include <stdlib.h>
 
-/* Remembers a change of a place, unless it came from a file of changes or the package has no such file. */
+/* Notes a change as pending, unless it was read from staged changes or the package has none. */
 static int remember_change(const struct uci_ptr* ptr, bool remember, enum uci_command cmd, const char* value)
 {
     if (!remember || !ptr->p->has_delta)
         return UCI_OK;
     const char* option = ptr->o ? ptr->o->e.name : ptr->option;
     return delta_new(&ptr->p->delta, cmd, ptr->s->e.name, option, value) ? UCI_OK : UCI_ERR_MEM;
-}
-
-/* Reads the number that a text begins with, 0 if there is none. */
-static int leading_number(const char* text)
-{
-    long number = strtol(text, NULL, 10);
-
-    return number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : (int)number;
 }
 
 /* ---- deleting ---- */
@@ -45,8 +36,8 @@ static int delete_item(struct uci_ptr* ptr, bool remember)
     return remember_change(ptr, remember, UCI_CMD_REMOVE, ptr->value);
 }
 
-/* A name that vanishes with its element leaves the empty name, which nothing has: without any, the next call would
- * act on what the element was part of. */
+/* A name that is freed with its element is replaced by the empty name, which no element has. With a null name the
+ * next call would act on the element's parent. */
 static void delete_found(struct uci_ptr* ptr)
 {
     if (ptr->o) {
@@ -104,8 +95,8 @@ static int set_section(struct uci_ptr* ptr, bool* changed)
         ptr->s = section_new(ptr->p, ptr->value, ptr->section);
         return ptr->s ? UCI_OK : UCI_ERR_MEM;
     }
-    /* Odd, but what callers of libuci know: a type of another length makes the name that was made for an unnamed
-     * section its own, one of the same length does not. */
+    /* Odd, but libuci does it: an unnamed section keeps its generated name as its own if the new type has another
+     * length, and stays unnamed otherwise. */
     bool stays_anonymous = ptr->s->anonymous && strlen(ptr->s->type) == strlen(ptr->value);
     if (!section_set_type(ptr->s, ptr->value))
         return UCI_ERR_MEM;
@@ -120,7 +111,7 @@ static int set_place(struct uci_ptr* ptr, bool remember)
     if (!ptr->value || !ptr->section || !*ptr->section || (ptr->option && !ptr->s))
         return UCI_ERR_INVAL;
     if (!*ptr->value) {
-        /* An empty value is no value. That is a change of its own, even where a file of changes says so. */
+        /* An empty value deletes. The deletion is pending, even if it was read from staged changes. */
         bool found = ptr->option ? ptr->o != NULL : ptr->s != NULL;
         return found ? delete_place(ptr, true) : UCI_OK;
     }
@@ -133,7 +124,7 @@ static int set_place(struct uci_ptr* ptr, bool remember)
     return remember_change(ptr, remember, UCI_CMD_CHANGE, ptr->value);
 }
 
-/* Makes a section without a name of its own, under the name that it was given when it was added. */
+/* Makes a section unnamed, with the name that was generated for it when the change was made. */
 static int add_place(struct uci_ptr* ptr, bool remember)
 {
     int result = set_place(ptr, remember);
@@ -207,28 +198,25 @@ static int rename_place(struct uci_ptr* ptr, bool remember)
     return result;
 }
 
-static int reorder_place(struct uci_ptr* ptr, int position, const char* text, bool remember)
+/* The position is the number that the value begins with, 0 if there is none. */
+static int reorder_place(struct uci_ptr* ptr, bool remember)
 {
     if (!ptr->s)
         return UCI_ERR_NOTFOUND;
     struct uci_list* head = &ptr->p->sections;
     struct uci_list* before = ptr->s->e.list.prev;
     list_remove(&ptr->s->e.list);
-    struct uci_list* place = head;
-    for (; position > 0 && place->next != head; position--)
-        place = place->next;
-    list_insert_after(place, &ptr->s->e.list);
-    if (place == before)
+    struct uci_list* link = head;
+    for (long position = strtol(ptr->value, NULL, 10); position > 0 && link->next != head; position--)
+        link = link->next;
+    list_insert_after(link, &ptr->s->e.list);
+    if (link == before)
         return UCI_OK;
-    return remember_change(ptr, remember, UCI_CMD_REORDER, text);
+    return remember_change(ptr, remember, UCI_CMD_REORDER, ptr->value);
 }
 
-int change_apply(struct uci_context* ctx, enum uci_command cmd, struct uci_ptr* ptr, bool remember)
+int change_apply(enum uci_command cmd, struct uci_ptr* ptr, bool remember)
 {
-    int result = place_resolve(ctx, ptr);
-
-    if (result != UCI_OK)
-        return result;
     switch (cmd) {
     case UCI_CMD_ADD:
         return add_place(ptr, remember);
@@ -239,7 +227,7 @@ int change_apply(struct uci_context* ctx, enum uci_command cmd, struct uci_ptr* 
     case UCI_CMD_RENAME:
         return rename_place(ptr, remember);
     case UCI_CMD_REORDER:
-        return reorder_place(ptr, leading_number(ptr->value), ptr->value, remember);
+        return reorder_place(ptr, remember);
     case UCI_CMD_LIST_ADD:
         return add_to_list(ptr, remember);
     case UCI_CMD_LIST_DEL:
@@ -248,67 +236,20 @@ int change_apply(struct uci_context* ctx, enum uci_command cmd, struct uci_ptr* 
     return UCI_ERR_INVAL;
 }
 
-/* ---- the public functions ---- */
-
-static int change(struct uci_context* ctx, enum uci_command cmd, struct uci_ptr* ptr)
+int change_add_section(struct uci_package* p, const char* type, struct uci_section** section)
 {
-    return finish(ctx, ctx && ptr ? change_apply(ctx, cmd, ptr, true) : UCI_ERR_INVAL);
-}
-
-int uci_set(struct uci_context* ctx, struct uci_ptr* ptr)
-{
-    return change(ctx, UCI_CMD_CHANGE, ptr);
-}
-
-int uci_delete(struct uci_context* ctx, struct uci_ptr* ptr)
-{
-    return change(ctx, UCI_CMD_REMOVE, ptr);
-}
-
-int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr)
-{
-    return change(ctx, UCI_CMD_RENAME, ptr);
-}
-
-int uci_add_list(struct uci_context* ctx, struct uci_ptr* ptr)
-{
-    return change(ctx, UCI_CMD_LIST_ADD, ptr);
-}
-
-int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr)
-{
-    return change(ctx, UCI_CMD_LIST_DEL, ptr);
-}
-
-int uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res)
-{
-    if (!ctx || !p || !type)
-        return finish(ctx, UCI_ERR_INVAL);
     struct uci_section* s = section_new(p, type, NULL);
-    if (!s)
-        return finish(ctx, UCI_ERR_MEM);
     struct uci_ptr ptr;
+
+    if (!s)
+        return UCI_ERR_MEM;
     memset(&ptr, 0, sizeof(ptr));
     ptr.p = p;
     ptr.s = s;
     int result = remember_change(&ptr, true, UCI_CMD_ADD, type);
-    if (result != UCI_OK)
+    if (result == UCI_OK)
+        *section = s;
+    else
         section_free(s);
-    else if (res)
-        *res = s;
-    return finish(ctx, result);
-}
-
-int uci_reorder_section(struct uci_context* ctx, struct uci_section* s, int pos)
-{
-    struct uci_ptr ptr;
-    char text[16];
-
-    if (!ctx || !s)
-        return finish(ctx, UCI_ERR_INVAL);
-    memset(&ptr, 0, sizeof(ptr));
-    ptr.s = s;
-    snprintf(text, sizeof(text), "%d", pos);
-    int result = place_resolve(ctx, &ptr);
-    return finish(ctx, result == UCI_OK ? reorder_place(&ptr, pos, text, true) : result);
+    return result;
 }

@@ -225,14 +225,15 @@ size_t delta_skip_committed(const struct text* text, const struct text* package_
 
 static int apply_line(struct uci_package* p, const struct delta_line* line)
 {
-    struct uci_ptr ptr;
+    struct uci_ptr place;
 
-    memset(&ptr, 0, sizeof(ptr));
-    ptr.p = p;
-    ptr.section = line->section;
-    ptr.option = line->option;
-    ptr.value = line->value;
-    return change_apply(p->ctx, line->cmd, &ptr, false);
+    memset(&place, 0, sizeof(place));
+    place.p = p;
+    place.section = line->section;
+    place.option = line->option;
+    place.value = line->value;
+    place_find(&place);
+    return change_apply(line->cmd, &place, false);
 }
 
 int delta_apply(struct uci_package* p, struct text* text, size_t begin, size_t* applied)

@@ -312,6 +312,13 @@ void package_free(struct uci_package* p)
     free(p);
 }
 
+struct uci_package* package_loaded(const struct uci_context* ctx, const char* name)
+{
+    struct uci_element* e = list_find(&ctx->root, name);
+
+    return e ? uci_to_package(e) : NULL;
+}
+
 struct uci_section* package_find(const struct uci_package* p, const char* name)
 {
     struct uci_element* e = index_find(&((const struct package*)p)->sections, key_of(p), &p->sections, name);

@@ -108,7 +108,7 @@ static int reload(struct uci_context* ctx, struct uci_ptr* ptr)
 
 static int revert(struct uci_context* ctx, struct uci_ptr* ptr)
 {
-    int result = place_resolve(ctx, ptr);
+    int result = lookup_place(ctx, ptr);
 
     if (result != UCI_OK)
         return result;

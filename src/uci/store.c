@@ -118,7 +118,7 @@ load_path(struct uci_context* ctx, const char* path, const char* name, bool outs
 
     if (result != UCI_OK)
         return result;
-    if (context_find(ctx, name))
+    if (package_loaded(ctx, name))
         result = UCI_ERR_DUPLICATE;
     else if (outside)
         result = load_outside(ctx, &file, name, package);

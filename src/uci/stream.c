@@ -19,7 +19,7 @@ static int check_not_loaded(const struct uci_context* ctx, const struct uci_list
 {
     struct uci_element* e;
 
-    uci_foreach_element(list, e) if (context_find(ctx, e->name)) return UCI_ERR_DUPLICATE;
+    uci_foreach_element(list, e) if (package_loaded(ctx, e->name)) return UCI_ERR_DUPLICATE;
     return UCI_OK;
 }
 

@@ -80,6 +80,7 @@ void element_list_free(struct uci_list* list);
 
 struct uci_package* package_new(struct uci_context* ctx, const char* name);
 void package_free(struct uci_package* p);
+struct uci_package* package_loaded(const struct uci_context* ctx, const char* name);
 struct uci_section* package_find(const struct uci_package* p, const char* name);
 
 /* Makes a section at the end of the package. Without a name it is anonymous and gets one. */
@@ -124,6 +125,25 @@ struct words
 char* words_next(struct words* words);
 
 void words_skip_line(struct words* words);
+
+/* ---- place.c: places in a package ---- */
+
+/* Cuts "package[.section[.option]][=value]" into the names of a place. */
+int place_parse(struct uci_ptr* ptr, char* text);
+
+/* Finds the section that a place names as "@type[index]", if there is one. UCI_ERR_INVAL: malformed. */
+int place_find_indexed_section(struct uci_ptr* ptr);
+
+/* Finds the section and option that a place names in its package; fills in missing names of given elements. */
+void place_find(struct uci_ptr* ptr);
+
+/* ---- change.c: changes of a package in memory ---- */
+
+/* Applies a change to a place whose elements are found, see place_find(). Remembering it makes it pending. */
+int change_apply(enum uci_command cmd, struct uci_ptr* ptr, bool remember);
+
+/* Adds an unnamed section, which is pending then. */
+int change_add_section(struct uci_package* p, const char* type, struct uci_section** section);
 
 /* ---- parser.c, writer.c: the format of package files ---- */
 
@@ -191,21 +211,6 @@ void delta_write_mark(struct text* text, struct fingerprint committed);
 
 /* Applies a text of staged changes to a package and adds the number of lines that could be. */
 int delta_apply(struct uci_package* p, struct text* text, size_t begin, size_t* applied);
-
-/* ---- change.c ---- */
-
-/* What a staged or new change does; new ones are remembered in the package. */
-int change_apply(struct uci_context* ctx, enum uci_command cmd, struct uci_ptr* ptr, bool remember);
-
-/* Fills in names from elements and elements from names, loading the package. */
-int place_resolve(struct uci_context* ctx, struct uci_ptr* ptr);
-
-/* ---- lookup.c ---- */
-
-/* Cuts "package[.section[.option]][=value]" into the names of a place. */
-int place_parse(struct uci_ptr* ptr, char* text);
-
-struct uci_package* context_find(const struct uci_context* ctx, const char* name);
 
 /* ---- context.c ---- */
 
@@ -304,5 +309,10 @@ int store_stage(struct uci_package* p);
 int store_check_name(const char* name);
 
 int store_load(struct uci_context* ctx, const char* name, struct uci_package** package);
+
+/* ---- lookup.c: places in packages that may have to be loaded ---- */
+
+/* As place_find(), with the package found or loaded by its name where it is not given. */
+int lookup_place(struct uci_context* ctx, struct uci_ptr* ptr);
 
 #endif
