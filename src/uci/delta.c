@@ -7,8 +7,6 @@ static const char signs[] = {
     [UCI_CMD_REORDER] = '^', [UCI_CMD_LIST_ADD] = '|', [UCI_CMD_LIST_DEL] = '~',
 };
 
-static const char mark[] = "#commit ";
-
 static enum uci_command command_of(char sign)
 {
     for (int cmd = UCI_CMD_ADD; cmd <= UCI_CMD_LIST_DEL; cmd++)
@@ -61,20 +59,20 @@ static bool at_end_of_line(struct words* words)
     return false;
 }
 
-static bool is_mark(const struct words* words)
+bool delta_at_mark(const struct words* words)
 {
-    size_t left = (size_t)(words->end - words->position);
+    size_t size = sizeof(DELTA_MARK) - 1;
 
-    return left >= sizeof(mark) - 1 && memcmp(words->position, mark, sizeof(mark) - 1) == 0;
+    return (size_t)(words->end - words->position) >= size && memcmp(words->position, DELTA_MARK, size) == 0;
 }
 
 static void skip_marks(struct words* words)
 {
-    while (is_mark(words))
+    while (delta_at_mark(words))
         words_skip_line(words);
 }
 
-/* Whether the latest line goes on behind the end of the text. */
+/* Whether the latest line is incomplete: it would continue after the end of the text. */
 static bool is_torn(const struct words* words)
 {
     return words->unterminated || words->continued;
@@ -154,7 +152,7 @@ size_t delta_whole_size(struct text* text)
     struct delta_line line;
 
     for (;;) {
-        /* A mark tells of the lines before it, and stays. */
+        /* A mark is about the lines before it, and is kept. */
         skip_marks(&words);
         size_t begin = (size_t)(words.position - text->data);
         if (delta_next(&words, "", &line) == DELTA_END)
@@ -162,101 +160,4 @@ size_t delta_whole_size(struct text* text)
         if (is_torn(&words))
             return begin;
     }
-}
-
-/* ---- marks of interrupted commits ---- */
-
-/* FNV-1a, 64 bits (Fowler, Noll, Vo; draft-eastlake-fnv). */
-struct fingerprint fingerprint_of(const char* data, size_t size)
-{
-    struct fingerprint print = {size, UINT64_C(0xcbf29ce484222325)};
-
-    for (size_t i = 0; i < size; i++)
-        print.hash =
-            ((print.hash ^ (unsigned char)data[i]) * UINT64_C(0x100000001b3)) & UINT64_C(0xffffffffffffffff);
-    return print;
-}
-
-void delta_write_mark(struct text* text, struct fingerprint committed)
-{
-    char line[64];
-
-    snprintf(line, sizeof(line), "%s%llx %llx\n", mark, committed.size, committed.hash);
-    text_append_string(text, line);
-}
-
-/* Where the last mark begins, the size of the text if there is none; the text is overwritten. Only a line of its
- * own is a mark, not one within a quoted value, which anybody may have set. */
-static size_t last_mark(struct text* text)
-{
-    struct words words = {.position = text->data, .end = text->data + text->size};
-    struct delta_line line;
-    size_t found = text->size;
-
-    do {
-        while (is_mark(&words)) {
-            found = (size_t)(words.position - text->data);
-            words_skip_line(&words);
-        }
-    } while (delta_next(&words, "", &line) != DELTA_END);
-    return found;
-}
-
-size_t delta_skip_committed(const struct text* text, const struct text* package_file)
-{
-    struct text expected = {NULL, 0, 0, false};
-    struct text copy = {NULL, 0, 0, false};
-
-    if (!text->size || !memmem(text->data, text->size, mark, sizeof(mark) - 1))
-        return 0;
-    text_append(&copy, text->data, text->size);
-    delta_write_mark(&expected, fingerprint_of(package_file->data, package_file->size));
-    size_t begin = copy.failed ? text->size : last_mark(&copy);
-    size_t left = text->size - begin;
-    bool same =
-        !expected.failed && left >= expected.size && memcmp(text->data + begin, expected.data, expected.size) == 0;
-    size_t behind = begin + expected.size;
-    text_free(&copy);
-    text_free(&expected);
-    return same ? behind : 0;
-}
-
-/* ---- applying ---- */
-
-static int apply_line(struct uci_package* p, const struct delta_line* line)
-{
-    struct uci_ptr place;
-
-    memset(&place, 0, sizeof(place));
-    place.p = p;
-    place.section = line->section;
-    place.option = line->option;
-    place.value = line->value;
-    place_find(&place);
-    return change_apply(line->cmd, &place, false);
-}
-
-int delta_apply(struct uci_package* p, struct text* text, size_t begin, size_t* applied)
-{
-    struct words words = {.position = text->data + begin, .end = text->data + text->size};
-    struct delta_line line;
-    enum delta_result read;
-
-    /* A byte that no line may hold in place of NUL bytes, so that they spoil only the lines that they are in. */
-    for (char* nul = words.position; (nul = memchr(nul, 0, (size_t)(words.end - nul)));)
-        *nul = 1;
-    while ((read = delta_next(&words, p->e.name, &line)) != DELTA_END) {
-        if (read != DELTA_LINE)
-            continue;
-        int result = apply_line(p, &line);
-        if (result == UCI_ERR_MEM)
-            return result;
-        if (result != UCI_OK)
-            continue;
-        ++*applied;
-        if (p->ctx->flags & UCI_FLAG_SAVED_DELTA &&
-            !delta_new(&p->saved_delta, line.cmd, line.section, line.option, line.value))
-            return UCI_ERR_MEM;
-    }
-    return UCI_OK;
 }

@@ -7,21 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-char* path_join(const char* directory, const char* name)
-{
-    size_t directory_size = strlen(directory);
-    size_t name_size = strlen(name);
-    char* path = malloc(directory_size + name_size + 2);
-
-    if (!path)
-        return NULL;
-    memcpy(path, directory, directory_size);
-    path[directory_size] = '/';
-    memcpy(path + directory_size + 1, name, name_size);
-    path[directory_size + 1 + name_size] = '\0';
-    return path;
-}
-
 /* ---- opening and locking ---- */
 
 static int lock(int fd, int operation)
@@ -121,7 +106,7 @@ static bool read_fully(int fd, char* data, size_t size, size_t* done)
     return true;
 }
 
-static bool write_fully(int fd, const char* data, size_t size)
+bool write_fully(int fd, const char* data, size_t size)
 {
     while (size > 0) {
         ssize_t result = write(fd, data, size);
@@ -187,73 +172,6 @@ int file_append(const struct locked_file* file, const struct text* text)
     return done ? UCI_OK : UCI_ERR_IO;
 }
 
-/* ---- replacing ---- */
-
-/* The new file's name is always the same: what a process leaves that was killed is in nobody's way for long. */
-static char* name_beside(const char* path)
-{
-    const char* name = strrchr(path, '/') + 1;
-    struct text text = {NULL, 0, 0, false};
-
-    text_append(&text, path, (size_t)(name - path));
-    text_append_string(&text, ".");
-    text_append_string(&text, name);
-    text_append_string(&text, ".uci-new");
-    if (text.failed)
-        text_free(&text);
-    return text.data;
-}
-
-/* Gives the new file the mode and owner of the old one; a file that would change its owner is not written. */
-static bool take_over_attributes(int new_fd, int old_fd)
-{
-    struct stat old_status, new_status;
-
-    if (fstat(old_fd, &old_status) < 0 || fstat(new_fd, &new_status) < 0)
-        return false;
-    bool same_owner = old_status.st_uid == new_status.st_uid && old_status.st_gid == new_status.st_gid;
-    if (!same_owner && fchown(new_fd, old_status.st_uid, old_status.st_gid) < 0)
-        return false;
-    return fchmod(new_fd, old_status.st_mode & 07777) == 0;
-}
-
-void replacement_free(struct replacement* replacement)
-{
-    if (replacement->new_path)
-        unlink(replacement->new_path);
-    free(replacement->path);
-    free(replacement->new_path);
-    memset(replacement, 0, sizeof(*replacement));
-}
-
-int file_write_beside(
-    struct replacement* replacement, const struct locked_file* file, const char* path, const struct text* text)
-{
-    replacement->new_path = NULL;
-    replacement->path = realpath(path, NULL);
-    if (!replacement->path)
-        return errno == ENOMEM ? UCI_ERR_MEM : UCI_ERR_IO;
-    char* new_path = name_beside(replacement->path);
-    if (!new_path) {
-        replacement_free(replacement);
-        return UCI_ERR_MEM;
-    }
-    unlink(new_path);
-    int fd = open(new_path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        free(new_path);
-        replacement_free(replacement);
-        return UCI_ERR_IO;
-    }
-    replacement->new_path = new_path;
-    bool done = write_fully(fd, text->data, text->size) && take_over_attributes(fd, file->fd) && fsync(fd) == 0;
-    if (close(fd) < 0 || !done) {
-        replacement_free(replacement);
-        return UCI_ERR_IO;
-    }
-    return UCI_OK;
-}
-
 void file_flush_directory(const char* path)
 {
     char* directory = strdup(path);
@@ -268,14 +186,4 @@ void file_flush_directory(const char* path)
     /* Some file systems cannot; the file is in its place all the same, so that there is nothing to report. */
     fsync(fd);
     close(fd);
-}
-
-int file_replace(struct replacement* replacement)
-{
-    if (rename(replacement->new_path, replacement->path) < 0)
-        return UCI_ERR_IO;
-    file_flush_directory(replacement->path);
-    free(replacement->new_path);
-    replacement->new_path = NULL;
-    return UCI_OK;
 }

@@ -33,7 +33,7 @@ static bool add_directory(struct names* names, const char* path)
     bool done = true;
 
     while (directory && done && (entry = readdir(directory))) {
-        if (store_check_name(entry->d_name) != UCI_OK)
+        if (package_check_name(entry->d_name) != UCI_OK)
             continue;
         char* file = path_join(path, entry->d_name);
         bool regular = file && stat(file, &status) == 0 && S_ISREG(status.st_mode);

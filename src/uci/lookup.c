@@ -11,7 +11,7 @@ static int find_or_load_package(struct uci_context* ctx, struct uci_ptr* ptr)
             ptr->package = ptr->p->e.name;
         return UCI_OK;
     }
-    return ptr->package ? store_load(ctx, ptr->package, &ptr->p) : UCI_ERR_INVAL;
+    return ptr->package ? load_package(ctx, ptr->package, &ptr->p) : UCI_ERR_INVAL;
 }
 
 int lookup_place(struct uci_context* ctx, struct uci_ptr* ptr)

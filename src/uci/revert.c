@@ -34,10 +34,10 @@ static int rewrite(const struct locked_file* file, const char* path, const struc
 
     if (!kept->size)
         return file_truncate(file, 0);
-    int result = file_write_beside(&replacement, file, path, kept);
+    int result = replacement_prepare(&replacement, file, path, kept);
     if (result != UCI_OK)
         return result;
-    result = file_replace(&replacement);
+    result = replacement_apply(&replacement);
     replacement_free(&replacement);
     return result;
 }
@@ -47,7 +47,7 @@ static int drop_lines(const struct uci_package* p, struct staged* staged, const 
 {
     struct text kept = {NULL, 0, 0, false};
     int result = UCI_OK;
-    char* path = staged_path(p);
+    char* path = staged_path(p->ctx, p->e.name);
 
     if (!path)
         return UCI_ERR_MEM;
@@ -97,7 +97,7 @@ static int reload(struct uci_context* ctx, struct uci_ptr* ptr)
     ptr->s = NULL;
     ptr->o = NULL;
     ptr->last = NULL;
-    int result = store_load(ctx, name, &ptr->p);
+    int result = load_package(ctx, name, &ptr->p);
     free(name);
     if (result == UCI_OK)
         ptr->last = &ptr->p->e;
@@ -116,7 +116,7 @@ static int revert(struct uci_context* ctx, struct uci_ptr* ptr)
         return UCI_ERR_INVAL;
     bool own_section = ptr->s && ptr->section == ptr->s->e.name;
     bool own_option = ptr->o && ptr->option == ptr->o->e.name;
-    result = store_stage(ptr->p);
+    result = staged_append_pending(ptr->p);
     if (result == UCI_OK)
         result = drop_staged(ptr->p, ptr->section, ptr->option);
     if (result != UCI_OK)

@@ -53,7 +53,7 @@ int uci_import(struct uci_context* ctx, FILE* stream, const char* name, struct u
     struct text text = {NULL, 0, 0, false};
 
     /* The name becomes that of a file: no part of it may be a path. */
-    if (!ctx || !stream || (name && (store_check_name(name) != UCI_OK || strchr(name, '/'))))
+    if (!ctx || !stream || (name && (package_check_name(name) != UCI_OK || strchr(name, '/'))))
         return finish(ctx, UCI_ERR_INVAL);
     int result = read_stream(stream, &text);
     if (result == UCI_OK)

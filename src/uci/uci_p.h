@@ -178,16 +178,14 @@ struct delta_line
     const char* value;
 };
 
+/* What a line begins with that is the mark of a commit, see mark.c. Marks are passed over when changes are read.
+ */
+#define DELTA_MARK "#commit "
+
+/* Whether the next line is a mark. */
+bool delta_at_mark(const struct words* words);
+
 enum delta_result { DELTA_END, DELTA_LINE, DELTA_REFUSED };
-
-/* What is needed to recognise a package file: its size and a hash of its bytes. */
-struct fingerprint
-{
-    unsigned long long size;
-    unsigned long long hash;
-};
-
-struct fingerprint fingerprint_of(const char* data, size_t size);
 
 /* Reads the next line of a text of staged changes, which is overwritten. */
 enum delta_result delta_next(struct words* words, const char* package, struct delta_line* line);
@@ -202,15 +200,16 @@ void delta_write(
  */
 size_t delta_whole_size(struct text* text);
 
-/*
- * Where the lines begin that are not in the package file yet: behind the latest mark of a commit of this very file
- * that was interrupted between replacing the file and emptying the changes.
- */
-size_t delta_skip_committed(const struct text* text, const struct text* package_file);
-void delta_write_mark(struct text* text, struct fingerprint committed);
+/* ---- mark.c: marks of commits in the staged changes ---- */
 
-/* Applies a text of staged changes to a package and adds the number of lines that could be. */
-int delta_apply(struct uci_package* p, struct text* text, size_t begin, size_t* applied);
+/* Appends the mark of a commit that makes this the text of the package file. */
+void mark_write(struct text* text, const struct text* package_file);
+
+/*
+ * The size of the lines that the package file holds already: those up to the latest mark, if a commit of this very
+ * file was interrupted before it emptied the staged changes.
+ */
+size_t mark_skip_committed(const struct text* text, const struct text* package_file);
 
 /* ---- context.c ---- */
 
@@ -247,9 +246,17 @@ int file_append(const struct locked_file* file, const struct text* text);
 /* Cuts a file to a size and flushes it. */
 int file_truncate(const struct locked_file* file, size_t size);
 
+/* Makes sure that a file that is new in its directory is found there after a power loss. */
+void file_flush_directory(const char* path);
+
+/* Writes all bytes to a descriptor. */
+bool write_fully(int fd, const char* data, size_t size);
+
+/* ---- replacement.c: replacing files ---- */
+
 /*
- * Replacing a file in two steps: the new contents go to a new file beside it, which then takes its place with its
- * mode and owner. On failure the file is as before.
+ * Replaces a file in two steps: its new contents are written to a new file beside it, which then takes its place,
+ * with its mode and owner. On failure the file is as before.
  */
 struct replacement
 {
@@ -257,58 +264,76 @@ struct replacement
     char* new_path; /* of the new file */
 };
 
-int file_write_beside(
+/* Writes and flushes the new file. If that succeeds, the replacement has to be freed. */
+int replacement_prepare(
     struct replacement* replacement, const struct locked_file* file, const char* path, const struct text* text);
-int file_replace(struct replacement* replacement);
+int replacement_apply(struct replacement* replacement);
+
+/* Removes the new file, if it has not taken the other's place. */
 void replacement_free(struct replacement* replacement);
 
-/* Makes sure that a file that is new in its directory is found there after a power loss. */
-void file_flush_directory(const char* path);
+/* ---- paths.c: names and files of packages ---- */
 
-/* Gives directory and name joined with "/", or null when memory is out. */
+/* Returns directory and name joined with "/", or null when out of memory. */
 char* path_join(const char* directory, const char* name);
 
+/* Returns UCI_OK if a package may have this name, or the result of uci_load() if not. */
+int package_check_name(const char* name);
+
+/* Whether a name is the path of a file outside of the configuration directory. */
+bool package_is_outside(const char* name);
+
+/* Returns the path of the file of a package that is not outside, or null when out of memory. */
+char* package_path(const struct uci_context* ctx, const char* name, bool* uses_conf2);
+
+/* Returns the path of the file of its staged changes, or null when out of memory. */
+char* staged_path(const struct uci_context* ctx, const char* name);
+
 /* ---- staged.c: the file of staged changes ---- */
+
+/* Stages the pending changes of a package: appends them to the file. */
+int staged_append_pending(struct uci_package* p);
 
 /* What is staged for a package, with its file locked. */
 struct staged
 {
     struct locked_file file; /* closed if there is none */
     struct text text;
-    size_t begin; /* of the changes that are not in the package file yet */
-    size_t whole; /* how much there is but for the mark of a commit; set by staged_mark() */
+    size_t begin;   /* of the changes that are not in the package file yet */
+    size_t applied; /* the number of changes that could be applied */
 };
 
-char* staged_path(const struct uci_package* p);
-
-/* Reads what is staged beside the contents of the package file, as they are before they are parsed. */
+/* Reads what is staged; the text of the package file must not have been parsed, which overwrites it. */
 int staged_open(
     struct staged* staged, const struct uci_context* ctx, const char* name, const struct text* package_file,
     bool exclusive);
-
-/* Applies what is staged in all directories, and adds the number of lines that could be. */
-int staged_apply(struct uci_package* p, struct staged* staged, size_t* applied);
-
-/*
- * Says in the file of changes that they are about to be emptied, as the package file has this fingerprint now or
- * in a moment: if the process ends in between, the next reader recognises it and does not apply them again.
- */
-void staged_mark(struct staged* staged, struct fingerprint committed);
-
-/* Empties the file of changes, or takes the mark out again if the package file could not be replaced. */
-void staged_settle(struct staged* staged, bool committed);
-
 void staged_close(struct staged* staged);
 
-/* Stages what is pending. */
-int store_stage(struct uci_package* p);
+/* Applies what is staged in all directories. */
+int staged_apply(struct staged* staged, struct uci_package* p);
 
-/* ---- store.c: loading and committing ---- */
+/*
+ * Replaces the package file and empties the file of staged changes. Before that, a mark with the fingerprint of
+ * the new package file is appended to the latter: if the process ends between the two steps, the next reader
+ * recognises the package file and does not apply the changes again.
+ */
+int staged_commit(const struct staged* staged, struct replacement* replacement, const struct text* package_file);
 
-/* Whether a package may have this name, UCI_OK, or what uci_load() says to it. */
-int store_check_name(const char* name);
+/* Empties the file of staged changes if an interrupted commit has written all of them. */
+int staged_empty_if_committed(const struct staged* staged);
 
-int store_load(struct uci_context* ctx, const char* name, struct uci_package** package);
+/* ---- load.c: loading packages ---- */
+
+/* Loads a package under its name and adds it to the context. */
+int load_package(struct uci_context* ctx, const char* name, struct uci_package** package);
+
+/*
+ * Reads an open package file and applies the staged changes, which are open then, locked for emptying them if
+ * asked. The package is not the context's yet.
+ */
+int load_staged(
+    struct uci_context* ctx, const struct locked_file* file, const char* name, struct staged* staged,
+    bool exclusive, struct uci_package** package);
 
 /* ---- lookup.c: places in packages that may have to be loaded ---- */
 
