@@ -1,4 +1,8 @@
-#include "uci_p.h"
+#include "elements_p.h"
+#include "error_p.h"
+#include "load_p.h"
+#include "paths_p.h"
+#include "writer_p.h"
 
 #include <stdlib.h>
 

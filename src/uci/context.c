@@ -1,20 +1,11 @@
-#include "uci_p.h"
+#include "context_p.h"
+#include "elements_p.h"
+#include "error_p.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
-
-static const char* const messages[] = {
-    [UCI_OK] = "Success",
-    [UCI_ERR_MEM] = "Out of memory",
-    [UCI_ERR_INVAL] = "Invalid argument",
-    [UCI_ERR_NOTFOUND] = "Entry not found",
-    [UCI_ERR_IO] = "I/O error",
-    [UCI_ERR_PARSE] = "Parse error",
-    [UCI_ERR_DUPLICATE] = "Duplicate entry",
-    [UCI_ERR_UNKNOWN] = "Unknown error",
-};
 
 /* Numbers that nobody outside can guess; where the system gives none, at least different ones each time. */
 static void make_hash_key(uint32_t key[2], const void* address)
@@ -30,7 +21,7 @@ static void make_hash_key(uint32_t key[2], const void* address)
     key[1] = (uint32_t)time(NULL) ^ (uint32_t)clock();
 }
 
-static bool add_directory(struct uci_list* list, const char* dir)
+static bool append_directory(struct uci_list* list, const char* dir)
 {
     struct uci_element* e = element_new(UCI_TYPE_PATH, dir);
 
@@ -60,7 +51,7 @@ struct uci_context* uci_alloc_context(void)
     ctx->confdir = strdup(UCI_CONFDIR);
     ctx->savedir = strdup(UCI_SAVEDIR);
     ctx->conf2dir = strdup(UCI_CONF2DIR);
-    if (!ctx->confdir || !ctx->savedir || !ctx->conf2dir || !add_directory(&ctx->delta_path, UCI_SAVEDIR)) {
+    if (!ctx->confdir || !ctx->savedir || !ctx->conf2dir || !append_directory(&ctx->delta_path, UCI_SAVEDIR)) {
         uci_free_context(ctx);
         return NULL;
     }
@@ -79,57 +70,6 @@ void uci_free_context(struct uci_context* ctx)
     free(ctx->conf2dir);
     text_free(&((struct context*)ctx)->argument);
     free(ctx);
-}
-
-int finish(struct uci_context* ctx, int result)
-{
-    if (!ctx)
-        return result;
-    ctx->err = result;
-    if (result != UCI_OK && ctx->flags & UCI_FLAG_PERROR)
-        uci_perror(ctx, NULL);
-    return result;
-}
-
-/* ---- texts of errors ---- */
-
-static void append_reason(struct text* text, const struct uci_parse_context* where)
-{
-    char place[64];
-
-    if (!where->reason)
-        return;
-    snprintf(place, sizeof(place), ") at line %lu", (unsigned long)where->line);
-    text_append_string(text, " (");
-    text_append_string(text, where->reason);
-    text_append_string(text, place);
-}
-
-void uci_get_errorstr(struct uci_context* ctx, char** dest, const char* prefix)
-{
-    struct text text = {NULL, 0, 0, false};
-    int error = !ctx ? UCI_ERR_INVAL : ctx->err >= 0 && ctx->err < UCI_ERR_LAST ? ctx->err : UCI_ERR_UNKNOWN;
-
-    if (prefix) {
-        text_append_string(&text, prefix);
-        text_append_string(&text, ": ");
-    }
-    text_append_string(&text, messages[error]);
-    if (error == UCI_ERR_PARSE)
-        append_reason(&text, ctx->pctx);
-    if (text.failed)
-        text_free(&text);
-    if (dest) {
-        *dest = text.data;
-        return;
-    }
-    fprintf(stderr, "%s\n", text.data ? text.data : messages[error]);
-    text_free(&text);
-}
-
-void uci_perror(struct uci_context* ctx, const char* prefix)
-{
-    uci_get_errorstr(ctx, NULL, prefix);
 }
 
 /* ---- directories ---- */
@@ -170,7 +110,7 @@ int uci_set_savedir(struct uci_context* ctx, const char* dir)
     if (!ctx || !dir)
         return finish(ctx, UCI_ERR_INVAL);
     struct uci_element* known = find_directory(&ctx->delta_path, dir);
-    if (!known && !add_directory(&ctx->delta_path, dir))
+    if (!known && !append_directory(&ctx->delta_path, dir))
         return finish(ctx, UCI_ERR_MEM);
     if (known) {
         list_remove(&known->list);

@@ -1,6 +1,6 @@
-#include "uci_p.h"
+#include "delta_p.h"
 
-#include <stdlib.h>
+#include "place_p.h"
 
 static const char signs[] = {
     [UCI_CMD_ADD] = '+',     [UCI_CMD_REMOVE] = '-',   [UCI_CMD_CHANGE] = 0,     [UCI_CMD_RENAME] = '@',
@@ -35,7 +35,7 @@ static bool is_sound(const struct uci_ptr* ptr, enum uci_command cmd, const char
     }
 }
 
-static bool parse_line(char* word, const char* package, struct delta_line* line)
+static bool parse_change(char* word, const char* package, struct delta_line* line)
 {
     struct uci_ptr ptr;
 
@@ -51,7 +51,7 @@ static bool parse_line(char* word, const char* package, struct delta_line* line)
 }
 
 /* Reads the end of a line: one byte of white space may stand behind the word, if nothing else does. */
-static bool at_end_of_line(struct words* words)
+static bool read_line_end(struct words* words)
 {
     if (words->line_over || words->position == words->end)
         return true;
@@ -87,8 +87,8 @@ enum delta_result delta_next(struct words* words, const char* package, struct de
     if (words->position == words->end)
         return DELTA_END;
     char* word = words_next(words);
-    bool whole = at_end_of_line(words) && !is_torn(words) && *word;
-    return whole && parse_line(word, package, line) ? DELTA_LINE : DELTA_REFUSED;
+    bool whole = read_line_end(words) && !is_torn(words) && *word;
+    return whole && parse_change(word, package, line) ? DELTA_LINE : DELTA_REFUSED;
 }
 
 /*

@@ -1,4 +1,6 @@
-#include "uci_p.h"
+#include "change_p.h"
+#include "error_p.h"
+#include "lookup_p.h"
 
 static int edit(struct uci_context* ctx, enum uci_command cmd, struct uci_ptr* ptr)
 {

@@ -1,4 +1,6 @@
-#include "uci_p.h"
+#include "elements_p.h"
+
+#include "context_p.h"
 
 #include <stdlib.h>
 
@@ -30,6 +32,37 @@ void list_remove(struct uci_list* link)
     link->next->prev = link->prev;
     list_init(link);
 }
+
+/* Finds the elements of a list by their names: a hash table with linear probing. Short lists have none and are
+ * walked. */
+struct name_index
+{
+    struct name_slot* slots;
+    uint32_t slot_count; /* a power of two, or 0 */
+    uint32_t count;
+};
+
+struct package
+{
+    struct uci_package public;
+    struct name_index sections;
+};
+
+/* Name and type, or name and value, lie behind the element in the same block of memory until they change. */
+struct section
+{
+    struct uci_section public;
+    struct name_index options;
+    uint32_t text_size;
+    char text[];
+};
+
+struct option
+{
+    struct uci_option public;
+    uint32_t text_size;
+    char text[];
+};
 
 static uint32_t rotate_left(uint32_t value, int bits)
 {

@@ -1,4 +1,4 @@
-#include "uci_p.h"
+#include "file_p.h"
 
 #include <errno.h>
 #include <fcntl.h>

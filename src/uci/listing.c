@@ -1,4 +1,5 @@
-#include "uci_p.h"
+#include "error_p.h"
+#include "paths_p.h"
 
 #include <dirent.h>
 #include <stdlib.h>
@@ -25,7 +26,7 @@ static bool add_name(struct names* names, const char* name)
     return names->name[names->count] && ++names->count;
 }
 
-static bool add_directory(struct names* names, const char* path)
+static bool add_names_in(struct names* names, const char* path)
 {
     DIR* directory = opendir(path);
     struct dirent* entry;
@@ -80,7 +81,7 @@ int uci_list_configs(struct uci_context* ctx, char*** list)
     if (!ctx || !list)
         return finish(ctx, UCI_ERR_INVAL);
     *list = NULL;
-    if (add_directory(&names, ctx->confdir) && (!*ctx->conf2dir || add_directory(&names, ctx->conf2dir))) {
+    if (add_names_in(&names, ctx->confdir) && (!*ctx->conf2dir || add_names_in(&names, ctx->conf2dir))) {
         if (names.count)
             qsort(names.name, names.count, sizeof(*names.name), compare_names);
         *list = join_names(&names);

@@ -1,4 +1,10 @@
-#include "uci_p.h"
+#include "lookup_p.h"
+
+#include "context_p.h"
+#include "elements_p.h"
+#include "error_p.h"
+#include "load_p.h"
+#include "place_p.h"
 
 /* ---- places in packages that may have to be loaded ---- */
 

@@ -1,4 +1,6 @@
-#include "uci_p.h"
+#include "mark_p.h"
+
+#include "delta_p.h"
 
 /* FNV-1a, 64 bits (Fowler, Noll, Vo; draft-eastlake-fnv). */
 static uint64_t hash_of(const struct text* text)

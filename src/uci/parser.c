@@ -1,6 +1,8 @@
-#include "uci_p.h"
+#include "parser_p.h"
 
-#include <stdlib.h>
+#include "context_p.h"
+#include "elements_p.h"
+#include "words_p.h"
 
 struct parser
 {

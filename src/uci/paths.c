@@ -1,4 +1,6 @@
-#include "uci_p.h"
+#include "paths_p.h"
+
+#include "words_p.h"
 
 #include <stdlib.h>
 #include <sys/stat.h>

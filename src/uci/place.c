@@ -1,4 +1,7 @@
-#include "uci_p.h"
+#include "place_p.h"
+
+#include "elements_p.h"
+#include "words_p.h"
 
 #include <stdlib.h>
 

@@ -1,4 +1,4 @@
-#include "uci_p.h"
+#include "replacement_p.h"
 
 #include <errno.h>
 #include <fcntl.h>

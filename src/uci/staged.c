@@ -1,4 +1,11 @@
-#include "uci_p.h"
+#include "staged_p.h"
+
+#include "change_p.h"
+#include "delta_p.h"
+#include "elements_p.h"
+#include "mark_p.h"
+#include "paths_p.h"
+#include "place_p.h"
 
 #include <errno.h>
 #include <stdlib.h>

@@ -1,4 +1,4 @@
-#include "uci_p.h"
+#include "text_p.h"
 
 #include <stdlib.h>
 

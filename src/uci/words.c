@@ -1,4 +1,4 @@
-#include "uci_p.h"
+#include "words_p.h"
 
 /* What a byte does outside of quotes. */
 enum byte_class { PLAIN, BLANK, NEWLINE, SINGLE_QUOTE, DOUBLE_QUOTE, BACKSLASH, COMMENT, SEMICOLON };
@@ -45,6 +45,11 @@ bool is_printable(const char* text)
     while (*text > 32 && *text < 127)
         text++;
     return !*text;
+}
+
+bool uci_validate_text(const char* str)
+{
+    return str && is_printable(str);
 }
 
 bool is_delta_value(const char* value)

@@ -1,6 +1,7 @@
-#include "uci_p.h"
+#include "writer_p.h"
 
-#include <stdlib.h>
+#include "elements_p.h"
+#include "words_p.h"
 
 /* Types stand without quotes where they can: that is how files look that people write. */
 static void write_type(struct text* text, const char* type)

@@ -1,0 +1,43 @@
+/*
+ * Files that are locked while they are open, see flock(2).
+ * Builds on growing text.
+ */
+#ifndef UCI_FILE_P_H
+#define UCI_FILE_P_H
+
+#include "text_p.h"
+
+struct locked_file
+{
+    int fd;                  /* -1 if none is open */
+    unsigned long long size; /* when it was locked */
+    bool made;               /* created by opening it */
+};
+
+/* Opens for reading with a shared lock. UCI_ERR_NOTFOUND: there is no such regular file. */
+int file_open_shared(struct locked_file* file, const char* path);
+
+/* Opens for writing with an exclusive lock; creates the file with the given mode if there is none. */
+int file_open_exclusive(struct locked_file* file, const char* path, unsigned mode);
+
+/* Removes an open file that opening has created, unless it was replaced or written since. */
+void file_remove_made(const struct locked_file* file, const char* path);
+
+void file_close(struct locked_file* file);
+
+/* Reads a whole file, up to its size when it was locked. */
+int file_read(const struct locked_file* file, struct text* text);
+
+/* Appends to a file, on a line of its own, and flushes it. On failure the file is as before. */
+int file_append(const struct locked_file* file, const struct text* text);
+
+/* Truncates a file and flushes it. */
+int file_truncate(const struct locked_file* file, size_t size);
+
+/* Flushes the directory of a file, so that the file is still there after a power loss. */
+void file_flush_directory(const char* path);
+
+/* Writes all bytes to a descriptor. */
+bool write_fully(int fd, const char* data, size_t size);
+
+#endif
