@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""Plays recorded vectors through a driver and compares what comes out.
+"""Plays recorded vectors through a driver and compares the results.
 
 usage: run_vectors.py [--safer FILE] [--only TEXT] [--show N] [--timeout S] DRIVER PATH [PATH...]
 
-DRIVER is ucidrive.c, compiled and linked to the library under test. A PATH is a folder that holds vectors as sub-folders
-with a file "script", or a *.jsonl file with one vector on each line; tests/data/uci/README.md describes both.
+DRIVER is ucidrive.c, compiled and linked to the library under test. A PATH is a directory with one *.vector file for each
+vector, or a *.jsonl file with one vector on each line; tests/data/uci/README.md describes both.
 
-The vectors hold what libuci did. --safer names the results where the store of this tree is meant to do otherwise, each
+The vectors hold the results of libuci. --safer names a file with the results that differ in this store on purpose, each
 with the reason; such a vector has to give exactly that result, and it has to differ from the recorded one. With --accept
-NAME --reason TEXT the result of a vector is added to them.
+NAME --reason TEXT the result of a vector is added to that file.
 
 The exit status is 0 only if every vector agrees in its transcript, its resulting files, their modes and their contents.
 """
@@ -16,14 +16,14 @@ import argparse
 import difflib
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
 import tempfile
 
-TREES = ("config", "save", "other")
-# The library also looks into these on its own: files in the first replace those
-# of the configuration folder, lines in the second are applied as a delta.
+# The library reads these as well: files in the first take precedence over those of the configuration directory, lines in
+# the second are applied as staged changes.
 DEFAULT_OVERRIDES, DEFAULT_DELTAS = "/var/run/uci", "/tmp/.uci"
 
 
@@ -62,35 +62,69 @@ def read_tree(top, names):
     return found
 
 
-def load_folder_vector(path, name):
-    def lines(file):
-        file = os.path.join(path, file)
-        return read(file).decode().splitlines() if os.path.exists(file) else []
+def split_sections(text):
+    """Yields (kind, path, lines) of each section of a vector; the path is empty where the kind needs none."""
+    kind = None
+    for number, line in enumerate(text.split(b"\n")[:-1], 1):
+        if not line.startswith(b"==="):
+            if kind is None:
+                raise ValueError("line %d is outside of a section" % number)
+            lines.append(line)
+            continue
+        if kind is not None:
+            yield kind, path, lines
+        kind, _, path = decode([line[3:].lstrip() + b"%"]).decode().partition(" ")
+        lines = []
+    if kind is not None:
+        yield kind, path, lines
 
-    vector = Vector(name, lines("setup"), read_tree(path, TREES),
-                    read(os.path.join(path, "script")))
-    transcript = os.path.join(path, "expected.transcript")
-    if os.path.exists(transcript):
-        vector.expected = Result(
-            read(transcript), lines("expected.files"),
-            read_tree(os.path.join(path, "expected"), ["."]))
+
+def decode(lines):
+    """The bytes that the lines of a section stand for."""
+    text = b"".join(line[:-1] if line.endswith(b"%") else line + b"\n" for line in lines)
+    if re.search(rb"%(?![0-9A-F]{2})", text):
+        raise ValueError("% without two hexadecimal digits")
+    return re.sub(rb"%([0-9A-F]{2})", lambda match: bytes([int(match.group(1), 16)]), text)
+
+
+def load_text_vector(path):
+    """A vector with a section for each of its parts."""
+    texts = {"setup": b"", "script": None, "transcript": None, "files": None}
+    trees = {"input": {}, "output": {}}
+    for kind, file, lines in split_sections(read(path)):
+        if kind in texts and not file:
+            texts[kind] = decode(lines)
+        elif kind in trees and file:
+            trees[kind][file] = decode(lines)
+        else:
+            raise ValueError("unknown section: %s %s" % (kind, file))
+    missing = [kind for kind, text in texts.items() if text is None]
+    if missing:
+        raise ValueError("missing section: " + missing[0])
+    files = texts["files"].decode().splitlines()
+    vector = Vector(os.path.basename(path)[:-len(".vector")], texts["setup"].decode().splitlines(), trees["input"],
+                    texts["script"])
+    vector.expected = Result(texts["transcript"], files, with_unchanged(trees["output"], trees["input"], files))
     return vector
+
+
+def with_unchanged(outputs, inputs, files):
+    """The contents of all resulting files: those of the inputs where no others are given."""
+    contents = dict(outputs)
+    for entry in files:
+        path = entry.split(" ", 2)[2]
+        if entry.startswith("f") and path not in contents:
+            contents[path] = inputs[path]
+    return contents
 
 
 def load_json_vector(item):
     """The compact form: every text holds bytes, one character for each."""
     inputs = {path: text.encode("latin-1") for path, text in item["input"].items()}
-    vector = Vector(item["name"], item["setup"], inputs,
-                    item["script"].encode("latin-1"))
-    if "transcript" in item:
-        contents = {path: text.encode("latin-1")
-                    for path, text in item["output"].items()}
-        for entry in item["files"]:         # files left as they were given
-            path = entry.split(" ", 2)[2]
-            if entry.startswith("f") and path not in contents:
-                contents[path] = inputs[path]
-        vector.expected = Result(item["transcript"].encode("latin-1"),
-                                 item["files"], contents)
+    outputs = {path: text.encode("latin-1") for path, text in item["output"].items()}
+    vector = Vector(item["name"], item["setup"], inputs, item["script"].encode("latin-1"))
+    vector.expected = Result(item["transcript"].encode("latin-1"), item["files"],
+                             with_unchanged(outputs, inputs, item["files"]))
     return vector
 
 
@@ -101,13 +135,17 @@ def load_lines(path):
 def load_vectors(path):
     if path.endswith(".jsonl"):
         return [load_json_vector(item) for item in load_lines(path)]
-    folders = [(os.path.join(path, name), name) for name in sorted(os.listdir(path))]
-    return [load_folder_vector(folder, name) for folder, name in folders
-            if os.path.isfile(os.path.join(folder, "script"))]
+    vectors = []
+    for name in sorted(os.listdir(path)):
+        try:
+            vectors.append(load_text_vector(os.path.join(path, name)))
+        except ValueError as error:
+            sys.exit("%s: %s" % (os.path.join(path, name), error))
+    return vectors
 
 
 def load_safer(path):
-    """The results that are meant to differ: name -> Result."""
+    """The results that differ on purpose: name -> Result."""
     if not path or not os.path.exists(path):
         return {}
     return {item["name"]: Result(item["transcript"].encode("latin-1"), item["files"],
@@ -116,7 +154,7 @@ def load_safer(path):
 
 
 def accept(path, vector, result, reason):
-    """Adds a result to those that are meant to differ."""
+    """Adds a result to those that differ on purpose."""
     item = {"name": vector.name, "reason": reason, "transcript": result.transcript.decode("latin-1"),
             "files": result.files,
             "contents": {file: text.decode("latin-1") for file, text in sorted(result.contents.items())}}
@@ -125,7 +163,7 @@ def accept(path, vector, result, reason):
 
 
 def prepare(vector, work):
-    """Lay out the files that a vector starts from, with fixed modes."""
+    """Writes the files that a vector starts with, with fixed modes."""
     for path in [os.path.join(work, name) for name in ("config", "save")]:
         os.makedirs(path)
     for path, data in vector.inputs.items():
@@ -151,7 +189,7 @@ def prepare(vector, work):
 
 
 def survey(work):
-    """The list of what lies below work, and the contents of the files."""
+    """The entries below work, and the contents of the files."""
     files, contents = [], {}
     for folder, folders, names in os.walk(work):
         for name in folders + names:
@@ -169,7 +207,7 @@ def survey(work):
 
 
 def play(driver, vector, timeout=30):
-    """Run one vector in a directory of its own."""
+    """Runs a vector in a directory of its own."""
     top = tempfile.mkdtemp(prefix="uci-vector-")
     try:
         work = os.path.join(top, "work")
@@ -196,7 +234,7 @@ def play(driver, vector, timeout=30):
 
 
 def differences(expected, got):
-    """Lines that tell how two results differ; none if they agree."""
+    """Lines that show how two results differ; none if they agree."""
     def compare(what, one, two):
         one, two = ([ascii(line.decode("latin-1") if isinstance(line, bytes) else line)
                      for line in side] for side in (one, two))
@@ -230,25 +268,25 @@ def warn_of_leftovers():
 
 
 def check(driver, vector, safer, timeout):
-    """Lines that tell what is wrong with a vector; none if nothing is."""
+    """Lines that show what is wrong with a vector; none if it agrees."""
     result = play(driver, vector, timeout)
     if vector.name not in safer:
         return differences(vector.expected, result)
     wrong = differences(safer[vector.name], result)
     if not wrong and not differences(vector.expected, result):
-        wrong = ["agrees with what was recorded, and needs no result of its own any more"]
+        wrong = ["agrees with the recorded result, and no longer needs one of its own"]
     return wrong
 
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--safer", default="", help="results that are meant to differ")
-    parser.add_argument("--accept", default="", help="vector whose result is to be added to those")
+    parser.add_argument("--safer", default="", help="file of the results that differ on purpose")
+    parser.add_argument("--accept", default="", help="add the result of this vector to that file")
     parser.add_argument("--reason", default="", help="why it differs")
-    parser.add_argument("--only", default="", help="only vectors whose name holds this text")
-    parser.add_argument("--show", type=int, default=5, help="differing vectors to show")
-    parser.add_argument("--lines", type=int, default=30, help="lines to show of each")
-    parser.add_argument("--timeout", type=float, default=30, help="seconds for one vector")
+    parser.add_argument("--only", default="", help="only vectors whose name contains this text")
+    parser.add_argument("--show", type=int, default=5, help="number of differing vectors to show")
+    parser.add_argument("--lines", type=int, default=30, help="number of lines to show of each")
+    parser.add_argument("--timeout", type=float, default=30, help="time limit for each vector, in seconds")
     parser.add_argument("driver")
     parser.add_argument("path", nargs="+")
     return parser.parse_args()
@@ -278,9 +316,9 @@ def main():
                 print("    " + line)
             if len(wrong) > args.lines:
                 print("    (%d more lines)" % (len(wrong) - args.lines))
-    meant = len([vector for vector in vectors if vector.name in safer])
-    print("%d of %d vectors agree, %d of them with a safer result than was recorded" % (
-        len(vectors) - bad, len(vectors), meant))
+    safer_count = len([vector for vector in vectors if vector.name in safer])
+    print("%d of %d vectors agree, %d of them with a safer result than the recorded one" % (
+        len(vectors) - bad, len(vectors), safer_count))
     return 0 if vectors and not bad else 1
 
 
