@@ -12,7 +12,7 @@ static int append_line(FILE* stream, struct text* text)
     ssize_t size = stream ? getline(&line, &capacity, stream) : -1;
     int result = size < 0 ? UCI_ERR_NOTFOUND : UCI_OK;
 
-    /* What stands behind a NUL byte could not be given to the caller. */
+    /* The caller could not see what follows a NUL byte. */
     if (size >= 0 && memchr(line, 0, (size_t)size))
         result = UCI_ERR_PARSE;
     if (result == UCI_OK)
@@ -21,18 +21,18 @@ static int append_line(FILE* stream, struct text* text)
     return result == UCI_OK && text->failed ? UCI_ERR_MEM : result;
 }
 
-/* A word that is read out of the text behind it, which is overwritten; the text is read on as the word goes on. */
+/* A word and, after it in the same buffer, the text that is left to read. The word overwrites the text. */
 struct argument
 {
     struct text* text;
     size_t word_size;
-    size_t used;      /* of the text */
-    const char* open; /* how the next line has to begin to be read as the rest of the word; null if that is over */
-    bool must_go_on;
+    size_t used;      /* bytes of the text */
+    const char* open; /* null if the word is complete; otherwise what makes the next line continue it */
+    bool must_continue;
     bool from_stream;
 };
 
-/* Puts the word, or the next piece of it, that the text has at a place behind what is there of the word. */
+/* Reads the word, or the next piece of it, from an offset of the text, and appends it to the word. */
 static void read_piece(struct argument* argument, size_t begin)
 {
     struct text* text = argument->text;
@@ -43,16 +43,16 @@ static void read_piece(struct argument* argument, size_t begin)
     memmove(text->data + argument->word_size, piece, size + 1);
     argument->word_size += size;
     argument->used = (size_t)(words.position - text->data);
-    argument->must_go_on = words.unterminated != 0;
+    argument->must_continue = words.unterminated != 0;
     argument->open = NULL;
     if (words.unterminated)
         argument->open = words.unterminated == '"' ? "\"" : "'";
     else if (words.continued && words.end[-1] == '\n')
-        argument->open = "''"; /* a blank ends the word, and is not passed over before it */
+        argument->open = "''"; /* so that a leading blank ends the word */
 }
 
-/* Reads the next line that a word goes on in. */
-static int read_on(struct argument* argument, FILE* stream)
+/* Reads the next line, which continues the word. */
+static int read_continuation(struct argument* argument, FILE* stream)
 {
     struct text line = {NULL, 0, 0, false};
     size_t begin = argument->word_size;
@@ -92,9 +92,9 @@ static int parse_argument(struct argument* argument, FILE* stream, char** str, c
         return result;
     read_piece(argument, 0);
     while (result == UCI_OK && argument->open)
-        result = read_on(argument, stream);
+        result = read_continuation(argument, stream);
     if (result == UCI_ERR_NOTFOUND)
-        result = argument->must_go_on ? UCI_ERR_PARSE : UCI_OK;
+        result = argument->must_continue ? UCI_ERR_PARSE : UCI_OK;
     if (result != UCI_OK)
         return result;
     *str = (argument->from_stream ? text->data : *str) + argument->used;

@@ -6,8 +6,7 @@
 
 #include <stdlib.h>
 
-/* Writes a package to its open file. The staged changes, if there are any, are emptied once the file is replaced.
- */
+/* Replaces the open file of a package, and empties the staged changes after that, if there are any. */
 static int write_file(const struct uci_package* p, const struct locked_file* file, struct staged* staged)
 {
     struct text text = {NULL, 0, 0, false};
@@ -46,7 +45,7 @@ static void exchange(struct uci_package** old, struct uci_package* p)
     *old = p;
 }
 
-/* Writes the package file as it is by now, with all staged changes. */
+/* Writes the current package file with all staged changes applied. */
 static int commit_merged(struct uci_package** package, const struct locked_file* file)
 {
     struct uci_package* p = NULL;
@@ -68,7 +67,7 @@ static int commit_merged(struct uci_package** package, const struct locked_file*
     return result;
 }
 
-/* Writes the package as it is in memory, with what is staged applied once more. */
+/* Writes the package as it is in memory, with the staged changes applied once more. */
 static int commit_as_it_is(struct uci_package* p, const struct locked_file* file)
 {
     struct staged staged;

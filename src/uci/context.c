@@ -7,7 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
-/* Numbers that nobody outside can guess; where the system gives none, at least different ones each time. */
+/* Random numbers, or at least different ones each time if the system provides none. */
 static void make_hash_key(uint32_t key[2], const void* address)
 {
     int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
@@ -104,7 +104,7 @@ static struct uci_element* find_directory(const struct uci_list* list, const cha
     return NULL;
 }
 
-/* The staging directory is the last that is read: what was staged last counts. */
+/* The staging directory is read last, so that its changes take precedence. */
 int uci_set_savedir(struct uci_context* ctx, const char* dir)
 {
     if (!ctx || !dir)

@@ -15,7 +15,7 @@ static enum uci_command command_of(char sign)
     return UCI_CMD_CHANGE;
 }
 
-/* Whether the parts of a line make sense together; whether they fit the package shows when they are applied. */
+/* Whether the parts of a line form a valid change; whether it fits the package is found out by applying it. */
 static bool is_sound(const struct uci_ptr* ptr, enum uci_command cmd, const char* package)
 {
     if (strcmp(ptr->package, package) != 0 || !ptr->section || !is_plain_name(ptr->section))
@@ -50,7 +50,7 @@ static bool parse_change(char* word, const char* package, struct delta_line* lin
     return true;
 }
 
-/* Reads the end of a line: one byte of white space may stand behind the word, if nothing else does. */
+/* Reads the end of a line. The word may be followed by one byte of white space only. */
 static bool read_line_end(struct words* words)
 {
     if (words->line_over || words->position == words->end)
@@ -92,9 +92,8 @@ enum delta_result delta_next(struct words* words, const char* package, struct de
 }
 
 /*
- * Whether a line with these names would be read as a change of something else. Names that are given to the calls
- * are not checked; what is no plain name has to be refused when the line is read, and must not reach the lines
- * around it.
+ * Whether a line with these names would be read as a change of another element. The public functions do not check
+ * names; an invalid one has to be refused when its line is read, and must not affect the lines around it.
  */
 static bool would_mislead(const struct uci_package* p, const char* section, const char* option)
 {
@@ -142,7 +141,7 @@ void delta_write(
         text_append(text, "=", 1);
         text_append_quoted(text, value);
     }
-    /* The blank makes the reader refuse the line. */
+    /* The reader refuses a line with a blank at its end. */
     text_append_string(text, misleading ? " \n" : "\n");
 }
 
@@ -152,7 +151,7 @@ size_t delta_whole_size(struct text* text)
     struct delta_line line;
 
     for (;;) {
-        /* A mark is about the lines before it, and is kept. */
+        /* A mark belongs to the lines before it, and is kept. */
         skip_marks(&words);
         size_t begin = (size_t)(words.position - text->data);
         if (delta_next(&words, "", &line) == DELTA_END)

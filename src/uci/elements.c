@@ -4,8 +4,8 @@
 
 #include <stdlib.h>
 
-/* Up to this length lists are walked: making buckets takes more time when a section of ten or fifteen options is
- * loaded, as most are, than they save later, and more memory than the options' own names. */
+/* Lists up to this length are searched linearly. Most sections have ten or fifteen options: building a table would
+ * cost more time at loading than it saves later, and more memory than the names of the options. */
 enum { WALKED_LENGTH = 16 };
 
 void list_init(struct uci_list* list)
@@ -33,8 +33,7 @@ void list_remove(struct uci_list* link)
     list_init(link);
 }
 
-/* Finds the elements of a list by their names: a hash table with linear probing. Short lists have none and are
- * walked. */
+/* Finds the elements of a list by their names: a hash table with linear probing. Short lists have none. */
 struct name_index
 {
     struct name_slot* slots;
@@ -48,7 +47,7 @@ struct package
     struct name_index sections;
 };
 
-/* Name and type, or name and value, lie behind the element in the same block of memory until they change. */
+/* Name and type, or name and value, are in the same block of memory as the element until they change. */
 struct section
 {
     struct uci_section public;
@@ -136,7 +135,7 @@ static void index_move_slots(const struct name_index* from, struct name_index* t
             index_insert(to, from->slots[i].element, from->slots[i].hash);
 }
 
-/* Makes more slots. Without memory an index goes on with those it has, and is given up when they are full. */
+/* Makes more slots. If memory runs out, the index keeps those it has, and is dropped when they are full. */
 static void index_grow(struct name_index* index, const uint32_t key[2], struct uci_list* list)
 {
     struct name_index larger = {NULL, 32, index->count};
@@ -168,7 +167,7 @@ index_add(struct name_index* index, const uint32_t key[2], struct uci_list* list
         index_grow(index, key, list);
 }
 
-/* Frees a slot and moves up what linear probing has put behind it. */
+/* Frees a slot and moves the elements up that linear probing has put after it. */
 static void index_free_slot(struct name_index* index, uint32_t free_slot)
 {
     uint32_t mask = index->slot_count - 1;
@@ -216,7 +215,7 @@ index_find(const struct name_index* index, const uint32_t key[2], const struct u
     for (uint32_t i = hash & mask; (slot = &index->slots[i])->element; i = (i + 1) & mask) {
         if (slot->hash != hash || strcmp(slot->element->name, name) != 0)
             continue;
-        if (found) /* renaming made a second one: the first in the list counts */
+        if (found) /* a second one, made by renaming: the first of the list is found */
             return list_find(list, name);
         found = slot->element;
     }
@@ -228,9 +227,9 @@ static const uint32_t* key_of(const struct uci_package* p)
     return ((const struct context*)p->ctx)->hash_key;
 }
 
-/* ---- strings that lie in the block of their element, or in one of their own ---- */
+/* ---- strings in the block of their element, or in a block of their own ---- */
 
-static bool lies_in(const char* string, const char* text, uint32_t text_size)
+static bool is_within(const char* string, const char* text, uint32_t text_size)
 {
     return (uintptr_t)string - (uintptr_t)text < text_size;
 }
@@ -243,7 +242,7 @@ static bool set_string(char** string, const char* value, const char* text, uint3
     if (!copy)
         return false;
     memcpy(copy, value, size);
-    if (!lies_in(*string, text, text_size))
+    if (!is_within(*string, text, text_size))
         free(*string);
     *string = copy;
     return true;
@@ -251,7 +250,7 @@ static bool set_string(char** string, const char* value, const char* text, uint3
 
 static void free_string(char* string, const char* text, uint32_t text_size)
 {
-    if (string && !lies_in(string, text, text_size))
+    if (string && !is_within(string, text, text_size))
         free(string);
 }
 
@@ -333,7 +332,7 @@ void package_free(struct uci_package* p)
     if (!p)
         return;
     list_remove(&p->e.list);
-    /* No index is needed any more: taking each section out of it would only cost time. */
+    /* The index is no longer needed; removing each section from it would only cost time. */
     struct name_index* index = &((struct package*)p)->sections;
     free(index->slots);
     index->slots = NULL;
@@ -373,7 +372,7 @@ static void section_unindex(struct uci_section* s)
     index_remove(&((struct package*)s->package)->sections, key_of(s->package), &s->e);
 }
 
-/* The part of a made name that depends on the type: Bernstein's hash, with the bytes taken as signed ones. */
+/* The part of a generated name that depends on the type: Bernstein's hash of signed bytes. */
 static unsigned type_hash(const char* type)
 {
     uint32_t hash = 5381;
@@ -385,12 +384,13 @@ static unsigned type_hash(const char* type)
 
 struct uci_section* section_new(struct uci_package* p, const char* type, const char* name)
 {
-    char made_name[32];
+    char generated_name[32];
     bool anonymous = !name;
 
     if (anonymous) {
-        snprintf(made_name, sizeof(made_name), "cfg%02x%04x", (unsigned)p->n_section + 1, type_hash(type));
-        name = made_name;
+        snprintf(
+            generated_name, sizeof(generated_name), "cfg%02x%04x", (unsigned)p->n_section + 1, type_hash(type));
+        name = generated_name;
     }
     size_t name_size = strlen(name) + 1;
     size_t type_size = strlen(type) + 1;

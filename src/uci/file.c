@@ -30,7 +30,7 @@ static int open_locked(struct locked_file* file, const char* path, int flags, un
 
     file->made = false;
     for (;;) {
-        /* Not blocking, so that a FIFO in the place of the file holds nobody up. */
+        /* O_NONBLOCK: opening a FIFO must not block. */
         file->fd = open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, (mode_t)mode);
         if (file->fd < 0 && errno == EINTR)
             continue;
@@ -44,7 +44,7 @@ static int open_locked(struct locked_file* file, const char* path, int flags, un
             file_close(file);
             return UCI_ERR_IO;
         }
-        /* Another process may have replaced it before it was locked. */
+        /* Another process may have replaced the file before it was locked. */
         if (stat(path, &now) == 0 && is_same_file(&opened, &now)) {
             file->size = (unsigned long long)now.st_size;
             return UCI_OK;
@@ -73,7 +73,7 @@ int file_open_exclusive(struct locked_file* file, const char* path, unsigned mod
 void file_remove_made(const struct locked_file* file, const char* path)
 {
     struct stat opened, now;
-    char* real_path = file->made ? realpath(path, NULL) : NULL; /* of a link that led nowhere the link stays */
+    char* real_path = file->made ? realpath(path, NULL) : NULL; /* a dangling link that was there is kept */
 
     if (real_path && fstat(file->fd, &opened) == 0 && stat(real_path, &now) == 0 && now.st_size == 0 &&
         is_same_file(&opened, &now))
@@ -123,7 +123,7 @@ bool write_fully(int fd, const char* data, size_t size)
 int file_read(const struct locked_file* file, struct text* text)
 {
     memset(text, 0, sizeof(*text));
-    if (file->size >= PTRDIFF_MAX) /* on 32-bit boards files may be larger than all memory */
+    if (file->size >= PTRDIFF_MAX) /* on 32-bit boards a file may be larger than the address space */
         return UCI_ERR_MEM;
     size_t size = (size_t)file->size;
     text->data = malloc(size + 1);
@@ -148,7 +148,7 @@ int file_truncate(const struct locked_file* file, size_t size)
     return result == 0 && fdatasync(file->fd) == 0 ? UCI_OK : UCI_ERR_IO;
 }
 
-/* Whether a file ends within a line, as it does when a writer was killed or somebody edited it. */
+/* Whether the last line of a file has no newline, because a writer was killed or the file was edited. */
 static bool ends_within_line(const struct locked_file* file)
 {
     struct stat status;
@@ -183,7 +183,7 @@ void file_flush_directory(const char* path)
     free(directory);
     if (fd < 0)
         return;
-    /* Some file systems cannot; the file is in its place all the same, so that there is nothing to report. */
+    /* Some file systems do not support it. That is not reported: the file has been replaced. */
     fsync(fd);
     close(fd);
 }

@@ -51,7 +51,7 @@ static int compare_names(const void* one, const void* other)
     return strcmp(*(char* const*)one, *(char* const*)other);
 }
 
-/* Puts all names, each once, behind the array that points at them. */
+/* Makes one block of an array of pointers and the names that they point to, each name once. */
 static char** join_names(const struct names* names)
 {
     size_t size = (names->count + 1) * sizeof(char*);

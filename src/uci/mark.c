@@ -24,7 +24,7 @@ void mark_write(struct text* text, const struct text* package_file)
 
 /*
  * The offset of the last mark, or the size of the text if there is none. The text is overwritten: it has to be
- * parsed to tell a mark from a quoted value with the same text.
+ * parsed to distinguish a mark from a quoted value with the same text.
  */
 static size_t find_last(struct text* text)
 {

@@ -1,4 +1,4 @@
-/* nuci - look at the configuration and change it. See print_usage(). */
+/* nuci - show and change the configuration. See print_usage(). */
 #include <uci.h>
 
 #include <errno.h>
@@ -12,21 +12,19 @@ static const char program[] = "nuci";
 struct options
 {
     bool quiet;
-    bool names;            /* show unnamed sections by their names, not as @type[index] */
+    bool names;            /* show unnamed sections by their generated names, not as @type[index] */
     const char* separator; /* between the items of a list; null quotes each item instead */
     bool merge;            /* import adds to the package */
     const char* input;     /* file to import from */
 };
 
-/*
- * A command, and how often it runs: once for each argument, or once for each package if it is given none. What
- * only changes the element that its argument names is the store's own function for it.
- */
+/* A command that takes many arguments runs once for each of them. If all it does is change the element that its
+ * argument names, it is the function of the store that does so. */
 struct command
 {
     const char* name;
     int min, max;
-    bool all_packages;
+    bool all_packages; /* without arguments it runs for each package */
     int (*run)(struct uci_context* ctx, const struct options* options, int argc, char** argv);
     int (*change)(struct uci_context* ctx, struct uci_ptr* ptr);
 };
@@ -54,19 +52,19 @@ static void print_usage(FILE* stream)
         "\n"
         "Options:\n"
         "    -c <path>  the directory of the packages (default: " UCI_CONFDIR ")\n"
-        "    -C <path>  the directory of packages that go before those (default: " UCI_CONF2DIR ")\n"
-        "    -d <text>  what get prints between the items of lists\n"
+        "    -C <path>  the directory of packages that take precedence (default: " UCI_CONF2DIR ")\n"
+        "    -d <text>  the text that get prints between the items of lists\n"
         "    -f <file>  the file to import from (default: standard input)\n"
         "    -m         merge what is imported into the package\n"
-        "    -n         print unnamed sections by their made names when exporting\n"
-        "    -N         do not print unnamed sections by their made names when exporting (default)\n"
+        "    -n         export the generated names of unnamed sections\n"
+        "    -N         do not export the generated names of unnamed sections (default)\n"
         "    -p <path>  read staged changes from this directory as well\n"
         "    -P <path>  read staged changes from this directory as well, and stage changes there\n"
         "    -t <path>  stage changes in this directory\n"
         "    -q         print no error messages\n"
         "    -s         strict reading (default)\n"
         "    -S         accepted for compatibility\n"
-        "    -X         show unnamed sections by their made names\n",
+        "    -X         show unnamed sections by their generated names\n",
         stream);
 }
 
@@ -77,7 +75,7 @@ static int report(struct uci_context* ctx, const struct options* options)
     return EXIT_FAILED;
 }
 
-/* Reports a failure that no function of the store has noted. */
+/* Reports a failure that no function of the store has set in the context. */
 static int report_code(struct uci_context* ctx, const struct options* options, int code)
 {
     ctx->err = code;
@@ -103,7 +101,7 @@ static bool needs_quotes(const char* text)
     return strpbrk(text, " \t\r\n\v\f") != NULL || !*text;
 }
 
-/* Prints the items of a list as the one line that get and show give for it. */
+/* Prints the items of a list on one line. */
 static void print_items(const struct options* options, const struct uci_list* list, bool quoted)
 {
     struct uci_element* e;
@@ -120,7 +118,7 @@ static void print_items(const struct options* options, const struct uci_list* li
     }
 }
 
-/* How a person names a section: by its name, or by its type and number if it has none of its own. */
+/* Prints the name of a section, or its type and index if it is unnamed. */
 static void print_section_name(const struct options* options, const struct uci_section* s, unsigned index)
 {
     if (s->anonymous && !options->names)
@@ -149,7 +147,7 @@ static void show_section(const struct options* options, const struct uci_section
     uci_foreach_element(&s->options, e) show_option(options, uci_to_option(e), index);
 }
 
-/* ---- the numbers of sections among those of their type ---- */
+/* ---- the indexes of sections among those of their type ---- */
 
 struct type_counter
 {
@@ -157,7 +155,7 @@ struct type_counter
     unsigned count;
 };
 
-/* All sections are counted in one pass: counting anew for each would take the square of their number. */
+/* All sections are counted in one pass: counting again for each would take quadratic time. */
 struct type_counters
 {
     struct type_counter* slot;
@@ -192,7 +190,7 @@ static bool grow(struct type_counters* counters)
     return true;
 }
 
-/* Gives the number of the next section of a type. Without memory all are number 0. */
+/* Returns the index of the next section of a type, 0 when out of memory. */
 static unsigned next_index(struct type_counters* counters, const char* type)
 {
     if (counters->used * 2 >= counters->size && !grow(counters))
@@ -233,13 +231,13 @@ static void show_package(const struct options* options, const struct uci_package
     free(counters.slot);
 }
 
-/* Whether a package can be named so: "a.b" is a section of a, "a=b" has a value, and no path is a name. */
+/* Whether a file name can name a package: "a.b" is a section of a, "a=b" has a value, and a path is not a name. */
 static bool is_package_name(const char* name)
 {
     return uci_validate_text(name) && !strpbrk(name, "./=");
 }
 
-/* ---- commands that look ---- */
+/* ---- commands that read ---- */
 
 static int look_up(struct uci_context* ctx, const struct options* options, struct uci_ptr* ptr, char* text)
 {
@@ -314,7 +312,7 @@ static void print_change(const struct uci_package* p, const struct uci_delta* de
     printf("%s%s.%s", marks[delta->cmd], p->e.name, delta->section);
     if (delta->e.name)
         printf(".%s", delta->e.name);
-    /* What is removed has no value; the value of an item is its number, which is shown in the same way. */
+    /* A removal has no value, except for an item of a list: its index. */
     if (delta->value) {
         fputs(equals, stdout);
         print_quoted(delta->value);
@@ -417,7 +415,7 @@ static int run_revert(struct uci_context* ctx, const struct options* options, in
 
 /* ---- import ---- */
 
-/* Goes through what was imported as changes of the package that is there. */
+/* Applies an imported section as changes of the existing package. */
 static int merge_section(struct uci_context* ctx, struct uci_package* target, const struct uci_section* s)
 {
     struct uci_element *e, *item;
@@ -458,7 +456,7 @@ static int merge_section(struct uci_context* ctx, struct uci_package* target, co
     return result;
 }
 
-/* Reads the text into a context of its own, for the package is loaded in this one. */
+/* Reads the text in a context of its own, because the package is loaded in this one. */
 static int merge(struct uci_context* ctx, const struct options* options, FILE* stream, char* name)
 {
     struct uci_context* other = uci_alloc_context();
@@ -546,8 +544,8 @@ static const struct command* find_command(const char* name)
     return NULL;
 }
 
-/* Runs a command for each package; one that cannot be read does not keep the others from their turn. What is no
- * package's name may be an editor's copy. */
+/* Runs a command for each package, continuing after one that cannot be read. Files whose names cannot be package
+ * names, such as backups of editors, are skipped. */
 static int run_for_all(struct uci_context* ctx, const struct options* options, const struct command* command)
 {
     char** list;

@@ -9,7 +9,7 @@ struct parser
     struct uci_context* ctx;
     const struct parse_mode* mode;
     struct words words;
-    struct uci_list* packages; /* those that are read */
+    struct uci_list* packages; /* those read so far */
     struct uci_package* package;
     struct uci_section* section;
     const char* reason; /* of a parse error */
@@ -21,7 +21,7 @@ static int parse_error(struct parser* parser, const char* reason)
     return UCI_ERR_PARSE;
 }
 
-/* Makes the package that the following commands belong to. */
+/* Starts the package that the following commands belong to. */
 static int begin_package(struct parser* parser, const char* name)
 {
     struct uci_element* e;
@@ -55,7 +55,7 @@ static int parse_package_command(struct parser* parser)
     return result != UCI_OK || parser->mode->single ? result : begin_package(parser, name);
 }
 
-/* A section that is there already is gone on with. */
+/* A section that exists already is continued. */
 static int open_section(struct parser* parser, const char* type, const char* name)
 {
     struct uci_section* found = *name ? package_find(parser->package, name) : NULL;
@@ -94,7 +94,7 @@ static int parse_option_command(struct parser* parser, bool list)
     if (!is_plain_name(name))
         return parse_error(parser, "invalid option name");
     int result = end_command(parser);
-    if (result != UCI_OK || (!list && !*value)) /* a plain option without a value says nothing */
+    if (result != UCI_OK || (!list && !*value)) /* an option without a value is ignored */
         return result;
     struct uci_option* o = section_find(parser->section, name);
     bool done;
@@ -107,7 +107,7 @@ static int parse_option_command(struct parser* parser, bool list)
     return done ? UCI_OK : UCI_ERR_MEM;
 }
 
-/* Passes over a keyword, which cannot be quoted and needs a blank or tab behind it. */
+/* Skips a keyword, which cannot be quoted and has to be followed by a blank or tab. */
 static bool take_keyword(struct words* words, const char* keyword)
 {
     size_t size = strlen(keyword);
@@ -148,7 +148,7 @@ static void skip_blanks(struct words* words)
         words->position++;
 }
 
-/* Whether the rest of the line holds nothing or a comment, which is passed over. */
+/* Whether the rest of the line is empty or a comment; if so, it is skipped. */
 static bool at_end_of_line(struct words* words)
 {
     skip_blanks(words);
@@ -158,8 +158,7 @@ static bool at_end_of_line(struct words* words)
     return true;
 }
 
-/* Whether a command follows behind the one that was read last, on the same line. A ";" calls for one, or a
- * comment. */
+/* Whether another command follows on the same line. After a ";" there has to be one, or a comment. */
 static bool command_follows(struct words* words)
 {
     if (words->line_over)
@@ -196,7 +195,7 @@ int parse_packages(
 
     parser.words.position = text->data;
     parser.words.end = text->data + text->size;
-    /* A NUL byte is what a file system leaves of a file that power loss interrupted, and no text. */
+    /* File systems leave NUL bytes in a file whose writing was interrupted by a power loss. */
     if (memchr(text->data, 0, text->size))
         result = parse_error(&parser, "NUL byte");
     while (result == UCI_OK && parser.words.position < parser.words.end)

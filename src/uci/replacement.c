@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/* The new file's name is always the same: what a process leaves that was killed is in nobody's way for long. */
+/* The name of the new file is always the same, so that one left by a killed process is replaced by the next. */
 static char* name_beside(const char* path)
 {
     const char* name = strrchr(path, '/') + 1;
@@ -21,8 +21,8 @@ static char* name_beside(const char* path)
     return text.data;
 }
 
-/* Gives the new file the mode and owner of the old one; a file that would change its owner is not written. */
-static bool take_over_attributes(int new_fd, int old_fd)
+/* Gives the new file the mode and owner of the old one. False if they cannot be kept. */
+static bool copy_attributes(int new_fd, int old_fd)
 {
     struct stat old_status, new_status;
 
@@ -63,7 +63,7 @@ int replacement_prepare(
         return UCI_ERR_IO;
     }
     replacement->new_path = new_path;
-    bool done = write_fully(fd, text->data, text->size) && take_over_attributes(fd, file->fd) && fsync(fd) == 0;
+    bool done = write_fully(fd, text->data, text->size) && copy_attributes(fd, file->fd) && fsync(fd) == 0;
     if (close(fd) < 0 || !done) {
         replacement_free(replacement);
         return UCI_ERR_IO;

@@ -14,8 +14,7 @@ static bool is_reverted(const struct delta_line* line, const char* section, cons
     return !option || (line->option && strcmp(option, line->option) == 0);
 }
 
-/* Writes the lines that stay. False if a line is malformed, which keeps them all: it may be the rest of another
- * one. */
+/* Writes the lines to keep. False if one is malformed: it may be the rest of another one, so all are kept. */
 static bool filter_lines(
     const struct uci_package* p, struct staged* staged, const char* section, const char* option, struct text* kept)
 {
@@ -47,7 +46,7 @@ static int rewrite(const struct locked_file* file, const char* path, const struc
     return result;
 }
 
-/* Drops the lines in the file of changes. */
+/* Removes the lines from the file of staged changes. */
 static int drop_lines(const struct uci_package* p, struct staged* staged, const char* section, const char* option)
 {
     struct text kept = {NULL, 0, 0, false};
@@ -64,8 +63,8 @@ static int drop_lines(const struct uci_package* p, struct staged* staged, const 
     return result;
 }
 
-/* The package file stays locked meanwhile: a commit stages its changes while it holds that lock, and they must not
- * be dropped before it has applied them. */
+/* The package file is kept locked: a commit stages its changes while it holds that lock, and they must not be
+ * dropped before it has applied them. */
 static int drop_staged(const struct uci_package* p, const char* section, const char* option)
 {
     struct staged staged;
@@ -88,7 +87,7 @@ static int drop_staged(const struct uci_package* p, const char* section, const c
     return result;
 }
 
-/* Reads the package anew under its name; the names of the place stay as they are. */
+/* Loads the package again by its name. The names of the place are kept. */
 static int reload(struct uci_context* ctx, struct uci_ptr* ptr)
 {
     char* name = strdup(ptr->p->e.name);

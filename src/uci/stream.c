@@ -52,7 +52,7 @@ int uci_import(struct uci_context* ctx, FILE* stream, const char* name, struct u
     const struct parse_mode mode = {name, single && name};
     struct text text = {NULL, 0, 0, false};
 
-    /* The name becomes that of a file: no part of it may be a path. */
+    /* The name becomes a file name: it must not be a path. */
     if (!ctx || !stream || (name && (package_check_name(name) != UCI_OK || strchr(name, '/'))))
         return finish(ctx, UCI_ERR_INVAL);
     int result = read_stream(stream, &text);

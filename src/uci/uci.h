@@ -4,13 +4,13 @@
  * changes staged in a second directory until they are committed.
  *
  * The interface is that of libuci, so that a program written for the one compiles with the other;
- * docs/configuration.md tells how the store behaves and where it differs.
+ * docs/configuration.md describes how the store behaves and where it differs.
  *
- * Functions return UCI_OK or one of the error codes. A context, with all that hangs on it, is to be used by one
- * thread at a time; contexts know nothing of each other, in the same process or in another, and meet only in the
- * files, which they lock (flock(2)) while they work on them. Callers may walk the public lists and read the public
- * members, but must not change them: the store keeps an index of names beside them. All elements belong to the
- * context.
+ * Functions return UCI_OK or one of the error codes. A context and its elements are used by one thread at a
+ * time. Contexts are independent of each other, in the same process or in different ones: they share only the
+ * files, which are locked (flock(2)) while they are read or written. Callers may walk the public lists and read
+ * the public members, but must not change them: the store keeps an index of names beside them. All elements are
+ * owned by the context.
  */
 #ifndef UCI_H
 #define UCI_H
@@ -32,24 +32,24 @@ extern "C" {
 #define UCI_EXPORT
 #endif
 
-/** Where packages lie unless uci_set_confdir() says otherwise. */
+/** The default configuration directory, see uci_set_confdir(). */
 #define UCI_CONFDIR "/etc/config"
-/** Where changes are staged unless uci_set_savedir() says otherwise; emptied by a restart on most devices. */
+/** The default staging directory, see uci_set_savedir(). On most devices a restart empties it. */
 #define UCI_SAVEDIR "/tmp/.uci"
-/** Package files here take the place of those of the same name in the configuration directory. */
+/** Package files here take precedence over those of the same name in the configuration directory. */
 #define UCI_CONF2DIR "/var/run/uci"
-/** Mode of a staging directory that has no configuration directory to take its mode from. */
+/** Mode of a new staging directory if there is no configuration directory, whose mode it gets otherwise. */
 #define UCI_DIRMODE 0700
-/** Mode of a new package file, and of a new file of staged changes that has no package file. */
+/** Mode of a new package file, and of a new file of staged changes if there is no package file. */
 #define UCI_FILEMODE 0600
 
 enum {
     UCI_OK = 0,
     UCI_ERR_MEM,       /**< out of memory */
-    UCI_ERR_INVAL,     /**< a name, a value or a combination of arguments that makes no sense */
+    UCI_ERR_INVAL,     /**< an invalid name, value or combination of arguments */
     UCI_ERR_NOTFOUND,  /**< no such package file, section or option */
     UCI_ERR_IO,        /**< a file or directory could not be opened, written or locked; nothing was changed */
-    UCI_ERR_PARSE,     /**< a package file or a string is malformed; uci_get_errorstr() tells where */
+    UCI_ERR_PARSE,     /**< a package file or a string is malformed; uci_get_errorstr() gives the position */
     UCI_ERR_DUPLICATE, /**< the package is loaded already, the directory is searched already */
     UCI_ERR_UNKNOWN,
     UCI_ERR_LAST
@@ -66,14 +66,14 @@ struct uci_backend;
 struct uci_parse_option;
 struct uci_parse_context;
 
-/** A link in a ring; the owner's link is the head of the ring and no element. */
+/** A link in a circular list; the head of the list is the owner's link and not an element. */
 struct uci_list
 {
-    struct uci_list* next; /**< the link behind this one; the head itself in an empty ring */
-    struct uci_list* prev; /**< the link before this one; the head itself in an empty ring */
+    struct uci_list* next; /**< the next link; in an empty list the head itself */
+    struct uci_list* prev; /**< the previous link; in an empty list the head itself */
 };
 
-/** What an element is; uci_ptr::target, what a string is the name of. */
+/** The type of an element; in uci_ptr::target, of the element that a string names. */
 enum uci_type {
     UCI_TYPE_UNSPEC = 0,
     UCI_TYPE_DELTA = 1,
@@ -89,23 +89,23 @@ enum uci_type {
 /** Whether an option has one value or a list of them. */
 enum uci_option_type { UCI_TYPE_STRING = 0, UCI_TYPE_LIST = 1 };
 
-/** What a context does differently, combined with "|" in uci_context::flags. */
+/** Options of a context, combined with "|" in uci_context::flags. */
 enum uci_flags {
-    UCI_FLAG_STRICT = (1 << 0),      /**< kept for callers; reading is always strict */
+    UCI_FLAG_STRICT = (1 << 0),      /**< for compatibility; reading is always strict */
     UCI_FLAG_PERROR = (1 << 1),      /**< print each error on the standard error stream */
-    UCI_FLAG_EXPORT_NAME = (1 << 2), /**< uci_export() writes the names of unnamed sections too */
+    UCI_FLAG_EXPORT_NAME = (1 << 2), /**< uci_export() writes the generated names of unnamed sections */
     UCI_FLAG_SAVED_DELTA = (1 << 3)  /**< keep the staged changes that were read in uci_package::saved_delta */
 };
 
-/** What all members of lists begin with. */
+/** The beginning of all members of lists. */
 struct uci_element
 {
-    struct uci_list list; /**< the link by which the element is in its list */
-    enum uci_type type;   /**< what the element is the beginning of */
-    char* name;           /**< its name, of a list's item its value; null where it has none */
+    struct uci_list list; /**< the link in the list of the element */
+    enum uci_type type;   /**< what the element is */
+    char* name;           /**< its name, or the value of an item of a list; null where it has none */
 };
 
-/** Where packages come from; there is one, "file". */
+/** A source of packages; there is one, "file". */
 struct uci_backend
 {
     struct uci_element e; /**< with the name of the backend */
@@ -116,7 +116,7 @@ struct uci_context
 {
     struct uci_list root; /**< the loaded packages */
 
-    struct uci_parse_context* pctx; /**< where the latest parse error is; opaque */
+    struct uci_parse_context* pctx; /**< the position of the latest parse error; opaque */
     struct uci_backend* backend;    /**< the backend that packages are loaded from */
     struct uci_list backends;       /**< all backends */
 
@@ -137,15 +137,15 @@ struct uci_package
     struct uci_element e;     /**< with the package's name */
     struct uci_list sections; /**< its sections, in the order of the file */
     struct uci_context* ctx;  /**< the context that it is loaded in */
-    bool has_delta;  /**< changes are staged; false for a package outside of the configuration directory */
+    bool has_delta;  /**< its changes are staged; false for a package outside of the configuration directory */
     bool uses_conf2; /**< read from uci_context::conf2dir */
-    char* path;      /**< the package's file; null where it has none yet */
+    char* path;      /**< its file; null where it has none yet */
 
     struct uci_backend* backend; /**< where the package comes from */
-    void* priv;                  /**< the store's own */
-    int n_section;               /**< how many sections were made so far; names of unnamed ones count on */
+    void* priv;                  /**< private */
+    int n_section;               /**< the number of sections made so far, for the generated names */
     struct uci_list delta;       /**< changes that are not staged yet */
-    struct uci_list saved_delta; /**< staged changes that were read, see UCI_FLAG_SAVED_DELTA */
+    struct uci_list saved_delta; /**< staged changes that were read or saved, see UCI_FLAG_SAVED_DELTA */
 };
 
 /** A section of a package. */
@@ -154,7 +154,7 @@ struct uci_section
     struct uci_element e;        /**< with the section's name */
     struct uci_list options;     /**< its options, in the order of the file */
     struct uci_package* package; /**< the package that it is a section of */
-    bool anonymous;              /**< has no name of its own; uci_element::name is one that was made for it */
+    bool anonymous;              /**< has no name of its own; uci_element::name is a generated one */
     char* type;                  /**< its type */
 };
 
@@ -187,43 +187,43 @@ struct uci_delta
 {
     struct uci_element e; /**< with the option's name */
     enum uci_command cmd; /**< what the change does */
-    char* section;        /**< the section that is changed, or in which something is */
+    char* section;        /**< the section that is changed, or whose option is */
     char* value;          /**< null where the change has none */
 };
 
-/** A place in the configuration, by names or by elements; an element goes before the name of the same depth. */
+/** A place in the configuration, by names or by elements; an element takes precedence over a name. */
 struct uci_ptr
 {
-    enum uci_type target; /**< set by look-up of a string: what the string is the name of */
-    /** How far the look-up of a place came. */
+    enum uci_type target; /**< set by look-up of a string: the type of the element that it names */
+    /** The result of the look-up of a place. */
     enum {
         UCI_LOOKUP_DONE = (1 << 0),
-        UCI_LOOKUP_COMPLETE = (1 << 1), /**< all that was named is there */
+        UCI_LOOKUP_COMPLETE = (1 << 1), /**< everything named exists */
         UCI_LOOKUP_EXTENDED = (1 << 2)  /**< the section was given as \@type[index] */
     } flags;                            /**< set by look-up, combined with "|" */
 
-    struct uci_package* p;    /**< null where it is not known or not there */
-    struct uci_section* s;    /**< null where it is not known or not there */
-    struct uci_option* o;     /**< null where it is not known or not there */
+    struct uci_package* p;    /**< null if not known or not found */
+    struct uci_section* s;    /**< null if not known or not found */
+    struct uci_option* o;     /**< null if not known or not found */
     struct uci_element* last; /**< the deepest element that was found */
 
     const char* package; /**< the package's name; with uci_ptr::p it may be null */
     const char* section; /**< the section's name; null where a package is meant, or with uci_ptr::s */
     const char* option;  /**< the option's name; null where a section or package is meant, or with uci_ptr::o */
-    const char* value;   /**< the value that the operation takes, a new name when something is renamed */
+    const char* value;   /**< the value for the operation, or the new name for uci_rename() */
 };
 
 /** An option that uci_parse_section() looks for. */
 struct uci_parse_option
 {
     const char* name;          /**< the option's name */
-    enum uci_option_type type; /**< an option of another type is left out */
+    enum uci_option_type type; /**< an option of another type is ignored */
 };
 
-/** @return a context without packages, with the default directories; null when memory is out. */
+/** @return a context without packages, with the default directories; null when out of memory. */
 UCI_EXPORT struct uci_context* uci_alloc_context(void);
 
-/** Frees @a ctx with all its packages; changes that were not staged are lost. Null is allowed. */
+/** Frees @a ctx with all its packages; changes that are not staged are lost. Null is allowed. */
 UCI_EXPORT void uci_free_context(struct uci_context* ctx);
 
 /** Prints the text of the latest error of @a ctx on the standard error stream, after @a prefix unless it is null.
@@ -233,7 +233,7 @@ UCI_EXPORT void uci_perror(struct uci_context* ctx, const char* prefix);
 /**
  * Gives the text of the latest error of @a ctx, after @a prefix if it is not null; for a parse error in
  * a file with reason and line. With @a dest null it is printed on the standard error stream.
- * @param dest receives a string to be freed with free(), null when memory is out.
+ * @param dest receives a string to be freed with free(), null when out of memory.
  */
 UCI_EXPORT void uci_get_errorstr(struct uci_context* ctx, char** dest, const char* prefix);
 
@@ -241,12 +241,11 @@ UCI_EXPORT void uci_get_errorstr(struct uci_context* ctx, char** dest, const cha
  * Reads packages from @a stream in the format of package files.
  * @param name the package's name, or null if the text gives it with a "package" line.
  * @param package receives the last package that was read; may be null.
- * @param single take "package" lines as remarks and read everything into the package @a name.
- * @return UCI_ERR_PARSE for malformed text, UCI_ERR_DUPLICATE for a package that is loaded; then nothing is
- * loaded.
+ * @param single ignore "package" lines and read everything into the package @a name.
+ * @return UCI_ERR_PARSE for malformed text, UCI_ERR_DUPLICATE for a package that is loaded already;
+ * then nothing is loaded.
  *
- * The packages are loaded, but have no file yet: uci_commit() with overwrite writes them to the configuration
- * directory.
+ * The packages have no file yet: uci_commit() with overwrite writes them to the configuration directory.
  */
 UCI_EXPORT int
 uci_import(struct uci_context* ctx, FILE* stream, const char* name, struct uci_package** package, bool single);
@@ -258,7 +257,7 @@ UCI_EXPORT int uci_export(struct uci_context* ctx, FILE* stream, struct uci_pack
 /**
  * Reads the package @a name with its staged changes.
  * @param name a file of the configuration directory; a name that begins with "/" or "./" is the path of a file
- * outside, whose package is named by the path's last part and has no staged changes.
+ * outside; its package is named by the last part of the path and has no staged changes.
  * @param package receives the package; may be null.
  * @return UCI_ERR_INVAL for a name with blanks, control characters or bytes beyond ASCII, UCI_ERR_NOTFOUND if
  * there is no such regular file or the name has a part "..", UCI_ERR_DUPLICATE if it is loaded, UCI_ERR_PARSE if
@@ -266,14 +265,14 @@ UCI_EXPORT int uci_export(struct uci_context* ctx, FILE* stream, struct uci_pack
  */
 UCI_EXPORT int uci_load(struct uci_context* ctx, const char* name, struct uci_package** package);
 
-/** Forgets @a p and all its changes that are not staged. */
+/** Frees @a p; its changes that are not staged are lost. */
 UCI_EXPORT int uci_unload(struct uci_context* ctx, struct uci_package* p);
 
 /**
- * Finds the place @a ptr, loading its package if need be. A missing section or option is no error, but leaves out
- * UCI_LOOKUP_COMPLETE.
+ * Finds the place @a ptr, loading its package if necessary. A missing section or option is not an error, but
+ * UCI_LOOKUP_COMPLETE is not set then.
  * @param str if not null, the place as "package[.section[.option]][=value]", which replaces all of @a ptr; the
- * string is cut into pieces that @a ptr points at afterwards. The section may be \@type[index], counted from 0, or
+ * string is cut into pieces, and @a ptr points to them. The section may be \@type[index], counted from 0, or
  * from the end for negative numbers; without a type all sections count.
  * @param extended whether \@type[index] is allowed.
  * @return UCI_ERR_PARSE for a malformed string, UCI_ERR_INVAL for a section that is neither a name nor
@@ -281,38 +280,38 @@ UCI_EXPORT int uci_unload(struct uci_context* ctx, struct uci_package* p);
  */
 UCI_EXPORT int uci_lookup_ptr(struct uci_context* ctx, struct uci_ptr* ptr, char* str, bool extended);
 
-/** Adds a section of type @a type without a name at the end of @a p. @param res receives it. */
+/** Adds an unnamed section of type @a type at the end of @a p. @param res receives it. */
 UCI_EXPORT int
 uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res);
 
 /**
- * Sets the option @a ptr to its value, making it or taking the place of a list if need be; without an option,
- * makes the section or changes its type. An empty value deletes the option or section, if there is one.
+ * Sets the option @a ptr to its value; creates it if it is missing, replaces it if it is a list. Without an
+ * option, creates the section or changes its type. An empty value deletes the option or section, if there is one.
  * @return UCI_ERR_INVAL without a value, for a package, for an option of a missing section, for a malformed type.
  */
 UCI_EXPORT int uci_set(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /**
- * Appends the value to the list @a ptr, which is made if need be; a plain option becomes a list that begins with
- * its old value.
+ * Appends the value to the list @a ptr, which is created if it is missing; an option with a single value becomes a
+ * list that begins with it.
  * @return UCI_ERR_INVAL without a value or an option name, or if the section is missing.
  */
 UCI_EXPORT int uci_add_list(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /**
- * Takes all items that are equal to the value out of the list @a ptr. It is no error if there are none, or no
+ * Removes all items that are equal to the value from the list @a ptr. It is not an error if there are none, or no
  * list.
  * @return UCI_ERR_INVAL without a value or an option name, or if the section is missing.
  */
 UCI_EXPORT int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /**
- * Moves @a s to position @a pos among its package's sections, counted from 0; a number below 0 is the front, one
- * that is too large the end.
+ * Moves @a s to position @a pos among its package's sections, counted from 0; a negative number is the first
+ * position, one that is too large the last.
  */
 UCI_EXPORT int uci_reorder_section(struct uci_context* ctx, struct uci_section* s, int pos);
 
-/** Gives the section or option @a ptr the name in its value. @return UCI_ERR_NOTFOUND if it is missing. */
+/** Renames the section or option @a ptr to its value. @return UCI_ERR_NOTFOUND if it is missing. */
 UCI_EXPORT int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /**
@@ -322,18 +321,19 @@ UCI_EXPORT int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr);
 UCI_EXPORT int uci_delete(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /**
- * Stages the changes of @a p: appends them to the file of its name in the staging directory, which is made if need
- * be. A package outside of the configuration directory is written at once.
+ * Stages the changes of @a p: appends them to the file of its name in the staging directory, which is created
+ * if necessary. A package outside of the configuration directory is written immediately.
  * @return UCI_ERR_IO if that fails; the changes stay pending then.
  */
 UCI_EXPORT int uci_save(struct uci_context* ctx, struct uci_package* p);
 
 /**
- * Writes the staged changes of @a p, its own and others', into the package file as it is by now, and empties the
- * file of staged changes. The file is replaced in one step: whatever happens, it is the old or the new one.
- * @param p receives the package as read anew; null if the package file is malformed, which unloads the package.
- * @param overwrite write the package as it is in memory, whatever the file holds, with the staged changes applied
- * once more; nothing is written if there are none.
+ * Stages the changes of @a p, applies all staged changes, those of other programs too, to the current package
+ * file, and empties the file of staged changes. The package file is replaced in one step: at any moment it is the
+ * old or the new one.
+ * @param p receives the package as read again; null if the package file is malformed, which unloads the package.
+ * @param overwrite write the package as it is in memory, whatever the file contains, with the staged changes
+ * applied once more; nothing is written if there are none.
  * @return UCI_ERR_IO or UCI_ERR_PARSE on failure; then the package file and the staged changes are as before.
  */
 UCI_EXPORT int uci_commit(struct uci_context* ctx, struct uci_package** p, bool overwrite);
@@ -341,30 +341,30 @@ UCI_EXPORT int uci_commit(struct uci_context* ctx, struct uci_package** p, bool 
 /** @return the names of all packages in *@a list, ended by a null pointer; one block of memory for free(). */
 UCI_EXPORT int uci_list_configs(struct uci_context* ctx, char*** list);
 
-/** Sets the staging directory; former ones are still read. */
+/** Sets the staging directory; previous ones are still read. */
 UCI_EXPORT int uci_set_savedir(struct uci_context* ctx, const char* dir);
 
 /** Sets the configuration directory. */
 UCI_EXPORT int uci_set_confdir(struct uci_context* ctx, const char* dir);
 
-/** Sets the directory whose packages go before those of the configuration directory; empty for none. */
+/** Sets the directory whose packages take precedence over the configuration directory; empty for none. */
 UCI_EXPORT int uci_set_conf2dir(struct uci_context* ctx, const char* dir);
 
-/** Reads staged changes from @a dir as well. @return UCI_ERR_DUPLICATE if that is done already. */
+/** Reads staged changes from @a dir as well. @return UCI_ERR_DUPLICATE if it is read already. */
 UCI_EXPORT int uci_add_delta_path(struct uci_context* ctx, const char* dir);
 
 /**
- * Drops the changes of the package, section or option @a ptr that were not committed, staged ones too, and reads
- * the package anew.
+ * Drops the changes of the package, section or option @a ptr that are not committed, including staged ones, and
+ * reads the package again.
  * @return UCI_ERR_INVAL for a package outside of the configuration directory.
  */
 UCI_EXPORT int uci_revert(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /**
  * Reads one word, with quotes and backslashes as in package files.
- * @param stream where to read further lines from if a word does not end on the first; may be null.
- * @param str the text, moved on behind the word; with *@a str null a line of @a stream is read first. If lines
- * were read, it is moved to what is left of the last one, which is valid until the next call.
+ * @param stream source of further lines if the word does not end on the first; may be null.
+ * @param str the text, advanced past the word; with *@a str null a line of @a stream is read first. If lines
+ * were read, it points to the rest of the last one, which is valid until the next call.
  * @param result receives the word, which is valid until the next call; null at the end of the stream.
  * @return UCI_ERR_PARSE for a quote that is not closed, and for a line of @a stream with a NUL byte.
  */
@@ -377,11 +377,11 @@ UCI_EXPORT int uci_set_backend(struct uci_context* ctx, const char* name);
  */
 UCI_EXPORT bool uci_validate_text(const char* str);
 
-/** Takes @a str apart as uci_lookup_ptr() does, without looking anything up. */
+/** Parses @a str as uci_lookup_ptr() does, without looking anything up. */
 UCI_EXPORT int uci_parse_ptr(struct uci_context* ctx, struct uci_ptr* ptr, char* str);
 
 /**
- * Finds the element @a name of @a list behind *@a e, from the beginning if that is null.
+ * Finds the next element @a name of @a list after *@a e, or the first one if that is null.
  * @return UCI_ERR_NOTFOUND if there is none.
  */
 UCI_EXPORT int
@@ -392,18 +392,18 @@ uci_lookup_next(struct uci_context* ctx, struct uci_element** e, struct uci_list
 UCI_EXPORT void
 uci_parse_section(struct uci_section* s, const struct uci_parse_option* opts, int n_opts, struct uci_option** tb);
 
-/** @return a number that tells different names and values of the @a n_opts options @a tb apart, mostly. */
+/** @return a hash of the names and values of the @a n_opts options @a tb. */
 UCI_EXPORT uint32_t uci_hash_options(struct uci_option** tb, int n_opts);
 
-/** From the member @a member at @a ptr to the object of the type @a type that it is a member of. */
+/** The object of type @a type whose member @a member is at @a ptr. */
 #ifndef container_of
 #define container_of(ptr, type, member) ((type*)(((char*)(ptr)) - offsetof(type, member)))
 #endif
 
-/** From a link to its element; not for the head of a list, which is none. */
+/** The element of a link; not for the head of a list. */
 #define list_to_element(ptr) container_of(ptr, struct uci_element, list)
 
-/** Goes through all elements of a list; none may be removed meanwhile. */
+/** Loops over all elements of a list; none may be removed in the loop. */
 #define uci_foreach_element(_list, _ptr) \
     for ((_ptr) = list_to_element((_list)->next); &(_ptr)->list != (_list); \
          (_ptr) = list_to_element((_ptr)->list.next))
@@ -413,7 +413,7 @@ UCI_EXPORT uint32_t uci_hash_options(struct uci_option** tb, int n_opts);
     for ((_ptr) = list_to_element((_list)->next), (_tmp) = list_to_element((_ptr)->list.next); \
          &(_ptr)->list != (_list); (_ptr) = (_tmp), (_tmp) = list_to_element((_ptr)->list.next))
 
-/** Whether there is nothing in a list. */
+/** Whether a list is empty. */
 #define uci_list_empty(list) ((list)->next == (list))
 
 /**
@@ -429,7 +429,7 @@ UCI_EXPORT uint32_t uci_hash_options(struct uci_option** tb, int n_opts);
 
 /**
  * @{
- * From an element to what it is the beginning of; its uci_element::type has to be the one in the name.
+ * The object that begins with an element; its uci_element::type has to match.
  */
 #define uci_to_backend(ptr) container_of(ptr, struct uci_backend, e)
 #define uci_to_delta(ptr) container_of(ptr, struct uci_delta, e)
@@ -438,7 +438,7 @@ UCI_EXPORT uint32_t uci_hash_options(struct uci_option** tb, int n_opts);
 #define uci_to_option(ptr) container_of(ptr, struct uci_option, e)
 /** @} */
 
-/** The first byte behind an element. */
+/** The first byte after an element. */
 #define uci_dataptr(ptr) (((char*)(ptr)) + sizeof(*(ptr)))
 
 /** @return the loaded package @a name, or null. */
@@ -470,7 +470,7 @@ uci_lookup_option(struct uci_context* ctx, struct uci_section* s, const char* na
     return uci_lookup_ptr(ctx, &ptr, NULL, false) == UCI_OK ? ptr.o : NULL;
 }
 
-/** @return the value of the plain option @a name of @a s; null if there is none or it is a list. */
+/** @return the value of the option @a name of @a s; null if there is none or it is a list. */
 static inline const char*
 uci_lookup_option_string(struct uci_context* ctx, struct uci_section* s, const char* name)
 {

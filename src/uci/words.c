@@ -1,6 +1,6 @@
 #include "words_p.h"
 
-/* What a byte does outside of quotes. */
+/* The meaning of a byte outside of quotes. */
 enum byte_class { PLAIN, BLANK, NEWLINE, SINGLE_QUOTE, DOUBLE_QUOTE, BACKSLASH, COMMENT, SEMICOLON };
 
 static const unsigned char byte_classes[256] = {
@@ -14,7 +14,7 @@ static enum byte_class class_of(char byte)
     return (enum byte_class)byte_classes[(unsigned char)byte];
 }
 
-/* Not isalnum(): the formats know ASCII only, whatever the locale. */
+/* Not isalnum(): the formats are ASCII, independent of the locale. */
 static bool is_name_byte(char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
@@ -79,7 +79,7 @@ static void count_lines(struct words* words, const char* from, const char* end)
     }
 }
 
-/* Whether the backslash at from is the last thing on its line; then gives the beginning of the next one. */
+/* Returns the beginning of the next line if the backslash at from is the last byte of its line, or null. */
 static char* next_line_after_backslash(char* from, char* end)
 {
     if (from + 1 < end && from[1] == '\n')
@@ -96,7 +96,7 @@ static char* copy_run(char* to, const char* from, size_t size)
     return to + size;
 }
 
-/* Copies a quoted piece; words->position is behind the opening quote, and ends behind the closing one. */
+/* Copies a quoted piece. words->position is after the opening quote, and then after the closing one. */
 static char* copy_single_quoted(struct words* words, char* to)
 {
     char* from = words->position;
@@ -131,7 +131,7 @@ static char* copy_double_quoted(struct words* words, char* to)
     return to;
 }
 
-/* Copies what a backslash stands for: the byte behind it, or nothing at the end of a line. */
+/* Copies what a backslash stands for: the byte after it, or nothing at the end of a line. */
 static char* copy_escaped(struct words* words, char* to)
 {
     char* next_line = next_line_after_backslash(words->position, words->end);
@@ -150,15 +150,15 @@ static char* copy_escaped(struct words* words, char* to)
 static char* copy_plain(struct words* words, char* to)
 {
     char* from = words->position;
-    char* behind = from + 1;
+    char* end = from + 1;
 
-    while (behind < words->end && class_of(*behind) == PLAIN)
-        behind++;
-    words->position = behind;
-    return copy_run(to, from, (size_t)(behind - from));
+    while (end < words->end && class_of(*end) == PLAIN)
+        end++;
+    words->position = end;
+    return copy_run(to, from, (size_t)(end - from));
 }
 
-/* Copies a word to its own beginning up to the byte that ends it, which stays unread. */
+/* Copies a word to its own beginning, up to the byte that ends it, which is not read. */
 static char* copy_word(struct words* words, char* to, bool* only_plain)
 {
     while (words->position < words->end && !words->unterminated) {
@@ -180,7 +180,7 @@ static char* copy_word(struct words* words, char* to, bool* only_plain)
     return to;
 }
 
-/* Reads on behind a word, so that its last byte may be overwritten by a NUL byte. */
+/* Reads the byte that ends a word, so that a NUL byte may overwrite it. */
 static void end_word(struct words* words, bool only_plain)
 {
     if (words->position == words->end) {
@@ -192,7 +192,7 @@ static void end_word(struct words* words, bool only_plain)
         words_skip_line(words);
         break;
     case SEMICOLON:
-        if (only_plain) /* after a plain word, and only there, ";" hides the rest of the line */
+        if (only_plain) /* only after an unquoted word, ";" comments out the rest of the line */
             words_skip_line(words);
         break;
     case NEWLINE:
@@ -213,7 +213,7 @@ char* words_next(struct words* words)
     char* word = words->position;
     if (words->line_over || word == words->end) {
         words->line_over = true;
-        return words->end; /* the NUL byte behind the text */
+        return words->end; /* the NUL byte after the text */
     }
     if (class_of(*word) == SEMICOLON) {
         words->separated = true;

@@ -3,7 +3,7 @@
 #include "elements_p.h"
 #include "words_p.h"
 
-/* Types stand without quotes where they can: that is how files look that people write. */
+/* Types are quoted only if necessary, as in files written by hand. */
 static void write_type(struct text* text, const char* type)
 {
     if (strpbrk(type, "'\"\\#;"))
@@ -35,9 +35,8 @@ static int write_option(struct text* text, const struct uci_option* o)
 }
 
 /*
- * Whether a section can be read back under its name. Two sections of one name become one when the file is read,
- * but not if their types differ: that would make the whole file unreadable, so that the later one goes without its
- * name.
+ * Whether a section is written with its name. Two sections of one name become one section when the file is read.
+ * If their types differ, the whole file would be unreadable, so the later one is written without its name.
  */
 static bool keeps_name(const struct uci_section* s)
 {
