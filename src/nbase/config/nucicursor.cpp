@@ -15,8 +15,8 @@ namespace {
 
 const int Base64PieceSize = 512;
 
-// A name or value as the store takes it: Latin-1 with a NUL at its end, or null. Most are short, so that
-// converting them takes no memory from the heap.
+// A name or value in the store's form: Latin-1 with a NUL at its end, or null. Most are short and need no memory
+// from the heap.
 class StoreText
 {
 public:
@@ -48,10 +48,10 @@ public:
 
     bool isNull() const { return m_isNull; }
 
-    // The store's texts end at the first NUL, so one with a NUL inside would become another text.
+    // The store's texts end at the first NUL, so a text with a NUL inside would be cut off.
     bool isValid() const { return m_isValid; }
 
-    // A null or empty name would make the store act on what contains the element.
+    // A null or empty name would make the store act on the parent element.
     bool isName() const { return m_isValid && m_bytes.size() > 1; }
 
     // A name with a slash would be a path, and lead out of the configuration directory.
@@ -60,7 +60,7 @@ public:
     const char* data() const { return m_isNull ? nullptr : m_bytes.constData(); }
 
 private:
-    // Of a character beyond Latin-1 half is there by now.
+    // Characters beyond Latin-1 have been cut to their low byte.
     void replaceOthers(const ushort* characters, int size)
     {
         for (int index = 0; index < size; ++index) {
@@ -74,7 +74,7 @@ private:
     bool m_isValid;
 };
 
-// The store knows no null values; an empty one stands for it.
+// The store has no null values; an empty one is used instead.
 QString withoutNull(const QString& value)
 {
     return value.isNull() ? QString::fromLatin1("") : value;
@@ -89,8 +89,8 @@ bool isStorable(const QStringList& values)
     return true;
 }
 
-// Contexts live until the process ends. They are kept in a list that lives as long, so that no memory checker
-// takes them for lost.
+// Contexts are kept until the process ends. They are kept in a list, so that memory checkers do not report them as
+// leaks.
 void keepContext(uci_context* context)
 {
     struct KeptContexts
@@ -134,7 +134,7 @@ bool isDigit(char character)
     return character >= '0' && character <= '9';
 }
 
-// Moves on over digits and adds them to a number. What comes of more digits than the type holds is of no use.
+// Reads digits and appends them to a number; returns their count. The number is invalid if it overflows.
 int readDigits(const char*& text, quint64& number)
 {
     const char* const begin = text;
@@ -143,8 +143,8 @@ int readDigits(const char*& text, quint64& number)
     return int(text - begin);
 }
 
-// Reads a number that is written as most are, "1500" or "-3": a look-up takes less time than making a QString of
-// it. All other texts, right or wrong, are left to QString.
+// Reads a number in the usual form, "1500" or "-3": making a QString of it would take longer than the look-up. All
+// other texts, valid or not, are left to QString.
 template <typename Number> bool readPlainWholeNumber(const char* text, Number& number)
 {
     const bool isNegative = std::numeric_limits<Number>::is_signed && *text == '-';
@@ -158,8 +158,8 @@ template <typename Number> bool readPlainWholeNumber(const char* text, Number& n
     return qint64(number) == value;
 }
 
-// The same for "12.75" or "-3": so few digits are one exact number divided by another, which gives the nearest
-// number of all, as long as the division is done in the precision of double.
+// The same for "12.75" or "-3". With so few digits both operands of the division are exact, so that the result is
+// the nearest double, provided that the division is done in double precision.
 bool readPlainRealNumber(const char* text, double& number)
 {
     static const double powers[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6, 1e7,
@@ -205,8 +205,8 @@ Number realNumber(const char* text, Number (QString::*convert)(bool*) const, Num
     return ok ? number : defaultValue;
 }
 
-// The address of a text that NNetworkUtilities::isIpv4Address() holds for. Its numbers are decimal; Qt 5 takes
-// those with zeros before them for octal ones.
+// The address of a text that is valid for NNetworkUtilities::isIpv4Address(). Its numbers are decimal; Qt 5 would
+// read numbers with leading zeros as octal.
 QHostAddress ipv4Address(const QString& text)
 {
     quint32 address = 0;
@@ -229,8 +229,7 @@ bool isBase64Character(char character)
            (character >= '0' && character <= '9') || character == '+' || character == '/';
 }
 
-// Whether the text is the expression "(?:[A-Za-z0-9+\/]{4})*(?:[A-Za-z0-9+\/]{2}==|[A-Za-z0-9+\/]{3}=)?" as a
-// whole.
+// Whether the whole text matches "(?:[A-Za-z0-9+\/]{4})*(?:[A-Za-z0-9+\/]{2}==|[A-Za-z0-9+\/]{3}=)?".
 bool isCanonicalBase64(const QByteArray& text)
 {
     if (text.size() % 4 != 0)
@@ -245,7 +244,7 @@ bool isCanonicalBase64(const QByteArray& text)
     return true;
 }
 
-// The value of an option, the items of a list put together.
+// The value of an option, or the joined items of a list.
 QByteArray base64Text(const uci_option* option)
 {
     if (isString(option))
@@ -270,7 +269,7 @@ const BooleanText booleanTexts[] = {{"0", false},        {"no", false},    {"off
                                     {"true", true},      {"enabled", true}};
 const size_t booleanTextCount = sizeof(booleanTexts) / sizeof(booleanTexts[0]);
 
-// Null for a text that stands for neither. So few short texts are compared faster than one is hashed.
+// Null if the text is not a boolean. Comparing with ten short texts is faster than hashing.
 const BooleanText* findBooleanText(const char* text)
 {
     for (size_t index = 0; index < booleanTextCount; ++index) {
@@ -290,8 +289,7 @@ QHash<QString, bool> makeBooleanValues()
 
 } // namespace
 
-// The names that address an element, and the value for it, converted for the store and kept while it works on
-// them.
+// The names that address an element, and the value for it, in the store's form.
 class NUciCursor::Address
 {
 public:
@@ -362,7 +360,7 @@ NUciCursor::NUciCursor(const QString& confDir, const QString& saveDir)
         keepContext(m_context);
 }
 
-// The context stays: pointers to packages, sections and options may be used longer than the cursor.
+// The context is kept: pointers to packages, sections and options may be used longer than the cursor.
 NUciCursor::~NUciCursor() {}
 
 bool NUciCursor::setConfDir(const QString& dir)
@@ -760,7 +758,7 @@ bool NUciCursor::lookup(const Address& address, uci_ptr& pointer) const
     return uci_lookup_ptr(m_context, &pointer, nullptr, true) == UCI_OK;
 }
 
-// Whether the whole address was found and names an element of the type @a type.
+// Whether the complete address was found and is an element of the type @a type.
 bool NUciCursor::find(const Address& address, uci_ptr& pointer, int type) const
 {
     return lookup(address, pointer) && (pointer.flags & uci_ptr::UCI_LOOKUP_COMPLETE) && pointer.last &&

@@ -19,24 +19,26 @@ struct uci_ptr;
 struct uci_section;
 
 /**
- * Access to the device's UCI configuration store: packages of sections of options. A change is made in memory
- * first, is staged by save(), and becomes part of the configuration by commit(); revert() throws it away.
+ * Access to the device's UCI configuration store: packages, which consist of sections, which consist of options. A
+ * change is first made in memory, is staged by save(), and becomes part of the configuration by commit(); revert()
+ * drops it.
  *
- * Packages, sections and options are addressed by their plain names, "@type[index]" is none; a section without a
- * name is addressed by its generated one. All names and values are Latin-1: other characters become "?", and a
- * text with a NUL character, which the store cannot hold, is refused. So is a null or empty name, which never
- * stands for what contains it, and a package name with a "/", which would be a path.
+ * Packages, sections and options are addressed by their plain names; "@type[index]" is not supported. An unnamed
+ * section is addressed by its generated name. All names and values are Latin-1: other characters become "?", and a
+ * text with a NUL character, which the store cannot represent, is refused. A null or empty name is refused as well
+ * and never addresses the parent element, and so is a package name with a "/", which would be a path.
  *
- * The store takes any name and value into memory; it drops those that its files cannot hold when it reads the
- * staged changes, for a commit too. Names of new sections and options have to be letters, digits and "_", types
- * printable ASCII characters without blanks, and values have no control characters but tabs and line ends.
+ * The store accepts any name and value in memory. Those that its files cannot represent are dropped when the
+ * staged changes are read, which a commit does, too. Names of new sections and options consist of letters, digits
+ * and "_", types of printable ASCII characters without blanks, and values contain no control characters but tabs
+ * and line ends.
  *
- * Failures are told by the results alone; the causes are a name that is not there or not allowed, or a file that
- * cannot be read or written. Pointers that are handed out belong to the store; they are valid until the package is
- * unloaded, loaded again, committed or reverted, or what they point to is deleted.
+ * Failures are reported only by the results. The causes are a name that does not exist or is not allowed, or a
+ * file that cannot be read or written. Returned pointers are owned by the store; they are valid until the package
+ * is unloaded, loaded again, committed or reverted, or the element is deleted.
  *
- * A cursor is used by one thread. The store's context lives until the process ends, longer than the cursor, so
- * that pointers stay valid: make few cursors and keep them.
+ * A cursor is used by one thread. The context of the store is kept until the process ends, longer than the cursor,
+ * so that pointers stay valid: create few cursors and keep them.
  */
 class NBASE_EXPORT NUciCursor
 {
@@ -44,72 +46,72 @@ public:
     /**
      * @param confDir the directory of the package files; null for the store's default, "/etc/config".
      * @param saveDir the directory of the staged changes; null for the store's default, "/tmp/.uci".
-     * If the store cannot be set up so, every operation of the cursor fails.
+     * If the store cannot be initialised with these, every operation of the cursor fails.
      */
     NUciCursor(const QString& confDir, const QString& saveDir);
     virtual ~NUciCursor();
 
     /**
-     * Packages that are loaded from now on come from the directory @a dir.
-     * @return false, with the directory as it was, when @a dir is null or holds a NUL character.
+     * Sets the directory of the packages that are loaded from now on.
+     * @return false, with the directory unchanged, if @a dir is null or contains a NUL character.
      */
     bool setConfDir(const QString& dir);
 
     /**
-     * Changes are staged in the directory @a dir from now on; those in the former one are still read.
-     * @return false, with the directory as it was, when @a dir is null or holds a NUL character.
+     * Sets the directory in which changes are staged; those in the previous ones are still read.
+     * @return false, with the directory unchanged, if @a dir is null or contains a NUL character.
      */
     bool setSaveDir(const QString& dir);
 
     /**
      * The loaded package whose name is @a name up to its first ".".
-     * @param load whether it is loaded where it is not yet.
+     * @param load whether to load it if it is not loaded yet.
      * @return the package, or null.
      */
     uci_package* findPackage(const QString& name, bool load);
 
-    /** Reads a package and its staged changes from the files; changes that were not saved are lost, even if it
+    /** Reads a package and its staged changes from the files; changes that are not saved are lost, even if it
      * cannot be read. */
     bool load(const QString& package);
 
-    /** Forgets a package and its changes that were not saved. @return false when it is not loaded. */
+    /** Frees a package; its changes that are not saved are lost. @return false if it is not loaded. */
     bool unload(const QString& package);
 
-    /** The package, loaded where needed; null when there is none or it cannot be read. */
+    /** The package, loaded if necessary; null if it does not exist or cannot be read. */
     uci_package* package(const QString& package);
 
-    /** Stages the changes of a package in the save directory: others see them, the package file stays as it is. */
+    /** Stages the changes of a package in the save directory: other programs read them, the package file is not
+     * changed. */
     bool save(const QString& package);
 
     /**
-     * Makes the changes of a package part of its file, and those that anybody has staged. The file is read again
-     * before, so that what others have committed stays.
-     * @return false when the file cannot be read or written. It is as it was then, and the changes are staged as
-     * far as they could be.
+     * Writes the changes of a package, and all staged changes, including those of other programs, to its file. The
+     * file is read again first, so that commits of other programs are kept.
+     * @return false if the file cannot be read or written. It is unchanged then, and the changes are staged, if
+     * that was possible.
      */
     bool commit(const QString& package);
 
-    /** Throws away the changes of a package, and those that anybody has staged. */
+    /** Drops the changes of a package, and all staged changes, including those of other programs. */
     bool revert(const QString& package);
 
     /** The section, or null. */
     uci_section* section(const QString& package, const QString& section);
 
     /**
-     * Adds a section without a name. Of two programs that do so at once both may get the same generated name, and
-     * the second one's options go into the first one's section: setSection() makes one with a name of its own.
+     * Adds an unnamed section. If two programs do so at the same time, both may get the same generated name, and
+     * the options of both are committed to one section: setSection() avoids that with a name of its own.
      * @return the section with its generated name, or null.
      */
     uci_section* addSection(const QString& package, const QString& type);
 
-    /** Makes the named section, or changes its type where it is there; an empty type removes it, a null one fails.
-     */
+    /** Creates the named section, or changes its type if it exists; an empty type deletes it, a null one fails. */
     bool setSection(const QString& package, const QString& section, const QString& type);
 
     /**
      * @{
-     * Renames or deletes a section. In the form "...IfExists" it is a success as well that there is none.
-     * @return whether it was done.
+     * Renames or deletes a section. The form "...IfExists" also succeeds if the section does not exist.
+     * @return whether it succeeded.
      */
     bool renameSection(const QString& package, const QString& section, const QString& newName);
     bool renameSectionIfExists(const QString& package, const QString& section, const QString& newName);
@@ -118,8 +120,8 @@ public:
     /** @} */
 
     /**
-     * Moves a section to @a position among the sections of its package; the first is 0, as is a number below, and
-     * one that is too large is the last.
+     * Moves a section to @a position among the sections of its package, counted from 0. A negative number is the
+     * first position, one that is too large the last.
      */
     bool reorder(const QString& package, const QString& section, int position);
 
@@ -135,26 +137,26 @@ public:
     /** The option, or null. */
     uci_option* option(const QString& package, const QString& section, const QString& option);
 
-    /** Gives an option of an existing section one value; an empty one removes the option, as the store has no
-     * empty values. */
+    /** Sets an option of an existing section to one value; an empty one deletes the option, because the store has
+     * no empty values. */
     bool setOption(const QString& package, const QString& section, const QString& option, const QString& value);
 
     /**
-     * Makes an option of an existing section a list.
-     * @return false, with the option as it was, for an empty list; false as well when an item could not be added,
-     * with the items before it in place.
+     * Sets an option of an existing section to a list.
+     * @return false, with the option unchanged, for an empty list; false if an item could not be added, with the
+     * items before it added.
      */
     bool
     setOption(const QString& package, const QString& section, const QString& option, const QStringList& values);
 
-    /** Stores bytes as a list of the pieces of their Base64 text (RFC 4648), of 512 characters each but for the
-     * last. */
+    /** Stores bytes as a list of pieces of their Base64 text (RFC 4648), each of 512 characters except the last.
+     */
     bool setOption(const QString& package, const QString& section, const QString& option, const QByteArray& value);
 
     /**
      * @{
-     * Renames or deletes an option. In the form "...IfExists" it is a success as well that there is none.
-     * @return whether it was done.
+     * Renames or deletes an option. The form "...IfExists" also succeeds if the option does not exist.
+     * @return whether it succeeded.
      */
     bool
     renameOption(const QString& package, const QString& section, const QString& option, const QString& newName);
@@ -164,20 +166,19 @@ public:
     bool deleteOptionIfExists(const QString& package, const QString& section, const QString& option);
     /** @} */
 
-    /** The value as a QString or, of a list, a QStringList; invalid without an option. */
+    /** The value as a QString, or as a QStringList for a list; invalid if the option is null. */
     static QVariant optionValue(const uci_option* option);
 
-    /** The value as a bool; invalid for a list and for a text that booleanValues() does not know. */
+    /** The value as a bool; invalid for a list and for a text that is not in booleanValues(). */
     static QVariant optionBooleanValue(const uci_option* option);
 
-    /** The texts that stand for true and false, exactly as they are to be written. */
+    /** The texts for true and false; they are matched exactly. */
     static QHash<QString, bool> booleanValues();
 
     /**
      * @{
-     * The value of an option as a value of the type that the operation names, or @a defaultValue where the option
-     * is not there, is a list (for the last two: see there), or is no such value as a whole. Whole numbers are
-     * decimal.
+     * The value of an option, converted to the type that the operation names. @a defaultValue if the option does
+     * not exist, is a list, or its whole text is not a value of the type. Whole numbers are decimal.
      */
     QString optionAsString(
         const QString& package, const QString& section, const QString& option, const QString& defaultValue);
@@ -204,13 +205,13 @@ public:
         const QString& package, const QString& section, const QString& option, const QHostAddress& defaultValue);
     /** @} */
 
-    /** The items of a list; a single value gives the default. */
+    /** The items of a list; the default for a single value. */
     QStringList optionAsStringList(
         const QString& package, const QString& section, const QString& option, const QStringList& defaultValue);
 
     /**
-     * The bytes whose Base64 text is the value or the items of a list put together. Text that is not canonical
-     * (another length, other characters) gives the default instead of some of the bytes.
+     * The bytes whose Base64 text is the value, or the joined items of a list. The default if the text is not
+     * canonical (wrong length, other characters).
      */
     QByteArray optionAsByteArray(
         const QString& package, const QString& section, const QString& option, const QByteArray& defaultValue);

@@ -30,7 +30,7 @@ QString latin1(const char* text)
     return QString::fromLatin1(text);
 }
 
-// QString::toFloat() of Qt 4 takes no infinity, and makes zero of what is too small for a float.
+// QString::toFloat() of Qt 4 does not accept infinity, and returns zero for numbers that are too small.
 bool isFloatForQt(const char* text)
 {
     bool ok = false;
@@ -49,7 +49,7 @@ QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/** An option's item texts, or its one text in brackets; null without an option. */
+/** The items of an option, or its single value in brackets; null without an option. */
 QString describe(const uci_option* option)
 {
     const QVariant value = NUciCursor::optionValue(option);
@@ -58,7 +58,7 @@ QString describe(const uci_option* option)
     return value.isValid() ? QLatin1Char('[') + value.toString() + QLatin1Char(']') : QString();
 }
 
-/** The names of the sections in their order, each with its type. */
+/** The names of the sections in order, each with its type. */
 QStringList describe(const uci_package* package)
 {
     QStringList names;
@@ -119,16 +119,16 @@ private slots:
 
     void defaultDirectoriesAreThoseOfTheStore();
     void directoriesAreChangedLater();
-    void nullIsNoDirectory();
-    void cursorWithoutItsDirectoriesFailsInEverything_data();
-    void cursorWithoutItsDirectoriesFailsInEverything();
+    void nullDirectoriesAreRefused();
+    void cursorWithoutDirectoriesFailsAllOperations_data();
+    void cursorWithoutDirectoriesFailsAllOperations();
 
-    void packagesAreFoundOnlyWhenLoadedUnlessAsked();
+    void findPackageLoadsOnlyIfAsked();
     void packagesAreFoundByTheirNameUpToTheFirstDot();
-    void loadTakesTheWholeNameAndUnloadsUpToTheDot();
+    void loadUsesTheWholeNameAndUnloadTheNameUpToTheDot();
     void loadReadsTheFilesAgain();
-    void unloadForgetsWhatWasNotSaved();
-    void packageIsLoadedWhereNeeded();
+    void unloadDropsUnsavedChanges();
+    void packageIsLoadedOnDemand();
     void packagesThatCannotBeReadAreNotFound_data();
     void packagesThatCannotBeReadAreNotFound();
     void paths_data();
@@ -136,24 +136,24 @@ private slots:
     void unreadablePackage();
 
     void sectionsAreFoundByName();
-    void unnamedSectionsAreFoundByTheirMadeNames();
+    void unnamedSectionsAreFoundByTheirGeneratedNames();
     void extendedNamesAreOnlyNames();
-    void addedSectionHasAMadeName();
+    void addedSectionHasAGeneratedName();
     void sectionsAreNotAddedToMissingPackages();
-    void setSectionMakesASection();
+    void setSectionCreatesASection();
     void setSectionChangesTheType();
-    void setSectionWithoutATypeChangesNothing();
-    void emptyTypeRemovesTheSection();
+    void setSectionRefusesANullType();
+    void emptyTypeDeletesTheSection();
     void sectionsAreRenamed();
     void sectionsAreRenamedIfTheyExist();
-    void newNamesAreNotEmpty_data();
-    void newNamesAreNotEmpty();
+    void emptyNewNamesAreRefused_data();
+    void emptyNewNamesAreRefused();
     void sectionsAreDeleted();
     void sectionsAreDeletedIfTheyExist();
     void sectionsAreReordered_data();
     void sectionsAreReordered();
     void missingSectionsAreNotReordered();
-    void sectionsOfATypeComeInTheOrderOfTheFile();
+    void sectionsOfATypeAreInFileOrder();
     void allSectionsOfAPackageByName();
     void laterSectionOfTheSameNameReplacesAnEarlierOne();
     void allOptionsOfASectionByName();
@@ -161,14 +161,14 @@ private slots:
     void optionsAreFound();
     void optionIsSet();
     void optionIsNotSetInAMissingSection();
-    void emptyTextRemovesAnOption_data();
-    void emptyTextRemovesAnOption();
+    void emptyTextDeletesAnOption_data();
+    void emptyTextDeletesAnOption();
     void singleValueReplacesAList();
     void listReplacesASingleValue();
     void listReplacesAList();
     void listIsNotSetInAMissingSection();
-    void emptyListChangesNothing();
-    void listsHoldEmptyItems();
+    void emptyListIsRefused();
+    void listsCanHaveEmptyItems();
     void bytesAreStoredInPieces_data();
     void bytesAreStoredInPieces();
     void optionsAreRenamed();
@@ -177,27 +177,27 @@ private slots:
     void optionsAreDeletedIfTheyExist();
     void ifExistsFormsFailForPackagesThatCannotBeRead();
 
-    void missingNamesNeverStandForWhatContainsThem_data();
-    void missingNamesNeverStandForWhatContainsThem();
-    void textsWithNulChangeNothing();
-    void latin1SurvivesAndOtherCharactersBecomeQuestionMarks();
-    void everyByteOfAValueComesBackFromTheFile();
+    void missingNamesNeverAddressTheParent_data();
+    void missingNamesNeverAddressTheParent();
+    void textsWithNulAreRefused();
+    void otherCharactersThanLatin1BecomeQuestionMarks();
+    void everyByteOfAValueIsReadBack();
 
     void valuesOfOptions();
     void booleanTexts_data();
     void booleanTexts();
     void booleanValuesAreTheDocumentedOnes();
-    void listIsNoBoolean();
+    void listIsNotABoolean();
 
     void wholeNumbers_data();
     void wholeNumbers();
     void realNumbers_data();
     void realNumbers();
-    void numbersAreReadAsQStringReadsThem();
-    void listsAreNoNumbersAndTexts();
+    void numbersAreReadAsByQString();
+    void listsAreNotNumbersOrTexts();
     void missingOptionsGiveTheDefault_data();
     void missingOptionsGiveTheDefault();
-    void textsAreReadWhole();
+    void longTextsAreReadCompletely();
     void macAddresses_data();
     void macAddresses();
     void ipv4Addresses_data();
@@ -205,19 +205,19 @@ private slots:
     void listsOfTexts();
     void base64Texts_data();
     void base64Texts();
-    void base64IsToldAsTheExpressionDoes();
+    void base64IsMatchedAsByTheExpression();
     void base64OfAMegabyte();
 
     void changesAreInMemoryUntilTheyAreSaved();
-    void savedChangesAreSeenByAnotherCursor();
+    void savedChangesAreReadByAnotherCursor();
     void commitWritesTheFile();
-    void commitTakesStagedChangesOfOthersAlong();
-    void revertThrowsStagedAndUnsavedChangesAway();
-    void commitOfAPackageThatBecameUnreadableKeepsTheStagedChanges();
+    void commitIncludesStagedChangesOfOthers();
+    void revertDropsStagedAndUnsavedChanges();
+    void failedCommitOfAnUnreadablePackageKeepsTheStagedChanges();
     void missingPackagesAreNotSavedCommittedOrReverted();
     void pointersOutliveTheCursor();
     void packagesOfARouterAreReadAndWritten();
-#ifdef NBASE_OWN_UCI /* libuci loses changes then */
+#ifdef NBASE_OWN_UCI /* libuci loses changes in this case */
     void twoProcessesLoseNothing_data();
     void twoProcessesLoseNothing();
 #endif
@@ -274,7 +274,7 @@ void tst_NUciCursor::cleanup()
     m_directory.reset();
 }
 
-/** Makes the package "texts" with one section "s" and an option "o<index>" for each text. */
+/** Writes the package "texts" with one section "s" and an option "o<index>" for each text. */
 void tst_NUciCursor::writeOptions(const QStringList& texts) const
 {
     QByteArray file("config t 's'\n");
@@ -325,7 +325,7 @@ void tst_NUciCursor::directoriesAreChangedLater()
     QVERIFY(!QFile::exists(savePath("network")));
 }
 
-void tst_NUciCursor::nullIsNoDirectory()
+void tst_NUciCursor::nullDirectoriesAreRefused()
 {
     QVERIFY(!cursor().setConfDir(QString()));
     QVERIFY(!cursor().setSaveDir(QString()));
@@ -337,14 +337,14 @@ void tst_NUciCursor::nullIsNoDirectory()
     QVERIFY(QFile::exists(savePath("network")));
 }
 
-void tst_NUciCursor::cursorWithoutItsDirectoriesFailsInEverything_data()
+void tst_NUciCursor::cursorWithoutDirectoriesFailsAllOperations_data()
 {
     QTest::addColumn<bool>("configFails");
     QTest::newRow("configuration") << true;
     QTest::newRow("staged changes") << false;
 }
 
-void tst_NUciCursor::cursorWithoutItsDirectoriesFailsInEverything()
+void tst_NUciCursor::cursorWithoutDirectoriesFailsAllOperations()
 {
     QFETCH(bool, configFails);
     const QString config = m_directory->filePath(latin1("config"));
@@ -391,7 +391,7 @@ void tst_NUciCursor::cursorWithoutItsDirectoriesFailsInEverything()
 
 // ---- packages ----
 
-void tst_NUciCursor::packagesAreFoundOnlyWhenLoadedUnlessAsked()
+void tst_NUciCursor::findPackageLoadsOnlyIfAsked()
 {
     QVERIFY(!cursor().findPackage(m_network, false));
     uci_package* const loaded = cursor().findPackage(m_network, true);
@@ -416,7 +416,7 @@ void tst_NUciCursor::packagesAreFoundByTheirNameUpToTheFirstDot()
     QVERIFY(!cursor().findPackage(latin1("."), true));
 }
 
-void tst_NUciCursor::loadTakesTheWholeNameAndUnloadsUpToTheDot()
+void tst_NUciCursor::loadUsesTheWholeNameAndUnloadTheNameUpToTheDot()
 {
     QVERIFY(cursor().load(m_network));
     QVERIFY(!cursor().load(latin1("network.lan")));
@@ -439,7 +439,7 @@ void tst_NUciCursor::loadReadsTheFilesAgain()
     QVERIFY(!cursor().findPackage(m_network, false));
 }
 
-void tst_NUciCursor::unloadForgetsWhatWasNotSaved()
+void tst_NUciCursor::unloadDropsUnsavedChanges()
 {
     QVERIFY(!cursor().unload(m_network));
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), latin1("9000")));
@@ -448,7 +448,7 @@ void tst_NUciCursor::unloadForgetsWhatWasNotSaved()
     QCOMPARE(cursor().optionAsInt(m_network, m_lan, latin1("mtu"), 0), 1500);
 }
 
-void tst_NUciCursor::packageIsLoadedWhereNeeded()
+void tst_NUciCursor::packageIsLoadedOnDemand()
 {
     uci_package* const found = cursor().package(m_network);
     QVERIFY(found);
@@ -544,7 +544,7 @@ void tst_NUciCursor::sectionsAreFoundByName()
     QVERIFY(!cursor().section(latin1("missing"), m_lan));
 }
 
-void tst_NUciCursor::unnamedSectionsAreFoundByTheirMadeNames()
+void tst_NUciCursor::unnamedSectionsAreFoundByTheirGeneratedNames()
 {
     const QList<uci_section*> routes = cursor().sections(m_network, latin1("route"));
     QCOMPARE(routes.size(), 2);
@@ -560,7 +560,7 @@ void tst_NUciCursor::extendedNamesAreOnlyNames()
     QCOMPARE(cursor().sections(m_network, latin1("route")).size(), 2);
 }
 
-void tst_NUciCursor::addedSectionHasAMadeName()
+void tst_NUciCursor::addedSectionHasAGeneratedName()
 {
     uci_section* const added = cursor().addSection(m_network, latin1("rule"));
     QVERIFY(added);
@@ -582,7 +582,7 @@ void tst_NUciCursor::sectionsAreNotAddedToMissingPackages()
     QVERIFY(!QFile::exists(configPath("missing")));
 }
 
-void tst_NUciCursor::setSectionMakesASection()
+void tst_NUciCursor::setSectionCreatesASection()
 {
     QVERIFY(cursor().setSection(m_network, latin1("wan"), latin1("interface")));
     const uci_section* const wan = cursor().section(m_network, latin1("wan"));
@@ -602,7 +602,7 @@ void tst_NUciCursor::setSectionChangesTheType()
     QCOMPARE(cursor().optionAsInt(m_network, m_lan, latin1("mtu"), 0), 1500);
 }
 
-void tst_NUciCursor::setSectionWithoutATypeChangesNothing()
+void tst_NUciCursor::setSectionRefusesANullType()
 {
     QVERIFY(!cursor().setSection(m_network, m_lan, QString()));
     QVERIFY(!cursor().setSection(m_network, latin1("wan"), QString()));
@@ -611,7 +611,7 @@ void tst_NUciCursor::setSectionWithoutATypeChangesNothing()
     QVERIFY(!cursor().section(m_network, latin1("wan")));
 }
 
-void tst_NUciCursor::emptyTypeRemovesTheSection()
+void tst_NUciCursor::emptyTypeDeletesTheSection()
 {
     QVERIFY(cursor().setSection(m_network, m_lan, latin1("")));
     QVERIFY(!cursor().section(m_network, m_lan));
@@ -640,7 +640,7 @@ void tst_NUciCursor::sectionsAreRenamedIfTheyExist()
     QVERIFY(!cursor().renameSectionIfExists(m_network, QString(), latin1("office")));
 }
 
-void tst_NUciCursor::newNamesAreNotEmpty_data()
+void tst_NUciCursor::emptyNewNamesAreRefused_data()
 {
     QTest::addColumn<QString>("newName");
     QTest::newRow("null") << QString();
@@ -648,7 +648,7 @@ void tst_NUciCursor::newNamesAreNotEmpty_data()
     QTest::newRow("nul") << textWithNul();
 }
 
-void tst_NUciCursor::newNamesAreNotEmpty()
+void tst_NUciCursor::emptyNewNamesAreRefused()
 {
     QFETCH(QString, newName);
     QVERIFY(!cursor().renameSection(m_network, m_lan, newName));
@@ -682,7 +682,7 @@ void tst_NUciCursor::sectionsAreReordered_data()
     QTest::addColumn<QString>("order");
     QTest::newRow("first") << 0 << latin1("b a c d");
     QTest::newRow("where it is") << 1 << latin1("a b c d");
-    QTest::newRow("behind the next") << 2 << latin1("a c b d");
+    QTest::newRow("after the next") << 2 << latin1("a c b d");
     QTest::newRow("last") << 3 << latin1("a c d b");
     QTest::newRow("one beyond") << 4 << latin1("a c d b");
     QTest::newRow("far beyond") << INT_MAX << latin1("a c d b");
@@ -710,7 +710,7 @@ void tst_NUciCursor::missingSectionsAreNotReordered()
     QVERIFY(!cursor().reorder(latin1("missing"), m_lan, 0));
 }
 
-void tst_NUciCursor::sectionsOfATypeComeInTheOrderOfTheFile()
+void tst_NUciCursor::sectionsOfATypeAreInFileOrder()
 {
     QCOMPARE(
         namesOf(cursor().sections(m_network, latin1("interface"))), QStringList() << latin1("loopback") << m_lan);
@@ -788,14 +788,14 @@ void tst_NUciCursor::optionIsNotSetInAMissingSection()
     QVERIFY(cursor().setOption(m_network, latin1("wan"), latin1("mtu"), latin1("1400")));
 }
 
-void tst_NUciCursor::emptyTextRemovesAnOption_data()
+void tst_NUciCursor::emptyTextDeletesAnOption_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("empty") << latin1("");
     QTest::newRow("null") << QString();
 }
 
-void tst_NUciCursor::emptyTextRemovesAnOption()
+void tst_NUciCursor::emptyTextDeletesAnOption()
 {
     QFETCH(QString, text);
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), text));
@@ -839,7 +839,7 @@ void tst_NUciCursor::listIsNotSetInAMissingSection()
     QVERIFY(!cursor().setOption(m_network, latin1("wan"), latin1("key"), QByteArray("bytes")));
 }
 
-void tst_NUciCursor::emptyListChangesNothing()
+void tst_NUciCursor::emptyListIsRefused()
 {
     QVERIFY(!cursor().setOption(m_network, m_lan, latin1("mtu"), QStringList()));
     QVERIFY(!cursor().setOption(m_network, m_lan, latin1("dns"), QStringList()));
@@ -849,7 +849,7 @@ void tst_NUciCursor::emptyListChangesNothing()
     QVERIFY(!QFile::exists(savePath("network")));
 }
 
-void tst_NUciCursor::listsHoldEmptyItems()
+void tst_NUciCursor::listsCanHaveEmptyItems()
 {
     const QStringList values = QStringList() << latin1("") << latin1("a") << QString();
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("dns"), values));
@@ -942,7 +942,7 @@ void tst_NUciCursor::ifExistsFormsFailForPackagesThatCannotBeRead()
 
 // ---- names and texts ----
 
-void tst_NUciCursor::missingNamesNeverStandForWhatContainsThem_data()
+void tst_NUciCursor::missingNamesNeverAddressTheParent_data()
 {
     QTest::addColumn<QString>("name");
     QTest::newRow("null") << QString();
@@ -950,7 +950,7 @@ void tst_NUciCursor::missingNamesNeverStandForWhatContainsThem_data()
     QTest::newRow("nul") << QString(QChar(0));
 }
 
-void tst_NUciCursor::missingNamesNeverStandForWhatContainsThem()
+void tst_NUciCursor::missingNamesNeverAddressTheParent()
 {
     QFETCH(QString, name);
     const QString mtu = latin1("mtu");
@@ -990,7 +990,7 @@ void tst_NUciCursor::missingNamesNeverStandForWhatContainsThem()
     QVERIFY(!QFile::exists(savePath("network")));
 }
 
-void tst_NUciCursor::textsWithNulChangeNothing()
+void tst_NUciCursor::textsWithNulAreRefused()
 {
     QVERIFY(!cursor().setOption(m_network, m_lan, latin1("mtu"), textWithNul()));
     QVERIFY(!cursor().setOption(m_network, m_lan, latin1("dns"), QStringList() << latin1("1") << textWithNul()));
@@ -1001,7 +1001,7 @@ void tst_NUciCursor::textsWithNulChangeNothing()
     QVERIFY(cursor().section(m_network, m_lan));
 }
 
-void tst_NUciCursor::latin1SurvivesAndOtherCharactersBecomeQuestionMarks()
+void tst_NUciCursor::otherCharactersThanLatin1BecomeQuestionMarks()
 {
     const QString text = latin1("Z\xfcrich \xa9") + QChar(0x20ac) + QChar(0x0416);
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), text));
@@ -1013,7 +1013,7 @@ void tst_NUciCursor::latin1SurvivesAndOtherCharactersBecomeQuestionMarks()
     QCOMPARE(describe(optionOf("dns")), latin1("Z\xfcrich \xa9??"));
 }
 
-void tst_NUciCursor::everyByteOfAValueComesBackFromTheFile()
+void tst_NUciCursor::everyByteOfAValueIsReadBack()
 {
     QString text = latin1("\t\n\r");
     for (int character = 32; character < 256; ++character)
@@ -1069,7 +1069,7 @@ void tst_NUciCursor::booleanValuesAreTheDocumentedOnes()
     QCOMPARE(NUciCursor::booleanValues(), expected);
 }
 
-void tst_NUciCursor::listIsNoBoolean()
+void tst_NUciCursor::listIsNotABoolean()
 {
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), QStringList(latin1("1"))));
     QVERIFY(!NUciCursor::optionBooleanValue(optionOf("mtu")).isValid());
@@ -1085,7 +1085,7 @@ template <typename Number> QString describeNumber(Number number)
     return number == Number(77) ? latin1("default") : QString::number(number);
 }
 
-/** Adds the rows that are the same for all types, and those at the type's limits. */
+/** Adds the rows that are the same for all types, and those at the limits of the type. */
 void addWholeNumbers(const char* type, int size, bool isSigned)
 {
     const bool is16 = size == 2;
@@ -1121,11 +1121,11 @@ void addWholeNumbers(const char* type, int size, bool isSigned)
     QTest::newRow(name + " leading zeros") << t << latin1("000000000000000000000000000123") << latin1("123");
     QTest::newRow(name + " octal-looking") << t << latin1("010") << latin1("10");
     QTest::newRow(name + " hexadecimal") << t << latin1("0x10") << failed;
-    QTest::newRow(name + " letters behind") << t << latin1("12abc") << failed;
+    QTest::newRow(name + " trailing letters") << t << latin1("12abc") << failed;
     QTest::newRow(name + " point") << t << latin1("1.0") << failed;
     QTest::newRow(name + " exponent") << t << latin1("1e3") << failed;
     QTest::newRow(name + " infinity") << t << latin1("inf") << failed;
-    QTest::newRow(name + " group") << t << latin1("1,000") << failed;
+    QTest::newRow(name + " thousands separator") << t << latin1("1,000") << failed;
     QTest::newRow(name + " empty") << t << latin1("") << failed;
     QTest::newRow(name + " blank") << t << latin1(" ") << failed;
     QTest::newRow(name + " blank inside") << t << latin1("1 2") << failed;
@@ -1195,7 +1195,7 @@ void tst_NUciCursor::realNumbers_data()
     QTest::newRow("decimals") << latin1("12.75") << true << true << 12.75;
     QTest::newRow("negative") << latin1("-0.5") << true << true << -0.5;
     QTest::newRow("no digit before the point") << latin1(".5") << true << true << 0.5;
-    QTest::newRow("no digit behind the point") << latin1("5.") << true << true << 5.0;
+    QTest::newRow("no digit after the point") << latin1("5.") << true << true << 5.0;
     QTest::newRow("exponent") << latin1("1e3") << true << true << 1000.0;
     QTest::newRow("negative exponent") << latin1("25E-2") << true << true << 0.25;
     QTest::newRow("leading zeros") << latin1("0000000000000000000001.5") << true << true << 1.5;
@@ -1217,7 +1217,7 @@ void tst_NUciCursor::realNumbers_data()
     QTest::newRow("point alone") << latin1(".") << false << false << 0.0;
     QTest::newRow("comma") << latin1("1,5") << false << false << 0.0;
     QTest::newRow("two points") << latin1("1.2.3") << false << false << 0.0;
-    QTest::newRow("letters behind") << latin1("1.5V") << false << false << 0.0;
+    QTest::newRow("trailing letters") << latin1("1.5V") << false << false << 0.0;
     QTest::newRow("hexadecimal") << latin1("0x10") << false << false << 0.0;
     QTest::newRow("100 kB of letters") << QString(LongTextSize, QLatin1Char('x')) << false << false << 0.0;
     QTest::newRow("100 kB of digits") << QString(LongTextSize, QLatin1Char('9')) << false << false << 0.0;
@@ -1236,7 +1236,7 @@ void tst_NUciCursor::realNumbers()
     QVERIFY(cursor().optionAsFloat(m_network, m_lan, latin1("mtu"), -77.0f) == (isFloat ? float(value) : -77.0f));
 }
 
-void tst_NUciCursor::numbersAreReadAsQStringReadsThem()
+void tst_NUciCursor::numbersAreReadAsByQString()
 {
     static const char characters[] = "00000112345678999....--+ eE,xf";
     std::mt19937 random;
@@ -1283,7 +1283,7 @@ void tst_NUciCursor::numbersAreReadAsQStringReadsThem()
     }
 }
 
-void tst_NUciCursor::listsAreNoNumbersAndTexts()
+void tst_NUciCursor::listsAreNotNumbersOrTexts()
 {
     const QString list = latin1("mtu");
     QVERIFY(cursor().setOption(m_network, m_lan, list, QStringList(latin1("5"))));
@@ -1338,7 +1338,7 @@ void tst_NUciCursor::missingOptionsGiveTheDefault()
     QCOMPARE(c.optionAsByteArray(package, section, name, QByteArray("x")), QByteArray("x"));
 }
 
-void tst_NUciCursor::textsAreReadWhole()
+void tst_NUciCursor::longTextsAreReadCompletely()
 {
     const QString text(LongTextSize, QLatin1Char('x'));
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), text));
@@ -1361,7 +1361,7 @@ void tst_NUciCursor::macAddresses_data()
     QTest::newRow("dashes") << latin1("02-00-5e-10-00-01") << false;
     QTest::newRow("five bytes") << latin1("02:00:5e:10:00") << false;
     QTest::newRow("blank before") << latin1(" 02:00:5e:10:00:01") << false;
-    QTest::newRow("newline behind") << latin1("02:00:5e:10:00:01\n") << false;
+    QTest::newRow("trailing newline") << latin1("02:00:5e:10:00:01\n") << false;
     QTest::newRow("100 kB") << latin1("02:").repeated(LongTextSize / 3) << false;
 }
 
@@ -1389,7 +1389,7 @@ void tst_NUciCursor::ipv4Addresses_data()
     QTest::newRow("one number") << latin1("3232235777") << QString();
     QTest::newRow("hexadecimal") << latin1("0x0a.0.0.1") << QString();
     QTest::newRow("IPv6") << latin1("::1") << QString();
-    QTest::newRow("blank behind") << latin1("10.0.0.1 ") << QString();
+    QTest::newRow("trailing blank") << latin1("10.0.0.1 ") << QString();
     QTest::newRow("range") << latin1("10.0.0.0/8") << QString();
     QTest::newRow("name") << latin1("localhost") << QString();
     QTest::newRow("100 kB") << QString(LongTextSize, QLatin1Char('0')) + latin1("10.0.0.1") << latin1("10.0.0.1");
@@ -1423,19 +1423,19 @@ void tst_NUciCursor::base64Texts_data()
     QTest::newRow("one =") << QStringList(latin1("YWE=")) << QByteArray("aa");
     QTest::newRow("two =") << QStringList(latin1("YQ==")) << QByteArray("a");
     QTest::newRow("plus and slash") << QStringList(latin1("+/+/")) << QByteArray("\xfb\xff\xbf");
-    QTest::newRow("cut anywhere") << (QStringList() << latin1("b") << latin1("m9sd") << latin1("mFy"))
-                                  << QByteArray("nolvar");
+    QTest::newRow("cut at any position")
+        << (QStringList() << latin1("b") << latin1("m9sd") << latin1("mFy")) << QByteArray("nolvar");
     QTest::newRow("empty items") << (QStringList() << latin1("") << latin1("YQ==") << latin1(""))
                                  << QByteArray("a");
     QTest::newRow("one empty item") << QStringList(latin1("")) << QByteArray("");
     QTest::newRow("padding within") << (QStringList() << latin1("YQ==") << latin1("YQ==")) << other;
     QTest::newRow("three =") << QStringList(latin1("Y===")) << other;
     QTest::newRow("only =") << QStringList(latin1("====")) << other;
-    QTest::newRow("no padding where needed") << QStringList(latin1("YQ")) << other;
+    QTest::newRow("missing padding") << QStringList(latin1("YQ")) << other;
     QTest::newRow("URL alphabet") << QStringList(latin1("-_-_")) << other;
     QTest::newRow("blank") << QStringList(latin1("YWJj ZGU=")) << other;
-    QTest::newRow("blank behind") << QStringList(latin1("YWJj ")) << other;
-    QTest::newRow("newline behind") << QStringList(latin1("YWJj\n")) << other;
+    QTest::newRow("trailing blank") << QStringList(latin1("YWJj ")) << other;
+    QTest::newRow("trailing newline") << QStringList(latin1("YWJj\n")) << other;
     QTest::newRow("newline within") << QStringList(latin1("YWJ\nYWJj")) << other;
     QTest::newRow("Latin-1") << QStringList(latin1("YW\xfcj")) << other;
 }
@@ -1452,7 +1452,7 @@ void tst_NUciCursor::base64Texts()
     QCOMPARE(cursor().optionAsByteArray(m_network, m_lan, latin1("mtu"), QByteArray("default")), bytes);
 }
 
-void tst_NUciCursor::base64IsToldAsTheExpressionDoes()
+void tst_NUciCursor::base64IsMatchedAsByTheExpression()
 {
     static const char characters[] = "ABYZabyz0189+/==== -_.'\n\xe4";
     const QRegExp expression(latin1("(?:[A-Za-z0-9+\\/]{4})*(?:[A-Za-z0-9+\\/]{2}==|[A-Za-z0-9+\\/]{3}=)?"));
@@ -1510,7 +1510,7 @@ void tst_NUciCursor::changesAreInMemoryUntilTheyAreSaved()
     QCOMPARE(readFile(configPath("network")), QByteArray(networkFile));
 }
 
-void tst_NUciCursor::savedChangesAreSeenByAnotherCursor()
+void tst_NUciCursor::savedChangesAreReadByAnotherCursor()
 {
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), latin1("1400")));
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("dns"), QStringList(latin1("10.0.0.9"))));
@@ -1541,7 +1541,7 @@ void tst_NUciCursor::commitWritesTheFile()
     QCOMPARE(readFile(configPath("network")), expected);
 }
 
-void tst_NUciCursor::commitTakesStagedChangesOfOthersAlong()
+void tst_NUciCursor::commitIncludesStagedChangesOfOthers()
 {
     QScopedPointer<NUciCursor> other(newCursor());
     QVERIFY(other->setOption(m_network, m_lan, latin1("proto"), latin1("dhcp")));
@@ -1556,7 +1556,7 @@ void tst_NUciCursor::commitTakesStagedChangesOfOthersAlong()
     QCOMPARE(other->optionAsInt(m_network, m_lan, latin1("mtu"), 0), 1400);
 }
 
-void tst_NUciCursor::revertThrowsStagedAndUnsavedChangesAway()
+void tst_NUciCursor::revertDropsStagedAndUnsavedChanges()
 {
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), latin1("1400")));
     QVERIFY(cursor().save(m_network));
@@ -1570,7 +1570,7 @@ void tst_NUciCursor::revertThrowsStagedAndUnsavedChangesAway()
     QVERIFY(cursor().revert(m_network));
 }
 
-void tst_NUciCursor::commitOfAPackageThatBecameUnreadableKeepsTheStagedChanges()
+void tst_NUciCursor::failedCommitOfAnUnreadablePackageKeepsTheStagedChanges()
 {
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), latin1("1400")));
     writeConfig("network", "config interface 'lan\n");
@@ -1663,7 +1663,7 @@ namespace {
 
 const int RoundsOfEachProcess = 300;
 
-/** What a process of twoProcessesLoseNothing() does; ends the process, with 0 if all is well. */
+/** One process of twoProcessesLoseNothing(); it exits with 0 on success. */
 class Writer
 {
 public:
@@ -1694,8 +1694,8 @@ private:
     bool isSavedFirst(int round) const { return round % 2 == 0; }
     bool isReverted(int round) const { return m_reverts && round % 5 == 0; }
 
-    // A revert throws away what the other has staged as well, until that is committed. And a commit takes along
-    // what the other has staged, so that a change may be there in spite of its revert.
+    // A revert also drops what the other process has staged, and a commit also commits it, so that a change may be
+    // there in spite of its revert.
     bool mayBeTakenBack(int round) const { return isReverted(round) || (m_reverts && isSavedFirst(round)); }
 
     bool change(int round)
@@ -1756,7 +1756,7 @@ void tst_NUciCursor::twoProcessesLoseNothing()
         const pid_t ended = waitpid(-1, &status, WNOHANG);
         left -= ended > 0 ? 1 : 0;
         failed += status != 0 ? 1 : 0;
-        // A half-written file would not be read at all, or without some of its sections.
+        // A half-written file could not be loaded, or would lack sections.
         if (!reader.load(latin1("shared")) || reader.sections(latin1("shared"), latin1("t")).size() != 3)
             ++failed;
     }
@@ -1766,7 +1766,7 @@ void tst_NUciCursor::twoProcessesLoseNothing()
         const QString name = latin1(section);
         const int count = reader.optionAsInt(latin1("shared"), name, latin1("count"), 0);
         QVERIFY(reverts ? count > RoundsOfEachProcess / 2 : count == RoundsOfEachProcess);
-        // The number of items tells a list that came twice from one that came once, as it should.
+        // A list that was applied twice would have four items.
         QCOMPARE(
             reader.optionAsStringList(latin1("shared"), name, latin1("list"), QStringList()),
             QStringList() << QString::number(count) << QString::number(count));
