@@ -1,5 +1,5 @@
-// Loading packages and looking places up in them. The floor of loading is reading the same file with getline(3)
-// and copying each word; that of a look-up is the same look-up in a package of 100 sections.
+// Loading packages and looking up places in them. Loading is compared with reading the same file with getline(3)
+// and copying each word; a look-up with the same look-up in a package of 100 sections.
 
 #include <benchmark/benchmark.h>
 
@@ -71,7 +71,7 @@ std::string nameOf(const char* prefix, long number)
     return prefix + std::to_string(number);
 }
 
-/** A package with ten options in each section, as packages of devices have. */
+/** A package with ten options in each section, as is typical of devices. */
 std::string writeOptions(long count)
 {
     std::string text;
@@ -91,7 +91,7 @@ std::string writeOneSection(long count)
     return directory().write(nameOf("one", count), text);
 }
 
-/** Reads a file line by line and copies each word, as any reader has to that gives its caller strings. */
+/** Reads a file line by line and copies each word, as any reader has to that returns strings. */
 void copyWords(const std::string& file, std::vector<char*>& words)
 {
     FILE* stream = std::fopen(file.c_str(), "r");
@@ -158,7 +158,7 @@ void readOneSection(benchmark::State& state)
 }
 BENCHMARK(readOneSection)->Name("uci-load-one-section/getline and copies")->Arg(100)->Arg(10000)->Arg(100000);
 
-/** Looks up 64 places that are spread over a package of a number of sections. */
+/** Looks up 64 places that are spread over a package. */
 void lookUp(benchmark::State& state, long sections)
 {
     std::string text;
@@ -201,8 +201,8 @@ BENCHMARK(lookUpInFew)->Name("uci-lookup/in 100 sections")->Arg(1000)->Arg(10000
 
 int main(int argc, char** argv)
 {
-    // glibc gives memory back to the kernel when a large package is unloaded, but not after a small one; then the
-    // large one alone would pay for getting it again, each time.
+    // By default glibc returns memory to the kernel when a large package is unloaded, but not after a small one,
+    // so that only the large one would have the cost of allocating it again.
     mallopt(M_MMAP_THRESHOLD, 1 << 30);
     mallopt(M_TRIM_THRESHOLD, 1 << 30);
     benchmark::Initialize(&argc, argv);

@@ -1,5 +1,5 @@
-// Reading values by the typed getters, against the look-up of the option that each of them begins with: the same
-// call of the store, with names that are converted already.
+// Reading values with the typed getters, compared with the look-up of the option that each of them begins with:
+// the same call of the store, with names that are already converted.
 
 #include <nbase/config/nucicursor.h>
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-// The input is a stream that words are read from, as long as it lasts: first from its lines, then from what is
-// left of each. Whatever it is, each call takes something away and answers with a word within its memory.
+// The input is a stream from which words are read until its end: first from its lines, then from the rest of each.
+// For any input, each call consumes something and returns a word within its memory.
 
 namespace {
 
@@ -15,7 +15,7 @@ void require(bool holds)
         abort();
 }
 
-/** Reads the words that are left of a line, in a copy of its own. */
+/** Reads the remaining words of a line, in a copy of its own. */
 void readRest(uci_context* context, std::string line)
 {
     char* position = &line[0];
@@ -34,7 +34,7 @@ void readRest(uci_context* context, std::string line)
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
 {
     static uci_context* const context = uci_alloc_context();
-    // An empty text cannot be a memory stream; a newline says as little.
+    // A memory stream cannot be empty; a newline has no words either.
     std::string text = size ? std::string(reinterpret_cast<const char*>(data), size) : std::string("\n");
     FILE* stream = fmemopen(&text[0], text.size(), "r");
     for (;;) {

@@ -7,8 +7,8 @@
 #include <string>
 
 // The input is a file of staged changes. A package is loaded with them, changed, committed, loaded again and
-// reverted: a change that is staged behind them is read, whatever they are, the file that the commit writes can be
-// read, and what was loaded can be taken back.
+// reverted. For any input, a change that is staged after them is read, the file that the commit writes can be
+// read, and the package can be reverted.
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-// The input is a place as one string. Whatever it is, looking it up answers, and what is found bears the name that
-// is left in the place.
+// The input is a place as one string. For any input, the look-up returns, and the elements found have the names in
+// the place.
 
 namespace {
 
@@ -15,7 +15,7 @@ void require(bool holds)
         abort();
 }
 
-/** A context with one package, so that most inputs find something to look into; there are no files. */
+/** A context with one package, so that most inputs are looked up in it; there are no files. */
 uci_context* newContext()
 {
     char text[] = "config t a\n\toption o 1\nconfig t\n\tlist l x\nconfig u b\n";

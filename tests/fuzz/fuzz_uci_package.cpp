@@ -4,7 +4,7 @@
 
 #include <string>
 
-// The input is a package file. What could be read is written, reads back, and is written alike again.
+// The input is a package file. If it can be read, it is written, read again, and written identically.
 
 namespace {
 
@@ -19,7 +19,7 @@ bool rewrite(const std::string& text, std::string& result)
 {
     uci_context* context = uci_alloc_context();
     uci_package* package = nullptr;
-    // An empty text cannot be a memory stream; a newline says as little.
+    // A memory stream cannot be empty; a newline is as empty a package.
     std::string bytes = text.empty() ? std::string("\n") : text;
     FILE* stream = fmemopen(&bytes[0], bytes.size(), "r");
     const bool read = uci_import(context, stream, "fuzz", &package, true) == UCI_OK;

@@ -3,9 +3,9 @@
 
 usage: run_guide.py NUCI GUIDE
 
-An example is a block marked "sh": lines that begin with "$ " are run by the shell, the others are the output that has to
-follow, standard error included. All examples of the guide run one after the other, in a directory with the folders
-"config" and "save"; the file config/network is the guide's first block without a mark.
+An example is a block marked "sh": lines that begin with "$ " are run by the shell, the other lines are the expected output,
+including standard error. The examples run one after the other, in a directory with the directories "config" and "save";
+the file config/network is the first block of the guide without a mark.
 """
 import os
 import re

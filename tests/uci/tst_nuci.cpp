@@ -28,7 +28,7 @@ const char shownLan[] = "network.lan=interface\n"
 
 } // namespace
 
-/** Runs the command as a person would, and compares what it prints with what people know from UCI's own. */
+/** Runs the command, and compares its output, which is that of UCI's own command. */
 class TestNuci : public QObject
 {
     Q_OBJECT
@@ -44,7 +44,7 @@ private slots:
 
     void cleanup() { m_directory.reset(); }
 
-    void looking_data()
+    void reading_data()
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QByteArray>("output");
@@ -53,7 +53,7 @@ private slots:
         row("show a list", "show network.lan.dns", "network.lan.dns='10.0.0.1' 'a b'\n");
         row("show an unnamed section", "show network.@route[-1]",
             "network.@route[1]=route\nnetwork.@route[1].via='two'\n");
-        row("show an unnamed section by its made name", "-X show network.@route[1]",
+        row("show an unnamed section by its generated name", "-X show network.@route[1]",
             "network.cfg03c8b4=route\nnetwork.cfg03c8b4.via='two'\n");
         row("show a package", "show network",
             QByteArray(shownLan) + "network.@route[0]=route\nnetwork.@route[0].via='one'\n"
@@ -66,21 +66,21 @@ private slots:
         row("get a section gives its type", "get network.@route[0]", "route\n");
         row("get a list", "get network.lan.dns", "10.0.0.1 'a b'\n");
         row("get a list with a separator", "-d , get network.lan.dns", "10.0.0.1,a b\n");
-        row("changes, of which there are none", "changes", "");
+        row("changes, without any", "changes", "");
         row("export a package", "export network", QByteArray("package network\n") + network);
-        row("export with made names", "-n export network",
+        row("export with generated names", "-n export network",
             QByteArray("package network\n") +
                 QByteArray(network)
                     .replace("config route\n\toption via 'one'", "config route 'cfg02c8b4'\n\toption via 'one'")
                     .replace("config route\n\toption via 'two'", "config route 'cfg03c8b4'\n\toption via 'two'"));
-        row("export without made names", "-n -N export network", QByteArray("package network\n") + network);
-        row("strict reading or not", "-s -S get network.@route[0]", "route\n");
+        row("export without generated names", "-n -N export network", QByteArray("package network\n") + network);
+        row("strict and lax reading", "-s -S get network.@route[0]", "route\n");
         row("export all", "export",
             QByteArray("package network\n") + network +
                 "package system\n\nconfig system 'main'\n\toption name 'box'\n\n");
     }
 
-    void looking()
+    void reading()
     {
         QFETCH(QStringList, arguments);
         QFETCH(QByteArray, output);
@@ -160,7 +160,7 @@ private slots:
         failRow("delete of a missing option", "delete network.lan.none", "nuci: Entry not found\n");
         failRow("rename of a missing section", "rename network.none=x", "nuci: Entry not found\n");
         failRow("reorder of a missing section", "reorder network.none=1", "nuci: Entry not found\n");
-        failRow("reorder to no number", "reorder network.lan=x", "nuci: Invalid argument\n");
+        failRow("reorder to a position that is not a number", "reorder network.lan=x", "nuci: Invalid argument\n");
         failRow("commit of a section", "commit network.lan", "nuci: Invalid argument\n");
         failRow("commit of a missing package", "commit none", "nuci: Entry not found\n");
         failRow("export of a section", "export network.lan", "nuci: Invalid argument\n");
@@ -185,7 +185,7 @@ private slots:
         QCOMPARE(read("save/network"), QByteArray("(missing)"));
     }
 
-    void aWrongCommandLineShowsTheUsage_data()
+    void invalidCommandLineShowsTheUsage_data()
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::newRow("nothing") << QStringList();
@@ -195,7 +195,7 @@ private slots:
         QTest::newRow("an unknown option") << words("-Y show");
     }
 
-    void aWrongCommandLineShowsTheUsage()
+    void invalidCommandLineShowsTheUsage()
     {
         QFETCH(QStringList, arguments);
         QCOMPARE(run(arguments), 255);
@@ -215,7 +215,7 @@ private slots:
         QCOMPARE(read("config/system"), QByteArray("\nconfig system 'main'\n\toption name 'other'\n\n"));
     }
 
-    void revertTakesBackAnOptionOrASection()
+    void revertDropsChangesOfAnOptionOrASection()
     {
         QCOMPARE(run(words("set network.lan.a=1 network.lan.b=2 network.wan=interface")), 0);
         QCOMPARE(run(words("revert network.lan.a")), 0);
@@ -230,14 +230,14 @@ private slots:
         QCOMPARE(read("config/network"), QByteArray("\nconfig a 'b'\n\toption c 'd'\n\n"));
     }
 
-    void importMakesThePackagesThatItsTextNames()
+    void importCreatesThePackagesThatItsTextNames()
     {
         QCOMPARE(run(words("import"), "package x\nconfig a 'b'\npackage y\nconfig c 'd'\n"), 0);
         QCOMPARE(read("config/x"), QByteArray("\nconfig a 'b'\n\n"));
         QCOMPARE(read("config/y"), QByteArray("\nconfig c 'd'\n\n"));
     }
 
-    void importMergesIfItIsTold()
+    void importMergesIfAsked()
     {
         QCOMPARE(run(words("-m import system"), "config system main\n\toption a '1'\n\tlist l x\nconfig t\n"), 0);
         QCOMPARE(
@@ -245,14 +245,14 @@ private slots:
         QCOMPARE(read("config/system"), QByteArray("config system main\n\toption name box\n"));
     }
 
-    void importOfRubbishChangesNothing()
+    void malformedImportChangesNothing()
     {
         QCOMPARE(run(words("import network"), "rubbish\n"), 1);
         QCOMPARE(m_errors, QByteArray("nuci: Parse error (invalid command) at line 1\n"));
         QCOMPARE(read("config/network"), QByteArray(network));
     }
 
-    void whatIsExportedIsImported()
+    void exportedPackagesCanBeImported()
     {
         QCOMPARE(run(words("export network")), 0);
         const QByteArray exported = m_output;
@@ -261,7 +261,7 @@ private slots:
         QCOMPARE(read("config/network"), QByteArray(network));
     }
 
-    void changesOfAnotherDirectoryAreRead()
+    void stagedChangesOfAnotherDirectoryAreRead()
     {
         m_directory->writeFile(QLatin1String("more/network"), "network.lan.proto='none'\n");
         const QString more = m_directory->filePath(QLatin1String("more"));
@@ -272,7 +272,7 @@ private slots:
         QCOMPARE(read("save/network"), QByteArray("(missing)"));
     }
 
-    void onePackageThatCannotBeReadDoesNotHideTheOthers()
+    void malformedPackageDoesNotHideTheOthers()
     {
         m_directory->writeFile(QLatin1String("config/bad"), "rubbish\n");
         m_directory->writeFile(QLatin1String("config/network"), "config t x\n");
@@ -281,8 +281,8 @@ private slots:
         QCOMPARE(m_errors, QByteArray("nuci: Parse error (invalid command) at line 1\n"));
     }
 
-    /** "a.b" is the section b of the package a, and "a=b" a package with a value. */
-    void aFileWhoseNameIsNoPackageNameDoesNotHideTheOthers()
+    /** "a.b" is the section b of the package a, and "a=b" the package a with a value. */
+    void filesWithoutAPackageNameAreSkipped()
     {
         m_directory->writeFile(QLatin1String("config/network.bak"), network);
         m_directory->writeFile(QLatin1String("config/network=old"), network);
@@ -297,7 +297,7 @@ private slots:
         QVERIFY(read("config/system").contains("\toption name 'other'\n"));
     }
 
-    void aDirectoryOfPackagesGoesBefore()
+    void packagesOfTheOverridingDirectoryTakePrecedence()
     {
         m_directory->writeFile(QLatin1String("over/system"), "config system main\n\toption name over\n");
         const QString over = m_directory->filePath(QLatin1String("over"));

@@ -30,7 +30,7 @@ struct FreeContext
     static void cleanup(uci_context* context) { uci_free_context(context); }
 };
 
-/** All that a call writes to a stream. */
+/** Everything that a call writes to a stream. */
 template <typename Call> QByteArray written(Call call)
 {
     char* data = nullptr;
@@ -45,7 +45,7 @@ template <typename Call> QByteArray written(Call call)
 
 } // namespace
 
-/** The parts of the public interface that scripts of operations do not reach: macros, streams, texts of errors. */
+/** The parts of the public interface that the recorded vectors do not cover: macros, streams, texts of errors. */
 class TestUci : public QObject
 {
     Q_OBJECT
@@ -79,7 +79,7 @@ private slots:
         QCOMPARE(uci_to_backend(&context->backend->e), context->backend);
     }
 
-    void theListsAreWalkedWithTheMacros()
+    void macrosIterateOverTheLists()
     {
         uci_package* package = load("network");
         uci_element *e, *next;
@@ -99,7 +99,7 @@ private slots:
         QCOMPARE(package->ctx, m_context.data());
     }
 
-    void theInlineLookupsFindOrGiveNull()
+    void inlineLookupsReturnTheElementOrNull()
     {
         uci_package* package = load("network");
         QCOMPARE(uci_lookup_package(m_context.data(), "network"), package);
@@ -113,7 +113,7 @@ private slots:
         QVERIFY(!uci_lookup_option_string(m_context.data(), lan, "dns"));
     }
 
-    void elementsOfTheSameNameAreFoundOneAfterTheOther()
+    void lookupNextFindsAllElementsOfAName()
     {
         uci_package* package = load("network");
         uci_ptr ptr = uci_ptr();
@@ -141,7 +141,7 @@ private slots:
             QByteArray(text + sizeof("package network")));
     }
 
-    void importTakesThePackagesFromTheirLines()
+    void importReadsPackageNamesFromPackageLines()
     {
         uci_package* last = nullptr;
         QCOMPARE(import("package one\nconfig t a\npackage two\nconfig t b\n", nullptr, &last, false), int(UCI_OK));
@@ -154,7 +154,7 @@ private slots:
 #endif
     }
 
-    void importOfOnePackageTakesTheGivenName()
+    void importOfASinglePackageUsesTheGivenName()
     {
         uci_package* package = nullptr;
         QCOMPARE(import("package one\nconfig t a\npackage two\nconfig t b\n", "all", &package, true), int(UCI_OK));
@@ -188,7 +188,7 @@ private slots:
         QVERIFY(!uci_lookup_package(m_context.data(), "new"));
     }
 
-    void errorsHaveATextWithThePlace()
+    void errorTextsContainThePosition()
     {
         m_directory->writeFile(QLatin1String("config/bad"), "config t\n\toption a 'x\ny'\n\toption b 1 2\n");
         uci_package* package = nullptr;
@@ -202,7 +202,7 @@ private slots:
 #endif
     }
 
-    void packagesAreListedOnceEach()
+    void eachPackageIsListedOnce()
     {
         m_directory->writeFile(QLatin1String("config/system"), "");
         m_directory->writeFile(QLatin1String("config/.hidden"), "");
@@ -223,7 +223,7 @@ private slots:
                                        << "wireless");
     }
 
-    void aFileOfTheSecondDirectoryGoesBefore()
+    void filesOfTheSecondDirectoryTakePrecedence()
     {
         m_directory->writeFile(QLatin1String("over/network"), "config t 'x'\n");
         uci_set_conf2dir(m_context.data(), path("over").constData());
@@ -233,7 +233,7 @@ private slots:
         QVERIFY(!uci_lookup_section(m_context.data(), package, "lan"));
     }
 
-    void namesDoNotLeadOutOfTheDirectory_data()
+    void namesCannotLeaveTheDirectory_data()
     {
         QTest::addColumn<QByteArray>("name");
         QTest::newRow("up") << QByteArray("../outside");
@@ -244,7 +244,7 @@ private slots:
         QTest::newRow("hidden") << QByteArray(".network");
     }
 
-    void namesDoNotLeadOutOfTheDirectory()
+    void namesCannotLeaveTheDirectory()
     {
         QFETCH(QByteArray, name);
         m_directory->writeFile(QLatin1String("outside"), "config t 'x'\n");
@@ -257,7 +257,7 @@ private slots:
     }
 
 #ifdef NBASE_OWN_UCI /* libuci has no defined behaviour here */
-    void anEmptySectionNameIsRefused()
+    void emptySectionNamesAreRefused()
     {
         uci_ptr ptr = uci_ptr();
         ptr.package = "network";
@@ -266,7 +266,7 @@ private slots:
         QCOMPARE(uci_set(m_context.data(), &ptr), int(UCI_ERR_INVAL));
     }
 
-    void aListNeedsTheNameOfAnOption()
+    void listsWithoutAnOptionNameAreRefused()
     {
         uci_ptr ptr = uci_ptr();
         ptr.package = "network";
@@ -276,9 +276,8 @@ private slots:
         QCOMPARE(uci_del_list(m_context.data(), &ptr), int(UCI_ERR_INVAL));
     }
 
-    /** A caller goes on with the same place after the option is gone: its section must not take the option's part.
-     */
-    void aPlaceKeepsItsNamesWhenItsElementIsDeleted()
+    /** A caller may reuse the place after deleting the option: the call must not act on its section then. */
+    void placesKeepTheirNamesWhenTheirElementIsDeleted()
     {
         load("network");
         uci_ptr ptr = uci_ptr();
@@ -294,8 +293,8 @@ private slots:
         QCOMPARE(QByteArray(ptr.o->v.string), QByteArray("10.0.0.1"));
     }
 
-    /** The names of these places are those of the elements, and go with them. */
-    void aPlaceFoundOtherwiseNamesNothingWhenItsElementIsGone_data()
+    /** The names of these places are owned by the elements, and freed with them. */
+    void placesWithoutOwnNamesMatchNothingAfterADeletion_data()
     {
         QTest::addColumn<QByteArray>("place");
         QTest::addColumn<bool>("byHandle");
@@ -307,17 +306,17 @@ private slots:
         QTest::newRow("a section by string") << QByteArray("network.@route[0]") << false << QByteArray();
     }
 
-    void aPlaceFoundOtherwiseNamesNothingWhenItsElementIsGone()
+    void placesWithoutOwnNamesMatchNothingAfterADeletion()
     {
         for (int reverted = 0; reverted < 2; ++reverted) {
             init();
-            goOnWithAPlaceThatIsGone(reverted != 0);
+            reusePlaceOfDeletedElement(reverted != 0);
         }
     }
 #endif
 
-    /** The made name is in use before anybody knows what another program adds meanwhile. */
-    void sectionsThatTwoProgramsAddAtOnce_data()
+    /** The generated name is in use before it is known what the other program adds. */
+    void sectionsAddedByTwoProgramsAtTheSameTime_data()
     {
         QTest::addColumn<bool>("named");
         QTest::addColumn<QByteArray>("added");
@@ -329,7 +328,7 @@ private slots:
                           "config route 'theirs'\n\toption via 'theirs'\n\n");
     }
 
-    void sectionsThatTwoProgramsAddAtOnce()
+    void sectionsAddedByTwoProgramsAtTheSameTime()
     {
         QFETCH(bool, named);
         QFETCH(QByteArray, added);
@@ -348,7 +347,7 @@ private slots:
         QCOMPARE(file.mid(file.indexOf(before) + before.size()), added);
     }
 
-    void theStagedChangesAreListed()
+    void stagedChangesAreListed()
     {
         uci_package* package = load("network");
         uci_ptr ptr = uci_ptr();
@@ -368,7 +367,7 @@ private slots:
         QVERIFY(!uci_list_empty(&package->saved_delta));
     }
 
-    void aDirectoryOfChangesIsAddedOnceAndReadBeforeTheStagingDirectory()
+    void deltaDirectoriesAreAddedOnceAndReadBeforeTheStagingDirectory()
     {
         m_directory->writeFile(QLatin1String("more/network"), "network.lan.ip='2'\nnetwork.lan.a='2'\n");
         m_directory->writeFile(QLatin1String("save/network"), "network.lan.ip='3'\n");
@@ -379,7 +378,7 @@ private slots:
         QCOMPARE(QByteArray(uci_lookup_option_string(m_context.data(), lan, "a")), QByteArray("2"));
     }
 
-    void wordsAreReadOutOfAText()
+    void wordsAreReadFromAText()
     {
         QByteArray line("one 'two words' \"thr\\\"ee\"");
         char* position = line.data();
@@ -392,8 +391,8 @@ private slots:
         QCOMPARE(QByteArray(word), QByteArray("thr\"ee"));
     }
 
-#ifdef NBASE_OWN_UCI /* what libuci makes of these is nowhere written */
-    void wordsAreReadOutOfAStream_data()
+#ifdef NBASE_OWN_UCI /* the behaviour of libuci is not documented here */
+    void wordsAreReadFromAStream_data()
     {
         QTest::addColumn<QByteArray>("input");
         QTest::addColumn<QList<QByteArray>>("words");
@@ -434,7 +433,7 @@ private slots:
         wordsRow("many lines", "'" + manyLines + "'\nnext\n", QList<QByteArray>() << manyLines << "next");
     }
 
-    void wordsAreReadOutOfAStream()
+    void wordsAreReadFromAStream()
     {
         QFETCH(QByteArray, input);
         QFETCH(QList<QByteArray>, words);
@@ -452,7 +451,7 @@ private slots:
         std::fclose(stream);
     }
 
-    void theRestOfALineFromAStreamIsReadOn()
+    void theRestOfALineIsKeptForTheNextCall()
     {
         char input[] = "'a\nb' two\n'three\nlines\nlong' four\n";
         FILE* stream = fmemopen(input, sizeof(input) - 1, "r");
@@ -471,7 +470,7 @@ private slots:
         std::fclose(stream);
     }
 
-    void aWordThatIsGivenGoesOnInTheStream()
+    void aWordCanContinueInTheStream()
     {
         char input[] = "b' c\n";
         FILE* stream = fmemopen(input, sizeof(input) - 1, "r");
@@ -487,7 +486,7 @@ private slots:
         std::fclose(stream);
     }
 
-    void aLineWithANulByteIsMalformed_data()
+    void linesWithNulBytesAreMalformed_data()
     {
         QTest::addColumn<QByteArray>("input");
         QTest::newRow("at its beginning") << QByteArray("\0one\nnext\n", 10);
@@ -496,7 +495,7 @@ private slots:
         QTest::newRow("on the second line of a word") << QByteArray("'o\nn\0e'\nnext\n", 13);
     }
 
-    void aLineWithANulByteIsMalformed()
+    void linesWithNulBytesAreMalformed()
     {
         QFETCH(QByteArray, input);
         FILE* stream = fmemopen(input.data(), size_t(input.size()), "r");
@@ -510,8 +509,8 @@ private slots:
         std::fclose(stream);
     }
 
-    /** The place of an error in a file says nothing about a string that is looked up later. */
-    void anErrorInAStringHasNoPlace()
+    /** The position of an error in a file must not be reported for a string that is looked up later. */
+    void errorsInStringsHaveNoPosition()
     {
         m_directory->writeFile(QLatin1String("config/bad"), "rubbish\n");
         uci_package* package = nullptr;
@@ -534,7 +533,7 @@ private slots:
     }
 #endif
 
-    void typesAreTextWithoutBlanks()
+    void typesCannotContainBlanks()
     {
         QVERIFY(uci_validate_text("wifi-iface.x"));
         QVERIFY(!uci_validate_text("a b"));
@@ -542,7 +541,7 @@ private slots:
         QVERIFY(!uci_validate_text("a\n"));
     }
 
-    void optionsAreTakenByTheirNames()
+    void parseSectionFindsOptionsByNameAndType()
     {
         uci_section* lan = uci_lookup_section(m_context.data(), load("network"), "lan");
         const uci_parse_option wanted[] = {
@@ -562,7 +561,7 @@ private slots:
         QVERIFY(uci_hash_options(found, 3) != before);
     }
 
-    /** More elements than are walked, so that they are found by their index, through every change of a name. */
+    /** Enough elements for a hash table, which has to follow each change of a name. */
     void manyElementsAreFoundByName()
     {
         QByteArray input("config t s\n");
@@ -617,7 +616,7 @@ private:
         QCOMPARE(uci_set(package->ctx, &ptr), int(UCI_OK));
     }
 
-    void goOnWithAPlaceThatIsGone(bool reverted)
+    void reusePlaceOfDeletedElement(bool reverted)
     {
         QFETCH(QByteArray, place);
         QFETCH(bool, byHandle);

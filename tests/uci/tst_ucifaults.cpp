@@ -26,7 +26,7 @@
 
 namespace {
 
-/** The files and directories that were flushed, in the order in which they were. */
+/** The files and directories that were flushed, in order. */
 QStringList s_flushed;
 
 void noteFlushed(int file)
@@ -43,7 +43,7 @@ const char second[] = "\nconfig interface 'lan'\n\toption ip '2'\n\n";
 const char oneServer[] = "\nconfig interface 'lan'\n\tlist dns 'a'\n\n";
 const char twoServers[] = "\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\n";
 
-/** Puts a small file system over a directory, and fills it up. */
+/** Mounts a small file system on a directory. */
 void mountFullDisk(const QString& path)
 {
     if (mount("none", QFile::encodeName(path).constData(), "tmpfs", 0, "size=16k,mode=0755") < 0)
@@ -76,7 +76,7 @@ const int changeOwnerCall = SYS_fchown32;
 const int changeOwnerCall = SYS_fchown;
 #endif
 
-/** Where a call of ftruncate() has the size: 32-bit ARM passes 64-bit arguments in pairs of registers. */
+/** The index of the size in the arguments of ftruncate(): 32-bit ARM passes 64-bit arguments in register pairs. */
 #if defined(__arm__)
 const int truncatedSize = 2;
 #else
@@ -84,10 +84,10 @@ const int truncatedSize = 1;
 #endif
 
 /**
- * Makes the kernel end this process, or what else @a action says, when it comes to a system call (see seccomp(2)).
- * Of the calls that cut a file only the one that empties it counts.
+ * Makes the kernel kill this process, or do another @a action, at a system call (see seccomp(2)). Of the calls
+ * that truncate a file only those to size 0 count.
  */
-void dieAt(int systemCall, quint32 action)
+void failAt(int systemCall, quint32 action)
 {
     sock_filter filter[] = {
         {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
@@ -104,7 +104,7 @@ void dieAt(int systemCall, quint32 action)
 
 } // namespace
 
-// The store comes to these before it comes to those of the C library.
+// These override the functions of the C library.
 extern "C" {
 
 __attribute__((visibility("default"))) int fsync(int file)
@@ -120,7 +120,7 @@ __attribute__((visibility("default"))) int fdatasync(int file)
 }
 }
 
-/** What remains when the store cannot do its work, or is killed at it. The directories lie in memory. */
+/** The files after the store has failed or was killed. The directories are in memory. */
 class TestUciFaults : public QObject
 {
     Q_OBJECT
@@ -141,7 +141,7 @@ private slots:
         m_directory.reset();
     }
 
-    void aFullDiskFailsTheCommitAndKeepsBothFiles()
+    void fullDiskFailsTheCommitAndKeepsBothFiles()
     {
         const QString config = m_directory->filePath(QLatin1String("config"));
         mountFullDisk(config);
@@ -164,7 +164,7 @@ private slots:
         NPrivateNamespace::unmount(config);
     }
 
-    void aFullStagingDiskKeepsTheChangesPending()
+    void fullStagingDiskKeepsTheChangesPending()
     {
         const QString save = m_directory->filePath(QLatin1String("save"));
         mountFullDisk(save);
@@ -183,7 +183,7 @@ private slots:
         NPrivateNamespace::unmount(save);
     }
 
-    void aReadOnlyDirectoryFailsTheCommit()
+    void readOnlyDirectoryFailsTheCommit()
     {
         const QByteArray config = QFile::encodeName(m_directory->filePath(QLatin1String("config")));
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
@@ -199,7 +199,7 @@ private slots:
         QCOMPARE(m_store->config("network"), QByteArray(second));
     }
 
-    void aReadOnlyFileSystemFailsTheCommitAndIsStillRead()
+    void readOnlyFileSystemFailsTheCommitAndIsStillRead()
     {
         const QByteArray config = QFile::encodeName(m_directory->filePath(QLatin1String("config")));
         QCOMPARE(mount("none", config.constData(), "tmpfs", 0, "mode=0755"), 0);
@@ -213,7 +213,7 @@ private slots:
         QCOMPARE(umount(config.constData()), 0);
     }
 
-    void aMissingDirectoryFailsTheCommit()
+    void missingDirectoryFailsTheCommit()
     {
         const QString config = m_directory->filePath(QLatin1String("config"));
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
@@ -225,17 +225,17 @@ private slots:
         QCOMPARE(m_store->config("network"), QByteArray(second));
     }
 
-    void aFileThatCannotBeParsedFailsTheCommit_data()
+    void malformedFileFailsTheCommit_data()
     {
         QTest::addColumn<QByteArray>("text");
         QTest::newRow("half a line") << QByteArray("config interface lan\n\toption ip 'x");
-        QTest::newRow("a block of NUL bytes, as power loss leaves it") << QByteArray(4096, '\0');
-        QTest::newRow("NUL bytes behind the text") << QByteArray(first) + QByteArray(10, '\0');
-        QTest::newRow("no text at all") << QByteArray("\x7f"
-                                                      "ELF\x02\x01");
+        QTest::newRow("a block of NUL bytes, as after a power loss") << QByteArray(4096, '\0');
+        QTest::newRow("NUL bytes after the text") << QByteArray(first) + QByteArray(10, '\0');
+        QTest::newRow("a binary file") << QByteArray("\x7f"
+                                                     "ELF\x02\x01");
     }
 
-    void aFileThatCannotBeParsedFailsTheCommit()
+    void malformedFileFailsTheCommit()
     {
         QFETCH(QByteArray, text);
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
@@ -248,7 +248,7 @@ private slots:
         QCOMPARE(m_store->config("network"), QByteArray(second));
     }
 
-    void aFileThatNoMemoryCanHoldFailsAndStays()
+    void filesLargerThanMemoryFailToLoadAndAreKept()
     {
         const QByteArray file = QFile::encodeName(m_store->configFile("network"));
         QCOMPARE(truncate(file.constData(), std::numeric_limits<qint64>::max()), 0);
@@ -260,7 +260,7 @@ private slots:
         QCOMPARE(qint64(status.st_size), std::numeric_limits<qint64>::max());
     }
 
-    void aFailedCommitMakesNoPackageFile()
+    void failedCommitCreatesNoPackageFile()
     {
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
         QVERIFY(QFile::remove(m_store->configFile("network")));
@@ -274,7 +274,7 @@ private slots:
         QCOMPARE(m_store->config("network"), QByteArray(first));
     }
 
-    void aFailedCommitMakesNoFileThatALinkLeadsTo()
+    void failedCommitDoesNotCreateTheTargetOfALink()
     {
         const QString target = m_directory->filePath(QLatin1String("target"));
         QVERIFY(QFile::rename(m_store->configFile("network"), target));
@@ -289,7 +289,7 @@ private slots:
         QCOMPARE(QFile::symLinkTarget(m_store->configFile("network")), target);
     }
 
-    void aFailedFirstCommitMakesNoPackageFile()
+    void failedFirstCommitCreatesNoPackageFile()
     {
         char text[] = "config t 'a'\n";
         FILE* stream = fmemopen(text, sizeof(text) - 1, "r");
@@ -305,19 +305,19 @@ private slots:
         QCOMPARE(m_store->config("new"), QByteArray("(missing)"));
     }
 
-    void whatIsWrittenIsFlushedBeforeItIsReliedOn()
+    void filesAreFlushedInOrder()
     {
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
         s_flushed.clear();
         QCOMPARE(m_store->save("network"), int(UCI_OK));
-        QCOMPARE(s_flushed, flushed("network save")); /* the file is new in its directory */
+        QCOMPARE(s_flushed, flushed("network save")); /* a new file, so its directory as well */
         QCOMPARE(m_store->set("network.lan.a=1"), int(UCI_OK));
         s_flushed.clear();
         QCOMPARE(m_store->save("network"), int(UCI_OK));
         QCOMPARE(s_flushed, flushed("network"));
         s_flushed.clear();
         QCOMPARE(m_store->commit("network"), int(UCI_OK));
-        /* The new contents, the mark, the replaced file's directory; last the emptied changes. */
+        /* The new contents, the mark, the directory of the replaced file, the emptied changes. */
         QCOMPARE(s_flushed, flushed(".network.uci-new network config network"));
         QCOMPARE(m_store->set("network.lan.b=1"), int(UCI_OK));
         QCOMPARE(m_store->set("network.lan.c=1"), int(UCI_OK));
@@ -327,7 +327,7 @@ private slots:
         QCOMPARE(s_flushed, flushed(".network.uci-new save"));
     }
 
-    void changesOfAPackageOfTheFirstDirectoryAreAsOpenAsItsFile()
+    void stagedChangesOfAnOverridingPackageGetTheModeOfItsFile()
     {
         const QString over = m_directory->filePath(QLatin1String("over"));
         QVERIFY(QDir().mkpath(over));
@@ -342,13 +342,13 @@ private slots:
         QCOMPARE(int(status.st_mode & 0777), 0600);
     }
 
-    void modeAndOwnerOfThePackageFileStay()
+    void modeAndOwnerOfThePackageFileAreKept()
     {
         const QByteArray file = QFile::encodeName(m_store->configFile("network"));
         struct stat before, after;
         QCOMPARE(chmod(file.constData(), 0640), 0);
         if (geteuid() == 0) {
-            /* In a user namespace only the own user exists. */
+            /* In a user namespace only the current user exists. */
             const int result = chown(file.constData(), 12, 34);
             Q_UNUSED(result);
         }
@@ -362,11 +362,11 @@ private slots:
         QCOMPARE(after.st_gid, before.st_gid);
     }
 
-    void anOwnerThatCannotBeKeptFailsTheCommit()
+    void ownerThatCannotBeKeptFailsTheCommit()
     {
         const QByteArray file = QFile::encodeName(m_store->configFile("network"));
         if (chown(file.constData(), 12, 34) < 0) {
-            QCOMPARE(errno, EINVAL); /* in a user namespace only the own user exists */
+            QCOMPARE(errno, EINVAL); /* in a user namespace only the current user exists */
             return;
         }
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
@@ -380,17 +380,17 @@ private slots:
         QCOMPARE(int(status.st_uid), 12);
     }
 
-    void stagedLinesWithNulBytesAreRefusedAndKeepARevertFromTakingAnythingBack_data()
+    void stagedLinesWithNulBytesAreRefusedAndPreventReverts_data()
     {
         QTest::addColumn<QByteArray>("line");
         QTest::newRow("in a value") << QByteArray("network.lan.b='2\0003'\n", 20);
         QTest::newRow("in the section") << QByteArray("network.lan\0.b='2'\n", 19);
         QTest::newRow("before the line") << QByteArray("\0network.lan.b='2'\n", 19);
-        QTest::newRow("behind the value") << QByteArray("network.lan.b='2'\0\n", 19);
-        QTest::newRow("nothing else") << QByteArray("\0\0\0\n", 4);
+        QTest::newRow("after the value") << QByteArray("network.lan.b='2'\0\n", 19);
+        QTest::newRow("NUL bytes only") << QByteArray("\0\0\0\n", 4);
     }
 
-    void stagedLinesWithNulBytesAreRefusedAndKeepARevertFromTakingAnythingBack()
+    void stagedLinesWithNulBytesAreRefusedAndPreventReverts()
     {
         QFETCH(QByteArray, line);
         const QByteArray staged = "network.lan.a='1'\n" + line + "network.lan.c='3'\n";
@@ -406,7 +406,7 @@ private slots:
             QByteArray("\nconfig interface 'lan'\n\toption ip '1'\n\toption a '1'\n\toption c '3'\n\n"));
     }
 
-    void aCommitThatOverwritesDoesNotWriteANameThatCannotBeRead_data()
+    void overwritingCommitRefusesInvalidNames_data()
     {
         QTest::addColumn<QByteArray>("section");
         QTest::addColumn<QByteArray>("option");
@@ -415,7 +415,7 @@ private slots:
         QTest::newRow("a section") << QByteArray("not a name") << QByteArray() << QByteArray("interface");
     }
 
-    void aCommitThatOverwritesDoesNotWriteANameThatCannotBeRead()
+    void overwritingCommitRefusesInvalidNames()
     {
         QFETCH(QByteArray, section);
         QFETCH(QByteArray, option);
@@ -434,7 +434,7 @@ private slots:
         QCOMPARE(m_store->staged("network"), QByteArray("network.lan.ip='2'\n"));
     }
 
-    void aCommitThatEndedBeforeTheChangesWereEmptiedIsNotRepeatedByTheNextChange()
+    void interruptedCommitIsNotRepeatedByTheNextChange()
     {
         m_store->writeConfig("network", oneServer);
         QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
@@ -449,7 +449,7 @@ private slots:
         QCOMPARE(m_store->staged("network"), QByteArray());
     }
 
-    void whatSuchACommitHadWrittenIsNotTakenBackByARevert()
+    void interruptedCommitIsNotReverted()
     {
         m_store->writeConfig("network", oneServer);
         QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
@@ -460,7 +460,7 @@ private slots:
         QCOMPARE(m_store->staged("network"), QByteArray());
     }
 
-    void aValueThatLooksLikeTheMarkOfACommitIsAValue()
+    void valueWithTheTextOfAMarkIsAValue()
     {
         m_store->writeConfig("network", oneServer);
         QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
@@ -477,7 +477,7 @@ private slots:
         QCOMPARE(m_store->value("network.lan.text"), "x\n" + mark);
     }
 
-    void theChangesAreAppliedIfThePackageFileIsAnotherOneByThen()
+    void changesAreAppliedIfThePackageFileChangedAfterAnInterruptedCommit()
     {
         m_store->writeConfig("network", oneServer);
         QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
@@ -488,7 +488,7 @@ private slots:
         QCOMPARE(m_store->config("network"), QByteArray(twoServers));
     }
 
-    void aProcessThatEndsWithinACommitLosesAndRepeatsNothing_data()
+    void killedCommitLosesAndRepeatsNothing_data()
     {
         QTest::addColumn<int>("systemCall");
         QTest::addColumn<bool>("written");
@@ -497,7 +497,7 @@ private slots:
         QTest::newRow("before the changes are emptied") << truncateCall << true;
     }
 
-    void aProcessThatEndsWithinACommitLosesAndRepeatsNothing()
+    void killedCommitLosesAndRepeatsNothing()
     {
         QFETCH(int, systemCall);
         QFETCH(bool, written);
@@ -511,7 +511,7 @@ private slots:
         QCOMPARE(m_store->staged("network"), QByteArray());
     }
 
-    void halfALineOfAKilledWriterDoesNotSpoilTheNextChange()
+    void incompleteLineDoesNotSpoilTheNextChange()
     {
         m_store->writeStaged("network", "network.lan.a='1'\nnetwork.lan.b=2");
         QCOMPARE(m_store->set("network.lan.c=3"), int(UCI_OK));
@@ -521,17 +521,17 @@ private slots:
         QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
     }
 
-    void halfAQuotedLineOfAKilledWriterDoesNotSpoilTheNextChange_data()
+    void incompleteQuotedLineDoesNotSpoilTheNextChange_data()
     {
         QTest::addColumn<QByteArray>("half");
         QTest::newRow("within a value") << QByteArray("network.lan.b='half");
-        QTest::newRow("behind a newline of the value") << QByteArray("network.lan.b='half\n");
-        QTest::newRow("behind a backslash") << QByteArray("network.lan.b='it'\\");
-        QTest::newRow("behind a backslash and a newline") << QByteArray("network.lan.b='it'\\\n");
+        QTest::newRow("after a newline of the value") << QByteArray("network.lan.b='half\n");
+        QTest::newRow("after a backslash") << QByteArray("network.lan.b='it'\\");
+        QTest::newRow("after a backslash and a newline") << QByteArray("network.lan.b='it'\\\n");
         QTest::newRow("within double quotes") << QByteArray("network.lan.b=\"half\\\n");
     }
 
-    void halfAQuotedLineOfAKilledWriterDoesNotSpoilTheNextChange()
+    void incompleteQuotedLineDoesNotSpoilTheNextChange()
     {
         QFETCH(QByteArray, half);
         m_store->writeStaged("network", "network.lan.a='1'\n" + half);
@@ -544,7 +544,7 @@ private slots:
         QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
     }
 
-    void halfAQuotedLineDoesNotTakeTheMarkOfAnInterruptedCommitWithIt()
+    void incompleteQuotedLineAfterAMarkDoesNotRemoveTheMark()
     {
         m_store->writeConfig("network", oneServer);
         QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
@@ -558,12 +558,12 @@ private slots:
             QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\toption c '3'\n\n"));
     }
 
-    void halfAQuotedLineDoesNotHideThatACommitWasInterrupted_data()
+    void incompleteQuotedLineDoesNotHideAnInterruptedCommit_data()
     {
-        halfAQuotedLineOfAKilledWriterDoesNotSpoilTheNextChange_data();
+        incompleteQuotedLineDoesNotSpoilTheNextChange_data();
     }
 
-    void halfAQuotedLineDoesNotHideThatACommitWasInterrupted()
+    void incompleteQuotedLineDoesNotHideAnInterruptedCommit()
     {
         QFETCH(QByteArray, half);
         m_store->writeConfig("network", oneServer);
@@ -576,7 +576,7 @@ private slots:
         QCOMPARE(m_store->staged("network"), QByteArray());
     }
 
-    void aCommitThatFailsAfterItHasDroppedHalfALineLeavesTheWholeOnes()
+    void failedCommitKeepsTheCompleteLines()
     {
         m_store->writeConfig("network", oneServer);
         m_store->writeStaged("network", "|network.lan.dns='b'\nnetwork.lan.b='half\n");
@@ -585,7 +585,7 @@ private slots:
         QCOMPARE(m_store->staged("network"), QByteArray("|network.lan.dns='b'\n"));
     }
 
-    void namesThatLookLikeMoreDoNotReachOtherChanges_data()
+    void invalidNamesDoNotAffectOtherChanges_data()
     {
         QTest::addColumn<QByteArray>("section");
         QTest::addColumn<QByteArray>("option");
@@ -598,7 +598,7 @@ private slots:
         QTest::newRow("a section with a dot") << QByteArray("lan.ip") << QByteArray();
     }
 
-    void namesThatLookLikeMoreDoNotReachOtherChanges()
+    void invalidNamesDoNotAffectOtherChanges()
     {
         QFETCH(QByteArray, section);
         QFETCH(QByteArray, option);
@@ -616,7 +616,7 @@ private slots:
             QByteArray("\nconfig interface 'lan'\n\toption ip '1'\n\toption after '1'\n\n"));
     }
 
-    void aFileOutsideIsNotWrittenWithANameThatCannotBeRead()
+    void fileOutsideIsNotWrittenWithAnInvalidName()
     {
         const QByteArray path = QFile::encodeName(m_directory->filePath(QLatin1String("outside")));
         UciStore::writeFile(QFile::decodeName(path), first);
@@ -632,8 +632,8 @@ private slots:
         QCOMPARE(UciStore::readFile(QFile::decodeName(path)), QByteArray(first));
     }
 
-    /** The killed process adds numbered items; each that it has reported as committed has to be there, once. */
-    void aProcessKilledWhileCommittingLeavesTheOldOrTheNewFile()
+    /** The killed process adds numbered items; each one that it has reported as committed has to be there once. */
+    void killedProcessLeavesTheOldOrTheNewFile()
     {
         m_store->writeConfig("network", "\nconfig interface 'lan'\n\tlist n '0'\n\n");
         std::srand(1);
@@ -660,7 +660,7 @@ private slots:
 private:
     static QStringList flushed(const char* names) { return QString::fromLatin1(names).split(QLatin1Char(' ')); }
 
-    /** Stages what is pending, and commits in a process that ends when it comes to a system call. */
+    /** Stages the pending changes, and commits in a process that is killed at a system call. */
     void commitUntil(int systemCall)
     {
         int status = 0;
@@ -668,7 +668,7 @@ private:
         QVERIFY(WIFSIGNALED(status));
     }
 
-    /** Stages what is pending, and commits in a process whose system call fails. */
+    /** Stages the pending changes, and commits in a process whose system call fails. */
     void commitFailing(int systemCall, int error)
     {
         int status = 0;
@@ -682,13 +682,13 @@ private:
         QCOMPARE(m_store->save("network"), int(UCI_OK));
         const pid_t child = fork();
         if (child == 0) {
-            dieAt(systemCall, action);
+            failAt(systemCall, action);
             _exit(m_store->commit("network"));
         }
         QCOMPARE(waitpid(child, status, 0), child);
     }
 
-    /** The number of the last item, if the file is whole and holds each number up to it once; -1 otherwise. */
+    /** The number of the last item, if the file is complete and has each number up to it once; -1 otherwise. */
     static int countItems(const QByteArray& text)
     {
         QByteArray expected("\nconfig interface 'lan'\n");
@@ -698,7 +698,7 @@ private:
         return text == expected + '\n' ? count - 1 : -1;
     }
 
-    /** Commits items from @a next on in another process and kills it. @return the last number that it reported. */
+    /** Commits items from @a next on in another process and kills it. @return the last number reported. */
     int runAndKill(int next)
     {
         int report[2];
@@ -706,10 +706,10 @@ private:
             qFatal("no pipe");
         const pid_t child = fork();
         if (child == 0)
-            commitForEver(next, report[1]);
+            commitForever(next, report[1]);
         ::close(report[1]);
         int number = next - 1;
-        /* Wait for the process to be at work, then for an arbitrary moment of it. */
+        /* Wait until the process is running, then until a random moment. */
         if (::read(report[0], &number, sizeof(number)) != ssize_t(sizeof(number)))
             qFatal("the other process ended");
         usleep(useconds_t(std::rand() % 1000));
@@ -721,10 +721,10 @@ private:
         return number;
     }
 
-    void commitForEver(int next, int report)
+    void commitForever(int next, int report)
     {
         m_store->reopen();
-        /* The change that the last process had staged when it was killed is its own, and is not added again. */
+        /* The last process may have staged a change before it was killed; it must not be added again. */
         m_store->revert("network");
         int known = -1;
         while (::write(report, known < 0 ? &(known = next - 1) : &known, sizeof(known)) > 0) {

@@ -20,7 +20,7 @@ void fail(const char* what, const QByteArray& section, int round, int result)
     _exit(1);
 }
 
-/** Changes one section of the package over and over, and compares what is read with what it knows. */
+/** Changes one section of the package repeatedly, and compares what is read with what was committed. */
 class Writer
 {
 public:
@@ -41,7 +41,7 @@ public:
                 stageAndRevert();
                 break;
             case 1:
-                stageAndCommitAnew();
+                stageReopenAndCommit();
                 break;
             default:
                 commit();
@@ -63,7 +63,7 @@ private:
     {
         const int found = m_store.value(place()).toInt();
         if (found != value)
-            fail("what was committed is lost", m_section, m_round, found);
+            fail("a committed value is lost", m_section, m_round, found);
         m_known = value;
     }
 
@@ -73,16 +73,16 @@ private:
         expect(m_round);
     }
 
-    void stageAndCommitAnew()
+    void stageReopenAndCommit()
     {
         check("save", m_store.save("network"));
         m_store.reopen();
         expect(m_round);
-        check("commit of what was staged", m_store.commit("network"));
+        check("commit of the staged change", m_store.commit("network"));
         expect(m_round);
     }
 
-    /** Between the two the other process may commit what is staged. */
+    /** Between the two calls the other process may commit the staged change. */
     void stageAndRevert()
     {
         check("save", m_store.save("network"));
@@ -110,13 +110,13 @@ pid_t start(const QString& path, const QByteArray& section)
 
 } // namespace
 
-/** Two processes that change one package at once. */
+/** Two processes that change one package at the same time. */
 class TestUciProcesses : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void nothingIsLostAndNoHalfFileIsReadWhileTwoProcessesCommit()
+    void concurrentCommitsLoseNothingAndLeaveNoHalfFile()
     {
         NTemporaryDirectory directory;
         NPrivateNamespace::mountEmptyDirectory(directory.path());
@@ -144,7 +144,7 @@ private slots:
             QVERIFY(reads > 1);
             store.reopen();
             QCOMPARE(store.commit("network"), int(UCI_OK));
-            /* The last round of each is one that takes back, so that the one before may be what is left. */
+            /* The last round of each process reverts, so that the value may be that of the round before. */
             QVERIFY(store.value("network.a.n").toInt() >= rounds - 1);
             QVERIFY(store.value("network.b.n").toInt() >= rounds - 1);
         }

@@ -1,6 +1,6 @@
 /*
- * ucidrive - runs a script of configuration operations through <uci.h> and prints a transcript of what the library
- * answered; tests/data/uci/README.md describes both.
+ * ucidrive - runs a script of configuration operations through <uci.h> and prints a transcript of the results;
+ * tests/data/uci/README.md describes both.
  *
  * usage: ucidrive CONFDIR SAVEDIR SCRIPT
  *
@@ -154,7 +154,7 @@ static void put_option(struct uci_option* o)
     }
 }
 
-/* say so unless an element has its type, its place in a list and its owner */
+/* report an element with a wrong type, neighbour in its list or owner */
 static void check(struct uci_element* e, enum uci_type type, int owned)
 {
     if (e->type != type || e->list.next->prev != &e->list || e->list.prev->next != &e->list || !owned)
@@ -257,7 +257,7 @@ static void op_place(void)
     else
         rc = op->on_place(CTX, &ptr);
     put_code(rc);
-    /* what a caller may go on to use after setting something */
+    /* what a caller may use after setting something */
     if (!rc && (op->on_place == uci_set || op->on_place == uci_add_list))
         put_found(&ptr);
 }
@@ -317,12 +317,12 @@ static void op_commit(void)
         return;
     rc = uci_commit(CTX, &p, args > 1 && !strcmp(arg[1], "overwrite"));
     put_code(rc);
-    /* the pointer handed back has to be the package that is loaded now */
+    /* the returned pointer has to be the package that is loaded now */
     if (rc == UCI_OK && loaded(arg[0]) != p)
         fputs(" stale-pointer", stdout);
 }
 
-/* "newcontext" starts afresh; "context N" goes over to another context */
+/* "newcontext" replaces the context; "context N" switches to another one */
 static void op_context(void)
 {
     int rc = UCI_OK;

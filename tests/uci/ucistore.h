@@ -23,17 +23,17 @@ public:
     QByteArray config(const char* name) const;
     QByteArray staged(const char* name) const;
 
-    /** Does what the call of the same name does with a place given as one string. @return the call's result. */
+    /** Calls the function of the same name for a place given as one string, and returns its result. */
     int set(const QByteArray& place) const;
     int addList(const QByteArray& place) const;
     int revert(const QByteArray& place) const;
     int save(const char* package) const;
     int commit(const char* package) const;
 
-    /** The value of an option that is no list; null if there is none. */
+    /** The value of an option that is not a list; null if there is none. */
     QByteArray value(const QByteArray& place) const;
 
-    /** Forgets what is loaded. */
+    /** Replaces the context by a new one. */
     void reopen();
 
     static QByteArray readFile(const QString& path);
