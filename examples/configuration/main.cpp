@@ -15,11 +15,11 @@ int main(int argc, char** argv)
     const QString lan = QString::fromLatin1("lan");
     const QString mtu = QString::fromLatin1("mtu");
 
-    // What is not there, or is no such value, is the default.
+    // The default is returned if the option does not exist or is not a number.
     QTextStream output(stdout);
-    output << "size of packets: " << cursor.optionAsInt(network, lan, mtu, 1500) << '\n';
+    output << "MTU: " << cursor.optionAsInt(network, lan, mtu, 1500) << '\n';
 
-    // An option is never made in a section that is not there.
+    // An option cannot be set in a missing section.
     if (!cursor.section(network, lan))
         cursor.setSection(network, lan, QString::fromLatin1("interface"));
     const QStringList servers = QStringList()
@@ -27,10 +27,10 @@ int main(int argc, char** argv)
     const bool changed = cursor.setOption(network, lan, mtu, QString::fromLatin1("1400")) &&
                          cursor.setOption(network, lan, QString::fromLatin1("dns"), servers);
     if (!changed || !cursor.commit(network)) {
-        cursor.load(network); // forgets what is half done
+        cursor.load(network); // drops the changes made so far
         output << "the configuration could not be changed\n";
         return 1;
     }
-    output << "size of packets: " << cursor.optionAsInt(network, lan, mtu, 1500) << '\n';
+    output << "MTU: " << cursor.optionAsInt(network, lan, mtu, 1500) << '\n';
     return 0;
 }

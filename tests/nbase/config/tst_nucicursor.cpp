@@ -1786,7 +1786,7 @@ void tst_NUciCursor::exampleOfTheGuideChangesTheConfiguration()
         QStringList() << m_directory->filePath(latin1("config")) << m_directory->filePath(latin1("save")));
     QVERIFY(example.waitForFinished());
     QCOMPARE(example.exitCode(), 0);
-    QCOMPARE(example.readAllStandardOutput(), QByteArray("size of packets: 1500\nsize of packets: 1400\n"));
+    QCOMPARE(example.readAllStandardOutput(), QByteArray("MTU: 1500\nMTU: 1400\n"));
     QCOMPARE(
         readFile(configPath("network")), QByteArray("\n"
                                                     "config interface 'lan'\n"
