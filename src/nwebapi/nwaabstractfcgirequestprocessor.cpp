@@ -10,7 +10,7 @@ bool isMultipart(const QString& contentType)
     return contentType.startsWith(QLatin1String("multipart/"));
 }
 
-// Reads the body, which is there as a whole unless it is a streamed form. Returns whether it came to its end.
+// Reads the body, which has arrived completely unless it is a streamed form. Returns whether it is complete.
 bool readWholeBody(NwaFcgiRequest* request, QByteArray& body)
 {
     char buffer[4096];
@@ -36,17 +36,17 @@ QString NwaAbstractFcgiRequestProcessor::parseContentType(NwaFcgiRequest* reques
 QVariant NwaAbstractFcgiRequestProcessor::parseJsonContent(
     NwaFcgiRequest* request, bool* ok, int maximumDepth, int maximumValueCount)
 {
-    *ok = false;
-    if (isMultipart(parseContentType(request))) {
-        request->sendHttpError(NwaFcgiRequest::UnsupportedMediaType);
-        return QVariant();
-    }
-
-    QByteArray body;
+    bool isParsed = false;
     QVariant document;
-    if (readWholeBody(request, body))
-        document = NwaJson::parse(body, ok, maximumDepth, maximumValueCount);
-    if (!*ok)
+    QByteArray body;
+    if (isMultipart(parseContentType(request)))
+        request->sendHttpError(NwaFcgiRequest::UnsupportedMediaType);
+    else if (readWholeBody(request, body))
+        document = NwaJson::parse(body, &isParsed, maximumDepth, maximumValueCount);
+    // Does nothing after another answer.
+    if (!isParsed)
         request->sendHttpError(NwaFcgiRequest::BadRequest);
+    if (ok)
+        *ok = isParsed;
     return document;
 }

@@ -9,7 +9,7 @@
 
 class NwaFcgiRequest;
 
-/** What answers the requests to a service. */
+/** Answers the requests to a service. */
 class NWEBAPI_EXPORT NwaAbstractFcgiRequestProcessor
 {
 public:
@@ -26,13 +26,13 @@ protected:
     static QString parseContentType(NwaFcgiRequest* request);
 
     /**
-     * Reads the body of @a request as a JSON document (see NwaJson), whatever type it is announced as; only a
-     * form in parts ("multipart/..."), which may not have arrived yet, is refused.
-     * @param ok set to whether that succeeded. When it did not, the request has been answered already (400, or 415
-     * for a form) and is still to be deleted.
+     * Reads the body of @a request as a JSON document (see NwaJson). Every content type is accepted except a form
+     * in parts ("multipart/..."), whose body may not have arrived yet.
+     * @param ok set to whether that succeeded; may be null. On failure the request has been answered (400, or 415
+     * for a form) and must still be deleted.
      * @param maximumDepth how deep arrays and objects may be nested.
      * @param maximumValueCount how many values the document may have.
-     * @return the document's value.
+     * @return the document's value, an invalid one on failure.
      */
     static QVariant parseJsonContent(
         NwaFcgiRequest* request, bool* ok, int maximumDepth = NwaJson::DefaultMaximumDepth,

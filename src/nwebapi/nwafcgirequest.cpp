@@ -4,6 +4,8 @@
 #include <nwebapi/nwahttpcontentheader.h>
 #include <nwebapi/nwahttpgrammar_p.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <ostream>
 #include <streambuf>
 #include <string.h>
@@ -191,7 +193,7 @@ void NwaFcgiRequest::sendHttpError(StandardHttpError error, const HeaderFields& 
 {
     if (isAnswered())
         return;
-    NwaHttpContentHeader header(QString::fromLatin1("text/plain"), QString::fromLatin1("utf-8"));
+    NwaHttpContentHeader header(latin1("text/plain"), latin1("utf-8"));
     header.setStatus(error);
     for (int index = 0; index < fields.size(); ++index)
         header.addField(fields.at(index).first, fields.at(index).second);

@@ -1,6 +1,8 @@
 #include <nwebapi/nwahttpjsonheader.h>
 
+#include <nsystem/nlatin1_p.h>
+
 NwaHttpJsonHeader::NwaHttpJsonHeader(const QString& charset)
-    : NwaHttpContentHeader(QString::fromLatin1("application/json"), charset)
+    : NwaHttpContentHeader(latin1("application/json"), charset)
 {
 }

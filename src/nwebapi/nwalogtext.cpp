@@ -1,5 +1,7 @@
 #include <nwebapi/nwalogtext.h>
 
+#include <nsystem/nlatin1_p.h>
+
 namespace {
 
 bool isControlCharacter(QChar character)
@@ -17,7 +19,7 @@ QString NwaLogText::fromClient(const QString& text)
     for (int index = 0; index < text.size(); ++index) {
         const QChar character = text.at(index);
         if (isControlCharacter(character))
-            result += QString::fromLatin1("\\x%1").arg(character.unicode(), 2, 16, QLatin1Char('0'));
+            result += latin1("\\x%1").arg(character.unicode(), 2, 16, QLatin1Char('0'));
         else
             result += character;
     }

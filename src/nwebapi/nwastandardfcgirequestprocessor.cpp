@@ -1,10 +1,11 @@
 #include <nwebapi/nwastandardfcgirequestprocessor.h>
 
 #include <nwebapi/nwaabstractfcgisessionidentifier.h>
-#include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwahttpjsonheader.h>
 #include <nwebapi/nwajson.h>
 #include <nwebapi/nwalogtext.h>
+
+#include <nsystem/nlatin1_p.h>
 
 #include <ostream>
 
@@ -15,9 +16,10 @@ void write(std::ostream& stream, const QByteArray& bytes)
     stream.write(bytes.constData(), bytes.size());
 }
 
-void refuse(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error)
+void send(NwaFcgiRequest* request, const NwaHttpJsonHeader& header, const QByteArray& document)
 {
-    request->sendHttpError(error);
+    request->outputStream() << header;
+    write(request->outputStream(), document);
     delete request;
 }
 
@@ -26,7 +28,7 @@ bool changesSomething(const QString& method)
     return method != QLatin1String("GET") && method != QLatin1String("HEAD") && method != QLatin1String("OPTIONS");
 }
 
-// Host and port of a URI in lower case, without the port that goes without saying.
+// Host and port of a URI in lower case, without the scheme's default port.
 QByteArray normalisedAuthority(const QByteArray& authority, const QByteArray& defaultPort)
 {
     QByteArray result = authority.toLower();
@@ -37,9 +39,9 @@ QByteArray normalisedAuthority(const QByteArray& authority, const QByteArray& de
     return result;
 }
 
-// Whether a browser sent @a request on behalf of a page that another host has served (RFC 6454). The scheme
-// decides only which port is meant, because the device cannot know whether TLS ended at a proxy before it. Clients
-// that are no browsers send no origin.
+// Whether a browser sent the request on behalf of a page from another host (RFC 6454). The scheme only selects the
+// default port, because the device cannot know whether TLS ended at a proxy in front of it. Clients that are not
+// browsers send no origin.
 bool hasForeignOrigin(const NwaFcgiRequest* request)
 {
     const QByteArray origin = request->variable("HTTP_ORIGIN");
@@ -77,8 +79,7 @@ QByteArray allowedMethods(NwaStandardFcgiRequestProcessor::Methods methods)
 
 QString refusalTemplate(const QString& reason)
 {
-    return QString::fromLatin1("Error in request processor for request to script \"%1\" with path info \"%2\": ") +
-           reason;
+    return latin1("Error in request processor for request to script \"%1\" with path info \"%2\": ") + reason;
 }
 
 void writeLatin1(NwaFcgiRequest* request, const QString& text)
@@ -110,7 +111,7 @@ void NwaStandardFcgiRequestProcessor::processRequest(NwaFcgiRequest* request)
 {
     const QString method = request->method();
     if (changesSomething(method) && hasForeignOrigin(request))
-        return refuse(request, NwaFcgiRequest::Forbidden);
+        return refuseRequest(request, NwaFcgiRequest::Forbidden);
 
     if (method == QLatin1String("GET"))
         return processGetMethod(request);
@@ -124,7 +125,7 @@ void NwaStandardFcgiRequestProcessor::processRequest(NwaFcgiRequest* request)
         return processOtherMethod(request, method);
 
     if (request->contentLength() != 0)
-        return refuse(request, NwaFcgiRequest::BadRequest);
+        return refuseRequest(request, NwaFcgiRequest::BadRequest);
     processGetMethod(request);
 }
 
@@ -168,12 +169,59 @@ NwaWebSession* NwaStandardFcgiRequestProcessor::authenticateRequest(NwaFcgiReque
     return nullptr;
 }
 
+NwaWebSession* NwaStandardFcgiRequestProcessor::requireSession(NwaFcgiRequest* request, Activity activity)
+{
+    NwaWebSession* const session = authenticateRequest(request, activity == Passive);
+    if (!session)
+        delete request;
+    return session;
+}
+
+bool NwaStandardFcgiRequestProcessor::requireJsonContent(
+    NwaFcgiRequest* request, QVariant& document, int maximumDepth, int maximumValueCount)
+{
+    bool ok = false;
+    document = parseJsonContent(request, &ok, maximumDepth, maximumValueCount);
+    if (!ok)
+        delete request;
+    return ok;
+}
+
 void NwaStandardFcgiRequestProcessor::processNotAllowedMethod(NwaFcgiRequest* request)
 {
     NwaFcgiRequest::HeaderFields fields;
     fields.append(qMakePair(QByteArray("Allow"), allowedMethods(m_servedMethods)));
     request->sendHttpError(NwaFcgiRequest::MethodNotAllowed, fields);
     delete request;
+}
+
+void NwaStandardFcgiRequestProcessor::refuseRequest(
+    NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error)
+{
+    request->sendHttpError(error);
+    delete request;
+}
+
+void NwaStandardFcgiRequestProcessor::refuseRequest(
+    NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& reason)
+{
+    writeRefusal(request, reason);
+    refuseRequest(request, error);
+}
+
+void NwaStandardFcgiRequestProcessor::refuseRequest(
+    NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& reason, const QString& third)
+{
+    writeRefusal(request, reason, third);
+    refuseRequest(request, error);
+}
+
+void NwaStandardFcgiRequestProcessor::refuseRequest(
+    NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& reason, const QString& third,
+    const QString& fourth)
+{
+    writeRefusal(request, reason, third, fourth);
+    refuseRequest(request, error);
 }
 
 void NwaStandardFcgiRequestProcessor::writeRefusal(NwaFcgiRequest* request, const QString& reason)
@@ -203,9 +251,13 @@ void NwaStandardFcgiRequestProcessor::sendJsonReply(NwaFcgiRequest* request, con
     sendJsonDocument(request, NwaJson::serialize(document));
 }
 
+void NwaStandardFcgiRequestProcessor::sendJsonReply(
+    NwaFcgiRequest* request, const QVariant& document, const NwaHttpJsonHeader& header)
+{
+    send(request, header, NwaJson::serialize(document));
+}
+
 void NwaStandardFcgiRequestProcessor::sendJsonDocument(NwaFcgiRequest* request, const QByteArray& document)
 {
-    request->outputStream() << NwaHttpJsonHeader(QString::fromLatin1("utf-8"));
-    write(request->outputStream(), document);
-    delete request;
+    send(request, NwaHttpJsonHeader(latin1("utf-8")), document);
 }

@@ -2,42 +2,65 @@
 #define NWEBAPI_NWASTANDARDFCGIREQUESTPROCESSOR_H
 
 #include <nwebapi/nwaabstractfcgirequestprocessor.h>
+#include <nwebapi/nwafcgirequest.h>
 
 #include <QtCore/QStringList>
 
 class NwaAbstractFcgiSessionIdentifier;
+class NwaHttpJsonHeader;
 class NwaWebSession;
 
 /**
  * Answers the requests to one resource with an operation for each HTTP method. A derived class overrides the
  * operations of the methods that it serves and names them with setServedMethods().
  *
+ * Each operation owns its request and deletes it when it has answered. The require operations and refuseRequest()
+ * do both when the request cannot be served, and sendJsonReply() when it was, so that a handler reads:
+ *
+ *     NwaWebSession* const session = requireSession(request, this, &Processor::canChangeWithSession);
+ *     if (!session)
+ *         return;
+ *     QVariant document;
+ *     if (!requireJsonContent(request, document))
+ *         return;
+ *     if (!change(document))
+ *         return refuseRequest(request, NwaFcgiRequest::BadRequest, QString::fromLatin1("..."));
+ *     sendJsonReply(request, state());
+ *
+ * A long reply, or one whose parts become available later, is sent with NwaStreamedReply.
+ *
  * A request that changes something (any method but GET, HEAD and OPTIONS) and whose "Origin" is not the host that
- * it was sent to is refused with 403: another site's page sent it with the user's cookie.
+ * it was sent to is refused with 403: a page of another site sent it with the user's cookie.
  */
 class NWEBAPI_EXPORT NwaStandardFcgiRequestProcessor : public NwaAbstractFcgiRequestProcessor
 {
 public:
-    /** The methods that an "Allow" field names; HEAD comes with GET. */
+    /** Methods that the field "Allow" names; GET includes HEAD. */
     enum Method { GetMethod = 1, PostMethod = 2, PutMethod = 4, DeleteMethod = 8 };
 
     /** Any combination of Method. */
     Q_DECLARE_FLAGS(Methods, Method)
 
-    /** @param identifier finds the session of a request; not owned. May be null where nothing needs a session. */
+    /** Whether a request counts as an activity of the user, which keeps the session from expiring. */
+    enum Activity {
+        Active, ///< it does
+        Passive ///< it does not: a page that polls sends it, for example
+    };
+
+    /** @param identifier finds the session of a request; not owned. May be null when no request needs one. */
     explicit NwaStandardFcgiRequestProcessor(NwaAbstractFcgiSessionIdentifier* identifier);
     ~NwaStandardFcgiRequestProcessor() override;
 
     /**
-     * Hands @a request to the operation of its HTTP method. HEAD is answered as GET is, without the document.
+     * Passes @a request to the operation of its HTTP method. HEAD is answered like GET, without the document.
      */
     void processRequest(NwaFcgiRequest* request) override;
 
 protected:
     /**
      * @{
-     * Answers @a request, whose method is the one in the operation's name, and deletes it, now or later. Without
-     * an override the method is refused, see processNotAllowedMethod().
+     * Answers @a request and deletes it, now or later. Without an override the method is refused, see
+     * processNotAllowedMethod().
      */
     virtual void processGetMethod(NwaFcgiRequest* request);
     virtual void processPostMethod(NwaFcgiRequest* request);
@@ -45,23 +68,72 @@ protected:
     virtual void processDeleteMethod(NwaFcgiRequest* request);
     /** @} */
 
-    /** The same for every @a method that has no operation of its own, OPTIONS among them. */
+    /** The same for every @a method without an operation of its own, including OPTIONS. */
     virtual void processOtherMethod(NwaFcgiRequest* request, const QString& method);
 
-    /** Says which methods the resource serves; GET alone when it is never called. */
+    /** Sets the methods that the resource serves, for the field "Allow"; GET alone by default. */
     void setServedMethods(Methods methods);
 
     /**
-     * Finds the session of @a request.
-     * @param passive the request is not the user's doing (a page that polls by itself, for example), so it does
-     * not keep the session from expiring.
-     * @return the session, or null when the request has none that is alive; it has then been answered with 401
-     * already, and is still to be deleted.
+     * The session of @a request.
+     * @param passive whether the request does not keep the session from expiring.
+     * @return null when the request has no session that is alive; it has been answered with 401 then and must
+     * still be deleted.
      */
     NwaWebSession* authenticateRequest(NwaFcgiRequest* request, bool passive);
 
+    /**
+     * The session of @a request.
+     * @return null when the request has no session that is alive; it has been answered with 401 and deleted then.
+     */
+    NwaWebSession* requireSession(NwaFcgiRequest* request, Activity activity = Active);
+
+    /**
+     * The session of @a request, if its user has the right to make it.
+     * @param mayUse the access predicate, an operation of @a object (usually of this processor); it may be
+     * virtual.
+     * @return null when the request has no session that is alive, or none with the right; it has been answered
+     * with 401 or 403 and deleted then.
+     */
+    template <typename Object, typename Class, typename Session>
+    NwaWebSession* requireSession(
+        NwaFcgiRequest* request, const Object* object, bool (Class::*mayUse)(Session*) const,
+        Activity activity = Active)
+    {
+        NwaWebSession* const session = requireSession(request, activity);
+        if (!session || (object->*mayUse)(session))
+            return session;
+        refuseRequest(request, NwaFcgiRequest::Forbidden);
+        return nullptr;
+    }
+
+    /**
+     * Reads the body of @a request as a JSON document, as parseJsonContent() does.
+     * @param document set to the document's value.
+     * @return whether that succeeded; on failure the request has been answered with 400 or 415 and deleted.
+     */
+    static bool requireJsonContent(
+        NwaFcgiRequest* request, QVariant& document, int maximumDepth = NwaJson::DefaultMaximumDepth,
+        int maximumValueCount = NwaJson::DefaultMaximumValueCount);
+
     /** Answers @a request with 405 and the served methods in "Allow", and deletes it. */
     void processNotAllowedMethod(NwaFcgiRequest* request);
+
+    /**
+     * @{
+     * Answers @a request with @a error and deletes it. With a reason, writes it to the error stream first, see
+     * writeRefusal().
+     */
+    static void refuseRequest(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error);
+    static void
+    refuseRequest(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& reason);
+    static void refuseRequest(
+        NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& reason,
+        const QString& third);
+    static void refuseRequest(
+        NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& reason,
+        const QString& third, const QString& fourth);
+    /** @} */
 
     /**
      * @{
@@ -76,8 +148,14 @@ protected:
     writeRefusal(NwaFcgiRequest* request, const QString& reason, const QString& third, const QString& fourth);
     /** @} */
 
-    /** Answers @a request with @a document as JSON in UTF-8, and deletes it. */
+    /**
+     * @{
+     * Answers @a request with @a document as JSON in UTF-8, and deletes it.
+     * @param header of the reply, for one with a status or fields of its own; its character set must be UTF-8.
+     */
     static void sendJsonReply(NwaFcgiRequest* request, const QVariant& document);
+    static void sendJsonReply(NwaFcgiRequest* request, const QVariant& document, const NwaHttpJsonHeader& header);
+    /** @} */
 
     /** Answers @a request with @a document, which is JSON in UTF-8 already, and deletes it. */
     static void sendJsonDocument(NwaFcgiRequest* request, const QByteArray& document);

@@ -1,5 +1,7 @@
 #include <nwebapi/nwautf8_p.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QChar>
 
 namespace {
@@ -82,7 +84,7 @@ bool NwaUtf8::isValid(const QByteArray& bytes)
 QString NwaUtf8::decode(const QByteArray& bytes)
 {
     const uchar* data = reinterpret_cast<const uchar*>(bytes.constData());
-    QString text = QString::fromLatin1("");
+    QString text = latin1("");
     text.reserve(bytes.size());
     for (int index = 0; index < bytes.size();) {
         const Character character = characterAt(data + index, bytes.size() - index);

@@ -35,6 +35,8 @@ private slots:
     void processorMaySetTheLimits_data();
     void processorMaySetTheLimits();
     void formInPartsIsAnswered415();
+    void resultNeedNotBeAskedFor_data();
+    void resultNeedNotBeAskedFor();
 };
 
 void tst_NwaAbstractFcgiRequestProcessor::contentTypeIsTheMediaTypeInLowerCase_data()
@@ -172,6 +174,31 @@ void tst_NwaAbstractFcgiRequestProcessor::formInPartsIsAnswered415()
     request.reset();
     QVERIFY(channel.header().startsWith("Status: 415 Unsupported Media Type\r\n"));
     QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NwaAbstractFcgiRequestProcessor::resultNeedNotBeAskedFor_data()
+{
+    QTest::addColumn<QByteArray>("type");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QByteArray>("status");
+    QTest::newRow("JSON") << QByteArray("application/json") << QByteArray("[true]") << QByteArray();
+    QTest::newRow("malformed") << QByteArray("application/json") << QByteArray("[") << QByteArray("Status: 400 ");
+    QTest::newRow("form") << QByteArray("multipart/form-data; boundary=a") << QByteArray("[true]")
+                          << QByteArray("Status: 415 ");
+}
+
+void tst_NwaAbstractFcgiRequestProcessor::resultNeedNotBeAskedFor()
+{
+    QFETCH(QByteArray, type);
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, status);
+    NMemoryChannel channel(body);
+    QScopedPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, nVariables("CONTENT_TYPE", type)));
+    const QVariant document = Processor::parseJsonContent(request.data(), nullptr);
+    QCOMPARE(document.isValid(), status.isEmpty());
+    QCOMPARE(request->isAnswered(), !status.isEmpty());
+    request.reset();
+    QVERIFY(channel.header().startsWith(status));
 }
 
 QTEST_APPLESS_MAIN(tst_NwaAbstractFcgiRequestProcessor)

@@ -1,5 +1,6 @@
 #include <nwebapi/nwaabstractfcgisessionidentifier.h>
 #include <nwebapi/nwafcgirequest.h>
+#include <nwebapi/nwahttpjsonheader.h>
 #include <nwebapi/nwastandardfcgirequestprocessor.h>
 #include <nwebapi/nwawebsession.h>
 #include <nwebapi/nwawebsessionmanager.h>
@@ -41,10 +42,60 @@ public:
     }
 
     using NwaStandardFcgiRequestProcessor::authenticateRequest;
+    using NwaStandardFcgiRequestProcessor::refuseRequest;
+    using NwaStandardFcgiRequestProcessor::requireJsonContent;
+    using NwaStandardFcgiRequestProcessor::requireSession;
     using NwaStandardFcgiRequestProcessor::sendJsonDocument;
     using NwaStandardFcgiRequestProcessor::sendJsonReply;
     using NwaStandardFcgiRequestProcessor::setServedMethods;
     using NwaStandardFcgiRequestProcessor::writeRefusal;
+};
+
+// Has an access predicate, as the processors of the services have.
+class GuardedProcessor : public Processor
+{
+public:
+    explicit GuardedProcessor(NwaAbstractFcgiSessionIdentifier* identifier)
+        : Processor(identifier)
+    {
+    }
+
+    virtual bool canReadWithSession(NwaWebSession*) const { return true; }
+
+    NwaWebSession* require(NwaFcgiRequest* request, Activity activity = Active)
+    {
+        return requireSession(request, this, &GuardedProcessor::canReadWithSession, activity);
+    }
+};
+
+// Restricts it, as applications do.
+class RestrictedProcessor : public GuardedProcessor
+{
+public:
+    explicit RestrictedProcessor(NwaAbstractFcgiSessionIdentifier* identifier)
+        : GuardedProcessor(identifier)
+    {
+    }
+
+    bool canReadWithSession(NwaWebSession* session) const override
+    {
+        return session->userName() == QLatin1String("admin");
+    }
+};
+
+// What a processor serves may decide as well.
+class Accessor
+{
+public:
+    virtual ~Accessor() {}
+    virtual bool canSetWithSession(const NwaWebSession* session) const
+    {
+        return session->userName() == QLatin1String("admin");
+    }
+};
+
+class DerivedAccessor : public Accessor
+{
 };
 
 // Answers with the name of the operation that was called.
@@ -127,11 +178,20 @@ private slots:
     void foreignOriginMayRead();
     void sessionIsHandedOut();
     void requestWithoutSessionIsAnswered401();
+    void requiredSessionIsHandedOut();
+    void requestThatLacksTheRequiredSessionIsAnswered401AndDeleted();
+    void sessionWithoutTheRightIsAnswered403AndDeleted();
+    void servedObjectMayDecideAboutTheRight();
+    void requiredJsonContentIsRead();
+    void requestThatLacksTheRequiredJsonContentIsAnsweredAndDeleted_data();
+    void requestThatLacksTheRequiredJsonContentIsAnsweredAndDeleted();
+    void refusedRequestIsAnsweredAndDeleted();
     void refusalIsWrittenToTheErrorStream();
     void placeholdersAreFilledInOnePass();
     void refusalShowsControlCharacters();
     void refusalIsWrittenInLatin1();
     void repliesAreJson();
+    void replyMayHaveAHeaderOfItsOwn();
 };
 
 void tst_NwaStandardFcgiRequestProcessor::methodIsHandedToItsOperation_data()
@@ -348,6 +408,148 @@ void tst_NwaStandardFcgiRequestProcessor::requestWithoutSessionIsAnswered401()
     }
 }
 
+void tst_NwaStandardFcgiRequestProcessor::requiredSessionIsHandedOut()
+{
+    NwaWebSessionManager manager;
+    Identifier identifier;
+    identifier.session = manager.createSession();
+    NMemoryChannel channel;
+    NwaFcgiRequest request(&channel, nVariables());
+    GuardedProcessor processor(&identifier);
+    QCOMPARE(processor.requireSession(&request, Processor::Passive), identifier.session);
+    QVERIFY(identifier.wasPassive);
+    QCOMPARE(processor.requireSession(&request), identifier.session);
+    QVERIFY(!identifier.wasPassive);
+    QCOMPARE(processor.require(&request, Processor::Passive), identifier.session);
+    QVERIFY(identifier.wasPassive);
+    QCOMPARE(processor.require(&request), identifier.session);
+    QVERIFY(!identifier.wasPassive);
+    QVERIFY(!request.isAnswered());
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestThatLacksTheRequiredSessionIsAnswered401AndDeleted()
+{
+    Identifier identifier;
+    for (const bool isGuarded : {false, true}) {
+        NMemoryChannel channel;
+        NwaFcgiRequest* const request = new NwaFcgiRequest(&channel, nVariables());
+        GuardedProcessor processor(&identifier);
+        QVERIFY(!(isGuarded ? processor.require(request) : processor.requireSession(request)));
+        QCOMPARE(statusOf(channel), QByteArray("Status: 401 Unauthorized"));
+        QCOMPARE(channel.remarks, QByteArray());
+        QCOMPARE(channel.finishCount, 1);
+    }
+}
+
+void tst_NwaStandardFcgiRequestProcessor::sessionWithoutTheRightIsAnswered403AndDeleted()
+{
+    NwaWebSessionManager manager;
+    Identifier identifier;
+    identifier.session = manager.createSession();
+    RestrictedProcessor processor(&identifier);
+    NMemoryChannel channel;
+    QVERIFY(!processor.require(new NwaFcgiRequest(&channel, nVariables())));
+    QCOMPARE(statusOf(channel), QByteArray("Status: 403 Forbidden"));
+    QCOMPARE(channel.remarks, QByteArray());
+    QCOMPARE(channel.finishCount, 1);
+
+    identifier.session->setUserName(QString::fromLatin1("admin"));
+    NMemoryChannel other;
+    NwaFcgiRequest request(&other, nVariables());
+    QCOMPARE(processor.require(&request), identifier.session);
+    QVERIFY(!request.isAnswered());
+}
+
+void tst_NwaStandardFcgiRequestProcessor::servedObjectMayDecideAboutTheRight()
+{
+    NwaWebSessionManager manager;
+    Identifier identifier;
+    identifier.session = manager.createSession();
+    Processor processor(&identifier);
+    const DerivedAccessor accessor;
+    NMemoryChannel channel;
+    QVERIFY(!processor.requireSession(
+        new NwaFcgiRequest(&channel, nVariables()), &accessor, &Accessor::canSetWithSession));
+    QCOMPARE(statusOf(channel), QByteArray("Status: 403 Forbidden"));
+
+    identifier.session->setUserName(QString::fromLatin1("admin"));
+    NwaFcgiRequest request(&channel, nVariables());
+    QCOMPARE(
+        processor.requireSession(&request, &accessor, &Accessor::canSetWithSession, Processor::Passive),
+        identifier.session);
+    QVERIFY(identifier.wasPassive);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requiredJsonContentIsRead()
+{
+    NMemoryChannel channel("[[1]]");
+    NwaFcgiRequest request(&channel, nVariables());
+    QVariant document;
+    QVERIFY(Processor::requireJsonContent(&request, document));
+    QCOMPARE(NwaJson::serialize(document), QByteArray("[[1]]"));
+    QVERIFY(!request.isAnswered());
+
+    NMemoryChannel deep("[[1]]");
+    QVERIFY(!Processor::requireJsonContent(new NwaFcgiRequest(&deep, nVariables()), document, 1));
+    QVERIFY(!document.isValid());
+    NMemoryChannel large("[[1]]");
+    QVERIFY(!Processor::requireJsonContent(new NwaFcgiRequest(&large, nVariables()), document, 2, 2));
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestThatLacksTheRequiredJsonContentIsAnsweredAndDeleted_data()
+{
+    QTest::addColumn<QByteArray>("type");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QByteArray>("status");
+    QTest::newRow("malformed") << QByteArray("application/json") << QByteArray("{")
+                               << QByteArray("400 Bad Request");
+    QTest::newRow("empty") << QByteArray() << QByteArray() << QByteArray("400 Bad Request");
+    QTest::newRow("form") << QByteArray("multipart/form-data; boundary=a") << QByteArray("{}")
+                          << QByteArray("415 Unsupported Media Type");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestThatLacksTheRequiredJsonContentIsAnsweredAndDeleted()
+{
+    QFETCH(QByteArray, type);
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, status);
+    NMemoryChannel channel(body);
+    QVariant document;
+    QVERIFY(
+        !Processor::requireJsonContent(new NwaFcgiRequest(&channel, nVariables("CONTENT_TYPE", type)), document));
+    QCOMPARE(statusOf(channel), "Status: " + status);
+    QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::refusedRequestIsAnsweredAndDeleted()
+{
+    const QByteArray begin = "Error in request processor for request to script \"/a\" with path info \"\": ";
+    const QString reason = QString::fromLatin1("no %3");
+    const QString first = QString::fromLatin1("%4\n");
+    for (int arguments = -1; arguments <= 2; ++arguments) {
+        NMemoryChannel channel;
+        NwaFcgiRequest* const request = new NwaFcgiRequest(&channel, nVariables("SCRIPT_NAME", "/a"));
+        QByteArray remark;
+        if (arguments < 0) {
+            Processor::refuseRequest(request, NwaFcgiRequest::Conflict);
+        } else if (arguments == 0) {
+            Processor::refuseRequest(request, NwaFcgiRequest::Conflict, QString::fromLatin1("no"));
+            remark = begin + "no";
+        } else if (arguments == 1) {
+            Processor::refuseRequest(request, NwaFcgiRequest::Conflict, reason, first);
+            remark = begin + "no %4\\x0a";
+        } else {
+            Processor::refuseRequest(
+                request, NwaFcgiRequest::Conflict, reason + QString::fromLatin1(" in %4"), first,
+                QString::fromLatin1("b"));
+            remark = begin + "no %4\\x0a in b";
+        }
+        QCOMPARE(channel.remarks, remark);
+        QCOMPARE(statusOf(channel), QByteArray("Status: 409 Conflict"));
+        QCOMPARE(channel.finishCount, 1);
+    }
+}
+
 void tst_NwaStandardFcgiRequestProcessor::refusalIsWrittenToTheErrorStream()
 {
     NMemoryChannel channel;
@@ -412,6 +614,19 @@ void tst_NwaStandardFcgiRequestProcessor::repliesAreJson()
     Processor::sendJsonDocument(new NwaFcgiRequest(&second, nVariables()), "[ ]");
     QCOMPARE(second.output, QByteArray(jsonHeader) + "[ ]");
     QCOMPARE(second.finishCount, 1);
+}
+
+void tst_NwaStandardFcgiRequestProcessor::replyMayHaveAHeaderOfItsOwn()
+{
+    NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
+    header.setStatus(201);
+    header.addField("Location", "/b");
+    NMemoryChannel channel;
+    Processor::sendJsonReply(new NwaFcgiRequest(&channel, nVariables()), QVariantList() << true, header);
+    QCOMPARE(
+        channel.output, QByteArray("Status: 201 Created\r\nContent-Type: application/json; charset=utf-8\r\n"
+                                   "Location: /b\r\n\r\n[true]"));
+    QCOMPARE(channel.finishCount, 1);
 }
 
 QTEST_APPLESS_MAIN(tst_NwaStandardFcgiRequestProcessor)
