@@ -2,14 +2,10 @@
 
 #include "timetable.h"
 
-#include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwahttpjsonheader.h>
-#include <nwebapi/nwajson.h>
 #include <nwebapi/nwajsonutilities.h>
 
 #include <QtCore/QRegExp>
-
-#include <ostream>
 
 namespace {
 
@@ -196,23 +192,6 @@ unsigned int readId(const NwaFcgiRequest* request)
     return static_cast<unsigned int>(number);
 }
 
-void refuse(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& message)
-{
-    QVariantMap object;
-    object.insert(key("message"), message);
-    const QByteArray document = NwaJson::serialize(object);
-    NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
-    header.setStatus(error);
-    request->outputStream() << header;
-    request->outputStream().write(document.constData(), document.size());
-    delete request;
-}
-
-void refuseUnknownEntry(NwaFcgiRequest* request)
-{
-    refuse(request, NwaFcgiRequest::NotFound, QString::fromLatin1("There is no such entry (any more)."));
-}
-
 } // namespace
 
 EventsRequestProcessor::EventsRequestProcessor(NwaAbstractFcgiSessionIdentifier* identifier, Timetable* timetable)
@@ -225,10 +204,8 @@ EventsRequestProcessor::EventsRequestProcessor(NwaAbstractFcgiSessionIdentifier*
 void EventsRequestProcessor::processGetMethod(NwaFcgiRequest* request)
 {
     const bool asksForNews = request->queryParameters().contains(key("since"));
-    if (!authenticateRequest(request, asksForNews)) {
-        delete request;
+    if (!requireSession(request, asksForNews ? Passive : Active))
         return;
-    }
     quint64 since = 0;
     if (asksForNews && !readNumber(request, "since", since))
         return refuse(
@@ -275,31 +252,38 @@ void EventsRequestProcessor::processPutMethod(NwaFcgiRequest* request)
 
 void EventsRequestProcessor::processDeleteMethod(NwaFcgiRequest* request)
 {
-    if (!authenticateRequest(request, false)) {
-        delete request;
+    if (!requireSession(request))
         return;
-    }
     if (!m_timetable->remove(readId(request)))
         return refuseUnknownEntry(request);
     sendJsonReply(request, QVariantMap());
 }
 
-/** Reads the entry in the body. @return whether it may be used; if not, @a request is answered and deleted. */
 bool EventsRequestProcessor::readPlan(NwaFcgiRequest* request, EntryPlan& plan)
 {
-    bool ok = false;
     QVariant document;
-    if (authenticateRequest(request, false))
-        document = parseJsonContent(request, &ok);
-    if (!ok) {
-        delete request;
+    if (!requireSession(request) || !requireJsonContent(request, document))
         return false;
-    }
     QVariantMap object;
     const char* brokenRule = "An entry must be a JSON object.";
     if (NwaJsonUtilities::objectValue(document, object))
         brokenRule = readEntry(object, plan);
     if (brokenRule)
         refuse(request, NwaFcgiRequest::BadRequest, QString::fromLatin1(brokenRule));
-    return brokenRule == nullptr;
+    return !brokenRule;
+}
+
+void EventsRequestProcessor::refuse(
+    NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& message)
+{
+    QVariantMap object;
+    object.insert(key("message"), message);
+    NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
+    header.setStatus(error);
+    sendJsonReply(request, object, header);
+}
+
+void EventsRequestProcessor::refuseUnknownEntry(NwaFcgiRequest* request)
+{
+    refuse(request, NwaFcgiRequest::NotFound, QString::fromLatin1("There is no such entry (any more)."));
 }

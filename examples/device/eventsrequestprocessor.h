@@ -34,7 +34,11 @@ protected:
     void processDeleteMethod(NwaFcgiRequest* request) override;
 
 private:
+    /** Reads the entry in the body. @return false when @a request was refused; it has been deleted then. */
     bool readPlan(NwaFcgiRequest* request, EntryPlan& plan);
+
+    static void refuse(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& message);
+    static void refuseUnknownEntry(NwaFcgiRequest* request);
 
     Timetable* m_timetable;
 };

@@ -1,14 +1,10 @@
 #include "loginrequestprocessor.h"
 
 #include <nwebapi/nwacookiefcgisessionidentifier.h>
-#include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwahttpjsonheader.h>
-#include <nwebapi/nwajson.h>
 #include <nwebapi/nwajsonutilities.h>
 #include <nwebapi/nwawebsession.h>
 #include <nwebapi/nwawebsessionmanager.h>
-
-#include <ostream>
 
 namespace {
 
@@ -27,35 +23,24 @@ bool readCredentials(const QVariant& document, QString& user, QString& password)
 
 void LoginRequestProcessor::processPostMethod(NwaFcgiRequest* request)
 {
-    bool ok = false;
-    const QVariant document = parseJsonContent(request, &ok);
+    QVariant document;
+    if (!requireJsonContent(request, document))
+        return;
     QString user;
     QString password;
-    if (!ok || !readCredentials(document, user, password)) {
-        request->sendHttpError(NwaFcgiRequest::BadRequest);
-        delete request;
-        return;
-    }
-    if (user != QLatin1String(DemoUser) || password != QLatin1String(DemoPassword)) {
-        request->sendHttpError(NwaFcgiRequest::Unauthorized);
-        delete request;
-        return;
-    }
-    // A session from before the login ends: nobody who has learnt its identifier comes in with this user.
+    if (!readCredentials(document, user, password))
+        return refuseRequest(request, NwaFcgiRequest::BadRequest);
+    if (user != QLatin1String(DemoUser) || password != QLatin1String(DemoPassword))
+        return refuseRequest(request, NwaFcgiRequest::Unauthorized);
+    // A session from before the login ends, so that nobody who knows its identifier shares the new one.
     endSessionOf(request);
     NwaWebSession* const session = sessions()->createSession();
-    if (!session) {
-        request->sendHttpError(NwaFcgiRequest::ServiceUnavailable);
-        delete request;
-        return;
-    }
+    if (!session)
+        return refuseRequest(request, NwaFcgiRequest::ServiceUnavailable);
     session->setUserName(user);
     NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
     identifier()->addSessionCookie(request, session, header);
     QVariantMap reply;
     reply.insert(QString::fromLatin1("user"), user);
-    const QByteArray text = NwaJson::serialize(reply);
-    request->outputStream() << header;
-    request->outputStream().write(text.constData(), text.size());
-    delete request;
+    sendJsonReply(request, reply, header);
 }

@@ -4,7 +4,6 @@
 //     nwebapi-example-webservice <path of the socket>
 
 #include <nwebapi/nwacookiefcgisessionidentifier.h>
-#include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwafcgiserver.h>
 #include <nwebapi/nwahttpjsonheader.h>
 #include <nwebapi/nwajsonutilities.h>
@@ -16,7 +15,6 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QStringList>
 
-#include <ostream>
 #include <stdio.h>
 
 namespace {
@@ -38,56 +36,45 @@ public:
 protected:
     void processPostMethod(NwaFcgiRequest* request) override
     {
-        bool ok = false;
-        const QVariant document = parseJsonContent(request, &ok);
-        if (!ok) {
-            delete request; // it has been answered
+        QVariant document;
+        if (!requireJsonContent(request, document))
             return;
-        }
         QVariantMap object;
         QString user;
         QString password;
         if (!NwaJsonUtilities::objectValue(document, object) ||
             !NwaJsonUtilities::stringValue(object, QString::fromLatin1("user"), user) ||
             !NwaJsonUtilities::stringValue(object, QString::fromLatin1("password"), password))
-            return refuse(request, NwaFcgiRequest::BadRequest);
-        // Whoever knocks at the door writes no more than this into the web server's log.
+            return refuseRequest(request, NwaFcgiRequest::BadRequest);
+        // Anybody may try to log in, so what a try can write into the web server's log is limited.
         if (user.size() > LongestUserName)
-            return refuse(request, NwaFcgiRequest::BadRequest);
+            return refuseRequest(request, NwaFcgiRequest::BadRequest);
         // A real device compares with a salted hash that it has stored.
-        if (user != QLatin1String("demo") || password != QLatin1String("demo")) {
-            writeRefusal(request, QString::fromLatin1("The login of \"%3\" failed."), user);
-            return refuse(request, NwaFcgiRequest::Unauthorized);
-        }
+        if (user != QLatin1String("demo") || password != QLatin1String("demo"))
+            return refuseRequest(
+                request, NwaFcgiRequest::Unauthorized, QString::fromLatin1("The login of \"%3\" failed."), user);
 
         NwaWebSession* session = m_sessionManager->createSession();
         if (!session)
-            return refuse(request, NwaFcgiRequest::ServiceUnavailable);
+            return refuseRequest(request, NwaFcgiRequest::ServiceUnavailable);
         session->setUserName(user);
         NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
         m_identifier->addSessionCookie(request, session, header);
-        request->outputStream() << header << "{}";
-        delete request;
+        sendJsonReply(request, QVariantMap(), header);
     }
 
     void processDeleteMethod(NwaFcgiRequest* request) override
     {
-        if (NwaWebSession* session = authenticateRequest(request, false)) {
-            NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
-            m_identifier->addExpiredCookie(request, header);
-            request->outputStream() << header << "{}";
-            m_sessionManager->removeSession(session->id());
-        }
-        delete request;
+        NwaWebSession* const session = requireSession(request);
+        if (!session)
+            return;
+        m_sessionManager->removeSession(session->id());
+        NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
+        m_identifier->addExpiredCookie(request, header);
+        sendJsonReply(request, QVariantMap(), header);
     }
 
 private:
-    static void refuse(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error)
-    {
-        request->sendHttpError(error);
-        delete request;
-    }
-
     NwaCookieFcgiSessionIdentifier* m_identifier;
     NwaWebSessionManager* m_sessionManager;
 };
@@ -106,29 +93,21 @@ public:
 protected:
     void processGetMethod(NwaFcgiRequest* request) override
     {
-        if (NwaWebSession* session = authenticateRequest(request, false))
+        if (const NwaWebSession* const session = requireSession(request))
             sendGreeting(request, session);
-        else
-            delete request;
     }
 
     void processPutMethod(NwaFcgiRequest* request) override
     {
-        NwaWebSession* session = authenticateRequest(request, false);
-        bool ok = false;
-        const QVariant document = session ? parseJsonContent(request, &ok) : QVariant();
-        if (!ok) {
-            delete request; // it has been answered
+        const NwaWebSession* const session = requireSession(request);
+        QVariant document;
+        if (!session || !requireJsonContent(request, document))
             return;
-        }
         QVariantMap object;
         if (!NwaJsonUtilities::objectValue(document, object) ||
-            !NwaJsonUtilities::stringValue(object, QString::fromLatin1("greeting"), m_greeting)) {
-            writeRefusal(request, QString::fromLatin1("There is no greeting in the document."));
-            request->sendHttpError(NwaFcgiRequest::BadRequest);
-            delete request;
-            return;
-        }
+            !NwaJsonUtilities::stringValue(object, QString::fromLatin1("greeting"), m_greeting))
+            return refuseRequest(
+                request, NwaFcgiRequest::BadRequest, QString::fromLatin1("There is no greeting in the document."));
         sendGreeting(request, session);
     }
 

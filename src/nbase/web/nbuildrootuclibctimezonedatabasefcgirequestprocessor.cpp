@@ -7,6 +7,8 @@
 #include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwajson.h>
 
+#include <nsystem/nlatin1_p.h>
+
 namespace {
 
 typedef QMap<QString, NTimeZoneTown*> Towns;
@@ -14,16 +16,12 @@ typedef QMap<QString, NTimeZoneRegion*> Regions;
 
 } // namespace
 
-const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_SECTION_FIELD_NAME =
-    QString::fromLatin1("section");
+const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_SECTION_FIELD_NAME = latin1("section");
 const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_INFORMATION_SECTION_NAME =
-    QString::fromLatin1("information");
-const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_CONTENT_SECTION_NAME =
-    QString::fromLatin1("content");
-const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_REGION_FIELD_NAME =
-    QString::fromLatin1("region");
-const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_TOWN_FIELD_NAME =
-    QString::fromLatin1("town");
+    latin1("information");
+const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_CONTENT_SECTION_NAME = latin1("content");
+const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_REGION_FIELD_NAME = latin1("region");
+const QString NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::S_TOWN_FIELD_NAME = latin1("town");
 
 NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor(
     NwaAbstractFcgiSessionIdentifier* identifier, const NBuildrootUclibcTimeZoneDatabase* database)
@@ -36,26 +34,16 @@ NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::~NBuildrootUclibcTimeZoneD
 
 void NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::processGetMethod(NwaFcgiRequest* request)
 {
-    NwaWebSession* const session = authenticateRequest(request, false);
-    if (!session) {
-        delete request;
+    NwaWebSession* const session = requireSession(
+        request, this, &NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::canReadDatabaseWithSession);
+    if (!session)
         return;
-    }
-    if (!canReadDatabaseWithSession(session)) {
-        request->sendHttpError(NwaFcgiRequest::Forbidden);
-        delete request;
-        return;
-    }
     QString section;
     request->singleQueryParameter(S_SECTION_FIELD_NAME, section);
-    if (section == S_INFORMATION_SECTION_NAME) {
-        processGetMethodForInformationSection(request);
-        return;
-    }
-    if (section == S_CONTENT_SECTION_NAME) {
-        processGetMethodForContentSection(request);
-        return;
-    }
+    if (section == S_INFORMATION_SECTION_NAME)
+        return processGetMethodForInformationSection(request);
+    if (section == S_CONTENT_SECTION_NAME)
+        return processGetMethodForContentSection(request);
     if (m_databaseDocument.isNull())
         m_databaseDocument = NwaJson::serialize(timeZoneDatabaseToVariantMap());
     sendJsonDocument(request, m_databaseDocument);
@@ -73,10 +61,8 @@ void NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::processGetMethodForCo
     NwaFcgiRequest* request)
 {
     QString regionName;
-    if (request->singleQueryParameter(S_REGION_FIELD_NAME, regionName)) {
-        processGetMethodForRegion(request, regionName);
-        return;
-    }
+    if (request->singleQueryParameter(S_REGION_FIELD_NAME, regionName))
+        return processGetMethodForRegion(request, regionName);
     if (m_contentDocument.isNull())
         m_contentDocument = NwaJson::serialize(timeZoneDatabaseContentToVariantMap());
     sendJsonDocument(request, m_contentDocument);
@@ -86,48 +72,38 @@ void NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::processGetMethodForRe
     NwaFcgiRequest* request, const QString& regionName)
 {
     const NTimeZoneRegion* const region = m_database->regions().value(regionName);
-    if (!region) {
-        writeRefusal(
-            request, QString::fromLatin1("cannot read the region named \"%3\" because it does not exists"),
-            regionName);
-        request->sendHttpError(NwaFcgiRequest::NotFound);
-        delete request;
-        return;
-    }
+    if (!region)
+        return refuseRequest(
+            request, NwaFcgiRequest::NotFound,
+            latin1("cannot read the region named \"%3\" because it does not exists"), regionName);
     QString townName;
-    if (request->singleQueryParameter(S_TOWN_FIELD_NAME, townName)) {
-        processGetMethodForTown(request, region, townName);
-        return;
-    }
+    if (request->singleQueryParameter(S_TOWN_FIELD_NAME, townName))
+        return processGetMethodForTown(request, region, townName);
     sendJsonReply(request, regionToVariantMap(region));
 }
 
 void NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::processGetMethodForTown(
     NwaFcgiRequest* request, const NTimeZoneRegion* region,
-    QString townName) // NOLINT(performance-unnecessary-value-param): the signature is a fixed one.
+    QString townName) // NOLINT(performance-unnecessary-value-param): the signature is fixed.
 {
     const NTimeZoneTown* const town = region->towns().value(townName);
-    if (!town) {
-        writeRefusal(
-            request,
-            QString::fromLatin1("cannot read the town named \"%3\" in region \"%4\" because it does not exists"),
-            townName, region->name());
-        request->sendHttpError(NwaFcgiRequest::NotFound);
-        delete request;
-        return;
-    }
+    if (!town)
+        return refuseRequest(
+            request, NwaFcgiRequest::NotFound,
+            latin1("cannot read the town named \"%3\" in region \"%4\" because it does not exists"), townName,
+            region->name());
     sendJsonReply(request, townToVariantMap(town));
 }
 
 QVariantMap NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::townToVariantMap(const NTimeZoneTown* town) const
 {
     QVariantMap document;
-    document.insert(QString::fromLatin1("townName"), town->name());
-    document.insert(QString::fromLatin1("timezoneCode"), town->timezoneCode());
-    document.insert(QString::fromLatin1("countryCode"), town->countryCode());
-    document.insert(QString::fromLatin1("latitude"), town->latitude());
-    document.insert(QString::fromLatin1("longitude"), town->longitude());
-    document.insert(QString::fromLatin1("comment"), town->comment());
+    document.insert(latin1("townName"), town->name());
+    document.insert(latin1("timezoneCode"), town->timezoneCode());
+    document.insert(latin1("countryCode"), town->countryCode());
+    document.insert(latin1("latitude"), town->latitude());
+    document.insert(latin1("longitude"), town->longitude());
+    document.insert(latin1("comment"), town->comment());
     return document;
 }
 
@@ -140,8 +116,8 @@ NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::regionToVariantMap(const N
         towns.insert(town.key(), townToVariantMap(town.value()));
 
     QVariantMap document;
-    document.insert(QString::fromLatin1("regionName"), region->name());
-    document.insert(QString::fromLatin1("towns"), towns);
+    document.insert(latin1("regionName"), region->name());
+    document.insert(latin1("towns"), towns);
     return document;
 }
 
@@ -158,18 +134,16 @@ QVariantMap
 NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::timeZoneDatabaseMetaInformationToVariantMap() const
 {
     QVariantMap document;
-    document.insert(QString::fromLatin1("version"), m_database->version());
-    document.insert(
-        QString::fromLatin1("dateTime"),
-        m_database->date().toString(QString::fromLatin1("yyyy-MM-dd'T'hh:mm:ss")));
+    document.insert(latin1("version"), m_database->version());
+    document.insert(latin1("dateTime"), m_database->date().toString(latin1("yyyy-MM-dd'T'hh:mm:ss")));
     return document;
 }
 
 QVariantMap NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor::timeZoneDatabaseToVariantMap() const
 {
     QVariantMap document;
-    document.insert(QString::fromLatin1("content"), timeZoneDatabaseContentToVariantMap());
-    document.insert(QString::fromLatin1("information"), timeZoneDatabaseMetaInformationToVariantMap());
+    document.insert(latin1("content"), timeZoneDatabaseContentToVariantMap());
+    document.insert(latin1("information"), timeZoneDatabaseMetaInformationToVariantMap());
     return document;
 }
 

@@ -14,7 +14,7 @@ class NTimeZoneRegion;
 class NTimeZoneTown;
 
 /**
- * Answers GET requests with the time zone database as JSON; the query string chooses what of it:
+ * Answers GET requests with the time zone database as JSON. The query string selects the part:
  *
  * | query                             | document                                     |
  * |-----------------------------------|----------------------------------------------|
@@ -24,9 +24,9 @@ class NTimeZoneTown;
  * | section=content&region=R          | the region R with its towns                  |
  * | section=content&region=R&town=T   | the town T of R                              |
  *
- * R and T are names of the file system ("America", "Argentina/Buenos_Aires"). A parameter that occurs more than
- * once counts as not given. A region or town that does not exist is answered 404, with the reason on the request's
- * error stream.
+ * R and T are names in the file system ("America", "Argentina/Buenos_Aires"). A parameter that occurs more than
+ * once is ignored. A region or town that does not exist is answered 404, with the reason on the request's error
+ * stream.
  */
 class NBASE_EXPORT NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor : public NwaStandardFcgiRequestProcessor
 {
@@ -54,8 +54,8 @@ public:
     /** The document of all regions, by their names in the file system. */
     QVariantMap timeZoneDatabaseContentToVariantMap() const;
 
-    /** The document of the database's version and date; "dateTime" is local time and empty when the date is not
-     * known. */
+    /** The document of the database's version and date; "dateTime" is local time, empty when the date is unknown.
+     */
     QVariantMap timeZoneDatabaseMetaInformationToVariantMap() const;
 
     /** The document of the whole database. */
@@ -78,8 +78,8 @@ private:
 
     const NBuildrootUclibcTimeZoneDatabase* m_database;
 
-    // The documents that are asked for most, made on the first request for each: the database never changes, and
-    // making even the smallest takes as long as everything else about a request.
+    // The documents that are requested most, made on the first request for each: the database never changes, and
+    // making even the smallest takes as long as the rest of a request.
     QByteArray m_informationDocument;
     QByteArray m_contentDocument;
     QByteArray m_databaseDocument;

@@ -10,7 +10,7 @@ class NwaAbstractFcgiRequestProcessor;
 class NwaAbstractFcgiSessionIdentifier;
 
 /**
- * The web service that makes the time zone database available, read-only; what it answers stands with
+ * The web service that makes the time zone database available, read-only. For its replies see
  * NBuildrootUclibcTimeZoneDatabaseFcgiRequestProcessor.
  */
 class NBASE_EXPORT NBuildrootUclibcTimeZoneDatabaseFcgiService : public NwaStandardFcgiService
@@ -18,7 +18,7 @@ class NBASE_EXPORT NBuildrootUclibcTimeZoneDatabaseFcgiService : public NwaStand
     Q_OBJECT
 
 public:
-    /** @param processor answers the requests, and becomes the service's. */
+    /** @param processor answers the requests; the service takes ownership. */
     NBuildrootUclibcTimeZoneDatabaseFcgiService(NwaAbstractFcgiRequestProcessor* processor, QObject* parent);
 
     /**

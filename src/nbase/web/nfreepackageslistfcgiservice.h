@@ -10,7 +10,7 @@ class NwaAbstractFcgiRequestProcessor;
 class NwaAbstractFcgiSessionIdentifier;
 
 /**
- * The web service that makes the list of open-source packages available, read-only; what it answers stands with
+ * The web service that makes the list of open-source packages available, read-only. For its replies see
  * NFreePackagesListFcgiRequestProcessor.
  */
 class NBASE_EXPORT NFreePackagesListFcgiService : public NwaStandardFcgiService
@@ -18,7 +18,7 @@ class NBASE_EXPORT NFreePackagesListFcgiService : public NwaStandardFcgiService
     Q_OBJECT
 
 public:
-    /** @param processor answers the requests, and becomes the service's. */
+    /** @param processor answers the requests; the service takes ownership. */
     NFreePackagesListFcgiService(NwaAbstractFcgiRequestProcessor* processor, QObject* parent);
 
     /**
