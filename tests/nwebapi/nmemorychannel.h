@@ -54,6 +54,42 @@ private:
     int m_position;
 };
 
+/** Carries one request to a client that takes the reply only when it is told to. */
+class NSlowChannel : public NMemoryChannel
+{
+public:
+    explicit NSlowChannel(const QByteArray& requestBody = QByteArray())
+        : NMemoryChannel(requestBody)
+        , largestBacklog(0)
+        , m_taken(0)
+    {
+    }
+
+    bool write(Stream stream, const char* data, int size) override
+    {
+        const bool good = NMemoryChannel::write(stream, data, size);
+        largestBacklog = qMax(largestBacklog, replyBacklog());
+        return good;
+    }
+
+    int replyBacklog() const override { return output.size() - m_taken; }
+
+    /** The client of @a request takes all that was written. */
+    void take(NwaFcgiRequest* request)
+    {
+        m_taken = output.size();
+        tellReplyTaken(request);
+    }
+
+    /** The client of @a request goes away. */
+    void abort(NwaFcgiRequest* request) { tellAborted(request); }
+
+    int largestBacklog;
+
+private:
+    int m_taken;
+};
+
 /** Variables from a list of names and values in turn. */
 inline NwaCgiRequest::Variables nVariables(
     const char* name1 = nullptr, const QByteArray& value1 = QByteArray(), const char* name2 = nullptr,

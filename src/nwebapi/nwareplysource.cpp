@@ -1,0 +1,5 @@
+#include <nwebapi/nwareplysource.h>
+
+NwaReplySource::NwaReplySource() {}
+
+NwaReplySource::~NwaReplySource() {}
