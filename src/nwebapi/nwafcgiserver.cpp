@@ -4,6 +4,7 @@
 #include <nwebapi/nwafcgiconnection_p.h>
 #include <nwebapi/nwafcgipoller_p.h>
 #include <nwebapi/nwafcgirequest.h>
+#include <nwebapi/nwaheldmemory_p.h>
 
 #include <QtCore/QByteArray>
 #include <QtCore/QFile>
@@ -113,6 +114,7 @@ NwaFcgiServer::NwaFcgiServer(QObject* parent)
     , m_accepting(false)
     , m_socketDevice(0)
     , m_socketInode(0)
+    , m_heldMemory(new NwaHeldMemory)
 {
     m_sweepTimer.setInterval(SweepInterval);
     connect(&m_sweepTimer, SIGNAL(timeout()), this, SLOT(sweep()));
@@ -370,6 +372,7 @@ void NwaFcgiServer::sweep()
     const QHash<int, Connection> connections = m_connections;
     for (const Connection& connection : connections)
         connection->closeIfStalled();
+    m_heldMemory->update(bufferedSize());
     setAccepting(true);
     if (m_connections.isEmpty() && m_accepting)
         m_sweepTimer.stop();

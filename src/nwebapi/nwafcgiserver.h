@@ -18,6 +18,7 @@ class NwaAbstractFcgiService;
 class NwaFcgiConnection;
 class NwaFcgiPoller;
 class NwaFcgiRequest;
+class NwaHeldMemory;
 class QSocketNotifier;
 
 /** The limits that an NwaFcgiServer sets to its clients. Each is at least 1. */
@@ -154,6 +155,7 @@ private:
     dev_t m_socketDevice;
     ino_t m_socketInode;
     QTimer m_sweepTimer;
+    QScopedPointer<NwaHeldMemory> m_heldMemory;
     QString m_errorString;
 };
 

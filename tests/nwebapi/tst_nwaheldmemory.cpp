@@ -1,0 +1,64 @@
+#include <nwebapi/nwaheldmemory_p.h>
+
+#include <QtTest/QtTest>
+
+#include <unistd.h>
+
+namespace {
+
+const int BlockCount = 512;
+const int BlockSize = 64 * 1024;
+const int Megabyte = 1024 * 1024;
+
+// Memory that the process holds, in bytes.
+int residentSize()
+{
+    QFile file(QString::fromLatin1("/proc/self/statm"));
+    file.open(QIODevice::ReadOnly);
+    return file.readAll().split(' ').value(1).toInt() * int(::sysconf(_SC_PAGESIZE));
+}
+
+// Uses much memory and frees it, except for a small piece behind each large one.
+QList<QByteArray> scatteredPieces()
+{
+    QList<QByteArray> blocks;
+    QList<QByteArray> pieces;
+    for (int index = 0; index < BlockCount; ++index) {
+        blocks.append(QByteArray(BlockSize, 'x'));
+        pieces.append(QByteArray(2000, 'x')); // larger than what the C library has in reserve
+    }
+    return pieces;
+}
+
+} // namespace
+
+class tst_NwaHeldMemory : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void memoryIsReturnedWhenMuchLessIsHeld();
+};
+
+void tst_NwaHeldMemory::memoryIsReturnedWhenMuchLessIsHeld()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // The sanitizers' allocators keep what is freed; the operation must do no harm.
+    NwaHeldMemory memory;
+    memory.update(32 * Megabyte);
+    memory.update(0);
+#else
+    const int before = residentSize();
+    NwaHeldMemory memory;
+    const QList<QByteArray> pieces = scatteredPieces();
+    QVERIFY(residentSize() - before > 16 * Megabyte);
+    memory.update(32 * Megabyte);
+    memory.update(31 * Megabyte + 1);
+    QVERIFY(residentSize() - before > 16 * Megabyte);
+    memory.update(31 * Megabyte);
+    QVERIFY(residentSize() - before < 8 * Megabyte);
+#endif
+}
+
+QTEST_APPLESS_MAIN(tst_NwaHeldMemory)
+#include "tst_nwaheldmemory.moc"
