@@ -1,24 +1,8 @@
 #include <nbase/web/nfreepackage.h>
 
-#include <nbase/web/nfreepackageslist.h>
+#include <nbase/web/nlicensefile_p.h>
 
-#include <QtCore/QDir>
 #include <QtCore/QFile>
-#include <QtCore/QFileInfo>
-
-namespace {
-
-// Whether a path that begins in the folder of the free packages leads out of it. What an application itself has
-// put elsewhere is its own affair.
-bool leavesFreePackagesDirectory(const QString& path)
-{
-    const QDir& directory = NFreePackagesList::S_FREE_PACKAGES_DIR;
-    if (!path.startsWith(directory.path() + QLatin1Char('/')))
-        return false;
-    return !QFileInfo(path).canonicalFilePath().startsWith(directory.canonicalPath() + QLatin1Char('/'));
-}
-
-} // namespace
 
 NFreePackage::NFreePackage(
     const QString& name, const QString& version, const QStringList& licenses,
@@ -67,9 +51,11 @@ QString NFreePackage::sourceArchive() const
 QByteArray NFreePackage::licenseFileContent(const QString& fileName) const
 {
     const QString path = m_licenseFiles.value(fileName);
-    // Opening a pipe would wait for somebody to write to it, and a device may have no end.
-    if (path.isEmpty() || !QFileInfo(path).isFile() || leavesFreePackagesDirectory(path))
+    if (path.isEmpty())
         return QByteArray();
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    const NFileDescriptor descriptor = NLicenseFile::open(path);
+    QFile file;
+    if (!descriptor.isOpen() || !file.open(descriptor.number(), QIODevice::ReadOnly))
+        return QByteArray();
+    return file.readAll();
 }

@@ -8,7 +8,7 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
-/** An open-source package of the firmware, with its licences and where its source comes from. Not thread-safe. */
+/** An open-source package of the firmware, with its licences and the origin of its source. Not thread-safe. */
 class NBASE_EXPORT NFreePackage
 {
 public:
@@ -39,10 +39,10 @@ public:
     /**
      * The bytes of the licence file @a fileName, read now.
      *
-     * Of a path in the folder of the free packages only files of this folder are read: a name with ".." in it or a
-     * symbolic link must not make anything else of the device public.
-     * @return nothing for a name that the package does not have, for a file that cannot be read or is no regular
-     * file, and for one that lies outside the folder.
+     * A path in the folder of the free packages must not lead out of it: a name with ".." in it or a symbolic link
+     * must not publish other files of the device.
+     * @return an empty array for a name that the package does not have, for a file that cannot be read or is not a
+     * regular file, and for one that lies outside the folder.
      */
     QByteArray licenseFileContent(const QString& fileName) const;
 

@@ -2,6 +2,10 @@
 
 #include <nbase/web/nfreepackage.h>
 
+#include <nsystem/nlatin1_p.h>
+#include <nsystem/nlinereader_p.h>
+#include <nsystem/nsystemcall_p.h>
+
 #include <QtCore/QFile>
 #include <QtCore/QStringList>
 
@@ -14,29 +18,20 @@ enum Field { Name, Version, Licenses, LicenseFiles, SourceArchive, SourceSite, F
 const char* const Header =
     "\"PACKAGE\",\"VERSION\",\"LICENSE\",\"LICENSE FILES\",\"SOURCE ARCHIVE\",\"SOURCE SITE\"";
 
-// The next line up to a NUL byte, without its line feed.
-QString readLine(QFile& file)
-{
-    QString line = QString::fromLatin1(file.readLine().constData());
-    if (line.endsWith(QLatin1Char('\n')))
-        line.chop(1);
-    return line;
-}
-
 QStringList splitWithoutEmptyParts(const QString& text, const char* separator)
 {
-    QStringList parts = text.split(QString::fromLatin1(separator));
+    QStringList parts = text.split(latin1(separator));
     parts.removeAll(QString());
     return parts;
 }
 
-// The fields of a record; as many as there are when it is not well-formed.
+// The fields of a record, or another number of them than FieldCount when the line is not well-formed.
 QStringList fieldsOf(const QString& line)
 {
     const QChar quote = QLatin1Char('"');
     if (line.size() < 2 || !line.startsWith(quote) || !line.endsWith(quote))
         return QStringList();
-    return line.mid(1, line.size() - 2).split(QString::fromLatin1("\",\""));
+    return line.mid(1, line.size() - 2).split(latin1("\",\""));
 }
 
 QHash<QString, QString> licenseFilesOf(const QStringList& fields)
@@ -44,8 +39,7 @@ QHash<QString, QString> licenseFilesOf(const QStringList& fields)
     QHash<QString, QString> files;
     const QStringList names = splitWithoutEmptyParts(fields.at(LicenseFiles), " ");
     for (const QString& name : names) {
-        const QString path =
-            QString::fromLatin1("licenses/%1-%2/%3").arg(fields.at(Name), fields.at(Version), name);
+        const QString path = latin1("licenses/%1-%2/%3").arg(fields.at(Name), fields.at(Version), name);
         files.insert(name, NFreePackagesList::S_FREE_PACKAGES_DIR.absoluteFilePath(path));
     }
     return files;
@@ -60,7 +54,7 @@ NFreePackage* packageOf(const QStringList& fields)
 
 } // namespace
 
-const QDir NFreePackagesList::S_FREE_PACKAGES_DIR = QDir(QString::fromLatin1("/usr/share/free_packages"));
+const QDir NFreePackagesList::S_FREE_PACKAGES_DIR = QDir(latin1("/usr/share/free_packages"));
 
 NFreePackagesList::NFreePackagesList(QObject* parent)
     : QObject(parent)
@@ -82,32 +76,33 @@ QHash<QString, NFreePackage*> NFreePackagesList::freePackages() const
 QHash<QString, NFreePackage*> NFreePackagesList::loadFreePackages()
 {
     Packages packages;
-    QFile file(S_FREE_PACKAGES_DIR.absoluteFilePath(QString::fromLatin1("manifest.csv")));
-    if (!file.open(QIODevice::ReadOnly)) {
+    const QByteArray path = QFile::encodeName(S_FREE_PACKAGES_DIR.absoluteFilePath(latin1("manifest.csv")));
+    const NFileDescriptor file = NSystem::openRegularFile(path.constData());
+    if (!file.isOpen()) {
         qWarning("Cannot open the free packages' manifest file");
         return packages;
     }
-    const QString header = readLine(file);
-    if (header != QString::fromLatin1(Header)) {
+    NLineReader reader;
+    reader.start(file.number());
+    NLineReader::Line line;
+    const QString header = reader.next(&line) ? line.textUpToNul() : QString();
+    if (header != latin1(Header)) {
         qWarning("Bad header line in free packages' manifest: %s", header.toUtf8().constData());
         return packages;
     }
-    while (!file.atEnd()) {
-        const QString line = readLine(file);
-        // Of a file that cannot be read further, the end is never reached.
-        if (file.error() != QFile::NoError) {
-            qWarning("Cannot read the free packages' manifest file to its end");
-            return packages;
-        }
-        if (line.isEmpty())
+    while (reader.next(&line)) {
+        const QString text = line.textUpToNul();
+        if (text.isEmpty())
             continue;
-        const QStringList fields = fieldsOf(line);
-        if (fields.size() != FieldCount) {
-            qWarning("Bad line in free packages' manifest: %s", line.toUtf8().constData());
+        const QStringList fields = fieldsOf(text);
+        if (fields.size() != FieldCount || !line.isTextComplete()) {
+            qWarning("Bad line in free packages' manifest: %s", text.toUtf8().constData());
             continue;
         }
         delete packages.take(fields.at(Name));
         packages.insert(fields.at(Name), packageOf(fields));
     }
+    if (reader.hasFailed())
+        qWarning("Cannot read the free packages' manifest file to its end");
     return packages;
 }

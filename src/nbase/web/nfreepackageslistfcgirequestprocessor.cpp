@@ -3,48 +3,34 @@
 #include <nbase/web/nfreepackage.h>
 #include <nbase/web/nfreepackageslist.h>
 
-#include <nwebapi/nwafcgirequest.h>
+#include <nbase/web/nlicensefile_p.h>
+
 #include <nwebapi/nwahttpjsonheader.h>
 #include <nwebapi/nwajson.h>
+#include <nwebapi/nwareplysource.h>
+#include <nwebapi/nwastreamedreply.h>
 
-#include <QtCore/QObject>
+#include <nsystem/nlatin1_p.h>
+
+#include <QtCore/QQueue>
 #include <QtCore/QStringList>
-
-#include <ostream>
-#include <string.h>
 
 namespace {
 
 typedef QHash<QString, NFreePackage*> Packages;
+typedef QHash<QString, QString> LicenseFiles;
 
-// Nothing is written while this much waits for the client.
-const int MaximumBacklog = 64 * 1024;
-
-// A licence text is written in pieces of this size, so that a long one is no larger backlog than a short one.
-const int PieceSize = 32 * 1024;
-
-// What is written before others have their turn.
-const int TurnSize = 512 * 1024;
-
-QString key(const char* name)
-{
-    return QString::fromLatin1(name);
-}
-
-// Licence files are text in an encoding that nobody has noted down.
-QString textOf(const QByteArray& content)
-{
-    return QString::fromLatin1(content.constData());
-}
+// Licence texts are read in pieces of this size. In JSON, a character has six bytes at the most.
+const int ReadSize = 16 * 1024;
 
 // What the document says about a package besides its licence texts.
 QVariantMap descriptionOf(const NFreePackage* package)
 {
     QVariantMap document;
-    document.insert(key("version"), package->version());
-    document.insert(key("licenses"), package->licenses());
-    document.insert(key("sourceSite"), package->sourceSite());
-    document.insert(key("sourceArchive"), package->sourceArchive());
+    document.insert(latin1("version"), package->version());
+    document.insert(latin1("licenses"), package->licenses());
+    document.insert(latin1("sourceSite"), package->sourceSite());
+    document.insert(latin1("sourceArchive"), package->sourceArchive());
     return document;
 }
 
@@ -66,155 +52,99 @@ QByteArray quoted(const QString& text)
     return '"' + inner(text) + '"';
 }
 
-// Makes the document of all packages piece by piece.
-class DocumentPieces
+// The document of all packages, package by package, with the licence texts read in pieces. The members come in the
+// order of their names, as NwaJson writes them: "licenseFiles" is the first of a package's.
+class PackagesSource : public NwaReplySource
 {
 public:
-    explicit DocumentPieces(const Packages& packages)
+    PackagesSource(const Packages& packages, const QStringList& packageNames)
         : m_packages(packages)
-        , m_packageNames(sorted(packages.keys()))
-        , m_package(nullptr)
-        , m_textPosition(0)
-        , m_isInText(false)
-        , m_isFirst(true)
-        , m_isFirstFile(true)
-        , m_atEnd(false)
+        , m_packageNames(packageNames)
+        , m_packageCount(0)
+        , m_licenseOffset(0)
     {
     }
 
-    bool atEnd() const { return m_atEnd; }
-
-    QByteArray next()
+    State appendPiece(QByteArray& body) override
     {
-        if (m_isInText)
-            return nextOfText();
-        if (m_package)
-            return m_fileNames.isEmpty() ? endOfPackage() : beginOfText();
-        if (!m_packageNames.isEmpty())
-            return beginOfPackage();
-        m_atEnd = true;
-        return m_isFirst ? "{}" : "}";
+        if (m_parts.isEmpty() && m_packageCount == m_packageNames.size()) {
+            body += m_packageCount == 0 ? "{}" : "}";
+            return AtEnd;
+        }
+        if (m_parts.isEmpty())
+            enqueuePackage(m_packageNames.at(m_packageCount++));
+        if (!appendPartOf(m_parts.head(), body)) {
+            m_parts.dequeue();
+            m_licenseOffset = 0;
+        }
+        return MoreFollows;
     }
 
 private:
-    Q_DISABLE_COPY(DocumentPieces)
-
-    QByteArray beginOfPackage()
+    // A piece of JSON, and the licence text that follows it, if any.
+    struct Part
     {
-        const QByteArray before(m_isFirst ? "{" : ",");
-        const QString name = m_packageNames.takeFirst();
-        m_isFirst = false;
-        m_isFirstFile = true;
-        m_package = m_packages.value(name);
-        m_fileNames = sorted(m_package->licenseFiles().keys());
-        return before + quoted(name) + ":{\"licenseFiles\":{";
-    }
+        QByteArray json;
+        QString licenseFile;
+    };
 
-    QByteArray beginOfText()
+    void enqueuePackage(const QString& name)
     {
-        const QByteArray before(m_isFirstFile ? "" : ",");
-        const QString name = m_fileNames.takeFirst();
-        m_isFirstFile = false;
-        m_isInText = true;
-        m_text = m_package->licenseFileContent(name);
-        m_text.truncate(int(strlen(m_text.constData())));
-        m_textPosition = 0;
-        return before + quoted(name) + ":\"";
-    }
-
-    QByteArray nextOfText()
-    {
-        if (m_textPosition == m_text.size()) {
-            m_isInText = false;
-            m_text.clear();
-            return "\"";
+        const NFreePackage* const package = m_packages.value(name);
+        const LicenseFiles files = package->licenseFiles();
+        const QStringList fileNames = sorted(files.keys());
+        QByteArray json = (m_packageCount == 1 ? '{' : ',') + quoted(name) + ":{\"licenseFiles\":{";
+        for (const QString& fileName : fileNames) {
+            enqueue(json + quoted(fileName) + ":\"", files.value(fileName));
+            json = "\",";
         }
-        const QByteArray piece = m_text.mid(m_textPosition, PieceSize);
-        m_textPosition += piece.size();
-        return inner(textOf(piece));
+        if (!fileNames.isEmpty())
+            json.chop(1);
+        enqueue(json + "}," + inner(descriptionOf(package)) + '}', QString());
     }
 
-    QByteArray endOfPackage()
+    void enqueue(const QByteArray& json, const QString& licenseFile)
     {
-        const QByteArray description = inner(descriptionOf(m_package));
-        m_package = nullptr;
-        return "}," + description + '}';
+        const Part part = {json, licenseFile};
+        m_parts.enqueue(part);
+    }
+
+    // Returns whether more of the part may follow.
+    bool appendPartOf(const Part& part, QByteArray& body)
+    {
+        if (m_licenseOffset == 0)
+            body += part.json;
+        if (part.licenseFile.isEmpty())
+            return false;
+        const QByteArray bytes = NLicenseFile::read(part.licenseFile, m_licenseOffset, ReadSize);
+        m_licenseOffset += bytes.size();
+        // The text ends at the first NUL byte.
+        const QString text = latin1(bytes.constData());
+        body += inner(text);
+        return text.size() == ReadSize;
     }
 
     const Packages m_packages;
-    QStringList m_packageNames; ///< those that have not begun
-    const NFreePackage* m_package;
-    QStringList m_fileNames; ///< those of the package that have not begun
-    QByteArray m_text;
-    int m_textPosition;
-    bool m_isInText;
-    bool m_isFirst;
-    bool m_isFirstFile;
-    bool m_atEnd;
-};
-
-// Writes the document to one request, which it owns, and deletes itself afterwards.
-class Reply : public QObject
-{
-    Q_OBJECT
-
-public:
-    Reply(NwaFcgiRequest* request, const Packages& packages, QObject* parent)
-        : QObject(parent)
-        , m_request(request)
-        , m_pieces(packages)
-        , m_hasTurnToCome(false)
-    {
-        connect(request, SIGNAL(replyTaken()), SLOT(write()));
-        connect(request, SIGNAL(aborted()), SLOT(deleteLater()));
-    }
-
-public slots:
-    void write()
-    {
-        // What the client takes meanwhile does not give the reply a second turn.
-        if (!m_request || m_hasTurnToCome)
-            return;
-        int written = 0;
-        while (!m_pieces.atEnd() && !m_request->isAborted()) {
-            // The client's taking it brings us here again.
-            if (m_request->replyBacklog() >= MaximumBacklog)
-                return;
-            if (written >= TurnSize) {
-                m_hasTurnToCome = true;
-                QMetaObject::invokeMethod(this, "takeTurn", Qt::QueuedConnection);
-                return;
-            }
-            const QByteArray piece = m_pieces.next();
-            m_request->outputStream().write(piece.constData(), piece.size());
-            written += piece.size();
-        }
-        m_request.reset();
-        deleteLater();
-    }
-
-private slots:
-    void takeTurn()
-    {
-        m_hasTurnToCome = false;
-        write();
-    }
-
-private:
-    Q_DISABLE_COPY(Reply)
-
-    QScopedPointer<NwaFcgiRequest> m_request;
-    DocumentPieces m_pieces;
-    bool m_hasTurnToCome;
+    const QStringList m_packageNames;
+    int m_packageCount;     ///< how many packages have begun
+    QQueue<Part> m_parts;   ///< of the latest package
+    qint64 m_licenseOffset; ///< in the first part's licence file
 };
 
 } // namespace
+
+// The parent of the replies, and the names that they share: a copy for each slow client would add up.
+class NFreePackagesListFcgiRequestProcessor::Replies : public QObject
+{
+public:
+    QStringList packageNames;
+};
 
 NFreePackagesListFcgiRequestProcessor::NFreePackagesListFcgiRequestProcessor(
     NwaAbstractFcgiSessionIdentifier* identifier, const NFreePackagesList* list)
     : NwaStandardFcgiRequestProcessor(identifier)
     , m_list(list)
-    , m_replies(new QObject)
+    , m_replies(new Replies)
 {
 }
 
@@ -222,33 +152,25 @@ NFreePackagesListFcgiRequestProcessor::~NFreePackagesListFcgiRequestProcessor() 
 
 void NFreePackagesListFcgiRequestProcessor::processGetMethod(NwaFcgiRequest* request)
 {
-    NwaWebSession* const session = authenticateRequest(request, false);
-    if (!session) {
-        delete request;
+    if (!requireSession(request, this, &NFreePackagesListFcgiRequestProcessor::canReadFreePackagesListWithSession))
         return;
-    }
-    if (!canReadFreePackagesListWithSession(session)) {
-        request->sendHttpError(NwaFcgiRequest::Forbidden);
-        delete request;
-        return;
-    }
-    request->outputStream() << NwaHttpJsonHeader(QString::fromLatin1("utf-8"));
-    if (request->method() == QLatin1String("HEAD")) {
-        delete request;
-        return;
-    }
-    (new Reply(request, m_list->freePackages(), m_replies.data()))->write();
-} // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the reply belongs to its parent and deletes itself at its end
+    const Packages packages = m_list->freePackages();
+    if (m_replies->packageNames.isEmpty())
+        m_replies->packageNames = sorted(packages.keys());
+    NwaStreamedReply::start(
+        request, NwaHttpJsonHeader(latin1("utf-8")), new PackagesSource(packages, m_replies->packageNames),
+        m_replies.data());
+}
 
 QVariantMap NFreePackagesListFcgiRequestProcessor::freePackageToVariantMap(const NFreePackage* package) const
 {
     QVariantMap texts;
     const QStringList fileNames = package->licenseFiles().keys();
     for (const QString& fileName : fileNames)
-        texts.insert(fileName, textOf(package->licenseFileContent(fileName)));
+        texts.insert(fileName, latin1(package->licenseFileContent(fileName).constData()));
 
     QVariantMap document = descriptionOf(package);
-    document.insert(key("licenseFiles"), texts);
+    document.insert(latin1("licenseFiles"), texts);
     return document;
 }
 
@@ -265,5 +187,3 @@ bool NFreePackagesListFcgiRequestProcessor::canReadFreePackagesListWithSession(N
 {
     return true;
 }
-
-#include "nfreepackageslistfcgirequestprocessor.moc"

@@ -10,15 +10,13 @@
 
 class NFreePackage;
 class NFreePackagesList;
-class QObject;
 
 /**
  * Answers GET requests with the list of open-source packages as JSON: one member for each package, with its
- * version, licences, the texts of its licence files as they are on disk at this moment, and where its source comes
- * from.
+ * version, licences, the texts of its licence files as they are on disk now, and the origin of its source.
  *
- * The texts of a whole firmware may be larger than a device's memory. The document is therefore written as fast as
- * the client takes it; besides what is under way to him, one licence text is in memory at a time.
+ * The texts of a whole firmware may be larger than a device's memory. The document is therefore produced while the
+ * client takes it (see NwaStreamedReply), with the licence files read in pieces.
  */
 class NBASE_EXPORT NFreePackagesListFcgiRequestProcessor : public NwaStandardFcgiRequestProcessor
 {
@@ -30,7 +28,7 @@ public:
     NFreePackagesListFcgiRequestProcessor(
         NwaAbstractFcgiSessionIdentifier* identifier, const NFreePackagesList* list);
 
-    /** Replies that are still being written end where they are. */
+    /** Ends replies that are still being written where they are. */
     ~NFreePackagesListFcgiRequestProcessor() override;
 
     /** The document of one package, all its licence texts included. */
@@ -49,8 +47,10 @@ public:
 private:
     Q_DISABLE_COPY(NFreePackagesListFcgiRequestProcessor)
 
+    class Replies;
+
     const NFreePackagesList* m_list;
-    QScopedPointer<QObject> m_replies; ///< the parent of the replies that are being written
+    QScopedPointer<Replies> m_replies;
 };
 
 #endif

@@ -8,6 +8,8 @@
 #include <nwebapi/nwafcgiserver.h>
 #include <nwebapi/nwajson.h>
 
+#include "nwebapi/nfcgiclient.h"
+#include "support/nallocatedbytes.h"
 #include "support/nlighttpd.h"
 #include "support/nprivatenamespace.h"
 #include "support/nservicetest.h"
@@ -18,8 +20,14 @@
 #include <QtCore/QProcess>
 #include <QtTest/QtTest>
 
+#include <memory>
+#include <string.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -37,78 +45,53 @@ public:
     bool canReadFreePackagesListWithSession(NwaWebSession* session) const override { return refuse(session); }
 };
 
-// A client who takes only what he is asked to take.
-class SlowChannel : public NMemoryChannel
+// A client of the FastCGI socket that asks for the list and does not read the reply.
+class SilentClient
 {
 public:
-    SlowChannel()
-        : largestBacklog(0)
-        , m_taken(0)
+    explicit SilentClient(const QString& path)
+        : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
+        struct sockaddr_un address;
+        memset(&address, 0, sizeof(address));
+        address.sun_family = AF_UNIX;
+        const QByteArray name = QFile::encodeName(path);
+        memcpy(address.sun_path, name.constData(), size_t(name.size()));
+        const QByteArray request = NFcgiClient::request(NFcgiClient::variables("/api/packages"));
+        m_isConnected =
+            ::connect(m_socket, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) == 0 &&
+            ::send(m_socket, request.constData(), size_t(request.size()), MSG_NOSIGNAL) == request.size();
     }
 
-    bool write(Stream stream, const char* data, int size) override
+    ~SilentClient() { ::close(m_socket); }
+
+    bool isConnected() const { return m_isConnected; }
+
+    /** Bytes of the reply that wait in the kernel. */
+    int unreadSize() const
     {
-        const bool good = NMemoryChannel::write(stream, data, size);
-        largestBacklog = qMax(largestBacklog, replyBacklog());
-        return good;
-    }
-
-    int replyBacklog() const override { return output.size() - m_taken; }
-
-    void take(NwaFcgiRequest* request)
-    {
-        m_taken = output.size();
-        tellReplyTaken(request);
-    }
-
-    void abort(NwaFcgiRequest* request) { tellAborted(request); }
-
-    int largestBacklog;
-
-private:
-    int m_taken;
-};
-
-// A client who has taken everything already whenever something is written.
-class FastChannel : public NMemoryChannel
-{
-public:
-    void tellTaken(NwaFcgiRequest* request) { tellReplyTaken(request); }
-};
-
-// Somebody else whom the event loop serves in turn with a reply.
-class Neighbour : public QObject
-{
-    Q_OBJECT
-
-public:
-    explicit Neighbour(const NMemoryChannel& channel)
-        : m_channel(channel)
-        , m_written(channel.output.size())
-        , m_mostWritten(0)
-    {
-    }
-
-    /** The most that was written between two turns. */
-    int mostWritten() const { return m_mostWritten; }
-
-public slots:
-    void takeTurn()
-    {
-        m_mostWritten = qMax(m_mostWritten, m_channel.output.size() - m_written);
-        m_written = m_channel.output.size();
-        if (m_channel.finishCount == 0)
-            QMetaObject::invokeMethod(this, "takeTurn", Qt::QueuedConnection);
+        int size = 0;
+        ::ioctl(m_socket, FIONREAD, &size);
+        return size;
     }
 
 private:
-    const NMemoryChannel& m_channel;
-    int m_written;
-    int m_mostWritten;
+    Q_DISABLE_COPY(SilentClient)
+
+    const int m_socket;
+    bool m_isConnected;
 };
+
+// Memory that the process holds, in kB.
+int residentSize()
+{
+    QFile file(QString::fromLatin1("/proc/self/statm"));
+    file.open(QIODevice::ReadOnly);
+    return file.readAll().split(' ').value(1).toInt() * int(::sysconf(_SC_PAGESIZE) / 1024);
+}
 
 const int LongTextSize = 3000000;
+const int ReadSize = 16 * 1024; // the pieces that the service reads
 
 QString text(const char* latin1)
 {
@@ -137,14 +120,17 @@ private slots:
     void licenseTextIsReadOnEveryRequest();
     void replyIsTheWholeDocument_data();
     void replyIsTheWholeDocument();
+    void realLicenseTextsAreServed();
+    void licenseTextEndsAtNulInAnyPiece_data();
+    void licenseTextEndsAtNulInAnyPiece();
     void queryIsNotRead();
     void fileOutsideTheFolderIsNotServed();
 
     void replyWaitsForASlowClient();
     void longReplyGivesOthersTheirTurn();
-    void replyThatWasTakenWaitsForItsTurn();
     void abortedReplyEnds();
     void replyEndsWithItsProcessor();
+    void clientsThatDoNotReadHoldLittleMemory();
     void twoHundredMegabytesGoThroughTheWebServerInLittleMemory();
 
 protected:
@@ -271,8 +257,10 @@ void tst_NFreePackagesListFcgiService::replyIsTheWholeDocument_data()
     QTest::newRow("none") << 0 << 0;
     QTest::newRow("one") << 1 << 10;
     QTest::newRow("many small") << 500 << 100;
-    QTest::newRow("a piece exactly") << 2 << 32 * 1024;
-    QTest::newRow("a piece and a byte") << 2 << 32 * 1024 + 1;
+    QTest::newRow("a byte less than a piece") << 2 << ReadSize - 1;
+    QTest::newRow("a piece exactly") << 2 << int(ReadSize);
+    QTest::newRow("a piece and a byte") << 2 << ReadSize + 1;
+    QTest::newRow("two pieces exactly") << 2 << 2 * ReadSize;
     QTest::newRow("long texts") << 3 << 1000000;
 }
 
@@ -294,6 +282,44 @@ void tst_NFreePackagesListFcgiService::replyIsTheWholeDocument()
     const Processor processor(identifier(), m_list.data());
     QVERIFY(channel().body() == NwaJson::serialize(processor.freePackagesListToVariantMap()));
     QCOMPARE(processor.freePackagesListToVariantMap().size(), packages);
+}
+
+void tst_NFreePackagesListFcgiService::realLicenseTextsAreServed()
+{
+    const QDir texts(text("/usr/share/common-licenses"));
+    const QStringList names = texts.entryList(QDir::Files);
+    QVERIFY(!names.isEmpty());
+    QByteArray files;
+    for (const QString& name : names) {
+        QFile original(texts.filePath(name));
+        QVERIFY(original.open(QIODevice::ReadOnly));
+        m_folder->writeFile(text("licenses/p-1.0/") + name, original.readAll());
+        files += name.toLatin1() + ' ';
+    }
+    load(record("p", files));
+    process();
+    const Processor processor(identifier(), m_list.data());
+    QVERIFY(channel().body() == NwaJson::serialize(processor.freePackagesListToVariantMap()));
+    QVERIFY(channel().body().contains("GNU GENERAL PUBLIC LICENSE"));
+}
+
+void tst_NFreePackagesListFcgiService::licenseTextEndsAtNulInAnyPiece_data()
+{
+    QTest::addColumn<int>("position");
+    QTest::newRow("first byte") << 0;
+    QTest::newRow("last byte of a piece") << ReadSize - 1;
+    QTest::newRow("first byte of a piece") << int(ReadSize);
+    QTest::newRow("inside a later piece") << 2 * ReadSize + 5;
+}
+
+void tst_NFreePackagesListFcgiService::licenseTextEndsAtNulInAnyPiece()
+{
+    QFETCH(int, position);
+    m_folder->writeFile(
+        text("licenses/p-1.0/COPYING"), QByteArray(position, 'x') + '\0' + QByteArray(3 * ReadSize, 'y'));
+    load(record("p"));
+    const QVariantMap texts = reply().value(text("p")).toMap().value(text("licenseFiles")).toMap();
+    QCOMPARE(texts.value(text("COPYING")).toString(), QString(position, QLatin1Char('x')));
 }
 
 void tst_NFreePackagesListFcgiService::queryIsNotRead()
@@ -331,7 +357,7 @@ void tst_NFreePackagesListFcgiService::replyWaitsForASlowClient()
 {
     loadLongText();
     Service service(identifier(), m_list.data(), nullptr);
-    SlowChannel channel;
+    NSlowChannel channel;
     QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
     service.processRequest(request);
     QVERIFY(request);
@@ -360,29 +386,11 @@ void tst_NFreePackagesListFcgiService::longReplyGivesOthersTheirTurn()
     QVERIFY(channel.body().size() > LongTextSize);
 }
 
-void tst_NFreePackagesListFcgiService::replyThatWasTakenWaitsForItsTurn()
-{
-    loadLongText();
-    Service service(identifier(), m_list.data(), nullptr);
-    FastChannel channel;
-    NwaFcgiRequest* const request = new NwaFcgiRequest(&channel, variables("", "GET"));
-    service.processRequest(request);
-    const int firstTurn = channel.output.size();
-    QVERIFY(firstTurn < LongTextSize / 3);
-    channel.tellTaken(request);
-    channel.tellTaken(request);
-    Neighbour neighbour(channel);
-    neighbour.takeTurn();
-    NTRY_COMPARE(channel.finishCount, 1);
-    QVERIFY(channel.body().size() > LongTextSize);
-    QVERIFY2(neighbour.mostWritten() < 2 * firstTurn, QByteArray::number(neighbour.mostWritten()));
-}
-
 void tst_NFreePackagesListFcgiService::abortedReplyEnds()
 {
     loadLongText();
     Service service(identifier(), m_list.data(), nullptr);
-    SlowChannel channel;
+    NSlowChannel channel;
     QPointer<NwaFcgiRequest> request(new NwaFcgiRequest(&channel, variables("", "GET")));
     service.processRequest(request);
     QVERIFY(request);
@@ -394,7 +402,7 @@ void tst_NFreePackagesListFcgiService::abortedReplyEnds()
 void tst_NFreePackagesListFcgiService::replyEndsWithItsProcessor()
 {
     loadLongText();
-    SlowChannel channel;
+    NSlowChannel channel;
     QPointer<NwaFcgiRequest> request;
     {
         Service service(identifier(), m_list.data(), nullptr);
@@ -404,6 +412,49 @@ void tst_NFreePackagesListFcgiService::replyEndsWithItsProcessor()
     }
     QVERIFY(!request);
     QCOMPARE(channel.finishCount, 1);
+}
+
+void tst_NFreePackagesListFcgiService::clientsThatDoNotReadHoldLittleMemory()
+{
+    const int clientCount = 256;
+    const int kernelSize = 64 * 1024; // the least that the kernel takes for a client
+    loadLongText();
+    const NTemporaryDirectory sockets;
+    const QString socket = sockets.filePath(text("socket"));
+    NwaFcgiServer server;
+    Service service(identifier(), m_list.data(), nullptr);
+    server.registerService(text("/api/packages"), &service);
+    QVERIFY2(server.listenOnPath(socket), server.errorString().toLatin1());
+
+    const qint64 allocatedBefore = NTest::allocatedBytes();
+    const int residentBefore = residentSize();
+    {
+        std::vector<std::unique_ptr<SilentClient>> clients;
+        for (int index = 0; index < clientCount; ++index) {
+            clients.emplace_back(new SilentClient(socket));
+            QVERIFY(clients.back()->isConnected());
+            NTRY_COMPARE(server.connectionCount(), index + 1);
+        }
+        for (const std::unique_ptr<SilentClient>& client : clients)
+            NTRY_VERIFY(client->unreadSize() > kernelSize);
+        // The kernel has taken what it takes when nothing more is allocated from one look to the next.
+        qint64 allocated = -1;
+        QVERIFY(NTest::waitUntil([&]() {
+            const qint64 formerly = allocated;
+            allocated = NTest::allocatedBytes();
+            return allocated == formerly;
+        }));
+        const int growth = residentSize() - residentBefore;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take memory of their own
+        QVERIFY2(growth < 24 * 1024, QByteArray::number(growth).constData());
+#endif
+    }
+    NTRY_COMPARE(server.connectionCount(), 0);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // The server returns it to the system within a second or two.
+    NTRY_VERIFY(NTest::allocatedBytes() - allocatedBefore < 100 * 1024);
+    NTRY_VERIFY(residentSize() - residentBefore < 2 * 1024);
+#endif
 }
 
 void tst_NFreePackagesListFcgiService::twoHundredMegabytesGoThroughTheWebServerInLittleMemory()
