@@ -19,7 +19,7 @@ QSet<Qt::DayOfWeek> daysFromMondayTo(Qt::DayOfWeek lastDay)
     return days;
 }
 
-// Something to look at for whoever comes first.
+// Entries for the first user to look at.
 void addExamples(Timetable* timetable)
 {
     EntryPlan heating;

@@ -12,7 +12,7 @@
 
 #include <QtCore/QObject>
 
-/** What the demo device serves: every web service of the library and a timetable, behind one login. */
+/** The demo device's services: every web service of the library and a timetable, behind one login. */
 class DemoDevice : public QObject
 {
     Q_OBJECT
@@ -21,7 +21,8 @@ public:
     /** @param sessionTimeout after how many seconds without a request a session ends. */
     explicit DemoDevice(int sessionTimeout);
 
-    /** Serves FastCGI on the Unix socket @a path. @return whether that succeeded; errorString() tells why not. */
+    /** Serves FastCGI on the Unix socket @a path. @return whether that succeeded; errorString() gives the reason.
+     */
     bool listen(const QString& path);
 
     QString errorString() const;
@@ -34,7 +35,7 @@ private:
     NFreePackagesList m_packages;
     NwaWebSessionManager m_sessions;
     NwaCookieFcgiSessionIdentifier m_identifier;
-    QObject m_services; ///< owns the services, which end before what they serve and after the server
+    QObject m_services; ///< owns the services, which end after the server and before what they serve
     NwaFcgiServer m_server;
 };
 

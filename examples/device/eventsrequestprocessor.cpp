@@ -36,7 +36,7 @@ bool isTitle(const QString& text)
     for (int index = 0; index < text.size(); ++index) {
         if (!isTitleCharacter(text.at(index)))
             return false;
-        // In UTF-16 some characters, of many an emoji for example, take two units.
+        // In UTF-16 some characters, for example emoji, take two units.
         length += text.at(index).isLowSurrogate() ? 0 : 1;
     }
     return !text.isEmpty() && length <= MaximumTitleLength;
@@ -47,7 +47,7 @@ bool readTime(const QVariantMap& object, const char* name, QTime& time)
     QString text;
     if (!NwaJsonUtilities::stringValue(object, key(name), text))
         return false;
-    // The way back tells what the conversion is too generous about.
+    // The conversion accepts other forms, which differ when they are converted back.
     time = QTime::fromString(text, QString::fromLatin1("hh:mm"));
     return time.isValid() && time.toString(QString::fromLatin1("hh:mm")) == text;
 }
@@ -77,7 +77,7 @@ bool readDays(const QVariantMap& object, QSet<Qt::DayOfWeek>& days)
     return !days.isEmpty();
 }
 
-/** @return the rule that the entry does not keep, or null. */
+// Returns the rule that the entry breaks, or null.
 const char* readEntry(const QVariantMap& object, EntryPlan& plan)
 {
     QString title;
@@ -173,7 +173,7 @@ bool isNumber(const QString& text)
     return QRegExp(QString::fromLatin1("[0-9]+")).exactMatch(text);
 }
 
-/** Reads the number that is the parameter @a name. @return whether there is one, and no more. */
+// Reads the number in the parameter @a name. Returns whether there is exactly one.
 bool readNumber(const NwaFcgiRequest* request, const char* name, quint64& number)
 {
     QString text;
@@ -183,7 +183,7 @@ bool readNumber(const NwaFcgiRequest* request, const char* name, quint64& number
     return ok;
 }
 
-/** No entry has the id 0. */
+// Returns 0, which is no entry's id, when there is none.
 unsigned int readId(const NwaFcgiRequest* request)
 {
     quint64 number = 0;
@@ -212,7 +212,7 @@ void EventsRequestProcessor::processGetMethod(NwaFcgiRequest* request)
             request, NwaFcgiRequest::BadRequest,
             QString::fromLatin1("\"since\" must be the number of an earlier answer."));
 
-    // A number that is not ours yet is from before a restart: everything is new.
+    // A number that has not been given out yet is from before a restart: everything is new.
     const bool hasEverything = asksForNews && since == m_timetable->lastNumber();
     if (since > m_timetable->lastNumber())
         since = 0;

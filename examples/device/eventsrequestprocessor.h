@@ -12,19 +12,19 @@ class Timetable;
  *     {"title": "Pump test", "kind": "event", "days": [1, 5], "time": "05:30"}
  *     {"title": "Heating", "kind": "slot", "days": [1, 2], "start": "06:00", "end": "22:00"}
  *
- * with 1 for Monday, and "id" and "active" in what is answered.
+ * with 1 for Monday; replies add "id" and, for a slot, "active".
  *
- * - GET answers the device's local time, all entries, and what has happened lately, the oldest first. With
- *   "?since=" and the "number" of an earlier answer, it has only what has happened since, and the entries only if
- *   anything has changed. Such a question is taken as the page's own doing: it does not keep the session alive.
+ * - GET answers the device's local time, all entries, and the latest happenings, the oldest first. With "?since="
+ * and the "number" of an earlier reply, it has only what has happened since, and the entries only if anything has
+ *   changed. Such a request is a page's polling: it does not keep the session alive.
  * - POST adds an entry; PUT changes, and DELETE removes, the one that "?id=" names.
  *
- * A refusal is a document as well: {"message": ...}, for a person to read.
+ * The body of a refusal is {"message": ...}, for the user to read.
  */
 class EventsRequestProcessor : public NwaStandardFcgiRequestProcessor
 {
 public:
-    /** @param timetable must live longer. */
+    /** @param timetable must outlive the processor. */
     EventsRequestProcessor(NwaAbstractFcgiSessionIdentifier* identifier, Timetable* timetable);
 
 protected:

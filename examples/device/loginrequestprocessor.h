@@ -5,8 +5,8 @@
 
 /**
  * POST with {"user": ..., "password": ...} makes a session, whose cookie the reply carries; wrong credentials are
- * answered 401. A real device would compare with a stored, salted hash and slow down whoever guesses; here
- * everybody may know both.
+ * answered 401. A real device would compare with a stored, salted hash and slow down guessing; here both are
+ * public.
  */
 class LoginRequestProcessor : public SessionRequestProcessor
 {

@@ -3,7 +3,7 @@
 
 #include "sessionrequestprocessor.h"
 
-/** POST ends the session of the request. A client without a session is as logged out as it wants to be. */
+/** POST ends the session of the request. A request without a session succeeds as well. */
 class LogoutRequestProcessor : public SessionRequestProcessor
 {
 public:

@@ -49,8 +49,8 @@ bool readOptions(const QStringList& arguments, Options& options)
 
 int main(int argc, char** argv)
 {
-    // syslog(3) keeps a pointer to the identity, which belongs to the NSysLog. So this one comes first and goes
-    // last: whatever is destroyed before may still send messages.
+    // syslog(3) keeps a pointer to the identity, which belongs to the NSysLog. So it is created first and
+    // destroyed last: the destructors of the other objects may still send messages.
     NSysLog log(LOG_PID, LOG_DAEMON, QStringList(), nullptr);
     QCoreApplication application(argc, argv);
     Options options;

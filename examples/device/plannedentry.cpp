@@ -8,17 +8,18 @@ PlannedEntry::PlannedEntry(unsigned int id, QObject* parent)
 {
     connect(
         &m_planner, SIGNAL(periodicEventTriggered(const NEventPlanner::NPeriodicEvent*)), this,
-                           SLOT(tellTrigger()));
+                           SLOT(reportTrigger()));
     connect(
         &m_planner, SIGNAL(periodicTimeSlotStarted(const NEventPlanner::NPeriodicTimeSlot*)), this,
-                           SLOT(tellStart()));
+                           SLOT(reportStart()));
     connect(
-        &m_planner, SIGNAL(periodicTimeSlotEnded(const NEventPlanner::NPeriodicTimeSlot*)), this, SLOT(tellEnd()));
+        &m_planner, SIGNAL(periodicTimeSlotEnded(const NEventPlanner::NPeriodicTimeSlot*)), this,
+                           SLOT(reportEnd()));
 }
 
 PlannedEntry::~PlannedEntry()
 {
-    // The planner ends a slot that is active when it is deleted, which is too late for this object.
+    // The planner's destructor ends an active slot, when this object is destroyed already.
     m_planner.disconnect(this);
 }
 
@@ -39,7 +40,7 @@ bool PlannedEntry::isActive()
 
 void PlannedEntry::setPlan(const EntryPlan& plan)
 {
-    // What ends because it is no slot any more ends with the title it had.
+    // A slot that ends because the entry becomes an event ends with its old title.
     if (plan.kind != m_plan.kind)
         cancel();
     m_plan = plan;
@@ -67,17 +68,17 @@ void PlannedEntry::registerPlan()
         m_slot = m_planner.registerPeriodicTimeSlot(m_plan.days, m_plan.start, m_plan.end);
 }
 
-void PlannedEntry::tellTrigger()
+void PlannedEntry::reportTrigger()
 {
     emit happened(this, Triggered);
 }
 
-void PlannedEntry::tellStart()
+void PlannedEntry::reportStart()
 {
     emit happened(this, Started);
 }
 
-void PlannedEntry::tellEnd()
+void PlannedEntry::reportEnd()
 {
     emit happened(this, Ended);
 }

@@ -6,7 +6,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QString>
 
-/** What somebody wants to happen when. */
+/** What a user has planned, and when. */
 struct EntryPlan
 {
     enum Kind {
@@ -26,7 +26,8 @@ struct EntryPlan
     QTime end; // of a slot
 };
 
-/** One entry of the timetable: tells when its plan has it that something happens, by a planner of its own. */
+/** One entry of the timetable: reports when its event triggers, or its slot starts and ends, with its own planner.
+ */
 class PlannedEntry : public QObject
 {
     Q_OBJECT
@@ -36,28 +37,28 @@ public:
 
     PlannedEntry(unsigned int id, QObject* parent);
 
-    /** Tells nothing any more; see cancel(). */
+    /** Reports nothing, not even the end of an active slot; see cancel(). */
     ~PlannedEntry() override;
 
     unsigned int id() const;
     const EntryPlan& plan() const;
 
-    /** Whether it is a slot that has started and not ended. */
+    /** Whether the entry is a slot that has started and not ended. */
     bool isActive();
 
-    /** Goes by @a plan from now on. A slot that this makes active, or inactive, tells so at once. */
+    /** Replaces the plan. A slot that starts or ends by that reports so at once. */
     void setPlan(const EntryPlan& plan);
 
-    /** Plans nothing any more; a slot that is active tells its end. */
+    /** Removes the plan; an active slot reports its end. */
     void cancel();
 
 signals:
     void happened(PlannedEntry* entry, int happening);
 
 private slots:
-    void tellTrigger();
-    void tellStart();
-    void tellEnd();
+    void reportTrigger();
+    void reportStart();
+    void reportEnd();
 
 private:
     Q_DISABLE_COPY(PlannedEntry)

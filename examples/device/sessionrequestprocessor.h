@@ -6,11 +6,11 @@
 class NwaCookieFcgiSessionIdentifier;
 class NwaWebSessionManager;
 
-/** The base of what makes and ends sessions; POST is all that it answers. */
+/** The base of the processors that make and end sessions; they serve POST only. */
 class SessionRequestProcessor : public NwaStandardFcgiRequestProcessor
 {
 public:
-    /** Both must live longer. */
+    /** Both must outlive the processor. */
     SessionRequestProcessor(NwaCookieFcgiSessionIdentifier* identifier, NwaWebSessionManager* sessions);
 
 protected:

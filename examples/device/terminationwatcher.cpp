@@ -12,9 +12,9 @@ namespace {
 
 const int Signals[] = {SIGINT, SIGTERM};
 
-int writeEnd = -1; // for the handler, which nobody can pass anything
+int writeEnd = -1; // for the handler, which takes no argument of its own
 
-// A pipe that is full tells enough.
+// When the pipe is full, the notifier fires anyway.
 void writeToPipe(int)
 {
     const int savedErrno = errno;

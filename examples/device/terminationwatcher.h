@@ -4,9 +4,9 @@
 #include <QtCore/QObject>
 
 /**
- * Tells through the event loop that the process is asked to end, by SIGTERM or SIGINT, so that it can close its
- * socket and its log in order. It handles the signals and does not block them: a program that the device starts
- * would inherit that, and could not be ended. A process has one watcher at most.
+ * Reports SIGTERM and SIGINT through the event loop, so that the process can close its socket and its log in
+ * order. The signals are handled, not blocked: a program that the device starts would inherit the mask and could
+ * not be terminated. A process has one watcher at most.
  */
 class TerminationWatcher : public QObject
 {

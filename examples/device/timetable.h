@@ -8,11 +8,10 @@
 #include <QtCore/QMap>
 
 /**
- * The weekly timetable of the device: the entries that people have made, and what has happened because of them
- * lately. It is kept in memory; a real device would store the entries in its configuration.
+ * The weekly timetable of the device: the entries that users have made and their latest happenings. It is kept in
+ * memory; a real device would store the entries in its configuration.
  *
- * Everything that changes, an entry as well as a happening, gets the next number, so that a page can ask for what
- * is new.
+ * Every change of an entry and every happening gets the next number, so that a page can ask for what is new.
  */
 class Timetable : public QObject
 {
@@ -21,10 +20,10 @@ class Timetable : public QObject
 public:
     enum Limit {
         MaximumEntryCount = 100,
-        MaximumFiringCount = 100 ///< the oldest are forgotten
+        MaximumFiringCount = 100 ///< the oldest are dropped
     };
 
-    /** Something that has happened. The title is the one that the entry had then. */
+    /** Something that has happened; the title is that of the entry at that time. */
     struct Firing
     {
         quint64 number;
@@ -45,13 +44,13 @@ public:
     /** The latest happenings, the oldest first. */
     const QList<Firing>& firings() const;
 
-    /** @return the new entry; null when there are as many as may be. */
+    /** @return the new entry; null when there are MaximumEntryCount already. */
     PlannedEntry* add(const EntryPlan& plan);
 
-    /** @return the changed entry; null when there is none of this @a id. */
+    /** @return the changed entry; null when there is none with this @a id. */
     PlannedEntry* change(unsigned int id, const EntryPlan& plan);
 
-    /** Removes an entry; a slot that is active ends. @return whether there was one of this @a id. */
+    /** Removes an entry; an active slot ends. @return whether there was one with this @a id. */
     bool remove(unsigned int id);
 
 private slots:

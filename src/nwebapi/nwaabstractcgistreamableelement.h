@@ -5,13 +5,13 @@
 
 #include <iosfwd>
 
-/** A piece of a CGI reply that knows how it is written, for example a header. */
+/** A part of a CGI reply that can be written to a stream, for example a header. */
 class NWEBAPI_EXPORT NwaAbstractCgiStreamableElement
 {
 public:
     virtual ~NwaAbstractCgiStreamableElement();
 
-    /** Writes the element to @a stream; a failure is told by the stream's state. */
+    /** Writes the element to @a stream; the stream's state reports a failure. */
     virtual void render(std::ostream& stream) const = 0;
 };
 

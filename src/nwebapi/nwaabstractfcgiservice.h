@@ -7,17 +7,17 @@
 
 class NwaFcgiRequest;
 
-/** What an NwaFcgiServer hands the requests for a script name to. */
+/** Receives the requests for a script name from an NwaFcgiServer. */
 class NWEBAPI_EXPORT NwaAbstractFcgiService : public QObject
 {
     Q_OBJECT
 
 public:
-    /** A service that no server knows yet, see NwaFcgiServer::registerService(). */
+    /** A service that is not registered yet, see NwaFcgiServer::registerService(). */
     explicit NwaAbstractFcgiService(QObject* parent = nullptr);
     ~NwaAbstractFcgiService() override;
 
-    /** Takes @a request over: answers it, now or later, and deletes it. */
+    /** Takes ownership of @a request, answers it, now or later, and deletes it. */
     virtual void processRequest(NwaFcgiRequest* request) = 0;
 
 private:

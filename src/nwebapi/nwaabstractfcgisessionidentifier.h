@@ -14,7 +14,7 @@ public:
 
     /**
      * The session of @a request, or null when it has none that is alive.
-     * @param passive whether the session's idle time goes on all the same.
+     * @param passive whether the request does not count as activity, so that the session's idle time continues.
      */
     virtual NwaWebSession* identifySession(NwaFcgiRequest* request, bool passive) = 0;
 };

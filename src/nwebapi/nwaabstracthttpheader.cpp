@@ -74,7 +74,7 @@ QByteArray withoutControlCharacters(const QByteArray& text)
 {
     QByteArray result;
     for (int index = 0; index < text.size(); ++index) {
-        // A tab separates words of a value and ends nothing.
+        // A tab only separates words of a value.
         if (!isControlCharacter(text.at(index)) || text.at(index) == '\t')
             result.append(text.at(index));
     }

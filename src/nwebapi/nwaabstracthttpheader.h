@@ -17,15 +17,15 @@ public:
     NwaAbstractHttpHeader();
 
     /**
-     * Gives the reply the HTTP status @a code, 100 to 999; without it the web server answers 200. Another number
-     * is written as 500, because a header must not be able to break the reply.
+     * Sets the HTTP status of the reply, 100 to 999; without it the web server answers 200. Any other number is
+     * written as 500, so that the header stays valid.
      */
     void setStatus(int code);
 
     /**
      * Adds a field. Characters that would end the field or the header (line breaks and other control characters)
-     * are left out of both texts, and characters that are no part of a field name (RFC 9110, section 5.6.2) out of
-     * the name, so that text from a client cannot add fields of its own; a field without a name is left out.
+     * are removed from both texts, and characters that a field name cannot have (RFC 9110, section 5.6.2) from the
+     * name, so that text from a client cannot add fields. A field without a name is ignored.
      */
     void addField(const QByteArray& name, const QByteArray& value);
 

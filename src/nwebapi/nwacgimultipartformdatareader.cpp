@@ -34,7 +34,7 @@ bool isBoundary(const QByteArray& text)
     return true;
 }
 
-// The boundary that @a contentType announces; an empty one when it announces no form in parts.
+// The boundary in @a contentType; empty when it is not the type of a form in parts.
 QByteArray boundaryOf(const QByteArray& contentType)
 {
     Fields parameters;
@@ -92,8 +92,8 @@ bool readFields(const QByteArray& header, Fields& fields)
     return true;
 }
 
-// Browsers write a quote and line breaks in a name as "%22", "%0D" and "%0A", and a percent sign as it is (HTML
-// standard, "multipart/form-data encoding algorithm"), so that nothing else may be decoded.
+// Browsers write a quote and line breaks in a name as "%22", "%0D" and "%0A", and a percent sign unchanged (HTML
+// standard, "multipart/form-data encoding algorithm"), so nothing else must be decoded.
 QByteArray decodedName(const QByteArray& name)
 {
     QByteArray result = name;
@@ -101,7 +101,7 @@ QByteArray decodedName(const QByteArray& name)
     return result;
 }
 
-// Whether the part's data stand in the body as they are; other encodings have no place in HTTP (RFC 7578, 4.7).
+// Whether the part's data are not encoded; HTTP uses no other encodings (RFC 7578, section 4.7).
 bool isPlainEncoding(const Fields& fields)
 {
     const QByteArray encoding = fields.value("content-transfer-encoding", "binary").toLower();
@@ -149,8 +149,8 @@ const int NwaCgiMultipartFormDataReader::DefaultMaximumPartCount;
 const int NwaCgiMultipartFormDataReader::DefaultMaximumPartHeaderSize;
 
 // The body is a sequence of data, delimiter, delimiter line, header, data, delimiter and so on. The first data are
-// the preamble. Each step either is done, or leaves everything as it is and says that it waits or that the body is
-// wrong.
+// the preamble. A step that cannot be completed changes nothing and reports that it waits or that the body is
+// malformed.
 class NwaCgiMultipartFormDataReader::Private
 {
 public:
@@ -189,15 +189,15 @@ private:
     State m_state;
     QByteArray m_delimiter;
     QByteArray m_buffer;
-    int m_begin;         ///< what is read of the body and not taken yet lies in the buffer from here
-    int m_end;           ///< to here
-    int m_dataSize;      ///< how many of these bytes are known to be data
-    int m_headerScanned; ///< how much of the header was searched for its end
+    int m_begin;         ///< where the bytes that were read and not used yet begin in the buffer
+    int m_end;           ///< where they end
+    int m_dataSize;      ///< how many of them are known to be data
+    int m_headerScanned; ///< how much of the header has been searched for its end
     int m_maximumPartHeaderSize;
     int m_partCount;
 };
 
-// A body may begin with the delimiter's second half: the line break before it is thought to be there always.
+// A body may begin with a delimiter without its line break, so the buffer starts with one.
 NwaCgiMultipartFormDataReader::Private::Private(NwaCgiRequest* bodyRequest)
     : maximumPartCount(DefaultMaximumPartCount)
     , atPartEnd(true)
@@ -221,12 +221,12 @@ NwaCgiMultipartFormDataReader::Private::Private(NwaCgiRequest* bodyRequest)
 
 void NwaCgiMultipartFormDataReader::Private::setMaximumPartHeaderSize(int size)
 {
-    // One byte more than a correct header and its empty line shows that the header is too long.
+    // One byte more than a valid header and its empty line shows that the header is too long.
     m_maximumPartHeaderSize = qBound(0, size, std::numeric_limits<int>::max() / 2);
     m_buffer.resize(qMax(m_buffer.size(), qMax(bufferSize, m_maximumPartHeaderSize + 3)));
 }
 
-// Takes more of the body into the buffer. Returns whether more has come.
+// Reads more of the body into the buffer. Returns whether there was more.
 bool NwaCgiMultipartFormDataReader::Private::fill()
 {
     memmove(m_buffer.data(), start(), size_t(available()));
@@ -281,7 +281,7 @@ bool NwaCgiMultipartFormDataReader::Private::nextPart(PartHeader& part)
             break;
         case Header:
             return readHeader(part);
-        case End: // what follows is the epilogue, which means nothing
+        case End: // the epilogue follows, which is ignored
         case Failed:
             return false;
         }
@@ -302,7 +302,7 @@ QByteArray NwaCgiMultipartFormDataReader::Private::readFromPart(unsigned int max
     return data;
 }
 
-// How many bytes from @a offset on are the same as the delimiter's.
+// How many bytes from @a offset on match the delimiter.
 int NwaCgiMultipartFormDataReader::Private::delimiterMatch(int offset) const
 {
     const int size = qMin(m_delimiter.size(), available() - offset);
@@ -312,8 +312,8 @@ int NwaCgiMultipartFormDataReader::Private::delimiterMatch(int offset) const
     return match;
 }
 
-// The empty line behind the header is still in the buffer: when a delimiter follows at once, its line break is the
-// delimiter's own (RFC 2046, section 5.1.1). Returns whether it is known which it is.
+// The line break that ends the header is still in the buffer: when a delimiter follows directly, it belongs to the
+// delimiter (RFC 2046, section 5.1.1). Returns whether enough has arrived to decide that.
 bool NwaCgiMultipartFormDataReader::Private::beginData()
 {
     for (;;) {
@@ -332,8 +332,8 @@ bool NwaCgiMultipartFormDataReader::Private::beginData()
     }
 }
 
-// Finds out of up to @a wanted bytes whether they are data, looking at each byte at most twice: the delimiter's
-// first character does not occur in the rest of it, so that a mismatch never goes back. Returns whether there are
+// Determines of up to @a wanted bytes whether they are data, reading each byte at most twice: the delimiter's
+// first character does not occur again in it, so a mismatch never needs to go back. Returns whether there are
 // data; if not, the delimiter was found, or more of the body is needed.
 bool NwaCgiMultipartFormDataReader::Private::scanData(unsigned int wanted)
 {
@@ -348,7 +348,7 @@ bool NwaCgiMultipartFormDataReader::Private::scanData(unsigned int wanted)
             m_dataSize += match;
             continue;
         }
-        // What begins here is a delimiter, or may become one.
+        // A delimiter begins here, or may begin.
         if (m_dataSize > 0)
             return true;
         if (match == m_delimiter.size()) {
@@ -414,7 +414,7 @@ bool NwaCgiMultipartFormDataReader::Private::readHeader(PartHeader& part)
 {
     if (!need(2))
         return false;
-    // A header without lines is the empty line alone.
+    // A header without lines is only the empty line.
     int size = memcmp(start(), "\r\n", 2) == 0 ? 0 : -1;
     while (size < 0) {
         const int found = QByteArray::fromRawData(start(), available()).indexOf("\r\n\r\n", m_headerScanned);

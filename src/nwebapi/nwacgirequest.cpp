@@ -6,11 +6,11 @@
 
 namespace {
 
-// Qt 4's hash has no secret in it: a client can choose names that all fall into one bucket, and then the cost of a
-// query grows with the square of their number.
+// Qt 4's hash is not seeded: a client can choose names that all fall into one bucket, and then the cost of a query
+// grows with the square of their number.
 const int maximumParameterCount = 1000;
 
-// With its name, as web servers and browsers send them.
+// In bytes, including its name, as web servers and browsers send them.
 const int usualVariableSize = 24;
 
 int hexadecimalDigit(char character)
@@ -24,7 +24,7 @@ int hexadecimalDigit(char character)
     return -1;
 }
 
-// The bytes that @a text, a name or value of a query, stands for.
+// Decodes a name or value of a query.
 bool decodeBytes(const QByteArray& text, QByteArray& bytes)
 {
     bytes.reserve(text.size());
@@ -148,7 +148,7 @@ qint64 NwaCgiRequest::contentLength() const
 {
     const QByteArray text = variable("CONTENT_LENGTH");
     for (int index = 0; index < text.size(); ++index) {
-        // QByteArray::toLongLong() would accept blanks and a sign.
+        // QByteArray::toLongLong() accepts blanks and a sign.
         if (text.at(index) < '0' || text.at(index) > '9')
             return -1;
     }

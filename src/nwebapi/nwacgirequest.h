@@ -11,21 +11,20 @@
 #include <iosfwd>
 
 /**
- * One request as CGI describes it (RFC 3875), whatever carries it: variables that tell what is asked, a body to
- * read and two streams to write the reply and remarks for the web server's log to.
+ * A request as CGI describes it (RFC 3875), independent of the transport: variables that describe it, a body to
+ * read, and two streams for the reply and for messages to the web server's log.
  */
 class NWEBAPI_EXPORT NwaCgiRequest
 {
 public:
     /**
-     * The variables of a request, for example "REQUEST_METHOD", "QUERY_STRING" or "HTTP_COOKIE". Each request has
-     * a few dozen, of which hardly any is asked for; so they lie in one piece of memory and are searched one by
-     * one.
+     * The variables of a request, for example "REQUEST_METHOD", "QUERY_STRING" or "HTTP_COOKIE". A request has a
+     * few dozen, of which only a few are used, so they are stored in one block of memory and searched linearly.
      */
     class NWEBAPI_EXPORT Variables
     {
     public:
-        /** Makes room for variables of @a size bytes with their names, which saves time while they are added. */
+        /** Reserves memory for variables of @a size bytes, including their names. */
         void reserve(int size);
 
         /** Adds a variable; of several with the same name the latest counts. */
@@ -49,7 +48,7 @@ public:
         QVector<Place> m_places;
     };
 
-    /** A request with these variables; its query string is decoded at once, see isQueryValid(). */
+    /** A request with these variables; decodes the query string, see isQueryValid(). */
     explicit NwaCgiRequest(const Variables& variables);
     virtual ~NwaCgiRequest();
 
@@ -59,14 +58,13 @@ public:
     /** The HTTP method, for example "GET". */
     QString method() const;
 
-    /** The path by which the web server found the service; UTF-8 that cannot be decoded is replaced by U+FFFD. */
+    /** The path by which the web server found the service; invalid UTF-8 is replaced by U+FFFD. */
     QString scriptName() const;
 
-    /** What follows the script name in the path, decoded in the same way; empty when nothing does. */
+    /** The rest of the path after the script name, decoded in the same way. */
     QString pathInfo() const;
 
-    /** The size that the client announced for the body, in bytes: 0 when it announced none, -1 when it is no
-     * number. */
+    /** The announced size of the body in bytes; 0 when none was announced, -1 when it is not a number. */
     qint64 contentLength() const;
 
     /**
@@ -82,22 +80,22 @@ public:
     bool singleQueryParameter(const QString& name, QString& value) const;
 
     /**
-     * Whether the query string could be decoded and has at most 1000 parameters; one for which this is false
-     * should be answered with 400.
+     * Whether the query string could be decoded and has at most 1000 parameters. Otherwise the request should be
+     * answered with 400.
      */
     bool isQueryValid() const;
 
     /** The reply: a header (see NwaAbstractHttpHeader), then the body. */
     virtual std::ostream& outputStream() = 0;
 
-    /** Remarks for the web server's log. */
+    /** Messages for the web server's log. */
     virtual std::ostream& errorStream() = 0;
 
     /**
      * Takes the next bytes of the body.
-     * @return how many were taken, at most @a maximumSize; 0 when none are there now, either because the body has
-     * ended (see atBodyEnd()) or because the client has not sent more yet; -1 when the rest of the body will never
-     * come.
+     * @return how many were taken, at most @a maximumSize; 0 when none are available, because the body has ended
+     * (see atBodyEnd()) or because the client has not sent more yet; -1 when the rest of the body will never
+     * arrive.
      */
     virtual qint64 readBody(char* data, qint64 maximumSize) = 0;
 

@@ -31,7 +31,7 @@ bool isUuid(const QByteArray& text)
     return true;
 }
 
-// The identifier that a cookie's value holds; a null one when it holds none.
+// The identifier in a cookie's value; null when the value is not an identifier.
 QUuid identifierFromCookie(const QByteArray& value)
 {
     return isUuid(value) ? QUuid(QString::fromLatin1('{' + value + '}')) : QUuid();
@@ -61,7 +61,8 @@ NwaCookieFcgiSessionIdentifier::~NwaCookieFcgiSessionIdentifier() {}
 
 NwaWebSession* NwaCookieFcgiSessionIdentifier::identifySession(NwaFcgiRequest* request, bool passive)
 {
-    // RFC 6265, section 4.2.1: name=value; name=value. A name can occur more than once, for other paths or hosts.
+    // RFC 6265, section 4.2.1: name=value; name=value. A name can occur more than once, for different paths or
+    // hosts.
     const QList<QByteArray> cookies = request->variable("HTTP_COOKIE").split(';');
     for (int index = 0; index < cookies.size(); ++index) {
         const QByteArray cookie = NwaHttpGrammar::trimmed(cookies.at(index));
@@ -89,7 +90,7 @@ void NwaCookieFcgiSessionIdentifier::addExpiredCookie(
     addCookie(request, QByteArray(), "; Max-Age=0; Expires=Thu, 01 Jan 1970 00:00:00 GMT", header);
 }
 
-// Without a lifetime the browser forgets the cookie when it is closed.
+// Without a lifetime the browser deletes the cookie when it is closed.
 void NwaCookieFcgiSessionIdentifier::addCookie(
     const NwaFcgiRequest* request, const QByteArray& value, const QByteArray& lifetime,
     NwaAbstractHttpHeader& header) const

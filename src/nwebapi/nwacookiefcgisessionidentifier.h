@@ -10,7 +10,7 @@ class NwaWebSessionManager;
 
 /**
  * Finds the session of a request by a cookie (RFC 6265) that holds the session's identifier. The cookie is
- * "HttpOnly" and "SameSite=Strict", and "Secure" where the request came over TLS.
+ * "HttpOnly" and "SameSite=Strict", and "Secure" when the request came over TLS.
  */
 class NWEBAPI_EXPORT NwaCookieFcgiSessionIdentifier : public NwaAbstractFcgiSessionIdentifier
 {
@@ -25,12 +25,12 @@ public:
 
     NwaWebSession* identifySession(NwaFcgiRequest* request, bool passive) override;
 
-    /** Adds to @a header, the header of the reply to @a request, the cookie that carries @a session from now on.
-     */
+    /** Adds the cookie that carries @a session to @a header, the header of the reply to @a request. */
     void addSessionCookie(
         const NwaFcgiRequest* request, const NwaWebSession* session, NwaAbstractHttpHeader& header) const;
 
-    /** Adds to @a header, the header of the reply to @a request, the order to forget the cookie. */
+    /** Adds a cookie that makes the browser delete the session's to @a header, the header of the reply to @a
+     * request. */
     void addExpiredCookie(const NwaFcgiRequest* request, NwaAbstractHttpHeader& header) const;
 
 private:

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Finds the empty line that ends the header of a reply, whatever pieces the reply is written in.
+// Finds the empty line that ends the header of a reply, which may be written in any pieces.
 class HeaderEndFinder
 {
 public:
@@ -39,7 +39,7 @@ private:
     int m_lineEnds;
 };
 
-// Collects small writes, because each write to a channel becomes a record of its own.
+// Collects small writes, because each write to a channel becomes a record.
 class ChannelStreambuf : public std::streambuf
 {
 public:
@@ -141,7 +141,7 @@ public:
     }
 
     ChannelStream output;
-    QScopedPointer<ChannelStream> error; ///< made when it is used, which is seldom
+    QScopedPointer<ChannelStream> error; ///< created on first use, which is rare
 };
 
 NwaFcgiRequest::NwaFcgiRequest(NwaFcgiChannel* channel, const Variables& variables)
@@ -162,7 +162,7 @@ NwaFcgiRequest::~NwaFcgiRequest()
     m_streams->output.stream.flush();
     if (m_streams->error)
         m_streams->error->stream.flush();
-    // The channel itself may have ended while it took the last bytes.
+    // The channel may have ended while it took the last bytes.
     if (m_channel)
         m_channel->finish();
 }
@@ -227,13 +227,13 @@ void NwaFcgiChannel::tellBodyAvailable(NwaFcgiRequest* request)
 
 void NwaFcgiChannel::tellReplyTaken(NwaFcgiRequest* request)
 {
-    // Not at once: the channel may be told of it in the middle of a write.
+    // Queued, because the channel may notice it during a write.
     QMetaObject::invokeMethod(request, "replyTaken", Qt::QueuedConnection);
 }
 
 void NwaFcgiChannel::tellAborted(NwaFcgiRequest* request)
 {
     request->m_channel = nullptr;
-    // Not at once: whoever hears of it may delete the request, which may be in the middle of a write.
+    // Queued, because a slot may delete the request, which may be in a write.
     QMetaObject::invokeMethod(request, "aborted", Qt::QueuedConnection);
 }

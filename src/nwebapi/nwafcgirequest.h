@@ -12,12 +12,12 @@ class NwaFcgiChannel;
 class NwaFcgiRequestStreams;
 
 /**
- * A request that arrived over FastCGI. Whoever is handed the request owns it, answers it at once or later, and
- * deletes it; deleting it completes the reply. A request that is deleted without an answer is answered 500. Of the
- * reply to HEAD only the header is sent, whatever is written.
+ * A request that arrived over FastCGI. The service that receives it owns it, answers it at once or later, and
+ * deletes it; deleting it completes the reply. A request that is deleted without an answer is answered 500. Of a
+ * reply to HEAD only the header is sent.
  *
- * Of a body of the type "multipart/form-data" the request may come before the body has arrived: bodyAvailable()
- * tells of more. Every other body is there as a whole.
+ * A request with a body of the type "multipart/form-data" is dispatched before the body has arrived, and
+ * bodyAvailable() reports further parts of it. Every other body has arrived completely.
  */
 class NWEBAPI_EXPORT NwaFcgiRequest : public QObject, public NwaCgiRequest
 {
@@ -41,11 +41,11 @@ public:
         ServiceUnavailable = 503
     };
 
-    /** Fields to add to a header, as pairs of name and value. */
+    /** Fields of a header, as pairs of name and value. */
     typedef QList<QPair<QByteArray, QByteArray>> HeaderFields;
 
-    /** Used by the transport only: @a channel carries the reply, and must live until it was told to forget the
-     * request. */
+    /** Used by the transport only. @param channel carries the reply; it must live until finish() or tellAborted().
+     */
     NwaFcgiRequest(NwaFcgiChannel* channel, const Variables& variables);
 
     /** Completes the reply. */
@@ -57,34 +57,34 @@ public:
     bool atBodyEnd() const override;
 
     /**
-     * Answers with a standard error, a short text as its body. Does nothing when the reply has begun already: what
-     * was answered first stands. A 401 has to carry a challenge (RFC 9110, section 15.5.2); where @a fields have
-     * no "WWW-Authenticate" it is "Cookie", for which no browser asks for a password by itself.
+     * Answers with a standard error and a short text as its body. Does nothing when a reply has begun. A 401 must
+     * carry a challenge (RFC 9110, section 15.5.2); unless @a fields have a "WWW-Authenticate" it is "Cookie",
+     * which makes no browser ask for a password.
      * @param fields added to the reply's header, for example "Allow".
      */
     void sendHttpError(StandardHttpError error, const HeaderFields& fields = HeaderFields());
 
-    /** Whether a reply was begun. */
+    /** Whether a reply has begun. */
     bool isAnswered() const;
 
     /**
-     * How many bytes of the reply wait for the web server to take them. A service with a long reply writes while
-     * there are few, and goes on at replyTaken(): more than NwaFcgiLimits::replyBuffer would end the connection,
-     * and the memory is better used.
+     * How many bytes of the reply the web server has yet to take. A long reply should be written only while there
+     * are few, and continued at replyTaken(), which NwaStreamedReply does: they occupy memory, and more than
+     * NwaFcgiLimits::replyBuffer end the connection.
      */
     int replyBacklog() const;
 
-    /** Whether the client or the web server has given the request up; what is written then goes nowhere. */
+    /** Whether the client or the web server has abandoned the request; what is written then is discarded. */
     bool isAborted() const;
 
 signals:
     /** More of the body can be read, or it has ended. */
     void bodyAvailable();
 
-    /** The web server has taken all that was waiting of the reply. */
+    /** The web server has taken everything that was written; see replyBacklog(). */
     void replyTaken();
 
-    /** The client or the web server has given the request up. */
+    /** The client or the web server has abandoned the request. */
     void aborted();
 
 private:

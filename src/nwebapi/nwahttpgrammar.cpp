@@ -15,7 +15,7 @@ void skipBlanks(const QByteArray& text, int& position)
         ++position;
 }
 
-// Reads from behind the opening quote to behind the closing one.
+// Reads from after the opening quote to after the closing one.
 bool readQuotedString(const QByteArray& text, NwaHttpGrammar::Escapes escapes, int& position, QByteArray& value)
 {
     while (position < text.size()) {
@@ -101,7 +101,7 @@ bool NwaHttpGrammar::readParameters(
         if (fieldValue.at(position++) != ';')
             return false;
         skipBlanks(fieldValue, position);
-        // "a; b=1;" and "a;; b=1" are not right, but their meaning is clear and they are seen.
+        // "a; b=1;" and "a;; b=1" are malformed, but unambiguous and in use.
         if (position == fieldValue.size() || fieldValue.at(position) == ';')
             continue;
 

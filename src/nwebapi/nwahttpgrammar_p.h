@@ -4,7 +4,7 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QMap>
 
-/** Pieces of grammar that header fields of HTTP (RFC 9110) and MIME (RFC 2045) have in common. */
+/** The grammar that header fields of HTTP (RFC 9110) and MIME (RFC 2045) share. */
 class NwaHttpGrammar
 {
 public:
@@ -20,17 +20,17 @@ public:
     /** @a text without blanks and tabs at its ends. */
     static QByteArray trimmed(const QByteArray& text);
 
-    /** What stands before the first parameter of @a fieldValue, trimmed and in lower case. */
+    /** The part of @a fieldValue before its first parameter, trimmed and in lower case. */
     static QByteArray mainValue(const QByteArray& fieldValue);
 
     /** How a backslash in a quoted string is read. */
     enum Escapes {
-        AllEscapes,  ///< it stands for the character behind it, as RFC 9110, section 5.6.4 has it
-        QuoteEscapes ///< only before a quote or a backslash; otherwise it stands for itself
+        AllEscapes,  ///< it escapes any character (RFC 9110, section 5.6.4)
+        QuoteEscapes ///< it escapes a quote or a backslash only, and is an ordinary character otherwise
     };
 
     /**
-     * Reads the parameters of @a fieldValue, for example of "form-data; name=\"a\"". Names are put into lower
+     * Reads the parameters of @a fieldValue, for example of "form-data; name=\"a\"". Names are converted to lower
      * case. A value that is not quoted ends at the next semicolon.
      * @return whether the parameters are well-formed and none occurs twice.
      */

@@ -13,7 +13,7 @@ namespace {
 
 const double exactIntegers = 9007199254740992.0; // 2^53
 
-// Half a surrogate pair cannot be written in UTF-8.
+// An unpaired surrogate cannot be written in UTF-8.
 QString withoutLoneSurrogates(const QString& text)
 {
     QString result = text;
@@ -31,7 +31,7 @@ QString withoutLoneSurrogates(const QString& text)
 
 QVariant normalisedDouble(double number)
 {
-    // "number - number" is no zero for infinities and NaN, whatever the C++ library calls its predicates.
+    // "number - number" is not 0 for infinities and NaN; the names of the predicates differ between C++ libraries.
     if (number - number != 0)
         return QVariant();
     if (floor(number) == number && number >= -exactIntegers && number <= exactIntegers)
@@ -68,8 +68,7 @@ template <typename Map> QVariantMap normalisedMap(const Map& map)
     return result;
 }
 
-// Beyond the integers that every double holds, JSON libraries write an integer as the nearest double (RFC 8259,
-// section 6 warns of it).
+// JSON libraries write an integer beyond 2^53 as the nearest double (RFC 8259, section 6 warns of it).
 template <typename Integer> QVariant normalisedInteger(Integer number)
 {
     const double nearest = double(number);
@@ -78,7 +77,7 @@ template <typename Integer> QVariant normalisedInteger(Integer number)
     return QVariant(qlonglong(number));
 }
 
-// The value in the few types that every JSON library writes alike.
+// The value in the types that all JSON libraries write alike.
 QVariant normalised(const QVariant& value)
 {
     if (!value.isValid())
@@ -117,7 +116,7 @@ QVariant normalised(const QVariant& value)
     }
 }
 
-// Puts the numbers and names of a document back into the places where the scanner left their indices.
+// Replaces the indices that the scanner left in a document with the numbers and names.
 QVariant restored(const QVariant& value, const QVariantList& numbers, const QVariantList& names)
 {
     switch (value.userType()) {
@@ -143,7 +142,7 @@ QVariant restored(const QVariant& value, const QVariantList& numbers, const QVar
     case QMetaType::Bool:
     case QMetaType::QString:
         return value;
-    default: // null, for which the libraries have different values
+    default: // null, which the libraries represent differently
         return QVariant();
     }
 }
@@ -156,7 +155,7 @@ const int NwaJson::MaximumNumberSize;
 
 QByteArray NwaJson::serialize(const QVariant& value)
 {
-    // JSON libraries differ in whether a document may be a single value; as the element of an array it may.
+    // JSON libraries differ in whether a document may be a single value, but all accept it as an array's element.
     const QByteArray list = NwaJsonBackend::serialize(QVariantList() << normalised(value));
     return list.mid(1, list.size() - 2);
 }

@@ -6,7 +6,7 @@
 
 /**
  * What NwaJson needs of a JSON library. nwajsonbackendqjson.cpp implements it with qjson, nwajsonbackendqt.cpp
- * with Qt 5; one of them is built. NwaJson gives them only what both treat alike.
+ * with Qt 5; one of them is built. NwaJson passes them only what both treat alike.
  */
 class NwaJsonBackend
 {

@@ -5,7 +5,7 @@
 
 namespace {
 
-// With so many digits every double is read back as it was.
+// Every double written with this many digits is read back unchanged.
 const int exactDoublePrecision = 17;
 
 } // namespace

@@ -47,7 +47,7 @@ bool hasSignificantDigit(const QByteArray& number)
     return false;
 }
 
-// A whole double that a qlonglong can hold as one, every other as it is.
+// A qlonglong for a whole double in its range, otherwise the double.
 QVariant numberFromDouble(double number)
 {
     const double limit = 9223372036854775808.0; // 2^63
@@ -141,7 +141,7 @@ bool NwaJsonScanner::scanMemberName()
     if (m_nameCount > 0)
         m_nameTexts += ',';
     m_nameTexts += m_text.mid(begin, m_position - begin);
-    // Of one width, so that the order of the texts is the order of the indices.
+    // All of one width, so that their order as texts is their order as numbers.
     replaceFrom(begin, '"' + QByteArray::number(m_nameCount++).rightJustified(10, '0') + '"');
     skipWhiteSpace();
     return take(':');
@@ -176,7 +176,7 @@ bool NwaJsonScanner::scanEscape()
     if (character != 'u')
         return character != '\0' && strchr("\"\\/bfnrt", character) != nullptr;
 
-    // RFC 8259, section 8.2: half a surrogate pair is no character, and no text can hold it.
+    // RFC 8259, section 8.2: an unpaired surrogate is not a character.
     uint code = 0;
     if (!scanUnicodeEscape(code) || isLowSurrogate(code))
         return false;
@@ -218,7 +218,7 @@ bool NwaJsonScanner::scanNumber()
         if (!scanDigits())
             return false;
     }
-    // RFC 8259, section 9 allows it.
+    // RFC 8259, section 9 allows such a limit.
     if (m_position - begin > NwaJson::MaximumNumberSize)
         return false;
     return appendNumber(begin, isInteger);
@@ -232,7 +232,7 @@ bool NwaJsonScanner::scanDigits()
     return m_position > begin;
 }
 
-// Numbers that a double cannot hold, too large or too near to zero, are errors: they would become something else.
+// Numbers that a double cannot hold, too large or too close to zero, are errors: they would change their value.
 bool NwaJsonScanner::appendNumber(int begin, bool isInteger)
 {
     const QByteArray digits = m_text.mid(begin, m_position - begin);
@@ -252,7 +252,7 @@ bool NwaJsonScanner::appendNumber(int begin, bool isInteger)
     return true;
 }
 
-// Puts @a text into the indexed text in the place of what was read from @a begin on.
+// Replaces what was read from @a begin on with @a text in the indexed text.
 void NwaJsonScanner::replaceFrom(int begin, const QByteArray& text)
 {
     m_indexedText += m_text.mid(m_copied, begin - m_copied);
@@ -274,7 +274,7 @@ bool NwaJsonScanner::take(char character)
     return true;
 }
 
-// A null character stands for the end as well: it is allowed nowhere in a document.
+// A null character also marks the end, because no document can contain one.
 char NwaJsonScanner::current() const
 {
     return m_position < m_text.size() ? m_text.at(m_position) : '\0';

@@ -5,10 +5,10 @@
 #include <QtCore/QVariant>
 
 /**
- * Goes once through a JSON document before a JSON library reads it, with a bounded stack, and holds it to RFC 8259
- * to the letter, because the libraries differ in what they let pass: control characters in strings, a byte order
- * mark, "nan", text behind the document. They differ in numbers as well (range, precision of integers), so that
- * the scanner reads the numbers itself and puts in the place of each its index in the list of numbers().
+ * Checks a JSON document strictly against RFC 8259, in one pass and with a bounded stack, before a JSON library
+ * reads it, because the libraries accept different errors: control characters in strings, a byte order mark,
+ * "nan", text after the document. They also differ in numbers (range, precision of integers), so the scanner reads
+ * the numbers itself and replaces each by its index in numbers().
  */
 class NwaJsonScanner
 {
@@ -18,7 +18,7 @@ public:
     /** Reads the document. @return whether it is correct. */
     bool scan();
 
-    /** The document with indices in the place of its numbers and member names. */
+    /** The document with its numbers and member names replaced by indices. */
     QByteArray indexedText() const { return m_indexedText; }
 
     /** The numbers of the document in the order of its text, as NwaJson describes them. */
@@ -51,7 +51,7 @@ private:
     int m_position;
     bool m_expectsValue;
     QByteArray m_containers; ///< '{' or '[' for each that is open, the innermost last
-    int m_copied;            ///< how much of the text is in the indexed text already
+    int m_copied;            ///< how much of the text the indexed text covers
     QByteArray m_indexedText;
     QVariantList m_numbers;
     int m_nameCount;

@@ -8,11 +8,11 @@
 
 /**
  * Typed access to the values of a parsed JSON document (see NwaJson). Each operation returns whether the value is
- * there and of the right type, and only then changes its reference argument. In the forms with a default, the
- * default stands in for an absent value; a value of another type, null among them, is an error there too.
+ * present and of the right type, and only then changes its reference argument. The forms with a default use it for
+ * an absent value; a value of another type, including null, is still an error.
  *
- * Nothing is converted: the text "1" is no integer, 1 is no boolean. A number is an integer when it is whole and
- * in the range of the result: 3.0 is one, 3.5 and -1 are not.
+ * Nothing is converted: the text "1" is not an integer, 1 is not a boolean. A number is an integer when it is
+ * whole and in the range of the result: 3.0 is one, 3.5 and -1 are not.
  */
 class NWEBAPI_EXPORT NwaJsonUtilities
 {
@@ -20,7 +20,7 @@ public:
     /**
      * @{
      * Reads the text that is the member @a key of @a object, or that @a variant itself is.
-     * @return whether it is there and a text; with a default, whether it is absent or a text.
+     * @return whether it is present and a text; with a default, whether it is absent or a text.
      */
     static bool stringValue(const QVariantMap& object, const QString& key, QString& value);
     static bool
@@ -31,7 +31,7 @@ public:
     /**
      * @{
      * Reads the boolean that is the member @a key of @a object.
-     * @return whether it is there and true or false; with a default, whether it is absent, true or false.
+     * @return whether it is present and true or false; with a default, whether it is absent, true or false.
      */
     static bool booleanValue(const QVariantMap& object, const QString& key, bool& value);
     static bool booleanValue(const QVariantMap& object, const QString& key, bool& value, bool defaultValue);
@@ -40,7 +40,7 @@ public:
     /**
      * @{
      * Reads the number that is the member @a key of @a object.
-     * @return whether it is there, whole and in the range of @a value; with a default, whether it is that or
+     * @return whether it is present, whole and in the range of @a value; with a default, whether it is that or
      * absent.
      */
     static bool integerValue(const QVariantMap& object, const QString& key, unsigned short& value);
@@ -49,13 +49,13 @@ public:
     integerValue(const QVariantMap& object, const QString& key, unsigned int& value, unsigned int defaultValue);
     /** @} */
 
-    /** Reads the array that is the member @a key of @a object. @return whether it is there and an array. */
+    /** Reads the array that is the member @a key of @a object. @return whether it is present and an array. */
     static bool listValue(const QVariantMap& object, const QString& key, QVariantList& value);
 
     /**
      * @{
      * Reads the object that is the member @a key of @a object, or that @a variant itself is.
-     * @return whether it is there and an object.
+     * @return whether it is present and an object.
      */
     static bool objectValue(const QVariantMap& object, const QString& key, QVariantMap& value);
     static bool objectValue(const QVariant& variant, QVariantMap& value);

@@ -14,13 +14,13 @@ class NWEBAPI_EXPORT NwaStandardFcgiService : public NwaAbstractFcgiService
 
 public:
     /**
-     * @param processor answers the requests. The service owns it and deletes it, unless it is a QObject that was
-     * deleted by its own parent before.
+     * @param processor answers the requests. The service owns it; a processor that is a QObject may be deleted by
+     * its parent before.
      */
     NwaStandardFcgiService(NwaAbstractFcgiRequestProcessor* processor, QObject* parent);
     ~NwaStandardFcgiService() override;
 
-    /** Hands @a request to the processor. */
+    /** Passes @a request to the processor. */
     void processRequest(NwaFcgiRequest* request) override;
 
 private:

@@ -9,7 +9,7 @@ namespace {
 struct Character
 {
     uint code;
-    int length; ///< in bytes; 0 when there is no valid character
+    int length; ///< in bytes; 0 for invalid bytes
 };
 
 Character noCharacter()
@@ -18,7 +18,7 @@ Character noCharacter()
     return character;
 }
 
-// The smallest code that needs a sequence of the index's length: a smaller one is an overlong form.
+// The smallest code for each length of a sequence: a smaller one is an overlong form.
 const uint smallestCodes[] = {0, 0, 0x80, 0x800, 0x10000};
 
 int sequenceLength(uchar first)

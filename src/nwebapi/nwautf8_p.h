@@ -5,8 +5,8 @@
 #include <QtCore/QString>
 
 /**
- * UTF-8 exactly as RFC 3629 defines it. Qt's own decoder swallows a byte order mark at the start and differs
- * between its versions in what it takes for an error.
+ * UTF-8 exactly as RFC 3629 defines it. Qt's own decoder removes a byte order mark at the start, and its versions
+ * differ in what they consider an error.
  */
 class NwaUtf8
 {
@@ -14,7 +14,7 @@ public:
     /** Whether @a bytes are UTF-8, without overlong forms, surrogates or characters beyond U+10FFFF. */
     static bool isValid(const QByteArray& bytes);
 
-    /** The text of @a bytes; each byte that belongs to no valid character becomes U+FFFD. */
+    /** The text of @a bytes; each byte that is not part of a valid character becomes U+FFFD. */
     static QString decode(const QByteArray& bytes);
 
 private:

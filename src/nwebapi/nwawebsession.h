@@ -8,18 +8,17 @@
 
 #include <list>
 
-/** The time a user spends with the device between logging in and logging out. Made and owned by
- * NwaWebSessionManager. */
+/** The session of a user between login and logout. Created and owned by NwaWebSessionManager. */
 class NWEBAPI_EXPORT NwaWebSession
 {
 public:
-    /** The session's identifier, by which its client is recognised: nobody else may learn it. */
+    /** The session's identifier, by which its client is recognised; it must stay secret. */
     QUuid id() const;
 
-    /** The name of the user who logged in; empty until it is set. */
+    /** The name of the user who has logged in; empty until it is set. */
     QString userName() const;
 
-    /** Notes who logged in. Whether the user may do so is the caller's to check before. */
+    /** Sets the user's name; the caller has checked the credentials. */
     void setUserName(const QString& userName);
 
 private:
@@ -31,7 +30,7 @@ private:
     QUuid m_id;
     QString m_userName;
     qint64 m_lastActivity; ///< milliseconds on the manager's clock
-    bool m_isEnding;       ///< its end is being announced; it is in the manager's order no more
+    bool m_isEnding;       ///< its end is being announced; it is no longer in the manager's order
     std::list<NwaWebSession*>::iterator m_position;
 };
 

@@ -9,8 +9,8 @@
 
 namespace {
 
-// A random UUID (RFC 9562, section 5.4), or a null one when the generator fails: an identifier that can be guessed
-// must not come into being.
+// A random UUID (RFC 9562, section 5.4), or a null one when the generator fails: an identifier must never be
+// predictable.
 QUuid randomIdentifier()
 {
     uchar bytes[16];
@@ -48,7 +48,7 @@ NwaWebSessionManager::~NwaWebSessionManager()
     m_isClosing = true;
     while (!m_idleOrder.empty())
         endSession(m_idleOrder.front());
-    // What is left is ending already: the manager is deleted from a slot that was told of it.
+    // The remaining sessions are being ended: a slot of aboutToRemove() deletes the manager.
     qDeleteAll(m_sessions);
 }
 
@@ -75,7 +75,7 @@ void NwaWebSessionManager::setMaximumSessionCount(int count)
 
 NwaWebSession* NwaWebSessionManager::createSession()
 {
-    // A slot that made a new session for each one that ends would keep this going for ever.
+    // A slot that makes a session for each one that ends would never let this finish.
     if (m_isClosing || m_isMakingRoom)
         return nullptr;
     const QUuid id = randomIdentifier();
@@ -106,7 +106,7 @@ void NwaWebSessionManager::keepAlive(NwaWebSession* session)
         return;
     session->m_lastActivity = m_clock.elapsed();
     m_idleOrder.splice(m_idleOrder.end(), m_idleOrder, session->m_position);
-    // The timer stays as it is: when it comes too early now, it finds nothing to do and is started again.
+    // The timer is not changed: when it fires too early, it finds nothing to do and is restarted.
 }
 
 void NwaWebSessionManager::removeSession(const QUuid& id)
@@ -146,7 +146,7 @@ void NwaWebSessionManager::scheduleExpiry()
     m_expiryTimer.start(int(interval));
 }
 
-// Returns whether the manager is still there afterwards.
+// Returns whether the manager still exists afterwards.
 bool NwaWebSessionManager::makeRoom()
 {
     m_isMakingRoom = true;
@@ -158,7 +158,7 @@ bool NwaWebSessionManager::makeRoom()
     return true;
 }
 
-// Returns whether the manager is still there afterwards.
+// Returns whether the manager still exists afterwards.
 bool NwaWebSessionManager::endSession(NwaWebSession* session)
 {
     const QUuid id = session->id();
