@@ -94,18 +94,6 @@ socklen_t internetAddress(const QByteArray& text, quint16 port, struct sockaddr_
 
 } // namespace
 
-NwaFcgiLimits::NwaFcgiLimits()
-    : connectionCount(256)
-    , variablesSize(64 * 1024)
-    , querySize(16 * 1024)
-    , bodySize(1024 * 1024)
-    , streamedBodyBuffer(64 * 1024)
-    , replyBuffer(16 * 1024 * 1024)
-    , bufferedSize(16 * 1024 * 1024)
-    , stallTimeout(30)
-{
-}
-
 NwaFcgiServer::NwaFcgiServer(QObject* parent)
     : QObject(parent)
     , m_poller(new NwaFcgiPoller)

@@ -1,6 +1,7 @@
 #ifndef NWEBAPI_NWAFCGISERVER_H
 #define NWEBAPI_NWAFCGISERVER_H
 
+#include <nwebapi/nwafcgilimits.h>
 #include <nwebapi/nwaglobal.h>
 
 #include <QtCore/QHash>
@@ -20,22 +21,6 @@ class NwaFcgiPoller;
 class NwaFcgiRequest;
 class NwaHeldMemory;
 class QSocketNotifier;
-
-/** The limits that an NwaFcgiServer sets to its clients. Each is at least 1. */
-struct NWEBAPI_EXPORT NwaFcgiLimits
-{
-    /** The limits that suit a small device. */
-    NwaFcgiLimits();
-
-    int connectionCount;    ///< connections at a time; further ones wait
-    int variablesSize;      ///< bytes of all variables of a request, its header fields among them; 431 beyond
-    int querySize;          ///< bytes of the query string; 414 beyond
-    int bodySize;           ///< bytes of a body that is not streamed; 413 beyond
-    int streamedBodyBuffer; ///< bytes of a streamed body that are held at a time; the client waits beyond
-    int replyBuffer;        ///< bytes of a reply that a slow client lets wait; the connection is dropped beyond
-    int bufferedSize;       ///< bytes that all connections hold together of requests and replies; 503 beyond
-    int stallTimeout;       ///< seconds that a client may let the server wait for the next bytes, or not take any
-};
 
 /**
  * Receives requests over FastCGI (protocol version 1) and hands each to the service that is
