@@ -1,16 +1,15 @@
 #include <nwebapi/nwafcgiconnection_p.h>
 
+#include <nsystem/nsystemcall_p.h>
 #include <nwebapi/nwafcgipoller_p.h>
 #include <nwebapi/nwafcgiprotocol_p.h>
 #include <nwebapi/nwafcgiserver.h>
 #include <nwebapi/nwahttpgrammar_p.h>
 
-#include <errno.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 using namespace NwaFcgiProtocol;
@@ -21,29 +20,6 @@ const int ReadSize = 16 * 1024;
 
 // One client must not keep the others waiting, however fast it sends.
 const int ReadsAtATime = 4;
-
-// A reply is handed to the kernel in blocks of this size, so that sending begins before the reply is complete, and
-// waits in such blocks: many large blocks of different sizes would tear holes into the heap that stay.
-const int BlockSize = 64 * 1024;
-
-// From this size on, to hand the data to the kernel at once costs less than to copy it and send it with what
-// follows.
-const int LargeSize = 32 * 1024;
-
-// Calls the system again when a signal interrupts it.
-template <typename Call> ssize_t repeated(const Call& call)
-{
-    ssize_t result = 0;
-    do {
-        result = call();
-    } while (result < 0 && errno == EINTR);
-    return result;
-}
-
-bool wouldBlock()
-{
-    return errno == EAGAIN || errno == EWOULDBLOCK;
-}
 
 bool isStreamed(const NwaFcgiRequest& request)
 {
@@ -80,8 +56,7 @@ NwaFcgiConnection::NwaFcgiConnection(int descriptor, NwaFcgiServer* server)
     , m_bodyEnded(false)
     , m_bodyReceived(0)
     , m_bodyRead(0)
-    , m_waitingSize(0)
-    , m_blockSent(0)
+    , m_output(descriptor)
 {
 }
 
@@ -121,7 +96,7 @@ void NwaFcgiConnection::closeIfStalled()
 // Whether it is the peer's turn, not the service's.
 bool NwaFcgiConnection::isWaitingForPeer() const
 {
-    if (isWriteBlocked())
+    if (m_output.isBlocked())
         return true;
     if (!m_dispatched)
         return true;
@@ -163,13 +138,13 @@ bool NwaFcgiConnection::receive()
     if (m_descriptor < 0 || m_parsing || m_inputEnded || isBodyBufferFull())
         return false;
     char buffer[ReadSize];
-    const ssize_t size = repeated([&]() { return ::recv(m_descriptor, buffer, sizeof(buffer), 0); });
+    const ssize_t size = NSystem::retried([&]() { return ::recv(m_descriptor, buffer, sizeof(buffer), 0); });
     if (size == 0) {
         handleEndOfInput();
         return false;
     }
     if (size < 0) {
-        if (!wouldBlock())
+        if (!NSystem::wouldBlock())
             close();
         return false;
     }
@@ -182,7 +157,7 @@ bool NwaFcgiConnection::receive()
 void NwaFcgiConnection::handleEndOfInput()
 {
     m_inputEnded = true;
-    const bool repliesAreDue = (m_dispatched && m_bodyEnded) || unsentSize() > 0;
+    const bool repliesAreDue = (m_dispatched && m_bodyEnded) || !m_output.isEmpty();
     if (!repliesAreDue || hasPeerGone())
         close();
 }
@@ -266,25 +241,30 @@ void NwaFcgiConnection::processRecord(const RecordHeader& header, const char* co
 
 void NwaFcgiConnection::processConnectionRecord(const RecordHeader& header, const char* content)
 {
-    if (header.type != GetValues) {
-        appendUnknownType(m_output, header.type);
-        return;
-    }
+    QByteArray answer;
+    if (header.type == GetValues)
+        appendValues(answer, QByteArray::fromRawData(content, header.contentSize));
+    else
+        appendUnknownType(answer, header.type);
+    send(answer);
+}
+
+void NwaFcgiConnection::appendValues(QByteArray& answer, const QByteArray& questions) const
+{
     const QByteArray count = QByteArray::number(m_server->m_limits.connectionCount);
-    const QByteArray questions = QByteArray::fromRawData(content, header.contentSize);
-    QByteArray answers;
+    QByteArray values;
     PairReader question(questions);
     while (question.next()) {
         if (question.name() == "FCGI_MAX_CONNS" || question.name() == "FCGI_MAX_REQS")
-            appendPair(answers, question.name(), count);
+            appendPair(values, question.name(), count);
         else if (question.name() == "FCGI_MPXS_CONNS")
-            appendPair(answers, question.name(), "0");
+            appendPair(values, question.name(), "0");
     }
-    if (answers.isEmpty())
-        appendStreamEnd(m_output, GetValuesResult, 0);
-    // A name that is asked for over and over would overflow the record.
-    else if (answers.size() <= MaximumContentSize)
-        appendStream(m_output, GetValuesResult, 0, answers.constData(), answers.size());
+    if (values.isEmpty())
+        appendStreamEnd(answer, GetValuesResult, 0);
+    // A name that is asked for many times would overflow the record.
+    else if (values.size() <= MaximumContentSize)
+        appendStream(answer, GetValuesResult, 0, values.constData(), values.size());
 }
 
 void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const char* content)
@@ -294,7 +274,7 @@ void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const ch
         return;
     }
     if (m_requestId != 0) {
-        appendEndRequest(m_output, header.requestId, CannotMultiplex);
+        sendEndRequest(header.requestId, CannotMultiplex);
         return;
     }
     const int role = quint8(content[0]) << 8 | quint8(content[1]);
@@ -302,7 +282,7 @@ void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const ch
     m_requestId = header.requestId;
     m_idleSeconds = 0;
     if (role != Responder) {
-        appendEndRequest(m_output, header.requestId, UnknownRole);
+        sendEndRequest(header.requestId, UnknownRole);
         endRequest();
     }
 }
@@ -310,7 +290,7 @@ void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const ch
 void NwaFcgiConnection::processAbortRequest()
 {
     giveRequestUp();
-    appendEndRequest(m_output, m_requestId, RequestComplete);
+    sendEndRequest(m_requestId, RequestComplete);
     endRequest();
 }
 
@@ -447,103 +427,41 @@ void NwaFcgiConnection::answerWithError(NwaFcgiRequest::StandardHttpError error)
 bool NwaFcgiConnection::write(Stream stream, const char* data, int size)
 {
     const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
+    const RecordType type = stream == Output ? Stdout : Stderr;
+    const bool hadBacklog = !m_output.isEmpty();
+    m_hasRemarks = m_hasRemarks || (stream == Error && size > 0);
     while (size > 0 && m_descriptor >= 0) {
         const int contentSize = qMin(size, int(MaximumContentSize));
-        m_hasRemarks = m_hasRemarks || stream == Error;
-        sendRecord(stream == Output ? Stdout : Stderr, data, contentSize);
+        processOutput(m_output.appendRecord(type, m_requestId, data, contentSize));
         data += contentSize;
         size -= contentSize;
     }
+    if (m_descriptor < 0)
+        return false;
+    if (m_output.isEmpty() && hadBacklog)
+        tellReplyTaken(m_request);
     // A service may write a part of its reply now and the rest much later. Most reply at once, while the records
-    // of their request are being processed; what they write goes out together with its end.
-    if (m_descriptor >= 0 && !m_parsing && !isWriteBlocked() && unsentSize() > 0)
+    // of their request are being processed; what they write is sent together with the end of the reply.
+    if (!m_parsing && !m_output.isEmpty() && !m_output.isBlocked())
         resumeSoon();
-    return m_descriptor >= 0;
-}
-
-void NwaFcgiConnection::sendRecord(int type, const char* content, int size)
-{
-    char header[HeaderSize];
-    writeHeader(header, type, m_requestId, size);
-    if (size >= LargeSize && !isWriteBlocked()) {
-        sendLargeRecord(header, content, size);
-    } else {
-        enqueue(header, sizeof(header));
-        enqueue(content, size);
-    }
-    if (isReplyBufferExceeded())
-        flush();
-}
-
-// Sends what waits, and the record straight from where it is.
-void NwaFcgiConnection::sendLargeRecord(const char* header, const char* content, int size)
-{
-    const QByteArray& block = firstBlock();
-    struct iovec pieces[] = {
-        {const_cast<char*>(block.constData()) + m_blockSent, size_t(block.size() - m_blockSent)},
-        {const_cast<char*>(header), size_t(HeaderSize)},
-        {const_cast<char*>(content), size_t(size)}};
-    struct msghdr message;
-    memset(&message, 0, sizeof(message));
-    message.msg_iov = pieces;
-    message.msg_iovlen = sizeof(pieces) / sizeof(pieces[0]);
-    const ssize_t sent = repeated([&]() { return ::sendmsg(m_descriptor, &message, MSG_NOSIGNAL); });
-    if (sent < 0 && !wouldBlock()) {
-        close();
-        return;
-    }
-    int left = qMax(0, int(sent));
-    if (left > 0)
-        m_idleSeconds = 0;
-    const int ofBlock = qMin(left, int(pieces[0].iov_len));
-    left -= ofBlock;
-    discardOutput(ofBlock);
-    const int ofHeader = qMin(left, int(HeaderSize));
-    left -= ofHeader;
-    enqueue(header + ofHeader, HeaderSize - ofHeader);
-    enqueue(content + left, size - left);
-    if (m_descriptor >= 0)
-        watch(NwaFcgiPoller::Writable, unsentSize() > 0);
-}
-
-void NwaFcgiConnection::enqueue(const char* data, int size)
-{
-    while (size > 0) {
-        if (m_output.size() >= BlockSize && !isWriteBlocked())
-            flush();
-        if (m_descriptor < 0)
-            return;
-        if (m_output.size() >= BlockSize)
-            startNextBlock();
-        const int part = qMin(size, BlockSize - m_output.size());
-        if (m_output.size() + part >= BlockSize / 2)
-            m_output.reserve(BlockSize);
-        m_output.append(data, part);
-        data += part;
-        size -= part;
-    }
+    return true;
 }
 
 int NwaFcgiConnection::replyBacklog() const
 {
-    return unsentSize();
+    return m_output.size();
 }
 
-void NwaFcgiConnection::startNextBlock()
+void NwaFcgiConnection::send(const QByteArray& records)
 {
-    m_waitingSize += m_output.size();
-    m_waiting.enqueue(m_output);
-    m_output = QByteArray();
+    processOutput(m_output.append(records));
 }
 
-const QByteArray& NwaFcgiConnection::firstBlock() const
+void NwaFcgiConnection::sendEndRequest(int requestId, ProtocolStatus status)
 {
-    return m_waiting.isEmpty() ? m_output : m_waiting.head();
-}
-
-bool NwaFcgiConnection::isReplyBufferExceeded() const
-{
-    return m_descriptor >= 0 && unsentSize() > m_server->m_limits.replyBuffer;
+    QByteArray record;
+    appendEndRequest(record, requestId, status);
+    send(record);
 }
 
 void NwaFcgiConnection::resumeSoon()
@@ -593,10 +511,12 @@ void NwaFcgiConnection::finish()
     m_request = nullptr;
     if (m_descriptor < 0)
         return;
-    appendStreamEnd(m_output, Stdout, m_requestId);
+    QByteArray end;
+    appendStreamEnd(end, Stdout, m_requestId);
     if (m_hasRemarks)
-        appendStreamEnd(m_output, Stderr, m_requestId);
-    appendEndRequest(m_output, m_requestId, RequestComplete);
+        appendStreamEnd(end, Stderr, m_requestId);
+    appendEndRequest(end, m_requestId, RequestComplete);
+    send(end);
     endRequest();
 }
 
@@ -634,7 +554,7 @@ bool NwaFcgiConnection::isBodyBufferFull() const
 
 int NwaFcgiConnection::bufferedSize() const
 {
-    return m_input.size() + m_variables.size() + m_body.size() + unsentSize();
+    return m_input.size() + m_variables.size() + m_body.size() + m_output.size();
 }
 
 int NwaFcgiConnection::bufferedBodySize() const
@@ -642,63 +562,33 @@ int NwaFcgiConnection::bufferedBodySize() const
     return m_body.size() - m_bodyRead;
 }
 
-int NwaFcgiConnection::unsentSize() const
-{
-    return m_waitingSize + m_output.size() - m_blockSent;
-}
-
 void NwaFcgiConnection::flush()
 {
-    const bool hasBacklog = unsentSize() > 0;
-    while (m_descriptor >= 0 && unsentSize() > 0) {
-        const QByteArray& block = firstBlock();
-        const ssize_t size = repeated([&]() {
-            return ::send(
-                m_descriptor, block.constData() + m_blockSent, size_t(block.size() - m_blockSent), MSG_NOSIGNAL);
-        });
-        if (size < 0) {
-            if (!wouldBlock())
-                close();
-            break;
-        }
-        discardOutput(int(size));
-        m_idleSeconds = 0;
-    }
     if (m_descriptor < 0)
         return;
-    if (isReplyBufferExceeded()) {
-        close();
+    const bool hadBacklog = !m_output.isEmpty();
+    processOutput(m_output.flush());
+    if (m_descriptor < 0 || !m_output.isEmpty())
         return;
-    }
-    watch(NwaFcgiPoller::Writable, unsentSize() > 0);
-    if (m_descriptor < 0 || unsentSize() > 0)
-        return;
-    if (hasBacklog && m_dispatched && m_request)
+    if (hadBacklog && m_dispatched && m_request)
         tellReplyTaken(m_request);
     if (m_closeWhenSent)
         closeWhenDone();
 }
 
-// Forgets what the kernel has taken of the first block.
-void NwaFcgiConnection::discardOutput(int size)
+// To be called after every operation of the output, with the bytes that it has sent.
+void NwaFcgiConnection::processOutput(int sent)
 {
-    m_blockSent += size;
-    if (m_waiting.isEmpty()) {
-        if (m_blockSent < m_output.size())
-            return;
-        m_output.resize(0);
-    } else {
-        if (m_blockSent < m_waiting.head().size())
-            return;
-        m_waitingSize -= m_waiting.dequeue().size();
+    const int limit = m_server->m_limits.replyBuffer;
+    if (m_output.size() > limit)
+        sent += m_output.flush();
+    if (sent > 0)
+        m_idleSeconds = 0;
+    if (m_output.isBroken() || m_output.size() > limit) {
+        close();
+        return;
     }
-    m_blockSent = 0;
-}
-
-// Whether the peer has yet to take what was sent before more can be sent.
-bool NwaFcgiConnection::isWriteBlocked() const
-{
-    return m_events & NwaFcgiPoller::Writable;
+    watch(NwaFcgiPoller::Writable, m_output.isBlocked());
 }
 
 void NwaFcgiConnection::watch(int event, bool on)

@@ -2,16 +2,13 @@
 #define NWEBAPI_NWAFCGICONNECTION_P_H
 
 #include <nwebapi/nwafcgichannel_p.h>
+#include <nwebapi/nwafcgioutput_p.h>
 
 #include <QtCore/QByteArray>
-#include <QtCore/QQueue>
 
 #include <memory>
 
 class NwaFcgiServer;
-namespace NwaFcgiProtocol {
-struct RecordHeader;
-}
 
 /**
  * One connection of a web server. It reads records, makes the request of them, has the server dispatch it, and
@@ -61,6 +58,7 @@ private:
     void continueParsing();
     void processRecord(const NwaFcgiProtocol::RecordHeader& header, const char* content);
     void processConnectionRecord(const NwaFcgiProtocol::RecordHeader& header, const char* content);
+    void appendValues(QByteArray& answer, const QByteArray& questions) const;
     void processBeginRequest(const NwaFcgiProtocol::RecordHeader& header, const char* content);
     void processAbortRequest();
     void processParams(const char* content, int size);
@@ -79,18 +77,12 @@ private:
 
     bool isBodyBufferFull() const;
     int bufferedBodySize() const;
-    int unsentSize() const;
-    bool isReplyBufferExceeded() const;
-    void sendRecord(int type, const char* content, int size);
-    void sendLargeRecord(const char* header, const char* content, int size);
-    void enqueue(const char* data, int size);
+    void send(const QByteArray& records);
+    void sendEndRequest(int requestId, NwaFcgiProtocol::ProtocolStatus status);
     void flush();
-    void startNextBlock();
-    const QByteArray& firstBlock() const;
-    void discardOutput(int size);
+    void processOutput(int sent);
     void resumeSoon();
     void watch(int event, bool on);
-    bool isWriteBlocked() const;
     void closeWhenDone();
     void giveRequestUp();
     bool isWaitingForPeer() const;
@@ -119,10 +111,7 @@ private:
     QByteArray m_variables;
     QByteArray m_body;
     int m_bodyRead;
-    QQueue<QByteArray> m_waiting; ///< blocks of output that the peer has yet to take
-    int m_waitingSize;
-    QByteArray m_output; ///< comes after the waiting blocks
-    int m_blockSent;     ///< bytes of the first block that the peer has taken
+    NwaFcgiOutput m_output;
 };
 
 #endif
