@@ -4,10 +4,8 @@
 #include <nwebapi/nwafcgipoller_p.h>
 #include <nwebapi/nwafcgiprotocol_p.h>
 #include <nwebapi/nwafcgiserver.h>
-#include <nwebapi/nwahttpgrammar_p.h>
 
 #include <poll.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,11 +18,6 @@ const int ReadSize = 16 * 1024;
 
 // One client must not keep the others waiting, however fast it sends.
 const int ReadsAtATime = 4;
-
-bool isStreamed(const NwaFcgiRequest& request)
-{
-    return NwaHttpGrammar::mainValue(request.variable("CONTENT_TYPE")) == "multipart/form-data";
-}
 
 // Reads the variables that are there as a whole. Returns whether nothing is left over.
 bool readVariables(const QByteArray& content, NwaFcgiRequest::Variables& variables)
@@ -47,15 +40,6 @@ NwaFcgiConnection::NwaFcgiConnection(int descriptor, NwaFcgiServer* server)
     , m_parsing(false)
     , m_closeWhenSent(false)
     , m_resumeScheduled(false)
-    , m_requestId(0)
-    , m_keepConnection(false)
-    , m_request(nullptr)
-    , m_dispatched(false)
-    , m_streamed(false)
-    , m_hasRemarks(false)
-    , m_bodyEnded(false)
-    , m_bodyReceived(0)
-    , m_bodyRead(0)
     , m_output(descriptor)
 {
 }
@@ -98,9 +82,9 @@ bool NwaFcgiConnection::isWaitingForPeer() const
 {
     if (m_output.isBlocked())
         return true;
-    if (!m_dispatched)
+    if (!m_exchange.isDispatched)
         return true;
-    return !m_bodyEnded && !isBodyBufferFull();
+    return !m_exchange.hasBodyEnded && !isBodyBufferFull();
 }
 
 // While nothing is read, after the end of the input or when the service has to read first, only the kernel can
@@ -121,7 +105,7 @@ bool NwaFcgiConnection::isRestOfBodyMissing() const
 {
     int unread = 0;
     return ::ioctl(m_descriptor, FIONREAD, &unread) == 0 &&
-           m_request->contentLength() - m_bodyReceived > m_input.size() + unread;
+           m_exchange.request->contentLength() - m_exchange.receivedBodySize > m_input.size() + unread;
 }
 
 void NwaFcgiConnection::readInput()
@@ -157,7 +141,7 @@ bool NwaFcgiConnection::receive()
 void NwaFcgiConnection::handleEndOfInput()
 {
     m_inputEnded = true;
-    const bool repliesAreDue = (m_dispatched && m_bodyEnded) || !m_output.isEmpty();
+    const bool repliesAreDue = (m_exchange.isDispatched && m_exchange.hasBodyEnded) || !m_output.isEmpty();
     if (!repliesAreDue || hasPeerGone())
         close();
 }
@@ -222,7 +206,7 @@ void NwaFcgiConnection::processRecord(const RecordHeader& header, const char* co
     }
     // Records for a request that has ended already are on their way legitimately: the reply may come before the
     // body.
-    if (header.requestId != m_requestId)
+    if (header.requestId != m_exchange.id)
         return;
     switch (header.type) {
     case AbortRequest:
@@ -269,17 +253,16 @@ void NwaFcgiConnection::appendValues(QByteArray& answer, const QByteArray& quest
 
 void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const char* content)
 {
-    if (header.contentSize < BeginRequestSize || header.requestId == m_requestId) {
+    if (header.contentSize < BeginRequestSize || header.requestId == m_exchange.id) {
         close();
         return;
     }
-    if (m_requestId != 0) {
+    if (m_exchange.isActive()) {
         sendEndRequest(header.requestId, CannotMultiplex);
         return;
     }
     const int role = quint8(content[0]) << 8 | quint8(content[1]);
-    m_keepConnection = content[2] & KeepConnectionFlag;
-    m_requestId = header.requestId;
+    m_exchange = NwaFcgiExchange(header.requestId, content[2] & KeepConnectionFlag);
     m_idleSeconds = 0;
     if (role != Responder) {
         sendEndRequest(header.requestId, UnknownRole);
@@ -290,20 +273,20 @@ void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const ch
 void NwaFcgiConnection::processAbortRequest()
 {
     giveRequestUp();
-    sendEndRequest(m_requestId, RequestComplete);
+    sendEndRequest(m_exchange.id, RequestComplete);
     endRequest();
 }
 
 void NwaFcgiConnection::processParams(const char* content, int size)
 {
-    if (m_request)
+    if (m_exchange.request)
         return;
     if (size == 0) {
         makeRequest();
         return;
     }
-    m_variables.append(content, size);
-    if (m_variables.size() > m_server->m_limits.variablesSize)
+    m_exchange.variables.append(content, size);
+    if (m_exchange.variables.size() > m_server->m_limits.variablesSize)
         refuseOversizedVariables();
 }
 
@@ -316,28 +299,27 @@ bool NwaFcgiConnection::isTooLongQuery(const QByteArray& name, int size) const
 void NwaFcgiConnection::refuseOversizedVariables()
 {
     bool queryIsTooLong = false;
-    PairReader reader(m_variables);
+    PairReader reader(m_exchange.variables);
     while (reader.next())
         queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), reader.valueSize());
     // What broke the limit may be the query itself, of which only the beginning has arrived.
-    queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), m_variables.size());
+    queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), m_exchange.variables.size());
     answerWithError(queryIsTooLong ? NwaFcgiRequest::UriTooLong : NwaFcgiRequest::RequestHeaderFieldsTooLarge);
 }
 
 void NwaFcgiConnection::makeRequest()
 {
     NwaFcgiRequest::Variables variables;
-    const bool complete = readVariables(m_variables, variables);
-    m_variables.clear();
+    const bool complete = readVariables(m_exchange.variables, variables);
+    m_exchange.variables.clear();
     m_idleSeconds = 0;
     const bool queryIsTooLong = variables.value("QUERY_STRING").size() > m_server->m_limits.querySize;
-    m_request = new NwaFcgiRequest(this, variables);
-    m_streamed = isStreamed(*m_request);
-    if (!complete || m_request->contentLength() < 0)
+    m_exchange.request = new NwaFcgiRequest(this, variables);
+    if (!complete || m_exchange.request->contentLength() < 0)
         answerWithError(NwaFcgiRequest::BadRequest);
     else if (queryIsTooLong)
         answerWithError(NwaFcgiRequest::UriTooLong);
-    else if (isBodyTooLarge(m_request->contentLength()))
+    else if (isBodyTooLarge(m_exchange.request->contentLength()))
         answerWithError(NwaFcgiRequest::ContentTooLarge);
     else
         dispatchWhenReady();
@@ -345,49 +327,45 @@ void NwaFcgiConnection::makeRequest()
 
 bool NwaFcgiConnection::isBodyTooLarge(qint64 size) const
 {
-    return !m_streamed && size > m_server->m_limits.bodySize;
+    return size > m_server->m_limits.bodySize && !m_exchange.isStreamed();
 }
 
 void NwaFcgiConnection::processStdin(const char* content, int size)
 {
-    if (m_bodyEnded)
+    if (m_exchange.hasBodyEnded)
         return;
     if (size == 0) {
         endBody();
         return;
     }
-    // What the service has read is dropped here as well: one that always leaves something would keep it all.
-    m_body.remove(0, m_bodyRead);
-    m_bodyRead = 0;
-    m_body.append(content, size);
-    m_bodyReceived += size;
+    m_exchange.appendToBody(content, size);
     m_idleSeconds = 0;
-    if (isBodyTooLarge(m_bodyReceived)) {
+    if (isBodyTooLarge(m_exchange.receivedBodySize)) {
         // Before its variables are complete the request does not exist yet; nobody sends so much of a body then.
-        if (m_request)
+        if (m_exchange.request)
             answerWithError(NwaFcgiRequest::ContentTooLarge);
         else
             close();
         return;
     }
-    if (m_dispatched)
-        tellBodyAvailable(m_request);
+    if (m_exchange.isDispatched)
+        tellBodyAvailable(m_exchange.request);
 }
 
 void NwaFcgiConnection::endBody()
 {
-    m_bodyEnded = true;
-    if (m_dispatched)
-        tellBodyAvailable(m_request);
+    m_exchange.hasBodyEnded = true;
+    if (m_exchange.isDispatched)
+        tellBodyAvailable(m_exchange.request);
     else
         dispatchWhenReady();
 }
 
 void NwaFcgiConnection::dispatchWhenReady()
 {
-    if (!m_request || m_dispatched || !(m_streamed || m_bodyEnded))
+    if (!m_exchange.request || m_exchange.isDispatched || !(m_exchange.hasBodyEnded || m_exchange.isStreamed()))
         return;
-    if (isBodyBroken()) {
+    if (m_exchange.isBodyBroken()) {
         answerWithError(NwaFcgiRequest::BadRequest);
         return;
     }
@@ -396,14 +374,14 @@ void NwaFcgiConnection::dispatchWhenReady()
         answerWithError(NwaFcgiRequest::ServiceUnavailable);
         return;
     }
-    m_dispatched = true;
-    m_server->dispatch(m_request);
+    m_exchange.isDispatched = true;
+    m_server->dispatch(m_exchange.request);
 }
 
 // A request that no service has yet is refused when more has come than there is room for.
 void NwaFcgiConnection::refuseWhenTooMuchIsHeld()
 {
-    if (m_descriptor < 0 || m_requestId == 0 || m_dispatched)
+    if (m_descriptor < 0 || !m_exchange.isActive() || m_exchange.isDispatched)
         return;
     if (m_server->bufferedSize() > m_server->m_limits.bufferedSize)
         answerWithError(NwaFcgiRequest::ServiceUnavailable);
@@ -412,14 +390,14 @@ void NwaFcgiConnection::refuseWhenTooMuchIsHeld()
 void NwaFcgiConnection::answerWithError(NwaFcgiRequest::StandardHttpError error)
 {
     // The variables may be incomplete; the method among them decides what the answer looks like.
-    if (!m_request) {
+    if (!m_exchange.request) {
         NwaFcgiRequest::Variables variables;
-        readVariables(m_variables, variables);
-        m_request = new NwaFcgiRequest(this, variables);
+        readVariables(m_exchange.variables, variables);
+        m_exchange.request = new NwaFcgiRequest(this, variables);
     }
     // Ours to delete even when the connection breaks while the answer is sent.
-    m_dispatched = true;
-    NwaFcgiRequest* const request = m_request;
+    m_exchange.isDispatched = true;
+    NwaFcgiRequest* const request = m_exchange.request;
     request->sendHttpError(error);
     delete request;
 }
@@ -429,17 +407,17 @@ bool NwaFcgiConnection::write(Stream stream, const char* data, int size)
     const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
     const RecordType type = stream == Output ? Stdout : Stderr;
     const bool hadBacklog = !m_output.isEmpty();
-    m_hasRemarks = m_hasRemarks || (stream == Error && size > 0);
+    m_exchange.hasRemarks = m_exchange.hasRemarks || (stream == Error && size > 0);
     while (size > 0 && m_descriptor >= 0) {
         const int contentSize = qMin(size, int(MaximumContentSize));
-        processOutput(m_output.appendRecord(type, m_requestId, data, contentSize));
+        processOutput(m_output.appendRecord(type, m_exchange.id, data, contentSize));
         data += contentSize;
         size -= contentSize;
     }
     if (m_descriptor < 0)
         return false;
     if (m_output.isEmpty() && hadBacklog)
-        tellReplyTaken(m_request);
+        tellReplyTaken(m_exchange.request);
     // A service may write a part of its reply now and the rest much later. Most reply at once, while the records
     // of their request are being processed; what they write is sent together with the end of the reply.
     if (!m_parsing && !m_output.isEmpty() && !m_output.isBlocked())
@@ -474,48 +452,33 @@ void NwaFcgiConnection::resumeSoon()
 
 qint64 NwaFcgiConnection::readBody(char* data, qint64 maximumSize)
 {
-    const int size = int(qMin(qint64(bufferedBodySize()), maximumSize));
-    if (size <= 0)
-        return isBodyBroken() ? -1 : 0;
     const bool wasFull = isBodyBufferFull();
-    memcpy(data, m_body.constData() + m_bodyRead, size_t(size));
-    m_bodyRead += size;
-    if (m_bodyRead == m_body.size()) {
-        m_body.clear();
-        m_bodyRead = 0;
-    }
+    const int size = m_exchange.readBody(data, maximumSize);
     if (wasFull && !isBodyBufferFull()) {
         // The peer has had to wait for the service; its own time begins only now.
         m_idleSeconds = 0;
         if (!m_parsing)
             resumeSoon();
     }
-    return size;
+    return size == 0 && m_exchange.isBodyBroken() ? -1 : size;
 }
 
 bool NwaFcgiConnection::atBodyEnd() const
 {
-    return m_bodyEnded && !isBodyBroken() && bufferedBodySize() == 0;
-}
-
-// Whether the body has ended shorter or longer than it was announced.
-bool NwaFcgiConnection::isBodyBroken() const
-{
-    return m_bodyEnded && !m_request->variable("CONTENT_LENGTH").isEmpty() &&
-           m_request->contentLength() != m_bodyReceived;
+    return m_exchange.hasBodyEnded && !m_exchange.isBodyBroken() && m_exchange.unreadBodySize() == 0;
 }
 
 void NwaFcgiConnection::finish()
 {
     const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
-    m_request = nullptr;
+    m_exchange.request = nullptr;
     if (m_descriptor < 0)
         return;
     QByteArray end;
-    appendStreamEnd(end, Stdout, m_requestId);
-    if (m_hasRemarks)
-        appendStreamEnd(end, Stderr, m_requestId);
-    appendEndRequest(end, m_requestId, RequestComplete);
+    appendStreamEnd(end, Stdout, m_exchange.id);
+    if (m_exchange.hasRemarks)
+        appendStreamEnd(end, Stderr, m_exchange.id);
+    appendEndRequest(end, m_exchange.id, RequestComplete);
     send(end);
     endRequest();
 }
@@ -523,25 +486,12 @@ void NwaFcgiConnection::finish()
 // Forgets the request and sends what is left of its reply.
 void NwaFcgiConnection::endRequest()
 {
-    const bool bodyEnded = m_bodyEnded;
-    m_requestId = 0;
-    m_dispatched = false;
-    m_streamed = false;
-    m_hasRemarks = false;
-    m_bodyEnded = false;
-    m_bodyReceived = 0;
-    m_variables.clear();
-    m_body.clear();
-    m_bodyRead = 0;
+    // After the last request nothing is awaited but the rest of its body.
+    if (!m_exchange.keepConnection && m_exchange.hasBodyEnded)
+        m_inputEnded = true;
+    m_closeWhenSent = !m_exchange.keepConnection || m_inputEnded;
+    m_exchange = NwaFcgiExchange();
     m_idleSeconds = 0;
-    if (!m_keepConnection) {
-        m_closeWhenSent = true;
-        if (bodyEnded)
-            m_inputEnded = true;
-    }
-    // A peer that has ended its sending has no further request.
-    if (m_inputEnded)
-        m_closeWhenSent = true;
     flush();
     if (m_descriptor >= 0 && !m_parsing && !m_inputEnded)
         resumeSoon();
@@ -549,17 +499,13 @@ void NwaFcgiConnection::endRequest()
 
 bool NwaFcgiConnection::isBodyBufferFull() const
 {
-    return m_dispatched && bufferedBodySize() >= m_server->m_limits.streamedBodyBuffer && !m_bodyEnded;
+    return m_exchange.isDispatched && m_exchange.unreadBodySize() >= m_server->m_limits.streamedBodyBuffer &&
+           !m_exchange.hasBodyEnded;
 }
 
 int NwaFcgiConnection::bufferedSize() const
 {
-    return m_input.size() + m_variables.size() + m_body.size() + m_output.size();
-}
-
-int NwaFcgiConnection::bufferedBodySize() const
-{
-    return m_body.size() - m_bodyRead;
+    return m_input.size() + m_exchange.variables.size() + m_exchange.body.size() + m_output.size();
 }
 
 void NwaFcgiConnection::flush()
@@ -570,8 +516,8 @@ void NwaFcgiConnection::flush()
     processOutput(m_output.flush());
     if (m_descriptor < 0 || !m_output.isEmpty())
         return;
-    if (hadBacklog && m_dispatched && m_request)
-        tellReplyTaken(m_request);
+    if (hadBacklog && m_exchange.isDispatched && m_exchange.request)
+        tellReplyTaken(m_exchange.request);
     if (m_closeWhenSent)
         closeWhenDone();
 }
@@ -628,11 +574,11 @@ void NwaFcgiConnection::close()
 // A service that has the request already keeps it until it deletes it.
 void NwaFcgiConnection::giveRequestUp()
 {
-    NwaFcgiRequest* const request = m_request;
-    m_request = nullptr;
+    NwaFcgiRequest* const request = m_exchange.request;
+    m_exchange.request = nullptr;
     if (!request)
         return;
     tellAborted(request);
-    if (!m_dispatched)
+    if (!m_exchange.isDispatched)
         delete request;
 }

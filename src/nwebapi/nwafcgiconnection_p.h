@@ -2,6 +2,7 @@
 #define NWEBAPI_NWAFCGICONNECTION_P_H
 
 #include <nwebapi/nwafcgichannel_p.h>
+#include <nwebapi/nwafcgiexchange_p.h>
 #include <nwebapi/nwafcgioutput_p.h>
 
 #include <QtCore/QByteArray>
@@ -68,7 +69,6 @@ private:
     void refuseOversizedVariables();
     void makeRequest();
     bool isBodyTooLarge(qint64 size) const;
-    bool isBodyBroken() const;
     void endBody();
     void dispatchWhenReady();
     void refuseWhenTooMuchIsHeld();
@@ -76,7 +76,6 @@ private:
     void endRequest();
 
     bool isBodyBufferFull() const;
-    int bufferedBodySize() const;
     void send(const QByteArray& records);
     void sendEndRequest(int requestId, NwaFcgiProtocol::ProtocolStatus status);
     void flush();
@@ -98,19 +97,8 @@ private:
     bool m_closeWhenSent; ///< nothing more is accepted from the peer; the connection ends with the reply
     bool m_resumeScheduled;
 
-    int m_requestId; ///< 0 without a request
-    bool m_keepConnection;
-    NwaFcgiRequest* m_request; ///< made when its variables are complete
-    bool m_dispatched;         ///< the request was handed on; whoever has it deletes it
-    bool m_streamed;
-    bool m_hasRemarks; ///< something was sent on the error stream, whose end is to be sent then
-    bool m_bodyEnded;
-    qint64 m_bodyReceived;
-
-    QByteArray m_input;
-    QByteArray m_variables;
-    QByteArray m_body;
-    int m_bodyRead;
+    QByteArray m_input; ///< what is incomplete or has to wait
+    NwaFcgiExchange m_exchange;
     NwaFcgiOutput m_output;
 };
 
