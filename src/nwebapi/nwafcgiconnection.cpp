@@ -1,14 +1,15 @@
 #include <nwebapi/nwafcgiconnection_p.h>
 
 #include <nsystem/nsystemcall_p.h>
+#include <nwebapi/nwafcgiconnectionowner_p.h>
 #include <nwebapi/nwafcgipoller_p.h>
 #include <nwebapi/nwafcgiprotocol_p.h>
-#include <nwebapi/nwafcgiserver.h>
 
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
+
+#include <utility>
 
 using namespace NwaFcgiProtocol;
 
@@ -16,10 +17,10 @@ namespace {
 
 const int ReadSize = 16 * 1024;
 
-// One client must not keep the others waiting, however fast it sends.
+// A client that sends fast must not keep the others waiting.
 const int ReadsAtATime = 4;
 
-// Reads the variables that are there as a whole. Returns whether nothing is left over.
+// Returns whether @a content ends with the last variable.
 bool readVariables(const QByteArray& content, NwaFcgiRequest::Variables& variables)
 {
     variables.reserve(content.size());
@@ -29,18 +30,51 @@ bool readVariables(const QByteArray& content, NwaFcgiRequest::Variables& variabl
     return reader.atEnd();
 }
 
+bool isLongQuery(const QByteArray& name, int size, int limit)
+{
+    return size > limit && (name == "QUERY_STRING" || name == "REQUEST_URI");
+}
+
+// Whether a query that is too long is among the variables, the last of which may be incomplete.
+bool hasLongQuery(const QByteArray& content, int limit)
+{
+    PairReader reader(content);
+    while (reader.next()) {
+        if (isLongQuery(reader.name(), reader.valueSize(), limit))
+            return true;
+    }
+    return isLongQuery(reader.name(), content.size(), limit);
+}
+
+void appendValues(QByteArray& answer, const QByteArray& questions, int connectionCount)
+{
+    QByteArray values;
+    PairReader question(questions);
+    while (question.next()) {
+        if (question.name() == "FCGI_MAX_CONNS" || question.name() == "FCGI_MAX_REQS")
+            appendPair(values, question.name(), QByteArray::number(connectionCount));
+        else if (question.name() == "FCGI_MPXS_CONNS")
+            appendPair(values, question.name(), "0");
+    }
+    if (values.isEmpty())
+        appendStreamEnd(answer, GetValuesResult, 0);
+    // Repeated questions can have more answers than a record holds; they get none.
+    else if (values.size() <= MaximumContentSize)
+        appendStream(answer, GetValuesResult, 0, values.constData(), values.size());
+}
+
 } // namespace
 
-NwaFcgiConnection::NwaFcgiConnection(int descriptor, NwaFcgiServer* server)
-    : m_server(server)
-    , m_descriptor(descriptor)
+NwaFcgiConnection::NwaFcgiConnection(NFileDescriptor socket, NwaFcgiConnectionOwner* owner)
+    : m_owner(owner)
+    , m_socket(std::move(socket))
     , m_events(NwaFcgiPoller::Nothing)
     , m_idleSeconds(0)
     , m_inputEnded(false)
     , m_parsing(false)
     , m_closeWhenSent(false)
     , m_resumeScheduled(false)
-    , m_output(descriptor)
+    , m_output(m_socket.number())
 {
 }
 
@@ -53,7 +87,7 @@ void NwaFcgiConnection::start()
 
 void NwaFcgiConnection::processEvents(int events)
 {
-    // One that is not watched for any more says nothing new.
+    // An event that the socket is no longer watched for may have been taken before.
     if (events & m_events & NwaFcgiPoller::Writable)
         flush();
     if (events & m_events & NwaFcgiPoller::Readable)
@@ -63,66 +97,74 @@ void NwaFcgiConnection::processEvents(int events)
 void NwaFcgiConnection::resume()
 {
     m_resumeScheduled = false;
-    if (m_descriptor < 0)
-        return;
     flush();
-    continueParsing();
+    if (!isOpen() || m_parsing)
+        return;
+    processInput(nullptr, 0);
+    readInput();
 }
+
+int NwaFcgiConnection::bufferedSize() const
+{
+    return m_input.size() + m_exchange.variables.size() + m_exchange.body.size() + m_output.size();
+}
+
+// Stalled and closed peers
 
 void NwaFcgiConnection::closeIfStalled()
 {
-    // The first second may have been a part of one only.
-    const bool isStalled = ++m_idleSeconds > m_server->m_limits.stallTimeout;
+    // The first second may have been only a part of one.
+    const bool isStalled = ++m_idleSeconds > m_owner->limits().stallTimeout;
     if (hasPeerGone() || (isStalled && isWaitingForPeer()))
         close();
 }
 
-// Whether it is the peer's turn, not the service's.
+// Whether the peer has to act next, not the service.
 bool NwaFcgiConnection::isWaitingForPeer() const
 {
-    if (m_output.isBlocked())
-        return true;
-    if (!m_exchange.isDispatched)
+    if (m_output.isBlocked() || !m_exchange.isDispatched)
         return true;
     return !m_exchange.hasBodyEnded && !isBodyBufferFull();
 }
 
-// While nothing is read, after the end of the input or when the service has to read first, only the kernel can
-// tell that the peer does not wait for the reply any more.
+// While nothing is read, after the end of the input or because the service has to read first, only the kernel
+// knows that the peer no longer waits for the reply. A reply that is blocked fails by itself.
 bool NwaFcgiConnection::hasPeerGone() const
 {
     if (!m_inputEnded && !isBodyBufferFull())
         return false;
-    struct pollfd state = {m_descriptor, POLLRDHUP, 0};
+    struct pollfd state = {m_socket.number(), POLLRDHUP, 0};
     if (::poll(&state, 1, 0) != 1)
         return false;
     // Over TCP, a peer that has gone looks like one that has only ended its sending.
     return (state.revents & (POLLHUP | POLLERR)) || (!m_inputEnded && isRestOfBodyMissing());
 }
 
-// Whether a peer that has ended its sending did so in the midst of the body.
+// Whether a peer that has ended its sending did so before the end of the body.
 bool NwaFcgiConnection::isRestOfBodyMissing() const
 {
     int unread = 0;
-    return ::ioctl(m_descriptor, FIONREAD, &unread) == 0 &&
+    return ::ioctl(m_socket.number(), FIONREAD, &unread) == 0 &&
            m_exchange.request->contentLength() - m_exchange.receivedBodySize > m_input.size() + unread;
 }
+
+// Reading
 
 void NwaFcgiConnection::readInput()
 {
     for (int count = 0; count < ReadsAtATime && receive(); ++count) {
     }
-    if (m_descriptor >= 0)
+    if (isOpen())
         watch(NwaFcgiPoller::Readable, !m_parsing && !m_inputEnded && !isBodyBufferFull());
 }
 
-// Takes the next bytes. Returns whether more may be there right now.
+// Reads the next bytes. Returns whether there may be more at once.
 bool NwaFcgiConnection::receive()
 {
-    if (m_descriptor < 0 || m_parsing || m_inputEnded || isBodyBufferFull())
+    if (!isOpen() || m_parsing || m_inputEnded || isBodyBufferFull())
         return false;
     char buffer[ReadSize];
-    const ssize_t size = NSystem::retried([&]() { return ::recv(m_descriptor, buffer, sizeof(buffer), 0); });
+    const ssize_t size = NSystem::retried([&]() { return ::recv(m_socket.number(), buffer, sizeof(buffer), 0); });
     if (size == 0) {
         handleEndOfInput();
         return false;
@@ -137,24 +179,24 @@ bool NwaFcgiConnection::receive()
     return size == ssize_t(sizeof(buffer));
 }
 
-// A peer that only ends its own sending still takes the reply to a complete request.
+// A peer that has ended only its sending still takes the reply to a complete request.
 void NwaFcgiConnection::handleEndOfInput()
 {
     m_inputEnded = true;
-    const bool repliesAreDue = (m_exchange.isDispatched && m_exchange.hasBodyEnded) || !m_output.isEmpty();
-    if (!repliesAreDue || hasPeerGone())
+    const bool isReplyDue = (m_exchange.isDispatched && m_exchange.hasBodyEnded) || !m_output.isEmpty();
+    if (!isReplyDue || hasPeerGone())
         close();
 }
 
-void NwaFcgiConnection::continueParsing()
+bool NwaFcgiConnection::isBodyBufferFull() const
 {
-    if (m_descriptor < 0 || m_parsing)
-        return;
-    processInput(nullptr, 0);
-    readInput();
+    return m_exchange.isDispatched && !m_exchange.hasBodyEnded &&
+           m_exchange.unreadBodySize() >= m_owner->limits().streamedBodyBuffer;
 }
 
-// Processes what was kept of the input and the bytes that follow it, and keeps what is incomplete or has to wait.
+// Records
+
+// Processes the bytes after those that were kept, and keeps what is incomplete or has to wait.
 void NwaFcgiConnection::processInput(const char* data, int size)
 {
     m_parsing = true;
@@ -172,7 +214,7 @@ void NwaFcgiConnection::processInput(const char* data, int size)
     flush();
 }
 
-// Returns how many bytes the records had.
+// Returns how many bytes were processed.
 int NwaFcgiConnection::processRecords(const char* data, int size)
 {
     int position = 0;
@@ -186,7 +228,7 @@ int NwaFcgiConnection::processRecords(const char* data, int size)
             break;
         processRecord(header, data + position + HeaderSize);
         position += header.totalSize();
-        if (m_descriptor < 0)
+        if (!isOpen())
             break;
     }
     return position;
@@ -204,8 +246,7 @@ void NwaFcgiConnection::processRecord(const RecordHeader& header, const char* co
         processBeginRequest(header, content);
         return;
     }
-    // Records for a request that has ended already are on their way legitimately: the reply may come before the
-    // body.
+    // Records of a request that has ended are legitimate: the reply may have come before the end of the body.
     if (header.requestId != m_exchange.id)
         return;
     switch (header.type) {
@@ -227,28 +268,11 @@ void NwaFcgiConnection::processConnectionRecord(const RecordHeader& header, cons
 {
     QByteArray answer;
     if (header.type == GetValues)
-        appendValues(answer, QByteArray::fromRawData(content, header.contentSize));
+        appendValues(
+            answer, QByteArray::fromRawData(content, header.contentSize), m_owner->limits().connectionCount);
     else
         appendUnknownType(answer, header.type);
     send(answer);
-}
-
-void NwaFcgiConnection::appendValues(QByteArray& answer, const QByteArray& questions) const
-{
-    const QByteArray count = QByteArray::number(m_server->m_limits.connectionCount);
-    QByteArray values;
-    PairReader question(questions);
-    while (question.next()) {
-        if (question.name() == "FCGI_MAX_CONNS" || question.name() == "FCGI_MAX_REQS")
-            appendPair(values, question.name(), count);
-        else if (question.name() == "FCGI_MPXS_CONNS")
-            appendPair(values, question.name(), "0");
-    }
-    if (values.isEmpty())
-        appendStreamEnd(answer, GetValuesResult, 0);
-    // A name that is asked for many times would overflow the record.
-    else if (values.size() <= MaximumContentSize)
-        appendStream(answer, GetValuesResult, 0, values.constData(), values.size());
 }
 
 void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const char* content)
@@ -272,7 +296,7 @@ void NwaFcgiConnection::processBeginRequest(const RecordHeader& header, const ch
 
 void NwaFcgiConnection::processAbortRequest()
 {
-    giveRequestUp();
+    abandonRequest();
     sendEndRequest(m_exchange.id, RequestComplete);
     endRequest();
 }
@@ -286,26 +310,37 @@ void NwaFcgiConnection::processParams(const char* content, int size)
         return;
     }
     m_exchange.variables.append(content, size);
-    if (m_exchange.variables.size() > m_server->m_limits.variablesSize)
-        refuseOversizedVariables();
+    if (m_exchange.variables.size() <= m_owner->limits().variablesSize)
+        return;
+    // The query is one of the variables, but has a status of its own.
+    const bool isQueryTooLong = hasLongQuery(m_exchange.variables, m_owner->limits().querySize);
+    answerWithError(isQueryTooLong ? NwaFcgiRequest::UriTooLong : NwaFcgiRequest::RequestHeaderFieldsTooLarge);
 }
 
-bool NwaFcgiConnection::isTooLongQuery(const QByteArray& name, int size) const
+void NwaFcgiConnection::processStdin(const char* content, int size)
 {
-    return (name == "QUERY_STRING" || name == "REQUEST_URI") && size > m_server->m_limits.querySize;
+    if (m_exchange.hasBodyEnded)
+        return;
+    m_exchange.hasBodyEnded = size == 0;
+    if (size > 0) {
+        m_exchange.appendToBody(content, size);
+        m_idleSeconds = 0;
+    }
+    if (isBodyTooLarge(m_exchange.receivedBodySize)) {
+        // No client sends so much of a body before the variables, without which there is no request to answer.
+        if (m_exchange.request)
+            answerWithError(NwaFcgiRequest::ContentTooLarge);
+        else
+            close();
+        return;
+    }
+    if (m_exchange.isDispatched)
+        tellBodyAvailable(m_exchange.request);
+    else
+        dispatchWhenReady();
 }
 
-// The query is a part of the variables as the header fields are, but has a status of its own.
-void NwaFcgiConnection::refuseOversizedVariables()
-{
-    bool queryIsTooLong = false;
-    PairReader reader(m_exchange.variables);
-    while (reader.next())
-        queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), reader.valueSize());
-    // What broke the limit may be the query itself, of which only the beginning has arrived.
-    queryIsTooLong = queryIsTooLong || isTooLongQuery(reader.name(), m_exchange.variables.size());
-    answerWithError(queryIsTooLong ? NwaFcgiRequest::UriTooLong : NwaFcgiRequest::RequestHeaderFieldsTooLarge);
-}
+// The request
 
 void NwaFcgiConnection::makeRequest()
 {
@@ -313,11 +348,10 @@ void NwaFcgiConnection::makeRequest()
     const bool complete = readVariables(m_exchange.variables, variables);
     m_exchange.variables.clear();
     m_idleSeconds = 0;
-    const bool queryIsTooLong = variables.value("QUERY_STRING").size() > m_server->m_limits.querySize;
     m_exchange.request = new NwaFcgiRequest(this, variables);
     if (!complete || m_exchange.request->contentLength() < 0)
         answerWithError(NwaFcgiRequest::BadRequest);
-    else if (queryIsTooLong)
+    else if (variables.value("QUERY_STRING").size() > m_owner->limits().querySize)
         answerWithError(NwaFcgiRequest::UriTooLong);
     else if (isBodyTooLarge(m_exchange.request->contentLength()))
         answerWithError(NwaFcgiRequest::ContentTooLarge);
@@ -327,127 +361,48 @@ void NwaFcgiConnection::makeRequest()
 
 bool NwaFcgiConnection::isBodyTooLarge(qint64 size) const
 {
-    return size > m_server->m_limits.bodySize && !m_exchange.isStreamed();
-}
-
-void NwaFcgiConnection::processStdin(const char* content, int size)
-{
-    if (m_exchange.hasBodyEnded)
-        return;
-    if (size == 0) {
-        endBody();
-        return;
-    }
-    m_exchange.appendToBody(content, size);
-    m_idleSeconds = 0;
-    if (isBodyTooLarge(m_exchange.receivedBodySize)) {
-        // Before its variables are complete the request does not exist yet; nobody sends so much of a body then.
-        if (m_exchange.request)
-            answerWithError(NwaFcgiRequest::ContentTooLarge);
-        else
-            close();
-        return;
-    }
-    if (m_exchange.isDispatched)
-        tellBodyAvailable(m_exchange.request);
-}
-
-void NwaFcgiConnection::endBody()
-{
-    m_exchange.hasBodyEnded = true;
-    if (m_exchange.isDispatched)
-        tellBodyAvailable(m_exchange.request);
-    else
-        dispatchWhenReady();
+    return size > m_owner->limits().bodySize && !m_exchange.isStreamed();
 }
 
 void NwaFcgiConnection::dispatchWhenReady()
 {
-    if (!m_exchange.request || m_exchange.isDispatched || !(m_exchange.hasBodyEnded || m_exchange.isStreamed()))
+    if (!m_exchange.request || !(m_exchange.hasBodyEnded || m_exchange.isStreamed()))
         return;
     if (m_exchange.isBodyBroken()) {
         answerWithError(NwaFcgiRequest::BadRequest);
         return;
     }
-    // What it holds itself makes room as soon as it is served.
-    if (m_server->bufferedSize() - bufferedSize() > m_server->m_limits.bufferedSize) {
+    // What this connection holds is released as soon as the request is served.
+    if (m_owner->bufferedSize() - bufferedSize() > m_owner->limits().bufferedSize) {
         answerWithError(NwaFcgiRequest::ServiceUnavailable);
         return;
     }
     m_exchange.isDispatched = true;
-    m_server->dispatch(m_exchange.request);
+    m_owner->dispatch(m_exchange.request);
 }
 
-// A request that no service has yet is refused when more has come than there is room for.
+// A request that has not been dispatched yet is refused when the connections hold too much.
 void NwaFcgiConnection::refuseWhenTooMuchIsHeld()
 {
-    if (m_descriptor < 0 || !m_exchange.isActive() || m_exchange.isDispatched)
+    if (!isOpen() || !m_exchange.isActive() || m_exchange.isDispatched)
         return;
-    if (m_server->bufferedSize() > m_server->m_limits.bufferedSize)
+    if (m_owner->bufferedSize() > m_owner->limits().bufferedSize)
         answerWithError(NwaFcgiRequest::ServiceUnavailable);
 }
 
 void NwaFcgiConnection::answerWithError(NwaFcgiRequest::StandardHttpError error)
 {
-    // The variables may be incomplete; the method among them decides what the answer looks like.
+    // The method decides whether the answer has a body; it may be among the variables that have arrived.
     if (!m_exchange.request) {
         NwaFcgiRequest::Variables variables;
         readVariables(m_exchange.variables, variables);
         m_exchange.request = new NwaFcgiRequest(this, variables);
     }
-    // Ours to delete even when the connection breaks while the answer is sent.
+    // Deleted here, even if the connection is closed while the answer is sent.
     m_exchange.isDispatched = true;
     NwaFcgiRequest* const request = m_exchange.request;
     request->sendHttpError(error);
     delete request;
-}
-
-bool NwaFcgiConnection::write(Stream stream, const char* data, int size)
-{
-    const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
-    const RecordType type = stream == Output ? Stdout : Stderr;
-    const bool hadBacklog = !m_output.isEmpty();
-    m_exchange.hasRemarks = m_exchange.hasRemarks || (stream == Error && size > 0);
-    while (size > 0 && m_descriptor >= 0) {
-        const int contentSize = qMin(size, int(MaximumContentSize));
-        processOutput(m_output.appendRecord(type, m_exchange.id, data, contentSize));
-        data += contentSize;
-        size -= contentSize;
-    }
-    if (m_descriptor < 0)
-        return false;
-    if (m_output.isEmpty() && hadBacklog)
-        tellReplyTaken(m_exchange.request);
-    // A service may write a part of its reply now and the rest much later. Most reply at once, while the records
-    // of their request are being processed; what they write is sent together with the end of the reply.
-    if (!m_parsing && !m_output.isEmpty() && !m_output.isBlocked())
-        resumeSoon();
-    return true;
-}
-
-int NwaFcgiConnection::replyBacklog() const
-{
-    return m_output.size();
-}
-
-void NwaFcgiConnection::send(const QByteArray& records)
-{
-    processOutput(m_output.append(records));
-}
-
-void NwaFcgiConnection::sendEndRequest(int requestId, ProtocolStatus status)
-{
-    QByteArray record;
-    appendEndRequest(record, requestId, status);
-    send(record);
-}
-
-void NwaFcgiConnection::resumeSoon()
-{
-    if (m_resumeScheduled)
-        return;
-    m_resumeScheduled = true;
-    m_server->resumeSoon(shared_from_this());
 }
 
 qint64 NwaFcgiConnection::readBody(char* data, qint64 maximumSize)
@@ -468,15 +423,45 @@ bool NwaFcgiConnection::atBodyEnd() const
     return m_exchange.hasBodyEnded && !m_exchange.isBodyBroken() && m_exchange.unreadBodySize() == 0;
 }
 
+// The reply
+
+bool NwaFcgiConnection::write(Stream stream, const char* data, int size)
+{
+    const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
+    const RecordType type = stream == Output ? Stdout : Stderr;
+    const bool hadBacklog = !m_output.isEmpty();
+    m_exchange.hasErrorOutput = m_exchange.hasErrorOutput || (stream == Error && size > 0);
+    while (size > 0 && isOpen()) {
+        const int contentSize = qMin(size, int(MaximumContentSize));
+        processSent(m_output.appendRecord(type, m_exchange.id, data, contentSize));
+        data += contentSize;
+        size -= contentSize;
+    }
+    if (!isOpen())
+        return false;
+    if (hadBacklog && m_output.isEmpty())
+        tellReplyTaken(m_exchange.request);
+    // A service may write a part of its reply now and the rest much later. Most reply at once, while the records
+    // of their request are being processed; what they write is sent together with the end of the reply.
+    if (!m_parsing && !m_output.isEmpty() && !m_output.isBlocked())
+        resumeSoon();
+    return true;
+}
+
+int NwaFcgiConnection::replyBacklog() const
+{
+    return m_output.size();
+}
+
 void NwaFcgiConnection::finish()
 {
     const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
     m_exchange.request = nullptr;
-    if (m_descriptor < 0)
+    if (!isOpen())
         return;
     QByteArray end;
     appendStreamEnd(end, Stdout, m_exchange.id);
-    if (m_exchange.hasRemarks)
+    if (m_exchange.hasErrorOutput)
         appendStreamEnd(end, Stderr, m_exchange.id);
     appendEndRequest(end, m_exchange.id, RequestComplete);
     send(end);
@@ -486,93 +471,19 @@ void NwaFcgiConnection::finish()
 // Forgets the request and sends what is left of its reply.
 void NwaFcgiConnection::endRequest()
 {
-    // After the last request nothing is awaited but the rest of its body.
+    // After the last request, nothing is awaited but the rest of its body.
     if (!m_exchange.keepConnection && m_exchange.hasBodyEnded)
         m_inputEnded = true;
-    m_closeWhenSent = !m_exchange.keepConnection || m_inputEnded;
+    m_closeWhenSent = m_inputEnded || !m_exchange.keepConnection;
     m_exchange = NwaFcgiExchange();
     m_idleSeconds = 0;
     flush();
-    if (m_descriptor >= 0 && !m_parsing && !m_inputEnded)
+    if (isOpen() && !m_parsing && !m_inputEnded)
         resumeSoon();
 }
 
-bool NwaFcgiConnection::isBodyBufferFull() const
-{
-    return m_exchange.isDispatched && m_exchange.unreadBodySize() >= m_server->m_limits.streamedBodyBuffer &&
-           !m_exchange.hasBodyEnded;
-}
-
-int NwaFcgiConnection::bufferedSize() const
-{
-    return m_input.size() + m_exchange.variables.size() + m_exchange.body.size() + m_output.size();
-}
-
-void NwaFcgiConnection::flush()
-{
-    if (m_descriptor < 0)
-        return;
-    const bool hadBacklog = !m_output.isEmpty();
-    processOutput(m_output.flush());
-    if (m_descriptor < 0 || !m_output.isEmpty())
-        return;
-    if (hadBacklog && m_exchange.isDispatched && m_exchange.request)
-        tellReplyTaken(m_exchange.request);
-    if (m_closeWhenSent)
-        closeWhenDone();
-}
-
-// To be called after every operation of the output, with the bytes that it has sent.
-void NwaFcgiConnection::processOutput(int sent)
-{
-    const int limit = m_server->m_limits.replyBuffer;
-    if (m_output.size() > limit)
-        sent += m_output.flush();
-    if (sent > 0)
-        m_idleSeconds = 0;
-    if (m_output.isBroken() || m_output.size() > limit) {
-        close();
-        return;
-    }
-    watch(NwaFcgiPoller::Writable, m_output.isBlocked());
-}
-
-void NwaFcgiConnection::watch(int event, bool on)
-{
-    const int events = on ? m_events | event : m_events & ~event;
-    const int formerEvents = m_events;
-    m_events = events;
-    // Without its events the connection would never go on.
-    if (!m_server->m_poller->watch(m_descriptor, formerEvents, events))
-        close();
-}
-
-// A peer that is still sending would lose the reply if the socket were closed under it, so its end is awaited.
-void NwaFcgiConnection::closeWhenDone()
-{
-    if (m_inputEnded) {
-        close();
-        return;
-    }
-    ::shutdown(m_descriptor, SHUT_WR);
-}
-
-void NwaFcgiConnection::close()
-{
-    if (m_descriptor < 0)
-        return;
-    const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
-    const int descriptor = m_descriptor;
-    m_descriptor = -1;
-    m_server->m_poller->watch(descriptor, m_events, NwaFcgiPoller::Nothing);
-    m_events = NwaFcgiPoller::Nothing;
-    m_server->forget(descriptor);
-    ::close(descriptor);
-    giveRequestUp();
-}
-
-// A service that has the request already keeps it until it deletes it.
-void NwaFcgiConnection::giveRequestUp()
+// A service that has the request keeps it until it deletes it.
+void NwaFcgiConnection::abandonRequest()
 {
     NwaFcgiRequest* const request = m_exchange.request;
     m_exchange.request = nullptr;
@@ -581,4 +492,84 @@ void NwaFcgiConnection::giveRequestUp()
     tellAborted(request);
     if (!m_exchange.isDispatched)
         delete request;
+}
+
+// Sending
+
+void NwaFcgiConnection::send(const QByteArray& records)
+{
+    processSent(m_output.append(records));
+}
+
+void NwaFcgiConnection::sendEndRequest(int requestId, ProtocolStatus status)
+{
+    QByteArray record;
+    appendEndRequest(record, requestId, status);
+    send(record);
+}
+
+void NwaFcgiConnection::flush()
+{
+    if (!isOpen())
+        return;
+    const bool hadBacklog = !m_output.isEmpty();
+    processSent(m_output.flush());
+    if (!isOpen() || !m_output.isEmpty())
+        return;
+    if (hadBacklog && m_exchange.isDispatched && m_exchange.request)
+        tellReplyTaken(m_exchange.request);
+    if (m_closeWhenSent)
+        closeWhenDone();
+}
+
+// Acts on the state of the output after an operation that has sent @a size bytes.
+void NwaFcgiConnection::processSent(int size)
+{
+    const int limit = m_owner->limits().replyBuffer;
+    if (m_output.size() > limit)
+        size += m_output.flush();
+    if (size > 0)
+        m_idleSeconds = 0;
+    if (m_output.isBroken() || m_output.size() > limit)
+        close();
+    else
+        watch(NwaFcgiPoller::Writable, m_output.isBlocked());
+}
+
+// Closing the socket of a peer that is still sending would lose the reply, so the end of its sending is awaited.
+void NwaFcgiConnection::closeWhenDone()
+{
+    if (m_inputEnded)
+        close();
+    else
+        ::shutdown(m_socket.number(), SHUT_WR);
+}
+
+void NwaFcgiConnection::close()
+{
+    if (!isOpen())
+        return;
+    const std::shared_ptr<NwaFcgiConnection> self(shared_from_this());
+    NFileDescriptor socket(std::move(m_socket));
+    m_owner->watch(socket.number(), m_events, NwaFcgiPoller::Nothing);
+    m_events = NwaFcgiPoller::Nothing;
+    m_owner->forget(socket.number());
+    socket.reset();
+    abandonRequest();
+}
+
+void NwaFcgiConnection::resumeSoon()
+{
+    if (m_resumeScheduled)
+        return;
+    m_resumeScheduled = true;
+    m_owner->resumeSoon(shared_from_this());
+}
+
+void NwaFcgiConnection::watch(int event, bool on)
+{
+    const int formerEvents = m_events;
+    m_events = on ? formerEvents | event : formerEvents & ~event;
+    if (m_events != formerEvents && !m_owner->watch(m_socket.number(), formerEvents, m_events))
+        close();
 }

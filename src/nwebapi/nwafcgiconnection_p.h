@@ -1,6 +1,7 @@
 #ifndef NWEBAPI_NWAFCGICONNECTION_P_H
 #define NWEBAPI_NWAFCGICONNECTION_P_H
 
+#include <nsystem/nfiledescriptor_p.h>
 #include <nwebapi/nwafcgichannel_p.h>
 #include <nwebapi/nwafcgiexchange_p.h>
 #include <nwebapi/nwafcgioutput_p.h>
@@ -9,37 +10,41 @@
 
 #include <memory>
 
-class NwaFcgiServer;
+class NwaFcgiConnectionOwner;
 
 /**
- * One connection of a web server. It reads records, makes the request of them, has the server dispatch it, and
- * writes the reply's records as fast as the web server takes them. The server keeps it until it is closed; it
- * lives on while one of its operations runs, because a service may end the connection or the server in the midst
- * of one.
+ * One connection of a web server. It reads records, builds a request from them, has its owner dispatch the
+ * request, and writes the reply as fast as the peer takes it.
+ *
+ * There is one request at a time. One that begins before the current one is answered is refused, because
+ * multiplexing is not supported.
+ *
+ * The owner keeps the connection until it is closed. A service may close it, or destroy the owner, while one of
+ * the connection's operations calls that service; the operations keep the connection alive until they return.
  */
 class NwaFcgiConnection : private NwaFcgiChannel, public std::enable_shared_from_this<NwaFcgiConnection>
 {
 public:
-    /** @param descriptor a connected, non-blocking socket; the connection owns it. */
-    NwaFcgiConnection(int descriptor, NwaFcgiServer* server);
+    /** @param socket connected and non-blocking. @param owner used until the connection is closed. */
+    NwaFcgiConnection(NFileDescriptor socket, NwaFcgiConnectionOwner* owner);
     ~NwaFcgiConnection() override;
 
-    /** Reads what has arrived already; the rest comes with events. */
+    /** Reads what has arrived already and begins to watch the socket. */
     void start();
 
-    /** Reads and writes as the poller's @a events allow. */
+    /** Reads and writes as the @a events of the socket allow (NwaFcgiPoller::Event). */
     void processEvents(int events);
 
-    /** Goes on with what had to wait until the service was done. */
+    /** Continues sending and reading; called when the owner was asked for it with resumeSoon(). */
     void resume();
 
-    /** Closes the connection when its peer has let it wait for too long, or has gone; to be called once a second.
-     */
+    /** Closes the connection if its peer has stalled or gone; called once a second. */
     void closeIfStalled();
 
-    /** How many bytes are held of requests and replies. */
+    /** How many bytes of requests and replies are held. */
     int bufferedSize() const;
 
+    /** Closes the socket and aborts the request. */
     void close();
 
 private:
@@ -51,53 +56,50 @@ private:
     bool atBodyEnd() const override;
     void finish() override;
 
+    bool isOpen() const { return m_socket.isOpen(); }
+    bool isWaitingForPeer() const;
+    bool hasPeerGone() const;
+    bool isRestOfBodyMissing() const;
+
     void readInput();
     bool receive();
     void handleEndOfInput();
+    bool isBodyBufferFull() const;
+
     void processInput(const char* data, int size);
     int processRecords(const char* data, int size);
-    void continueParsing();
     void processRecord(const NwaFcgiProtocol::RecordHeader& header, const char* content);
     void processConnectionRecord(const NwaFcgiProtocol::RecordHeader& header, const char* content);
-    void appendValues(QByteArray& answer, const QByteArray& questions) const;
     void processBeginRequest(const NwaFcgiProtocol::RecordHeader& header, const char* content);
     void processAbortRequest();
     void processParams(const char* content, int size);
     void processStdin(const char* content, int size);
 
-    bool isTooLongQuery(const QByteArray& name, int size) const;
-    void refuseOversizedVariables();
     void makeRequest();
     bool isBodyTooLarge(qint64 size) const;
-    void endBody();
     void dispatchWhenReady();
     void refuseWhenTooMuchIsHeld();
     void answerWithError(NwaFcgiRequest::StandardHttpError error);
     void endRequest();
+    void abandonRequest();
 
-    bool isBodyBufferFull() const;
     void send(const QByteArray& records);
     void sendEndRequest(int requestId, NwaFcgiProtocol::ProtocolStatus status);
     void flush();
-    void processOutput(int sent);
+    void processSent(int size);
+    void closeWhenDone();
     void resumeSoon();
     void watch(int event, bool on);
-    void closeWhenDone();
-    void giveRequestUp();
-    bool isWaitingForPeer() const;
-    bool hasPeerGone() const;
-    bool isRestOfBodyMissing() const;
 
-    NwaFcgiServer* const m_server;
-    int m_descriptor;     ///< -1 after closing
-    int m_events;         ///< what the server's poller watches the descriptor for
-    int m_idleSeconds;    ///< since there was progress, as closeIfStalled() counts them
-    bool m_inputEnded;    ///< the peer sends nothing more, and still takes the reply
-    bool m_parsing;       ///< a record is being processed; the service may run an event loop of its own in it
+    NwaFcgiConnectionOwner* const m_owner;
+    NFileDescriptor m_socket;
+    int m_events;         ///< that the owner watches the socket for
+    int m_idleSeconds;    ///< since the last progress
+    bool m_inputEnded;    ///< the peer sends nothing more, but still takes the reply
+    bool m_parsing;       ///< a record is being processed; the service may run an event loop meanwhile
     bool m_closeWhenSent; ///< nothing more is accepted from the peer; the connection ends with the reply
     bool m_resumeScheduled;
-
-    QByteArray m_input; ///< what is incomplete or has to wait
+    QByteArray m_input; ///< records that are incomplete or have to wait
     NwaFcgiExchange m_exchange;
     NwaFcgiOutput m_output;
 };

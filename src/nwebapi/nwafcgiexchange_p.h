@@ -37,7 +37,7 @@ public:
     QByteArray variables;    ///< as far as they have arrived; empty once there is a request
     NwaFcgiRequest* request; ///< made when its variables are complete
     bool isDispatched;       ///< the request was handed on and is deleted by its owner
-    bool hasRemarks;         ///< there are remarks on the error stream, which must be ended as well
+    bool hasErrorOutput;     ///< something was written to the error stream, which must be ended as well
     bool hasBodyEnded;
     qint64 receivedBodySize;
     QByteArray body; ///< what is held of it

@@ -2,6 +2,7 @@
 
 #include <nwebapi/nwaabstractfcgiservice.h>
 #include <nwebapi/nwafcgiconnection_p.h>
+#include <nwebapi/nwafcgiconnectionowner_p.h>
 #include <nwebapi/nwafcgipoller_p.h>
 #include <nwebapi/nwafcgirequest.h>
 #include <nwebapi/nwaheldmemory_p.h>
@@ -20,6 +21,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <utility>
 
 namespace {
 
@@ -94,8 +97,71 @@ socklen_t internetAddress(const QByteArray& text, quint16 port, struct sockaddr_
 
 } // namespace
 
+/** The server as its connections see it. */
+class NwaFcgiServer::Owner : public NwaFcgiConnectionOwner
+{
+public:
+    explicit Owner(NwaFcgiServer* server)
+        : m_server(server)
+    {
+    }
+
+    const NwaFcgiLimits& limits() const override { return m_server->m_limits; }
+
+    // Added up each time, so that nothing stays counted whatever becomes of a connection.
+    qint64 bufferedSize() const override
+    {
+        qint64 size = 0;
+        for (const Connection& connection : m_server->m_connections)
+            size += connection->bufferedSize();
+        return size;
+    }
+
+    void dispatch(NwaFcgiRequest* request) override
+    {
+        if (!request->isQueryValid()) {
+            refuse(request, NwaFcgiRequest::BadRequest);
+            return;
+        }
+        NwaAbstractFcgiService* const service = m_server->m_services.value(request->scriptName());
+        if (service)
+            service->processRequest(request);
+        else
+            refuse(request, NwaFcgiRequest::NotFound);
+    }
+
+    bool watch(int socket, int formerEvents, int events) override
+    {
+        return m_server->m_poller->watch(socket, formerEvents, events);
+    }
+
+    // Each connection has an event of its own, because a service that runs an event loop may wait for the next
+    // one.
+    void resumeSoon(const Connection& connection) override
+    {
+        m_server->m_resuming.enqueue(connection);
+        QMetaObject::invokeMethod(m_server, "resumeNext", Qt::QueuedConnection);
+    }
+
+    void forget(int socket) override
+    {
+        m_server->m_connections.remove(socket);
+        m_server->setAccepting(true);
+    }
+
+private:
+    static void refuse(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error)
+    {
+        request->sendHttpError(error);
+        delete request;
+    }
+
+    NwaFcgiServer* const m_server;
+};
+
 NwaFcgiServer::NwaFcgiServer(QObject* parent)
     : QObject(parent)
+    , m_owner(new Owner(this))
     , m_poller(new NwaFcgiPoller)
     , m_notifier(nullptr)
     , m_descriptor(-1)
@@ -321,15 +387,16 @@ void NwaFcgiServer::acceptConnections()
             pauseAccepting();
             return;
         }
-        const int descriptor = ::accept4(m_descriptor, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (descriptor < 0) {
+        NFileDescriptor socket(::accept4(m_descriptor, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (!socket.isOpen()) {
             // A lack of descriptors or memory lasts for a while; trying on and on would only burn time.
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
                 pauseAccepting();
             return;
         }
-        const Connection connection = std::make_shared<NwaFcgiConnection>(descriptor, this);
-        m_connections.insert(descriptor, connection);
+        const int number = socket.number();
+        const Connection connection = std::make_shared<NwaFcgiConnection>(std::move(socket), m_owner.data());
+        m_connections.insert(number, connection);
         if (!m_sweepTimer.isActive())
             m_sweepTimer.start();
         connection->start();
@@ -360,52 +427,14 @@ void NwaFcgiServer::sweep()
     const QHash<int, Connection> connections = m_connections;
     for (const Connection& connection : connections)
         connection->closeIfStalled();
-    m_heldMemory->update(bufferedSize());
+    m_heldMemory->update(m_owner->bufferedSize());
     setAccepting(true);
     if (m_connections.isEmpty() && m_accepting)
         m_sweepTimer.stop();
-}
-
-// Each connection has an event of its own, because a service that runs an event loop may wait for the next one.
-void NwaFcgiServer::resumeSoon(const Connection& connection)
-{
-    m_resuming.enqueue(connection);
-    QMetaObject::invokeMethod(this, "resumeNext", Qt::QueuedConnection);
 }
 
 void NwaFcgiServer::resumeNext()
 {
     const Connection connection = m_resuming.dequeue();
     connection->resume();
-}
-
-// Added up each time, so that whatever becomes of a connection, nothing remains counted.
-qint64 NwaFcgiServer::bufferedSize() const
-{
-    qint64 size = 0;
-    for (const Connection& connection : m_connections)
-        size += connection->bufferedSize();
-    return size;
-}
-
-void NwaFcgiServer::forget(int descriptor)
-{
-    m_connections.remove(descriptor);
-    setAccepting(true);
-}
-
-void NwaFcgiServer::dispatch(NwaFcgiRequest* request)
-{
-    if (!request->isQueryValid()) {
-        request->sendHttpError(NwaFcgiRequest::BadRequest);
-        delete request;
-        return;
-    }
-    NwaAbstractFcgiService* const service = m_services.value(request->scriptName());
-    if (!service) {
-        request->sendHttpError(NwaFcgiRequest::NotFound);
-        delete request;
-        return;
-    }
-    service->processRequest(request);
 }

@@ -18,7 +18,6 @@
 class NwaAbstractFcgiService;
 class NwaFcgiConnection;
 class NwaFcgiPoller;
-class NwaFcgiRequest;
 class NwaHeldMemory;
 class QSocketNotifier;
 
@@ -110,9 +109,9 @@ private slots:
     void sweep();
 
 private:
-    friend class NwaFcgiConnection;
     Q_DISABLE_COPY(NwaFcgiServer)
 
+    class Owner;
     typedef std::shared_ptr<NwaFcgiConnection> Connection;
 
     bool startListening(int descriptor);
@@ -123,14 +122,11 @@ private:
     void acceptConnections();
     void pauseAccepting();
     void setAccepting(bool accepting);
-    void dispatch(NwaFcgiRequest* request);
-    void resumeSoon(const Connection& connection);
-    qint64 bufferedSize() const;
-    void forget(int descriptor);
 
     NwaFcgiLimits m_limits;
     QHash<QString, QPointer<NwaAbstractFcgiService>> m_services;
-    QHash<int, Connection> m_connections; ///< by their descriptors
+    QScopedPointer<Owner> m_owner;        ///< of the connections, on behalf of the server
+    QHash<int, Connection> m_connections; ///< by their sockets
     QQueue<Connection> m_resuming;
     QScopedPointer<NwaFcgiPoller> m_poller;
     QSocketNotifier* m_notifier; ///< tells of what the poller watches

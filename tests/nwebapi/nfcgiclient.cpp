@@ -251,7 +251,8 @@ void NFcgiClient::receive()
     const ssize_t size = ::recv(m_descriptor, buffer, sizeof(buffer), 0);
     if (size > 0) {
         m_input.append(buffer, int(size));
-        takeRecords();
+        for (const Record& record : takeRecords(m_input))
+            process(record);
         return;
     }
     if (size < 0 && (errno == EAGAIN || errno == EINTR))
@@ -260,28 +261,35 @@ void NFcgiClient::receive()
     m_readNotifier->setEnabled(false);
 }
 
-void NFcgiClient::takeRecords()
+QList<NFcgiClient::Record> NFcgiClient::takeRecords(QByteArray& input)
 {
+    QList<Record> records;
     int position = 0;
-    while (m_input.size() - position >= RecordHeaderSize) {
+    while (input.size() - position >= RecordHeaderSize) {
         Record record;
-        record.type = quint8(m_input.at(position + 1));
-        record.requestId = number16(m_input, position + 2);
-        const int contentSize = number16(m_input, position + 4);
-        const int totalSize = RecordHeaderSize + contentSize + quint8(m_input.at(position + 6));
-        if (m_input.size() - position < totalSize)
+        record.type = quint8(input.at(position + 1));
+        record.requestId = number16(input, position + 2);
+        const int contentSize = number16(input, position + 4);
+        const int totalSize = RecordHeaderSize + contentSize + quint8(input.at(position + 6));
+        if (input.size() - position < totalSize)
             break;
-        record.content = m_input.mid(position + RecordHeaderSize, contentSize);
+        record.content = input.mid(position + RecordHeaderSize, contentSize);
+        records.append(record);
         position += totalSize;
-        m_records.append(record);
-        if (record.type == StdoutType)
-            m_output[record.requestId] += record.content;
-        else if (record.type == StderrType)
-            m_remarks[record.requestId] += record.content;
-        else if (record.type == EndRequest)
-            m_statuses.insert(record.requestId, quint8(record.content.at(4)));
     }
-    m_input.remove(0, position);
+    input.remove(0, position);
+    return records;
+}
+
+void NFcgiClient::process(const Record& record)
+{
+    m_records.append(record);
+    if (record.type == StdoutType)
+        m_output[record.requestId] += record.content;
+    else if (record.type == StderrType)
+        m_remarks[record.requestId] += record.content;
+    else if (record.type == EndRequest)
+        m_statuses.insert(record.requestId, quint8(record.content.at(4)));
 }
 
 int NFcgiClient::unsentSize() const

@@ -78,6 +78,9 @@ public:
     static QByteArray
     request(const Params& params, const QByteArray& body = QByteArray(), int requestId = 1, bool keep = false);
 
+    /** Removes the complete records from the beginning of @a input. */
+    static QList<Record> takeRecords(QByteArray& input);
+
     void begin(int requestId = 1, bool keepConnection = false, int role = 1);
     void params(const Params& params, int requestId = 1);
     void body(const QByteArray& data, int requestId = 1);
@@ -123,7 +126,7 @@ private:
     Q_DISABLE_COPY(NFcgiClient)
 
     bool start(int descriptor, const void* address, int size);
-    void takeRecords();
+    void process(const Record& record);
 
     int m_descriptor;
     QSocketNotifier* m_readNotifier;

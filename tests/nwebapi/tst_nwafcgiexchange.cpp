@@ -41,7 +41,7 @@ void tst_NwaFcgiExchange::assignmentBeginsAnew()
     exchange.variables = "variables";
     exchange.request = &request;
     exchange.isDispatched = true;
-    exchange.hasRemarks = true;
+    exchange.hasErrorOutput = true;
     exchange.hasBodyEnded = true;
     exchange.appendToBody("body", 4);
     char byte = 0;
@@ -53,7 +53,7 @@ void tst_NwaFcgiExchange::assignmentBeginsAnew()
     QVERIFY(exchange.variables.isEmpty());
     QVERIFY(!exchange.request);
     QVERIFY(!exchange.isDispatched);
-    QVERIFY(!exchange.hasRemarks);
+    QVERIFY(!exchange.hasErrorOutput);
     QVERIFY(!exchange.hasBodyEnded);
     QCOMPARE(exchange.receivedBodySize, qint64(0));
     QVERIFY(exchange.body.isEmpty());
