@@ -155,13 +155,13 @@ void NwaFcgiConnection::readInput()
     for (int count = 0; count < ReadsAtATime && receive(); ++count) {
     }
     if (isOpen())
-        watch(NwaFcgiPoller::Readable, !m_parsing && !m_inputEnded && !isBodyBufferFull());
+        watch(NwaFcgiPoller::Readable, !m_parsing && !m_inputEnded && !isInputPaused());
 }
 
 // Reads the next bytes. Returns whether there may be more at once.
 bool NwaFcgiConnection::receive()
 {
-    if (!isOpen() || m_parsing || m_inputEnded || isBodyBufferFull())
+    if (!isOpen() || m_parsing || m_inputEnded || isInputPaused())
         return false;
     char buffer[ReadSize];
     const ssize_t size = NSystem::retried([&]() { return ::recv(m_socket.number(), buffer, sizeof(buffer), 0); });
@@ -183,15 +183,29 @@ bool NwaFcgiConnection::receive()
 void NwaFcgiConnection::handleEndOfInput()
 {
     m_inputEnded = true;
+    m_closeWhenSent = m_closeWhenSent || !m_exchange.isActive();
     const bool isReplyDue = (m_exchange.isDispatched && m_exchange.hasBodyEnded) || !m_output.isEmpty();
     if (!isReplyDue || hasPeerGone())
         close();
+}
+
+bool NwaFcgiConnection::isInputPaused() const
+{
+    return isBodyBufferFull() || (m_input.size() >= HeaderSize && mustWait(RecordHeader(m_input.constData())));
 }
 
 bool NwaFcgiConnection::isBodyBufferFull() const
 {
     return m_exchange.isDispatched && !m_exchange.hasBodyEnded &&
            m_exchange.unreadBodySize() >= m_owner->limits().streamedBodyBuffer;
+}
+
+// Whether a record begins a request and the peer has yet to take the reply to the one before. The rest of the
+// earlier request's body is still read: a peer may take its reply only after sending all of that.
+bool NwaFcgiConnection::mustWait(const RecordHeader& header) const
+{
+    return header.type == BeginRequest && header.requestId != 0 && !m_exchange.isActive() && !m_closeWhenSent &&
+           m_output.isBlocked();
 }
 
 // Records
@@ -224,7 +238,7 @@ int NwaFcgiConnection::processRecords(const char* data, int size)
             close();
             break;
         }
-        if (size - position < header.totalSize())
+        if (mustWait(header) || size - position < header.totalSize())
             break;
         processRecord(header, data + position + HeaderSize);
         position += header.totalSize();
@@ -513,6 +527,7 @@ void NwaFcgiConnection::flush()
     if (!isOpen())
         return;
     const bool hadBacklog = !m_output.isEmpty();
+    const bool wasBlocked = m_output.isBlocked();
     processSent(m_output.flush());
     if (!isOpen() || !m_output.isEmpty())
         return;
@@ -520,6 +535,8 @@ void NwaFcgiConnection::flush()
         tellReplyTaken(m_exchange.request);
     if (m_closeWhenSent)
         closeWhenDone();
+    else if (wasBlocked && !m_exchange.isActive())
+        resumeSoon(); // the next request may have had to wait
 }
 
 // Acts on the state of the output after an operation that has sent @a size bytes.

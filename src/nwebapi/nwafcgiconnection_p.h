@@ -17,7 +17,8 @@ class NwaFcgiConnectionOwner;
  * request, and writes the reply as fast as the peer takes it.
  *
  * There is one request at a time. One that begins before the current one is answered is refused, because
- * multiplexing is not supported.
+ * multiplexing is not supported; one that begins while the reply to the one before is still being sent waits, and
+ * nothing more is read meanwhile. So a connection never holds more than one reply.
  *
  * The owner keeps the connection until it is closed. A service may close it, or destroy the owner, while one of
  * the connection's operations calls that service; the operations keep the connection alive until they return.
@@ -64,7 +65,9 @@ private:
     void readInput();
     bool receive();
     void handleEndOfInput();
+    bool isInputPaused() const;
     bool isBodyBufferFull() const;
+    bool mustWait(const NwaFcgiProtocol::RecordHeader& header) const;
 
     void processInput(const char* data, int size);
     int processRecords(const char* data, int size);

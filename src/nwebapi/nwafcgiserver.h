@@ -28,7 +28,8 @@ class QSocketNotifier;
  *
  * A connection carries one request at a time; a second one is refused as the protocol provides
  * (FCGI_CANT_MPX_CONN), while any number of connections are served side by side. Connections are kept open where
- * the web server asks for it.
+ * the web server asks for it; the next request on such a connection begins when the reply to the one before has
+ * been sent, so that a client that sends ahead and does not read makes the server hold one reply at most.
  *
  * Answered by the server itself: an unknown script (404), a query string that cannot be decoded and a body that is
  * shorter or longer than announced (400), and what goes beyond the limits.

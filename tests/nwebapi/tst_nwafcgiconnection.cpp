@@ -65,7 +65,7 @@ public:
 
     bool watch(int socket, int formerEvents, int newEvents) override
     {
-        if (socket != m_socket || formerEvents == newEvents || (canWatch && formerEvents != events))
+        if (socket != m_socket || (canWatch && formerEvents != events))
             qFatal("the socket is not watched as it should be");
         calls.append(newEvents == NwaFcgiPoller::Nothing ? "unwatch," : "watch,");
         if (canWatch)
@@ -149,6 +149,12 @@ private slots:
     void severalWritesAskForOneResumption();
     void writableSocketIsWatchedForWhileThePeerHasToRead();
     void answersAboutTheConnectionAndTheReplyAreSentInTheirOrder();
+
+    void furtherRequestWaitsForTheReplyToBeTaken();
+    void inputIsNotReadWhileARequestWaits();
+    void restOfABodyIsReadWhileTheReplyWaits();
+    void requestAfterASmallReplyDoesNotWait();
+    void peerThatHasEndedItsSendingGetsAllReplies();
 
     void everythingHeldIsCounted_data();
     void everythingHeldIsCounted();
@@ -333,6 +339,94 @@ void tst_NwaFcgiConnection::answersAboutTheConnectionAndTheReplyAreSentInTheirOr
             ids << record.requestId;
     }
     QCOMPARE(ids, QList<int>() << 0 << 1 << 0 << 2 << 0);
+}
+
+// Requests sent ahead
+
+void tst_NwaFcgiConnection::furtherRequestWaitsForTheReplyToBeTaken()
+{
+    open([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(LargeReply, 'r')); });
+    QByteArray requests;
+    for (int id = 1; id <= 10; ++id)
+        requests += request(id);
+    QVERIFY(send(requests));
+    QCOMPARE(service().count(), 1);
+    QVERIFY(m_owner->connection->bufferedSize() < LargeReply + requests.size());
+    QCOMPARE(m_owner->events, int(NwaFcgiPoller::Writable));
+    // A part of the reply makes no room for the next one.
+    char buffer[65536];
+    const ssize_t size = ::recv(m_peer.number(), buffer, sizeof(buffer), 0);
+    QVERIFY(size > 0);
+    m_received.append(buffer, int(size));
+    m_owner->run();
+    QCOMPARE(service().count(), 1);
+
+    QMap<int, int> replySizes;
+    QList<int> ended;
+    for (const NFcgiClient::Record& record : take()) {
+        replySizes[record.requestId] += record.content.size();
+        if (record.type == NFcgiClient::EndRequest)
+            ended << record.requestId;
+        QCOMPARE(record.requestId, ended.isEmpty() ? 1 : qMin(ended.size() + 1, replySizes.keys().last()));
+    }
+    QCOMPARE(service().count(), 10);
+    QCOMPARE(ended, QList<int>() << 1 << 2 << 3 << 4 << 5 << 6 << 7 << 8 << 9 << 10);
+    for (int replySize : replySizes)
+        QVERIFY(replySize > LargeReply);
+    QCOMPARE(m_owner->connection->bufferedSize(), 0);
+    QCOMPARE(m_owner->events, int(NwaFcgiPoller::Readable));
+}
+
+void tst_NwaFcgiConnection::inputIsNotReadWhileARequestWaits()
+{
+    open([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(LargeReply, 'r')); });
+    QVERIFY(send(request(1) + request(2)));
+    const int held = m_owner->connection->bufferedSize();
+    QVERIFY(!send(QByteArray(10000000, '\0')));
+    QVERIFY(isOpen());
+    QCOMPARE(m_owner->connection->bufferedSize(), held);
+    QCOMPARE(service().count(), 1);
+}
+
+// Such as a body that is refused: its sender may read only after sending it all.
+void tst_NwaFcgiConnection::restOfABodyIsReadWhileTheReplyWaits()
+{
+    open([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(LargeReply, 'r')); });
+    QVERIFY(send(
+        NFcgiClient::beginRecord(1, true) + params(1, "2000000", "multipart/form-data; boundary=b") +
+        body(1, 10)));
+    QCOMPARE(service().count(), 1);
+    QVERIFY(m_owner->events & NwaFcgiPoller::Writable);
+    const int held = m_owner->connection->bufferedSize();
+    QVERIFY(send(body(1, 1999990) + bodyEnd(1)));
+    QCOMPARE(m_owner->connection->bufferedSize(), held);
+    QVERIFY(send(request(2)));
+    QCOMPARE(service().count(), 1);
+    take();
+    QCOMPARE(service().count(), 2);
+}
+
+void tst_NwaFcgiConnection::requestAfterASmallReplyDoesNotWait()
+{
+    open([](NwaFcgiRequest* request) { NTest::reply(request, "reply"); });
+    QByteArray requests;
+    for (int id = 1; id <= 100; ++id)
+        requests += request(id);
+    QVERIFY(send(requests));
+    QCOMPARE(service().count(), 100);
+    QCOMPARE(m_owner->events, int(NwaFcgiPoller::Readable));
+}
+
+void tst_NwaFcgiConnection::peerThatHasEndedItsSendingGetsAllReplies()
+{
+    open([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(LargeReply, 'r')); });
+    QVERIFY(send(request(1) + request(2)));
+    ::shutdown(m_peer.number(), SHUT_WR);
+    m_owner->run();
+    QCOMPARE(take().last().requestId, 2);
+    QCOMPARE(service().count(), 2);
+    // There will be no third request, so the peer gets the end of the connection.
+    QVERIFY(!isOpen());
 }
 
 // The limit of all connections

@@ -167,6 +167,7 @@ private slots:
     void whatTheConnectionsHeldIsForgottenWithThem();
     void replyThatWaitsCountsForTheConnectionsLimit();
     void bodyThatWaitsCountsForTheConnectionsLimit();
+    void clientsThatSendAheadAndReadNothingKeepNobodyOut();
     void tenMegabytesOfQueryAreAnswered414();
     void textOfTheClientForgesNoHeader_data();
     void textOfTheClientForgesNoHeader();
@@ -1306,6 +1307,46 @@ void tst_NwaFcgiServer::bodyThatWaitsCountsForTheConnectionsLimit()
     NTest::reply(service.request(), "taken");
     NTRY_VERIFY(m_client->isClosed());
     QCOMPARE(m_client->replyBody(), QByteArray("taken"));
+}
+
+void tst_NwaFcgiServer::clientsThatSendAheadAndReadNothingKeepNobodyOut()
+{
+    const int clientCount = 60;
+    const int requestCount = 20;
+    const int size = 100000;
+    NFcgiTestService service([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(size, 'r')); });
+    m_server->registerService(QString::fromLatin1("/large"), &service);
+    QByteArray requests;
+    for (int id = 1; id <= requestCount; ++id)
+        requests += NFcgiClient::request(NFcgiClient::variables("/large"), QByteArray(), id, true);
+    const qint64 allocatedBefore = NTest::allocatedBytes();
+    QList<QSharedPointer<NFcgiClient>> clients;
+    for (int count = 0; count < clientCount; ++count) {
+        clients << QSharedPointer<NFcgiClient>(new NFcgiClient);
+        QVERIFY(clients.last()->connectToPath(socketPath()));
+        clients.last()->stopReceiving();
+        clients.last()->raw(requests);
+    }
+
+    // While their requests are served, and after as many have been as will be.
+    NTRY_VERIFY(service.count() >= clientCount);
+    int served = 0;
+    do {
+        served = service.count();
+        QVERIFY(answers());
+    } while (service.count() > served);
+    // Of each client, at most one reply is held.
+    QVERIFY(NTest::allocatedBytes() - allocatedBefore < clientCount * (size + 64 * 1024));
+
+    // The other requests are served as soon as there is room for their replies.
+    const QSharedPointer<NFcgiClient> reader = clients.takeFirst();
+    clients.clear();
+    reader->startReceiving();
+    NTRY_VERIFY(reader->hasEnded(requestCount));
+    for (int id = 1; id <= requestCount; ++id) {
+        QCOMPARE(reader->status(id), 200);
+        QCOMPARE(reader->replyBody(id).size(), size);
+    }
 }
 
 void tst_NwaFcgiServer::tenMegabytesOfQueryAreAnswered414()
