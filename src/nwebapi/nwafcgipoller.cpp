@@ -2,7 +2,6 @@
 
 #include <string.h>
 #include <sys/epoll.h>
-#include <unistd.h>
 
 namespace {
 
@@ -21,7 +20,7 @@ int eventsOf(unsigned int systemEvents)
            (systemEvents & (EPOLLOUT | ends) ? NwaFcgiPoller::Writable : NwaFcgiPoller::Nothing);
 }
 
-// A descriptor that is watched for nothing is taken out, because the kernel reports its end all the same.
+// A descriptor that is watched for nothing is removed, because the kernel would report its end nevertheless.
 int operationFor(int formerEvents, int events)
 {
     if (events == NwaFcgiPoller::Nothing)
@@ -31,28 +30,15 @@ int operationFor(int formerEvents, int events)
 
 } // namespace
 
-NwaFcgiPoller::NwaFcgiPoller()
-    : m_descriptor(-1)
-{
-}
-
-NwaFcgiPoller::~NwaFcgiPoller()
-{
-    close();
-}
-
 bool NwaFcgiPoller::open()
 {
-    close();
-    m_descriptor = ::epoll_create1(EPOLL_CLOEXEC);
-    return m_descriptor >= 0;
+    m_epoll.reset(::epoll_create1(EPOLL_CLOEXEC));
+    return m_epoll.isOpen();
 }
 
 void NwaFcgiPoller::close()
 {
-    if (m_descriptor >= 0)
-        ::close(m_descriptor);
-    m_descriptor = -1;
+    m_epoll.reset();
 }
 
 bool NwaFcgiPoller::watch(int descriptor, int formerEvents, int events)
@@ -63,14 +49,13 @@ bool NwaFcgiPoller::watch(int descriptor, int formerEvents, int events)
     memset(&event, 0, sizeof(event));
     event.events = systemEvents(events);
     event.data.fd = descriptor;
-    return ::epoll_ctl(m_descriptor, operationFor(formerEvents, events), descriptor, &event) == 0;
+    return ::epoll_ctl(m_epoll.number(), operationFor(formerEvents, events), descriptor, &event) == 0;
 }
 
 int NwaFcgiPoller::take(Occurrence* occurrences, int maximumCount)
 {
     struct epoll_event events[LargestCount];
-    const int count =
-        ::epoll_wait(m_descriptor, events, maximumCount < LargestCount ? maximumCount : LargestCount, 0);
+    const int count = ::epoll_wait(m_epoll.number(), events, qMin(maximumCount, LargestCount), 0);
     for (int index = 0; index < count; ++index) {
         occurrences[index].descriptor = events[index].data.fd;
         occurrences[index].events = eventsOf(events[index].events);

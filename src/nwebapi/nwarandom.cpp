@@ -1,9 +1,9 @@
 #include <nwebapi/nwarandom_p.h>
 
-#include <errno.h>
+#include <nsystem/nsystemcall_p.h>
+
 #include <fcntl.h>
 #include <sys/syscall.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 namespace {
@@ -12,7 +12,7 @@ namespace {
 ssize_t getRandom(void* data, size_t size)
 {
 #ifdef SYS_getrandom
-    return syscall(SYS_getrandom, data, size, 0);
+    return ::syscall(SYS_getrandom, data, size, 0);
 #else
     (void)data;
     (void)size;
@@ -21,36 +21,11 @@ ssize_t getRandom(void* data, size_t size)
 #endif
 }
 
-class RandomDevice
-{
-public:
-    RandomDevice()
-        : m_descriptor(open("/dev/urandom", O_RDONLY | O_CLOEXEC))
-    {
-    }
-
-    ~RandomDevice()
-    {
-        if (m_descriptor >= 0)
-            close(m_descriptor);
-    }
-
-    ssize_t operator()(void* data, size_t size) const { return read(m_descriptor, data, size); }
-
-private:
-    RandomDevice(const RandomDevice&);
-    RandomDevice& operator=(const RandomDevice&);
-
-    int m_descriptor;
-};
-
-template <typename Source> bool fillFrom(const Source& source, void* data, size_t size)
+bool fillFromKernel(void* data, size_t size)
 {
     char* next = static_cast<char*>(data);
     while (size > 0) {
-        const ssize_t count = source(next, size);
-        if (count < 0 && errno == EINTR)
-            continue;
+        const ssize_t count = NSystem::retried([=]() { return getRandom(next, size); });
         if (count <= 0)
             return false;
         next += count;
@@ -59,9 +34,15 @@ template <typename Source> bool fillFrom(const Source& source, void* data, size_
     return true;
 }
 
+bool fillFromDevice(void* data, size_t size)
+{
+    const NFileDescriptor device = NSystem::open("/dev/urandom", O_RDONLY);
+    return device.isOpen() && NSystem::readAll(device.number(), data, size) == ssize_t(size);
+}
+
 } // namespace
 
 bool NwaRandom::fill(void* data, size_t size)
 {
-    return fillFrom(getRandom, data, size) || fillFrom(RandomDevice(), data, size);
+    return fillFromKernel(data, size) || fillFromDevice(data, size);
 }

@@ -3,7 +3,7 @@
 
 #include <stddef.h>
 
-/** Random bytes that nobody can predict. */
+/** Unpredictable bytes for identifiers and keys. */
 class NwaRandom
 {
 public:
