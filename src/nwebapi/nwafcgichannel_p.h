@@ -4,8 +4,8 @@
 #include <nwebapi/nwafcgirequest.h>
 
 /**
- * What carries one request: the request writes to the channel and reads from it; the channel tells the request of
- * what happens. Whichever of the two ends first tells the other.
+ * Transports one request: the request writes to the channel and reads from it, and the channel notifies the
+ * request. Whichever of the two ends first notifies the other.
  */
 class NWEBAPI_EXPORT NwaFcgiChannel
 {
@@ -14,22 +14,27 @@ public:
 
     enum Stream { Output, Error };
 
-    /** Takes @a size bytes of the reply or of the remarks. @return whether they are on their way to the client. */
+    /** Sends or queues @a size bytes for the output or the error stream. @return false when the channel has ended.
+     */
     virtual bool write(Stream stream, const char* data, int size) = 0;
 
-    /** How many bytes have been written and not been taken yet. When there are none left, the request is told. */
+    /** How many bytes are queued. The request is notified when none are left. */
     virtual int replyBacklog() const { return 0; }
 
+    /** Takes at most @a maximumSize bytes of the body. @return how many; -1 when the rest will never come. */
     virtual qint64 readBody(char* data, qint64 maximumSize) = 0;
+
+    /** Whether the whole body has been read, and was as long as announced. */
     virtual bool atBodyEnd() const = 0;
 
-    /** The request is complete and forgets the channel. */
+    /** Ends the reply; the request does not use the channel afterwards. */
     virtual void finish() = 0;
 
 protected:
+    /** More of the body can be read, or it has ended. */
     static void tellBodyAvailable(NwaFcgiRequest* request);
 
-    /** Nothing of what was written is left to be taken. */
+    /** Everything that was queued has been sent. */
     static void tellReplyTaken(NwaFcgiRequest* request);
 
     /** The channel ends before the request does. */

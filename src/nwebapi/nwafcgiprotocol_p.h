@@ -38,7 +38,7 @@ struct RecordHeader
 
     int version;
     int type;
-    int requestId; ///< 0 for a record that is about the connection and no request
+    int requestId; ///< 0 for a record about the connection itself
     int contentSize;
     int paddingSize;
 };
@@ -54,26 +54,26 @@ void appendStreamEnd(QByteArray& output, RecordType type, int requestId);
 
 void appendEndRequest(QByteArray& output, int requestId, ProtocolStatus status);
 
-/** Appends the answer to a record about the connection whose type is not known. */
+/** Appends the answer to a record about the connection of an unknown type. */
 void appendUnknownType(QByteArray& output, int type);
 
 /** Appends a name with its value, as the contents of Params and GetValuesResult hold them. */
 void appendPair(QByteArray& output, const QByteArray& name, const QByteArray& value);
 
-/** Reads names with their values one after the other. */
+/** Reads names and their values one after the other. */
 class PairReader
 {
 public:
-    /** @param content has to live as long as the reader. */
+    /** @param content must live as long as the reader. */
     explicit PairReader(const QByteArray& content);
 
     /**
-     * Goes to the next pair. @return false at the end, and where a pair is not there as a whole; name() then tells
-     * the name of that pair, if at least the name is there.
+     * Moves to the next pair. @return false at the end, and for a pair that is incomplete; name() is the name of
+     * that pair then, if at least the name is complete.
      */
     bool next();
 
-    /** Whether everything was read and the last pair was whole. */
+    /** Whether everything was read and the last pair was complete. */
     bool atEnd() const { return m_position == m_content.size(); }
 
     QByteArray name() const { return QByteArray(nameData(), m_nameSize); }
