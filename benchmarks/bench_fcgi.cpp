@@ -1,5 +1,5 @@
-// Requests for a document that the program has at hand, as many at a time as there are connections: through
-// lighttpd, as a device serves them, and without a web server in between, where the transport's own cost shows.
+// Requests for a document in the program's memory, one at a time on each of several connections: through lighttpd,
+// as on a device, and without a web server in between, which shows the cost of the transport itself.
 
 #include "fcgiload.h"
 
@@ -29,7 +29,7 @@ QByteArray record(int type, const QByteArray& content)
     return header + content;
 }
 
-// What a web server sends for a browser's request.
+// The records that a web server sends for a browser's request.
 QByteArray fastCgiRequest(const QByteArray& script, int documentSize)
 {
     QByteArray params;
@@ -138,7 +138,7 @@ int main(int argc, char** argv)
     withSizes(benchmark::RegisterBenchmark("fcgi_direct/ours", direct, "ours", all.oursSocket()));
     withSizes(benchmark::RegisterBenchmark("fcgi_direct/libfcgi", direct, "libfcgi", all.libfcgiSocket()));
 
-    // Both variants take turns, so that what else the machine does falls on both.
+    // The variants alternate, so that other load on the machine affects both.
     char interleave[] = "--benchmark_enable_random_interleaving=true";
     QVector<char*> arguments;
     arguments << argv[0] << interleave;

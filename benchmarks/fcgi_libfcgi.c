@@ -1,4 +1,4 @@
-/* The least that a FastCGI program can be with libfcgi: it answers "<script name>/<size>" with that many bytes.
+/* A minimal FastCGI program with libfcgi: it answers "<script name>/<size>" with that many bytes.
  *
  *     fcgi_libfcgi <socket> */
 

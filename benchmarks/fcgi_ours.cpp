@@ -1,4 +1,4 @@
-// The same program as fcgi_libfcgi.c, made with this library.
+// The same program as fcgi_libfcgi.c with this library.
 //
 //     fcgi_ours <socket>
 

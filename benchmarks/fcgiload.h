@@ -13,7 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/** Requests to a server, as many at a time as there are connections. All operations end the program on failure. */
+/** Sends requests to a server over several connections at a time. All operations end the program on failure. */
 namespace FcgiLoad {
 
 const int ConnectionCount = 8;
@@ -59,7 +59,7 @@ private:
     socklen_t m_size;
 };
 
-/** Sends a request again and again over one connection, or over a new one each time where the server closes it. */
+/** Sends requests over one connection, which is opened again whenever the server has closed it. */
 class Connection
 {
 public:
@@ -81,7 +81,7 @@ public:
         m_received = 0;
     }
 
-    // Whether the reply is complete: at its size, or where that is 0, at the end of the connection.
+    // Returns whether the reply is complete: it has its size, or if that is 0, the connection has ended.
     bool receive(qint64 replySize)
     {
         static char buffer[1 << 18];
@@ -137,7 +137,7 @@ inline void load(
     }
 }
 
-/** The size of a whole reply over HTTP; it is the same each time. */
+/** The size of a complete reply over HTTP, which is the same each time. */
 inline qint64 httpReplySize(const Address& address, const QByteArray& request, int documentSize)
 {
     const int descriptor = address.connect();
@@ -157,7 +157,7 @@ inline qint64 httpReplySize(const Address& address, const QByteArray& request, i
     return reply.indexOf("\r\n\r\n") + 4 + documentSize;
 }
 
-/** Starts @a program, whose first argument is the socket it is to serve, and waits until it does. */
+/** Starts @a program, whose first argument is the socket to serve, and waits until it accepts connections. */
 inline void startServer(QProcess& process, const QString& program, const QStringList& arguments)
 {
     process.start(program, arguments);

@@ -1,6 +1,6 @@
-// Whatever a client of the FastCGI server may send: over a socket of its own for each input, cut into pieces in
-// different ways, to services that read the body and answer. The first byte of the input chooses the size of the
-// pieces and whether the client takes its replies; the rest is what it sends.
+// Anything that a client may send to the FastCGI server. Each input is sent over a connection of its own, in
+// pieces, to a service that reads the body and answers. The first byte of the input selects the size of the pieces
+// and whether the client reads its replies; the rest is sent.
 
 #include <nwebapi/nwaabstractfcgiservice.h>
 #include <nwebapi/nwafcgirequest.h>
@@ -21,20 +21,20 @@
 
 namespace {
 
-/** Reads what is there of the body and answers, at once or, for a form, when its client has gone on. */
+/** Reads the body and answers; for a form, when the client has sent more. */
 class FuzzService : public NwaAbstractFcgiService
 {
 public:
-    virtual void processRequest(NwaFcgiRequest* request)
+    void processRequest(NwaFcgiRequest* request) override
     {
-        // The one before may be open still when its client has given it up.
+        // The previous request may still be open if its client has aborted it.
         delete m_request.data();
         m_request = request;
         if (request->atBodyEnd() || !request->variable("CONTENT_TYPE").contains("multipart"))
             answer();
     }
 
-    // Goes on with the request that is open.
+    // Answers the open request, if there is one.
     void answer()
     {
         if (!m_request)
@@ -103,7 +103,7 @@ public:
             if (rounds > 1000)
                 abort();
         }
-        QCoreApplication::sendPostedEvents(0, QEvent::DeferredDelete);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
 
 private:
@@ -129,7 +129,7 @@ private:
 
     int m_argumentCount = 1;
     char m_name[5] = "fuzz";
-    char* m_arguments[2] = {m_name, 0};
+    char* m_arguments[2] = {m_name, nullptr};
     QCoreApplication m_application;
     QByteArray m_directory;
     FuzzService m_service;

@@ -83,7 +83,7 @@ bool NFcgiClient::connectToPort(const QString& address, quint16 port)
     return start(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0), &version6, sizeof(version6));
 }
 
-// The kernel completes a connection to a listening socket of the same machine without the server's doing.
+// The kernel completes a connection to a local listening socket before the server accepts it.
 bool NFcgiClient::start(int descriptor, const void* address, int size)
 {
     disconnectNow();

@@ -11,10 +11,10 @@
 class QSocketNotifier;
 
 /**
- * A FastCGI client for tests, which sends whatever it is told to, right or wrong. It works in the event loop of
- * the server that it tests, so it never blocks: what the kernel does not take at once is sent when it does.
+ * A FastCGI client for tests, which can send anything, valid or not. It shares the event loop with the server
+ * under test and never blocks: what the kernel does not take at once is sent later.
  *
- * It writes and reads the records by itself, not with the code that it tests.
+ * Its code for records is independent of the code under test.
  */
 class NFcgiClient : public QObject
 {
@@ -23,7 +23,7 @@ class NFcgiClient : public QObject
 public:
     typedef QList<QPair<QByteArray, QByteArray>> Params;
 
-    /** The types of records that the client sends or tells of. */
+    /** The types of the records that the client sends or receives. */
     enum Type {
         BeginRequest = 1,
         AbortRequest = 2,
@@ -51,13 +51,13 @@ public:
     bool connectToPort(const QString& address, quint16 port);
     void disconnectNow();
 
-    /** Ends sending only; replies are still received. To be called when everything was sent. */
+    /** Ends sending only; replies are still received. Call it when everything has been sent. */
     void endSending();
 
-    /** Takes nothing more that the server sends; its writes fail. */
+    /** Makes the further writes of the server fail. */
     void endReceiving();
 
-    /** Leaves what the server sends in the kernel. */
+    /** Stops reading what the server sends, until startReceiving(). */
     void stopReceiving();
     void startReceiving();
 
@@ -68,13 +68,13 @@ public:
     static QByteArray pair(const QByteArray& name, const QByteArray& value);
     static QByteArray pairs(const Params& params);
 
-    /** The variables of a request for @a scriptName, and more of them. */
+    /** The variables that every request for @a scriptName has. */
     static Params variables(const QByteArray& scriptName, const QByteArray& method = "GET");
 
-    /** A whole stream: records of the content and the empty one. */
+    /** A complete stream: the records with the content and the empty one that ends it. */
     static QByteArray stream(int type, int requestId, const QByteArray& content);
 
-    /** A whole request as it goes over the wire. */
+    /** A complete request as it is sent. */
     static QByteArray
     request(const Params& params, const QByteArray& body = QByteArray(), int requestId = 1, bool keep = false);
 
@@ -103,16 +103,16 @@ public:
     QByteArray output(int requestId = 1) const;
     QByteArray remarks(int requestId = 1) const;
 
-    /** The value of "Status" in the output, 200 without one; 0 while there is no whole header. */
+    /** The value of "Status" in the output, 200 without one; 0 while the header is incomplete. */
     int status(int requestId = 1) const;
 
     /** What follows the header in the output. */
     QByteArray replyBody(int requestId = 1) const;
 
-    /** All the records received, in their order. */
+    /** All received records in their order. */
     QList<Record> records() const;
 
-    /** The records about the connection that were received. */
+    /** The received records about the connection. */
     QList<Record> connectionRecords() const;
 
     /** Forgets what was received, for the next request. */

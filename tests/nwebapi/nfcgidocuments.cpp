@@ -1,6 +1,6 @@
 // A FastCGI program for tests: it answers "<script name>/<size>" with a document of that many bytes and
-// "<script name>/pid" with its process number. It listens on the Unix socket given, else on the descriptor that
-// its spawner hands down.
+// "<script name>/pid" with its process number. It listens on the given Unix socket, or else on the descriptor
+// that it inherits.
 //
 //     nfcgidocuments [<socket> [<script name>]]
 

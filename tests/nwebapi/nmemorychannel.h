@@ -5,7 +5,7 @@
 
 #include <string.h>
 
-/** Carries one request in memory and keeps what the request does. */
+/** A channel in memory, which records what the request does. */
 class NMemoryChannel : public NwaFcgiChannel
 {
 public:
@@ -45,7 +45,7 @@ public:
     QByteArray output;
     QByteArray remarks;
     int finishCount;
-    bool isBroken; ///< the rest of the request's body will never come
+    bool isBroken; ///< the rest of the request's body never arrives
 
 private:
     int headerSize() const { return output.indexOf("\r\n\r\n") + 4; }

@@ -4,20 +4,20 @@
 #include <QtTest/QtTest>
 
 /**
- * Runs the load test against a small program behind a real web server, for as many seconds as the environment
- * variable NBASE_LOAD_TEST_SECONDS says, else for 5.
+ * Runs the load test against a small program behind a real web server for 5 seconds, or for the number of seconds
+ * in the environment variable NBASE_LOAD_TEST_SECONDS.
  */
 class tst_NwaFcgiLoad : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void programStaysAsItWasUnderLoad();
+    void loadLeavesMemoryAndDescriptorsUnchanged();
 };
 
-void tst_NwaFcgiLoad::programStaysAsItWasUnderLoad()
+void tst_NwaFcgiLoad::loadLeavesMemoryAndDescriptorsUnchanged()
 {
-    // The address sanitizer keeps what was freed, to find late uses of it; here that would look like a leak.
+    // The address sanitizer delays the reuse of freed memory, which would look like a leak here.
     const QByteArray options = qgetenv("ASAN_OPTIONS");
     qputenv(
         "ASAN_OPTIONS", (options.isEmpty() ? QByteArray() : options + ':') +

@@ -25,16 +25,16 @@ private slots:
     void init();
     void cleanup();
 
-    void closedPollerTellsNothing();
-    void descriptorTellsThatThereIsSomething();
-    void eventsComeUntilTheyAreActedUpon();
-    void onlyWhatIsWatchedForIsTold();
+    void closedPollerReportsNothing();
+    void descriptorIsReadableWhileThereAreEvents();
+    void eventsAreReportedUntilTheyAreHandled();
+    void onlyWatchedEventsAreReported();
     void endIsBothReadableAndWritable();
-    void endOfWhatIsNotWatchedAnyMoreIsNotTold();
-    void noMoreThanAskedForAreTaken();
+    void endOfAnUnwatchedDescriptorIsNotReported();
+    void noMoreEventsAreTakenThanRequested();
     void descriptorThatCannotBeWatchedIsRefused();
     void closingForgetsTheDescriptors();
-    void descriptorIsNotHandedToChildren();
+    void descriptorIsNotInherited();
 
 private:
     int taken();
@@ -62,7 +62,7 @@ int tst_NwaFcgiPoller::taken()
     return m_poller.take(m_occurrences, 4);
 }
 
-void tst_NwaFcgiPoller::closedPollerTellsNothing()
+void tst_NwaFcgiPoller::closedPollerReportsNothing()
 {
     NwaFcgiPoller closed;
     QCOMPARE(closed.descriptor(), -1);
@@ -70,7 +70,7 @@ void tst_NwaFcgiPoller::closedPollerTellsNothing()
     QVERIFY(!closed.watch(m_sockets[0], NwaFcgiPoller::Nothing, NwaFcgiPoller::Readable));
 }
 
-void tst_NwaFcgiPoller::descriptorTellsThatThereIsSomething()
+void tst_NwaFcgiPoller::descriptorIsReadableWhileThereAreEvents()
 {
     QVERIFY(m_poller.watch(m_sockets[0], NwaFcgiPoller::Nothing, NwaFcgiPoller::Readable));
     QVERIFY(!isReadable(m_poller.descriptor()));
@@ -79,7 +79,7 @@ void tst_NwaFcgiPoller::descriptorTellsThatThereIsSomething()
     QVERIFY(isReadable(m_poller.descriptor()));
 }
 
-void tst_NwaFcgiPoller::eventsComeUntilTheyAreActedUpon()
+void tst_NwaFcgiPoller::eventsAreReportedUntilTheyAreHandled()
 {
     QVERIFY(m_poller.watch(m_sockets[0], NwaFcgiPoller::Nothing, NwaFcgiPoller::Readable));
     QCOMPARE(::write(m_sockets[1], "x", 1), ssize_t(1));
@@ -93,7 +93,7 @@ void tst_NwaFcgiPoller::eventsComeUntilTheyAreActedUpon()
     QCOMPARE(taken(), 0);
 }
 
-void tst_NwaFcgiPoller::onlyWhatIsWatchedForIsTold()
+void tst_NwaFcgiPoller::onlyWatchedEventsAreReported()
 {
     const int both = NwaFcgiPoller::Readable | NwaFcgiPoller::Writable;
     QCOMPARE(::write(m_sockets[1], "x", 1), ssize_t(1));
@@ -119,7 +119,7 @@ void tst_NwaFcgiPoller::endIsBothReadableAndWritable()
     QCOMPARE(m_occurrences[0].events, NwaFcgiPoller::Readable | NwaFcgiPoller::Writable);
 }
 
-void tst_NwaFcgiPoller::endOfWhatIsNotWatchedAnyMoreIsNotTold()
+void tst_NwaFcgiPoller::endOfAnUnwatchedDescriptorIsNotReported()
 {
     QVERIFY(m_poller.watch(m_sockets[0], NwaFcgiPoller::Nothing, NwaFcgiPoller::Readable));
     QVERIFY(m_poller.watch(m_sockets[0], NwaFcgiPoller::Readable, NwaFcgiPoller::Nothing));
@@ -128,12 +128,12 @@ void tst_NwaFcgiPoller::endOfWhatIsNotWatchedAnyMoreIsNotTold()
     QVERIFY(!isReadable(m_poller.descriptor()));
 }
 
-void tst_NwaFcgiPoller::noMoreThanAskedForAreTaken()
+void tst_NwaFcgiPoller::noMoreEventsAreTakenThanRequested()
 {
     QVERIFY(m_poller.watch(m_sockets[0], NwaFcgiPoller::Nothing, NwaFcgiPoller::Writable));
     QVERIFY(m_poller.watch(m_sockets[1], NwaFcgiPoller::Nothing, NwaFcgiPoller::Writable));
     QCOMPARE(m_poller.take(m_occurrences, 1), 1);
-    // The other one is not forgotten.
+    // The other event is still reported.
     const int first = m_occurrences[0].descriptor;
     QCOMPARE(m_poller.take(m_occurrences, 1), 1);
     QCOMPARE(m_occurrences[0].descriptor, first == m_sockets[0] ? m_sockets[1] : m_sockets[0]);
@@ -142,7 +142,7 @@ void tst_NwaFcgiPoller::noMoreThanAskedForAreTaken()
 void tst_NwaFcgiPoller::descriptorThatCannotBeWatchedIsRefused()
 {
     QVERIFY(!m_poller.watch(-1, NwaFcgiPoller::Nothing, NwaFcgiPoller::Readable));
-    // A file is always ready; epoll(7) takes none.
+    // A regular file is always ready; epoll(7) does not accept it.
     const int file = ::open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
     QVERIFY(!m_poller.watch(file, NwaFcgiPoller::Nothing, NwaFcgiPoller::Readable));
     ::close(file);
@@ -159,7 +159,7 @@ void tst_NwaFcgiPoller::closingForgetsTheDescriptors()
     QCOMPARE(taken(), 1);
 }
 
-void tst_NwaFcgiPoller::descriptorIsNotHandedToChildren()
+void tst_NwaFcgiPoller::descriptorIsNotInherited()
 {
     QCOMPARE(::fcntl(m_poller.descriptor(), F_GETFD), int(FD_CLOEXEC));
 }

@@ -10,19 +10,19 @@ class tst_NwaFcgiProtocol : public QObject
 
 private slots:
     void recordHeaderIsReadAsUnsignedBigEndianNumbers();
-    void streamIsCutIntoRecords_data();
-    void streamIsCutIntoRecords();
+    void streamIsSplitIntoRecords_data();
+    void streamIsSplitIntoRecords();
     void streamEndIsAnEmptyRecord();
     void requestEndCarriesTheStatus();
-    void unknownTypeIsNamed();
+    void unknownTypeIsReported();
     void pairIsReadAsItWasWritten_data();
     void pairIsReadAsItWasWritten();
     void pairsFollowEachOther();
-    void pairCutAnywhereIsNotThere_data();
-    void pairCutAnywhereIsNotThere();
-    void sizesBeyondTheContentAreNotBelieved_data();
-    void sizesBeyondTheContentAreNotBelieved();
-    void nameOfAPairWithoutItsWholeValueIsTold();
+    void truncatedPairIsNotRead_data();
+    void truncatedPairIsNotRead();
+    void sizesBeyondTheContentAreRejected_data();
+    void sizesBeyondTheContentAreRejected();
+    void nameOfAPairWithATruncatedValueIsRead();
     void shortSizeWrittenLongIsRead();
 };
 
@@ -37,7 +37,7 @@ void tst_NwaFcgiProtocol::recordHeaderIsReadAsUnsignedBigEndianNumbers()
     QCOMPARE(header.totalSize(), 8 + 0xff80 + 0xc8);
 }
 
-void tst_NwaFcgiProtocol::streamIsCutIntoRecords_data()
+void tst_NwaFcgiProtocol::streamIsSplitIntoRecords_data()
 {
     QTest::addColumn<int>("size");
     QTest::addColumn<int>("recordCount");
@@ -48,7 +48,7 @@ void tst_NwaFcgiProtocol::streamIsCutIntoRecords_data()
     QTest::newRow("several records") << 200000 << 4;
 }
 
-void tst_NwaFcgiProtocol::streamIsCutIntoRecords()
+void tst_NwaFcgiProtocol::streamIsSplitIntoRecords()
 {
     QFETCH(int, size);
     QFETCH(int, recordCount);
@@ -90,7 +90,7 @@ void tst_NwaFcgiProtocol::requestEndCarriesTheStatus()
     QCOMPARE(output, QByteArray("\x01\x03\0\x02\0\x08\0\0\0\0\0\0\x01\0\0\0", 16));
 }
 
-void tst_NwaFcgiProtocol::unknownTypeIsNamed()
+void tst_NwaFcgiProtocol::unknownTypeIsReported()
 {
     QByteArray output;
     appendUnknownType(output, 0xc8);
@@ -146,7 +146,7 @@ void tst_NwaFcgiProtocol::pairsFollowEachOther()
     QVERIFY(reader.atEnd());
 }
 
-void tst_NwaFcgiProtocol::pairCutAnywhereIsNotThere_data()
+void tst_NwaFcgiProtocol::truncatedPairIsNotRead_data()
 {
     QTest::addColumn<int>("nameSize");
     QTest::addColumn<int>("valueSize");
@@ -154,14 +154,14 @@ void tst_NwaFcgiProtocol::pairCutAnywhereIsNotThere_data()
     QTest::newRow("long sizes") << 130 << 140;
 }
 
-void tst_NwaFcgiProtocol::pairCutAnywhereIsNotThere()
+void tst_NwaFcgiProtocol::truncatedPairIsNotRead()
 {
     QFETCH(int, nameSize);
     QFETCH(int, valueSize);
     QByteArray whole;
     appendPair(whole, QByteArray(nameSize, 'n'), QByteArray(valueSize, 'v'));
     for (int size = 0; size < whole.size(); ++size) {
-        // A copy of just that size, so that a sanitizer sees every byte that is read beyond it.
+        // A copy of exactly that size, so that a sanitizer reports every byte that is read beyond it.
         const QByteArray cut(whole.constData(), size);
         PairReader reader(cut);
         QVERIFY(!reader.next());
@@ -169,7 +169,7 @@ void tst_NwaFcgiProtocol::pairCutAnywhereIsNotThere()
     }
 }
 
-void tst_NwaFcgiProtocol::sizesBeyondTheContentAreNotBelieved_data()
+void tst_NwaFcgiProtocol::sizesBeyondTheContentAreRejected_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::newRow("largest name") << QByteArray("\xff\xff\xff\xff\x01nv", 7);
@@ -179,7 +179,7 @@ void tst_NwaFcgiProtocol::sizesBeyondTheContentAreNotBelieved_data()
     QTest::newRow("one byte short") << QByteArray("\x01\x02nv", 4);
 }
 
-void tst_NwaFcgiProtocol::sizesBeyondTheContentAreNotBelieved()
+void tst_NwaFcgiProtocol::sizesBeyondTheContentAreRejected()
 {
     QFETCH(QByteArray, content);
     PairReader reader(content);
@@ -187,7 +187,7 @@ void tst_NwaFcgiProtocol::sizesBeyondTheContentAreNotBelieved()
     QVERIFY(!reader.atEnd());
 }
 
-void tst_NwaFcgiProtocol::nameOfAPairWithoutItsWholeValueIsTold()
+void tst_NwaFcgiProtocol::nameOfAPairWithATruncatedValueIsRead()
 {
     QByteArray content;
     appendPair(content, "QUERY_STRING", QByteArray(100000, 'q'));

@@ -29,7 +29,7 @@ NFcgiClient::Params upload(const QByteArray& contentLength = QByteArray())
 
 } // namespace
 
-/** Calls a function by signal, which Qt 4 cannot do by itself. */
+/** A slot that calls a function, which Qt 4 cannot connect to a signal directly. */
 class FunctionCaller : public QObject
 {
     Q_OBJECT
@@ -57,8 +57,8 @@ private slots:
 
     void replyIsCompleteWhenTheRequestIsDeleted();
     void requestDeletedWithoutAnswerIsAnswered500();
-    void remarksAloneAreNoAnswer();
-    void remarksGoToTheErrorStreamOnly();
+    void errorOutputAloneIsNoReply();
+    void errorOutputIsSentOnTheErrorStreamOnly();
     void errorIsSentWithItsStatusAndText_data();
     void errorIsSentWithItsStatusAndText();
     void errorCarriesTheFieldsGiven();
@@ -80,19 +80,19 @@ private slots:
     void bodyIsReadInPiecesOfAnySize();
     void bodyThatIsNotAnnouncedIsReadToItsEnd();
     void requestWithoutABodyIsAtItsEnd();
-    void requestThatIsGivenUpTellsSo_data();
-    void requestThatIsGivenUpTellsSo();
-    void requestMayBeDeletedWhenItIsGivenUp();
+    void abortedRequestReportsIt_data();
+    void abortedRequestReportsIt();
+    void abortedRequestMayBeDeleted();
     void requestOutlivesItsServer();
     void formArrivesWhileItIsSent();
-    void formBrokenOffEndsWithAnError_data();
-    void formBrokenOffEndsWithAnError();
-    void formHoldsItsClientBackUntilItIsRead();
-    void formReadInTheSignalIsReadWhole();
+    void truncatedFormEndsWithAnError_data();
+    void truncatedFormEndsWithAnError();
+    void unreadFormMakesItsSenderWait();
+    void formReadInTheSignalIsReadCompletely();
     void formAnsweredBeforeItsEndIsAnswered_data();
     void formAnsweredBeforeItsEndIsAnswered();
     void formAnsweredInTheSignalIsAnswered();
-    void formWhoseSenderEndsItsSendingIsReadWhole();
+    void formWhoseSenderEndsItsSendingIsReadCompletely();
 
 private:
     void serve(const NFcgiTestService::Handler& handler = NFcgiTestService::Handler());
@@ -129,7 +129,7 @@ void tst_NwaFcgiRequest::serve(const NFcgiTestService::Handler& handler)
     m_server->registerService(QString::fromLatin1("/test"), m_service.data());
 }
 
-// A request that the service holds; null when it does not come.
+// Sends a request and returns it as the service holds it; null if it does not arrive.
 NwaFcgiRequest* tst_NwaFcgiRequest::open(const NFcgiClient::Params& params)
 {
     const int index = m_service->count();
@@ -164,7 +164,7 @@ void tst_NwaFcgiRequest::requestDeletedWithoutAnswerIsAnswered500()
     QCOMPARE(m_client->status(), 500);
 }
 
-void tst_NwaFcgiRequest::remarksAloneAreNoAnswer()
+void tst_NwaFcgiRequest::errorOutputAloneIsNoReply()
 {
     NwaFcgiRequest* const request = open(NFcgiClient::variables("/test"));
     QVERIFY(request);
@@ -176,7 +176,7 @@ void tst_NwaFcgiRequest::remarksAloneAreNoAnswer()
     QCOMPARE(m_client->remarks(), QByteArray("something is wrong"));
 }
 
-void tst_NwaFcgiRequest::remarksGoToTheErrorStreamOnly()
+void tst_NwaFcgiRequest::errorOutputIsSentOnTheErrorStreamOnly()
 {
     NwaFcgiRequest* const request = open(NFcgiClient::variables("/test"));
     QVERIFY(request);
@@ -245,7 +245,7 @@ void tst_NwaFcgiRequest::every401CarriesAChallenge_data()
     QTest::newRow("none given") << 401 << QByteArray() << QByteArray("Cookie");
     QTest::newRow("other field given") << 401 << QByteArray("X-Y") << QByteArray("Cookie");
     QTest::newRow("one given") << 401 << QByteArray("WWW-Authenticate") << QByteArray("Other");
-    QTest::newRow("one given, in other letters") << 401 << QByteArray("www-authenticate") << QByteArray("Other");
+    QTest::newRow("one given, in lower case") << 401 << QByteArray("www-authenticate") << QByteArray("Other");
     QTest::newRow("other error") << 403 << QByteArray() << QByteArray();
 }
 
@@ -494,17 +494,17 @@ void tst_NwaFcgiRequest::requestWithoutABodyIsAtItsEnd()
     QCOMPARE(request->readBody(&byte, 1), qint64(0));
 }
 
-void tst_NwaFcgiRequest::requestThatIsGivenUpTellsSo_data()
+void tst_NwaFcgiRequest::abortedRequestReportsIt_data()
 {
     QTest::addColumn<QString>("how");
     QTest::newRow("by an abort record") << QString::fromLatin1("abort");
     QTest::newRow("by disconnecting") << QString::fromLatin1("disconnect");
     QTest::newRow("by ending the server") << QString::fromLatin1("close");
-    QTest::newRow("by rubbish") << QString::fromLatin1("rubbish");
-    QTest::newRow("by disconnecting after the sending was ended") << QString::fromLatin1("half");
+    QTest::newRow("by garbage") << QString::fromLatin1("garbage");
+    QTest::newRow("by disconnecting after the end of its sending") << QString::fromLatin1("half");
 }
 
-void tst_NwaFcgiRequest::requestThatIsGivenUpTellsSo()
+void tst_NwaFcgiRequest::abortedRequestReportsIt()
 {
     QFETCH(QString, how);
     NwaFcgiRequest* const request = open(NFcgiClient::variables("/test"));
@@ -515,7 +515,7 @@ void tst_NwaFcgiRequest::requestThatIsGivenUpTellsSo()
         m_client->abort();
     else if (how == QString::fromLatin1("close"))
         m_server->close();
-    else if (how == QString::fromLatin1("rubbish"))
+    else if (how == QString::fromLatin1("garbage"))
         m_client->raw("GET / HTTP/1.1\r\n\r\n");
     else if (how == QString::fromLatin1("half"))
         m_client->endSending();
@@ -536,7 +536,7 @@ void tst_NwaFcgiRequest::requestThatIsGivenUpTellsSo()
         QCOMPARE(m_client->protocolStatus(), 0);
 }
 
-void tst_NwaFcgiRequest::requestMayBeDeletedWhenItIsGivenUp()
+void tst_NwaFcgiRequest::abortedRequestMayBeDeleted()
 {
     QPointer<NwaFcgiRequest> request = open(NFcgiClient::variables("/test"));
     QVERIFY(request);
@@ -579,14 +579,14 @@ void tst_NwaFcgiRequest::formArrivesWhileItIsSent()
     QVERIFY(request->atBodyEnd());
 }
 
-void tst_NwaFcgiRequest::formBrokenOffEndsWithAnError_data()
+void tst_NwaFcgiRequest::truncatedFormEndsWithAnError_data()
 {
     QTest::addColumn<QByteArray>("announced");
     QTest::newRow("shorter than announced") << QByteArray("6");
     QTest::newRow("longer than announced") << QByteArray("4");
 }
 
-void tst_NwaFcgiRequest::formBrokenOffEndsWithAnError()
+void tst_NwaFcgiRequest::truncatedFormEndsWithAnError()
 {
     QFETCH(QByteArray, announced);
     NwaFcgiRequest* const request = open(upload(announced));
@@ -601,13 +601,13 @@ void tst_NwaFcgiRequest::formBrokenOffEndsWithAnError()
     QVERIFY(!request->atBodyEnd());
 }
 
-void tst_NwaFcgiRequest::formHoldsItsClientBackUntilItIsRead()
+void tst_NwaFcgiRequest::unreadFormMakesItsSenderWait()
 {
     const QByteArray body = patternOf(20 * 1000 * 1000);
     NwaFcgiRequest* const request = open(upload(QByteArray::number(body.size())));
     QVERIFY(request);
     m_client->body(body);
-    // What is not held back is our buffer and the kernel's; both together are far below this.
+    // The server's and the kernel's buffers together hold far less than this.
     int previous = -1;
     while (previous != m_client->unsentSize()) {
         previous = m_client->unsentSize();
@@ -623,7 +623,7 @@ void tst_NwaFcgiRequest::formHoldsItsClientBackUntilItIsRead()
     QCOMPARE(m_client->replyBody(), QByteArray("taken"));
 }
 
-void tst_NwaFcgiRequest::formReadInTheSignalIsReadWhole()
+void tst_NwaFcgiRequest::formReadInTheSignalIsReadCompletely()
 {
     const QByteArray body = patternOf(3000000);
     QByteArray read;
@@ -688,8 +688,8 @@ void tst_NwaFcgiRequest::formAnsweredInTheSignalIsAnswered()
     QCOMPARE(m_client->status(), 500);
 }
 
-// The kernel holds more of the body than the server's buffer when the sender is through already.
-void tst_NwaFcgiRequest::formWhoseSenderEndsItsSendingIsReadWhole()
+// The kernel holds more of the body than the server's buffer, and the sender has sent all of it.
+void tst_NwaFcgiRequest::formWhoseSenderEndsItsSendingIsReadCompletely()
 {
     NwaFcgiLimits limits;
     limits.streamedBodyBuffer = 100;

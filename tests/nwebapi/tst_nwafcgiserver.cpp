@@ -43,7 +43,7 @@ mode_t modeOf(const QString& path)
     return ::lstat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-// Makes a Unix socket as a process leaves it behind that was killed, or one that still listens.
+// Makes a Unix socket that listens, or one like that of a process that was killed.
 int makeSocket(const QString& path, bool listening)
 {
     struct sockaddr_un address;
@@ -60,7 +60,7 @@ int makeSocket(const QString& path, bool listening)
 
 } // namespace
 
-/** Lets nobody open one more descriptor until the end of the scope. */
+/** Makes opening another descriptor fail (EMFILE) until the end of the scope. */
 class DescriptorExhaustion
 {
 public:
@@ -93,39 +93,39 @@ private slots:
     void socketIsRemovedWhenTheServerEnds();
     void socketOfAnotherServerIsNotRemoved();
     void abandonedSocketIsReplaced();
-    void socketThatIsServedIsNotReplaced();
-    void fileThatIsNoSocketIsNotReplaced();
+    void socketInUseIsNotReplaced();
+    void otherFileIsNotReplaced();
     void longestPathIsListenedOn();
-    void pathThatIsNoneIsRefused_data();
-    void pathThatIsNoneIsRefused();
+    void invalidPathIsRefused_data();
+    void invalidPathIsRefused();
     void listensOnATcpPort_data();
     void listensOnATcpPort();
     void portInUseIsRefused();
-    void addressThatIsNoneIsRefused_data();
-    void addressThatIsNoneIsRefused();
+    void invalidAddressIsRefused_data();
+    void invalidAddressIsRefused();
     void listensOnAnInheritedDescriptor();
     void descriptorThatDoesNotListenIsRefused_data();
     void descriptorThatDoesNotListenIsRefused();
     void listensElsewhereAfterListening();
-    void successForgetsTheError();
-    void serverThatDoesNotListenSaysSo();
+    void successClearsTheError();
+    void newServerDoesNotListen();
 
     void requestsGoToTheServiceOfTheirScript();
     void unknownScriptIsAnswered404_data();
     void unknownScriptIsAnswered404();
     void serviceThatIsUnregisteredIsNotFound();
     void serviceThatIsDestroyedIsNotFound();
-    void latestServiceOfAScriptCounts();
+    void latestServiceOfAScriptIsUsed();
     void serviceMayDeleteTheServer();
     void serviceMayCloseTheServer();
     void serviceMayRunAnEventLoop();
     void serviceMayWaitForAnotherClientInAnEventLoop();
 
-    void capabilitiesAreTold();
-    void unknownCapabilitiesAreLeftOut();
-    void capabilitiesAskedForOverAndOverAreBounded();
-    void unknownRecordAboutTheConnectionIsNamed_data();
-    void unknownRecordAboutTheConnectionIsNamed();
+    void capabilitiesAreReported();
+    void unknownCapabilitiesAreOmitted();
+    void answerToRepeatedQuestionsIsBounded();
+    void unknownRecordAboutTheConnectionIsReported_data();
+    void unknownRecordAboutTheConnectionIsReported();
     void unknownRoleIsRefused_data();
     void unknownRoleIsRefused();
     void secondRequestAtATimeIsRefused();
@@ -134,7 +134,7 @@ private slots:
     void keptConnectionCarriesRequestAfterRequest();
     void keptConnectionCarriesRequestsSentAhead();
     void keptConnectionEndsWithItsPeersSending();
-    void keptConnectionGoesOnAfterAnAbort();
+    void keptConnectionContinuesAfterAnAbort();
     void paddingIsSkipped();
     void requestCutAtEveryByteIsServed();
     void requestSentByteByByteIsServed();
@@ -144,8 +144,8 @@ private slots:
     void bodyMayComeBeforeTheParams();
     void dataRecordsAreIgnored();
     void lateParamsAreIgnored();
-    void rubbishIsDropped_data();
-    void rubbishIsDropped();
+    void garbageClosesTheConnection_data();
+    void garbageClosesTheConnection();
 
     void badRequestIsAnsweredWithAnError_data();
     void badRequestIsAnsweredWithAnError();
@@ -158,41 +158,41 @@ private slots:
     void hugeBodyBeforeTheParamsIsDropped();
     void formIsNotLimitedByTheBodyLimit_data();
     void formIsNotLimitedByTheBodyLimit();
-    void whatWasReadOfAFormIsNotKept();
-    void requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503_data();
-    void requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503();
-    void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit_data();
-    void completeRequestIsServedWhileTheConnectionsAreAtTheirLimit();
-    void whatIsLeftOfARefusedRequestIsForgotten();
-    void whatTheConnectionsHeldIsForgottenWithThem();
-    void replyThatWaitsCountsForTheConnectionsLimit();
-    void bodyThatWaitsCountsForTheConnectionsLimit();
-    void clientsThatSendAheadAndReadNothingKeepNobodyOut();
+    void partOfAFormThatWasReadIsNotHeld();
+    void requestBeyondTheLimitOfAllConnectionsIsAnswered503_data();
+    void requestBeyondTheLimitOfAllConnectionsIsAnswered503();
+    void completeRequestIsServedAtTheLimitOfAllConnections_data();
+    void completeRequestIsServedAtTheLimitOfAllConnections();
+    void restOfARefusedRequestIsDiscarded();
+    void heldBytesAreReleasedWithTheConnection();
+    void queuedReplyCountsForTheLimitOfAllConnections();
+    void unreadBodyCountsForTheLimitOfAllConnections();
+    void clientsThatSendAheadAndReadNothingDoNotAffectOthers();
     void tenMegabytesOfQueryAreAnswered414();
-    void textOfTheClientForgesNoHeader_data();
-    void textOfTheClientForgesNoHeader();
+    void clientCannotForgeAHeaderField_data();
+    void clientCannotForgeAHeaderField();
 
     void silentClientsAreDroppedWhileOthersAreServed();
-    void slowServiceIsNoStalledClient();
-    void serviceThatPausesAfterABeginningIsNoStalledClient();
-    void clientThatDoesNotTakeItsReplyIsDropped();
-    void replyBeyondTheBufferIsDropped();
+    void slowServiceDoesNotEndTheConnection();
+    void serviceMayPauseWithinItsReply();
+    void clientThatDoesNotReadItsReplyIsDropped();
+    void replyBeyondTheBufferDropsTheConnection();
     void replyOfPiecesOfAnySizeArrivesAsItIs_data();
     void replyOfPiecesOfAnySizeArrivesAsItIs();
-    void serviceIsToldWhenItsReplyIsTaken();
-    void recordsWhoseAnswersNobodyTakesAreBounded();
-    void errorThatBreaksTheConnectionIsHarmless();
+    void serviceIsNotifiedWhenItsReplyIsSent();
+    void answersThatAreNotReadAreBounded();
+    void errorReplyMayBreakTheConnection();
     void clientMayDisconnectAnywhere_data();
     void clientMayDisconnectAnywhere();
     void clientThatEndsItsSendingGetsItsReply_data();
     void clientThatEndsItsSendingGetsItsReply();
     void clientThatEndsItsSendingTooEarlyIsDropped();
-    void clientThatGoesWhileItsBodyWaitsIsNoticed_data();
-    void clientThatGoesWhileItsBodyWaitsIsNoticed();
+    void disconnectionIsNoticedWhileTheBodyWaits_data();
+    void disconnectionIsNoticedWhileTheBodyWaits();
     void clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply_data();
     void clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply();
     void connectionsBeyondTheLimitWait();
-    void lackOfDescriptorsPasses();
+    void acceptingResumesAfterALackOfDescriptors();
     void limitsAreAtLeastOne();
 
 private:
@@ -257,7 +257,7 @@ bool tst_NwaFcgiServer::connectOverTcp()
     return m_server->listenOnPort(address, 0) && m_client->connectToPort(address, m_server->port());
 }
 
-// Whether another client's request is answered; to be asked when something bad was done.
+// Whether the server still answers another client's request.
 bool tst_NwaFcgiServer::answers()
 {
     NFcgiClient client;
@@ -335,7 +335,7 @@ void tst_NwaFcgiServer::abandonedSocketIsReplaced()
     QVERIFY(isServed(client));
 }
 
-void tst_NwaFcgiServer::socketThatIsServedIsNotReplaced()
+void tst_NwaFcgiServer::socketInUseIsNotReplaced()
 {
     const int served = makeSocket(path("served"), true);
     NwaFcgiServer server;
@@ -349,7 +349,7 @@ void tst_NwaFcgiServer::socketThatIsServedIsNotReplaced()
     ::close(served);
 }
 
-void tst_NwaFcgiServer::fileThatIsNoSocketIsNotReplaced()
+void tst_NwaFcgiServer::otherFileIsNotReplaced()
 {
     m_directory->writeFile(QString::fromLatin1("file"), "precious");
     NwaFcgiServer server;
@@ -371,7 +371,7 @@ void tst_NwaFcgiServer::longestPathIsListenedOn()
     QVERIFY(isServed(client));
 }
 
-void tst_NwaFcgiServer::pathThatIsNoneIsRefused_data()
+void tst_NwaFcgiServer::invalidPathIsRefused_data()
 {
     QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("error");
@@ -384,7 +384,7 @@ void tst_NwaFcgiServer::pathThatIsNoneIsRefused_data()
                                               "cannot make the socket /nowhere/socket: No such file or directory");
 }
 
-void tst_NwaFcgiServer::pathThatIsNoneIsRefused()
+void tst_NwaFcgiServer::invalidPathIsRefused()
 {
     QFETCH(QString, path);
     QFETCH(QString, error);
@@ -409,7 +409,7 @@ void tst_NwaFcgiServer::listensOnATcpPort()
     NFcgiClient client;
     QVERIFY(client.connectToPort(address, port));
     QVERIFY(isServed(client));
-    // A port that was just used is free again at once, even while the old connection lingers in the kernel.
+    // A port that was just used can be reused at once, although the kernel still keeps the old connection.
     m_server->close();
     QCOMPARE(m_server->port(), quint16(0));
     QVERIFY2(m_server->listenOnPort(address, port), qPrintable(m_server->errorString()));
@@ -427,7 +427,7 @@ void tst_NwaFcgiServer::portInUseIsRefused()
                                   .arg(m_server->port()));
 }
 
-void tst_NwaFcgiServer::addressThatIsNoneIsRefused_data()
+void tst_NwaFcgiServer::invalidAddressIsRefused_data()
 {
     QTest::addColumn<QString>("address");
     QTest::newRow("empty") << QString();
@@ -437,7 +437,7 @@ void tst_NwaFcgiServer::addressThatIsNoneIsRefused_data()
     QTest::newRow("version 6 in brackets") << QString::fromLatin1("[::1]");
 }
 
-void tst_NwaFcgiServer::addressThatIsNoneIsRefused()
+void tst_NwaFcgiServer::invalidAddressIsRefused()
 {
     QFETCH(QString, address);
     QVERIFY(!m_server->listenOnPort(address, 0));
@@ -454,7 +454,7 @@ void tst_NwaFcgiServer::listensOnAnInheritedDescriptor()
     QVERIFY(isServed(client));
     m_server->close();
     QCOMPARE(::fcntl(descriptor, F_GETFD), -1);
-    // Whoever handed it down made it, so he removes it.
+    // The file is removed by the process that made it.
     QVERIFY(modeOf(path("inherited")) != 0);
 }
 
@@ -477,7 +477,7 @@ void tst_NwaFcgiServer::descriptorThatDoesNotListenIsRefused()
     QVERIFY(!m_server->listenOnDescriptor(descriptor));
     QCOMPARE(
         m_server->errorString(), QString::fromLatin1("the descriptor %1 is no listening socket").arg(descriptor));
-    // It stays its owner's.
+    // The descriptor stays the caller's.
     if (kind != 0)
         QCOMPARE(::close(descriptor), 0);
 }
@@ -491,7 +491,7 @@ void tst_NwaFcgiServer::listensElsewhereAfterListening()
     QVERIFY(isServed(client));
 }
 
-void tst_NwaFcgiServer::successForgetsTheError()
+void tst_NwaFcgiServer::successClearsTheError()
 {
     QVERIFY(!m_server->listenOnPath(QString()));
     QVERIFY(!m_server->errorString().isEmpty());
@@ -499,7 +499,7 @@ void tst_NwaFcgiServer::successForgetsTheError()
     QVERIFY(m_server->errorString().isEmpty());
 }
 
-void tst_NwaFcgiServer::serverThatDoesNotListenSaysSo()
+void tst_NwaFcgiServer::newServerDoesNotListen()
 {
     NwaFcgiServer server;
     QVERIFY(!server.isListening());
@@ -529,7 +529,7 @@ void tst_NwaFcgiServer::requestsGoToTheServiceOfTheirScript()
 void tst_NwaFcgiServer::unknownScriptIsAnswered404_data()
 {
     QTest::addColumn<QByteArray>("script");
-    QTest::newRow("none") << QByteArray();
+    QTest::newRow("no script name") << QByteArray();
     QTest::newRow("other") << QByteArray("/other");
     QTest::newRow("more than a registered one") << QByteArray("/test/");
     QTest::newRow("less than a registered one") << QByteArray("/tes");
@@ -564,7 +564,7 @@ void tst_NwaFcgiServer::serviceThatIsDestroyedIsNotFound()
     QCOMPARE(m_client->status(), 404);
 }
 
-void tst_NwaFcgiServer::latestServiceOfAScriptCounts()
+void tst_NwaFcgiServer::latestServiceOfAScriptIsUsed()
 {
     NFcgiTestService latest([](NwaFcgiRequest* request) { NTest::reply(request, "latest"); });
     m_server->registerService(QString::fromLatin1("/test"), &latest);
@@ -588,7 +588,7 @@ void tst_NwaFcgiServer::serviceMayDeleteTheServer()
 
 void tst_NwaFcgiServer::serviceMayCloseTheServer()
 {
-    // Once when the connection is accepted, and once when it is open for a while.
+    // Once while the connection is being accepted, and once on an open connection.
     for (int round = 0; round < 2; ++round) {
         NFcgiTestService service([this](NwaFcgiRequest* request) {
             m_server->close();
@@ -609,7 +609,7 @@ void tst_NwaFcgiServer::serviceMayCloseTheServer()
 void tst_NwaFcgiServer::serviceMayRunAnEventLoop()
 {
     NFcgiTestService service([this](NwaFcgiRequest* request) {
-        // More of the same client comes while the loop runs; it is to wait.
+        // A further request of the same client arrives while the loop runs; it must wait.
         m_client->raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 1, true));
         QVERIFY(answers());
         NTest::reply(request, "looped");
@@ -638,8 +638,8 @@ void tst_NwaFcgiServer::serviceMayWaitForAnotherClientInAnEventLoop()
     NTRY_COMPARE(service.count(), 1);
     other.raw(NFcgiClient::request(NFcgiClient::variables("/test")));
     NTRY_COMPARE(service.count(), 2);
-    // The next request is there before the server can know of it, so it takes it together with the reply's end;
-    // the other client's turn comes after that.
+    // The next request has arrived before the first is answered, so the connection continues with it at once; the
+    // other client is served after that.
     m_client->raw(NFcgiClient::request(NFcgiClient::variables("/loop"), QByteArray(), 2, true));
     QCOMPARE(m_client->unsentSize(), 0);
     NTest::reply(service.request(0), "first");
@@ -651,7 +651,7 @@ void tst_NwaFcgiServer::serviceMayWaitForAnotherClientInAnEventLoop()
 
 // The protocol
 
-void tst_NwaFcgiServer::capabilitiesAreTold()
+void tst_NwaFcgiServer::capabilitiesAreReported()
 {
     setUpLimits([](NwaFcgiLimits& limits) { limits.connectionCount = 17; });
     NFcgiClient::Params question;
@@ -665,7 +665,7 @@ void tst_NwaFcgiServer::capabilitiesAreTold()
     QVERIFY(isServed(*m_client));
 }
 
-void tst_NwaFcgiServer::unknownCapabilitiesAreLeftOut()
+void tst_NwaFcgiServer::unknownCapabilitiesAreOmitted()
 {
     m_client->raw(NFcgiClient::record(NFcgiClient::GetValues, 0, NFcgiClient::pair("FCGI_FAVOURITE_COLOUR", "")));
     NTRY_COMPARE(m_client->connectionRecords().size(), 1);
@@ -673,7 +673,7 @@ void tst_NwaFcgiServer::unknownCapabilitiesAreLeftOut()
     QCOMPARE(m_client->connectionRecords().at(0).content, QByteArray());
 }
 
-void tst_NwaFcgiServer::capabilitiesAskedForOverAndOverAreBounded()
+void tst_NwaFcgiServer::answerToRepeatedQuestionsIsBounded()
 {
     QByteArray question;
     while (question.size() < 65000)
@@ -682,7 +682,7 @@ void tst_NwaFcgiServer::capabilitiesAskedForOverAndOverAreBounded()
     QVERIFY(isServed(*m_client));
 }
 
-void tst_NwaFcgiServer::unknownRecordAboutTheConnectionIsNamed_data()
+void tst_NwaFcgiServer::unknownRecordAboutTheConnectionIsReported_data()
 {
     QTest::addColumn<int>("type");
     QTest::newRow("0") << 0;
@@ -692,7 +692,7 @@ void tst_NwaFcgiServer::unknownRecordAboutTheConnectionIsNamed_data()
     QTest::newRow("255") << 255;
 }
 
-void tst_NwaFcgiServer::unknownRecordAboutTheConnectionIsNamed()
+void tst_NwaFcgiServer::unknownRecordAboutTheConnectionIsReported()
 {
     QFETCH(int, type);
     m_client->raw(NFcgiClient::record(type, 0, "content"));
@@ -759,7 +759,7 @@ void tst_NwaFcgiServer::everyStreamOfTheReplyThatWasUsedIsEnded()
     if (!remark.isEmpty())
         ends << NFcgiClient::StderrType;
     ends.prepend(NFcgiClient::StdoutType);
-    // A remark for one request is none for the next.
+    // The error output of one request does not affect the next.
     for (int id = 1; id <= 2; ++id)
         m_client->raw(NFcgiClient::request(NFcgiClient::variables("/remark"), QByteArray(), id, true));
     m_client->raw(NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 3, false));
@@ -815,7 +815,7 @@ void tst_NwaFcgiServer::keptConnectionEndsWithItsPeersSending()
     QCOMPARE(m_client->replyBody(), QByteArray("reply"));
 }
 
-void tst_NwaFcgiServer::keptConnectionGoesOnAfterAnAbort()
+void tst_NwaFcgiServer::keptConnectionContinuesAfterAnAbort()
 {
     m_client->begin(1, true);
     m_client->params(NFcgiClient::variables("/test"));
@@ -934,9 +934,9 @@ void tst_NwaFcgiServer::lateParamsAreIgnored()
     QCOMPARE(m_client->replyBody(), QByteArray("GET"));
 }
 
-void tst_NwaFcgiServer::rubbishIsDropped_data()
+void tst_NwaFcgiServer::garbageClosesTheConnection_data()
 {
-    QTest::addColumn<QByteArray>("rubbish");
+    QTest::addColumn<QByteArray>("garbage");
     QByteArray version2 = NFcgiClient::beginRecord();
     version2[0] = 2;
     QByteArray version0 = NFcgiClient::beginRecord();
@@ -949,14 +949,15 @@ void tst_NwaFcgiServer::rubbishIsDropped_data()
     QTest::newRow("ones") << QByteArray(100000, '\xff');
     QTest::newRow("request begun without a role")
         << NFcgiClient::record(NFcgiClient::BeginRequest, 1, QByteArray());
-    QTest::newRow("request begun with half a role") << NFcgiClient::record(NFcgiClient::BeginRequest, 1, "\1");
+    QTest::newRow("request begun with a truncated role")
+        << NFcgiClient::record(NFcgiClient::BeginRequest, 1, "\1");
     QTest::newRow("same request begun twice") << NFcgiClient::beginRecord() + NFcgiClient::beginRecord();
 }
 
-void tst_NwaFcgiServer::rubbishIsDropped()
+void tst_NwaFcgiServer::garbageClosesTheConnection()
 {
-    QFETCH(QByteArray, rubbish);
-    m_client->raw(rubbish);
+    QFETCH(QByteArray, garbage);
+    m_client->raw(garbage);
     NTRY_VERIFY(m_client->isClosed());
     QCOMPARE(m_client->records().size(), 0);
     QVERIFY(answers());
@@ -983,19 +984,19 @@ void tst_NwaFcgiServer::badRequestIsAnsweredWithAnError_data()
     QTest::newRow("body longer than announced")
         << NFcgiClient::pairs(announcing("3")) << QByteArray("1234") << 400;
     QTest::newRow("announced body missing") << NFcgiClient::pairs(announcing("1")) << QByteArray() << 400;
-    QTest::newRow("body announced as none") << NFcgiClient::pairs(announcing("0")) << QByteArray("1") << 400;
+    QTest::newRow("body announced as empty") << NFcgiClient::pairs(announcing("0")) << QByteArray("1") << 400;
     QTest::newRow("negative size") << NFcgiClient::pairs(announcing("-1")) << QByteArray() << 400;
     QTest::newRow("size with a sign") << NFcgiClient::pairs(announcing("+1")) << QByteArray("1") << 400;
-    QTest::newRow("size in words") << NFcgiClient::pairs(announcing("many")) << QByteArray() << 400;
+    QTest::newRow("size that is not a number") << NFcgiClient::pairs(announcing("many")) << QByteArray() << 400;
     QTest::newRow("size and more") << NFcgiClient::pairs(announcing("1 2")) << QByteArray("1") << 400;
     QTest::newRow("hexadecimal size") << NFcgiClient::pairs(announcing("0x1")) << QByteArray("1") << 400;
     QTest::newRow("size beyond 64 bits")
         << NFcgiClient::pairs(announcing("99999999999999999999")) << QByteArray() << 400;
-    QTest::newRow("query with half an escape")
+    QTest::newRow("query with a truncated escape")
         << NFcgiClient::pairs(with("QUERY_STRING", "a=%4")) << QByteArray() << 400;
     QTest::newRow("query with a wrong escape")
         << NFcgiClient::pairs(with("QUERY_STRING", "a=%zz")) << QByteArray() << 400;
-    QTest::newRow("query that is no UTF-8")
+    QTest::newRow("query that is not UTF-8")
         << NFcgiClient::pairs(with("QUERY_STRING", "a=%ff")) << QByteArray() << 400;
     QTest::newRow("query too long") << NFcgiClient::pairs(with("QUERY_STRING", QByteArray(16 * 1024 + 1, 'q')))
                                     << QByteArray() << 414;
@@ -1094,7 +1095,7 @@ void tst_NwaFcgiServer::bodyBeyondTheLimitIsAnswered413()
     m_client->body(QByteArray(size, 'b'));
     NTRY_VERIFY(m_client->hasEnded());
     QCOMPARE(m_client->status(), 413);
-    // Nothing of what is still to come is held back, so that a client that reads only afterwards gets there.
+    // The rest of the body is read, because a client may read only after sending all of it.
     NTRY_COMPARE(m_client->unsentSize(), 0);
     QCOMPARE(m_service->count(), 0);
     NTRY_VERIFY(m_client->isClosed());
@@ -1132,7 +1133,7 @@ void tst_NwaFcgiServer::formIsNotLimitedByTheBodyLimit()
     QCOMPARE(body.size(), 3000000);
 }
 
-void tst_NwaFcgiServer::whatWasReadOfAFormIsNotKept()
+void tst_NwaFcgiServer::partOfAFormThatWasReadIsNotHeld()
 {
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
@@ -1146,7 +1147,7 @@ void tst_NwaFcgiServer::whatWasReadOfAFormIsNotKept()
     qint64 afterFirstPiece = 0;
     for (int sent = piece.size(); sent <= size; sent += piece.size()) {
         m_client->body(piece);
-        // A byte is always left, as a service leaves it that waits for the rest of a line.
+        // One byte is always left, as by a service that waits for the rest of a line.
         NTRY_VERIFY((read += service.request()->readBody(buffer.data(), sent - 1 - read)) == sent - 1);
         QCOMPARE(m_client->unsentSize(), 0);
         if (sent == piece.size())
@@ -1158,7 +1159,7 @@ void tst_NwaFcgiServer::whatWasReadOfAFormIsNotKept()
     NTRY_VERIFY(service.request()->atBodyEnd());
 }
 
-void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503_data()
+void tst_NwaFcgiServer::requestBeyondTheLimitOfAllConnectionsIsAnswered503_data()
 {
     QTest::addColumn<QByteArray>("params");
     QTest::addColumn<QByteArray>("body");
@@ -1173,7 +1174,7 @@ void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered
         << QByteArray() << NFcgiClient::record(NFcgiClient::StdinType, 1, QByteArray(5000, 'b')).left(2000);
 }
 
-void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered503()
+void tst_NwaFcgiServer::requestBeyondTheLimitOfAllConnectionsIsAnswered503()
 {
     QFETCH(QByteArray, params);
     QFETCH(QByteArray, body);
@@ -1190,7 +1191,7 @@ void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered
     QCOMPARE(second.status(), 503);
     QCOMPARE(m_service->count(), 1);
 
-    // Who was there first goes on, and makes room.
+    // The first request continues, and releases its memory.
     m_client->body(QByteArray(500, 'b'));
     m_client->endBody();
     NTRY_VERIFY(m_client->isClosed());
@@ -1202,7 +1203,7 @@ void tst_NwaFcgiServer::requestThatTakesTheConnectionsBeyondTheirLimitIsAnswered
     QCOMPARE(third.status(), 200);
 }
 
-void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimit_data()
+void tst_NwaFcgiServer::completeRequestIsServedAtTheLimitOfAllConnections_data()
 {
     QTest::addColumn<NFcgiClient::Params>("params");
     QTest::addColumn<QByteArray>("body");
@@ -1210,8 +1211,8 @@ void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimi
     QTest::newRow("with a body") << announcing("500") << QByteArray(500, 'b');
 }
 
-// Clients that let the server wait keep nobody out who does not.
-void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimit()
+// Incomplete requests must not prevent complete ones from being served.
+void tst_NwaFcgiServer::completeRequestIsServedAtTheLimitOfAllConnections()
 {
     QFETCH(NFcgiClient::Params, params);
     QFETCH(QByteArray, body);
@@ -1228,7 +1229,7 @@ void tst_NwaFcgiServer::completeRequestIsServedWhileTheConnectionsAreAtTheirLimi
     QCOMPARE(m_client->records().size(), 0);
 }
 
-void tst_NwaFcgiServer::whatIsLeftOfARefusedRequestIsForgotten()
+void tst_NwaFcgiServer::restOfARefusedRequestIsDiscarded()
 {
     setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
     const QByteArray halfARecord =
@@ -1247,7 +1248,7 @@ void tst_NwaFcgiServer::whatIsLeftOfARefusedRequestIsForgotten()
     }
 }
 
-void tst_NwaFcgiServer::whatTheConnectionsHeldIsForgottenWithThem()
+void tst_NwaFcgiServer::heldBytesAreReleasedWithTheConnection()
 {
     setUpLimits([](NwaFcgiLimits& limits) { limits.bufferedSize = 10000; });
     for (int round = 0; round < 10; ++round) {
@@ -1266,7 +1267,7 @@ void tst_NwaFcgiServer::whatTheConnectionsHeldIsForgottenWithThem()
     }
 }
 
-void tst_NwaFcgiServer::replyThatWaitsCountsForTheConnectionsLimit()
+void tst_NwaFcgiServer::queuedReplyCountsForTheLimitOfAllConnections()
 {
     const int size = 5000000;
     NFcgiTestService service([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(size, 'r')); });
@@ -1281,7 +1282,7 @@ void tst_NwaFcgiServer::replyThatWaitsCountsForTheConnectionsLimit()
     NTRY_VERIFY(second.hasEnded());
     QCOMPARE(second.status(), 503);
     QCOMPARE(m_service->count(), 0);
-    // It is a limit for others; the reply itself has its own.
+    // The limit applies to further requests; the reply itself has a limit of its own.
     m_client->startReceiving();
     NTRY_VERIFY(m_client->isClosed());
     QCOMPARE(m_client->replyBody().size(), size);
@@ -1289,7 +1290,7 @@ void tst_NwaFcgiServer::replyThatWaitsCountsForTheConnectionsLimit()
     QVERIFY(isServed(second));
 }
 
-void tst_NwaFcgiServer::bodyThatWaitsCountsForTheConnectionsLimit()
+void tst_NwaFcgiServer::unreadBodyCountsForTheLimitOfAllConnections()
 {
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/form"), &service);
@@ -1309,7 +1310,7 @@ void tst_NwaFcgiServer::bodyThatWaitsCountsForTheConnectionsLimit()
     QCOMPARE(m_client->replyBody(), QByteArray("taken"));
 }
 
-void tst_NwaFcgiServer::clientsThatSendAheadAndReadNothingKeepNobodyOut()
+void tst_NwaFcgiServer::clientsThatSendAheadAndReadNothingDoNotAffectOthers()
 {
     const int clientCount = 60;
     const int requestCount = 20;
@@ -1328,7 +1329,7 @@ void tst_NwaFcgiServer::clientsThatSendAheadAndReadNothingKeepNobodyOut()
         clients.last()->raw(requests);
     }
 
-    // While their requests are served, and after as many have been as will be.
+    // While their requests are being served, and when no more of them can be.
     NTRY_VERIFY(service.count() >= clientCount);
     int served = 0;
     do {
@@ -1358,7 +1359,7 @@ void tst_NwaFcgiServer::tenMegabytesOfQueryAreAnswered414()
     QVERIFY(answers());
 }
 
-void tst_NwaFcgiServer::textOfTheClientForgesNoHeader_data()
+void tst_NwaFcgiServer::clientCannotForgeAHeaderField_data()
 {
     QTest::addColumn<NFcgiClient::Params>("params");
     QTest::newRow("script name") << NFcgiClient::variables("/x\r\nX-Forged: 1\r\n\r\n<script>");
@@ -1366,7 +1367,7 @@ void tst_NwaFcgiServer::textOfTheClientForgesNoHeader_data()
     QTest::newRow("escaped query") << with("QUERY_STRING", "%zz%0d%0aX-Forged:%201");
 }
 
-void tst_NwaFcgiServer::textOfTheClientForgesNoHeader()
+void tst_NwaFcgiServer::clientCannotForgeAHeaderField()
 {
     QFETCH(NFcgiClient::Params, params);
     m_client->raw(NFcgiClient::request(params));
@@ -1376,7 +1377,7 @@ void tst_NwaFcgiServer::textOfTheClientForgesNoHeader()
     QVERIFY(!m_client->remarks().contains('\n'));
 }
 
-// Clients that stall or go
+// Clients that stall or disconnect
 
 void tst_NwaFcgiServer::silentClientsAreDroppedWhileOthersAreServed()
 {
@@ -1384,10 +1385,10 @@ void tst_NwaFcgiServer::silentClientsAreDroppedWhileOthersAreServed()
     const QByteArray request = NFcgiClient::request(announcing("4"), "body");
     QMap<QByteArray, QByteArray> sent;
     sent.insert("nothing at all", QByteArray());
-    sent.insert("half a record's header", request.left(5));
+    sent.insert("truncated record header", request.left(5));
     sent.insert("beginning", NFcgiClient::beginRecord());
-    sent.insert("half the params", request.left(40));
-    sent.insert("half the body", request.left(request.size() - 10));
+    sent.insert("truncated params", request.left(40));
+    sent.insert("truncated body", request.left(request.size() - 10));
     sent.insert(
         "kept connection at rest", NFcgiClient::request(NFcgiClient::variables("/test"), QByteArray(), 1, true));
     sent.insert(
@@ -1410,7 +1411,7 @@ void tst_NwaFcgiServer::silentClientsAreDroppedWhileOthersAreServed()
     QVERIFY(answers());
 }
 
-void tst_NwaFcgiServer::slowServiceIsNoStalledClient()
+void tst_NwaFcgiServer::slowServiceDoesNotEndTheConnection()
 {
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
@@ -1419,7 +1420,7 @@ void tst_NwaFcgiServer::slowServiceIsNoStalledClient()
     QVERIFY(silent.connectToPath(socketPath()));
     m_client->raw(NFcgiClient::request(NFcgiClient::variables("/test")));
     NTRY_COMPARE(service.count(), 1);
-    // When clients that came later have been dropped twice, this one would have been too.
+    // Two later clients have been dropped one after the other, so this one would have been as well.
     NTRY_VERIFY(silent.isClosed());
     QVERIFY(silent.connectToPath(socketPath()));
     NTRY_VERIFY(silent.isClosed());
@@ -1428,7 +1429,7 @@ void tst_NwaFcgiServer::slowServiceIsNoStalledClient()
     QCOMPARE(m_client->replyBody(), QByteArray("slow"));
 }
 
-void tst_NwaFcgiServer::serviceThatPausesAfterABeginningIsNoStalledClient()
+void tst_NwaFcgiServer::serviceMayPauseWithinItsReply()
 {
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
@@ -1447,7 +1448,7 @@ void tst_NwaFcgiServer::serviceThatPausesAfterABeginningIsNoStalledClient()
     QCOMPARE(m_client->replyBody(), QByteArray("beginning, end"));
 }
 
-void tst_NwaFcgiServer::clientThatDoesNotTakeItsReplyIsDropped()
+void tst_NwaFcgiServer::clientThatDoesNotReadItsReplyIsDropped()
 {
     NFcgiTestService service([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(5000000, 'r')); });
     m_server->registerService(QString::fromLatin1("/test"), &service);
@@ -1461,7 +1462,7 @@ void tst_NwaFcgiServer::clientThatDoesNotTakeItsReplyIsDropped()
     QVERIFY(!m_client->hasEnded());
 }
 
-void tst_NwaFcgiServer::replyBeyondTheBufferIsDropped()
+void tst_NwaFcgiServer::replyBeyondTheBufferDropsTheConnection()
 {
     bool good = true;
     NFcgiTestService service([&](NwaFcgiRequest* request) {
@@ -1494,7 +1495,7 @@ void tst_NwaFcgiServer::replyOfPiecesOfAnySizeArrivesAsItIs_data()
 void tst_NwaFcgiServer::replyOfPiecesOfAnySizeArrivesAsItIs()
 {
     QFETCH(bool, slowClient);
-    // Around the sizes from which on a piece is sent at once, is more than a block and is more than a record.
+    // Around the sizes above which a piece is sent at once, exceeds a block and exceeds a record.
     const int sizes[] = {1,     2047,  2048,  2049,   32767, 32768, 32769,  0,       65527, 65528,
                          65529, 65535, 65536, 131070, 10,    50000, 131071, 1000000, 7,     300000};
     QByteArray text;
@@ -1524,7 +1525,7 @@ void tst_NwaFcgiServer::replyOfPiecesOfAnySizeArrivesAsItIs()
     QVERIFY(m_client->hasEnded());
 }
 
-void tst_NwaFcgiServer::serviceIsToldWhenItsReplyIsTaken()
+void tst_NwaFcgiServer::serviceIsNotifiedWhenItsReplyIsSent()
 {
     NFcgiTestService service;
     m_server->registerService(QString::fromLatin1("/test"), &service);
@@ -1538,7 +1539,7 @@ void tst_NwaFcgiServer::serviceIsToldWhenItsReplyIsTaken()
     const QByteArray text(3000000, 'r');
     request->outputStream() << "Content-Type: text/plain\r\n\r\n";
     request->outputStream().write(text.constData(), text.size());
-    // What the kernel keeps for a client is less.
+    // The kernel holds less for a client.
     QVERIFY(request->replyBacklog() > 1000000);
     QCOMPARE(taken.count(), 0);
     m_client->startReceiving();
@@ -1553,7 +1554,7 @@ void tst_NwaFcgiServer::serviceIsToldWhenItsReplyIsTaken()
     QVERIFY(m_client->replyBody() == text + "end");
 }
 
-void tst_NwaFcgiServer::recordsWhoseAnswersNobodyTakesAreBounded()
+void tst_NwaFcgiServer::answersThatAreNotReadAreBounded()
 {
     setUpLimits([](NwaFcgiLimits& limits) { limits.replyBuffer = 100000; });
     m_client->stopReceiving();
@@ -1567,7 +1568,7 @@ void tst_NwaFcgiServer::recordsWhoseAnswersNobodyTakesAreBounded()
     QVERIFY(answers());
 }
 
-void tst_NwaFcgiServer::errorThatBreaksTheConnectionIsHarmless()
+void tst_NwaFcgiServer::errorReplyMayBreakTheConnection()
 {
     setUpLimits([](NwaFcgiLimits& limits) { limits.replyBuffer = 1; });
     m_client->endReceiving();
@@ -1609,10 +1610,10 @@ void tst_NwaFcgiServer::clientMayDisconnectAnywhere()
         if (service.count() == count)
             continue;
         QVERIFY(service.request(count)->isAborted());
-        NTest::reply(service.request(count), "nobody hears it");
+        NTest::reply(service.request(count), "not sent");
     }
     QVERIFY(service.count() > 0);
-    // In the middle of a reply, of which nothing or a part was taken.
+    // While a reply is being sent, of which the client has read nothing or a part.
     for (int size = 0; size <= 1000000; size += 500000) {
         const int count = service.count();
         QVERIFY(m_client->connectToPath(socketPath()));
@@ -1670,7 +1671,7 @@ void tst_NwaFcgiServer::clientThatEndsItsSendingTooEarlyIsDropped()
     QCOMPARE(m_service->count(), 0);
 }
 
-void tst_NwaFcgiServer::clientThatGoesWhileItsBodyWaitsIsNoticed_data()
+void tst_NwaFcgiServer::disconnectionIsNoticedWhileTheBodyWaits_data()
 {
     QTest::addColumn<bool>("overTcp");
     QTest::addColumn<bool>("endsItsSendingOnly");
@@ -1680,7 +1681,7 @@ void tst_NwaFcgiServer::clientThatGoesWhileItsBodyWaitsIsNoticed_data()
     QTest::newRow("TCP, end of sending") << true << true;
 }
 
-void tst_NwaFcgiServer::clientThatGoesWhileItsBodyWaitsIsNoticed()
+void tst_NwaFcgiServer::disconnectionIsNoticedWhileTheBodyWaits()
 {
     QFETCH(bool, overTcp);
     QFETCH(bool, endsItsSendingOnly);
@@ -1729,7 +1730,7 @@ void tst_NwaFcgiServer::clientThatEndsItsSendingWhileItsBodyWaitsGetsItsReply()
     NTRY_COMPARE(service.count(), 1);
     NTRY_COMPARE(m_client->unsentSize(), 0);
     m_client->endSending();
-    // Every connection has been looked at by then.
+    // Every connection has been checked by then.
     NTRY_VERIFY(silent.isClosed());
     QVERIFY(!service.request()->isAborted());
     QByteArray read;
@@ -1749,7 +1750,7 @@ void tst_NwaFcgiServer::connectionsBeyondTheLimitWait()
     QVERIFY(third.connectToPath(socketPath()));
     third.raw(NFcgiClient::request(NFcgiClient::variables("/test")));
     NTRY_COMPARE(m_server->connectionCount(), 2);
-    // A whole sweep later it still waits.
+    // It still waits after a whole interval between two checks.
     QVERIFY(!NTest::waitUntil([&]() { return third.isClosed(); }, 1500));
     QCOMPARE(m_server->connectionCount(), 2);
     second.disconnectNow();
@@ -1757,9 +1758,9 @@ void tst_NwaFcgiServer::connectionsBeyondTheLimitWait()
     QCOMPARE(third.replyBody(), QByteArray("GET"));
 }
 
-void tst_NwaFcgiServer::lackOfDescriptorsPasses()
+void tst_NwaFcgiServer::acceptingResumesAfterALackOfDescriptors()
 {
-    // The event loop opens a descriptor of its own when it first runs.
+    // The event loop opens a descriptor when it first runs.
     QCoreApplication::processEvents();
     NFcgiClient second;
     QVERIFY(second.connectToPath(socketPath()));

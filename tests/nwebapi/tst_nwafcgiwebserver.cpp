@@ -18,7 +18,7 @@ QString text(const char* latin1)
     return QString::fromLatin1(latin1);
 }
 
-// What arrived, in one line, so that a test can compare it.
+// Answers with what arrived in one line, so that a test can compare it.
 void describe(NwaFcgiRequest* request)
 {
     const QByteArray body = NTest::readAvailableBody(request);
@@ -29,7 +29,7 @@ void describe(NwaFcgiRequest* request)
                      .toUtf8());
 }
 
-// Answers with the JSON document that it was sent.
+// Answers with the JSON document in the body.
 class JsonProcessor : public NwaStandardFcgiRequestProcessor
 {
 public:
@@ -57,7 +57,7 @@ QByteArray partHeader(const char* disposition)
 
 } // namespace
 
-/** Reads a form while it arrives, and answers with what its parts are. It ends with its request. */
+/** Reads a form while it arrives and answers with a list of its parts. Deletes itself with its request. */
 class FormReader : public QObject
 {
     Q_OBJECT
@@ -90,7 +90,7 @@ public slots:
     }
 
 private:
-    // Returns whether there is more to be read right now.
+    // Returns whether more can be read at once.
     bool readPart()
     {
         if (m_partSize < 0) {
@@ -116,7 +116,7 @@ private:
     QByteArray m_answer;
 };
 
-/** The server behind a real web server, and called by libfcgi's client. */
+/** Runs the server behind a real web server, and calls it with libfcgi's client. */
 class tst_NwaFcgiWebServer : public QObject
 {
     Q_OBJECT
@@ -133,19 +133,19 @@ private slots:
     void undecodableQueryIsAnswered400();
     void tenMegabytesOfQueryAreRefused();
     void tooLargeBodyIsAnswered413();
-    void largeReplyArrivesWhole();
+    void largeReplyArrivesCompletely();
     void uploadIsReadWhileItIsSent();
-    void uploadThatIsRefusedGetsItsReply();
-    void formIsTakenApartWhileItIsSent();
+    void refusedUploadGetsItsReply();
+    void formIsParsedWhileItIsSent();
     void badFormIsAnswered400_data();
     void badFormIsAnswered400();
-    void formOfAClientThatGoesHarmsNobody();
+    void disconnectionWithinAFormDoesNotAffectOthers();
     void jsonIsRead();
     void badJsonIsAnswered400_data();
     void badJsonIsAnswered400();
-    void clientThatGoesBeforeTheReplyHarmsNobody();
-    void clientThatGoesInTheMiddleOfTheReplyHarmsNobody();
-    void remarksComeIntoTheWebServersLog();
+    void disconnectionBeforeTheReplyDoesNotAffectOthers();
+    void disconnectionWithinTheReplyDoesNotAffectOthers();
+    void errorOutputIsWrittenToTheWebServersLog();
     void spawnedProgramIsServedOnItsInheritedDescriptor();
     void libfcgisClientIsServed_data();
     void libfcgisClientIsServed();
@@ -204,7 +204,7 @@ void tst_NwaFcgiWebServer::startCurl(QProcess& process, const QString& path, con
     process.start(text("curl"), QStringList() << text("-s") << text("-S") << options << m_lighttpd.url(path));
 }
 
-// Waits for a program with our event loop running, because it is our server that the program waits for.
+// Waits for a program with the event loop running, because the program waits for the server in this process.
 bool tst_NwaFcgiWebServer::run(QProcess& process)
 {
     return process.waitForStarted() && NTest::waitUntil([&]() { return process.state() == QProcess::NotRunning; });
@@ -281,7 +281,7 @@ void tst_NwaFcgiWebServer::undecodableQueryIsAnswered400()
     QCOMPARE(m_service->count(), 0);
 }
 
-// The web server has a limit of its own, which comes first.
+// The web server has a limit of its own, which is reached first.
 void tst_NwaFcgiWebServer::tenMegabytesOfQueryAreRefused()
 {
     const QByteArray configuration =
@@ -305,7 +305,7 @@ void tst_NwaFcgiWebServer::tooLargeBodyIsAnswered413()
     QCOMPARE(status(text("/test")), 200);
 }
 
-void tst_NwaFcgiWebServer::largeReplyArrivesWhole()
+void tst_NwaFcgiWebServer::largeReplyArrivesCompletely()
 {
     QByteArray document;
     for (int line = 0; document.size() < 5000000; ++line)
@@ -332,7 +332,7 @@ void tst_NwaFcgiWebServer::uploadIsReadWhileItIsSent()
     QCOMPARE(process.readAllStandardOutput(), QByteArray("taken"));
 }
 
-void tst_NwaFcgiWebServer::uploadThatIsRefusedGetsItsReply()
+void tst_NwaFcgiWebServer::refusedUploadGetsItsReply()
 {
     NFcgiTestService service([](NwaFcgiRequest* request) {
         request->sendHttpError(NwaFcgiRequest::Forbidden);
@@ -343,7 +343,7 @@ void tst_NwaFcgiWebServer::uploadThatIsRefusedGetsItsReply()
     QCOMPARE(status(text("/test"), QStringList() << text("-F") << text("file=@") + file), 403);
 }
 
-void tst_NwaFcgiWebServer::formIsTakenApartWhileItIsSent()
+void tst_NwaFcgiWebServer::formIsParsedWhileItIsSent()
 {
     const QString file = m_directory.writeFile(text("upload"), QByteArray(5000000, 'u'));
     QCOMPARE(
@@ -391,7 +391,7 @@ void tst_NwaFcgiWebServer::badFormIsAnswered400()
     QCOMPARE(curl(text("/form"), QStringList() << text("-F") << text("a=b")), QByteArray("a|||1\n"));
 }
 
-void tst_NwaFcgiWebServer::formOfAClientThatGoesHarmsNobody()
+void tst_NwaFcgiWebServer::disconnectionWithinAFormDoesNotAffectOthers()
 {
     const QString file = m_directory.writeFile(text("upload"), QByteArray(5000000, 'u'));
     QProcess process;
@@ -434,8 +434,8 @@ void tst_NwaFcgiWebServer::badJsonIsAnswered400()
     QCOMPARE(curl(text("/json"), sending("[]", "application/json")), QByteArray("[]"));
 }
 
-// The web server does not tell that its client has gone; it takes the reply.
-void tst_NwaFcgiWebServer::clientThatGoesBeforeTheReplyHarmsNobody()
+// The web server does not report that its client has disconnected; it reads the reply.
+void tst_NwaFcgiWebServer::disconnectionBeforeTheReplyDoesNotAffectOthers()
 {
     NFcgiTestService service;
     m_server->registerService(text("/test"), &service);
@@ -450,7 +450,7 @@ void tst_NwaFcgiWebServer::clientThatGoesBeforeTheReplyHarmsNobody()
     QCOMPARE(status(text("/test")), 200);
 }
 
-void tst_NwaFcgiWebServer::clientThatGoesInTheMiddleOfTheReplyHarmsNobody()
+void tst_NwaFcgiWebServer::disconnectionWithinTheReplyDoesNotAffectOthers()
 {
     NFcgiTestService service([](NwaFcgiRequest* request) { NTest::reply(request, QByteArray(15000000, 'r')); });
     m_server->registerService(text("/test"), &service);
@@ -464,7 +464,7 @@ void tst_NwaFcgiWebServer::clientThatGoesInTheMiddleOfTheReplyHarmsNobody()
     QCOMPARE(status(text("/test")), 200);
 }
 
-void tst_NwaFcgiWebServer::remarksComeIntoTheWebServersLog()
+void tst_NwaFcgiWebServer::errorOutputIsWrittenToTheWebServersLog()
 {
     NFcgiTestService service([](NwaFcgiRequest* request) {
         request->errorStream() << "the reason is this";
