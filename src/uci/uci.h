@@ -441,11 +441,18 @@ UCI_EXPORT uint32_t uci_hash_options(struct uci_option** tb, int n_opts);
 /** The first byte after an element. */
 #define uci_dataptr(ptr) (((char*)(ptr)) + sizeof(*(ptr)))
 
+/* C++ compilers can warn about NULL. */
+#if defined(__cplusplus) && __cplusplus >= 201103L
+#define UCI_NULL nullptr
+#else
+#define UCI_NULL NULL
+#endif
+
 /** @return the loaded package @a name, or null. */
 static inline struct uci_package* uci_lookup_package(struct uci_context* ctx, const char* name)
 {
-    struct uci_element* e = NULL;
-    return uci_lookup_next(ctx, &e, &ctx->root, name) == UCI_OK ? uci_to_package(e) : NULL;
+    struct uci_element* e = UCI_NULL;
+    return uci_lookup_next(ctx, &e, &ctx->root, name) == UCI_OK ? uci_to_package(e) : UCI_NULL;
 }
 
 /** @return the section @a name of @a p, or null. */
@@ -456,7 +463,7 @@ uci_lookup_section(struct uci_context* ctx, struct uci_package* p, const char* n
     memset(&ptr, 0, sizeof(ptr));
     ptr.p = p;
     ptr.section = name;
-    return uci_lookup_ptr(ctx, &ptr, NULL, false) == UCI_OK ? ptr.s : NULL;
+    return uci_lookup_ptr(ctx, &ptr, UCI_NULL, false) == UCI_OK ? ptr.s : UCI_NULL;
 }
 
 /** @return the option @a name of @a s, or null. */
@@ -467,7 +474,7 @@ uci_lookup_option(struct uci_context* ctx, struct uci_section* s, const char* na
     memset(&ptr, 0, sizeof(ptr));
     ptr.s = s;
     ptr.option = name;
-    return uci_lookup_ptr(ctx, &ptr, NULL, false) == UCI_OK ? ptr.o : NULL;
+    return uci_lookup_ptr(ctx, &ptr, UCI_NULL, false) == UCI_OK ? ptr.o : UCI_NULL;
 }
 
 /** @return the value of the option @a name of @a s; null if there is none or it is a list. */
@@ -475,8 +482,10 @@ static inline const char*
 uci_lookup_option_string(struct uci_context* ctx, struct uci_section* s, const char* name)
 {
     struct uci_option* o = uci_lookup_option(ctx, s, name);
-    return o && o->type == UCI_TYPE_STRING ? o->v.string : NULL;
+    return o && o->type == UCI_TYPE_STRING ? o->v.string : UCI_NULL;
 }
+
+#undef UCI_NULL
 
 #ifdef __cplusplus
 }
