@@ -15,11 +15,15 @@
 #include <ostream>
 #include <stdlib.h>
 #include <string.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
+
+// More than the kernel takes at once, and within the limit of a reply: further requests have to wait.
+const size_t LargeReply = 250000;
 
 /** Reads the body and answers; for a form, when the client has sent more. */
 class FuzzService : public NwaAbstractFcgiService
@@ -44,6 +48,8 @@ public:
         m_request->outputStream() << "Content-Type: text/plain\r\n\r\n";
         while ((size = m_request->readBody(buffer, sizeof(buffer))) > 0)
             m_request->outputStream().write(buffer, size);
+        if (m_request->variable("REQUEST_METHOD") == "LARGE")
+            m_request->outputStream() << std::string(LargeReply, 'r');
         m_request->errorStream() << "remark";
         delete m_request.data();
     }
