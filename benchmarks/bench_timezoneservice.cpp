@@ -1,10 +1,10 @@
 // The time zone database's web service through lighttpd, with this machine's zones and a session, against a bare
-// libfcgi program that sends the same bytes. Both take turns in short slices, so that what else the machine does
-// falls on both; the time of a case is the median of its slices.
+// libfcgi program that sends the same bytes. Both run alternately in short slices, so that other load on the
+// machine affects both; the time of a case is the median of its slices.
 //
-// Where the kernel puts the processes decides more than what they do, so their processors are chosen: all on one,
-// where the work of all adds up, as on most devices, and the programs on another than the web server and its
-// clients.
+// The kernel's placement of the processes has more influence than their work, so their processors are fixed: all
+// on one, where the work of all adds up, as on most devices; and the programs on another one than the web server
+// and its clients.
 //
 // The counters: requests per second, and the processor time that the program takes for an answer, in microseconds.
 
@@ -191,7 +191,7 @@ public:
 
     ~Comparison() { m_lighttpd.stop(); }
 
-    // Measures both programs, or tells of what was measured when the other was asked for.
+    // Measures both programs, unless that was done for the report of the other one.
     void report(benchmark::State& state, int index, int processor, bool ours)
     {
         if (m_measuredIndex != index || m_measuredProcessor != processor)

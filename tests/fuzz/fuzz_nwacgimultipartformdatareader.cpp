@@ -8,7 +8,7 @@
 
 namespace {
 
-// Everything that the reader gives, as one array.
+// Everything that the reader returns, as one array.
 QByteArray everythingRead(
     const NwaCgiRequest::Variables& variables, const QByteArray& body, int pieceSize, unsigned int readSize)
 {

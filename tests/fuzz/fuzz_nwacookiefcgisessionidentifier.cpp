@@ -9,7 +9,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 
-// The input is the cookies, in which "@" stands for the identifier of a session, and the texts of a header.
+// The input is the cookies, in which "@" is replaced by the identifier of a session, and the texts of a header.
 // Nothing in it may add a line to the header, or find a session that it does not name.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

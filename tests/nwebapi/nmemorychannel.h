@@ -54,7 +54,7 @@ private:
     int m_position;
 };
 
-/** Carries one request to a client that takes the reply only when it is told to. */
+/** Carries one request to a client that takes the reply only on take(). */
 class NSlowChannel : public NMemoryChannel
 {
 public:

@@ -42,7 +42,7 @@ public:
 
     bool atBodyEnd() const override { return !isBroken && m_index == m_pieces.size(); }
 
-    bool isBroken; ///< the body breaks off behind the last piece
+    bool isBroken; ///< the body ends early, after the last piece
 
 private:
     static Variables variablesFor(const QByteArray& contentType)
@@ -217,7 +217,7 @@ private slots:
     void partCountIsLimited();
     void headerSizeIsLimited_data();
     void headerSizeIsLimited();
-    void stateIsToldAtEachStep();
+    void stateIsReportedAtEachStep();
     void argumentsStayWithoutAPart();
     void largeHostileBodyIsReadInLinearTime_data();
     void largeHostileBodyIsReadInLinearTime();
@@ -250,7 +250,7 @@ void tst_NwaCgiMultipartFormDataReader::formMayArriveByteByByte()
 void tst_NwaCgiMultipartFormDataReader::everyCutOfAFormIsAnError()
 {
     const QByteArray form(sampleForm);
-    // Behind the hyphens of the last boundary nothing needs to follow.
+    // Nothing needs to follow the hyphens of the last boundary.
     const int completeSize = form.size() - 2;
     for (int size = 0; size < completeSize; ++size) {
         const QStringList result = partsOf(form.left(size), sampleType);
@@ -546,7 +546,7 @@ void tst_NwaCgiMultipartFormDataReader::headerSizeIsLimited()
     QCOMPARE(parts(reader, 10), QStringList() << text("error: the header of a part is too long"));
 }
 
-void tst_NwaCgiMultipartFormDataReader::stateIsToldAtEachStep()
+void tst_NwaCgiMultipartFormDataReader::stateIsReportedAtEachStep()
 {
     const QByteArray body = field("a", "xy") + "--b--\r\n";
     const int split = body.indexOf("xy") + 1;
@@ -569,7 +569,7 @@ void tst_NwaCgiMultipartFormDataReader::stateIsToldAtEachStep()
     QVERIFY(!reader.atPartEnd());
     QCOMPARE(reader.readFromPart(0), QByteArray());
     QVERIFY(!reader.atPartEnd());
-    // One byte alone may still be followed by what is no boundary; it is not known before the next piece.
+    // Only the next piece shows whether a boundary follows the first byte.
     QByteArray data;
     int waits = 0;
     while (!reader.atPartEnd()) {
@@ -614,7 +614,7 @@ void tst_NwaCgiMultipartFormDataReader::largeHostileBodyIsReadInLinearTime_data(
     }
 }
 
-// 16 MiB take a fraction of a second; were the cost to grow with the square, the test would not come to its end.
+// 16 MiB take a fraction of a second; at a quadratic cost, the test would not finish.
 void tst_NwaCgiMultipartFormDataReader::largeHostileBodyIsReadInLinearTime()
 {
     QFETCH(QByteArray, pattern);
@@ -623,7 +623,7 @@ void tst_NwaCgiMultipartFormDataReader::largeHostileBodyIsReadInLinearTime()
     const QByteArray head =
         isPreamble ? QByteArray() : "--" + boundary + "\r\nContent-Disposition: form-data; name=a\r\n\r\n";
     const qint64 size = 16 * 1024 * 1024;
-    // The pattern is written backwards, so that it is turned round before.
+    // The pattern is written backwards, so it is reversed first.
     QByteArray reversed;
     for (int index = pattern.size(); index > 0; --index)
         reversed.append(pattern.at(index - 1));

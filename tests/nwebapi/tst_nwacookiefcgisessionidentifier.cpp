@@ -40,7 +40,7 @@ private slots:
     void activeRequestKeepsTheSessionAlive();
     void sessionCookieIsProtected_data();
     void sessionCookieIsProtected();
-    void expiredCookieIsForgottenAtOnce();
+    void expiredCookieIsDeletedAtOnce();
     void replyAndRequestFitTogether();
 };
 
@@ -127,7 +127,7 @@ void tst_NwaCookieFcgiSessionIdentifier::otherNameIsUsedWhereItIsGiven()
     QVERIFY(!identifier.identifySession(&other, false));
 }
 
-// The session that has been idle longest makes room for a new one: that shows whose idle time began anew.
+// The session that has been idle for longest makes room for a new one, which shows whose idle time was restarted.
 void tst_NwaCookieFcgiSessionIdentifier::activeRequestKeepsTheSessionAlive()
 {
     const bool passive[] = {true, false};
@@ -178,7 +178,7 @@ void tst_NwaCookieFcgiSessionIdentifier::sessionCookieIsProtected()
                               (isSecure ? "; Secure" : "") + "\r\n\r\n");
 }
 
-void tst_NwaCookieFcgiSessionIdentifier::expiredCookieIsForgottenAtOnce()
+void tst_NwaCookieFcgiSessionIdentifier::expiredCookieIsDeletedAtOnce()
 {
     NwaWebSessionManager manager;
     NMemoryChannel channel;

@@ -238,8 +238,8 @@ void tst_NwaFcgiWebServer::everyMethodArrives_data()
     QTest::addColumn<QByteArray>("expected");
     QTest::newRow("GET") << text("GET") << text("/test") << QByteArray() << QByteArray("GET|||0");
     QTest::newRow("POST") << text("POST") << text("/test/a") << QByteArray("12345") << QByteArray("POST|/a||5");
-    QTest::newRow("POST of much") << text("POST") << text("/test") << QByteArray(1000000, 'b')
-                                  << QByteArray("POST|||1000000");
+    QTest::newRow("large POST") << text("POST") << text("/test") << QByteArray(1000000, 'b')
+                                << QByteArray("POST|||1000000");
     QTest::newRow("PUT") << text("PUT") << text("/test?p=1") << QByteArray("1") << QByteArray("PUT||1|1");
     QTest::newRow("DELETE") << text("DELETE") << text("/test/a/b") << QByteArray() << QByteArray("DELETE|/a/b||0");
     QTest::newRow("other") << text("PATCH") << text("/test") << QByteArray() << QByteArray("PATCH|||0");
@@ -489,7 +489,7 @@ void tst_NwaFcgiWebServer::libfcgisClientIsServed_data()
     QTest::addColumn<QByteArray>("expected");
     QTest::newRow("GET") << text("GET") << QByteArray() << QByteArray("GET|/a||0");
     QTest::newRow("POST") << text("POST") << QByteArray("12345") << QByteArray("POST|/a||5");
-    QTest::newRow("POST of much") << text("POST") << QByteArray(300000, 'b') << QByteArray("POST|/a||300000");
+    QTest::newRow("large POST") << text("POST") << QByteArray(300000, 'b') << QByteArray("POST|/a||300000");
 }
 
 void tst_NwaFcgiWebServer::libfcgisClientIsServed()

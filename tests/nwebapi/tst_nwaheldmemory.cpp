@@ -18,7 +18,7 @@ int residentSize()
     return file.readAll().split(' ').value(1).toInt() * int(::sysconf(_SC_PAGESIZE));
 }
 
-// Uses much memory and frees it, except for a small piece behind each large one.
+// Allocates and frees large blocks, and leaves a small one after each.
 QList<QByteArray> scatteredPieces()
 {
     QList<QByteArray> blocks;
@@ -43,7 +43,7 @@ private slots:
 void tst_NwaHeldMemory::memoryIsReturnedWhenMuchLessIsHeld()
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    // The sanitizers' allocators keep what is freed; the operation must do no harm.
+    // The sanitizers' allocators keep freed memory; the operation must only not fail.
     NwaHeldMemory memory;
     memory.update(32 * Megabyte);
     memory.update(0);

@@ -169,7 +169,7 @@ void tst_NwaJson::wrongDocumentIsRefused_data()
     QTest::newRow("Infinity") << QByteArray("Infinity");
     QTest::newRow("-Infinity") << QByteArray("[-Infinity]");
     QTest::newRow("inf") << QByteArray("inf");
-    QTest::newRow("word goes on") << QByteArray("nullx");
+    QTest::newRow("word with a suffix") << QByteArray("nullx");
     QTest::newRow("form feed is no white space") << QByteArray("\f1");
     QTest::newRow("no-break space is no white space") << QByteArray("\xc2\xa0"
                                                                     "1");
@@ -332,7 +332,7 @@ void tst_NwaJson::numberOfValuesIsLimited_data()
     QTest::newRow("members") << QByteArray("{\"a\":1,\"b\":{\"c\":null}}") << 4;
     QTest::newRow("members of the same name") << QByteArray("{\"\":0,\"\":0,\"\":0}") << 4;
     QTest::newRow("nested") << QByteArray("[[[1]],[[2]]]") << 7;
-    QTest::newRow("as many as nobody forbids") << '[' + QByteArray("0,").repeated(19998) + "0]" << 20000;
+    QTest::newRow("as many as the default allows") << '[' + QByteArray("0,").repeated(19998) + "0]" << 20000;
 }
 
 void tst_NwaJson::numberOfValuesIsLimited()
@@ -499,7 +499,7 @@ void tst_NwaJson::everyCharacterIsReadBackAsItWas()
     QCOMPARE(NwaJson::parse(NwaJson::serialize(object("a", text)), &ok), QVariant(object("a", text)));
     QVERIFY(ok);
 
-    // Half a surrogate pair cannot be written.
+    // An unpaired surrogate cannot be written.
     QString broken = QString::fromLatin1("a");
     broken += QChar(static_cast<ushort>(0xd83d));
     broken += QChar(static_cast<ushort>('b'));

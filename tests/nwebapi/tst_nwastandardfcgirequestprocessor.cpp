@@ -118,7 +118,7 @@ private:
     }
 };
 
-// Counts its ends, and has one more operation, as processors of applications do.
+// Counts its destructions, and has one more operation, as processors of applications do.
 class CountingProcessor : public NamingProcessor
 {
 public:
@@ -135,10 +135,9 @@ private:
     int* m_endCount;
 };
 
-// What a program calls that was compiled earlier: an entry of the table to which the object's first bytes point.
-// In it the operations stand in the order of their declaration, and a destructor takes two entries, of which the
-// second frees the memory as well; each is a function whose first argument is the object (Itanium C++ ABI,
-// section 2.5).
+// What a program that was compiled earlier calls: an entry of the table to which the object's first bytes point.
+// It has the operations in the order of their declaration, and two entries for a destructor, of which the second
+// also frees the memory; each is a function whose first argument is the object (Itanium C++ ABI, section 2.5).
 template <typename Operation> Operation operationAt(int slot, const NwaStandardFcgiRequestProcessor* processor)
 {
     const char* table = nullptr;
@@ -222,7 +221,7 @@ void tst_NwaStandardFcgiRequestProcessor::operationsHaveTheirPlaces_data()
 {
     QTest::addColumn<int>("slot");
     QTest::addColumn<QByteArray>("operation");
-    // The method of the request shows in which place processRequest() is.
+    // The request's method shows that it was processRequest().
     QTest::newRow("processRequest") << 2 << QByteArray("other PATCH");
     QTest::newRow("processGetMethod") << 3 << QByteArray("get");
     QTest::newRow("processPostMethod") << 4 << QByteArray("post");
@@ -242,7 +241,7 @@ void tst_NwaStandardFcgiRequestProcessor::operationsHaveTheirPlaces()
     NwaStandardFcgiRequestProcessor* const processor = new CountingProcessor(&endCount);
     NMemoryChannel channel;
     NwaFcgiRequest* const request = new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", "PATCH"));
-    // Those that take no further argument do not look for it.
+    // Operations with fewer parameters ignore the last argument.
     operationAt<Operation>(slot, processor)(processor, request, QString::fromLatin1("argument"));
     QCOMPARE(channel.output, jsonHeader + ('"' + operation + '"'));
     QCOMPARE(endCount, 0);

@@ -52,7 +52,7 @@ template <typename Condition> bool holdsInChildProcess(Condition condition)
     return child > 0 && waitpid(child, &status, 0) == child && status == 0;
 }
 
-// Counts the sessions that end, and does something about it.
+// Counts the sessions that end, and reacts to each.
 class Observer : public QObject
 {
     Q_OBJECT
@@ -121,7 +121,7 @@ private slots:
     void sessionKnowsItsUser();
     void endIsAnnouncedWhileTheSessionIsThere();
     void unknownSessionIsNotRemoved();
-    void oneMoreEndsTheOneIdleLongest();
+    void oneMoreEndsTheOneIdleForLongest();
     void smallerLimitTakesEffectWithTheNextSession();
     void idleSessionExpires();
     void sessionThatIsKeptAliveOutlivesAnother();
@@ -249,7 +249,7 @@ void tst_NwaWebSessionManager::unknownSessionIsNotRemoved()
     QCOMPARE(manager.sessionCount(), 1);
 }
 
-void tst_NwaWebSessionManager::oneMoreEndsTheOneIdleLongest()
+void tst_NwaWebSessionManager::oneMoreEndsTheOneIdleForLongest()
 {
     NwaWebSessionManager manager;
     manager.setMaximumSessionCount(3);
@@ -317,7 +317,7 @@ void tst_NwaWebSessionManager::expiredSessionIsGoneEvenBeforeItIsRemoved()
     manager.setIdleTimeout(1);
     NwaWebSession* session = manager.createSession();
     const QUuid id = session->id();
-    // The event loop stands still, as it does while a program is busy.
+    // The event loop does not run, as in a busy program.
     while (manager.session(id)) {
     }
     QCOMPARE(manager.sessionCount(), 1);

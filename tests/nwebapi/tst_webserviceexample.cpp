@@ -77,7 +77,7 @@ void tst_WebServiceExample::cleanupTestCase()
     QVERIFY(m_program.waitForFinished());
 }
 
-// Runs a command of the guide. Returns the reply's body, and the status in a line of its own.
+// Runs a command of the guide. Returns the reply's body, and the status on a separate line.
 QByteArray tst_WebServiceExample::run(const QByteArray& command)
 {
     QByteArray complete = command;
@@ -120,7 +120,7 @@ void tst_WebServiceExample::wrongLoginIsRefused_data()
     QTest::newRow("JSON 100,000 deep") << QByteArray(100000, '[') << 400;
     QTest::newRow("longest name") << loginAs(QByteArray(64, 'n'), "demo") << 401;
     QTest::newRow("name too long") << loginAs(QByteArray(65, 'n'), "demo") << 400;
-    QTest::newRow("name of much") << loginAs(QByteArray(1000000, 'n'), "demo") << 400;
+    QTest::newRow("huge name") << loginAs(QByteArray(1000000, 'n'), "demo") << 400;
     QTest::newRow("document too large") << loginAs(QByteArray(2000000, 'n'), "demo") << 413;
 }
 
@@ -131,7 +131,7 @@ void tst_WebServiceExample::wrongLoginIsRefused()
     const QByteArray reply = send("-i -H 'Expect:'", "/api/login", body);
     QVERIFY2(reply.endsWith('\n' + QByteArray::number(status)), reply.constData());
     QVERIFY(!reply.contains("Set-Cookie"));
-    // A challenge that makes no browser ask for a password by itself.
+    // A challenge for which no browser asks for a password.
     QCOMPARE(reply.count("\r\nWWW-Authenticate: Cookie\r\n"), status == 401 ? 1 : 0);
     QCOMPARE(run(m_commands.at(0)), QByteArray("{}\n200"));
 }

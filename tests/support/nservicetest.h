@@ -11,7 +11,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QScopedPointer>
 
-/** Finds the one session that it was made with, or none. */
+/** Finds the session that it was constructed with, or none. */
 class NFixedSession : public NwaAbstractFcgiSessionIdentifier
 {
 public:
@@ -23,7 +23,7 @@ public:
     bool wasPassive;
 };
 
-/** What a refusing processor has been through. */
+/** What happened to a refusing processor. */
 struct NRefusal
 {
     NRefusal()
@@ -60,9 +60,9 @@ private:
 };
 
 /**
- * The base of the tests of read-only web services. It brings a session and the requests, and tests what all of
- * these services have in common; a test derived from it has these tests as well. Its init() comes first in that of
- * the derived test.
+ * The base of the tests of read-only web services. It provides a session and the requests, and tests what all of
+ * these services have in common; a derived test inherits these tests. The derived test's init() calls init()
+ * first.
  */
 class NServiceTest : public QObject
 {
@@ -77,13 +77,13 @@ protected:
     /** The service for session(), serving what the test has made. */
     virtual NwaStandardFcgiService* newService() = 0;
 
-    /** The same with a processor that is given to it and refuses every session. */
+    /** The same with a processor of its own that refuses every session. */
     virtual NwaStandardFcgiService* newRefusingService(NRefusal* refusal, QObject* parent) = 0;
 
-    /** Queries for whatever the service can be asked for. */
+    /** A query for each document of the service. */
     virtual QList<QByteArray> queries() const;
 
-    /** Has a new service answer; what it answers is in channel(). */
+    /** Passes a request to a new service; the reply is in channel(). */
     void process(const QByteArray& query = QByteArray(), const QByteArray& method = "GET");
     void processWith(
         NwaStandardFcgiService& service, const QByteArray& query = QByteArray(), const QByteArray& method = "GET");

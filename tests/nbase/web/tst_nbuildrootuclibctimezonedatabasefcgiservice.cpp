@@ -33,7 +33,7 @@ QString text(const char* latin1)
     return QString::fromLatin1(latin1);
 }
 
-// The text of the environment variable TZ; null takes it away.
+// Sets the environment variable TZ; null removes it.
 void setTimeZone(const QByteArray& zone)
 {
     if (zone.isNull())
@@ -222,7 +222,7 @@ void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::contentDocumentHoldsTheReg
     QCOMPARE(towns.value(text("Old_Town")).toMap().value(text("townName")).toString(), text("Old Town"));
 }
 
-// In a zone of its own, because the machine's may well be that of Greenwich.
+// In a zone other than UTC, which may be the machine's.
 void tst_NBuildrootUclibcTimeZoneDatabaseFcgiService::informationIsVersionAndLocalTime()
 {
     setTimeZone("IST-5:30");

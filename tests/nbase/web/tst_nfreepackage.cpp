@@ -45,9 +45,9 @@ private slots:
     void contentKeepsAllBytes();
     void unknownNameHasNoContent();
     void missingFileHasNoContent();
-    void whatIsNoRegularFileHasNoContent();
+    void onlyRegularFilesHaveContent();
     void whatMayNotBeReadHasNoContent();
-    void fileElsewhereIsTheApplicationsOwnAffair();
+    void applicationMayNameFilesElsewhere();
     void onlyFilesInsideTheFolderAreRead_data();
     void onlyFilesInsideTheFolderAreRead();
 
@@ -122,7 +122,7 @@ void tst_NFreePackage::missingFileHasNoContent()
     QCOMPARE(contentOf(text("/usr/share/free_packages/licenses/pkg-1.0/missing")), QByteArray());
 }
 
-void tst_NFreePackage::whatIsNoRegularFileHasNoContent()
+void tst_NFreePackage::onlyRegularFilesHaveContent()
 {
     const QString pipe = m_outside.filePath(text("pipe"));
     QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
@@ -139,7 +139,7 @@ void tst_NFreePackage::whatMayNotBeReadHasNoContent()
     QCOMPARE(contentOf(path), QByteArray());
 }
 
-void tst_NFreePackage::fileElsewhereIsTheApplicationsOwnAffair()
+void tst_NFreePackage::applicationMayNameFilesElsewhere()
 {
     QCOMPARE(contentOf(m_outside.filePath(text("secret"))), QByteArray("secret\n"));
 }

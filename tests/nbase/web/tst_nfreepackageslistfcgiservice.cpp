@@ -166,7 +166,7 @@ void tst_NFreePackagesListFcgiService::load(const QByteArray& records)
     m_list.reset(new NFreePackagesList(nullptr));
 }
 
-// A package whose document is far more than what is written at once.
+// A package whose document is much larger than what is written at a time.
 void tst_NFreePackagesListFcgiService::loadLongText()
 {
     m_folder->writeFile(text("licenses/p-1.0/COPYING"), QByteArray(LongTextSize, 'x'));
@@ -433,11 +433,13 @@ void tst_NFreePackagesListFcgiService::clientsThatDoNotReadHoldLittleMemory()
         for (int index = 0; index < clientCount; ++index) {
             clients.emplace_back(new SilentClient(socket));
             QVERIFY(clients.back()->isConnected());
-            NTRY_COMPARE(server.connectionCount(), index + 1);
+            // A queue of connections that is full would block the next client, which is in the same thread.
+            if (index % 64 == 63)
+                NTRY_COMPARE(server.connectionCount(), index + 1);
         }
         for (const std::unique_ptr<SilentClient>& client : clients)
             NTRY_VERIFY(client->unreadSize() > kernelSize);
-        // The kernel has taken what it takes when nothing more is allocated from one look to the next.
+        // The replies have stopped when the allocated size no longer changes.
         qint64 allocated = -1;
         QVERIFY(NTest::waitUntil([&]() {
             const qint64 formerly = allocated;
@@ -445,7 +447,7 @@ void tst_NFreePackagesListFcgiService::clientsThatDoNotReadHoldLittleMemory()
             return allocated == formerly;
         }));
         const int growth = residentSize() - residentBefore;
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take memory of their own
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they use additional memory
         QVERIFY2(growth < 24 * 1024, QByteArray::number(growth).constData());
 #endif
     }
@@ -494,7 +496,7 @@ void tst_NFreePackagesListFcgiService::twoHundredMegabytesGoThroughTheWebServerI
         text("curl"), QStringList() << text("--noproxy") << text("*") << text("-sS") << text("-o")
                                     << text("/dev/null") << text("-w") << text("%{http_code} %{size_download}")
                                     << webServer.url(text("/api/packages")));
-    // Under a sanitizer, on a busy machine, this takes its time.
+    // Slow under a sanitizer on a busy machine.
     const int minutes = 4;
     QVERIFY(NTest::waitUntil(
         [&]() { return client.state() == QProcess::NotRunning && client.bytesAvailable() > 0; }, minutes * 60000));
@@ -503,7 +505,7 @@ void tst_NFreePackagesListFcgiService::twoHundredMegabytesGoThroughTheWebServerI
     QCOMPARE(figures.value(0), QByteArray("200"));
     QVERIFY(figures.value(1).toLongLong() > qint64(packages) * textSize);
     QCOMPARE(server.connectionCount(), 0);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take memory of their own
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they use additional memory
     QVERIFY(after.ru_maxrss - before.ru_maxrss < 16 * 1024);
 #endif
 }
