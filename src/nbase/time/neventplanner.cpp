@@ -29,7 +29,6 @@ void registerCalendarEventType()
 NEventPlanner::NPeriodicEvent::NPeriodicEvent(const QSet<Qt::DayOfWeek>& days, const QTime& time)
     : days(days)
     , time(startOfMinute(time))
-    , m_registration(0)
 {
 }
 
@@ -38,8 +37,6 @@ NEventPlanner::NPeriodicTimeSlot::NPeriodicTimeSlot(
     : days(days)
     , startTime(startOfMinute(startTime))
     , endTime(startOfMinute(endTime))
-    , m_registration(0)
-    , m_evaluation(0)
 {
 }
 

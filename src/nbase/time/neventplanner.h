@@ -49,7 +49,10 @@ public:
         NewYear    ///< another year
     };
 
-    /** A time of the day on some days of the week. Read it freely; change it by modifyRegisteredPeriodicEvent().
+    /**
+     * A time of the day on some days of the week. modifyRegisteredPeriodicEvent() changes it. Days and time may
+     * also be assigned directly, which takes effect at the next minute; an event whose time has seconds is never
+     * due.
      */
     class NBASE_EXPORT NPeriodicEvent
     {
@@ -60,17 +63,12 @@ public:
 
         QSet<Qt::DayOfWeek> days; ///< on which it is due
         QTime time;               ///< at which minute it is due, in local time
-
-    private:
-        friend class NEventPlannerSingleton;
-
-        quint64 m_registration; // 0 until registered
     };
 
     /**
      * A span of time that begins on some days of the week. It ends on the next day when its end is not after its
-     * start; with both equal it lasts 24 hours. The end does not belong to it. Read it freely; change it by
-     * modifyRegisteredPeriodicTimeSlot().
+     * start; with both equal it lasts 24 hours. The end does not belong to it. modifyRegisteredPeriodicTimeSlot()
+     * changes it at once. Days and times may also be assigned directly, which takes effect at the next minute.
      */
     class NBASE_EXPORT NPeriodicTimeSlot
     {
@@ -85,12 +83,6 @@ public:
         QSet<Qt::DayOfWeek> days; ///< on which it starts
         QTime startTime;          ///< its first minute, in local time
         QTime endTime;            ///< the minute after its last one, in local time
-
-    private:
-        friend class NEventPlannerSingleton;
-
-        quint64 m_registration; // 0 until registered
-        quint64 m_evaluation;   // when its state was last made what its times say
     };
 
     /** A planner with nothing registered. */

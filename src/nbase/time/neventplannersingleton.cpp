@@ -4,7 +4,6 @@
 #include <nbase/nbaseqtcompat_p.h>
 
 #include <QtCore/QList>
-#include <QtCore/QMap>
 #include <QtCore/QPair>
 #include <QtCore/QPointer>
 #include <QtCore/QVector>
@@ -25,14 +24,6 @@ bool isSameMinute(const QDateTime& one, const QDateTime& other)
            one.time().minute() == other.time().minute();
 }
 
-// Whether the clock on the wall has gone on by one minute, at midnight to the next day.
-bool isNextMinute(const QDateTime& previous, const QDateTime& now)
-{
-    const QTime following = previous.time().addSecs(SecondsPerMinute);
-    const int days = following < previous.time() ? 1 : 0;
-    return now.time() == following && now.date() == previous.date().addDays(days);
-}
-
 Qt::DayOfWeek dayOfWeek(const QDateTime& dateTime)
 {
     return Qt::DayOfWeek(dateTime.date().dayOfWeek());
@@ -43,7 +34,28 @@ bool isDue(const NEventPlanner::NPeriodicEvent* event, const QTime& time, Qt::Da
     return event->time == time && event->days.contains(day);
 }
 
-// The entry of a planner goes when its set is empty. The result is whether the entry was there.
+// Whether local time has advanced by one minute, at midnight to the next day.
+bool isNextMinute(const QDateTime& previous, const QDateTime& now)
+{
+    const QTime following = previous.time().addSecs(SecondsPerMinute);
+    const int days = following < previous.time() ? 1 : 0;
+    return now.time() == following && now.date() == previous.date().addDays(days);
+}
+
+bool isActive(const NEventPlanner::NPeriodicTimeSlot& slot, const QTime& time, Qt::DayOfWeek day)
+{
+    if (!slot.startTime.isValid() || !slot.endTime.isValid())
+        return false;
+    if (slot.startTime < slot.endTime)
+        return slot.startTime <= time && time < slot.endTime && slot.days.contains(day);
+
+    // It continues after midnight.
+    if (time >= slot.startTime && slot.days.contains(day))
+        return true;
+    return time < slot.endTime && slot.days.contains(NQtNamespaceUtilities::previousDayOfWeek(day));
+}
+
+// The entry of a planner is removed when its set is empty. Returns whether the entry was there.
 template <typename Entry>
 bool removeEntry(QHash<NEventPlanner*, QSet<Entry>>* entries, NEventPlanner* planner, const Entry& entry)
 {
@@ -64,33 +76,63 @@ bool hasEntry(const QHash<NEventPlanner*, QSet<Entry>>& entries, NEventPlanner* 
 
 } // namespace
 
-// What was found to be due in a minute, in the order in which it is reported. Until its turn comes an entry may be
-// unregistered, and another one be registered at the same address; a registration that is newer than the minute
-// does not count.
+// A slot together with its values at the time its state was last computed. Applications change the public values
+// through their pointers, which only a comparison detects.
+struct NEventPlannerSingleton::RegisteredTimeSlot : public NEventPlanner::NPeriodicTimeSlot
+{
+    RegisteredTimeSlot(const QSet<Qt::DayOfWeek>& days, const QTime& startTime, const QTime& endTime)
+        : NPeriodicTimeSlot(days, startTime, endTime)
+        , evaluated(*this)
+    {
+    }
+
+    bool isUnchanged() const
+    {
+        return startTime == evaluated.startTime && endTime == evaluated.endTime && days == evaluated.days;
+    }
+
+    bool evaluate(const QTime& time, Qt::DayOfWeek day)
+    {
+        if (!isUnchanged())
+            evaluated = NPeriodicTimeSlot(days, startTime, endTime);
+        return isActive(*this, time, day);
+    }
+
+    // Has no seconds. A slot whose public values have seconds therefore counts as changed in every minute.
+    NPeriodicTimeSlot evaluated;
+};
+
+// What is due in a minute, in the order in which it is reported. Before it is reported, an entry may be
+// unregistered and another one registered at the same address.
 struct NEventPlannerSingleton::DueMinute
 {
     QDateTime start;
-    quint64 newestRegistration;
     QVector<QPair<NEventPlanner*, PeriodicEvent*>> events;
-    QVector<QPair<NEventPlanner*, PeriodicTimeSlot*>> timeSlots;
+    QVector<QPair<NEventPlanner*, RegisteredTimeSlot*>> timeSlots;
     QList<NEventPlanner*> planners;
     QVector<NEventPlanner::CalendarEvent> calendarEvents; // for each of the planners
     int reportedEvents;
     int reportedTimeSlots;
     int reportedPlanners;
     int reportedCalendarEvents; // of the next planner
+
+    // Registered since the minute was processed, or in the case of slots modified. The minute does not report
+    // them.
+    QSet<PeriodicEvent*> newEvents;
+    QSet<PeriodicTimeSlot*> newTimeSlots;
+    QSet<QPair<NEventPlanner*, int>> newCalendarEvents;
 };
 
-// One signal about an event or a time slot, while it is being emitted. One that is unregistered meanwhile is
+// A signal about an event or a time slot that is being emitted. An object that is unregistered meanwhile is
 // deleted at the end of the outermost signal about it, because further receivers may still read it.
 class NEventPlannerSingleton::Report
 {
 public:
-    Report(NEventPlannerSingleton* singleton, PeriodicEvent* event, PeriodicTimeSlot* timeSlot);
+    Report(NEventPlannerSingleton* singleton, PeriodicEvent* event, RegisteredTimeSlot* timeSlot);
     ~Report();
 
     bool isAbout(const PeriodicEvent* event) const { return m_event == event; }
-    bool isAbout(const PeriodicTimeSlot* timeSlot) const { return m_timeSlot == timeSlot; }
+    bool isAbout(const RegisteredTimeSlot* timeSlot) const { return m_timeSlot == timeSlot; }
     bool isUnregistered() const { return m_unregistered; }
     void setUnregistered() { m_unregistered = true; }
     Report* outer() const { return m_outer; }
@@ -100,23 +142,22 @@ private:
 
     const QPointer<NEventPlannerSingleton> m_singleton;
     PeriodicEvent* const m_event;
-    PeriodicTimeSlot* const m_timeSlot;
+    RegisteredTimeSlot* const m_timeSlot;
     Report* const m_outer;
     bool m_unregistered;
 };
 
-// What keeps reporting right while the receivers of a signal change things or run an event loop.
+// Keeps reporting consistent while the receivers of a signal register, unregister or run an event loop.
 class NEventPlannerSingleton::Reporting
 {
 public:
     Reporting()
         : innermost(nullptr)
-        , registrations(0)
         , closing(false)
     {
     }
 
-    // Deletes an object that is not registered any more, now or at the end of the signal about it.
+    // Deletes an object that is no longer registered: now, or at the end of the outermost signal about it.
     template <typename Object> void dispose(Object* object)
     {
         Report* outermost = nullptr;
@@ -130,17 +171,41 @@ public:
             delete object;
     }
 
+    void noteNew(PeriodicEvent* event)
+    {
+        for (DueMinute& minute : dueMinutes)
+            minute.newEvents.insert(event);
+    }
+
+    void noteNew(PeriodicTimeSlot* slot)
+    {
+        noteModified(slot);
+        for (QSet<PeriodicTimeSlot*>* newTimeSlots : newDuringRemoval)
+            newTimeSlots->insert(slot);
+    }
+
+    void noteModified(PeriodicTimeSlot* slot)
+    {
+        for (DueMinute& minute : dueMinutes)
+            minute.newTimeSlots.insert(slot);
+    }
+
+    void noteNew(NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent)
+    {
+        for (DueMinute& minute : dueMinutes)
+            minute.newCalendarEvents.insert(qMakePair(planner, int(calendarEvent)));
+    }
+
     QList<DueMinute> dueMinutes; // not yet reported completely, the oldest first
+    // The slots registered since all slots of a planner began to be unregistered; one set for each such call.
+    QList<QSet<PeriodicTimeSlot*>*> newDuringRemoval;
     Report* innermost;
-    quint64 registrations; // counts registrations, and modifications of time slots
-    // The numbers of those that were made while something was left to be reported.
-    QMap<QPair<NEventPlanner*, int>, quint64> calendarEventRegistrations;
     QSet<NEventPlanner*> plannersBeingDeleted;
     bool closing;
 };
 
 NEventPlannerSingleton::Report::Report(
-    NEventPlannerSingleton* singleton, PeriodicEvent* event, PeriodicTimeSlot* timeSlot)
+    NEventPlannerSingleton* singleton, PeriodicEvent* event, RegisteredTimeSlot* timeSlot)
     : m_singleton(singleton)
     , m_event(event)
     , m_timeSlot(timeSlot)
@@ -187,7 +252,7 @@ NEventPlanner::NPeriodicEvent* NEventPlannerSingleton::registerPeriodicEvent(
     if (!canRegister(planner))
         return nullptr;
     PeriodicEvent* const event = new PeriodicEvent(days, time);
-    event->m_registration = ++m_reporting->registrations;
+    m_reporting->noteNew(event);
     m_periodicEvents[planner].insert(event);
     return event;
 }
@@ -221,9 +286,8 @@ NEventPlanner::NPeriodicTimeSlot* NEventPlannerSingleton::registerPeriodicTimeSl
 {
     if (!canRegister(planner))
         return nullptr;
-    PeriodicTimeSlot* const slot = new PeriodicTimeSlot(days, startTime, endTime);
-    slot->m_registration = ++m_reporting->registrations;
-    slot->m_evaluation = slot->m_registration;
+    RegisteredTimeSlot* const slot = new RegisteredTimeSlot(days, startTime, endTime);
+    m_reporting->noteNew(slot);
     m_periodicTimeSlots[planner].insert(slot);
     const bool active = isDateTimeInActivityPeriodOfPeriodicTimeSlot(m_lastProcessedMinute, slot);
     m_periodicTimeSlotStates.insert(slot, active);
@@ -245,10 +309,8 @@ bool NEventPlannerSingleton::modifyRegisteredPeriodicTimeSlot(
     slot->days = modified.days;
     slot->startTime = modified.startTime;
     slot->endTime = modified.endTime;
-    slot->m_evaluation = ++m_reporting->registrations;
-    const bool active = isDateTimeInActivityPeriodOfPeriodicTimeSlot(m_lastProcessedMinute, slot);
-    if (active != m_periodicTimeSlotStates.value(slot))
-        setActive(planner, slot, active);
+    m_reporting->noteModified(slot);
+    updateState(planner, static_cast<RegisteredTimeSlot*>(slot), m_lastProcessedMinute);
     return true;
 }
 
@@ -260,16 +322,19 @@ void NEventPlannerSingleton::unregisterPeriodicTimeSlot(
         return;
     }
 
-    // The receivers of the signals may unregister further slots and register new ones; those stay.
+    // The receivers of the signals may unregister further slots and register new ones, also at the same addresses.
+    // New ones stay.
     const QPointer<NEventPlannerSingleton> self(this);
-    const quint64 newestRegistration = m_reporting->registrations;
+    QSet<PeriodicTimeSlot*> newTimeSlots;
+    m_reporting->newDuringRemoval.append(&newTimeSlots);
     const QSet<PeriodicTimeSlot*> registered = m_periodicTimeSlots.value(planner);
     for (QSet<PeriodicTimeSlot*>::const_iterator it = registered.constBegin(); it != registered.constEnd(); ++it) {
+        if (hasEntry(m_periodicTimeSlots, planner, *it) && !newTimeSlots.contains(*it))
+            removePeriodicTimeSlot(planner, *it);
         if (!self)
             return;
-        if (hasEntry(m_periodicTimeSlots, planner, *it) && (*it)->m_registration <= newestRegistration)
-            removePeriodicTimeSlot(planner, *it);
     }
+    m_reporting->newDuringRemoval.removeLast();
 }
 
 bool NEventPlannerSingleton::isPeriodicTimeSlotCurrentlyActive(
@@ -284,10 +349,7 @@ void NEventPlannerSingleton::registerCalendarEvent(
     if (!canRegister(planner) || hasEntry(m_calendarEvents, planner, calendarEvent))
         return;
     m_calendarEvents[planner].insert(calendarEvent);
-    ++m_reporting->registrations;
-    if (!m_reporting->dueMinutes.isEmpty())
-        m_reporting->calendarEventRegistrations.insert(
-            qMakePair(planner, int(calendarEvent)), m_reporting->registrations);
+    m_reporting->noteNew(planner, calendarEvent);
 }
 
 void NEventPlannerSingleton::unregisterCalendarEvent(
@@ -334,17 +396,7 @@ QDateTime NEventPlannerSingleton::currentMinuteStartingDateTime(qint64* end)
 bool NEventPlannerSingleton::isDateTimeInActivityPeriodOfPeriodicTimeSlot(
     const QDateTime& dateTime, NEventPlanner::NPeriodicTimeSlot* slot)
 {
-    const QTime time = dateTime.time();
-    const Qt::DayOfWeek day = dayOfWeek(dateTime);
-    if (!slot->startTime.isValid() || !slot->endTime.isValid())
-        return false;
-    if (slot->startTime < slot->endTime)
-        return slot->startTime <= time && time < slot->endTime && slot->days.contains(day);
-
-    // It goes on after midnight.
-    if (time >= slot->startTime && slot->days.contains(day))
-        return true;
-    return time < slot->endTime && slot->days.contains(NQtNamespaceUtilities::previousDayOfWeek(day));
+    return isActive(*slot, dateTime.time(), dayOfWeek(dateTime));
 }
 
 void NEventPlannerSingleton::processNewMinute(const QDateTime& now)
@@ -355,7 +407,6 @@ void NEventPlannerSingleton::processNewMinute(const QDateTime& now)
 
     DueMinute minute = DueMinute();
     minute.start = now;
-    minute.newestRegistration = m_reporting->registrations;
     findDuePeriodicEvents(&minute);
     findDuePeriodicTimeSlots(&minute, previous);
     findDueCalendarEvents(&minute, previous);
@@ -385,30 +436,26 @@ void NEventPlannerSingleton::findDuePeriodicEvents(DueMinute* minute) const
     }
 }
 
-// A slot changes at its start and its end only, so when nothing but a minute has passed no others need be looked
-// up.
+// When the minute follows the previous one, a slot that was not changed can only start or end at its own times, so
+// the states of all others need not be computed. While an older minute is not reported completely, any state may
+// still change before this minute is reported.
 void NEventPlannerSingleton::findDuePeriodicTimeSlots(DueMinute* minute, const QDateTime& previous) const
 {
     const QTime time = minute->start.time();
-    const bool isNext = isNextMinute(previous, minute->start);
+    const Qt::DayOfWeek day = dayOfWeek(minute->start);
+    const bool isPending = !m_reporting->dueMinutes.isEmpty();
+    const bool isNext = !isPending && isNextMinute(previous, minute->start);
     QHash<NEventPlanner*, QSet<PeriodicTimeSlot*>>::const_iterator timeSlots = m_periodicTimeSlots.constBegin();
     for (; timeSlots != m_periodicTimeSlots.constEnd(); ++timeSlots) {
         QSet<PeriodicTimeSlot*>::const_iterator it = timeSlots.value().constBegin();
         for (; it != timeSlots.value().constEnd(); ++it) {
-            const bool mayChange =
-                isNext ? (*it)->startTime == time || (*it)->endTime == time : mayChangeAt(minute->start, *it);
-            if (mayChange)
-                minute->timeSlots.append(qMakePair(timeSlots.key(), *it));
+            RegisteredTimeSlot* const slot = static_cast<RegisteredTimeSlot*>(*it);
+            if (isNext && slot->startTime != time && slot->endTime != time && slot->isUnchanged())
+                continue;
+            if (isPending || slot->evaluate(time, day) != m_periodicTimeSlotStates.value(slot))
+                minute->timeSlots.append(qMakePair(timeSlots.key(), slot));
         }
     }
-}
-
-// States may be out of date as long as an older minute is not reported completely.
-bool NEventPlannerSingleton::mayChangeAt(const QDateTime& minute, PeriodicTimeSlot* slot) const
-{
-    if (!m_reporting->dueMinutes.isEmpty())
-        return true;
-    return m_periodicTimeSlotStates.value(slot) != isDateTimeInActivityPeriodOfPeriodicTimeSlot(minute, slot);
 }
 
 void NEventPlannerSingleton::findDueCalendarEvents(DueMinute* minute, const QDateTime& previous) const
@@ -436,7 +483,6 @@ void NEventPlannerSingleton::reportDueMinutes()
         if (!self)
             return;
     }
-    m_reporting->calendarEventRegistrations.clear();
 }
 
 // The minute is used before its entry is reported only: it may be gone afterwards.
@@ -448,7 +494,7 @@ bool NEventPlannerSingleton::reportNext(DueMinute* minute)
         return true;
     }
     if (minute->reportedTimeSlots < minute->timeSlots.size()) {
-        const QPair<NEventPlanner*, PeriodicTimeSlot*> due = minute->timeSlots.at(minute->reportedTimeSlots++);
+        const QPair<NEventPlanner*, RegisteredTimeSlot*> due = minute->timeSlots.at(minute->reportedTimeSlots++);
         reportPeriodicTimeSlot(*minute, due.first, due.second);
         return true;
     }
@@ -468,7 +514,7 @@ bool NEventPlannerSingleton::reportNext(DueMinute* minute)
 void NEventPlannerSingleton::reportPeriodicEvent(
     const DueMinute& minute, NEventPlanner* planner, PeriodicEvent* event)
 {
-    if (!hasEntry(m_periodicEvents, planner, event) || event->m_registration > minute.newestRegistration)
+    if (!hasEntry(m_periodicEvents, planner, event) || minute.newEvents.contains(event))
         return;
     if (!isDue(event, minute.start.time(), dayOfWeek(minute.start)))
         return;
@@ -477,28 +523,27 @@ void NEventPlannerSingleton::reportPeriodicEvent(
 }
 
 void NEventPlannerSingleton::reportPeriodicTimeSlot(
-    const DueMinute& minute, NEventPlanner* planner, PeriodicTimeSlot* slot)
+    const DueMinute& minute, NEventPlanner* planner, RegisteredTimeSlot* slot)
 {
-    if (!hasEntry(m_periodicTimeSlots, planner, slot) || slot->m_evaluation > minute.newestRegistration)
+    if (!hasEntry<PeriodicTimeSlot*>(m_periodicTimeSlots, planner, slot) || minute.newTimeSlots.contains(slot))
         return;
-    const bool active = isDateTimeInActivityPeriodOfPeriodicTimeSlot(minute.start, slot);
-    if (active != m_periodicTimeSlotStates.value(slot))
-        setActive(planner, slot, active);
+    updateState(planner, slot, minute.start);
 }
 
 void NEventPlannerSingleton::reportCalendarEvent(
     const DueMinute& minute, NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent)
 {
-    if (!hasEntry(m_calendarEvents, planner, calendarEvent))
+    if (!hasEntry(m_calendarEvents, planner, calendarEvent) ||
+        minute.newCalendarEvents.contains(qMakePair(planner, int(calendarEvent))))
         return;
-    const quint64 registration =
-        m_reporting->calendarEventRegistrations.value(qMakePair(planner, int(calendarEvent)));
-    if (registration <= minute.newestRegistration)
-        emit planner->calendarEventTriggered(calendarEvent);
+    emit planner->calendarEventTriggered(calendarEvent);
 }
 
-void NEventPlannerSingleton::setActive(NEventPlanner* planner, PeriodicTimeSlot* slot, bool active)
+void NEventPlannerSingleton::updateState(NEventPlanner* planner, RegisteredTimeSlot* slot, const QDateTime& minute)
 {
+    const bool active = slot->evaluate(minute.time(), dayOfWeek(minute));
+    if (active == m_periodicTimeSlotStates.value(slot))
+        return;
     m_periodicTimeSlotStates.insert(slot, active);
     const Report report(this, nullptr, slot);
     if (active)
@@ -512,12 +557,13 @@ void NEventPlannerSingleton::removePeriodicTimeSlot(NEventPlanner* planner, Peri
 {
     if (!removeEntry(&m_periodicTimeSlots, planner, slot))
         return;
+    RegisteredTimeSlot* const removed = static_cast<RegisteredTimeSlot*>(slot);
     if (!m_periodicTimeSlotStates.take(slot)) {
-        m_reporting->dispose(slot);
+        m_reporting->dispose(removed);
         return;
     }
-    const Report report(this, nullptr, slot);
-    m_reporting->dispose(slot);
+    const Report report(this, nullptr, removed);
+    m_reporting->dispose(removed);
     emit planner->periodicTimeSlotEnded(slot);
 }
 

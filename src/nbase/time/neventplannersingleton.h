@@ -85,6 +85,7 @@ private:
     class Report;
     class Reporting;
     struct DueMinute;
+    struct RegisteredTimeSlot;
 
     static QDateTime currentMinuteStartingDateTime(qint64* end);
     static bool isDateTimeInActivityPeriodOfPeriodicTimeSlot(
@@ -95,16 +96,15 @@ private:
 
     void findDuePeriodicEvents(DueMinute* minute) const;
     void findDuePeriodicTimeSlots(DueMinute* minute, const QDateTime& previous) const;
-    bool mayChangeAt(const QDateTime& minute, PeriodicTimeSlot* slot) const;
     void findDueCalendarEvents(DueMinute* minute, const QDateTime& previous) const;
     void reportDueMinutes();
     bool reportNext(DueMinute* minute);
     void reportPeriodicEvent(const DueMinute& minute, NEventPlanner* planner, PeriodicEvent* event);
-    void reportPeriodicTimeSlot(const DueMinute& minute, NEventPlanner* planner, PeriodicTimeSlot* slot);
+    void reportPeriodicTimeSlot(const DueMinute& minute, NEventPlanner* planner, RegisteredTimeSlot* slot);
     void reportCalendarEvent(
         const DueMinute& minute, NEventPlanner* planner, NEventPlanner::CalendarEvent calendarEvent);
 
-    void setActive(NEventPlanner* planner, PeriodicTimeSlot* slot, bool active);
+    void updateState(NEventPlanner* planner, RegisteredTimeSlot* slot, const QDateTime& minute);
     void removePeriodicTimeSlot(NEventPlanner* planner, PeriodicTimeSlot* slot);
     static void forgetPlanner(NEventPlanner* planner);
     void unregisterPlanner(NEventPlanner* planner);

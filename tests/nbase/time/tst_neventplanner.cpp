@@ -54,18 +54,24 @@ private slots:
     void modifiedEventIsReportedAtItsNewTime();
     void eventOfAnotherPlannerIsLeftAlone();
     void unregisteredEventIsNotReported();
+    void changeThroughThePointerOfAnEventCountsFromTheNextMinute();
 
     void slotIsActiveInItsPeriod_data();
     void slotIsActiveInItsPeriod();
     void slotStartsAndEndsOnce();
     void slotThatIsActiveStartsBeforeItsRegistrationReturns();
     void modifiedSlotStartsOrEndsAtOnce();
+    void changeThroughThePointerOfASlotCountsFromTheNextMinute_data();
+    void changeThroughThePointerOfASlotCountsFromTheNextMinute();
+    void slotThatIsChangedThroughItsPointerInAReceiverWaitsForTheNextMinute();
+    void secondsThatAreSetThroughThePointerOfASlotCount();
     void slotsHaveTheStateOfTheLastProcessedMinute();
     void slotOfAnotherPlannerIsLeftAlone();
     void slotThatIsActiveEndsWhenItIsUnregistered();
     void endIsToldOnceWhileTheSlotCanBeRead();
     void slotCannotBeStartedAgainWhileItIsUnregistered();
     void slotsThatAreRegisteredWhileAllAreUnregisteredStay();
+    void slotsThatAreModifiedWhileAllAreUnregisteredAreUnregistered();
     void unknownObjectsAreLeftAlone();
 
     void calendarEventsFollowTheDifferences_data();
@@ -295,6 +301,25 @@ void tst_NEventPlanner::unregisteredEventIsNotReported()
     QCOMPARE(take(), QStringList());
 }
 
+void tst_NEventPlanner::changeThroughThePointerOfAnEventCountsFromTheNextMinute()
+{
+    NEventPlanner planner(nullptr);
+    NPlannerRecorder recorder(&planner, &m_reports);
+    Event* const event = planner.registerPeriodicEvent(on(Qt::Monday), QTime(7, 1));
+    event->time = QTime(7, 2);
+    tick(at(Qt::Monday, 7, 1));
+    QCOMPARE(take(), QStringList());
+    tick(at(Qt::Monday, 7, 2));
+    QCOMPARE(take(), list("event 0702"));
+    event->time = QTime(7, 3);
+    event->days = on(Qt::Tuesday);
+    tick(at(Qt::Monday, 7, 3));
+    QCOMPARE(take(), QStringList());
+    *event = Event(on(Qt::Monday), QTime(7, 4));
+    tick(at(Qt::Monday, 7, 4));
+    QCOMPARE(take(), list("event 0704"));
+}
+
 void tst_NEventPlanner::slotIsActiveInItsPeriod_data()
 {
     QTest::addColumn<Days>("days");
@@ -426,6 +451,113 @@ void tst_NEventPlanner::modifiedSlotStartsOrEndsAtOnce()
     QCOMPARE(take(), QStringList());
 }
 
+void tst_NEventPlanner::changeThroughThePointerOfASlotCountsFromTheNextMinute_data()
+{
+    QTest::addColumn<Days>("days");
+    QTest::addColumn<QTime>("start");
+    QTest::addColumn<QTime>("end");
+    QTest::addColumn<Days>("newDays");
+    QTest::addColumn<QTime>("newStart");
+    QTest::addColumn<QTime>("newEnd");
+    QTest::addColumn<QString>("report");
+    // Registered at 07:00 on Monday, changed in that minute.
+    const auto row = [](const char* name, const TimeSlot& before, const TimeSlot& after, const char* report) {
+        QTest::newRow(name) << before.days << before.startTime << before.endTime << after.days << after.startTime
+                            << after.endTime << QString::fromLatin1(report);
+    };
+    const Days monday = on(Qt::Monday);
+    const Days tuesday = on(Qt::Tuesday);
+    const QTime six(6, 0);
+    const QTime eight(8, 0);
+    const QTime nine(9, 0);
+    row("start moves before now", TimeSlot(monday, eight, nine), TimeSlot(monday, six, nine), "start 0600-0900");
+    row("start moves after now", TimeSlot(monday, six, nine), TimeSlot(monday, eight, nine), "end 0800-0900");
+    row("end moves before now", TimeSlot(monday, six, nine), TimeSlot(monday, six, QTime(6, 30)), "end 0600-0630");
+    row("end moves after now", TimeSlot(monday, six, QTime(6, 30)), TimeSlot(monday, six, nine),
+        "start 0600-0900");
+    row("end moves before the start", TimeSlot(monday, six, nine), TimeSlot(monday, QTime(10, 0), nine),
+        "end 1000-0900");
+    row("today becomes one of its days", TimeSlot(tuesday, six, nine), TimeSlot(monday, six, nine),
+        "start 0600-0900");
+    row("yesterday becomes one of its days", TimeSlot(tuesday, nine, eight), TimeSlot(on(Qt::Sunday), nine, eight),
+        "start 0900-0800");
+    row("today is no longer one of its days", TimeSlot(everyDay(), six, nine), TimeSlot(tuesday, six, nine),
+        "end 0600-0900");
+    row("all its days go", TimeSlot(monday, six, nine), TimeSlot(Days(), six, nine), "end 0600-0900");
+    row("its start becomes invalid", TimeSlot(monday, six, nine), TimeSlot(monday, QTime(), nine), "end -0900");
+    row("it stays active", TimeSlot(monday, six, nine), TimeSlot(everyDay(), QTime(5, 0), eight), "");
+    row("it stays inactive", TimeSlot(monday, eight, nine), TimeSlot(tuesday, six, nine), "");
+}
+
+void tst_NEventPlanner::changeThroughThePointerOfASlotCountsFromTheNextMinute()
+{
+    QFETCH(Days, days);
+    QFETCH(QTime, start);
+    QFETCH(QTime, end);
+    QFETCH(Days, newDays);
+    QFETCH(QTime, newStart);
+    QFETCH(QTime, newEnd);
+    QFETCH(QString, report);
+    for (int viaJump = 0; viaJump < 2; ++viaJump) {
+        begin(at(Qt::Monday, 7, 0));
+        NEventPlanner planner(nullptr);
+        NPlannerRecorder recorder(&planner, &m_reports);
+        TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(days, start, end);
+        const bool wasActive = planner.isPeriodicTimeSlotCurrentlyActive(timeSlot);
+        take();
+        timeSlot->days = newDays;
+        timeSlot->startTime = newStart;
+        timeSlot->endTime = newEnd;
+        QCOMPARE(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot), wasActive);
+        QCOMPARE(take(), QStringList());
+        if (viaJump)
+            jump(at(Qt::Monday, 7, 2));
+        else
+            tick(at(Qt::Monday, 7, 1));
+        QCOMPARE(take(), list(report));
+        QCOMPARE(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot), wasActive != !report.isEmpty());
+        tick(at(Qt::Monday, 7, 3));
+        QCOMPARE(take(), QStringList());
+    }
+}
+
+// As with an event that is changed so: what was found at the start of the minute is all that this minute reports.
+void tst_NEventPlanner::slotThatIsChangedThroughItsPointerInAReceiverWaitsForTheNextMinute()
+{
+    NEventPlanner planner(nullptr);
+    NPlannerRecorder recorder(&planner, &m_reports);
+    planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
+    TimeSlot* const early = planner.registerPeriodicTimeSlot(everyDay(), QTime(8, 0), QTime(9, 0));
+    TimeSlot* const late = planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 1), QTime(9, 0));
+    recorder.handler = [&](const QString&) {
+        recorder.handler = nullptr;
+        early->startTime = QTime(6, 0);
+        late->startTime = QTime(7, 3);
+    };
+    tick(at(Qt::Monday, 7, 1));
+    QCOMPARE(take(), list("event 0701"));
+    tick(at(Qt::Monday, 7, 2));
+    QCOMPARE(take(), list("start 0600-0900"));
+    tick(at(Qt::Monday, 7, 3));
+    QCOMPARE(take(), list("start 0703-0900"));
+}
+
+// Only the constructor drops them. The slot is active in the minutes whose start lies in it.
+void tst_NEventPlanner::secondsThatAreSetThroughThePointerOfASlotCount()
+{
+    NEventPlanner planner(nullptr);
+    NPlannerRecorder recorder(&planner, &m_reports);
+    TimeSlot* const timeSlot = planner.registerPeriodicTimeSlot(everyDay(), QTime(8, 0), QTime(9, 0));
+    timeSlot->startTime = QTime(7, 1, 30);
+    timeSlot->endTime = QTime(7, 2, 30);
+    tick(at(Qt::Monday, 7, 1));
+    QCOMPARE(take(), QStringList());
+    tick(at(Qt::Monday, 7, 2));
+    QCOMPARE(take(), list("start 0701-0702"));
+    tick(at(Qt::Monday, 7, 3));
+    QCOMPARE(take(), list("end 0701-0702"));
+}
+
 // Whatever the clock shows meanwhile.
 void tst_NEventPlanner::slotsHaveTheStateOfTheLastProcessedMinute()
 {
@@ -550,6 +682,26 @@ void tst_NEventPlanner::slotsThatAreRegisteredWhileAllAreUnregisteredStay()
                      "end 0600-0800,start 0500-0900"));
     for (TimeSlot* timeSlot : added)
         QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
+}
+
+void tst_NEventPlanner::slotsThatAreModifiedWhileAllAreUnregisteredAreUnregistered()
+{
+    NEventPlanner planner(nullptr);
+    NPlannerRecorder recorder(&planner, &m_reports);
+    QList<TimeSlot*> timeSlots;
+    for (int count = 0; count < 3; ++count)
+        timeSlots << planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
+    take();
+    int modified = 0;
+    recorder.handler = [&](const QString&) {
+        for (TimeSlot* timeSlot : timeSlots)
+            modified += planner.modifyRegisteredPeriodicTimeSlot(timeSlot, everyDay(), QTime(6, 0), QTime(9, 0));
+    };
+    planner.unregisterPeriodicTimeSlot(nullptr);
+    QCOMPARE(take(), list("end 0600-0800,end 0600-0900,end 0600-0900"));
+    QCOMPARE(modified, 2 + 1);
+    for (TimeSlot* timeSlot : timeSlots)
+        QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
 void tst_NEventPlanner::unknownObjectsAreLeftAlone()
