@@ -2,8 +2,6 @@
 
 #include <nbase/time/neventplannersingleton.h>
 
-#include <QtCore/QMetaType>
-
 namespace {
 
 // A time that is not valid stays so; with Qt 4 its hour and minute are those of midnight.
@@ -17,10 +15,10 @@ NEventPlannerSingleton* ticker()
     return NSingleton<NEventPlannerSingleton>::instance();
 }
 
-// What a queued connection needs to know.
+// Queued connections need it.
 void registerCalendarEventType()
 {
-    static const int type = qRegisterMetaType<NEventPlanner::CalendarEvent>("NEventPlanner::CalendarEvent");
+    static const int type = qRegisterMetaType<NEventPlanner::CalendarEvent>();
     Q_UNUSED(type);
 }
 

@@ -3,6 +3,7 @@
 
 #include <nbase/nbaseglobal.h>
 
+#include <QtCore/QMetaType>
 #include <QtCore/QObject>
 #include <QtCore/QSet>
 #include <QtCore/QTime>
@@ -40,7 +41,10 @@ class NBASE_EXPORT NEventPlanner : public QObject
     Q_ENUMS(CalendarEvent)
 
 public:
-    /** What the calendar has to do for a calendar event to be due, compared with the minute processed before. */
+    /**
+     * Which part of the date and time has to differ from that of the minute processed before for the event to be
+     * due. The type is known to QVariant and to queued connections.
+     */
     enum CalendarEvent {
         NewMinute, ///< every minute
         NewHour,   ///< another hour of the day
@@ -169,10 +173,7 @@ signals:
     /** @a timeSlot has become inactive, or was unregistered while it was active. */
     void periodicTimeSlotEnded(const NEventPlanner::NPeriodicTimeSlot* timeSlot);
 
-    /**
-     * The calendar has changed; when several of these are due, NewMinute comes first and NewYear last. The type is
-     * registered, so that the connection may be queued.
-     */
+    /** @a event is due. When several are, they are reported from NewMinute to NewYear. */
     void calendarEventTriggered(NEventPlanner::CalendarEvent event);
 
 private:
@@ -181,5 +182,7 @@ private:
     // Emits the signals.
     friend class NEventPlannerSingleton;
 };
+
+Q_DECLARE_METATYPE(NEventPlanner::CalendarEvent)
 
 #endif

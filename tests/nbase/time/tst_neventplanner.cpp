@@ -17,7 +17,6 @@ typedef NEventPlanner::NPeriodicEvent Event;
 typedef NEventPlanner::NPeriodicTimeSlot TimeSlot;
 
 Q_DECLARE_METATYPE(Days)
-Q_DECLARE_METATYPE(NEventPlanner::CalendarEvent)
 
 class ClockSetter : public QObject
 {
@@ -45,7 +44,7 @@ private slots:
     void objectsKeepHourAndMinuteOnly();
     void calendarEventsHaveTheirNumbers();
     void connectionsMayBeQueued();
-    void applicationMayDeclareTheTypeOfCalendarEvents();
+    void calendarEventsCanBeKeptInAVariant();
     void plannerThatWasNotUsedNeedsNoTicker();
 
     void eventIsReportedInItsMinuteOfItsDays();
@@ -192,7 +191,7 @@ void tst_NEventPlanner::connectionsMayBeQueued()
     QCOMPARE(take(), list("start 0600-0701,event 0701,end 0600-0701,calendar 0"));
 }
 
-void tst_NEventPlanner::applicationMayDeclareTheTypeOfCalendarEvents()
+void tst_NEventPlanner::calendarEventsCanBeKeptInAVariant()
 {
     NEventPlanner planner(nullptr);
     QCOMPARE(qMetaTypeId<NEventPlanner::CalendarEvent>(), QMetaType::type("NEventPlanner::CalendarEvent"));
