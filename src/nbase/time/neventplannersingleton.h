@@ -1,8 +1,8 @@
 #ifndef NBASE_NEVENTPLANNERSINGLETON_H
 #define NBASE_NEVENTPLANNERSINGLETON_H
 
+#include <nbase/core/nsingleton.h>
 #include <nbase/time/neventplanner.h>
-#include <nbase/time/nsingleton.h>
 
 #include <QtCore/QDateTime>
 #include <QtCore/QHash>

@@ -8,7 +8,7 @@
 class Q_DECL_EXPORT NSharedSingleton;
 extern template class NSingleton<NSharedSingleton>;
 
-/** A singleton of an application that several of its libraries use, written as NSingleton says. */
+/** An application's singleton that several of its libraries use. Includes the template by its documented path. */
 class Q_DECL_EXPORT NSharedSingleton : public QObject, public NSingleton<NSharedSingleton>
 {
     Q_OBJECT
@@ -16,7 +16,7 @@ class Q_DECL_EXPORT NSharedSingleton : public QObject, public NSingleton<NShared
 public:
     explicit NSharedSingleton(QObject* parent);
 
-    /** Where the instance is kept, and its mutex. */
+    /** The addresses of the pointer to the instance and of its mutex. */
     static const void* instanceMember();
     static const void* mutexMember();
 };

@@ -1,8 +1,8 @@
 #include "nsharedsingleton.h"
 #include "support/nthreads.h"
 
+#include <nbase/core/nsingleton.h>
 #include <nbase/time/neventplannersingleton.h>
-#include <nbase/time/nsingleton.h>
 
 #include <QtCore/QAtomicInt>
 #include <QtCore/QLibrary>
@@ -21,16 +21,16 @@ public:
     explicit OwnSingleton(QObject* parent)
         : QObject(parent)
     {
-        made.ref();
+        created.ref();
     }
 
     static OwnSingleton* member() { return s_instance; }
     static QMutex* mutex() { return s_mutex; }
 
-    static QAtomicInt made;
+    static QAtomicInt created;
 };
 
-QAtomicInt OwnSingleton::made(0);
+QAtomicInt OwnSingleton::created(0);
 
 class EarlySingleton : public QObject, public NSingleton<EarlySingleton>
 {
@@ -43,7 +43,7 @@ public:
     }
 };
 
-// Made before or after the mutex of its class, as it comes.
+// Created before or after the mutex of its class: the order is unspecified.
 EarlySingleton* const early = EarlySingleton::instance();
 
 typedef void* (*ObjectFunction)();
@@ -65,19 +65,19 @@ private slots:
     void init();
     void cleanup();
 
-    void onlyVirtualOperationIsTheDestructor();
-    void mutexIsThereBeforeFirstUse();
-    void instanceIsMadeOnFirstUseWithoutParent();
-    void deletedInstanceIsFollowedByANewOne();
-    void instanceCanBeUsedWhileStaticsAreMade();
-    void threadsThatComeFirstTogetherGetOneObject();
+    void destructorIsTheOnlyVirtualOperation();
+    void mutexExistsBeforeFirstUse();
+    void instanceIsCreatedOnFirstUseWithoutParent();
+    void newInstanceIsCreatedAfterDeletion();
+    void instanceCanBeUsedDuringStaticInitialisation();
+    void concurrentFirstCallsGetOneObject();
     void tickerIsTheSameInAllLibraries();
-    void singletonOfAnApplicationIsTheSameInAllItsLibraries();
+    void applicationsSingletonIsTheSameInAllItsLibraries();
 };
 
 void tst_NSingleton::init()
 {
-    OwnSingleton::made = QAtomicInt(0);
+    OwnSingleton::created = QAtomicInt(0);
 }
 
 void tst_NSingleton::cleanup()
@@ -85,10 +85,10 @@ void tst_NSingleton::cleanup()
     delete OwnSingleton::member();
 }
 
-void tst_NSingleton::onlyVirtualOperationIsTheDestructor()
+void tst_NSingleton::destructorIsTheOnlyVirtualOperation()
 {
     QVERIFY(std::has_virtual_destructor<NSingleton<OwnSingleton>>::value);
-    // Nothing but the pointer to the table of virtual operations.
+    // Only the pointer to the virtual table.
     QCOMPARE(sizeof(NSingleton<OwnSingleton>), sizeof(void*));
     QObject* const object = OwnSingleton::instance();
     QVERIFY(dynamic_cast<NSingleton<OwnSingleton>*>(object));
@@ -96,7 +96,7 @@ void tst_NSingleton::onlyVirtualOperationIsTheDestructor()
     QVERIFY(!OwnSingleton::member());
 }
 
-void tst_NSingleton::mutexIsThereBeforeFirstUse()
+void tst_NSingleton::mutexExistsBeforeFirstUse()
 {
     QVERIFY(OwnSingleton::mutex());
     QVERIFY(!OwnSingleton::member());
@@ -105,7 +105,7 @@ void tst_NSingleton::mutexIsThereBeforeFirstUse()
     OwnSingleton::mutex()->unlock();
 }
 
-void tst_NSingleton::instanceIsMadeOnFirstUseWithoutParent()
+void tst_NSingleton::instanceIsCreatedOnFirstUseWithoutParent()
 {
     QCOMPARE(OwnSingleton::member(), static_cast<OwnSingleton*>(nullptr));
     OwnSingleton* const object = OwnSingleton::instance();
@@ -113,42 +113,42 @@ void tst_NSingleton::instanceIsMadeOnFirstUseWithoutParent()
     QVERIFY(!object->parent());
     QCOMPARE(OwnSingleton::member(), object);
     QCOMPARE(OwnSingleton::instance(), object);
-    QCOMPARE(int(OwnSingleton::made.fetchAndAddOrdered(0)), 1);
+    QCOMPARE(int(OwnSingleton::created.fetchAndAddOrdered(0)), 1);
 
-    // Once there is one, the lock is not needed any more.
+    // The lock is not taken once the instance exists.
     QVERIFY(OwnSingleton::mutex()->tryLock());
     QCOMPARE(OwnSingleton::instance(), object);
     OwnSingleton::mutex()->unlock();
 }
 
-void tst_NSingleton::deletedInstanceIsFollowedByANewOne()
+void tst_NSingleton::newInstanceIsCreatedAfterDeletion()
 {
     delete OwnSingleton::instance();
     QVERIFY(!OwnSingleton::member());
     QVERIFY(OwnSingleton::instance());
-    QCOMPARE(int(OwnSingleton::made.fetchAndAddOrdered(0)), 2);
+    QCOMPARE(int(OwnSingleton::created.fetchAndAddOrdered(0)), 2);
 }
 
-void tst_NSingleton::instanceCanBeUsedWhileStaticsAreMade()
+void tst_NSingleton::instanceCanBeUsedDuringStaticInitialisation()
 {
     QVERIFY(early);
     QCOMPARE(EarlySingleton::instance(), early);
     delete early;
 }
 
-void tst_NSingleton::threadsThatComeFirstTogetherGetOneObject()
+void tst_NSingleton::concurrentFirstCallsGetOneObject()
 {
     const int ThreadCount = 8;
     for (int round = 0; round < 50; ++round) {
         OwnSingleton* instances[ThreadCount];
-        OwnSingleton::made = QAtomicInt(0);
+        OwnSingleton::created = QAtomicInt(0);
         QVERIFY(NTest::holdsInThreads(ThreadCount, [&instances](int index) {
             instances[index] = OwnSingleton::instance();
             return instances[index] != nullptr;
         }));
         for (int index = 0; index < ThreadCount; ++index)
             QCOMPARE(instances[index], OwnSingleton::member());
-        QCOMPARE(int(OwnSingleton::made.fetchAndAddOrdered(0)), 1);
+        QCOMPARE(int(OwnSingleton::created.fetchAndAddOrdered(0)), 1);
         delete OwnSingleton::member();
     }
 }
@@ -162,7 +162,7 @@ void tst_NSingleton::tickerIsTheSameInAllLibraries()
     delete NEventPlannerSingleton::instance();
 }
 
-void tst_NSingleton::singletonOfAnApplicationIsTheSameInAllItsLibraries()
+void tst_NSingleton::applicationsSingletonIsTheSameInAllItsLibraries()
 {
     void* const inOne = callFunction(NSINGLETONUSER_ONE, "sharedSingleton");
     QVERIFY(inOne);

@@ -2,11 +2,11 @@
 
 #include <nbase/time/neventplannersingleton.h>
 
-// What a library that includes the headers gets.
+// A library that uses both singletons through their headers.
 
 namespace {
 
-// A library may look at the protected members through a class of its own.
+// Gives access to the protected members.
 class Members : public NSharedSingleton
 {
 public:
