@@ -167,6 +167,13 @@ private:
 
 } // namespace
 
+// The last line read from a standard stream; its memory is reused.
+class NCsvFileReader::StandardLine
+{
+public:
+    std::string bytes;
+};
+
 NCsvFileReader::NCsvFileReader(QIODevice* device, const QChar& separator)
     : m_textStream(new QTextStream(device))
     , m_ownsStream(true)
@@ -252,6 +259,7 @@ NCsvFileReader::NCsvFileReader(std::istream* stream, const QChar& separator)
     , m_ownsStream(false)
     , m_standardStream(stream)
     , m_separator(separator.toLatin1())
+    , m_standardLine(new StandardLine)
 {
 }
 
@@ -352,20 +360,21 @@ bool NCsvFileReader::readLine(QString& line)
     return NBaseQtCompat::readLine(*m_textStream, line) || m_textStream->atEnd();
 }
 
-// A stream that had met its end before has no further line.
+// A stream that was at its end before has no further line.
 bool NCsvFileReader::readStandardLine(QString& line)
 {
     const bool wasGood = m_standardStream->good();
-    m_bytes.clear(); // a stream that is not good leaves it as it is
+    std::string& bytes = m_standardLine->bytes;
+    bytes.clear(); // getline() does not when the stream is not good
     try {
-        std::getline(*m_standardStream, m_bytes);
+        std::getline(*m_standardStream, bytes);
     } catch (const std::ios_base::failure&) {
-        // The stream was told to throw; its state says what has happened all the same.
+        // The application enabled exceptions for the stream. Its state reports the failure as well.
     }
-    if (m_bytes.size() > size_t(INT_MAX))
+    if (bytes.size() > size_t(INT_MAX))
         throw std::bad_alloc();
-    NBaseQtCompat::assignLatin1(line, m_bytes.data(), int(m_bytes.size()));
-    if (m_bytes.capacity() > size_t(KeptCapacity))
-        std::string().swap(m_bytes);
+    NBaseQtCompat::assignLatin1(line, bytes.data(), int(bytes.size()));
+    if (bytes.capacity() > size_t(KeptCapacity))
+        std::string().swap(bytes);
     return wasGood && (!m_standardStream->fail() || m_standardStream->eof());
 }

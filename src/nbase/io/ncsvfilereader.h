@@ -5,11 +5,11 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QList>
+#include <QtCore/QScopedPointer>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
 #include <iosfwd>
-#include <string>
 
 class QIODevice;
 class QTextStream;
@@ -84,6 +84,8 @@ public:
 private:
     Q_DISABLE_COPY(NCsvFileReader)
 
+    class StandardLine;
+
     bool parseRecord(QStringList& fields);
     bool appendNextLine();
     bool readLine(QString& line);
@@ -95,8 +97,8 @@ private:
     bool m_ownsStream;
     std::istream* m_standardStream;
     char m_separator;
-    QString m_text;      ///< the lines of the record that is being read
-    std::string m_bytes; ///< the line that a standard stream gave last
+    QString m_text;                                    ///< the lines of the record that is being read
+    const QScopedPointer<StandardLine> m_standardLine; ///< for a standard stream only
 };
 
 #endif
