@@ -4,7 +4,7 @@
 
 namespace {
 
-// A time that is not valid stays so; with Qt 4 its hour and minute are those of midnight.
+// An invalid time stays invalid. With Qt 4 its hour and minute are those of midnight.
 QTime startOfMinute(const QTime& time)
 {
     return time.isValid() ? QTime(time.hour(), time.minute()) : QTime();
@@ -15,7 +15,7 @@ NEventPlannerSingleton* ticker()
     return NSingleton<NEventPlannerSingleton>::instance();
 }
 
-// Queued connections need it.
+// Queued connections require it.
 void registerCalendarEventType()
 {
     static const int type = qRegisterMetaType<NEventPlanner::CalendarEvent>();

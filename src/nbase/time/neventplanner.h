@@ -9,31 +9,30 @@
 #include <QtCore/QTime>
 
 /**
- * Tells its owner by signal when a time of the week has come. There are periodic events (working days at 08:00),
- * periodic time slots (every night from 22:00 to 06:00) and calendar events (a new hour). All times are local
- * time; the resolution is one minute.
+ * Emits signals at given times of the week. There are periodic events (working days at 08:00), periodic time slots
+ * (every night from 22:00 to 06:00) and calendar events (a new hour). All times are local time; the resolution is
+ * one minute.
  *
  * Everything that is due in a minute is reported at the start of that minute: first events, then time slots, then
  * calendar events. The order among planners, and among the events or slots of one planner, is arbitrary.
  *
- * A change of the system clock is one new minute, like any other. Events whose minute was jumped over are not
- * reported, an event whose minute comes again is reported again, slots become what they are at the new time, and
- * calendar events tell in what the new minute differs from the last one. See
+ * After a change of the system clock, the new time is processed as one new minute. Events whose minute was skipped
+ * are not reported, an event whose minute is repeated is reported again, slots take the state of the new time, and
+ * calendar events report the differences between the new minute and the previous one. See
  * connectCurrentDateTimeChangedSignal().
  *
- * Whatever is called by a signal may register, modify and unregister, delete any planner, and run an event loop:
- * - What it unregisters is not reported any more, but for the end of a slot that was active. The object lives
- * until the signal that is about it has reached all its receivers.
- * - What it registers is reported from the next minute on. A slot that is active has started at once.
- * - An event that it modifies is reported in this minute only if it was due before the change and is due after it.
- * A slot that it modifies starts or ends at once.
- * - When it runs an event loop, the minutes go on. What is still to be reported of the interrupted minute comes at
- *   the start of the next one, before anything else.
+ * Receivers of the signals may register, modify and unregister, delete any planner, and run an event loop:
+ * - What a receiver unregisters is not reported any more, except for the end of an active slot. The object is
+ *   deleted after the signal about it has reached all its receivers.
+ * - What a receiver registers is reported from the next minute on. A slot that is active starts at once.
+ * - An event that a receiver modifies is reported in this minute only if it was due before the change and is due
+ *   after it. A slot that it modifies starts or ends at once.
+ * - While a receiver runs an event loop, minutes are processed. What the interrupted minute has not reported yet
+ * is reported at the start of the next minute, before anything else.
  *
- * Planners must be used on one thread only, the one that the first planner was used on; its event loop must run.
- * The application object (QCoreApplication) must exist before the first use: a timer that was started earlier
- * never runs out. Events and slots belong to the library: they live until they are unregistered or their planner
- * is deleted.
+ * All planners must be used on the thread on which the first planner was used; its event loop must run. The
+ * application object (QCoreApplication) must exist before the first use, because a timer started earlier never
+ * times out. The library owns events and slots; they live until they are unregistered or their planner is deleted.
  */
 class NBASE_EXPORT NEventPlanner : public QObject
 {
@@ -42,15 +41,16 @@ class NBASE_EXPORT NEventPlanner : public QObject
 
 public:
     /**
-     * Which part of the date and time has to differ from that of the minute processed before for the event to be
-     * due. The type is known to QVariant and to queued connections.
+     * An event is due when the named part of the date and time differs from that of the minute processed before.
+     * The type is registered with the meta-object system, so values can be kept in a QVariant and sent through
+     * queued connections.
      */
     enum CalendarEvent {
-        NewMinute, ///< every minute
-        NewHour,   ///< another hour of the day
-        NewDay,    ///< another day of the month
-        NewMonth,  ///< another month of the year
-        NewYear    ///< another year
+        NewMinute, ///< due in every minute
+        NewHour,   ///< the hour
+        NewDay,    ///< the day of the month
+        NewMonth,  ///< the month
+        NewYear    ///< the year
     };
 
     /**
@@ -93,63 +93,65 @@ public:
     explicit NEventPlanner(QObject* parent = nullptr);
 
     /**
-     * Unregisters everything; slots that are active end with their signal. What these signals call cannot register
-     * anything with this planner any more.
+     * Unregisters everything. periodicTimeSlotEnded() is emitted for active slots; its receivers cannot register
+     * anything with this planner.
      */
     ~NEventPlanner() override;
 
     /**
-     * Registers an event. Nothing is reported before the next minute, even when the event is due in this one.
+     * Registers an event. It is reported from the next minute on, even when it is due in the current one.
      * @return the event; null when the planner is being deleted.
      */
     NPeriodicEvent* registerPeriodicEvent(const QSet<Qt::DayOfWeek>& days, const QTime& time);
 
-    /** Gives @a event other days and another time. @return false when it is not registered by this planner. */
+    /** Replaces days and time of @a event. @return false when it is not registered by this planner. */
     bool modifyRegisteredPeriodicEvent(NPeriodicEvent* event, const QSet<Qt::DayOfWeek>& days, const QTime& time);
 
     /**
-     * Unregisters and deletes @a event, or all events of this planner when it is null. An event that is not
-     * registered by this planner is left alone.
+     * Unregisters and deletes @a event, or all events of this planner when it is null. Does nothing when the event
+     * is not registered by this planner.
      */
     void unregisterPeriodicEvent(NPeriodicEvent* event);
 
     /**
-     * Registers a time slot. When it is active at the last minute processed, periodicTimeSlotStarted() is emitted
-     * first.
-     * @return the slot; null when that signal made somebody unregister it, or when the planner is being deleted.
+     * Registers a time slot. When it is active in the last processed minute, periodicTimeSlotStarted() is emitted
+     * before this returns.
+     * @return the slot; null when a receiver of that signal unregistered it, or when the planner is being deleted.
      */
     NPeriodicTimeSlot*
     registerPeriodicTimeSlot(const QSet<Qt::DayOfWeek>& days, const QTime& startTime, const QTime& endTime);
 
     /**
-     * Gives @a slot other days and times. When this makes it active, or inactive, the signal is emitted first.
+     * Replaces days and times of @a slot. When this changes its state, periodicTimeSlotStarted() or
+     * periodicTimeSlotEnded() is emitted before this returns.
      * @return false when it is not registered by this planner.
      */
     bool modifyRegisteredPeriodicTimeSlot(
         NPeriodicTimeSlot* slot, const QSet<Qt::DayOfWeek>& days, const QTime& startTime, const QTime& endTime);
 
     /**
-     * Unregisters and deletes @a slot, or all slots of this planner when it is null. For an active one
-     * periodicTimeSlotEnded() is emitted, when it is no longer registered and can still be read. A slot that is
-     * not registered by this planner is left alone.
+     * Unregisters and deletes @a slot, or all slots of this planner when it is null. For an active slot
+     * periodicTimeSlotEnded() is emitted after it is unregistered and before it is deleted. Does nothing when the
+     * slot is not registered by this planner.
      */
     void unregisterPeriodicTimeSlot(NPeriodicTimeSlot* slot);
 
     /** Whether @a slot has started and not ended; false for a slot that is not registered by this planner. */
     bool isPeriodicTimeSlotCurrentlyActive(NPeriodicTimeSlot* slot);
 
-    /** Makes @a calendarEvent be reported from now on; a second time changes nothing. */
+    /** Reports @a calendarEvent from the next minute on. Registering it again has no effect. */
     void registerCalendarEvent(NEventPlanner::CalendarEvent calendarEvent);
 
-    /** Makes @a calendarEvent not be reported any more. */
+    /** Stops reporting @a calendarEvent. */
     void unregisterCalendarEvent(NEventPlanner::CalendarEvent calendarEvent);
 
-    /** Makes no calendar event be reported any more. */
+    /** Stops reporting all calendar events. */
     void unregisterCalendarEvents();
 
     /**
-     * Connects the @a signal of the object that sets the system clock or the time zone, so that the change counts
-     * at once. Otherwise planners see it when their timer runs out, up to a minute of elapsed time later.
+     * Connects the @a signal of the object that sets the system clock or the time zone, so that the new time is
+     * processed at once. Otherwise it is processed when the ticker's timer times out, at most a minute of elapsed
+     * time later.
      * @param signal written with SIGNAL().
      * @return whether the connection was made.
      */
@@ -160,11 +162,12 @@ public:
     static bool disconnectCurrentDateTimeChangedSignal(const QObject* sender, const char* signal);
 
 public slots:
-    /** Tells all planners of the process that the system clock or the time zone was changed. */
+    /** To be called after the system clock or the time zone was changed. Applies to all planners of the process.
+     */
     void currentDateTimeChanged();
 
 signals:
-    /** The minute of @a event has come. */
+    /** @a event is due in the current minute. */
     void periodicEventTriggered(const NEventPlanner::NPeriodicEvent* event);
 
     /** @a timeSlot has become active. */
@@ -179,7 +182,7 @@ signals:
 private:
     Q_DISABLE_COPY(NEventPlanner)
 
-    // Emits the signals.
+    // It emits the signals.
     friend class NEventPlannerSingleton;
 };
 

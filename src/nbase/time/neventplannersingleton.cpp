@@ -377,17 +377,17 @@ void NEventPlannerSingleton::currentDateTimeChanged()
         processNewMinute(now);
 }
 
-// The end is an instant, counted from now on: the start, a local time, stands for two instants in the hour that a
-// change from daylight-saving time repeats, and the wrong one would stop the ticker for an hour or make it run
-// without a pause.
+// The end is computed from the current instant, not from the start of the minute. The start is a local time, which
+// is ambiguous in the hour that is repeated when daylight-saving time ends; the wrong instant would stop the
+// ticker for an hour or make it run without pause.
 QDateTime NEventPlannerSingleton::currentMinuteStartingDateTime(qint64* end)
 {
     const time_t now = time_t(QDateTime::currentMSecsSinceEpoch() / MillisecondsPerSecond);
     struct tm local;
-    // The zone may have been changed, which localtime_r() alone does not look for (see localtime(3)).
+    // localtime_r() need not notice a change of the time zone; see localtime(3).
     ::tzset();
     ::localtime_r(&now, &local);
-    const int passed = qMin(local.tm_sec, SecondsPerMinute - 1); // a leap second is the 61st
+    const int passed = qMin(local.tm_sec, SecondsPerMinute - 1); // tm_sec is 60 in a leap second
     *end = (qint64(now) - passed + SecondsPerMinute) * MillisecondsPerSecond;
     return QDateTime(
         QDate(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday), QTime(local.tm_hour, local.tm_min));
@@ -414,8 +414,8 @@ void NEventPlannerSingleton::processNewMinute(const QDateTime& now)
     reportDueMinutes();
 }
 
-// More than a minute is left when the clock was set back since the minute was read. Then, as when the minute is
-// over, the current one is looked for at once.
+// More than a minute is left when the clock was set back after the minute was read. Then the current minute is
+// processed at once, as it is when the minute is over.
 void NEventPlannerSingleton::scheduleTimerForNextMinute()
 {
     const qint64 left = m_minuteEnd - QDateTime::currentMSecsSinceEpoch();
@@ -472,8 +472,8 @@ void NEventPlannerSingleton::findDueCalendarEvents(DueMinute* minute, const QDat
         minute->calendarEvents.append(NEventPlanner::NewYear);
 }
 
-// Receivers may run an event loop in which the next minute comes. Then the inner call goes on with the older
-// minute where the outer one is, and nothing is left for the outer one.
+// Receivers may run an event loop in which the next minute is processed. The inner call then continues with the
+// older minute where the outer call stopped, and leaves nothing to the outer call.
 void NEventPlannerSingleton::reportDueMinutes()
 {
     const QPointer<NEventPlannerSingleton> self(this);
@@ -485,7 +485,7 @@ void NEventPlannerSingleton::reportDueMinutes()
     }
 }
 
-// The minute is used before its entry is reported only: it may be gone afterwards.
+// Reporting an entry may remove the minute, so it is not used afterwards.
 bool NEventPlannerSingleton::reportNext(DueMinute* minute)
 {
     if (minute->reportedEvents < minute->events.size()) {
@@ -552,7 +552,7 @@ void NEventPlannerSingleton::updateState(NEventPlanner* planner, RegisteredTimeS
         emit planner->periodicTimeSlotEnded(slot);
 }
 
-// The end is told last, when nobody can end the slot a second time or start it again.
+// The end is reported last, when receivers can no longer end the slot a second time or start it again.
 void NEventPlannerSingleton::removePeriodicTimeSlot(NEventPlanner* planner, PeriodicTimeSlot* slot)
 {
     if (!removeEntry(&m_periodicTimeSlots, planner, slot))
@@ -567,8 +567,8 @@ void NEventPlannerSingleton::removePeriodicTimeSlot(NEventPlanner* planner, Peri
     emit planner->periodicTimeSlotEnded(slot);
 }
 
-// Without a ticker nothing is registered. One that came into being for a planner's end would outlive it, perhaps
-// after the application object.
+// Without a ticker nothing is registered. A ticker created here would outlive the planner, and perhaps the
+// application object.
 void NEventPlannerSingleton::forgetPlanner(NEventPlanner* planner)
 {
     if (s_instance)
@@ -587,7 +587,7 @@ void NEventPlannerSingleton::unregisterPlanner(NEventPlanner* planner)
     m_reporting->plannersBeingDeleted.remove(planner);
 }
 
-// What the end of its last slots calls cannot keep alive what is about to be deleted.
+// Nothing would unregister what a receiver registers while the planner or the ticker is being deleted.
 bool NEventPlannerSingleton::canRegister(NEventPlanner* planner) const
 {
     return planner && !m_reporting->closing && !m_reporting->plannersBeingDeleted.contains(planner);

@@ -11,17 +11,17 @@
 
 class NBASE_EXPORT NEventPlannerSingleton;
 
-// One instance per process: no user of this header makes one of his own.
+// One instance per process: users of this header do not instantiate the template.
 extern template class NSingleton<NEventPlannerSingleton>;
 
 /**
- * The minute ticker behind all planners of the process: it wakes up at the start of every minute of local time,
- * finds out what is due and makes the planners emit. Applications use NEventPlanner, whose operations these are,
- * with the planner as first argument.
+ * The minute ticker behind all planners of the process: at the start of every minute of local time it determines
+ * what is due and makes the planners emit their signals. Applications use NEventPlanner, which forwards its
+ * operations to this class with the planner as first argument.
  *
- * Comes into being on the first use of a planner and lives on the thread of that use; it must be used on that
- * thread only, and the application object must exist before. It owns all events and slots. When it is deleted,
- * everything is unregistered as if each planner had been deleted.
+ * The instance is created on the first use of a planner and must be used on that thread only; the application
+ * object must exist before. It owns all events and slots. Deleting it unregisters everything, as if each planner
+ * had been deleted.
  */
 class NBASE_EXPORT NEventPlannerSingleton : public QObject, public NSingleton<NEventPlannerSingleton>
 {
@@ -69,10 +69,10 @@ public:
     void unregisterCalendarEvents(NEventPlanner* planner);
 
 public slots:
-    /** Reports what is due in the current minute, whether or not it has been processed before. */
+    /** Processes the current minute, even if it was processed before. */
     void newMinute();
 
-    /** Reports what is due in the current minute, unless it is the one that was processed last. */
+    /** Processes the current minute, unless it is the last processed one. */
     void currentDateTimeChanged();
 
 private:
@@ -117,7 +117,7 @@ private:
     QHash<NEventPlanner::NPeriodicTimeSlot*, bool> m_periodicTimeSlotStates;
     QHash<NEventPlanner*, QSet<NEventPlanner::CalendarEvent>> m_calendarEvents;
     const QScopedPointer<Reporting> m_reporting;
-    qint64 m_minuteEnd; // of the current minute when it was read last, in milliseconds since the epoch
+    qint64 m_minuteEnd; // end of the minute that was read last, in milliseconds since the epoch
 };
 
 #endif

@@ -8,24 +8,24 @@
 #include <QtCore/QString>
 
 /**
- * A part of the world with its towns. A region never changes; reading it is thread-safe. It owns its towns and
- * deletes them with itself; regions belong to the time zone database.
+ * A region of the time zone database, for example a continent, with its towns. Immutable, so reading it is
+ * thread-safe. It owns its towns; the database owns the regions.
  */
 class NBASE_EXPORT NTimeZoneRegion
 {
 public:
     /**
-     * @param name the name to show to people, for example "America".
-     * @param towns the towns by their file system name, for example "Argentina/Buenos_Aires"; the region becomes
-     * their owner.
+     * @param name the display name, for example "America".
+     * @param towns the towns by their file system name, for example "Argentina/Buenos_Aires"; the region takes
+     * ownership.
      */
     NTimeZoneRegion(const QString& name, const QMap<QString, NTimeZoneTown*>& towns);
     virtual ~NTimeZoneRegion();
 
-    /** The name to show to people. */
+    /** The display name. */
     const QString& name() const { return m_name; }
 
-    /** The towns by their file system name: the part of the zone name after the region, underscores kept. */
+    /** The towns by their file system name: the part of the zone name after the region, with its underscores. */
     const QMap<QString, NTimeZoneTown*>& towns() const { return m_towns; }
 
 private:

@@ -21,7 +21,7 @@ bool isTownCharacter(QChar character)
     return isRegionCharacter(character) || character == QLatin1Char('/');
 }
 
-// Goes through a text from left to right; what is not there is not taken.
+// Reads a text from left to right. A take operation returns false when the text does not continue as it requires.
 class Scanner
 {
 public:
@@ -92,7 +92,7 @@ public:
     QString takeRest() { return takeText(int(m_end - m_position)); }
 
 private:
-    // A number with a comma is no number in the C locale, so such seconds count as none at all.
+    // Intended: a number with a comma is not a number in the C locale, so such seconds count as 0.
     bool takeFraction(NZoneTabLine::Coordinate* coordinate)
     {
         int hundredths = 0;

@@ -4,11 +4,11 @@
 #include <QtCore/QString>
 
 /**
- * One line of the table zone.tab, taken apart: a country code, coordinates as in ISO 6709, a zone name and perhaps
- * a comment, separated by tabs, for example "DE\t+5230+01322\tEurope/Berlin\tmost of Germany".
+ * A parsed line of the table zone.tab: a country code, coordinates as in ISO 6709, a zone name and an optional
+ * comment, separated by tabs, for example "DE\t+5230+01322\tEurope/Berlin\tmost of Germany".
  *
- * It accepts the lines that NBuildrootUclibcTimeZoneDatabase::S_TOWN_METADATA_REGEXP matches as a whole, with the
- * same groups, and no others. QRegExp itself would take more time for the table than reading all the zone files.
+ * It accepts exactly the lines that NBuildrootUclibcTimeZoneDatabase::S_TOWN_METADATA_REGEXP matches as a whole,
+ * with the same groups. QRegExp itself would take more time for the table than reading all the zone files.
  */
 class NZoneTabLine
 {
@@ -22,14 +22,14 @@ public:
         float seconds; ///< 0 when the line has none
     };
 
-    /** Takes @a line, without white space around it, apart. @return whether it is a line of a zone. */
+    /** Parses @a line, which has no surrounding white space. @return whether it is the line of a zone. */
     bool parse(const QString& line);
 
     QString countryCode;
     Coordinate latitude;
     Coordinate longitude;
     QString region;  ///< the zone name up to its first "/"
-    QString town;    ///< the rest of the zone name; it may hold a "/" too
+    QString town;    ///< the rest of the zone name; may contain "/"
     QString comment; ///< empty when the line has none
 };
 
