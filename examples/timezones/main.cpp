@@ -1,4 +1,4 @@
-// Lists the time zones of the device, or makes one of them that of the whole system:
+// Lists the time zones of the device, or sets the time zone of the system:
 //
 //     nbase-example-timezones [<region> <town>]
 
@@ -12,7 +12,7 @@
 
 namespace {
 
-// The keys of the maps are file system names, which choose a zone; the names are for people.
+// The keys of the maps are file system names, which select a zone; name() is for display.
 void listTimeZones(const NBuildrootUclibcTimeZoneDatabase& database)
 {
     for (const NTimeZoneRegion* region : database.regions()) {
@@ -21,7 +21,7 @@ void listTimeZones(const NBuildrootUclibcTimeZoneDatabase& database)
     }
 }
 
-// A new file that takes the place of the old one: a power cut leaves one or the other, whole.
+// A new file replaces the old one, so that a power loss leaves either of them complete.
 bool applyTimeZone(const QString& code)
 {
     QFile file(QString::fromLatin1("/etc/TZ.new"));
@@ -40,11 +40,11 @@ int main(int argc, char** argv)
     }
     const NTimeZoneTown* town = database.town(QString::fromLatin1(argv[1]), QString::fromLatin1(argv[2]));
     if (!town) {
-        fprintf(stderr, "there is no such zone\n");
+        fprintf(stderr, "unknown time zone\n");
         return EXIT_FAILURE;
     }
     if (!applyTimeZone(town->timezoneCode())) {
-        perror("the time zone could not be stored");
+        perror("cannot store the time zone");
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;

@@ -17,19 +17,19 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-// A C library older than statx(2) leaves its declarations to the kernel's own header.
+// C libraries older than statx(2) do not declare it; the kernel's header does.
 #ifndef STATX_BTIME
 #include <linux/stat.h>
 #endif
 
 namespace {
 
-// Links can make more paths out of a few directories than anybody has time to read. Zone names have three levels
-// at the most, and the whole database has about 600 files.
+// Symbolic links can create an excessive number of paths from a few directories. Zone names have three levels at
+// most, and the whole database has about 600 files.
 const int MaximumDepth = 32;
 const int MaximumEntries = 20000;
 
-// Without O_NONBLOCK, a FIFO that has just replaced a file would block the caller.
+// O_NONBLOCK, because a FIFO that has just replaced a file would otherwise block the caller.
 NFileDescriptor openForReading(int directory, const char* name, int flags = 0)
 {
     return NSystem::openAt(directory, name, O_RDONLY | O_NOCTTY | O_NONBLOCK | flags);
@@ -61,7 +61,7 @@ EntryKind kindOf(int directory, const char* name)
     return S_ISDIR(status.st_mode) ? SubDirectory : OtherEntry;
 }
 
-// Most file systems tell the kind with the name, which saves asking for it.
+// Most file systems report the kind together with the name, which saves a system call.
 EntryKind kindOf(int directory, const struct dirent& entry)
 {
     switch (entry.d_type) {
@@ -95,7 +95,7 @@ public:
     bool isOpen() const { return m_stream != nullptr; }
     int descriptor() const { return ::dirfd(m_stream); }
 
-    // The next entry that is not hidden, "." and ".." among those; null after the last one.
+    // The next entry that is not hidden (nor "." or ".."); null after the last one.
     const struct dirent* next()
     {
         const struct dirent* entry;
@@ -111,8 +111,8 @@ private:
     DIR* const m_stream;
 };
 
-// The first line of an open file; false when it cannot be read or is too long. An empty file has an empty first
-// line.
+// Reads the first line of an open file. Returns false when it cannot be read or is too long. An empty file has an
+// empty first line.
 bool readFirstLine(NLineReader* reader, const NFileDescriptor& file, QString* text)
 {
     NLineReader::Line line;
@@ -142,7 +142,7 @@ public:
 private:
     typedef QPair<dev_t, ino_t> Identity;
 
-    // Files come before directories, so that a tangle of directories cannot displace them.
+    // Files come before directories, so that excessive directories cannot displace them.
     void loadDirectory(NFileDescriptor descriptor, const QString& prefix)
     {
         Directory directory(std::move(descriptor));
@@ -194,7 +194,7 @@ private:
 
     NLineReader m_reader;
     QMap<QString, QString> m_zones;
-    QList<Identity> m_path; // the directories from the first one to the present one
+    QList<Identity> m_path; // the directories from the first to the current one
     int m_entryCount;
 };
 
@@ -216,8 +216,8 @@ QDateTime dateTimeFrom(qint64 seconds, qint64 nanoseconds)
     return QDateTime::fromMSecsSinceEpoch(seconds * 1000 + nanoseconds / 1000000);
 }
 
-// The time of creation is asked for by number, because uClibc has no function for it. The kernel, a sandbox and
-// the file system may each refuse it.
+// statx(2) is called by number, because uClibc has no function for it. The kernel, a sandbox or the file system
+// may not support it.
 QDateTime creationTime(int file)
 {
 #if defined(SYS_statx) && defined(STATX_BTIME)
@@ -240,7 +240,7 @@ float decimalDegrees(const NZoneTabLine::Coordinate& coordinate)
 
 typedef QMap<QString, NBuildrootUclibcTimeZoneDatabase::TownMetadata> TownsMetadata;
 
-// Towns of the zone files that zone.tab knows.
+// The towns of the zone files that zone.tab lists.
 QMap<QString, NTimeZoneTown*> makeTowns(const QMap<QString, QString>& zones, const TownsMetadata& townsMetadata)
 {
     QMap<QString, NTimeZoneTown*> towns;
@@ -257,7 +257,7 @@ QMap<QString, NTimeZoneTown*> makeTowns(const QMap<QString, QString>& zones, con
     return towns;
 }
 
-// Whether a path leads down from the folder that it starts in.
+// Whether a path stays below the directory it starts in.
 bool staysInside(const QString& path)
 {
     if (path.contains(QChar(0)))

@@ -11,22 +11,21 @@
 #include <QtCore/QString>
 
 /**
- * The time zones of a root file system that Buildroot made with uClibc. There a time zone is a POSIX TZ string in
- * a text file of its own, not a compiled zone file; this class joins these files with the table zone.tab, which
- * knows where in the world each zone is kept.
+ * The time zones of a root file system built by Buildroot with uClibc. There a time zone is a text file with a
+ * POSIX TZ string, not a compiled zone file. This class combines these files with the table zone.tab, which gives
+ * the location of each zone.
  *
- * The database is loaded once, by the constructor, and never changes; reading it is thread-safe, and what it hands
- * out stays valid until it is destroyed. It owns its regions, and they own their towns. It neither reads nor sets
- * the time zone of the system.
+ * The database is loaded by the constructor and then immutable, so reading it is thread-safe. References and
+ * pointers that it returns stay valid until it is destroyed. It owns its regions, and they own their towns. It
+ * neither reads nor sets the time zone of the system.
  *
- * Loading reads regular files only and waits for nobody. A line of 1 MiB or more is neither a zone nor a TZ
- * string and is left out; in a damaged tree, directories deeper than 32 levels below a region and entries beyond
- * the first 20,000 of a region are left out.
+ * Loading reads regular files only and does not block. A line of 1 MiB or more is ignored. In a damaged tree,
+ * directories deeper than 32 levels below a region and entries beyond the first 20,000 of a region are ignored.
  */
 class NBASE_EXPORT NBuildrootUclibcTimeZoneDatabase
 {
 public:
-    /** What zone.tab says about one zone. */
+    /** The data of one zone in zone.tab. */
     struct NBASE_EXPORT TownMetadata
     {
         TownMetadata();
@@ -37,24 +36,24 @@ public:
         QString comment;     ///< empty when there is none
     };
 
-    /** What the version file says about the whole database. */
+    /** The data of the version file. */
     struct NBASE_EXPORT DbMetadata
     {
         QString version; ///< the first line of the version file
-        QDateTime date;  ///< when the version file came into being, in local time
+        QDateTime date;  ///< the creation time of the version file, in local time
     };
 
-    /** The folder of the time zone database, "/usr/share/zoneinfo". */
+    /** The directory of the time zone database, "/usr/share/zoneinfo". */
     static const QDir S_TIMEZONE_DB_DIR;
-    /** The folder of the files with TZ strings; each lies there under the name of its zone. */
+    /** The directory of the files with TZ strings; the path of each below it is the name of its zone. */
     static const QDir S_ZONE_FILES_DIR;
-    /** The table of zones, tab-separated (its head explains it; see also tzselect(8)). */
+    /** The table of zones, tab-separated (its header comment describes it; see also tzselect(8)). */
     static const QString S_TOWNS_METADATA_FILE_PATH;
     /** The file whose first line is the version of the database, for example "2024a". */
     static const QString S_DB_VERSION_FILE_PATH;
-    /** A latitude in zone.tab: degrees with sign, minutes and perhaps seconds. */
+    /** A latitude in zone.tab: degrees with sign, minutes and optional seconds. */
     static const QString S_LATITUDE_REGEXP;
-    /** A longitude in zone.tab: degrees with sign, minutes and perhaps seconds. */
+    /** A longitude in zone.tab: degrees with sign, minutes and optional seconds. */
     static const QString S_LONGITUDE_REGEXP;
     /** A zone name: region and town. */
     static const QString S_TIMEZONE_NAME_REGEXP;
@@ -65,8 +64,8 @@ public:
     static const QString S_TOWN_METADATA_REGEXP;
 
     /**
-     * Loads the database from the disk. No failure is reported: what cannot be read is left out. Without zone.tab
-     * there are no regions; without a version file, version and date are null.
+     * Loads the database. Failures are not reported: what cannot be read is left out. Without zone.tab there are
+     * no regions; without a version file, version and date are null.
      */
     NBuildrootUclibcTimeZoneDatabase();
     virtual ~NBuildrootUclibcTimeZoneDatabase();
@@ -75,8 +74,8 @@ public:
     const QString& version() const { return m_version; }
 
     /**
-     * When the version file came into being, in local time: its creation time, or the time of the last change of
-     * its status where the file system does not keep the former; null when the file cannot be opened.
+     * The creation time of the version file, in local time, or the time of its last status change where the file
+     * system does not record the former; null when the file cannot be opened.
      */
     const QDateTime& date() const { return m_date; }
 
@@ -84,8 +83,8 @@ public:
     const QMap<QString, NTimeZoneRegion*>& regions() const { return m_regions; }
 
     /**
-     * Looks a town up by file system names, for example "America" and "Argentina/Buenos_Aires".
-     * @return the town, which stays the database's; null when region or town are unknown.
+     * Looks up a town by file system names, for example "America" and "Argentina/Buenos_Aires".
+     * @return the town, owned by the database; null when region or town are unknown.
      */
     const NTimeZoneTown* town(const QString& regionName, const QString& townName) const;
 
@@ -93,20 +92,21 @@ public:
     QString regionAndTownToTimeZoneName(const QString& regionName, const QString& townName) const;
 
     /**
-     * Splits the name of a zone at its first "/" into region and town; both keep their underscores. The disk is
-     * asked at the time of the call: the zone needs a file in S_ZONE_FILES_DIR, but no line in zone.tab.
+     * Splits the name of a zone at its first "/" into region and town; both keep their underscores. The file
+     * system is checked at each call: the zone must have a file in S_ZONE_FILES_DIR, but needs no line in
+     * zone.tab.
      * @return region and town; two null strings when there is no such zone. A name with an empty part, "." or ".."
-     * is no zone even where the path would lead to a file, for it could lead out of the folder.
+     * is never a zone, because its path could leave the directory.
      */
     QPair<QString, QString> timeZoneNameToRegionAndTown(const QString& timeZoneName) const;
 
     /**
-     * Degrees, minutes and seconds in decimal degrees. The sign is that of @a degrees alone: less than a degree
-     * south or west cannot be told from north or east.
+     * Converts degrees, minutes and seconds to decimal degrees. Only @a degrees gives the sign: less than one
+     * degree south or west cannot be distinguished from north or east.
      */
     static float dmsToDecimalDegrees(int degrees, unsigned int minutes, float seconds);
 
-    /** A file system name as people read it: with blanks for underscores. */
+    /** The display name of a file system name: underscores are replaced by blanks. */
     static QString fileSystemNameToRegionOrTownName(const QString& fileSystemName);
 
 protected:
@@ -118,7 +118,7 @@ protected:
 
     /**
      * Reads the zone files in @a directory and below it. Symbolic links are followed, but no directory is entered
-     * twice on one path. What cannot be read and what is no regular file is left out.
+     * twice on one path. Unreadable and non-regular files are ignored.
      * @return the first line of each file, by its path below @a directory.
      */
     static QMap<QString, QString> loadDirectory(const QDir& directory);

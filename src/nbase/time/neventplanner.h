@@ -28,7 +28,7 @@
  * - An event that a receiver modifies is reported in this minute only if it was due before the change and is due
  *   after it. A slot that it modifies starts or ends at once.
  * - While a receiver runs an event loop, minutes are processed. What the interrupted minute has not reported yet
- * is reported at the start of the next minute, before anything else.
+ *   is reported at the start of the next minute, before anything else.
  *
  * All planners must be used on the thread on which the first planner was used; its event loop must run. The
  * application object (QCoreApplication) must exist before the first use, because a timer started earlier never
