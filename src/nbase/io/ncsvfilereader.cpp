@@ -12,11 +12,11 @@
 
 namespace {
 
-// A text that is longer than this gives its memory back when the next record is read.
+// The memory of a longer text is released when the next record is read.
 const int KeptCapacity = 16 * 1024;
 
-// Gives out the strings for the fields of a record. Those of an earlier record in the list are filled anew where
-// they can be, because a string of its own for each field would cost more than everything else about it.
+// Provides the strings for the fields of a record. Those of the previous record in the list are reused where
+// possible, because allocating a string for each field would cost more than everything else.
 class FieldList
 {
 public:
@@ -34,8 +34,8 @@ public:
             m_fields.erase(m_next, m_fields.end());
     }
 
-    // A string whose content does not matter, for a field of about that size. It belongs to the record only once
-    // it is kept, so that filling it may fail for lack of memory.
+    // A string with arbitrary content for a field of about this size. It becomes part of the record only with
+    // keep(), so that assigning to it may fail for lack of memory.
     QString& next(int size)
     {
         if (m_next == m_fields.end()) {
@@ -58,7 +58,7 @@ private:
     QStringList::iterator m_next;
 };
 
-// Takes a record apart line by line: each scan goes on where the last one had to stop.
+// Splits a record line by line: each scan continues where the last one stopped.
 class RecordScanner
 {
 public:
@@ -94,7 +94,7 @@ public:
 private:
     Q_DISABLE_COPY(RecordScanner)
 
-    // Where the next such character is, or the text's size.
+    // The position of the next such character, or the text's size.
     int find(const QString& text, QChar character) const
     {
         const QChar* const begin = text.constData();
@@ -117,7 +117,7 @@ private:
         m_position = end + 1;
     }
 
-    // Complete speaks of the field here.
+    // Here the result refers to the field.
     Result takeQuotedField(const QString& text)
     {
         for (;;) {
@@ -159,10 +159,10 @@ private:
 
     const QChar m_separator;
     FieldList& m_fields;
-    int m_position; ///< where the next field begins; inside quotes, where to search for the next quote
+    int m_position; ///< start of the next field; inside quotes, start of the search for the next quote
     int m_contentBegin;
     bool m_insideQuotes;
-    int m_quoteCount; ///< how many quotes the quoted field contains, which stand doubled in it
+    int m_quoteCount; ///< number of doubled quotes in the quoted field
 };
 
 } // namespace
@@ -338,7 +338,7 @@ bool NCsvFileReader::parseRecord(QStringList& fields)
     }
 }
 
-// Line breaks inside quotes stand as line feeds.
+// Line breaks inside quotes become line feeds.
 bool NCsvFileReader::appendNextLine()
 {
     if (m_text.isEmpty())
@@ -351,8 +351,8 @@ bool NCsvFileReader::appendNextLine()
     return true;
 }
 
-// Puts the next line into a string, whose memory is used again where the toolkit can. Returns false when the
-// source fails before its end: asked again and again, it would give empty lines for ever.
+// Reads the next line into a string, whose memory is reused where Qt supports it. Returns false when the source
+// fails before its end: it would otherwise return empty lines without end.
 bool NCsvFileReader::readLine(QString& line)
 {
     if (!m_textStream)

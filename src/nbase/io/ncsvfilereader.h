@@ -16,20 +16,19 @@ class QTextStream;
 
 /**
  * Reads records from CSV text (RFC 4180, with a choice of separators). A field that begins with a quote may
- * contain separators, line breaks and doubled quotes; in any other field a quote is a character like others, and
- * nothing is trimmed. An empty line is a record of one empty field. Records need not have the same number of
- * fields.
+ * contain separators, line breaks and doubled quotes; in any other field a quote is an ordinary character. Nothing
+ * is trimmed. An empty line is a record of one empty field. Records need not have the same number of fields.
  *
- * The text comes from a Qt source, decoded as a QTextStream does by default (a byte order mark chooses UTF-8,
- * UTF-16 or UTF-32), or from a standard stream, whose bytes are Latin-1. Lines of a Qt source end with a line feed
- * or with a carriage return and a line feed; in a standard stream a carriage return belongs to the line's last
- * field. The text must outlive the reader, unless it is given as a constant reference, which is copied. The reader
- * neither closes nor deletes what it is given. Not thread-safe.
+ * The source is a Qt source, decoded as QTextStream does by default (a byte order mark selects UTF-8, UTF-16 or
+ * UTF-32), or a standard stream, whose bytes are Latin-1. Lines of a Qt source end with a line feed or with a
+ * carriage return and a line feed; in a standard stream a carriage return belongs to the line's last field. The
+ * source must outlive the reader, except one given as a constant reference, which is copied. The reader neither
+ * closes nor deletes it. Not thread-safe.
  *
- * A standard stream is at its end only when reading has met the end, so a line break at the end of its text is
- * followed by one more, empty line. A text stream knows better.
+ * A standard stream reports its end only after a read operation has reached it. Therefore a line break at the end
+ * of its text is followed by one more, empty line; this is not so with Qt sources.
  *
- * A separator that Latin-1 does not have is replaced by the NUL character.
+ * A separator outside Latin-1 is replaced by the NUL character.
  */
 class NBASE_EXPORT NCsvFileReader
 {
@@ -57,25 +56,26 @@ public:
 
     virtual ~NCsvFileReader();
 
-    /** Whether the source is at its end; a standard stream when its end-of-file bit is set, and a null one always.
+    /**
+     * Whether the source is at its end: for a standard stream, whether its end-of-file bit is set. A null stream
+     * is always at its end.
      */
     bool atEnd() const;
 
-    /** The next line as it stands, without its line break; a null string when there is none or no memory for it.
-     */
+    /** The next line without its line break; a null string when there is none or not enough memory for it. */
     QString readNextStreamLine();
 
     /**
      * Reads the next record.
-     * @param fields replaced by the record's fields; none when the source was at its end already.
-     * @return false when a quoted field is followed by anything but a separator or the end of its line, when one
-     * is still open at the end of the text, when the source fails before its end, and when there is no memory for
-     * a field. The fields before it are in @a fields then, and nothing else; the rest of the line is lost.
+     * @param fields replaced by the record's fields; none when the source was already at its end.
+     * @return false when a quoted field is followed by anything but a separator or the end of its line, when it is
+     * still open at the end of the text, when the source fails before its end, or when there is not enough memory.
+     * @a fields then contains the fields before it; the rest of the line is lost.
      */
     bool parseNextLine(QStringList& fields);
 
     /**
-     * Reads all records that are left.
+     * Reads all remaining records.
      * @param records replaced by the records up to the end, or up to the first that cannot be read.
      * @return whether the end was reached.
      */

@@ -12,10 +12,10 @@
 
 namespace {
 
-// A line that is longer than this gives its memory back.
+// The memory of a longer line is released.
 const int KeptCapacity = 16 * 1024;
 
-// Writes fields into a line, in quotes where they need them.
+// Writes fields into a line, quoted where necessary.
 class FieldWriter
 {
 public:
@@ -28,10 +28,10 @@ public:
     {
     }
 
-    // Room for any field of a size, and for a character behind it: all its characters could be quotes.
+    // Room for any field of this size and one more character: all its characters may be quotes.
     static qint64 roomFor(int size) { return 2 * qint64(size) + 2 + NCsvText::Four; }
 
-    // Writes a field and returns its end; what is behind the end, within the room, is written to as well.
+    // Writes a field and returns its end. Memory behind the end, within the room, may be overwritten.
     QChar* write(const QString& field, QChar* to) const
     {
         QChar* const end = to + field.size();
@@ -58,7 +58,7 @@ public:
     }
 
 private:
-    // Looks at four characters at a time, and so at some of the padding.
+    // Examines four characters at a time, the last ones with padding.
     bool needsQuotes(const QChar* text, const QChar* end) const
     {
         for (; text < end; text += NCsvText::Four) {
@@ -75,10 +75,10 @@ private:
     const NCsvText::FourCharacters m_quotes;
     const NCsvText::FourCharacters m_carriageReturns;
     const NCsvText::FourCharacters m_lineFeeds;
-    const NCsvText::FourCharacters m_padding; ///< nothing that needs quotes
+    const NCsvText::FourCharacters m_padding; ///< characters that need no quotes
 };
 
-// A field as it is written, in memory of its own only where it needs quotes.
+// A field as it is written. It has its own memory only if it needs quotes.
 QString escaped(const QString& field, QChar separator)
 {
     const QChar quote = QLatin1Char('"');
@@ -211,7 +211,7 @@ void NCsvFileWriter::putTogether(const QStringList& fields)
     m_line.resize(size);
 }
 
-// Growing by half at least makes the cost of a line proportional to its length.
+// Growing by at least half keeps the cost of a line proportional to its length.
 void NCsvFileWriter::reserve(qint64 size)
 {
     if (size <= m_line.size())
@@ -230,12 +230,12 @@ void NCsvFileWriter::write()
         try {
             m_standardStream->write(latin1.constData(), latin1.size());
         } catch (const std::ios_base::failure&) {
-            // The stream was told to throw; its state says what has happened all the same.
+            // The application enabled exceptions for the stream. Its state reports the failure as well.
         }
     }
 }
 
-// A stream with a field width fills up each string that is written to it, and the lines are to look accordingly.
+// A stream with a field width pads each string that is written to it.
 void NCsvFileWriter::writeEachString(const QStringList& fields)
 {
     const QChar separator = QLatin1Char(m_separator);
@@ -247,7 +247,7 @@ void NCsvFileWriter::writeEachString(const QStringList& fields)
         *m_textStream << strings.at(index);
 }
 
-// A record that there is no memory for is left out whole, and the stream says that something is missing.
+// A record for which there is not enough memory is left out completely, and the stream's state reports it.
 void NCsvFileWriter::refuse()
 {
     if (m_textStream) {
@@ -256,7 +256,7 @@ void NCsvFileWriter::refuse()
         try {
             m_standardStream->setstate(std::ios_base::badbit);
         } catch (const std::ios_base::failure&) {
-            // As in writing.
+            // As in write().
         }
     }
 }

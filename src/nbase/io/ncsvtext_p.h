@@ -6,22 +6,22 @@
 #include <string.h>
 
 /**
- * Looking for the few characters that mean something in CSV text, four at a time: fields are so short that a call
- * of the toolkit's own search for each of them takes longer than the search itself.
+ * Searches for the special characters of CSV text, four at a time. Fields are so short that calling QString's own
+ * search for each of them takes longer than the search itself.
  */
 namespace NCsvText {
 
 const int Four = 4;
 
 /**
- * Four characters in the compiler's own vector type, which it makes do with on processors that have none. A vector
- * by itself is not handed over: 32-bit processors do that in different ways.
+ * Four characters in the compiler's vector type, which it emulates on processors without vector instructions.
+ * Vectors are not passed by value, because how that is done differs between 32-bit ABIs.
  */
 struct FourCharacters
 {
     typedef ushort Vector __attribute__((vector_size(8)));
 
-    /** @a character in all four places. */
+    /** Four times @a character. */
     explicit FourCharacters(QChar character)
     {
         const ushort code = character.unicode();
@@ -29,13 +29,13 @@ struct FourCharacters
         vector = four;
     }
 
-    /** Four characters from @a text. */
+    /** The first four characters of @a text. */
     explicit FourCharacters(const QChar* text) { memcpy(&vector, text, sizeof(vector)); }
 
     Vector vector;
 };
 
-/** Whether a comparison held in any place. */
+/** Whether a comparison is true in any element. */
 template <typename Comparison> inline bool isAny(const Comparison& comparison)
 {
     quint64 places;
@@ -43,7 +43,7 @@ template <typename Comparison> inline bool isAny(const Comparison& comparison)
     return places != 0;
 }
 
-/** Where the first such character is, or @a end. */
+/** The position of the first such character, or @a end. */
 inline const QChar* find(const QChar* begin, const QChar* end, QChar character)
 {
     const FourCharacters wanted(character);
@@ -54,7 +54,7 @@ inline const QChar* find(const QChar* begin, const QChar* end, QChar character)
     return begin;
 }
 
-/** Copies what is before the next such character, or before @a end, and moves @a from and @a to behind it. */
+/** Copies everything before the next such character, or before @a end, and advances @a from and @a to. */
 inline void copyUpTo(QChar character, const QChar*& from, const QChar* end, QChar*& to)
 {
     const FourCharacters wanted(character);

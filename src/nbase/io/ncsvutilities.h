@@ -7,7 +7,7 @@
 #include <QtCore/QMap>
 #include <QtCore/QObject>
 
-/** The separators that CSV files of the device may have. All operations are thread-safe. */
+/** The separators of CSV files. All operations are thread-safe. */
 class NBASE_EXPORT NCsvUtilities
 {
     Q_GADGET
@@ -24,10 +24,10 @@ public:
     /** Every separator with its character. */
     static QMap<NCsvUtilities::Separator, QChar> separators();
 
-    /** The character of @a separator; a null character for a value that is no separator. */
+    /** The character of @a separator; a null character for an unknown value. */
     static QChar characterFromSeparator(NCsvUtilities::Separator separator);
 
-    /** The separator whose character is @a character; SeparatorComma when it is that of none. */
+    /** The separator whose character is @a character; SeparatorComma when there is none. */
     static NCsvUtilities::Separator separatorFromCharacter(const QChar& character);
 
 private:

@@ -7,8 +7,8 @@
 
 namespace {
 
-// A device that says it has moved more bytes than it was offered is not believed: pointers into the buffers depend
-// on it.
+// A device may report more bytes than it was asked for. The count is limited because pointers into the buffers are
+// computed from it.
 qint64 readFrom(QIODevice* device, char* data, qint64 size)
 {
     return qMin(size, device->read(data, size));
@@ -30,7 +30,7 @@ NQIODeviceStreambuf::NQIODeviceStreambuf(QIODevice* device)
 
 NQIODeviceStreambuf::~NQIODeviceStreambuf()
 {
-    // The last chance to write; a virtual call would reach this class as well.
+    // A virtual call would reach this class as well, because the derived part is already destroyed.
     NQIODeviceStreambuf::sync();
 }
 
@@ -63,12 +63,13 @@ int NQIODeviceStreambuf::sync()
     if (!pbase())
         return 0;
     const qint64 pending = pptr() - pbase();
-    // With nothing pending the device is left alone: it may be closed already, and a datagram may be empty.
+    // With nothing pending the device is not written to: it may be closed, and a datagram socket would send an
+    // empty datagram.
     const qint64 written = pending > 0 ? writeTo(m_device, pbase(), pending) : 0;
     if (written < 1)
         return -1;
-    // Intended: what moves is the block behind the pending bytes, and the pending bytes lose their end. Only the
-    // part of that block that lies within the buffer can move.
+    // Intended: the block behind the pending bytes is moved, and the pending bytes lose their end. Only the part
+    // of that block inside the buffer is moved.
     if (written < pending && written < epptr() - pptr())
         memmove(pptr(), pptr() + written, size_t(qMin(written, qint64(epptr() - pptr()) - written)));
     pbump(-int(written));
@@ -113,8 +114,8 @@ std::streamsize NQIODeviceStreambuf::xsgetn(char* s, std::streamsize n)
     return count;
 }
 
-// Reads the block that would fill the get buffer straight to where it is wanted, which saves copying it. Its last
-// character can be put back.
+// Reads a block directly to its destination instead of the get buffer, which saves copying it. Its last character
+// can be put back.
 qint64 NQIODeviceStreambuf::readBlock(char* block)
 {
     const qint64 size = readFrom(m_device, block, BufferSize);

@@ -6,8 +6,8 @@
 
 namespace {
 
-// What is waiting stands in blocks of this size, so that reading neither moves what is left nor keeps the memory
-// of what is gone. The allocator's own bytes and the array's fit beside it into 16 KiB.
+// Unread bytes are kept in blocks, so that reading neither moves the rest nor keeps the memory of what was read.
+// The size leaves room for the headers of the allocator and of QByteArray within 16 KiB.
 const int BlockSize = 16 * 1024 - 64;
 
 QByteArray makeBlock(const char* data, int size)
@@ -104,8 +104,8 @@ qint64 NSequentialBuffer::writeData(const char* data, qint64 size)
     return size;
 }
 
-// Takes all bytes or, when there is no memory for them, none: what fits into the last block, which needs no
-// memory, is put there once the others are made.
+// Appends all bytes or, when there is no memory for them, none: the last block, which needs no memory, is filled
+// after the new blocks were allocated.
 void NSequentialBuffer::append(const char* data, int size)
 {
     const int blockCount = m_blocks.size();

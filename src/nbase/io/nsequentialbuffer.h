@@ -8,12 +8,12 @@
 #include <QtCore/QList>
 
 /**
- * A queue of bytes in memory as a sequential device: a producer writes bytes in, a consumer reads each of them
- * once and in order. readyRead() tells of bytes that were written, readChannelFinished() that no more will come.
- * Used on its own thread.
+ * A queue of bytes in memory as a sequential device: a producer writes bytes, a consumer reads each of them once
+ * and in order. readyRead() reports new bytes, readChannelFinished() the end of the data. Must be used on its own
+ * thread.
  *
- * Reading in small pieces costs the same per byte however much is waiting; memory that waiting bytes took is given
- * back while they are read.
+ * The cost of reading a byte does not depend on the number of unread bytes. Memory is released while bytes are
+ * read.
  */
 class NBASE_EXPORT NSequentialBuffer : public QIODevice
 {
@@ -24,38 +24,38 @@ public:
     explicit NSequentialBuffer(QObject* parent);
     ~NSequentialBuffer() override;
 
-    /** True: what was read is gone. */
+    /** True: bytes can be read only once. */
     bool isSequential() const override;
 
     /**
-     * Opens the buffer; for writing only when @a mode includes WriteOnly. Otherwise a reader is at the end at
-     * once. A buffer that is open already stays as it is.
+     * Opens the buffer. Without WriteOnly in @a mode the buffer is at its end at once. Has no effect when the
+     * buffer is open.
      * @return whether the buffer is open.
      */
     bool open(QIODevice::OpenMode mode) override;
 
-    /** Closes both ends and discards what has not been read. */
+    /** Closes the buffer and discards unread bytes. */
     void close() override;
 
     /**
-     * Ends the writing: what is waiting can still be read, and reading then gives -1. Emits readChannelFinished(),
-     * unless the writing has ended before.
+     * Ends writing. Unread bytes can still be read; reading then returns -1. Emits readChannelFinished(), unless
+     * writing has ended before.
      */
     void closeWriteChannel();
 
-    /** How many bytes were written and not read yet. */
+    /** The number of bytes that were written and not read yet. */
     qint64 bytesAvailable() const override;
 
     /** Whether a whole line can be read. */
     bool canReadLine() const override;
 
 protected:
-    /** @return the number of bytes read; without any, -1 when none will come and 0 when none have come yet. */
+    /** @return the number of bytes read; when there are none, 0 as long as more may be written, otherwise -1. */
     qint64 readData(char* data, qint64 maxSize) override;
 
     /**
-     * Takes all @a size bytes or, when the writing has ended, when 2^31 bytes would be waiting or when there is no
-     * memory for them, none.
+     * Accepts all @a size bytes, or none when writing has ended, when 2^31 bytes would be unread or when there is
+     * not enough memory.
      * @return @a size, or -1.
      */
     qint64 writeData(const char* data, qint64 size) override;
@@ -66,9 +66,9 @@ private:
     void append(const char* data, int size);
     void removeFirst(char* data, int size);
 
-    QList<QByteArray> m_blocks; ///< what was written and not read yet, in order; no block is empty
-    int m_readSize;             ///< how many bytes of the first block have been read already
-    int m_size;                 ///< how many bytes are waiting
+    QList<QByteArray> m_blocks; ///< unread bytes in order; no block is empty
+    int m_readSize;             ///< number of bytes of the first block that were read already
+    int m_size;                 ///< number of unread bytes
     bool m_writeChannelClosed;
 };
 
