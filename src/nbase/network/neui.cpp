@@ -7,7 +7,7 @@ namespace {
 
 typedef QSet<NEuiBase::Separator> Separators;
 
-// A function, because other statics of the library are made from it before S_BYTE_REGEXP need exist.
+// A function, because other statics of the library use it and may be initialised before S_BYTE_REGEXP.
 QString byteRegExp()
 {
     return QString::fromLatin1("[A-Fa-f0-9]{2}");
@@ -43,12 +43,12 @@ int digitValue(QChar digit)
     const uint decimal = digit.unicode() - uint('0');
     if (decimal < 10)
         return int(decimal);
-    // Sets the bit in which the lower-case letters differ from the upper-case ones.
+    // Converts to lower case: the cases differ in this bit.
     const uint letter = (digit.unicode() | 0x20u) - uint('a');
     return letter < 6 ? int(letter) + 10 : -1;
 }
 
-// Reads what "byte, separator, byte, ..., byte" matches exactly, without the cost of compiling an expression.
+// Accepts exactly "byte, separator, byte, ..., byte", without the cost of compiling a regular expression.
 bool readBytes(const QString& text, NEuiBase::Separator separator, int count, unsigned char* bytes)
 {
     const char between = separatorCharacter(separator);

@@ -12,34 +12,32 @@
 
 #include <string.h>
 
-/** How the bytes of an extended unique identifier are separated in text. All operations are thread-safe. */
+/** The separators between the bytes of an extended unique identifier in text. All operations are thread-safe. */
 class NBASE_EXPORT NEuiBase
 {
     Q_GADGET
     Q_ENUMS(Separator)
 
 public:
-    /** What stands between two bytes in text. */
+    /** The text between two bytes. */
     enum Separator {
         SeparatorColon, ///< ":", as in 00:1a:2b:3c:4d:5e
         SeparatorDash,  ///< "-", as in 00-1a-2b-3c-4d-5e
         SeparatorNone   ///< nothing, as in 001a2b3c4d5e
     };
 
-    /** The text of @a separator: ":", "-" or an empty string; a null string for a value that is no separator. */
+    /** The text of @a separator: ":", "-" or an empty string; a null string for an unknown value. */
     static QString separatorString(NEuiBase::Separator separator);
 
-    /** Every separator that there is. */
+    /** All separators. */
     static QSet<NEuiBase::Separator> separators();
 };
 
 /**
- * An extended unique identifier of @a N bytes, as the IEEE's Guidelines for Use of EUI, OUI and CID describe them,
- * or a null value that is no identifier. The library holds the identifiers of 6 and of 8 bytes, see NEui48 and
- * NEui64.
+ * An extended unique identifier of @a N bytes (IEEE, Guidelines for Use of EUI, OUI and CID), or a null value. The
+ * library instantiates it for 6 and 8 bytes; see NEui48 and NEui64.
  *
- * A plain value that can be copied freely. As with all such values, one object must not be used in several threads
- * while one of them changes it.
+ * A plain value. Concurrent access to one object is not synchronised.
  */
 template <unsigned char N> class NBASE_EXPORT NEui : public NEuiBase
 {
@@ -48,9 +46,9 @@ public:
     static const QString S_BYTE_REGEXP;
 
     /**
-     * The regular expression (of QRegExp) that an identifier in text matches exactly when it is written with one
-     * of the @a separators. An identifier has the same separator throughout.
-     * @return the expression; an empty string, which matches empty text only, when @a separators is empty.
+     * The regular expression (of QRegExp) of an identifier that is written with one of @a separators, the same
+     * between all bytes. To be matched exactly.
+     * @return the expression; an empty string, which matches only empty text, when @a separators is empty.
      */
     static QString regExpString(const QSet<NEuiBase::Separator>& separators);
 
@@ -64,24 +62,24 @@ public:
     explicit NEui(const QVector<unsigned char>& bytes);
 
     /**
-     * Reads an identifier from text: N bytes of two hexadecimal digits each, in either letter case, with the same
-     * one of @a separators between all of them, and nothing around them, no blanks either. The identifier is null
-     * when the @a text is anything else, or when @a separators is empty.
+     * Parses @a text: N bytes of two hexadecimal digits each, in either letter case, with the same one of
+     * @a separators between all of them and no blanks around them. The identifier is null when the text is
+     * anything else, or when @a separators is empty.
      */
     NEui(const QString& text, const QSet<NEuiBase::Separator>& separators);
 
-    /** Whether this is no identifier. */
+    /** Whether this is the null value. */
     bool isNull() const { return m_null; }
 
-    /** The N bytes, the first printed one first, all 0 when this is null. They live as long as this object. */
+    /** The N bytes, the first printed one first, all 0 when this is null. Valid as long as this object. */
     const unsigned char* bytes() const { return m_bytes; }
 
-    /** The byte at @a index, 0 being the first printed one; 0 for an index outside 0 to N - 1. */
+    /** The byte at @a index, counted from the first printed one; 0 for an index outside 0 to N - 1. */
     unsigned char byte(int index) const { return index >= 0 && index < N ? m_bytes[index] : 0; }
 
     /**
-     * The identifier as text that reads back as the same identifier: two hexadecimal digits in lower case for each
-     * byte, with @a separator between them.
+     * The identifier as text: two hexadecimal digits in lower case for each byte, with @a separator between bytes.
+     * It can be parsed again.
      * @return the text; a null string when this is null.
      */
     QString toString(NEuiBase::Separator separator) const
@@ -105,7 +103,7 @@ public:
     /** Whether the bytes differ, or only one of the two is null. */
     bool operator!=(const NEui& other) const { return !(*this == other); }
 
-    /** The order of the bytes, the first printed one counting most; null comes before all others. */
+    /** Compares the bytes, the first printed one first; null is less than all others. */
     bool operator<(const NEui& other) const
     {
         if (m_null != other.m_null)
@@ -114,14 +112,14 @@ public:
     }
 
 protected:
-    /** Makes this the identifier of the N bytes at @a bytes. */
+    /** Assigns the N bytes at @a bytes. */
     void setBytes(const unsigned char* bytes)
     {
         m_null = false;
         memcpy(m_bytes, bytes, N);
     }
 
-    /** Makes this the identifier that @a text is with @a separator, if it is one. @return whether it is. */
+    /** Parses @a text with @a separator. @return false when it is not an identifier; this then stays unchanged. */
     bool read(const QString& text, NEuiBase::Separator separator);
 
 private:
@@ -129,7 +127,7 @@ private:
     unsigned char m_bytes[N];
 };
 
-// One object of each static per process: no user of this header makes an instance of his own.
+// One object of each static per process: users of this header do not instantiate the templates.
 extern template class NEui<6>;
 extern template class NEui<8>;
 
@@ -142,7 +140,7 @@ template <unsigned char N> uint qHash(const NEui<N>& address)
     return qHash(value);
 }
 
-/** An identifier of six bytes, EUI-48. */
+/** An EUI-48, six bytes. */
 class NBASE_EXPORT NEui48 : public NEui<6>
 {
 public:
@@ -164,7 +162,7 @@ public:
     NEui48(const QString& text, const QSet<NEuiBase::Separator>& separators);
 };
 
-/** An identifier of eight bytes, EUI-64. */
+/** An EUI-64, eight bytes. */
 class NBASE_EXPORT NEui64 : public NEui<8>
 {
 public:

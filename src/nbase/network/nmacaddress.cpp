@@ -27,7 +27,7 @@ NMacAddress::NMacAddress(const NEui48& address)
 {
 }
 
-// The set of allowed separators holds this one only; finding it there would take as long as reading the text.
+// Does not use the constructor with a set of separators: looking up the only one would take as long as parsing.
 NMacAddress::NMacAddress(const QString& text)
 {
     read(text, S_SEPARATOR);

@@ -4,13 +4,13 @@
 #include <nbase/network/neui.h>
 
 /**
- * The hardware address of an Ethernet interface: an EUI-48 whose text has colons between the bytes and no other
- * form, as the system's network tools write it.
+ * The hardware address of an Ethernet interface: an EUI-48 whose text always has colons between the bytes, as the
+ * system's network tools write it.
  */
 class NBASE_EXPORT NMacAddress : public NEui48
 {
 public:
-    /** What stands between the bytes of a MAC address in text. */
+    /** The separator between the bytes of a MAC address in text. */
     static const NEuiBase::Separator S_SEPARATOR = NEuiBase::SeparatorColon;
 
     /** The separators that are accepted in text: S_SEPARATOR only. */
@@ -37,8 +37,8 @@ public:
     NMacAddress(const NEui48& address);
 
     /**
-     * Reads a MAC address from text: six pairs of hexadecimal digits, in either letter case, joined by colons, and
-     * nothing around them. The address is null when @a text is anything else.
+     * Parses @a text: six pairs of hexadecimal digits, in either letter case, separated by colons, without blanks
+     * around them. The address is null when the text is anything else.
      */
     explicit NMacAddress(const QString& text);
 

@@ -10,13 +10,13 @@ const int MaximumByte = 255;
 const int MaximumPrefixLength = 32;
 const int MaximumLabelLength = 63;
 
-// A host name is shorter than this. A dot at the end does not count, it stands for the root (RFC 1034,
+// A host name must be shorter than this. A dot at the end does not count because it denotes the root (RFC 1034,
 // section 3.1).
 const int HostNameLengthLimit = 253;
 
 typedef QMap<NNetworkUtilities::TransportProtocol, QString> ProtocolNames;
 
-// QChar::isDigit() and QChar::isLetter() also hold for the digits and letters of other scripts.
+// QChar::isDigit() and QChar::isLetter() also accept digits and letters of other scripts.
 bool isDigit(QChar character)
 {
     return character >= QLatin1Char('0') && character <= QLatin1Char('9');
@@ -28,8 +28,8 @@ bool isLetterOrDigit(QChar character)
            (character >= QLatin1Char('A') && character <= QLatin1Char('Z'));
 }
 
-// The skip functions below move the position behind what they have found. They fail when it is not there; the
-// position is of no use then.
+// The skip functions advance the position behind what they expect. When the text does not match they return false
+// and leave the position undefined.
 
 bool skipCharacter(const QChar*& position, const QChar* end, char character)
 {
@@ -47,7 +47,7 @@ bool skipNumber(const QChar*& position, const QChar* end)
     return position != begin;
 }
 
-// Any number of zeros before the number is allowed.
+// Any number of leading zeros is allowed.
 bool skipNumberUpTo(const QChar*& position, const QChar* end, int maximum)
 {
     const QChar* const begin = position;
@@ -115,7 +115,8 @@ bool isLabelSequence(const QChar* position, const QChar* end)
     return true;
 }
 
-// Takes a number, because a caller's value may be no protocol, and comparing such keys of a map is undefined.
+// Takes a number, because the caller's value may be outside the enumeration; using such a value as a key is
+// undefined.
 QString protocolName(int protocol)
 {
     switch (protocol) {
