@@ -1,4 +1,4 @@
-// Writes two lines to the system log, and prints what it holds of the errors of two programs.
+// Writes two lines to the system log and prints the errors of two programs from it.
 
 #include <nbase/core/nsyslog.h>
 
@@ -10,7 +10,7 @@
 
 int main(int argc, char** argv)
 {
-    // The first object of the program goes last, so that the others can still log while they are destroyed.
+    // Constructed first and destroyed last, so that the other objects can log while they are destroyed.
     QStringList logFiles;
     logFiles << QString::fromLatin1("/var/log/messages.0") << QString::fromLatin1("/var/log/messages");
     NSysLog systemLog(LOG_PID, LOG_DAEMON, logFiles, nullptr);

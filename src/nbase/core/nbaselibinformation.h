@@ -7,9 +7,8 @@
 #include <QtCore/QString>
 
 /**
- * Which library this is: what an application shows on its "about" page and writes to its log. All operations are
- * thread-safe, but the first call of libraryDateTime() in a process has to be over before another thread makes
- * one.
+ * Identification of the library, for an application's "about" page and its log. All operations are thread-safe,
+ * except that the first call of libraryDateTime() in a process must return before another thread calls it.
  */
 class NBASE_EXPORT NBaseLibInformation
 {
@@ -21,8 +20,8 @@ public:
     static QString libraryVersion();
 
     /**
-     * When the library was compiled, in the local time of the machine that compiled it.
-     * @return the time, or an invalid one when the compiler's date could not be read.
+     * The time of compilation, in the local time of the build machine.
+     * @return the time; invalid when the compiler's date could not be parsed.
      */
     static QDateTime libraryDateTime();
 

@@ -5,14 +5,14 @@
 
 namespace {
 
-// QObject keeps the meta-object of the Qt namespace for its derived classes only.
+// The meta-object of the Qt namespace is a protected member of QObject.
 class QtNamespace : public QObject
 {
 public:
     static const QMetaObject& qtMetaObject() { return staticQtMetaObject; }
 };
 
-// Keyed by number: a value of the enumeration that lies beyond its days must not even be read as one (C++11,
+// Keyed by number: reading an enumeration value outside the range of the enumeration is undefined (C++11,
 // [dcl.enum] 7.2).
 typedef QMap<int, QString> DayOfWeekTexts;
 

@@ -31,7 +31,7 @@ QString programFileName()
     return QFileInfo(NBaseQtCompat::symbolicLinkTarget(QString::fromLatin1("/proc/self/exe"))).fileName();
 }
 
-// With its NUL; the caller owns it.
+// Includes the terminating NUL; the caller owns it.
 char* newIdentity(const QString& ident)
 {
     const QByteArray latin1 = (ident.isNull() ? programFileName() : ident).toLatin1();
@@ -48,7 +48,7 @@ QStringList labelsUpTo(int level)
     return NSysLog::S_LOG_LEVELS_LABELS.mid(0, qMin(level, int(NSysLog::Debug)) + 1);
 }
 
-// All are opened before any is read: a log that is rotated meanwhile is neither missed nor read twice.
+// All are opened before any is read, so that a log rotated meanwhile is neither missed nor read twice.
 std::vector<NFileDescriptor> openRegularFiles(const QStringList& paths)
 {
     std::vector<NFileDescriptor> files;
@@ -60,8 +60,8 @@ std::vector<NFileDescriptor> openRegularFiles(const QStringList& paths)
     return files;
 }
 
-// Remembers which programs are wanted, for a log names the same few over and over. It never holds more than a
-// fixed number of short names; a new one takes the place of another.
+// Caches which programs are wanted, because a log repeats few names. It holds a fixed number of short names; a new
+// name replaces another.
 class ProgramFilter
 {
 public:
@@ -113,10 +113,10 @@ bool ProgramFilter::isWanted(const QString& program) const
     return false;
 }
 
-// Reads log files block by block and collects the lines that are asked for. A line is taken out of its block; one
-// that lies across blocks is read again from the file, and only if it is wanted.
+// Reads log files block by block and collects the wanted lines. A line is copied from its block; a line that
+// extends over several blocks is read from the file again if it is wanted.
 //
-// The files are not mapped: a log that is truncated while it is read would end the process with SIGBUS.
+// The files are not mapped: a log that is truncated meanwhile would terminate the process with SIGBUS.
 class LogReader
 {
 public:
@@ -132,7 +132,7 @@ private:
     QString line(const NFileDescriptor& file) const;
     static QString readAgain(const NFileDescriptor& file, qint64 offset, qint64 size);
 
-    // A damaged log may have a "program" of any length, which an expression has to see as a whole.
+    // In a damaged log a program can be of any length, and the expressions need it as a whole.
     enum { BlockSize = 128 * 1024, LongestProgram = 1024 * 1024 };
 
     NSysLogLineMatcher m_matcher;
@@ -212,7 +212,7 @@ QString LogReader::line(const NFileDescriptor& file) const
     return readAgain(file, m_lineOffset + begin, size);
 }
 
-// A null string when the file has been truncated meanwhile, or when the text is longer than a string can be.
+// Returns a null string when the file has been truncated, or when the text exceeds the size of a string.
 QString LogReader::readAgain(const NFileDescriptor& file, qint64 offset, qint64 size)
 {
     const qint64 longestText = INT_MAX / 2 - 64;
@@ -246,7 +246,7 @@ void NSysLogMsgHandler(QtMsgType type, const char* msg)
 {
     if (qstrncmp(msg, DroppedMessagePrefix, sizeof(DroppedMessagePrefix) - 1) == 0)
         return;
-    // Compared as numbers: Qt 5 has a type more, QtInfoMsg, which is none of these.
+    // Compared as numbers: Qt 5 has one more type, QtInfoMsg, which is ignored.
     switch (int(type)) {
     case QtDebugMsg:
         syslog(LOG_DEBUG, "%s", msg);

@@ -6,7 +6,7 @@
 
 namespace {
 
-// QString::trimmed() decides with QChar::isSpace(), whose answer for 0x85 differs between Qt 4 and Qt 5.
+// QString::trimmed() uses QChar::isSpace(), whose result for 0x85 differs between Qt 4 and Qt 5.
 bool isSpace(char byte)
 {
     return QChar(QLatin1Char(byte)).isSpace();
@@ -71,8 +71,8 @@ void NSysLogLineMatcher::feed(const char* begin, const char* end)
     m_pieceBegin += end - begin;
 }
 
-// The blank after the program's colon belongs to the form, and it is there only if some text follows: otherwise it
-// is white space at the line's end.
+// The blank after the program's colon is part of the form. It must be followed by text; otherwise it is white
+// space at the end of the line.
 bool NSysLogLineMatcher::matches() const
 {
     return m_state == Text && m_textEnd > m_programEnd + 2;

@@ -6,32 +6,32 @@
 #include <QtCore/QStringList>
 
 /**
- * Recognises a line of the system log, given piece by piece, and finds the program in it. The answer is that of
- * the regular expression which NSysLog::logLines() documents, but it takes a fraction of the time and nothing of
- * the line is kept, so that a file of which a power loss left one endless line costs no memory.
+ * Matches a line of the system log, fed piece by piece, and locates the program in it. The result is that of the
+ * regular expression in NSysLog::logLines(), in a fraction of the time. The line is not stored, so that a file
+ * with an extremely long line, as left by a power loss, needs no memory.
  *
  * Positions are bytes from the start of the line.
  */
 class NSysLogLineMatcher
 {
 public:
-    /** @param levels the labels of the levels that are taken; without any, a level has to be empty. */
+    /** @param levels the labels of the accepted levels; when empty, only an empty level is accepted. */
     explicit NSysLogLineMatcher(const QStringList& levels);
 
-    /** Forgets the line before. */
+    /** Starts a new line. */
     void startLine();
 
-    /** Takes the next bytes of the line; the line's end is not among them. */
+    /** Processes the next bytes of the line, without its line feed. */
     void feed(const char* begin, const char* end);
 
-    /** Whether the bytes since startLine() are such a line; the positions below are defined only if they are. */
+    /** Whether the bytes since startLine() are a matching line; the positions below are defined only then. */
     bool matches() const;
 
-    /** Where the line begins and ends without the white space around it. */
+    /** Begin and end of the line without surrounding white space. */
     qint64 textBegin() const { return m_textBegin; }
     qint64 textEnd() const { return m_textEnd; }
 
-    /** Where the program, with the process id in brackets if it has one, begins and ends. */
+    /** Begin and end of the program, including a process id in brackets. */
     qint64 programBegin() const { return m_programBegin; }
     qint64 programEnd() const { return m_programEnd; }
 
@@ -51,7 +51,7 @@ private:
     bool fieldIsFacilityAndLevel() const;
     qint64 position(const char* byte) const { return m_pieceBegin + (byte - m_piece); }
 
-    // Room for what is compared as a whole, the time "Jan  5 01:02:03 " and the longest "authpriv.notice".
+    // The fields that are compared as a whole: the time "Jan  5 01:02:03 " and, at the longest, "authpriv.notice".
     enum { TimeSize = 16, FieldCapacity = 16 };
 
     QList<QByteArray> m_months;
