@@ -1,5 +1,5 @@
-// A heating that is switched by the time of the week: warm on working days from 06:00 to 22:00, a test of the pump
-// on Monday at 05:30, and a line in the log at every full hour.
+// A heating controlled by the time of the week: warm on working days from 06:00 to 22:00, a test of the pump on
+// Monday at 05:30, and a line in the log at every full hour.
 
 #include <nbase/time/neventplanner.h>
 
@@ -32,7 +32,7 @@ public:
         workingDays << Qt::Monday << Qt::Tuesday << Qt::Wednesday << Qt::Thursday << Qt::Friday;
         const QSet<Qt::DayOfWeek> monday = QSet<Qt::DayOfWeek>() << Qt::Monday;
 
-        // When this is called between 06:00 and 22:00 of a working day, beginSlot() is called before it returns.
+        // Between 06:00 and 22:00 of a working day, this calls beginSlot() before it returns.
         m_warmTime = m_planner.registerPeriodicTimeSlot(workingDays, QTime(6, 0), QTime(22, 0));
         m_pumpTest = m_planner.registerPeriodicEvent(monday, QTime(5, 30));
         m_planner.registerCalendarEvent(NEventPlanner::NewHour);
@@ -46,7 +46,7 @@ private slots:
     void runEvent(const NEventPlanner::NPeriodicEvent* event)
     {
         if (event == m_pumpTest)
-            qDebug() << "the pump is tested";
+            qDebug() << "testing the pump";
     }
 
     void logTime(NEventPlanner::CalendarEvent)
