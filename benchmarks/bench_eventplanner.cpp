@@ -3,7 +3,7 @@
 // "jump" is a clock that was set to another day, after which every slot has to be compared with its state. Both in
 // so many planners. "register" makes and removes entries one by one, against doing this with a hash of sets.
 
-#include "support/nfakeclock.h"
+#include "support/nsystemcalls.h"
 
 #include <nbase/time/neventplanner.h>
 #include <nbase/time/neventplannersingleton.h>
@@ -60,7 +60,7 @@ class Entries
 public:
     Entries(int count, int plannerCount)
     {
-        NFakeClock::stopAt(Start);
+        NSystemCalls::stopClockAt(Start);
         Random random;
         Days workingDays;
         for (int day = Qt::Monday; day <= Qt::Friday; ++day)
@@ -81,7 +81,7 @@ public:
     {
         qDeleteAll(m_planners);
         delete NEventPlannerSingleton::instance();
-        NFakeClock::reset();
+        NSystemCalls::resetClock();
     }
 
     QHash<NEventPlanner*, QSet<Event*>> events;
@@ -104,7 +104,7 @@ void tick(benchmark::State& state, int plannerCount, qint64 step)
     qint64 time = Start;
     for (auto _ : state) {
         time += step;
-        NFakeClock::stopAt(time);
+        NSystemCalls::stopClockAt(time);
         ticker->newMinute();
     }
     finish(state);
@@ -134,7 +134,7 @@ void walk(benchmark::State& state, int plannerCount)
 // the minute, and the timer.
 void walkNothing(benchmark::State& state)
 {
-    NFakeClock::stopAt(Start);
+    NSystemCalls::stopClockAt(Start);
     QTimer timer;
     timer.setSingleShot(true);
     for (auto _ : state) {
@@ -145,14 +145,14 @@ void walkNothing(benchmark::State& state)
         benchmark::DoNotOptimize(QDateTime::currentMSecsSinceEpoch());
         timer.start(int(MillisecondsPerMinute));
     }
-    NFakeClock::reset();
+    NSystemCalls::resetClock();
 }
 
 void registerEntries(benchmark::State& state)
 {
     const int count = int(state.range(0)) / 2;
     const Days days = Days() << Qt::Monday;
-    NFakeClock::stopAt(Start);
+    NSystemCalls::stopClockAt(Start);
     NEventPlanner planner(nullptr);
     QVector<Event*> events(count);
     QVector<TimeSlot*> timeSlots(count);
@@ -167,7 +167,7 @@ void registerEntries(benchmark::State& state)
         }
     }
     finish(state);
-    NFakeClock::reset();
+    NSystemCalls::resetClock();
 }
 
 void insertEntries(benchmark::State& state)

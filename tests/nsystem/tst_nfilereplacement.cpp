@@ -1,6 +1,6 @@
 #include <nsystem/nfilereplacement_p.h>
 
-#include "support/nfilefault.h"
+#include "support/nsystemcalls.h"
 #include "support/ntemporarydirectory.h"
 #include "support/nthreads.h"
 #include "support/nwithoutfileoverride.h"
@@ -234,8 +234,8 @@ void tst_NFileReplacement::failureOfTheDiskKeepsTheFile_data()
 {
     QTest::addColumn<int>("call");
 
-    QTest::newRow("flushing") << int(NFileFault::Synchronize);
-    QTest::newRow("closing") << int(NFileFault::Close);
+    QTest::newRow("flushing") << (NSystemCalls::Fsync | NSystemCalls::Fdatasync);
+    QTest::newRow("closing") << int(NSystemCalls::Close);
 }
 
 void tst_NFileReplacement::failureOfTheDiskKeepsTheFile()
@@ -244,11 +244,11 @@ void tst_NFileReplacement::failureOfTheDiskKeepsTheFile()
     QVERIFY(replace(m_path, "old"));
     {
         // The first descriptor that is closed is the one that showed that the file may be written.
-        const QScopedPointer<NFileFault> fault(
-            NFileFault::once(NFileFault::Call(call), call == NFileFault::Close ? 1 : 0));
+        const NSystemCalls::Fault fault(
+            NSystemCalls::Calls(call).skip(call == NSystemCalls::Close ? 1 : 0).times(1), EIO);
         QVERIFY(!replace(m_path, "new"));
         QCOMPARE(errno, EIO);
-        QCOMPARE(fault->count(), 1);
+        QCOMPARE(fault.count(), 1);
     }
     QCOMPARE(contentOf(m_path), QByteArray("old"));
     QCOMPARE(names(), QStringList(QString::fromLatin1("file")));

@@ -1,32 +1,36 @@
 #ifndef NBASE_TESTS_NFILEFAULT_H
 #define NBASE_TESTS_NFILEFAULT_H
 
-#include <QtCore/qglobal.h>
+#include "support/nsystemcalls.h"
 
-/**
- * Makes calls of the C library's file functions fail with an input or output error during its scope, as a worn out
- * flash memory does: the test program has functions of these names of its own, which come before the C library's.
- * For that it is linked with its symbols exported (ENABLE_EXPORTS). A file whose closing fails is closed
- * nevertheless, as Linux does. One at a time.
- */
-class NFileFault
+#include <errno.h>
+
+/** The file functions' faults by their former name; new tests use NSystemCalls::Fault. */
+class NFileFault : public NSystemCalls::Fault
 {
 public:
-    enum Call { Read, Write, Synchronize, Remove, Close };
+    enum Call {
+        Read = NSystemCalls::Pread,
+        Write = NSystemCalls::Pwrite,
+        Synchronize = NSystemCalls::Fsync | NSystemCalls::Fdatasync,
+        Remove = NSystemCalls::Unlink,
+        Close = NSystemCalls::Close
+    };
 
-    /** All such calls fail; with an @a offset, only those that read or write at this place of a file. */
-    explicit NFileFault(Call call, qint64 offset = -1);
+    explicit NFileFault(Call call, qint64 offset = -1)
+        : NSystemCalls::Fault(NSystemCalls::Calls(call).atOffset(offset), EIO)
+    {
+    }
 
-    /** Only one call fails, after @a skipped ones. */
-    static NFileFault* once(Call call, int skipped);
+    explicit NFileFault(const NSystemCalls::Calls& calls)
+        : NSystemCalls::Fault(calls, EIO)
+    {
+    }
 
-    ~NFileFault();
-
-    /** How many calls have failed. */
-    int count() const;
-
-private:
-    Q_DISABLE_COPY(NFileFault)
+    static NFileFault* once(Call call, int skipped)
+    {
+        return new NFileFault(NSystemCalls::Calls(call).skip(skipped).times(1));
+    }
 };
 
 #endif

@@ -97,14 +97,7 @@ private:
     int m_limit;
 };
 
-/** What the rules decide about a call. */
-struct Decision
-{
-    bool isAnswered; /**< whether the caller gets this result; otherwise the call continues */
-    qint64 result;
-    int error;    /**< errno, where the result is negative */
-    size_t limit; /**< the largest size of a transfer that continues */
-};
+struct Decision;
 
 /** The base of all rules. */
 class Rule
@@ -112,9 +105,6 @@ class Rule
 public:
     /** How many calls the rule has been applied to. */
     int count() const;
-
-    /** Applies all rules to a call; for the intercepting functions. */
-    static Decision decide(Invocation& invocation);
 
 protected:
     explicit Rule(const Calls& calls);
@@ -128,6 +118,8 @@ protected:
 
 private:
     Q_DISABLE_COPY(Rule)
+
+    friend Decision decide(Invocation& invocation);
 
     bool matches(const Invocation& invocation);
 

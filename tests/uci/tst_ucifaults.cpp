@@ -1,6 +1,7 @@
 #include "ucistore.h"
 
 #include "support/nprivatenamespace.h"
+#include "support/nsystemcalls.h"
 #include "support/ntemporarydirectory.h"
 #include "support/nwithoutfileoverride.h"
 
@@ -25,17 +26,6 @@
 #include <limits>
 
 namespace {
-
-/** The files and directories that were flushed, in order. */
-QStringList s_flushed;
-
-void noteFlushed(int file)
-{
-    char path[4096];
-    const QByteArray link = "/proc/self/fd/" + QByteArray::number(file);
-    const ssize_t size = readlink(link.constData(), path, sizeof(path));
-    s_flushed << QFile::decodeName(QByteArray(path, int(size))).section(QLatin1Char('/'), -1);
-}
 
 const char first[] = "\nconfig interface 'lan'\n\toption ip '1'\n\n";
 const char second[] = "\nconfig interface 'lan'\n\toption ip '2'\n\n";
@@ -103,22 +93,6 @@ void failAt(int systemCall, quint32 action)
 }
 
 } // namespace
-
-// These override the functions of the C library.
-extern "C" {
-
-__attribute__((visibility("default"))) int fsync(int file)
-{
-    noteFlushed(file);
-    return int(syscall(SYS_fsync, file));
-}
-
-__attribute__((visibility("default"))) int fdatasync(int file)
-{
-    noteFlushed(file);
-    return int(syscall(SYS_fdatasync, file));
-}
-}
 
 /** The files after the store has failed or was killed. The directories are in memory. */
 class TestUciFaults : public QObject
@@ -308,23 +282,22 @@ private slots:
     void filesAreFlushedInOrder()
     {
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
-        s_flushed.clear();
+        NSystemCalls::Record calls(NSystemCalls::Fsync | NSystemCalls::Fdatasync);
         QCOMPARE(m_store->save("network"), int(UCI_OK));
-        QCOMPARE(s_flushed, flushed("network save")); /* a new file, so its directory as well */
+        QCOMPARE(flushed(calls), QByteArray("network save")); /* a new file, so its directory as well */
         QCOMPARE(m_store->set("network.lan.a=1"), int(UCI_OK));
-        s_flushed.clear();
+        calls.take();
         QCOMPARE(m_store->save("network"), int(UCI_OK));
-        QCOMPARE(s_flushed, flushed("network"));
-        s_flushed.clear();
+        QCOMPARE(flushed(calls), QByteArray("network"));
         QCOMPARE(m_store->commit("network"), int(UCI_OK));
         /* The new contents, the mark, the directory of the replaced file, the emptied changes. */
-        QCOMPARE(s_flushed, flushed(".network.uci-new network config network"));
+        QCOMPARE(flushed(calls), QByteArray(".network.uci-new network config network"));
         QCOMPARE(m_store->set("network.lan.b=1"), int(UCI_OK));
         QCOMPARE(m_store->set("network.lan.c=1"), int(UCI_OK));
         QCOMPARE(m_store->save("network"), int(UCI_OK));
-        s_flushed.clear();
+        calls.take();
         QCOMPARE(m_store->revert("network.lan.b"), int(UCI_OK));
-        QCOMPARE(s_flushed, flushed(".network.uci-new save"));
+        QCOMPARE(flushed(calls), QByteArray(".network.uci-new save"));
     }
 
     void stagedChangesOfAnOverridingPackageGetTheModeOfItsFile()
@@ -658,7 +631,14 @@ private slots:
     }
 
 private:
-    static QStringList flushed(const char* names) { return QString::fromLatin1(names).split(QLatin1Char(' ')); }
+    /** The names of the files and directories that were flushed since the last time, in that order. */
+    static QByteArray flushed(NSystemCalls::Record& calls)
+    {
+        QByteArray names;
+        for (const QByteArray& call : calls.take())
+            names += call.mid(call.indexOf(' '));
+        return names.trimmed();
+    }
 
     /** Stages the pending changes, and commits in a process that is killed at a system call. */
     void commitUntil(int systemCall)

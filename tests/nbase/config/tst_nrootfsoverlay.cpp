@@ -1,9 +1,9 @@
 #include <nbase/config/nrootfsoverlay.h>
 
 #include "support/nchildprocess.h"
-#include "support/nfilefault.h"
 #include "support/nmounttable.h"
 #include "support/nprivatenamespace.h"
+#include "support/nsystemcalls.h"
 #include "support/ntemporarydirectory.h"
 #include "support/nwithoutfileoverride.h"
 
@@ -29,6 +29,8 @@ const char* const BootAction = "/rootfsoverlay/.bootaction";
 const char* const ReadOnlyFlag = "/sys/block/mmcblk1/ro";
 const char* const CardId = "/sys/block/mmcblk1/device/cid";
 const char* const ValidConfiguration = "backup: { mmc = 1; partition = 2; dir = \"saved/overlay\"; };\n";
+
+const int Flushing = NSystemCalls::Fsync | NSystemCalls::Fdatasync;
 
 QString text(const char* latin1)
 {
@@ -652,9 +654,9 @@ void tst_NRootfsOverlay::closingDecidesWhetherAMarkerIsWritten()
     bool isOver = false;
     for (int skipped = 0; !isOver; ++skipped) {
         write(AutoBackup, "before");
-        const QScopedPointer<NFileFault> fault(NFileFault::once(NFileFault::Close, skipped));
+        const NSystemCalls::Fault fault(NSystemCalls::Calls(NSystemCalls::Close).skip(skipped).times(1), EIO);
         const int isWritten = nroWriteAutoBackupEnabled(1, "after");
-        isOver = fault->count() == 0;
+        isOver = fault.count() == 0;
         refusals += !isWritten;
         QCOMPARE(read(AutoBackup), QByteArray(isWritten ? "after" : "before"));
         QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
@@ -666,20 +668,20 @@ void tst_NRootfsOverlay::markersAreBroughtToTheDisk()
 {
     write(BootAction, "before");
     {
-        const NFileFault fault(NFileFault::Synchronize);
+        const NSystemCalls::Fault fault(Flushing, EIO);
         QCOMPARE(nroWriteBootAction(0), 0);
         QCOMPARE(fault.count(), 1);
     }
     QCOMPARE(read(BootAction), QByteArray("before"));
     {
         // The directory is the last.
-        const QScopedPointer<NFileFault> fault(NFileFault::once(NFileFault::Synchronize, 1));
+        const NSystemCalls::Fault fault(NSystemCalls::Calls(Flushing).skip(1).times(1), EIO);
         QCOMPARE(nroWriteBootAction(0), 0);
-        QCOMPARE(fault->count(), 1);
+        QCOMPARE(fault.count(), 1);
     }
     QCOMPARE(read(BootAction), QByteArray("wipe"));
     {
-        const NFileFault fault(NFileFault::Synchronize);
+        const NSystemCalls::Fault fault(Flushing, EIO);
         QCOMPARE(nroWriteBootAction(2), 1);
         QCOMPARE(fault.count(), 1);
     }

@@ -1,7 +1,7 @@
 #ifndef NBASE_TESTS_NPLANNERCLOCK_H
 #define NBASE_TESTS_NPLANNERCLOCK_H
 
-#include "support/nfakeclock.h"
+#include "support/nsystemcalls.h"
 
 #include <nbase/time/neventplannersingleton.h>
 
@@ -33,7 +33,7 @@ inline QDateTime at(Qt::DayOfWeek day, int hour, int minute, int second = 0)
 
 inline void set(const QDateTime& local)
 {
-    NFakeClock::stopAt(local.toMSecsSinceEpoch());
+    NSystemCalls::stopClockAt(local.toMSecsSinceEpoch());
 }
 
 inline NEventPlannerSingleton* ticker()

@@ -146,7 +146,7 @@ void tst_NEventPlanner::init()
 void tst_NEventPlanner::cleanup()
 {
     delete ticker();
-    NFakeClock::reset();
+    NSystemCalls::resetClock();
 }
 
 QStringList tst_NEventPlanner::take()

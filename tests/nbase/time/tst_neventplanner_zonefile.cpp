@@ -62,14 +62,14 @@ void tst_NEventPlannerZoneFile::init()
     mountZone("Europe/Berlin");
     ::unsetenv("TZ");
     // 08:00 in Berlin.
-    NFakeClock::stopAt(QDateTime(QDate(2026, 1, 5), QTime(7, 0), Qt::UTC).toMSecsSinceEpoch());
+    NSystemCalls::stopClockAt(QDateTime(QDate(2026, 1, 5), QTime(7, 0), Qt::UTC).toMSecsSinceEpoch());
     delete ticker();
 }
 
 void tst_NEventPlannerZoneFile::cleanup()
 {
     delete ticker();
-    NFakeClock::reset();
+    NSystemCalls::resetClock();
     NPrivateNamespace::unmount(QString::fromLatin1(ZoneFile));
 }
 
@@ -113,13 +113,13 @@ void tst_NEventPlannerZoneFile::minuteWithALeapSecondIsReportedOnce()
     QStringList reports;
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
-    NFakeClock::stopAt(leapSecond - 60 * 1000);
+    NSystemCalls::stopClockAt(leapSecond - 60 * 1000);
     ticker()->newMinute();
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
-    NFakeClock::stopAt(leapSecond + 250);
+    NSystemCalls::stopClockAt(leapSecond + 250);
     ticker()->currentDateTimeChanged();
     const int left = ticker()->findChild<QTimer*>()->interval();
-    NFakeClock::stopAt(leapSecond + 1000);
+    NSystemCalls::stopClockAt(leapSecond + 1000);
     ticker()->currentDateTimeChanged();
     NPrivateNamespace::unmount(QString::fromLatin1(ZoneFile));
     QCOMPARE(left, 750);

@@ -98,7 +98,7 @@ qint64 fallBack()
 
 void tickAt(qint64 time)
 {
-    NFakeClock::stopAt(time);
+    NSystemCalls::stopClockAt(time);
     ticker()->newMinute();
 }
 
@@ -113,7 +113,7 @@ void tst_NEventPlannerSingleton::init()
 void tst_NEventPlannerSingleton::cleanup()
 {
     delete ticker();
-    NFakeClock::reset();
+    NSystemCalls::resetClock();
 }
 
 void tst_NEventPlannerSingleton::comesIntoBeingWithTheFirstOperation()
@@ -159,13 +159,13 @@ void tst_NEventPlannerSingleton::timerRunsOutAtTheNextMinute()
     const qint64 offset = second * 1000 + millisecond;
     const qint64 start = at(Qt::Monday, 7, 0).toMSecsSinceEpoch();
 
-    NFakeClock::stopAt(start + offset);
+    NSystemCalls::stopClockAt(start + offset);
     ticker()->currentDateTimeChanged();
     QCOMPARE(timer()->interval(), interval);
-    NFakeClock::stopAt(start + Minute + offset);
+    NSystemCalls::stopClockAt(start + Minute + offset);
     ticker()->newMinute();
     QCOMPARE(timer()->interval(), interval);
-    NFakeClock::stopAt(start + 5 * Minute + offset);
+    NSystemCalls::stopClockAt(start + 5 * Minute + offset);
     ticker()->currentDateTimeChanged();
     QCOMPARE(timer()->interval(), interval);
     delete ticker();
@@ -175,14 +175,14 @@ void tst_NEventPlannerSingleton::timerRunsOutAtTheNextMinute()
 void tst_NEventPlannerSingleton::lateTickerProcessesTheCurrentMinuteAtOnce()
 {
     // More than a minute passes between the two readings of the clock, one for the minute and one for the timer.
-    NFakeClock::stopAt(at(Qt::Monday, 7, 1).toMSecsSinceEpoch());
-    NFakeClock::setStep(61 * 1000);
+    NSystemCalls::stopClockAt(at(Qt::Monday, 7, 1).toMSecsSinceEpoch());
+    NSystemCalls::setClockStep(61 * 1000);
     ticker()->newMinute();
     QCOMPARE(timer()->interval(), 0);
 
     // The clock is set back in between.
-    NFakeClock::stopAt(at(Qt::Monday, 8, 0).toMSecsSinceEpoch());
-    NFakeClock::setStep(-365 * 24 * Hour);
+    NSystemCalls::stopClockAt(at(Qt::Monday, 8, 0).toMSecsSinceEpoch());
+    NSystemCalls::setClockStep(-365 * 24 * Hour);
     ticker()->newMinute();
     QCOMPARE(timer()->interval(), 0);
     QVERIFY(timer()->isActive());
@@ -195,12 +195,12 @@ void tst_NEventPlannerSingleton::timerReportsTheNewMinute()
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner.registerPeriodicEvent(everyDay(), QTime(7, 31));
-    NFakeClock::runFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
+    NSystemCalls::runClockFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
     planner.currentDateTimeChanged();
     QCOMPARE(reports, QStringList());
     NTRY_COMPARE(reports, list("event 0730"));
     QVERIFY(timer()->isActive());
-    NFakeClock::runFrom(at(Qt::Monday, 7, 30, 59).toMSecsSinceEpoch() + 900);
+    NSystemCalls::runClockFrom(at(Qt::Monday, 7, 30, 59).toMSecsSinceEpoch() + 900);
     planner.currentDateTimeChanged();
     NTRY_COMPARE(reports, list("event 0730,event 0731"));
 }
@@ -227,7 +227,7 @@ void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
         else
             planner.reset();
     };
-    NFakeClock::runFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
+    NSystemCalls::runClockFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
     ticker()->currentDateTimeChanged();
     NTRY_COMPARE(reports, list("event 0730"));
     QCOMPARE(hasTicker(), !deletesTicker);
@@ -236,7 +236,7 @@ void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
     NEventPlanner next(nullptr);
     NPlannerRecorder nextRecorder(&next, &reports);
     next.registerPeriodicEvent(everyDay(), QTime(7, 31));
-    NFakeClock::runFrom(at(Qt::Monday, 7, 30, 59).toMSecsSinceEpoch() + 900);
+    NSystemCalls::runClockFrom(at(Qt::Monday, 7, 30, 59).toMSecsSinceEpoch() + 900);
     next.currentDateTimeChanged();
     NTRY_COMPARE(reports, list("event 0730,event 0731"));
 }
@@ -248,9 +248,9 @@ void tst_NEventPlannerSingleton::changedClockIsFoundWhenTheTimerRunsOut()
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(everyDay(), QTime(7, 30));
     planner.registerPeriodicEvent(everyDay(), QTime(12, 0));
-    NFakeClock::runFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
+    NSystemCalls::runClockFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
     planner.currentDateTimeChanged();
-    NFakeClock::stopAt(at(Qt::Monday, 12, 0, 20).toMSecsSinceEpoch());
+    NSystemCalls::stopClockAt(at(Qt::Monday, 12, 0, 20).toMSecsSinceEpoch());
     NTRY_COMPARE(reports, list("event 1200"));
     QCOMPARE(timer()->interval(), 40000);
 }
@@ -277,7 +277,7 @@ void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteWhenTheClockChanges()
         QCOMPARE(reports, list("calendar 0"));
         reports.clear();
         // A notice of a change that was none.
-        NFakeClock::stopAt(time + 15 * 1000);
+        NSystemCalls::stopClockAt(time + 15 * 1000);
         ticker()->currentDateTimeChanged();
         QCOMPARE(timer()->interval(), int(Minute) - 15 * 1000);
         QCOMPARE(reports, QStringList());
@@ -326,7 +326,7 @@ void tst_NEventPlannerSingleton::noticeInTheRepeatedMinuteReportsNothing()
     NPlannerRecorder recorder(&planner, &reports);
     tickAt(fallBack() - Hour / 2);
     planner.registerPeriodicEvent(everyDay(), QTime(2, 30));
-    NFakeClock::stopAt(fallBack() + Hour / 2 + 15 * 1000);
+    NSystemCalls::stopClockAt(fallBack() + Hour / 2 + 15 * 1000);
     ticker()->currentDateTimeChanged();
     QCOMPARE(reports, QStringList());
     QCOMPARE(timer()->interval(), 45 * 1000);
@@ -396,7 +396,7 @@ void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc()
 
     // At each second of the minute, and just before its end.
     for (int passed = 0; passed < 60; ++passed) {
-        NFakeClock::stopAt(start + passed * 1000 + (passed == 59 ? 999 : 0));
+        NSystemCalls::stopClockAt(start + passed * 1000 + (passed == 59 ? 999 : 0));
         ticker()->currentDateTimeChanged();
         QCOMPARE(timer()->interval(), passed == 59 ? 1 : (60 - passed) * 1000);
         QCOMPARE(reports, QStringList(QString::fromLatin1("event ") + now.toString(QString::fromLatin1("hhmm"))));
@@ -466,7 +466,7 @@ int runChild(int& argc, char** argv)
     };
     output << ::getpid() << '\n';
     output.flush();
-    NFakeClock::runFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
+    NSystemCalls::runClockFrom(at(Qt::Monday, 7, 29, 59).toMSecsSinceEpoch() + 900);
     planner.currentDateTimeChanged();
     ::setpgid(0, 0);
     ::raise(SIGSTOP);
