@@ -1,6 +1,7 @@
-// The planner under the system's clock and its own timer, over two minutes as they are. This takes up to two
-// minutes.
+// The planner with a running clock and its own timer over the beginnings of two minutes. The clock is set to
+// shortly before each, so that the test need not wait for whole minutes.
 
+#include "nplannerclock.h"
 #include "nplannerrecorder.h"
 
 #include <nbase/time/neventplanner.h>
@@ -17,6 +18,8 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+using namespace NPlannerClock;
 
 typedef QSet<Qt::DayOfWeek> Days;
 
@@ -40,10 +43,9 @@ Days everyDay()
     return days;
 }
 
-// So many minutes after that of the time, at its start.
-QTime minuteAfter(const QTime& time, int minutes)
+void runClockFrom(const QDateTime& local)
 {
-    return QTime(time.hour(), time.minute()).addSecs(60 * minutes);
+    NSystemCalls::runClockFrom(local.toMSecsSinceEpoch());
 }
 
 // How often this thread has gone to sleep.
@@ -53,16 +55,19 @@ long sleepCount()
     return ::getrusage(RUSAGE_THREAD, &usage) == 0 ? usage.ru_nvcsw : -1;
 }
 
-// Stops itself, and writes what it reports in its first minute after that. It leaves the process group, because a
-// group with stopped processes is sent SIGHUP when it is orphaned (see _exit(2)).
+// Stops itself just before 07:30 and is continued at 07:31:20; writes what it reports in its first minute after
+// that. It leaves the process group, because a group with stopped processes is sent SIGHUP when it is orphaned
+// (see _exit(2)).
 int runChild(int& argc, char** argv)
 {
     QCoreApplication application(argc, argv);
+    setTimeZone(CentralEurope);
+    runClockFrom(at(Qt::Monday, 7, 29, 58));
     QStringList reports;
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
     for (int minute = 0; minute < 24 * 60; ++minute)
-        planner.registerPeriodicEvent(everyDay(), minuteAfter(QTime(0, 0), minute));
+        planner.registerPeriodicEvent(everyDay(), QTime(0, 0).addSecs(60 * minute));
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
     QTextStream output(stdout);
     recorder.handler = [&](const QString& report) {
@@ -74,6 +79,7 @@ int runChild(int& argc, char** argv)
     output.flush();
     ::setpgid(0, 0);
     ::raise(SIGSTOP);
+    runClockFrom(at(Qt::Monday, 7, 31, 20));
     return application.exec();
 }
 
@@ -87,45 +93,47 @@ void tst_NEventPlannerMinutes::twoMinutesAreReportedWithOneWakeUpEach()
     const pid_t process = child.readLine().trimmed().toInt();
     QVERIFY(process > 0);
 
+    setTimeZone(CentralEurope);
+    runClockFrom(at(Qt::Monday, 7, 29, 58));
     QStringList reports;
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &reports);
-    // The minute that the planner's ticker has begun with is the present one, or a new one begins just here.
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
-    const QTime now = QTime::currentTime();
     for (int minute = 0; minute < 10; ++minute)
-        planner.registerPeriodicEvent(everyDay(), minuteAfter(now, minute));
+        planner.registerPeriodicEvent(everyDay(), QTime(7, 29).addSecs(60 * minute));
     for (int count = 0; count < 1000; ++count)
-        planner.registerPeriodicTimeSlot(everyDay(), minuteAfter(now, 30), minuteAfter(now, 40));
-
-    QList<long> sleepCounts;
-    QStringList times;
+        planner.registerPeriodicTimeSlot(everyDay(), QTime(8, 0), QTime(8, 10));
     QEventLoop loop;
     recorder.handler = [&](const QString& report) {
-        if (!report.startsWith(QLatin1String("calendar")))
-            return;
-        sleepCounts << sleepCount();
-        times << QString::fromLatin1("event ") + QTime::currentTime().toString(QString::fromLatin1("hhmm"))
-              << QString::fromLatin1("calendar 0");
-        if (sleepCounts.size() == 2)
+        if (report.startsWith(QLatin1String("calendar")))
             loop.quit();
     };
     loop.exec();
-    QCOMPARE(reports, times);
-    QCOMPARE(times.size(), 4);
-    QVERIFY(times.at(0) != times.at(2));
+    const QStringList first = QStringList()
+                              << QString::fromLatin1("event 0730") << QString::fromLatin1("calendar 0");
+    QCOMPARE(reports, first);
+    reports.clear();
+
+    // Four seconds: a planner that wakes up more often than for each minute is noticed.
+    runClockFrom(at(Qt::Monday, 7, 30, 56));
+    planner.currentDateTimeChanged();
+    const long before = sleepCount();
+    loop.exec();
+    const long sleeps = sleepCount() - before;
+    const QStringList second = QStringList()
+                               << QString::fromLatin1("event 0731") << QString::fromLatin1("calendar 0");
+    QCOMPARE(reports, second);
     // One sleep until the timer runs out, and one more should the kernel end the first a millisecond early.
-    const long sleeps = sleepCounts.at(1) - sleepCounts.at(0);
     QVERIFY2(sleeps >= 1 && sleeps <= 2, QByteArray::number(int(sleeps)).constData());
 
-    // The child was stopped over both minutes. It reports the one in which it goes on, once.
+    // The child was stopped at the beginnings of both minutes. It reports the one in which it continues, once.
     QCOMPARE(child.bytesAvailable(), qint64(0));
     QCOMPARE(::kill(process, SIGCONT), 0);
     QVERIFY(child.waitForFinished());
     QCOMPARE(child.exitCode(), 0);
     QCOMPARE(
         QString::fromLatin1(child.readAllStandardOutput().constData()),
-        times.at(2) + QString::fromLatin1("\ncalendar 0\n"));
+        second.join(QString::fromLatin1("\n")) + QLatin1Char('\n'));
 }
 
 int main(int argc, char** argv)
