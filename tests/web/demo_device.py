@@ -1,5 +1,5 @@
-"""The demo device as the tests of its page and of its scripts start it: by the same script as run-demo.sh, on a free
-port and with a state of its own. The device program is named by the environment variable NBASE_DEMO_DEVICE."""
+"""The demo device as the tests of its page and of its scripts start it: with the same script as run-demo.sh, on a port and
+with a state of its own. The environment variable NBASE_DEMO_DEVICE names the device program."""
 
 import http.cookiejar
 import json
@@ -18,10 +18,13 @@ def device_program():
     return os.environ["NBASE_DEMO_DEVICE"]
 
 
-def free_port():
-    with socket.socket() as listener:
-        listener.bind(("127.0.0.1", 0))
-        return listener.getsockname()[1]
+def reserve_port():
+    """A socket that is bound to a free port of the loopback address. It does not listen: a web server that sets
+    SO_REUSEADDR, as lighttpd does, can listen on the port, but the kernel gives it to no other program (socket(7))."""
+    reservation = socket.socket()
+    reservation.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    reservation.bind(("127.0.0.1", 0))
+    return reservation
 
 
 class Demo:
@@ -30,28 +33,44 @@ class Demo:
     def __init__(self):
         self.folder = tempfile.TemporaryDirectory(prefix="nbase-demo-test-")
         self.state = os.path.join(self.folder.name, "a state with blanks")
-        self.port = free_port()
+        self.reservation = reserve_port()
+        self.port = self.reservation.getsockname()[1]
         self.address = f"http://127.0.0.1:{self.port}"
+        # The folder of the package list; None for the packages of this machine, which take seconds to collect.
+        self.packages = self.make_one_package()
+        self.device = None
+        self.options = ()
 
     def command(self, action, *arguments):
         return [CONTROL, action, "--state", self.state, *arguments]
 
     def start_command(self, *options, device=None):
-        return self.command("start", "--device", device or device_program(), "--port", str(self.port), *options)
+        packages = [] if self.packages is None else ["--packages", self.packages]
+        return self.command("start", "--device", device or self.device or device_program(), "--port", str(self.port), *packages, *options)
 
     def control(self, action, *arguments):
-        """Does the action, which has to succeed; the result is what it prints."""
+        """Runs the action, which must succeed, and returns its output."""
         return output_of(self.command(action, *arguments))
 
     def start(self, *options):
+        self.options = options
         return output_of(self.start_command(*options))
+
+    def make_one_package(self):
+        packages = os.path.join(self.folder.name, "packages")
+        os.mkdir(packages)
+        with open(os.path.join(packages, "manifest.csv"), "w", encoding="latin-1") as file:
+            file.write('"PACKAGE","VERSION","LICENSE","LICENSE FILES","SOURCE ARCHIVE","SOURCE SITE"\n'
+                       '"one","1","MIT","","",""\n')
+        return packages
 
     def stop(self):
         return self.control("stop")
 
     def restart(self):
+        """Starts again with the options of the last start."""
         self.stop()
-        self.start()
+        self.start(*self.options)
 
     def run_directory(self):
         return self.control("run-directory")
@@ -62,6 +81,7 @@ class Demo:
 
     def remove(self):
         self.stop()
+        self.reservation.close()
         self.folder.cleanup()
 
 
@@ -70,11 +90,11 @@ def output_of(command):
 
 
 class Client:
-    """A client of the device beside a browser; it keeps its session."""
+    """A client of the device other than the browser; it keeps its session."""
 
     def __init__(self, address):
         self.address = address
-        # Without a proxy, whatever the environment says.
+        # Ignores proxies in the environment.
         self.opener = urllib.request.build_opener(
             urllib.request.ProxyHandler({}), urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()))
 
@@ -87,7 +107,7 @@ class Client:
         return self.opener.open(request, timeout=SECONDS_TO_WAIT)
 
     def zones(self):
-        """The town documents by the name of their zone."""
+        """The town documents by zone name."""
         self.post("/api/login", {"user": "demo", "password": "demo"}).close()
         with self.get("/api/timezones") as response:
             content = json.load(response)["content"]

@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 """Starts and stops the demo device as a person would, and looks at what is left of it and at how it is served."""
 
-import glob
 import json
 import os
 import signal
@@ -12,18 +11,11 @@ import unittest
 import urllib.error
 
 from demo_device import SECONDS_TO_WAIT, Client, Demo, device_program
+from process_tree import adopt_orphans, is_live, started_processes
 
 
 def run(command):
     return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-
-
-def is_live(process):
-    try:
-        with open(f"/proc/{process}/stat", encoding="ascii", errors="replace") as file:
-            return file.read().rpartition(") ")[2][0] != "Z"
-    except (FileNotFoundError, ProcessLookupError):  # gone before the file was opened, or read
-        return False
 
 
 def signals_in(process, field):
@@ -37,19 +29,19 @@ def wait_until(condition, what):
     end = time.monotonic() + SECONDS_TO_WAIT
     while not condition():
         if time.monotonic() > end:
-            raise AssertionError("never came: " + what)
+            raise AssertionError("timed out waiting for " + what)
         time.sleep(0.02)
 
 
 def processes_naming(text):
-    """The ids of the live processes with the text in their command line."""
+    """The processes started by this program with the text in their command line."""
     found = []
-    for path in glob.glob("/proc/[0-9]*/cmdline"):
+    for process in started_processes():
         try:
-            with open(path, "rb") as file:
-                if text.encode() in file.read() and is_live(path.split("/")[2]):
-                    found.append(int(path.split("/")[2]))
-        except OSError:
+            with open(f"/proc/{process}/cmdline", "rb") as file:
+                if text.encode() in file.read():
+                    found.append(process)
+        except (FileNotFoundError, ProcessLookupError):
             pass
     return found
 
@@ -80,6 +72,7 @@ class DemoControlTest(unittest.TestCase):
         self.assertEqual(mounts(), self.mounts_before)
 
     def test_stop_leaves_nothing_behind(self):
+        self.demo.packages = None
         self.demo.start()
         run_directory = self.demo.run_directory()
         self.assertTrue(processes_naming(run_directory))
@@ -292,4 +285,5 @@ class WebServerTest(unittest.TestCase):
 
 if __name__ == "__main__":
     device_program()
+    adopt_orphans()
     unittest.main(verbosity=2)

@@ -13,10 +13,9 @@ import sys
 import unittest
 import urllib.request
 
+from browser import Browser, PageTestCase
 from demo_device import SECONDS_TO_WAIT, Client, Demo
 from selenium.webdriver.common.keys import Keys
-from selenium.webdriver.support.ui import WebDriverWait
-from tst_demo_page import Browser
 
 ALL_DAYS = [1, 2, 3, 4, 5, 6, 7]
 MINUTES_OF_DAY = 24 * 60
@@ -24,7 +23,7 @@ NEW_ENTRY = "#entry-title"
 
 
 class DeviceClient(Client):
-    """Somebody else who changes the timetable while the page shows it."""
+    """Another client, which changes the timetable while the page shows it."""
 
     def __init__(self, address):
         super().__init__(address)
@@ -60,20 +59,15 @@ def typed_time(text):
     return datetime.datetime.strptime(text, "%H:%M").strftime("%I%M%p")
 
 
-class TimetablePageTest(unittest.TestCase):
+class TimetableTestCase(PageTestCase):
     @classmethod
     def setUpClass(cls):
-        cls.demo = Demo()
-        cls.addClassCleanup(cls.demo.remove)
-        cls.demo.start()
+        super().setUpClass()
         cls.client = DeviceClient(cls.demo.address)
-        cls.browser = Browser()
-        cls.addClassCleanup(cls.browser.quit)
 
     def setUp(self):
+        super().setUp()
         self.client.remove_all()
-        self.browser.forget(self.demo.address)
-        self.browser.resize(1280, 800)
 
     def open(self):
         open_timetable(self.browser, self.demo)
@@ -140,6 +134,15 @@ class TimetablePageTest(unittest.TestCase):
 
     def clock(self):
         return self.browser.text("[data-field=clock]")
+
+    def happenings(self):
+        return [" ".join(text.split()) for text in self.texts(".firing")]
+
+
+class TimetablePageTest(TimetableTestCase):
+    def setUp(self):
+        super().setUp()
+        self.browser.set_faster_timers(5)
 
     # Entries
 
@@ -299,26 +302,6 @@ class TimetablePageTest(unittest.TestCase):
 
     # Live
 
-    def test_an_event_of_the_next_minute_appears_live_and_flashes(self):
-        self.open()
-        browser = self.browser
-        waiting = WebDriverWait(browser.driver, 60 + SECONDS_TO_WAIT, poll_frequency=0.1)
-        # Filling the form in takes a while.
-        waiting.until(lambda driver: int(self.clock()[-2:]) < 40)
-        now = datetime.datetime.strptime(self.clock()[-8:-3], "%H:%M")
-        minute = (now + datetime.timedelta(minutes=1)).strftime("%H:%M")
-        self.fill_in("Bell", "event", ALL_DAYS, minute)
-        self.until_titles("Bell")
-        self.assertFalse([text for text in self.happenings() if "Bell" in text])
-        waiting.until(lambda driver: any("Bell" in text for text in self.happenings()), "the event never happened")
-        self.assertRegex(self.happenings()[0], minute + r"\s+Bell happened")
-        self.assertIn("is-new", browser.find(".firing").get_attribute("class").split())
-        self.assertEqual(len(browser.find_all(".week-mark.flash")), 1)
-        self.assertEqual(len(browser.find_all(".week-today .week-mark.flash")), 1)
-
-    def happenings(self):
-        return [" ".join(text.split()) for text in self.texts(".firing")]
-
     def test_what_others_change_appears_without_a_click(self):
         self.open()
         entry = self.client.add("Pump", "slot", ALL_DAYS, "00:00", "00:00")
@@ -395,13 +378,39 @@ class TimetablePageTest(unittest.TestCase):
         self.browser.until_shown(".timetable")
 
 
-class DeadDeviceTest(unittest.TestCase):
+class NextMinuteTest(TimetableTestCase):
+    @classmethod
+    def make_demo(cls):
+        return cls.make_own_demo(device=os.environ["NBASE_DEMO_DEVICE_WITH_CLOCK"])
+
+    def until_next_minute(self):
+        """Sets the clock of the device, see nsettableclock.cpp, and waits until the page shows the minute."""
+        before = self.clock()[-8:-3]
+        os.kill(self.demo.process("device"), signal.SIGUSR1)
+        self.browser.until(lambda: self.clock()[-8:-3] not in ("", before), "the next minute")
+
+    def test_an_event_of_the_next_minute_appears_live_and_flashes(self):
+        self.open()
+        browser = self.browser
+        self.until_next_minute()
+        now = datetime.datetime.strptime(self.clock()[-8:-3], "%H:%M")
+        minute = (now + datetime.timedelta(minutes=1)).strftime("%H:%M")
+        self.fill_in("Bell", "event", ALL_DAYS, minute)
+        self.until_titles("Bell")
+        self.assertFalse([text for text in self.happenings() if "Bell" in text])
+        self.until_next_minute()
+        browser.until(lambda: any("Bell" in text for text in self.happenings()), "the event")
+        self.assertRegex(self.happenings()[0], minute + r"\s+Bell happened")
+        self.assertIn("is-new", browser.find(".firing").get_attribute("class").split())
+        self.assertEqual(len(browser.find_all(".week-mark.flash")), 1)
+        self.assertEqual(len(browser.find_all(".week-today .week-mark.flash")), 1)
+
+
+class DeadDeviceTest(PageTestCase):
     def test_a_device_that_is_gone_is_told_and_so_is_its_return(self):
-        demo = Demo()
-        self.addCleanup(demo.remove)
-        demo.start()
-        browser = Browser()
-        self.addCleanup(browser.quit)
+        demo = self.demo
+        browser = self.browser
+        browser.set_faster_timers(5)
         open_timetable(browser, demo)
         browser.until_text("[data-field=clock]", "day, ")
         os.kill(demo.process("device"), signal.SIGKILL)
