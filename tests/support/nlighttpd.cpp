@@ -6,33 +6,34 @@
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
-const int Attempts = 5;
-const int StartTimeout = 10000;
+const int StartTimeout = 30000;
 
-// lighttpd cannot choose a port by itself.
-quint16 freePort()
+// Binds a socket to a free port of the loopback address; lighttpd cannot choose one itself. The socket does not
+// listen: lighttpd, which sets SO_REUSEADDR too, can listen on the port, but the kernel gives it to no other
+// program (socket(7)).
+quint16 reservePort(int socket)
 {
     struct sockaddr_in address;
     memset(&address, 0, sizeof(address));
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof(address);
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (::bind(descriptor, reinterpret_cast<struct sockaddr*>(&address), size) != 0 ||
-        ::getsockname(descriptor, reinterpret_cast<struct sockaddr*>(&address), &size) != 0)
-        qFatal("there is no free port");
-    ::close(descriptor);
+    const int isShared = 1;
+    if (::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &isShared, sizeof(isShared)) != 0 ||
+        ::bind(socket, reinterpret_cast<struct sockaddr*>(&address), size) != 0 ||
+        ::getsockname(socket, reinterpret_cast<struct sockaddr*>(&address), &size) != 0)
+        qFatal("no free port");
     return ntohs(address.sin_port);
 }
 
 } // namespace
 
 NLighttpd::NLighttpd()
-    : m_port(0)
+    : m_reservation(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    , m_port(reservePort(m_reservation.number()))
 {
     m_process.setProcessChannelMode(QProcess::MergedChannels);
 }
@@ -47,21 +48,17 @@ bool NLighttpd::start(const QByteArray& configuration)
     const QString program = QFile::exists(QString::fromLatin1("/usr/sbin/lighttpd"))
                                 ? QString::fromLatin1("/usr/sbin/lighttpd")
                                 : QString::fromLatin1("lighttpd");
-    // Another process may take the port in the meantime.
-    for (int attempt = 0; attempt < Attempts; ++attempt) {
-        stop();
-        m_log.clear();
-        m_port = freePort();
-        const QByteArray root = QFile::encodeName(m_directory.path());
-        const QString file = m_directory.writeFile(
-            QString::fromLatin1("lighttpd.conf"),
-            "server.document-root = \"" + root + "\"\nserver.bind = \"127.0.0.1\"\nserver.port = " +
-                QByteArray::number(m_port) + "\nserver.modules = ( \"mod_fastcgi\" )\n" + configuration);
-        m_process.start(program, QStringList() << QString::fromLatin1("-D") << QString::fromLatin1("-f") << file);
-        while (m_process.waitForReadyRead(StartTimeout)) {
-            if (log().contains("server started"))
-                return true;
-        }
+    stop();
+    m_log.clear();
+    const QByteArray root = QFile::encodeName(m_directory.path());
+    const QString file = m_directory.writeFile(
+        QString::fromLatin1("lighttpd.conf"),
+        "server.document-root = \"" + root + "\"\nserver.bind = \"127.0.0.1\"\nserver.port = " +
+            QByteArray::number(m_port) + "\nserver.modules = ( \"mod_fastcgi\" )\n" + configuration);
+    m_process.start(program, QStringList() << QString::fromLatin1("-D") << QString::fromLatin1("-f") << file);
+    while (m_process.waitForReadyRead(StartTimeout)) {
+        if (log().contains("server started"))
+            return true;
     }
     return false;
 }
@@ -80,8 +77,7 @@ QByteArray NLighttpd::fastCgi(const QString& prefix, const QString& socketPath)
            QFile::encodeName(socketPath) + "\", \"check-local\" => \"disable\" )) )\n";
 }
 
-// lighttpd takes what follows a blank in the program's path for an argument, so the program gets a path without
-// any.
+// lighttpd splits the program's path at blanks, so the program gets a path without any.
 QByteArray NLighttpd::spawnedFastCgi(const QString& prefix, const QString& program)
 {
     const QString link = m_directory.filePath(QString::fromLatin1("spawned-program"));

@@ -3,11 +3,15 @@
 
 #include "support/ntemporarydirectory.h"
 
+#include <nsystem/nfiledescriptor_p.h>
+
 #include <QtCore/QByteArray>
 #include <QtCore/QProcess>
 #include <QtCore/QString>
 
-/** A real lighttpd on a free port of the loopback address, with a directory of its own; it ends with the object.
+/**
+ * A real lighttpd on a free port of the loopback address, with its own directory. It ends with the object; the
+ * port is reserved for as long.
  */
 class NLighttpd
 {
@@ -17,13 +21,13 @@ public:
 
     /**
      * Starts the web server and waits until it serves.
-     * @param configuration is added to what it needs at least; mod_fastcgi is loaded.
-     * @return whether it serves; log() tells why not.
+     * @param configuration is added to the basic one, which loads mod_fastcgi.
+     * @return whether it serves; log() has the reason if not.
      */
     bool start(const QByteArray& configuration);
     void stop();
 
-    /** A configuration that hands the paths below @a prefix to the FastCGI server on the socket @a socketPath. */
+    /** A configuration that passes the paths below @a prefix to the FastCGI server on the socket @a socketPath. */
     static QByteArray fastCgi(const QString& prefix, const QString& socketPath);
 
     /**
@@ -37,7 +41,7 @@ public:
     /** The address of @a path, for example "http://127.0.0.1:40001/test". */
     QString url(const QString& path) const;
 
-    /** What the web server has written to its error log. */
+    /** The web server's error log. */
     QByteArray log();
 
 private:
@@ -45,7 +49,8 @@ private:
 
     NTemporaryDirectory m_directory;
     QProcess m_process;
-    quint16 m_port;
+    const NFileDescriptor m_reservation;
+    const quint16 m_port;
     QByteArray m_log;
 };
 
