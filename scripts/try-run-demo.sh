@@ -44,12 +44,15 @@ await()
     done
 }
 
-choose_port()
+# Another program may take a free port before the demo does; then the next one is tried.
+start_on_free_port()
 {
     port=18080
-    until control check-port "$port" 2>/dev/null; do
+    until "$tree/run-demo.sh" --background --port "$port" > "$folder/first" 2>&1; do
+        grep -q "is in use by another program" "$folder/first" || { cat "$folder/first"; fail "the demo does not start"; }
         port=$((port + 1))
     done
+    cat "$folder/first"
     address=http://127.0.0.1:$port
 }
 
@@ -69,7 +72,7 @@ expect_nothing_left()
 try_background()
 {
     local output run_directory
-    "$tree/run-demo.sh" --background --port "$port" | tee "$folder/first"
+    start_on_free_port
     [ "$(tail -n 1 "$folder/first")" = "$address" ] || fail "the address does not end the output"
     expect_page
 
@@ -110,7 +113,6 @@ try_foreground()
 trap clean_up EXIT
 mkdir "$tree"
 git -C "$source" ls-files -z --cached --others --exclude-standard | tar -C "$source" --null -T - -c | tar -C "$tree" -x
-choose_port
 try_background
 try_foreground
 echo "the demo starts, stops and leaves nothing behind"

@@ -40,6 +40,7 @@ class tst_NFreePackage : public QObject
 
 private slots:
     void initTestCase();
+    void cleanupTestCase();
     void gettersGiveWhatWasSet();
     void contentIsReadNow();
     void contentKeepsAllBytes();
@@ -76,6 +77,12 @@ void tst_NFreePackage::initTestCase()
     QCOMPARE(::mkdir((links + "subfolder").constData(), 0700), 0);
     m_folder.writeFile(text("licenses/pkg-1.0/device"), "");
     NPrivateNamespace::mountCopy(text("/dev/zero"), text("/usr/share/free_packages/licenses/pkg-1.0/device"));
+}
+
+// A mount point cannot be removed.
+void tst_NFreePackage::cleanupTestCase()
+{
+    NPrivateNamespace::unmount(text("/usr/share/free_packages/licenses/pkg-1.0/device"));
 }
 
 void tst_NFreePackage::gettersGiveWhatWasSet()
