@@ -49,3 +49,29 @@ foreach(_module IN LISTS _nbase_qt_modules)
     string(TOLOWER ${_module} _name)
     set(nbase_qt_${_name} ${_nbase_qt_prefix}${_module})
 endforeach()
+
+# nbase_run_moc(<target> <source>...)
+# Runs moc for a target with few sources. AUTOMOC does this as well, but starts several more processes for each target, which
+# counts for the many test programs. The output for <name>.cpp is <name>.moc, to be included there; the output for a header is
+# compiled into the target.
+get_target_property(nbase_qt_moc Qt${NBASE_QT_MAJOR}::moc IMPORTED_LOCATION)
+function(nbase_run_moc target)
+    set(folder ${CMAKE_CURRENT_BINARY_DIR}/${target}_moc)
+    file(MAKE_DIRECTORY ${folder})
+    set(includes $<TARGET_PROPERTY:${target},INCLUDE_DIRECTORIES>)
+    foreach(source IN LISTS ARGN)
+        get_filename_component(name ${source} NAME_WE)
+        if(source MATCHES "\\.h$")
+            set(output ${folder}/moc_${name}.cpp)
+        else()
+            set(output ${folder}/${name}.moc)
+        endif()
+        get_filename_component(source ${source} ABSOLUTE)
+        add_custom_command(OUTPUT ${output}
+            COMMAND ${nbase_qt_moc} "$<$<BOOL:${includes}>:-I$<JOIN:${includes},;-I>>" -o ${output} ${source}
+            DEPENDS ${source} COMMAND_EXPAND_LISTS VERBATIM)
+        target_sources(${target} PRIVATE ${output})
+    endforeach()
+    set_target_properties(${target} PROPERTIES AUTOMOC OFF)
+    target_include_directories(${target} PRIVATE ${folder})
+endfunction()
