@@ -13,7 +13,7 @@
 namespace {
 
 // The memory of a longer line is released.
-const int KeptCapacity = 16 * 1024;
+const int KeptLineCapacity = 16 * 1024;
 
 // Writes fields into a line, quoted where necessary.
 class FieldWriter
@@ -189,7 +189,7 @@ void NCsvFileWriter::appendLine(const QStringList& fields)
     } catch (const std::bad_alloc&) {
         refuse();
     }
-    if (m_line.capacity() > KeptCapacity)
+    if (m_line.capacity() > KeptLineCapacity)
         m_line = QString();
 }
 
