@@ -1,126 +1,130 @@
 #include <nbase/sqlite/nabstractsqlitedbmanager.h>
 
-#include <nsystem/ndirectorylock_p.h>
 #include <nbase/sqlite/nabstractsqlitedbtable.h>
-#include <nbase/sqlite/nsqliteerrorwatch_p.h>
-#include <nbase/sqlite/nsqlitereferencerepair_p.h>
+#include <nbase/sqlite/nsqlitefile_p.h>
+#include <nbase/sqlite/nsqliteforeignkey_p.h>
 #include <nbase/sqlite/nsqlitestatements_p.h>
+#include <nsystem/ndirectorylock_p.h>
+#include <nsystem/nlatin1_p.h>
 
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
+#include <QtCore/QRegExp>
+#include <QtCore/QVector>
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-using NSqliteStatements::checkStructure;
-using NSqliteStatements::confirmed;
 using NSqliteStatements::execute;
 using NSqliteStatements::isInTransaction;
 using NSqliteStatements::quoted;
 using NSqliteStatements::Row;
 
-// What a look at the database shows.
-struct NAbstractSqliteDbManager::Finding
+namespace {
+
+// An opening starts again when another process has changed the database in between. More than a few times mean
+// that something else is wrong.
+const int MostAttempts = 10;
+
+// Less room than this on the disk is none: the largest page of SQLite.
+const qint64 LeastRoom = Q_INT64_C(64) * 1024;
+
+// A conversion needs as much room again as the database has, for new tables or for the journal. Databases of a few
+// pages may grow in a conversion.
+const qint64 LeastRoomForConversion = Q_INT64_C(1024) * 1024;
+
+const char* const ForeignKeyCheck = "PRAGMA foreign_key_check;";
+
+enum Outcome {
+    Done,
+    Failed,     ///< the database itself is the reason: it is damaged, or refuses what was asked
+    Obstructed, ///< the file cannot be read or written at present
+    Changed,    ///< another process has changed the database since it was examined
+    Interrupted ///< the transaction of a conversion has been ended before the conversion returned
+};
+
+// What an examination of the database has found.
+struct Finding
 {
-    enum Kind {
-        Sound,
-        NoTables,
-        NoSchema, ///< it cannot be read: the file is damaged, or no database
-        Damaged,
-        Unreadable
-    };
+    enum Kind { Sound, NoTables, Damaged, Obstructed };
 
     Kind kind;
     int version;
-    QStringList messages; ///< SQLite's, where there are any
-
-    // A sound database is initialised for its version.
-    bool isStillSo(const Finding& now) const { return kind == Sound ? version == now.version : kind == now.kind; }
+    QStringList messages; ///< SQLite's, if there are any
 };
 
-namespace {
-
-// An opening starts over when another process has changed what it was about to act upon. That process is done with
-// it then, so more than a few times mean that something else is wrong.
-const int MostAttempts = 10;
-
-NSqliteErrorWatch::Reason reasonOf(const QSqlError& error)
+// The rows in which a foreign key refers to nothing. There may be hundreds of thousands.
+struct BrokenReferences
 {
-    return NSqliteErrorWatch::reasonOf(error);
-}
-
-QString text(const char* latin1)
-{
-    return QString::fromLatin1(latin1);
-}
+    NSqliteForeignKey key;
+    QVector<qlonglong> rowids;
+};
 
 QByteArray local(const QString& text)
 {
     return text.toLocal8Bit();
 }
 
-// Virtual tables come first: dropping one drops the tables that it stores its rows in.
-const char* const TablesStatement =
-    "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite\\_%' "
-    "ESCAPE '\\' ORDER BY sql LIKE 'CREATE VIRTUAL TABLE %' DESC";
-const char* const ViewsStatement = "SELECT name FROM sqlite_master WHERE type = 'view'";
-
-// The file itself where its name is a symbolic link: SQLite keeps the journal beside it.
-QByteArray resolved(const QString& path)
+bool openConnection(const QString& name, const QString& path)
 {
-    // Qt's driver gives SQLite the name in UTF-8, whatever the locale is.
-    const QByteArray name = path.toUtf8();
-    char* const target = ::realpath(name.constData(), nullptr);
-    const QByteArray result = target ? QByteArray(target) : name;
-    free(target);
-    return result;
+    QSqlDatabase database = QSqlDatabase::addDatabase(latin1("QSQLITE"), name);
+    database.setDatabaseName(path);
+    return database.open();
 }
 
-// The directory of the file, as bytes.
-QByteArray directoryOf(const QString& file)
+// The integrity check continues at a page that cannot be read and reports it like damage: most pages with the
+// result code, overflow pages and free pages without.
+bool hasReadErrors(const QStringList& messages)
 {
-    const QByteArray path = resolved(file);
-    return path.contains('/') ? path.left(path.lastIndexOf('/') + 1) : QByteArray(".");
+    const QString all = messages.join(latin1("\n"));
+    QRegExp code(latin1("error code=(\\d+)"));
+    for (int at = code.indexIn(all); at >= 0; at = code.indexIn(all, at + code.matchedLength())) {
+        if (NSqliteFile::faultOf(code.cap(1).toInt()) == NSqliteFile::Obstructed)
+            return true;
+    }
+    return all.contains(latin1("failed to get page"));
 }
 
-bool renameIfThere(const QByteArray& from, const QByteArray& to)
+// The steps of an opening after the connection has been made, in their order. Each decision to delete something is
+// made again under a lock before it is carried out, because another process may have been faster.
+class Preparation
 {
-    return ::rename(from.constData(), to.constData()) == 0 || ::access(from.constData(), F_OK) != 0;
-}
+public:
+    explicit Preparation(NAbstractSqliteDbManager& manager);
 
-// What SQLite keeps beside a database file; without it, or with that of another file, a database is not what it
-// was.
-const char* const CompanionSuffixes[] = {"-journal", "-wal", "-shm"};
+    Outcome run(NDirectoryLock& lock);
+    Outcome checkIntegrity(Finding& finding);
+    Outcome initialize(const Finding* reason, NDirectoryLock& lock);
 
-bool setAside(const QByteArray& path)
-{
-    const QByteArray copy = path + ".damaged";
-    for (const char* suffix : CompanionSuffixes)
-        ::unlink((copy + suffix).constData());
-    if (!renameIfThere(path, copy))
-        return false;
-    // Should the power fail here, SQLite removes the journal of a file that is not there.
-    bool done = true;
-    for (const char* suffix : CompanionSuffixes)
-        done = renameIfThere(path + suffix, copy + suffix) && done;
-    return done;
-}
+private:
+    Finding examine() const;
+    Finding examineOnce() const;
+    Finding checkStructure() const;
+    bool isStillSo(const Finding& finding) const;
+    Outcome outcomeOf(const QSqlError& error) const;
+    Outcome confirmedOutcomeOf(const QSqlError& error) const;
+
+    Outcome deleteBrokenReferences();
+    QSqlError deleteBrokenReferencesInTransaction() const;
+    QSqlError readBrokenReferences(QList<BrokenReferences>& references) const;
+    QSqlError deleteRow(NSqliteForeignKey& key, qlonglong rowid) const;
+    bool endsTransaction(const QSqlError& error) const;
+
+    Outcome convert(Finding& finding);
+    Outcome convertInTransaction(int oldVersion);
+    Outcome outcomeOfFailedConversion(Finding& finding) const;
+
+    Outcome initializeInPlace(const Finding* reason);
+    Outcome dropTables() const;
+    Outcome createTables() const;
+    bool isCreationObstructed() const;
+    Outcome replaceFile(const Finding* reason, NDirectoryLock& lock);
+
+    NAbstractSqliteDbManager& m_manager;
+    QSqlDatabase m_database;
+    const NSqliteFile m_file;
+};
 
 } // namespace
 
-// What became of statements whose refusal by the database does not matter.
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::outcomeOf(int reason)
-{
-    switch (reason) {
-    case NSqliteErrorWatch::Damage:
-        return Failed;
-    case NSqliteErrorWatch::Environment:
-        return Unavailable;
-    default:
-        return Done;
-    }
-}
+// Open
 
 NAbstractSqliteDbManager::NAbstractSqliteDbManager() {}
 
@@ -129,21 +133,20 @@ NAbstractSqliteDbManager::~NAbstractSqliteDbManager()
     closeDatabase();
 }
 
-bool NAbstractSqliteDbManager::convertDatabaseFromOldVersion(int)
-{
-    return false;
-}
-
 void NAbstractSqliteDbManager::openDatabase()
 {
     closeDatabase();
-    QFileInfo(databaseFilePath()).dir().mkpath(text("."));
-    // Shared by all who are opening. Who gives the file another name has it alone.
-    NDirectoryLock lock(directoryOf(databaseFilePath()).constData(), NDirectoryLock::Shared);
-    Outcome outcome = lock.isLocked() ? Changed : Unavailable;
+    QFileInfo(databaseFilePath()).dir().mkpath(latin1("."));
+    // Openings share the lock; one that gives the file another name needs it alone.
+    NDirectoryLock lock(NSqliteFile(databaseFilePath()).directory().constData(), NDirectoryLock::Shared);
+    Outcome outcome = lock.isLocked() ? Changed : Obstructed;
     for (int attempt = 0; attempt < MostAttempts && outcome == Changed; ++attempt) {
         closeDatabase();
-        outcome = openConnection() ? prepareDatabase(lock) : Unavailable;
+        m_connectionName = connectionName();
+        if (m_connectionName.isNull())
+            break;
+        const bool isOpen = openConnection(m_connectionName, databaseFilePath());
+        outcome = isOpen ? Preparation(*this).run(lock) : Obstructed;
     }
     if (outcome == Done)
         return;
@@ -166,268 +169,429 @@ void NAbstractSqliteDbManager::closeDatabase()
     m_connectionName = QString();
 }
 
+Preparation::Preparation(NAbstractSqliteDbManager& manager)
+    : m_manager(manager)
+    , m_database(manager.database())
+    , m_file(m_database.databaseName())
+{
+}
+
+Outcome Preparation::run(NDirectoryLock& lock)
+{
+    execute(m_database, "PRAGMA foreign_keys=ON");
+
+    Finding finding;
+    const Outcome integrity = checkIntegrity(finding);
+    if (integrity == Obstructed)
+        return Obstructed;
+    if (integrity == Failed) {
+        qWarning(
+            "The integrity check of the database \"%s\" has failed. It will be initialized.",
+            local(m_manager.name()).constData());
+        return initialize(&finding, lock);
+    }
+
+    const int currentVersion = m_manager.currentVersion();
+    if (finding.version == currentVersion)
+        return Done;
+    if (finding.version > currentVersion) {
+        qWarning(
+            "The version of the database \"%s\" (%d) is greater than the current version of the database (%d). It "
+            "will be initialized.",
+            local(m_manager.name()).constData(), finding.version, currentVersion);
+        return initialize(&finding, lock);
+    }
+
+    const int oldVersion = finding.version;
+    const Outcome conversion = convert(finding);
+    if (conversion == Done)
+        qDebug(
+            "The database \"%s\" has been converted from version %d to version %d",
+            local(m_manager.name()).constData(), oldVersion, currentVersion);
+    if (conversion != Failed)
+        return conversion;
+    qWarning(
+        "The database \"%s\" cannot be converted from version %d to version %d. It will be initialized.",
+        local(m_manager.name()).constData(), oldVersion, currentVersion);
+    return initialize(&finding, lock);
+}
+
+// Integrity
+
 bool NAbstractSqliteDbManager::checkDatabaseIntegrity(int& version)
 {
-    Finding found;
-    if (!database().isOpen() || checkIntegrity(found) != Done)
+    Finding finding;
+    if (!database().isOpen() || Preparation(*this).checkIntegrity(finding) != Done)
         return false;
-    version = found.version;
+    version = finding.version;
     return true;
 }
+
+Outcome Preparation::checkIntegrity(Finding& finding)
+{
+    finding = examine();
+    if (finding.kind == Finding::Obstructed) {
+        for (const QString& message : finding.messages)
+            qWarning(
+                "The integrity of the database \"%s\" cannot be checked: %s", local(m_manager.name()).constData(),
+                local(message).constData());
+        return Obstructed;
+    }
+    if (finding.kind == Finding::Damaged && !finding.messages.isEmpty()) {
+        qWarning(
+            "Integrity check on the database \"%s\" fails. The following error(s) have been returned:",
+            local(m_manager.name()).constData());
+        for (const QString& message : finding.messages)
+            qWarning("%s", local(message).constData());
+    }
+    if (finding.kind != Finding::Sound)
+        return Failed;
+
+    const Outcome repair = deleteBrokenReferences();
+    if (repair == Failed)
+        finding.kind = Finding::Damaged;
+    if (repair != Done)
+        return repair;
+
+    QList<Row> versions;
+    const QSqlError error = execute(m_database, "PRAGMA user_version", &versions);
+    finding.version = versions.value(0).value(0).toInt();
+    return m_file.faultOf(error) == NSqliteFile::Obstructed ? Obstructed : Done;
+}
+
+// SQLite takes some read errors for damage. Damage is found a second time.
+Finding Preparation::examine() const
+{
+    const Finding finding = examineOnce();
+    return finding.kind == Finding::Damaged ? examineOnce() : finding;
+}
+
+Finding Preparation::examineOnce() const
+{
+    // What QSqlDatabase::tables(QSql::Tables) asks, which does not report a failure.
+    const char* const TablesStatement = "SELECT name FROM sqlite_master WHERE type = 'table' "
+                                        "UNION ALL SELECT name FROM sqlite_temp_master WHERE type = 'table'";
+    QList<Row> tables;
+    const QSqlError error = execute(m_database, TablesStatement, &tables);
+    if (!error.isValid() && !tables.isEmpty())
+        return checkStructure();
+    // The statement itself is right, so one that is refused shows that the schema cannot be read.
+    Finding finding = {error.isValid() ? Finding::Damaged : Finding::NoTables, 0, QStringList()};
+    if (m_file.faultOf(error) == NSqliteFile::Obstructed)
+        finding.kind = Finding::Obstructed;
+    return finding;
+}
+
+Finding Preparation::checkStructure() const
+{
+    Finding finding = {Finding::Sound, 0, QStringList()};
+    QList<Row> rows;
+    const QSqlError error = execute(m_database, "PRAGMA integrity_check;", &rows);
+    const NSqliteFile::Fault fault = m_file.faultOf(error);
+    for (const Row& row : rows)
+        finding.messages.append(row.value(0).toString());
+    if (fault == NSqliteFile::Obstructed || hasReadErrors(finding.messages)) {
+        finding.kind = Finding::Obstructed;
+        finding.messages.clear();
+    } else if (fault == NSqliteFile::Refused) {
+        // The schema needs a function or a collation that is not registered.
+        finding.kind = Finding::Obstructed;
+        finding.messages = QStringList(error.text());
+    } else if (fault == NSqliteFile::Damaged || finding.messages != QStringList(latin1("ok"))) {
+        finding.kind = Finding::Damaged;
+    }
+    return finding;
+}
+
+// Whether what @a finding rests on is still there, when it is looked at again under a lock.
+bool Preparation::isStillSo(const Finding& finding) const
+{
+    if (finding.kind != Finding::Sound)
+        return examineOnce().kind == finding.kind;
+    // Then it is the version that counts.
+    QList<Row> versions;
+    execute(m_database, "PRAGMA user_version", &versions);
+    return versions.value(0).value(0).toInt() == finding.version;
+}
+
+Outcome Preparation::outcomeOf(const QSqlError& error) const
+{
+    switch (m_file.faultOf(error)) {
+    case NSqliteFile::NoFault:
+        return Done;
+    case NSqliteFile::Obstructed:
+        return Obstructed;
+    default:
+        return Failed;
+    }
+}
+
+// The same; but damage that the integrity check does not find is a read error.
+Outcome Preparation::confirmedOutcomeOf(const QSqlError& error) const
+{
+    if (m_file.faultOf(error) == NSqliteFile::Damaged && examine().kind != Finding::Damaged)
+        return Obstructed;
+    return outcomeOf(error);
+}
+
+// Repair
+
+// One transaction, with foreign keys enforced. A row that the database does not let go stays, and so do rows that
+// refer to it.
+Outcome Preparation::deleteBrokenReferences()
+{
+    QSqlQuery check(m_database);
+    check.setForwardOnly(true);
+    check.exec(latin1(ForeignKeyCheck));
+    const bool isSound = !check.next();
+    QSqlError error = check.lastError();
+    check.finish();
+    // Nothing is locked or written then. A foreign key that is declared wrongly cannot be checked.
+    if (isSound)
+        return m_file.faultOf(error) == NSqliteFile::Refused ? Done : confirmedOutcomeOf(error);
+
+    error = execute(m_database, "BEGIN IMMEDIATE");
+    if (!error.isValid())
+        error = deleteBrokenReferencesInTransaction();
+    if (!error.isValid())
+        error = execute(m_database, "COMMIT");
+    if (!error.isValid())
+        return Done;
+    execute(m_database, "ROLLBACK");
+    // A trigger has ended the transaction, or a deferred foreign key forbids it: all rows stay.
+    return m_file.faultOf(error) == NSqliteFile::Refused ? Done : confirmedOutcomeOf(error);
+}
+
+// Returns the error that ends the transaction, if there is one.
+QSqlError Preparation::deleteBrokenReferencesInTransaction() const
+{
+    QList<BrokenReferences> references;
+    QSqlError error = readBrokenReferences(references);
+    if (endsTransaction(error))
+        return error;
+    for (BrokenReferences& broken : references) {
+        for (qlonglong rowid : broken.rowids) {
+            error = deleteRow(broken.key, rowid);
+            if (endsTransaction(error))
+                return error;
+        }
+    }
+    return QSqlError();
+}
+
+// The check is read to its end before a row is deleted: whether a statement that is still running sees the changes
+// of another one is undefined (https://sqlite.org/isolation.html).
+QSqlError Preparation::readBrokenReferences(QList<BrokenReferences>& references) const
+{
+    QSqlQuery check(m_database);
+    check.setForwardOnly(true);
+    check.exec(latin1(ForeignKeyCheck));
+    while (check.next()) {
+        const QString table = check.value(0).toString();
+        const int id = check.value(3).toInt();
+        if (references.isEmpty() || !references.last().key.is(table, id)) {
+            // The rows of a table WITHOUT ROWID have none.
+            const NSqliteForeignKey key(
+                m_database, table, id, check.value(2).toString(), !check.value(1).isNull());
+            const BrokenReferences broken = {key, QVector<qlonglong>()};
+            references.append(broken);
+        }
+        references.last().rowids.append(check.value(1).toLongLong());
+    }
+    return check.lastError();
+}
+
+QSqlError Preparation::deleteRow(NSqliteForeignKey& key, qlonglong rowid) const
+{
+    QString values;
+    const QSqlError error = key.readValues(rowid, values);
+    qWarning(
+        "Foreign key constraint error in database \"%s\" on %s(%s) referencing %s(%s) with value(%s). The "
+        "reference will be deleted.",
+        local(m_manager.name()).constData(), local(key.table()).constData(), local(key.columns()).constData(),
+        local(key.referencedTable()).constData(), local(key.referencedColumns()).constData(),
+        local(values).constData());
+    return endsTransaction(error) ? error : key.deleteRow(rowid);
+}
+
+// Whether @a error ends the transaction of the repair; one that only refuses a statement does not.
+bool Preparation::endsTransaction(const QSqlError& error) const
+{
+    const NSqliteFile::Fault fault = m_file.faultOf(error);
+    if (fault == NSqliteFile::Refused)
+        return !isInTransaction(m_database);
+    return fault != NSqliteFile::NoFault;
+}
+
+// Conversion
+
+bool NAbstractSqliteDbManager::convertDatabaseFromOldVersion(int)
+{
+    return false;
+}
+
+Outcome Preparation::convert(Finding& finding)
+{
+    execute(m_database, "PRAGMA foreign_keys=OFF");
+    Outcome outcome = convertInTransaction(finding.version);
+    // SQLite itself ends the transaction at an input or output error, which may be over by now.
+    if (outcome == Interrupted)
+        outcome = convertInTransaction(finding.version);
+    const bool isDiskFull =
+        outcome == Interrupted && m_file.isDiskFull(qMax(m_file.size(), LeastRoomForConversion));
+    // Also ends a transaction that the application has begun.
+    if (outcome != Done)
+        execute(m_database, "ROLLBACK");
+    if (outcome == Failed || outcome == Interrupted)
+        outcome = isDiskFull ? Obstructed : outcomeOfFailedConversion(finding);
+    execute(m_database, "PRAGMA foreign_keys=ON");
+    return outcome;
+}
+
+Outcome Preparation::convertInTransaction(int oldVersion)
+{
+    QList<Row> versions;
+    QSqlError error = execute(m_database, "BEGIN IMMEDIATE");
+    if (!error.isValid())
+        error = execute(m_database, "PRAGMA user_version", &versions);
+    if (!error.isValid() && versions.value(0).value(0).toInt() != oldVersion)
+        return Changed;
+    // Writing what is there already shows whether the file can be written, before the application tries.
+    if (!error.isValid())
+        error = execute(m_database, latin1("PRAGMA user_version=%1").arg(oldVersion));
+    if (error.isValid())
+        return confirmedOutcomeOf(error);
+
+    const bool isConverted = m_manager.convertDatabaseFromOldVersion(oldVersion);
+    // Without the transaction, the new version would be stored even if the conversion has been undone.
+    if (!isInTransaction(m_database))
+        return Interrupted;
+    // What the conversion has written is still on the disk.
+    if (!isConverted)
+        return m_file.isDiskFull(LeastRoom) ? Obstructed : Failed;
+    error = execute(m_database, latin1("PRAGMA user_version=%1").arg(m_manager.currentVersion()));
+    if (!error.isValid())
+        error = execute(m_database, "COMMIT");
+    return confirmedOutcomeOf(error);
+}
+
+// A conversion reports only that it has failed. Whether an obstruction was the reason is found out by reading and
+// writing the database.
+Outcome Preparation::outcomeOfFailedConversion(Finding& finding) const
+{
+    const Finding now = examine();
+    if (now.kind == Finding::Obstructed)
+        return Obstructed;
+    if (now.kind == Finding::Damaged) {
+        finding.kind = Finding::Damaged;
+        return Failed;
+    }
+    QSqlError error = execute(m_database, "BEGIN IMMEDIATE");
+    if (!error.isValid())
+        error = execute(m_database, latin1("PRAGMA user_version=%1").arg(finding.version));
+    execute(m_database, "ROLLBACK");
+    return m_file.faultOf(error) == NSqliteFile::Obstructed ? Obstructed : Failed;
+}
+
+// Initialisation
 
 void NAbstractSqliteDbManager::initializeDatabase()
 {
     if (!database().isOpen())
         return;
-    NDirectoryLock lock(directoryOf(database().databaseName()).constData(), NDirectoryLock::Shared);
+    NDirectoryLock lock(NSqliteFile(database().databaseName()).directory().constData(), NDirectoryLock::Shared);
     if (lock.isLocked())
-        initialize(nullptr, lock);
+        Preparation(*this).initialize(nullptr, lock);
 }
 
-bool NAbstractSqliteDbManager::openConnection()
+// Without a @a reason, the application has asked for it.
+Outcome Preparation::initialize(const Finding* reason, NDirectoryLock& lock)
 {
-    m_connectionName = connectionName();
-    if (m_connectionName.isNull())
-        return false;
-    QSqlDatabase database = QSqlDatabase::addDatabase(text("QSQLITE"), m_connectionName);
-    database.setDatabaseName(databaseFilePath());
-    return database.open();
-}
-
-bool NAbstractSqliteDbManager::reopenConnection()
-{
-    QSqlDatabase database = this->database();
-    database.close();
-    return database.open();
-}
-
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::prepareDatabase(NDirectoryLock& lock)
-{
-    execute(database(), "PRAGMA foreign_keys=ON");
-    Finding found;
-    const Outcome integrity = checkIntegrity(found);
-    if (integrity == Unavailable)
-        return Unavailable;
-    if (integrity == Failed) {
-        qWarning(
-            "The integrity check of the database \"%s\" has failed. It will be initialized.",
-            local(name()).constData());
-        return initialize(&found, lock);
-    }
-    if (found.version == currentVersion())
-        return Done;
-    if (found.version > currentVersion()) {
-        qWarning(
-            "The version of the database \"%s\" (%d) is greater than the current version of the database (%d). It "
-            "will be initialized.",
-            local(name()).constData(), found.version, currentVersion());
-        return initialize(&found, lock);
-    }
-    const Outcome conversion = convert(found.version);
-    if (conversion == Done)
-        qDebug(
-            "The database \"%s\" has been converted from version %d to version %d", local(name()).constData(),
-            found.version, currentVersion());
-    if (conversion != Failed)
-        return conversion;
-    qWarning(
-        "The database \"%s\" cannot be converted from version %d to version %d. It will be initialized.",
-        local(name()).constData(), found.version, currentVersion());
-    return initialize(&found, lock);
-}
-
-NAbstractSqliteDbManager::Finding NAbstractSqliteDbManager::examine() const
-{
-    const QSqlDatabase database = this->database();
-    Finding found = {Finding::Unreadable, 0, QStringList()};
-    QList<Row> tables;
-    QList<Row> versions;
-    const QSqlError schemaError = execute(database, TablesStatement, &tables);
-    const QSqlError versionError = execute(database, "PRAGMA user_version", &versions);
-    if (confirmed(database, qMax(reasonOf(schemaError), reasonOf(versionError))) == NSqliteErrorWatch::Environment)
-        return found;
-    found.version = versions.value(0).value(0).toInt();
-    // A new file has no tables. The statement itself is right, so any other failure is the schema's.
-    if (schemaError.isValid() || tables.isEmpty()) {
-        found.kind = schemaError.isValid() ? Finding::NoSchema : Finding::NoTables;
-        return found;
-    }
-    const NSqliteErrorWatch::Reason structure = checkStructure(database, found.messages);
-    if (structure == NSqliteErrorWatch::NoReason)
-        found.kind = Finding::Sound;
-    else if (structure == NSqliteErrorWatch::Damage)
-        found.kind = Finding::Damaged;
-    return found;
-}
-
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::checkIntegrity(Finding& found)
-{
-    found = examine();
-    if (found.kind == Finding::Unreadable) {
-        for (const QString& message : found.messages)
-            qWarning(
-                "The integrity of the database \"%s\" cannot be checked: %s", local(name()).constData(),
-                local(message).constData());
-        return Unavailable;
-    }
-    if (found.kind == Finding::Damaged) {
-        qWarning(
-            "Integrity check on the database \"%s\" fails. The following error(s) have been returned:",
-            local(name()).constData());
-        for (const QString& message : found.messages)
-            qWarning("%s", local(message).constData());
-    }
-    if (found.kind != Finding::Sound)
-        return Failed;
-    const Outcome repair = outcomeOf(NSqliteReferenceRepair(database(), name()).run());
-    if (repair == Failed)
-        found.kind = Finding::Damaged;
-    return repair;
-}
-
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::convert(int oldVersion)
-{
-    const QSqlDatabase database = this->database();
-    execute(database, "PRAGMA foreign_keys=OFF");
-    Outcome outcome = Doubtful;
-    // Damage is there on a second look as well. Then it would be there for ever.
-    for (int look = 0; look < 2 && outcome == Doubtful; ++look) {
-        outcome = convertInTransaction(oldVersion);
-        // Also ends a transaction that the application has left open.
-        if (outcome != Done)
-            execute(database, "ROLLBACK");
-    }
-    execute(database, "PRAGMA foreign_keys=ON");
-    return outcome == Doubtful ? Failed : outcome;
-}
-
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::convertInTransaction(int oldVersion)
-{
-    const QSqlDatabase database = this->database();
-    QList<Row> versions;
-    QSqlError error = execute(database, "BEGIN IMMEDIATE");
-    if (!error.isValid())
-        error = execute(database, "PRAGMA user_version", &versions);
-    // Until the lock was there another process may have converted the database.
-    if (!error.isValid() && versions.value(0).value(0).toInt() != oldVersion)
-        return Changed;
-    // Writing what is there already shows whether the file can be written, before anything is tried.
-    if (!error.isValid())
-        error = execute(database, text("PRAGMA user_version=%1").arg(oldVersion));
-    if (!error.isValid()) {
-        const NSqliteErrorWatch watch(m_connectionName);
-        const bool isConverted = convertDatabaseFromOldVersion(oldVersion);
-        // Without the transaction, the new version would be stored even if what belongs to it has been undone.
-        if (!isConverted || !isInTransaction(database))
-            return failedConversion(watch.reason());
-        error = execute(database, text("PRAGMA user_version=%1").arg(currentVersion()));
-    }
-    if (!error.isValid())
-        error = execute(database, "COMMIT");
-    if (!error.isValid())
-        return Done;
-    return confirmed(database, reasonOf(error)) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
-}
-
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::failedConversion(int reason) const
-{
-    if (reason != NSqliteErrorWatch::Damage)
-        return reason == NSqliteErrorWatch::Environment ? Unavailable : Failed;
-    // The damage may lie where no check of the file looks: in what a virtual table stores, or in an attached file.
-    QStringList messages;
-    switch (checkStructure(database(), messages)) {
-    case NSqliteErrorWatch::NoReason:
-        return Doubtful;
-    case NSqliteErrorWatch::Damage:
-        return Failed;
-    default:
-        return Unavailable;
-    }
-}
-
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initialize(const Finding* reason, NDirectoryLock& lock)
-{
+    const bool isDamaged = reason && reason->kind == Finding::Damaged;
     Outcome outcome = initializeInPlace(reason);
-    // Closing the connection ends the statements that keep a table from being dropped.
-    if (outcome == InUse)
-        outcome = reopenConnection() ? initializeInPlace(reason) : Unavailable;
-    return outcome == Failed ? replaceFile(reason, lock) : outcome;
-}
-
-// Who has the file open under its old name would take the journal of the new one for its own
-// (https://sqlite.org/howtocorrupt.html). So nobody may be looking at it meanwhile.
-NAbstractSqliteDbManager::Outcome
-NAbstractSqliteDbManager::replaceFile(const Finding* reason, NDirectoryLock& lock)
-{
-    QSqlDatabase database = this->database();
-    database.close();
-    if (!lock.makeExclusive() || !database.open())
-        return Unavailable;
-    // Until the lock was there another process may have seen to it.
-    if (reason && !reason->isStillSo(examine()))
-        return Changed;
-    database.close();
-    const bool isSetAside = setAside(resolved(database.databaseName()));
-    return database.open() && isSetAside ? initializeInPlace(nullptr) : Unavailable;
-}
-
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::initializeInPlace(const Finding* reason)
-{
-    const QSqlDatabase database = this->database();
-    // What the caller has begun goes with the rest, and foreign keys cannot be switched inside a transaction.
-    execute(database, "ROLLBACK");
-    execute(database, "PRAGMA foreign_keys=OFF");
-    Outcome outcome = outcomeOf(reasonOf(execute(database, "BEGIN IMMEDIATE")));
-    // Until the lock was there another process may have seen to it.
-    if (outcome != Unavailable && reason && !reason->isStillSo(examine()))
-        outcome = Changed;
-    if (outcome == Done)
-        outcome = replaceSchema();
-    // A table may have ended the transaction: COMMIT is a refused statement then.
-    if (outcome == Done)
-        outcome = outcomeOf(reasonOf(execute(database, "COMMIT")));
-    if (outcome != Done)
-        execute(database, "ROLLBACK");
-    execute(database, "PRAGMA foreign_keys=ON");
+    // Closing the connection ends statements of the application that keep a table from being dropped.
+    if (outcome == Failed && !isDamaged) {
+        m_database.close();
+        outcome = m_database.open() ? initializeInPlace(reason) : Obstructed;
+    }
+    // A damaged file makes SQLite report obstructions that do not exist.
+    if (outcome == Failed || (outcome == Obstructed && isDamaged))
+        outcome = replaceFile(reason, lock);
     return outcome;
 }
 
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::replaceSchema()
+Outcome Preparation::initializeInPlace(const Finding* reason)
 {
-    const QSqlDatabase database = this->database();
-    const char* const kinds[][2] = {{TablesStatement, "TABLE"}, {ViewsStatement, "VIEW"}};
-    for (const char* const* kind : kinds) {
-        QList<Row> names;
-        QSqlError error = execute(database, kind[0], &names);
-        for (int index = 0; index < names.size() && !error.isValid(); ++index)
-            error = execute(
-                database,
-                text("DROP ") + text(kind[1]) + text(" IF EXISTS ") + quoted(names.at(index).value(0).toString()));
-        if (reasonOf(error) == NSqliteErrorWatch::Connection)
-            return InUse;
-        if (error.isValid())
-            return reasonOf(error) == NSqliteErrorWatch::Environment ? Unavailable : Failed;
-    }
-
+    // Ends a transaction of the caller's, in which foreign keys could not be switched off.
+    execute(m_database, "ROLLBACK");
+    execute(m_database, "PRAGMA foreign_keys=OFF");
+    Outcome outcome = outcomeOf(execute(m_database, "BEGIN IMMEDIATE"));
+    if (outcome == Done && reason && !isStillSo(*reason))
+        outcome = Changed;
+    if (outcome == Done)
+        outcome = dropTables();
     // What is left of a damaged file must bear the new tables.
-    QStringList messages;
-    const Outcome structure = outcomeOf(checkStructure(database, messages));
-    if (structure != Done)
-        return structure;
-    return createSchema();
+    if (outcome == Done && reason && reason->kind == Finding::Damaged && checkStructure().kind != Finding::Sound)
+        outcome = Failed;
+    if (outcome == Done)
+        outcome = createTables();
+    if (outcome != Done)
+        execute(m_database, "ROLLBACK");
+    execute(m_database, "PRAGMA foreign_keys=ON");
+    return outcome;
 }
 
-NAbstractSqliteDbManager::Outcome NAbstractSqliteDbManager::createSchema()
+Outcome Preparation::dropTables() const
 {
-    const QSqlDatabase database = this->database();
-    const QList<NAbstractSQLiteDbTable*> created = tables();
-    // Statements that SQLite refuses are their table's affair.
-    const NSqliteErrorWatch watch(m_connectionName);
-    for (int index = 0; index < created.size() && outcomeOf(watch.reason()) == Done; ++index)
-        created.at(index)->createTable();
-    for (int index = 0; index < created.size() && outcomeOf(watch.reason()) == Done; ++index)
-        created.at(index)->createTriggers();
-    if (outcomeOf(watch.reason()) != Done)
-        return outcomeOf(watch.reason());
-    return outcomeOf(reasonOf(execute(database, text("PRAGMA user_version=%1").arg(currentVersion()))));
+    // Virtual tables come first: they cannot be dropped without the tables that they keep their rows in.
+    const char* const TablesStatement =
+        "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite\\_%' "
+        "ESCAPE '\\' ORDER BY sql LIKE 'CREATE VIRTUAL TABLE %' DESC";
+    QList<Row> tables;
+    QSqlError error = execute(m_database, TablesStatement, &tables);
+    for (int index = 0; index < tables.size() && !error.isValid(); ++index)
+        error = execute(
+            m_database, latin1("DROP TABLE IF EXISTS main.") + quoted(tables.at(index).value(0).toString()));
+    return outcomeOf(error);
+}
+
+Outcome Preparation::createTables() const
+{
+    const QList<NAbstractSQLiteDbTable*> tables = m_manager.tables();
+    for (NAbstractSQLiteDbTable* table : tables) {
+        if (!table->createTable() && isCreationObstructed())
+            return Obstructed;
+    }
+    for (NAbstractSQLiteDbTable* table : tables) {
+        if (!table->createTriggers() && isCreationObstructed())
+            return Obstructed;
+    }
+    const QSqlError error = execute(m_database, latin1("PRAGMA user_version=%1").arg(m_manager.currentVersion()));
+    if (error.isValid())
+        return outcomeOf(error);
+    // It is refused where a table has ended the transaction itself.
+    const QSqlError end = execute(m_database, "COMMIT");
+    return m_file.faultOf(end) == NSqliteFile::Refused ? Done : outcomeOf(end);
+}
+
+// A statement that SQLite refuses does not stop the others. At an input or output error, SQLite ends the
+// transaction, and all is as it was.
+bool Preparation::isCreationObstructed() const
+{
+    return !isInTransaction(m_database) || m_file.isDiskFull(LeastRoom);
+}
+
+// A process that has the file open under its old name would take the journal of the new one for its own
+// (https://sqlite.org/howtocorrupt.html). So the file is replaced only under the exclusive lock.
+Outcome Preparation::replaceFile(const Finding* reason, NDirectoryLock& lock)
+{
+    m_database.close();
+    if (!lock.makeExclusive() || m_file.isReadOnly() || m_file.isDiskFull(LeastRoom) || m_file.isLocked() ||
+        !m_database.open())
+        return Obstructed;
+    if (reason && !isStillSo(*reason))
+        return Changed;
+    m_database.close();
+    const bool isSetAside = m_file.setAside();
+    return m_database.open() && isSetAside ? initializeInPlace(nullptr) : Obstructed;
 }

@@ -2,6 +2,7 @@
 
 #include <nbase/nbaseqtcompat_p.h>
 #include <nbase/sqlite/nabstractsqlitedbmanager.h>
+#include <nsystem/nlatin1_p.h>
 
 #include <QtSql/QSqlDatabase>
 #include <QtSql/QSqlDriver>
@@ -17,11 +18,6 @@ namespace {
 
 typedef QMap<QString, QVariant> Values;
 typedef QList<QPair<QString, bool>> Order;
-
-QString text(const char* latin1)
-{
-    return QString::fromLatin1(latin1);
-}
 
 QString joined(const Values& values, const char* separator)
 {
@@ -40,14 +36,14 @@ QString joined(const Values& values, const char* separator)
 // it.
 QString substitutedInTurn(const char* pattern, std::initializer_list<QString> texts)
 {
-    QString result = text(pattern);
+    QString result = latin1(pattern);
     for (const QString& inserted : texts)
         result = result.arg(inserted);
     return result;
 }
 
-// The same; texts without any places, which is all but always so, are put together in one piece of memory, because
-// a statement is made for each row.
+// The same. Texts have no places in almost all cases; then the statement is put together in one piece of memory,
+// because one is made for each row.
 QString substituted(const char* pattern, std::initializer_list<QString> texts)
 {
     int size = int(strlen(pattern));
@@ -69,12 +65,12 @@ QString substituted(const char* pattern, std::initializer_list<QString> texts)
 
 QString joinedColumns(const QStringList& columns)
 {
-    return columns.isEmpty() ? text("*") : columns.join(text(", "));
+    return columns.isEmpty() ? latin1("*") : columns.join(latin1(", "));
 }
 
 QString placeholders(int count)
 {
-    QString marks = text("?, ").repeated(count);
+    QString marks = latin1("?, ").repeated(count);
     marks.chop(2);
     return marks;
 }
@@ -89,7 +85,7 @@ void bind(QSqlQuery& query, const Values& values)
 class Statement
 {
 public:
-    // A QSqlQuery on an invalid connection would turn to the default connection of the process; one on the
+    // A QSqlQuery on an invalid connection would use the default connection of the process; one on the
     // driver's own result does not.
     explicit Statement(const NAbstractSqliteDbManager* manager)
         : m_database(manager->database())
@@ -99,7 +95,7 @@ public:
     }
 
     // @a prepare gets the query to prepare and bind. A statement that cannot be prepared is not executed: the
-    // error would be replaced by a remark on the number of values.
+    // error would be replaced by one about the number of values.
     template <typename Prepare> bool execute(Prepare prepare)
     {
         return m_database.isOpen() && prepare(m_query) && m_query.exec();
@@ -119,8 +115,8 @@ private:
     QSqlQuery m_query;
 };
 
-// The names of the columns are the same in each row, so they are looked up once. A selection that fails in its
-// midst has failed as a whole.
+// The names of the columns are the same in each row, so they are looked up once. A selection that fails after some
+// rows has failed as a whole.
 QList<Values> rows(QSqlQuery& query)
 {
     QList<Values> result;
@@ -251,11 +247,11 @@ bool NAbstractSQLiteDbTable::selectQuery(
 QString NAbstractSQLiteDbTable::orderByClause(const QList<QPair<QString, bool>>& order)
 {
     if (order.isEmpty())
-        return QString::fromLatin1("");
+        return latin1("");
     QStringList items;
     for (const QPair<QString, bool>& item : order)
-        items.append(item.first + text(item.second ? " ASC" : " DESC"));
-    return text("ORDER BY %1").arg(items.join(text(", ")));
+        items.append(item.first + latin1(item.second ? " ASC" : " DESC"));
+    return latin1("ORDER BY %1").arg(items.join(latin1(", ")));
 }
 
 bool NAbstractSQLiteDbTable::execInsertQuery(const QMap<QString, QVariant>& values, qlonglong& rowid)
@@ -355,8 +351,8 @@ QString NAbstractSQLiteDbTable::fieldValuesToString(const QMap<QString, QVariant
 {
     QStringList items;
     for (Values::const_iterator it = values.constBegin(); it != values.constEnd(); ++it) {
-        const QString value = it.value().isNull() ? text("[NULL]") : it.value().toString();
+        const QString value = it.value().isNull() ? latin1("[NULL]") : it.value().toString();
         items.append(it.key() + QLatin1Char('=') + value);
     }
-    return items.join(text(", "));
+    return items.join(latin1(", "));
 }

@@ -61,7 +61,7 @@ public:
     /**
      * Prepares @a query to delete the row @a rowid of @a table; the statement is not executed. The same holds for
      * the other statements below: they are prepared with the values bound by position.
-     * @return whether SQLite accepts the statement; the query's lastError() tells why not.
+     * @return whether SQLite accepts the statement; the query's lastError() gives the reason otherwise.
      */
     static bool rowidDeleteQuery(QSqlQuery& query, const QString& table, qlonglong rowid);
 

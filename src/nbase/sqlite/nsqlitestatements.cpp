@@ -1,63 +1,14 @@
 #include <nbase/sqlite/nsqlitestatements_p.h>
 
-#include <QtCore/QRegExp>
+#include <nsystem/nlatin1_p.h>
+
 #include <QtSql/QSqlQuery>
 #include <QtSql/QSqlRecord>
 
-namespace {
-
-QString text(const char* latin1)
-{
-    return QString::fromLatin1(latin1);
-}
-
-// The integrity check goes on when it cannot read a page, and tells so as if it were a fault of the database's:
-// with the result code for most kinds of pages, without for overflow and free pages.
-bool tellsOfReadErrors(const QStringList& messages)
-{
-    const QString all = messages.join(text("\n"));
-    QRegExp code(text("error code=(\\d+)"));
-    for (int at = code.indexIn(all); at >= 0; at = code.indexIn(all, at + code.matchedLength())) {
-        if (NSqliteErrorWatch::reasonOf(code.cap(1).toInt()) == NSqliteErrorWatch::Environment)
-            return true;
-    }
-    return all.contains(text("failed to get page"));
-}
-
-NSqliteErrorWatch::Reason lookAtStructure(const QSqlDatabase& database, QStringList& messages)
-{
-    QList<NSqliteStatements::Row> rows;
-    const QSqlError error = NSqliteStatements::execute(database, "PRAGMA integrity_check;", &rows);
-    messages.clear();
-    for (const NSqliteStatements::Row& row : rows)
-        messages.append(row.value(0).toString());
-    NSqliteErrorWatch::Reason reason = NSqliteErrorWatch::reasonOf(error);
-    if (reason == NSqliteErrorWatch::NoReason && messages != QStringList(text("ok")))
-        reason = NSqliteErrorWatch::Damage;
-    // What cannot be read is not known to be damaged.
-    if (reason == NSqliteErrorWatch::Damage && tellsOfReadErrors(messages))
-        reason = NSqliteErrorWatch::Environment;
-    // The schema may need a function or a collation that nobody has registered.
-    if (reason == NSqliteErrorWatch::Statement)
-        messages = QStringList(error.text());
-    else if (reason != NSqliteErrorWatch::Damage)
-        messages.clear();
-    return reason;
-}
-
-} // namespace
-
 QString NSqliteStatements::quoted(const QString& name)
 {
-    return QLatin1Char('"') + QString(name).replace(QLatin1Char('"'), text("\"\"")) + QLatin1Char('"');
-}
-
-QStringList NSqliteStatements::quoted(const QStringList& names)
-{
-    QStringList result;
-    for (const QString& name : names)
-        result.append(quoted(name));
-    return result;
+    const QChar quote = QLatin1Char('"');
+    return quote + QString(name).replace(quote, QString(2, quote)) + quote;
 }
 
 QSqlError NSqliteStatements::execute(const QSqlDatabase& database, const QString& statement, QList<Row>* rows)
@@ -78,7 +29,7 @@ QSqlError NSqliteStatements::execute(const QSqlDatabase& database, const QString
 
 QSqlError NSqliteStatements::execute(const QSqlDatabase& database, const char* statement, QList<Row>* rows)
 {
-    return execute(database, text(statement), rows);
+    return execute(database, latin1(statement), rows);
 }
 
 // BEGIN is refused inside a transaction (https://sqlite.org/lang_transaction.html).
@@ -88,21 +39,4 @@ bool NSqliteStatements::isInTransaction(const QSqlDatabase& database)
         return true;
     execute(database, "ROLLBACK");
     return false;
-}
-
-// In places SQLite takes what it cannot read for damaged; damage is there on a second look as well.
-NSqliteErrorWatch::Reason NSqliteStatements::checkStructure(const QSqlDatabase& database, QStringList& messages)
-{
-    const NSqliteErrorWatch::Reason reason = lookAtStructure(database, messages);
-    return reason == NSqliteErrorWatch::Damage ? lookAtStructure(database, messages) : reason;
-}
-
-NSqliteErrorWatch::Reason
-NSqliteStatements::confirmed(const QSqlDatabase& database, NSqliteErrorWatch::Reason reason)
-{
-    if (reason != NSqliteErrorWatch::Damage)
-        return reason;
-    QStringList messages;
-    return checkStructure(database, messages) == NSqliteErrorWatch::Damage ? NSqliteErrorWatch::Damage
-                                                                           : NSqliteErrorWatch::Environment;
 }

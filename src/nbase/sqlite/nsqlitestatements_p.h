@@ -1,41 +1,30 @@
 #ifndef NBASE_NSQLITESTATEMENTS_P_H
 #define NBASE_NSQLITESTATEMENTS_P_H
 
-#include <nbase/sqlite/nsqliteerrorwatch_p.h>
-
 #include <QtCore/QList>
-#include <QtCore/QStringList>
+#include <QtCore/QString>
 #include <QtCore/QVariant>
 #include <QtSql/QSqlDatabase>
 #include <QtSql/QSqlError>
 
-/** Statements of the library's own, and what it makes of their errors. */
+/** Statements that the library executes itself. */
 namespace NSqliteStatements {
 
 typedef QList<QVariant> Row;
 
-/** A name as it stands in a statement, whatever characters it has. */
+/** @a name as it is written in a statement, whatever characters it has. */
 QString quoted(const QString& name);
-QStringList quoted(const QStringList& names);
 
 /**
- * Executes @a statement. All rows are read before anything else happens, so that nothing is changed under a
- * statement that is still running.
+ * Executes @a statement and reads all its rows, so that no statement is left running.
+ * @param rows receives the rows, if given; those before an error as well.
+ * @return an invalid error on success.
  */
 QSqlError execute(const QSqlDatabase& database, const QString& statement, QList<Row>* rows = nullptr);
 QSqlError execute(const QSqlDatabase& database, const char* statement, QList<Row>* rows = nullptr);
 
-/** Whether a transaction is open; SQLite ends one by itself after some failures. */
+/** Whether a transaction is open on @a database; SQLite ends one itself after some errors. */
 bool isInTransaction(const QSqlDatabase& database);
-
-/**
- * What is wrong with the structure of the database: nothing, Damage with SQLite's @a messages about it, Statement
- * with the reason why it cannot be checked, or Environment.
- */
-NSqliteErrorWatch::Reason checkStructure(const QSqlDatabase& database, QStringList& messages);
-
-/** @a reason; but damage that a statement has met must be in the structure, or it is the environment's. */
-NSqliteErrorWatch::Reason confirmed(const QSqlDatabase& database, NSqliteErrorWatch::Reason reason);
 
 } // namespace NSqliteStatements
 

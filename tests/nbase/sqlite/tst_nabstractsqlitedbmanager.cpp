@@ -15,6 +15,18 @@ int openFileCount()
     return QDir(text("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
 }
 
+// How many bytes the process has read from files (proc(5), "io").
+qint64 bytesRead()
+{
+    QFile file(text("/proc/self/io"));
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("cannot read /proc/self/io");
+    const QByteArray counts = file.readAll();
+    const QByteArray name("rchar: ");
+    const int begin = counts.indexOf(name) + name.size();
+    return counts.mid(begin, counts.indexOf('\n', begin) - begin).toLongLong();
+}
+
 } // namespace
 
 /** Opening, closing and initialising. */
@@ -27,13 +39,17 @@ private slots:
     void missingFileIsMadeWithItsDirectory();
     void emptyFileIsInitialised();
     void currentDatabaseIsLeftAsItIs();
-    void openingAgainLeavesNoRemarks();
+    void openingAgainLogsNothing();
     void closedConnectionIsOpenedWhenItIsAskedFor();
     void foreignKeysAreEnforcedAfterEachOpening_data();
     void foreignKeysAreEnforcedAfterEachOpening();
     void pathThatIsNoFileIsRefused();
     void newerDatabaseIsInitialised();
-    void initialisationRemovesEverything();
+    void initialisationRemovesTheTables();
+    void initialisationLeavesViewsAndTemporaryTables();
+    void databaseWithNothingButAViewHasNoTables();
+    void soundDatabaseIsReadOnce_data();
+    void soundDatabaseIsReadOnce();
     void initialisationEndsTheCallersTransaction();
     void initialisationEndsTheCallersQueries();
     void failingTablesDoNotStopTheOthers();
@@ -94,7 +110,7 @@ void tst_NAbstractSqliteDbManager::currentDatabaseIsLeftAsItIs()
     QCOMPARE(contentOf(path), content);
 }
 
-void tst_NAbstractSqliteDbManager::openingAgainLeavesNoRemarks()
+void tst_NAbstractSqliteDbManager::openingAgainLogsNothing()
 {
     NTestManager manager(makeVersionOne());
     for (int round = 0; round < 3; ++round) {
@@ -160,27 +176,88 @@ void tst_NAbstractSqliteDbManager::newerDatabaseIsInitialised()
     QCOMPARE(manager.rows("PRAGMA user_version"), lines("2"));
 }
 
-void tst_NAbstractSqliteDbManager::initialisationRemovesEverything()
+void tst_NAbstractSqliteDbManager::initialisationRemovesTheTables()
 {
     const QString path = makeDatabase(
         "CREATE TABLE \"needs \"\"quotes\"\"\"(id INTEGER PRIMARY KEY AUTOINCREMENT); INSERT INTO \"needs "
         "\"\"quotes\"\"\" "
         "VALUES(5); CREATE TABLE child(a REFERENCES \"needs \"\"quotes\"\"\"(id)); INSERT INTO child VALUES(5);"
-        "CREATE VIEW seen AS SELECT * FROM child; CREATE INDEX byA ON child(a); CREATE VIRTUAL TABLE words USING "
-        "fts5(a);"
-        "CREATE TRIGGER deleted AFTER DELETE ON child BEGIN SELECT raise(ABORT, 'no'); END;",
+        "CREATE INDEX byA ON child(a); CREATE VIRTUAL TABLE words USING fts5(a);"
+        "CREATE TRIGGER deleted AFTER DELETE ON child BEGIN SELECT raise(ABORT, 'no'); END; VACUUM;",
         1);
     NTestManager manager(path);
-    NTestTable table(&manager, "seen", "(a)");
+    NTestTable table(&manager, "fresh", "(a)");
     manager.addTable(&table);
     manager.openDatabase();
     QCOMPARE(manager.rows("SELECT * FROM child"), lines("5"));
     manager.initializeDatabase();
     QCOMPARE(
         manager.rows("SELECT sql FROM sqlite_master WHERE name NOT LIKE 'sqlite\\_%' ESCAPE '\\'"),
-        lines("CREATE TABLE seen(a)"));
+        lines("CREATE TABLE fresh(a)"));
     QCOMPARE(manager.rows("PRAGMA foreign_keys"), lines("1"));
     QVERIFY(!QFile::exists(path + text(".damaged")));
+}
+
+void tst_NAbstractSqliteDbManager::initialisationLeavesViewsAndTemporaryTables()
+{
+    NTestManager manager(
+        makeDatabase("CREATE TABLE child(a); CREATE VIEW seen AS SELECT * FROM child; CREATE TABLE both(a);", 1));
+    NTestTable table(&manager, "child", "(a, b)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QVERIFY(manager.execute("CREATE TEMPORARY TABLE both(x)"));
+    QVERIFY(manager.execute("INSERT INTO temp.both VALUES(1)"));
+    manager.initializeDatabase();
+    QCOMPARE(manager.rows("SELECT name FROM main.sqlite_master ORDER BY name"), lines("child\nseen"));
+    QCOMPARE(manager.rows("SELECT x FROM temp.both"), lines("1"));
+    QVERIFY(manager.execute("INSERT INTO child VALUES(2, 3)"));
+    QCOMPARE(manager.rows("SELECT * FROM seen"), lines("2|3"));
+}
+
+void tst_NAbstractSqliteDbManager::databaseWithNothingButAViewHasNoTables()
+{
+    NTestManager manager(makeDatabase("CREATE VIEW seen AS SELECT 1 AS a;", 1));
+    NTestTable table(&manager, "t", "(a)");
+    manager.addTable(&table);
+    manager.openDatabase();
+    QCOMPARE(takeMessages(), lines(Initialised));
+    QCOMPARE(manager.rows("SELECT name FROM sqlite_master ORDER BY name"), lines("seen\nt"));
+}
+
+void tst_NAbstractSqliteDbManager::soundDatabaseIsReadOnce_data()
+{
+    QTest::addColumn<int>("version");
+    QTest::newRow("current") << 1;
+    QTest::newRow("older") << 2;
+}
+
+// The file is larger than the cache, so that a second check would read it once more.
+void tst_NAbstractSqliteDbManager::soundDatabaseIsReadOnce()
+{
+    QFETCH(int, version);
+    const QString path = makeDatabase(
+        "CREATE TABLE t(id INTEGER PRIMARY KEY, note); CREATE TABLE child(t REFERENCES t(id));"
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+        "INSERT INTO t SELECT i, hex(randomblob(2000)) FROM n; INSERT INTO child VALUES(1);",
+        1);
+    qint64 before = bytesRead();
+    {
+        QSqlDatabase database = QSqlDatabase::addDatabase(text("QSQLITE"), text("plain"));
+        database.setDatabaseName(path);
+        QVERIFY(database.open());
+        QVERIFY(QSqlQuery(database).exec(text("PRAGMA integrity_check")));
+    }
+    QSqlDatabase::removeDatabase(text("plain"));
+    const qint64 once = bytesRead() - before;
+    QVERIFY(once > QFileInfo(path).size());
+    NTestManager manager(path, version);
+    manager.setConversion([](NTestManager&) { return true; });
+    before = bytesRead();
+    manager.openDatabase();
+    const qint64 read = bytesRead() - before;
+    takeMessages();
+    QVERIFY(manager.database().isOpen());
+    QVERIFY2(read < once + once / 10, QByteArray::number(read).constData());
 }
 
 void tst_NAbstractSqliteDbManager::initialisationEndsTheCallersTransaction()

@@ -27,6 +27,8 @@ QString useDatabase(NTestManager& manager)
 {
     QSqlDatabase database = manager.database();
     REQUIRE(database.isValid() && database.isOpen());
+    REQUIRE(database.connectionName() == manager.connectionName());
+    REQUIRE(QSqlDatabase::connectionNames() == QStringList(manager.connectionName()));
     REQUIRE(database.databaseName() == manager.databaseFilePath());
     REQUIRE(database.tables() == lines("t"));
     REQUIRE(database.record(text("t")).count() == 2);
@@ -143,22 +145,28 @@ void tst_NAbstractSqliteDbManager_Conversion::failedConversionInitialises_data()
 {
     QTest::addColumn<QString>("statements");
     QTest::addColumn<bool>("result");
-    QTest::newRow("refused after changes") << text("DROP TABLE t;CREATE TABLE other(a)") << false;
-    QTest::newRow("rolled back by itself") << text("ROLLBACK") << false;
-    QTest::newRow("committed by itself and failed") << text("DROP TABLE t;COMMIT") << false;
-    QTest::newRow("committed by itself") << text("COMMIT") << true;
-    QTest::newRow("failed with a transaction of its own open") << text("COMMIT;BEGIN;DROP TABLE t") << false;
+    QTest::addColumn<int>("expectedCalls");
+    QTest::newRow("refused at once") << text("SELECT 1") << false << 1;
+    QTest::newRow("refused after changes") << text("DROP TABLE t;CREATE TABLE other(a)") << false << 1;
+    // A transaction that is not open any more may have been ended by an error.
+    QTest::newRow("rolled back by itself") << text("ROLLBACK") << false << 2;
+    QTest::newRow("committed by itself and failed") << text("DROP TABLE t;COMMIT") << false << 2;
+    QTest::newRow("committed by itself") << text("COMMIT") << true << 2;
+    QTest::newRow("failed with a transaction of its own open") << text("COMMIT;BEGIN;DROP TABLE t") << false << 1;
 }
 
 void tst_NAbstractSqliteDbManager_Conversion::failedConversionInitialises()
 {
     QFETCH(QString, statements);
     QFETCH(bool, result);
+    QFETCH(int, expectedCalls);
     const QString path = makeVersionOne();
     NTestManager manager(path, 2);
     NTestTable table(&manager, "fresh", "(a)");
     manager.addTable(&table);
+    int calls = 0;
     manager.setConversion([&](NTestManager& database) {
+        ++calls;
         const QStringList all = statements.split(QLatin1Char(';'));
         for (const QString& statement : all)
             database.execute(statement.toUtf8().constData());
@@ -166,6 +174,7 @@ void tst_NAbstractSqliteDbManager_Conversion::failedConversionInitialises()
     });
     manager.openDatabase();
     QCOMPARE(takeMessages(), lines(Refused));
+    QCOMPARE(calls, expectedCalls);
     QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
     QCOMPARE(manager.rows("PRAGMA user_version"), lines("2"));
     QVERIFY(manager.execute("BEGIN"));
@@ -187,7 +196,7 @@ void tst_NAbstractSqliteDbManager_Conversion::conversionMayLeaveATransactionOpen
     QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
 }
 
-// The hook's connection is the manager's, seen through a watch; that must not show.
+// The same with the connection of an open database and with that of a conversion.
 void tst_NAbstractSqliteDbManager_Conversion::conversionUsesItsDatabaseLikeAnyOther()
 {
     NTestManager plain(makeVersionOne());

@@ -1,17 +1,75 @@
 #include "nsqlitetest.h"
 
-#include "support/nfilefault.h"
+#include "support/nchildprocess.h"
 #include "support/nprivatenamespace.h"
+#include "support/nsystemcalls.h"
 #include "support/nwithoutfileoverride.h"
 
 #include <QtCore/QFileInfo>
 #include <QtTest/QtTest>
 
+#include <functional>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace NSqliteTest;
+using NSystemCalls::Calls;
+using NSystemCalls::Fault;
 
 namespace {
+
+// More than a cache of five pages holds, so that it is written at once.
+const char* const FillTable =
+    "CREATE TABLE filled AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
+    "SELECT hex(randomblob(2000)) FROM n";
+
+// A lock that another process has on a file, for the scope; none without a path.
+class FileLock
+{
+public:
+    explicit FileLock(const QString& path)
+        : m_process(-1)
+    {
+        int locked[2];
+        if (path.isNull() || ::pipe(locked) != 0)
+            return;
+        m_process = ::fork();
+        if (m_process == 0) {
+            // A byte that SQLite locks to read.
+            struct flock lock = {};
+            lock.l_type = F_RDLCK;
+            lock.l_whence = SEEK_SET;
+            lock.l_start = 0x40000002;
+            lock.l_len = 1;
+            const int file = ::open(QFile::encodeName(path).constData(), O_RDONLY);
+            if (::fcntl(file, F_SETLK, &lock) == 0 && ::write(locked[1], "", 1) == 1)
+                ::pause();
+            ::_exit(1);
+        }
+        char byte;
+        ::close(locked[1]);
+        if (::read(locked[0], &byte, 1) != 1)
+            qFatal("cannot lock %s", qPrintable(path));
+        ::close(locked[0]);
+    }
+
+    ~FileLock()
+    {
+        if (m_process <= 0)
+            return;
+        ::kill(m_process, SIGKILL);
+        NTest::waitForChild(m_process);
+    }
+
+private:
+    Q_DISABLE_COPY(FileLock)
+
+    pid_t m_process;
+};
 
 // A table that is created while nothing can be written.
 class UnwritableTable : public NTestTable
@@ -24,7 +82,7 @@ public:
 
     bool createTable() override
     {
-        const NFileFault fault(NFileFault::Write);
+        const Fault fault(NSystemCalls::Pwrite, EIO);
         return NTestTable::createTable();
     }
 };
@@ -49,14 +107,20 @@ private slots:
     void faultDuringAConversionIsNoRefusal_data();
     void faultDuringAConversionIsNoRefusal();
     void faultThatAConversionDoesNotReportKeepsTheVersion();
+    void faultThatIsOverDuringAConversionIsNoRefusal_data();
+    void faultThatIsOverDuringAConversionIsNoRefusal();
+    void faultOfAnotherFileIsARefusal_data();
+    void faultOfAnotherFileIsARefusal();
     void faultThatAConversionOvercomesDoesNotCount();
     void faultDuringTheCreationOfATableKeepsWhatIsThere();
     void unreadablePagesAreNoDamage();
     void anySingleFailureKeepsOldOrNewData_data();
     void anySingleFailureKeepsOldOrNewData();
+    void damagedFileIsKeptWhereItCannotBeReplaced_data();
+    void damagedFileIsKeptWhereItCannotBeReplaced();
 
 private:
-    void openAndKeepVersionOne(NTestManager& manager);
+    void openAndKeepVersionOne(NTestManager& manager, const std::function<void()>& endFault);
 };
 
 void tst_NAbstractSqliteDbManager_Faults::readOnlyFileIsOpenedAsItIs()
@@ -233,12 +297,14 @@ void tst_NAbstractSqliteDbManager_Faults::fullDiskRefusesRows()
     unmountSmallDisk(path);
 }
 
-// Opens a database of version 1 with the notes a and b, which cannot be done; once it can, nothing is lost.
-void tst_NAbstractSqliteDbManager_Faults::openAndKeepVersionOne(NTestManager& manager)
+// Opens a database of version 1 with the notes a and b, which fails; after @a endFault, nothing is lost.
+void tst_NAbstractSqliteDbManager_Faults::openAndKeepVersionOne(
+    NTestManager& manager, const std::function<void()>& endFault)
 {
     const QString path = manager.databaseFilePath();
     const QByteArray content = contentOf(path);
     manager.openDatabase();
+    endFault();
     QVERIFY(!manager.database().isValid());
     QCOMPARE(takeMessages(), lines(NotOpened));
     OtherProcess reader(path);
@@ -256,60 +322,60 @@ void tst_NAbstractSqliteDbManager_Faults::openAndKeepVersionOne(NTestManager& ma
 
 void tst_NAbstractSqliteDbManager_Faults::faultDuringAConversionIsNoRefusal_data()
 {
-    QTest::addColumn<QString>("fault");
-    QTest::addColumn<QString>("statement");
+    QTest::addColumn<int>("filler");
+    QTest::addColumn<QString>("table");
     QTest::addColumn<QString>("afterwards");
-    const QString fill = text("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) "
-                              "INSERT INTO big SELECT i, hex(randomblob(2000)) FROM n");
+    const int refusedWrites = 0;
+    const int nearlyFull = 1900 * 1024;
+    const int full = 2048 * 1024;
     const QString none;
-    QTest::newRow("full disk") << text("full") << fill << none;
-    QTest::newRow("full disk, and other statements") << text("full") << fill << text("SELECT 1");
-    QTest::newRow("full disk, and a transaction of its own") << text("full") << fill << text("BEGIN");
-    QTest::newRow("full disk, and undone") << text("full") << fill << text("ROLLBACK");
-    // The statement is undone, and the transaction goes on.
-    const QString fillUnique = QString(fill).replace(text(" big "), text(" \"unique\" "));
-    QTest::newRow("full disk during a statement that can be undone") << text("full") << fillUnique << none;
-    QTest::newRow("refused write") << text("write") << fill << none;
-    QTest::newRow("refused write, and undone") << text("write") << fill << text("ROLLBACK");
-    QTest::newRow("other database locked") << text("lock") << text("SELECT * FROM other.o") << none;
-    QTest::newRow("other database missing")
-        << text("none") << text("ATTACH '/missing/missing.db' AS missing") << none;
+    QTest::newRow("full disk") << full << text("big") << none;
+    QTest::newRow("nearly full disk") << nearlyFull << text("big") << none;
+    QTest::newRow("full disk, and other statements") << full << text("big") << text("SELECT 1");
+    QTest::newRow("full disk, and a transaction of its own") << full << text("big") << text("BEGIN");
+    QTest::newRow("nearly full disk, and undone") << nearlyFull << text("big") << text("ROLLBACK");
+    // The statement is undone, and the transaction continues.
+    QTest::newRow("statement that can be undone, full disk") << full << text("\"unique\"") << none;
+    QTest::newRow("statement that can be undone, nearly full disk") << nearlyFull << text("\"unique\"") << none;
+    QTest::newRow("refused write") << refusedWrites << text("big") << none;
+    QTest::newRow("refused write, and undone") << refusedWrites << text("big") << text("ROLLBACK");
 }
 
+// The manager finds the fault when it looks for the reason of the failure.
 void tst_NAbstractSqliteDbManager_Faults::faultDuringAConversionIsNoRefusal()
 {
-    QFETCH(QString, fault);
-    QFETCH(QString, statement);
+    QFETCH(int, filler);
+    QFETCH(QString, table);
     QFETCH(QString, afterwards);
     const QString path = mountSmallDisk("size=2m");
     QVERIFY(QFile::copy(makeVersionOne(), path));
-    const QString otherPath = makeDatabase("CREATE TABLE o(a);", 0);
+    const QString fillerPath = QFileInfo(path).path() + text("/filler");
     {
         NTestManager manager(path, 2);
+        QScopedPointer<Fault> refusal;
         int failures = 0;
         manager.setConversion([&](NTestManager& database) {
             database.execute("PRAGMA cache_size=5");
-            database.execute("PRAGMA busy_timeout=0");
             database.execute("CREATE TABLE big(i, note)");
             database.execute("CREATE TABLE \"unique\"(i UNIQUE, note UNIQUE)");
-            const QByteArray attach = "ATTACH '" + otherPath.toUtf8() + "' AS other";
-            database.execute(attach.constData());
-            const QString filler = QFileInfo(path).path() + text("/filler");
-            if (fault == text("full"))
-                write(filler, QByteArray(1900 * 1024, 'x'));
-            const QScopedPointer<NFileFault> refusal(
-                fault == text("write") ? new NFileFault(NFileFault::Write) : nullptr);
-            OtherProcess other(otherPath);
-            if (fault == text("lock"))
-                other.execute("BEGIN EXCLUSIVE;");
-            failures += !database.execute(statement.toUtf8().constData());
-            QFile::remove(filler);
+            QFile file(fillerPath);
+            if (filler > 0 && file.open(QIODevice::WriteOnly))
+                file.write(QByteArray(filler, 'x'));
+            else if (!refusal)
+                refusal.reset(new Fault(NSystemCalls::Pwrite, EIO));
+            file.close();
+            const QString fill = text("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < "
+                                      "200) INSERT INTO %1 SELECT i, hex(randomblob(2000)) FROM n");
+            failures += !database.execute(fill.arg(table).toUtf8().constData());
             if (!afterwards.isEmpty())
                 database.execute(afterwards.toUtf8().constData());
             return false;
         });
-        openAndKeepVersionOne(manager);
-        QCOMPARE(failures, 1);
+        openAndKeepVersionOne(manager, [&] {
+            refusal.reset();
+            QFile::remove(fillerPath);
+        });
+        QVERIFY(failures > 0);
     }
     unmountSmallDisk(path);
 }
@@ -317,15 +383,71 @@ void tst_NAbstractSqliteDbManager_Faults::faultDuringAConversionIsNoRefusal()
 void tst_NAbstractSqliteDbManager_Faults::faultThatAConversionDoesNotReportKeepsTheVersion()
 {
     NTestManager manager(makeVersionOne(), 2);
-    manager.setConversion([](NTestManager& database) {
-        const NFileFault fault(NFileFault::Write);
+    QScopedPointer<Fault> fault;
+    manager.setConversion([&](NTestManager& database) {
+        if (!fault)
+            fault.reset(new Fault(NSystemCalls::Pwrite, EIO));
         database.execute("PRAGMA cache_size=5");
-        database.execute(
-            "CREATE TABLE big AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i "
-            "< 200) SELECT hex(randomblob(2000)) FROM n");
+        database.execute(FillTable);
         return true;
     });
-    openAndKeepVersionOne(manager);
+    openAndKeepVersionOne(manager, [&] { fault.reset(); });
+}
+
+// SQLite has ended the transaction, so the conversion is executed a second time.
+void tst_NAbstractSqliteDbManager_Faults::faultThatIsOverDuringAConversionIsNoRefusal_data()
+{
+    QTest::addColumn<bool>("isReported");
+    QTest::newRow("reported") << true;
+    QTest::newRow("not reported") << false;
+}
+
+void tst_NAbstractSqliteDbManager_Faults::faultThatIsOverDuringAConversionIsNoRefusal()
+{
+    QFETCH(bool, isReported);
+    NTestManager manager(makeVersionOne(), 2);
+    int calls = 0;
+    manager.setConversion([&](NTestManager& database) {
+        if (++calls > 1)
+            return convertToTwo(database);
+        const Fault fault(NSystemCalls::Pwrite, EIO);
+        database.execute("PRAGMA cache_size=5");
+        return !database.execute(FillTable) && !isReported;
+    });
+    manager.openDatabase();
+    QCOMPARE(takeMessages(), lines(Converted));
+    QCOMPARE(calls, 2);
+    QCOMPARE(manager.rows("SELECT note FROM t ORDER BY id"), lines("new a\nnew b"));
+}
+
+void tst_NAbstractSqliteDbManager_Faults::faultOfAnotherFileIsARefusal_data()
+{
+    QTest::addColumn<QString>("statement");
+    QTest::newRow("locked") << text("SELECT * FROM other.o");
+    QTest::newRow("missing") << text("ATTACH '/missing/missing.db' AS missing");
+}
+
+// The database itself can be read and written, and nothing else is looked at.
+void tst_NAbstractSqliteDbManager_Faults::faultOfAnotherFileIsARefusal()
+{
+    QFETCH(QString, statement);
+    const QString otherPath = makeDatabase("CREATE TABLE o(a);", 0);
+    OtherProcess other(otherPath);
+    QCOMPARE(other.execute("BEGIN EXCLUSIVE;"), QByteArray());
+    NTestManager manager(makeVersionOne(), 2);
+    NTestTable table(&manager, "fresh", "(a)");
+    manager.addTable(&table);
+    int calls = 0;
+    manager.setConversion([&](NTestManager& database) {
+        ++calls;
+        const QByteArray attach = "ATTACH '" + otherPath.toUtf8() + "' AS other";
+        return database.execute("PRAGMA busy_timeout=0") && database.execute(attach.constData()) &&
+               database.execute(statement.toUtf8().constData());
+    });
+    manager.openDatabase();
+    QCOMPARE(takeMessages(), lines(Refused));
+    QCOMPARE(calls, 1);
+    QCOMPARE(manager.rows("SELECT name FROM main.sqlite_master"), lines("fresh"));
 }
 
 void tst_NAbstractSqliteDbManager_Faults::faultThatAConversionOvercomesDoesNotCount()
@@ -379,7 +501,7 @@ void tst_NAbstractSqliteDbManager_Faults::unreadablePagesAreNoDamage()
     int closed = 0;
     for (int offset = 0; offset < content.size(); offset += 512) {
         NTestManager manager(path);
-        const NFileFault fault(NFileFault::Read, offset);
+        const Fault fault(Calls(NSystemCalls::Pread).atOffset(offset), EIO);
         manager.openDatabase();
         // Nobody needs to read what is in a free page.
         if (fault.count() > 0) {
@@ -402,16 +524,18 @@ void tst_NAbstractSqliteDbManager_Faults::anySingleFailureKeepsOldOrNewData_data
     QTest::addColumn<int>("call");
     QTest::addColumn<int>("stored");
     const char* const names[] = {"read", "write", "synchronize", "remove"};
-    const NFileFault::Call calls[] = {
-        NFileFault::Read, NFileFault::Write, NFileFault::Synchronize, NFileFault::Remove};
+    const int calls[] = {
+        NSystemCalls::Pread, NSystemCalls::Pwrite, NSystemCalls::Fsync | NSystemCalls::Fdatasync,
+        NSystemCalls::Unlink};
     for (int index = 0; index < 4; ++index) {
-        QTest::newRow((QByteArray(names[index]) + " while converting").constData()) << int(calls[index]) << 1;
-        QTest::newRow((QByteArray(names[index]) + " while initialising").constData()) << int(calls[index]) << 3;
-        QTest::newRow((QByteArray(names[index]) + " while repairing").constData()) << int(calls[index]) << 2;
+        QTest::newRow((QByteArray(names[index]) + " while converting").constData()) << calls[index] << 1;
+        QTest::newRow((QByteArray(names[index]) + " while initialising").constData()) << calls[index] << 3;
+        QTest::newRow((QByteArray(names[index]) + " while repairing").constData()) << calls[index] << 2;
     }
 }
 
-// Each of the calls that an opening makes fails in turn, one in each opening.
+// Each of the calls that an opening makes fails in turn, one in each opening. Only a read error that a conversion
+// meets, that leaves its transaction open and that is over at once, counts as a refusal.
 void tst_NAbstractSqliteDbManager_Faults::anySingleFailureKeepsOldOrNewData()
 {
     QFETCH(int, call);
@@ -434,22 +558,27 @@ void tst_NAbstractSqliteDbManager_Faults::anySingleFailureKeepsOldOrNewData()
         NTestManager manager(path, 2);
         NTestTable table(&manager, "t", "(id INTEGER PRIMARY KEY, note, p REFERENCES t(id))");
         manager.addTable(&table);
-        manager.setConversion([](NTestManager& database) {
-            return database.execute("PRAGMA cache_size=5") && database.execute("UPDATE t SET note = 'new'") &&
-                   database.execute("CREATE INDEX i ON t(note)");
+        bool isRefused = false;
+        manager.setConversion([&](NTestManager& database) {
+            const bool isConverted = database.execute("PRAGMA cache_size=5") &&
+                                     database.execute("UPDATE t SET note = 'new'") &&
+                                     database.execute("CREATE INDEX i ON t(note)");
+            isRefused = !isConverted && call == NSystemCalls::Pread && !database.execute("BEGIN");
+            return isConverted;
         });
         {
-            const QScopedPointer<NFileFault> fault(NFileFault::once(NFileFault::Call(call), failures));
+            const Fault fault(Calls(call).skip(failures).times(1), EIO);
             manager.openDatabase();
-            isOver = fault->count() == 0;
+            isOver = fault.count() == 0;
         }
         ++failures;
         const QStringList messages = takeMessages();
         const QByteArray when = QByteArray::number(failures) + ": " + messages.join(text("\n")).toUtf8();
-        QVERIFY2(messages.filter(text("cannot be converted")).isEmpty(), when.constData());
+        QVERIFY2(messages.filter(text("cannot be converted")).isEmpty() == !isRefused, when.constData());
         QVERIFY2(messages.filter(text("integrity check")).isEmpty(), when.constData());
+        const QString openData = isRefused ? text("0|0||2") : newData;
         if (manager.database().isOpen()) {
-            QCOMPARE(manager.rows(state), QStringList(newData));
+            QCOMPARE(manager.rows(state), QStringList(openData));
         } else {
             QVERIFY2((messages.last() + QLatin1Char('\n')) == text(NotOpened), when.constData());
             OtherProcess reader(path);
@@ -458,12 +587,68 @@ void tst_NAbstractSqliteDbManager_Faults::anySingleFailureKeepsOldOrNewData()
             QVERIFY2(found == oldData || found == repaired || found == newData, qPrintable(found));
         }
         manager.openDatabase();
-        QCOMPARE(manager.rows(state), QStringList(newData));
-        // What is given up anyway may be set aside.
+        QCOMPARE(manager.rows(state), QStringList(openData));
+        // What is to be deleted anyway may be set aside.
         QVERIFY(!QFile::remove(path + text(".damaged")) || stored == 3);
         takeMessages();
     }
     QVERIFY(failures > 1);
+}
+
+void tst_NAbstractSqliteDbManager_Faults::damagedFileIsKeptWhereItCannotBeReplaced_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("obstacle");
+    // The header forbids writing, and the number of free pages is wrong.
+    QByteArray unwritable = contentOf(makeVersionOne());
+    unwritable[18] = 3;
+    unwritable[39] = 9;
+    const QByteArray noDatabase = QByteArray("no database\n").repeated(500);
+    const char* const obstacles[] = {"read-only file", "read-only directory", "full disk", "lock"};
+    for (const char* obstacle : obstacles) {
+        QTest::newRow((QByteArray("unwritable header, ") + obstacle).constData()) << unwritable << text(obstacle);
+        QTest::newRow((QByteArray("no database, ") + obstacle).constData()) << noDatabase << text(obstacle);
+    }
+}
+
+void tst_NAbstractSqliteDbManager_Faults::damagedFileIsKeptWhereItCannotBeReplaced()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QString, obstacle);
+    const QString path = mountSmallDisk("size=256k");
+    const QString fillerPath = QFileInfo(path).path() + text("/filler");
+    const QByteArray directory = QFile::encodeName(QFileInfo(path).path());
+    write(path, content);
+    {
+        const NWithoutFileOverride permissionsCount;
+        NTestManager manager(path);
+        NTestTable table(&manager, "fresh", "(a)");
+        manager.addTable(&table);
+        {
+            const FileLock lock(obstacle == text("lock") ? path : QString());
+            QFile filler(fillerPath);
+            if (obstacle == text("full disk") && filler.open(QIODevice::WriteOnly))
+                filler.write(QByteArray(256 * 1024, 'x'));
+            filler.close();
+            if (obstacle == text("read-only file"))
+                QVERIFY(QFile::setPermissions(path, QFile::ReadOwner));
+            if (obstacle == text("read-only directory"))
+                QVERIFY(::chmod(directory.constData(), 0555) == 0);
+            manager.openDatabase();
+            QVERIFY(!manager.database().isValid());
+            QCOMPARE(takeMessages().last() + QLatin1Char('\n'), text(NotOpened));
+            QCOMPARE(contentOf(path), content);
+            QVERIFY(!QFile::exists(path + text(".damaged")));
+        }
+        QVERIFY(::chmod(directory.constData(), 0755) == 0);
+        QVERIFY(QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner));
+        QFile::remove(fillerPath);
+        manager.openDatabase();
+        takeMessages();
+        QCOMPARE(manager.rows("SELECT name FROM sqlite_master"), lines("fresh"));
+        QCOMPARE(contentOf(path + text(".damaged")), content);
+    }
+    unmountSmallDisk(path);
 }
 
 NTEST_MAIN_IN_NAMESPACE(QCoreApplication, tst_NAbstractSqliteDbManager_Faults, NPrivateNamespace::Mounts)
