@@ -474,6 +474,7 @@ void NwaFcgiConnection::finish()
     if (!isOpen())
         return;
     QByteArray end;
+    end.reserve(4 * HeaderSize);
     appendStreamEnd(end, Stdout, m_exchange.id);
     if (m_exchange.hasErrorOutput)
         appendStreamEnd(end, Stderr, m_exchange.id);

@@ -62,23 +62,24 @@ int NwaFcgiOutput::append(const char* data, int size)
 // Returns how many of the bytes there was room for.
 int NwaFcgiOutput::copyIntoBlock(const char* data, int size)
 {
-    if (m_blocks.isEmpty() || isBlockFull())
-        m_blocks.enqueue(QByteArray());
-    QByteArray& block = m_blocks.last();
-    const int part = qMin(size, BlockSize - block.size());
-    if (block.size() + part >= BlockSize / 2)
-        block.reserve(BlockSize);
-    block.append(data, part);
+    if (isBlockFull()) {
+        m_fullBlocks.enqueue(m_lastBlock);
+        m_lastBlock = QByteArray();
+    }
+    const int part = qMin(size, BlockSize - m_lastBlock.size());
+    if (m_lastBlock.size() + part >= BlockSize / 2)
+        m_lastBlock.reserve(BlockSize);
+    m_lastBlock.append(data, part);
     m_size += part;
     return part;
 }
 
-// While the queue is not blocked, it has no more than one block.
+// While the queue is not blocked, it has only the last block.
 int NwaFcgiOutput::sendWithContent(const char* header, const char* content, int size)
 {
     const int queuedSize = m_size;
-    const char* const queued = queuedSize > 0 ? m_blocks.head().constData() + m_sent : nullptr;
-    struct iovec pieces[] = {piece(queued, queuedSize), piece(header, HeaderSize), piece(content, size)};
+    struct iovec pieces[] = {
+        piece(m_lastBlock.constData() + m_sent, queuedSize), piece(header, HeaderSize), piece(content, size)};
     struct msghdr message;
     memset(&message, 0, sizeof(message));
     message.msg_iov = pieces;
@@ -101,7 +102,7 @@ int NwaFcgiOutput::flush()
 {
     int sent = 0;
     while (m_size > 0) {
-        const QByteArray& block = m_blocks.head();
+        const QByteArray& block = firstBlock();
         const int part = checked(NSystem::retried([&]() {
             return ::send(m_socket, block.constData() + m_sent, size_t(block.size() - m_sent), MSG_NOSIGNAL);
         }));
@@ -121,13 +122,13 @@ void NwaFcgiOutput::dequeue(int size)
         return;
     m_size -= size;
     m_sent += size;
-    if (m_sent < m_blocks.head().size())
+    if (m_sent < firstBlock().size())
         return;
     // The last block keeps its memory for what follows.
-    if (m_blocks.size() == 1)
-        m_blocks.head().resize(0);
+    if (m_fullBlocks.isEmpty())
+        m_lastBlock.resize(0);
     else
-        m_blocks.dequeue();
+        m_fullBlocks.dequeue();
     m_sent = 0;
 }
 
@@ -138,14 +139,20 @@ int NwaFcgiOutput::checked(ssize_t result)
         return int(result);
     if (!NSystem::wouldBlock()) {
         m_isBroken = true;
-        m_blocks.clear();
+        m_fullBlocks.clear();
+        m_lastBlock.clear();
         m_size = 0;
         m_sent = 0;
     }
     return 0;
 }
 
+const QByteArray& NwaFcgiOutput::firstBlock() const
+{
+    return m_fullBlocks.isEmpty() ? m_lastBlock : m_fullBlocks.head();
+}
+
 bool NwaFcgiOutput::isBlockFull() const
 {
-    return !m_blocks.isEmpty() && m_blocks.last().size() >= BlockSize;
+    return m_lastBlock.size() >= BlockSize;
 }

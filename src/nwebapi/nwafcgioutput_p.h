@@ -51,12 +51,14 @@ private:
     int sendWithContent(const char* header, const char* content, int size);
     void dequeue(int size);
     int checked(ssize_t result);
+    const QByteArray& firstBlock() const;
     bool isBlockFull() const;
 
     const int m_socket;
-    QQueue<QByteArray> m_blocks; ///< the last one is being filled
-    int m_size;                  ///< of all blocks, without what was sent
-    int m_sent;                  ///< bytes of the first block that the kernel has taken
+    QQueue<QByteArray> m_fullBlocks;
+    QByteArray m_lastBlock; ///< comes after the full ones
+    int m_size;             ///< of all blocks, without what was sent
+    int m_sent;             ///< bytes of the first block that the kernel has taken
     bool m_isBlocked;
     bool m_isBroken;
 };
