@@ -44,6 +44,7 @@ public:
         qint64 size = 0;
         for (const Connection& connection : m_server->m_connections)
             size += connection->bufferedSize();
+        m_server->m_heldMemory->note(size);
         return size;
     }
 

@@ -5,7 +5,7 @@
 namespace {
 
 // Returning less is not worth the time.
-const qint64 ReturnedSize = 1024 * 1024;
+const int ReturnedSize = 256 * 1024;
 
 void returnFreeMemory()
 {
@@ -21,11 +21,16 @@ NwaHeldMemory::NwaHeldMemory()
 {
 }
 
+void NwaHeldMemory::note(qint64 size)
+{
+    m_peak = qMax(m_peak, size);
+}
+
 void NwaHeldMemory::update(qint64 size)
 {
     if (m_peak - size >= ReturnedSize) {
         returnFreeMemory();
         m_peak = size;
     }
-    m_peak = qMax(m_peak, size);
+    note(size);
 }

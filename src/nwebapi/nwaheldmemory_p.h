@@ -12,11 +12,14 @@ class NwaHeldMemory
 public:
     NwaHeldMemory();
 
-    /** To be called now and then with the number of bytes that are held; frees when it has dropped far enough. */
+    /** Notes that @a size bytes are held now. */
+    void note(qint64 size);
+
+    /** Returns memory if much less than before is held now, @a size bytes. To be called now and then. */
     void update(qint64 size);
 
 private:
-    qint64 m_peak; ///< since memory was last returned
+    qint64 m_peak; ///< the most that was held since memory was last returned
 };
 
 #endif

@@ -52,8 +52,9 @@ void tst_NwaHeldMemory::memoryIsReturnedWhenMuchLessIsHeld()
     NwaHeldMemory memory;
     const QList<QByteArray> pieces = scatteredPieces();
     QVERIFY(residentSize() - before > 16 * Megabyte);
-    memory.update(32 * Megabyte);
-    memory.update(31 * Megabyte + 1);
+    memory.note(32 * Megabyte);
+    memory.note(1 * Megabyte);
+    memory.update(32 * Megabyte - 1000);
     QVERIFY(residentSize() - before > 16 * Megabyte);
     memory.update(31 * Megabyte);
     QVERIFY(residentSize() - before < 8 * Megabyte);
