@@ -204,7 +204,7 @@ EventsRequestProcessor::EventsRequestProcessor(NwaAbstractFcgiSessionIdentifier*
 void EventsRequestProcessor::processGetMethod(NwaFcgiRequest* request)
 {
     const bool asksForNews = request->queryParameters().contains(key("since"));
-    if (!requireSession(request, asksForNews ? Passive : Active))
+    if (!requireSession(request, asksForNews ? PassiveRequest : ActiveRequest))
         return;
     quint64 since = 0;
     if (asksForNews && !readNumber(request, "since", since))

@@ -171,7 +171,7 @@ NwaWebSession* NwaStandardFcgiRequestProcessor::authenticateRequest(NwaFcgiReque
 
 NwaWebSession* NwaStandardFcgiRequestProcessor::requireSession(NwaFcgiRequest* request, Activity activity)
 {
-    NwaWebSession* const session = authenticateRequest(request, activity == Passive);
+    NwaWebSession* const session = authenticateRequest(request, activity == PassiveRequest);
     if (!session)
         delete request;
     return session;

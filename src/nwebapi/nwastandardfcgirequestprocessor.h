@@ -43,8 +43,8 @@ public:
 
     /** Whether a request counts as an activity of the user, which keeps the session from expiring. */
     enum Activity {
-        Active, ///< it does
-        Passive ///< it does not: a page that polls sends it, for example
+        ActiveRequest, ///< it does
+        PassiveRequest ///< it does not, for example because a page sends it as a poll
     };
 
     /** @param identifier finds the session of a request; not owned. May be null when no request needs one. */
@@ -86,7 +86,7 @@ protected:
      * The session of @a request.
      * @return null when the request has no session that is alive; it has been answered with 401 and deleted then.
      */
-    NwaWebSession* requireSession(NwaFcgiRequest* request, Activity activity = Active);
+    NwaWebSession* requireSession(NwaFcgiRequest* request, Activity activity = ActiveRequest);
 
     /**
      * The session of @a request, if its user has the right to make it.
@@ -98,7 +98,7 @@ protected:
     template <typename Object, typename Class, typename Session>
     NwaWebSession* requireSession(
         NwaFcgiRequest* request, const Object* object, bool (Class::*mayUse)(Session*) const,
-        Activity activity = Active)
+        Activity activity = ActiveRequest)
     {
         NwaWebSession* const session = requireSession(request, activity);
         if (!session || (object->*mayUse)(session))

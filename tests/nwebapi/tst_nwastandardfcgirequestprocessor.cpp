@@ -62,7 +62,7 @@ public:
 
     virtual bool canReadWithSession(NwaWebSession*) const { return true; }
 
-    NwaWebSession* require(NwaFcgiRequest* request, Activity activity = Active)
+    NwaWebSession* require(NwaFcgiRequest* request, Activity activity = ActiveRequest)
     {
         return requireSession(request, this, &GuardedProcessor::canReadWithSession, activity);
     }
@@ -415,11 +415,11 @@ void tst_NwaStandardFcgiRequestProcessor::requiredSessionIsHandedOut()
     NMemoryChannel channel;
     NwaFcgiRequest request(&channel, nVariables());
     GuardedProcessor processor(&identifier);
-    QCOMPARE(processor.requireSession(&request, Processor::Passive), identifier.session);
+    QCOMPARE(processor.requireSession(&request, Processor::PassiveRequest), identifier.session);
     QVERIFY(identifier.wasPassive);
     QCOMPARE(processor.requireSession(&request), identifier.session);
     QVERIFY(!identifier.wasPassive);
-    QCOMPARE(processor.require(&request, Processor::Passive), identifier.session);
+    QCOMPARE(processor.require(&request, Processor::PassiveRequest), identifier.session);
     QVERIFY(identifier.wasPassive);
     QCOMPARE(processor.require(&request), identifier.session);
     QVERIFY(!identifier.wasPassive);
@@ -474,7 +474,7 @@ void tst_NwaStandardFcgiRequestProcessor::servedObjectMayDecideAboutTheRight()
     identifier.session->setUserName(QString::fromLatin1("admin"));
     NwaFcgiRequest request(&channel, nVariables());
     QCOMPARE(
-        processor.requireSession(&request, &accessor, &Accessor::canSetWithSession, Processor::Passive),
+        processor.requireSession(&request, &accessor, &Accessor::canSetWithSession, Processor::PassiveRequest),
         identifier.session);
     QVERIFY(identifier.wasPassive);
 }
