@@ -94,12 +94,12 @@ private:
         const LicenseFiles files = package->licenseFiles();
         const QStringList fileNames = sorted(files.keys());
         QByteArray json = (m_packageCount == 1 ? '{' : ',') + quoted(name) + ":{\"licenseFiles\":{";
+        const char* separator = "";
         for (const QString& fileName : fileNames) {
-            enqueue(json + quoted(fileName) + ":\"", files.value(fileName));
-            json = "\",";
+            enqueue(json + separator + quoted(fileName) + ":\"", files.value(fileName));
+            json = "\"";
+            separator = ",";
         }
-        if (!fileNames.isEmpty())
-            json.chop(1);
         enqueue(json + "}," + inner(descriptionOf(package)) + '}', QString());
     }
 
