@@ -6,16 +6,16 @@
 #   demo-control.sh stop | address | wait | run-directory [--state <path>]
 #   demo-control.sh check-port <port>
 #
-# start         returns once the page is served; the open-source packages are those of the machine, or those listed in
-#               a folder as make-packages.sh makes it
-# stop          ends everything and leaves nothing behind
-# address       prints where the running demo is served; fails when none runs
+# start         returns once the page is served; the open-source packages are those of the machine, or of a folder made by
+#               make-packages.sh
+# stop          ends all processes and removes all files of the demo
+# address       prints the URL of the running demo; fails if none is running
 # wait          returns when the demo has ended
 # run-directory prints the folder with the process ids (device.pid, lighttpd.pid), the socket and the logs
-# check-port    fails with a message when something already listens there
+# check-port    fails with a message if the port is in use
 #
-# Everything that the demo needs while it runs is in one folder under /tmp, whose path is short because that of a Unix
-# socket is limited to 107 bytes. The state, by default build/demo/run, is a link to this folder: one demo per state.
+# All files of the running demo are in one folder under /tmp; its path is short because a Unix socket's is limited to 107
+# bytes. The state, by default build/demo/run, is a link to this folder: one demo per state.
 set -eu
 
 source_directory=$(cd "$(dirname "$0")" && pwd)
@@ -32,8 +32,8 @@ fail() {
     exit 1
 }
 
-# Prints the start time of a process in clock ticks since boot (field 22 of /proc/<pid>/stat, see proc(5)). With it, a
-# process id that the kernel has given to somebody else in the meantime is told from ours.
+# Prints the start time of a process in clock ticks since boot (field 22 of /proc/<pid>/stat, proc(5)). It distinguishes our
+# process from a later one with the same id.
 start_time_of() {
     sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d ' ' -f 20
 }
@@ -44,13 +44,13 @@ record_process() {
     mv "$run/$1.pid.new" "$run/$1.pid"
 }
 
-# A process that has ended stays as a zombie (state Z) until its parent has noticed.
+# A process that has ended remains as a zombie (state Z) until its parent waits for it.
 is_live() {
     process_state=$(sed 's/.*) //' "/proc/$1/stat" | cut -d ' ' -f 1)
     [ -n "$process_state" ] && [ "$process_state" != Z ]
 } 2>/dev/null
 
-# Prints the id of the process recorded under this name if it is still there.
+# Prints the id of the process recorded under this name if it is running.
 live_process() {
     recorded_pid=
     recorded_start=
@@ -60,7 +60,7 @@ live_process() {
     echo "$recorded_pid"
 } 2>/dev/null
 
-# Sets run to the folder of the demo that this state knows of.
+# Sets run to the folder of the demo that this state refers to.
 find_run_directory() {
     run=$(readlink "$state") && [ -d "$run" ]
 }
@@ -69,7 +69,7 @@ is_running() {
     find_run_directory && live_process lighttpd >/dev/null && live_process device >/dev/null
 }
 
-# await <tries> <command>...: a try takes a tenth of a second.
+# await <tries> <command>...: tries every tenth of a second.
 await() {
     tries=$1
     shift
@@ -92,7 +92,7 @@ end_process() {
 }
 
 # Prints what listens on 127.0.0.1 at this port or at any IPv4 address (proc(5), /proc/net/tcp: hexadecimal address in
-# the byte order of the host, port in that of people; state 0A is LISTEN).
+# the byte order of the host, hexadecimal port; state 0A is LISTEN).
 listeners_at() {
     awk -v port="$(printf '%04X' "$1")" '
         $4 == "0A" && ($2 == "0100007F:" port || $2 == "7F000001:" port || $2 == "00000000:" port) { print $2 }
@@ -113,12 +113,12 @@ fail_port_in_use() {
     fail "Port $1 of 127.0.0.1 is in use by another program; choose another one with --port <port>."
 }
 
-# An account that may do nothing is better for the part that faces the network than root.
+# The web server faces the network, so it runs as an unprivileged account instead of root.
 can_drop_to_web_user() {
     [ "$(id -u)" -eq 0 ] && setpriv --reuid=www-data --regid=www-data --clear-groups true 2>/dev/null
 }
 
-# Making the link is what decides between two starts at the same time: only one of them can.
+# Of two simultaneous starts, only one can make the link.
 claim_state() {
     run=$(mktemp -d /tmp/nbase-demo.XXXXXX)
     trap 'rm -rf "$run"' EXIT
@@ -149,7 +149,7 @@ prepare_run_directory() {
     prepare_web_server
 }
 
-# The page is served from where it is edited, except when the web server's user cannot read it there.
+# The page is served from the source folder, unless the web server's user cannot read it there.
 prepare_page() {
     if [ -n "$web_user" ] && ! setpriv --reuid="$web_user" --regid="$web_user" --clear-groups \
         test -r "$source_directory/www/index.html"; then
@@ -169,14 +169,14 @@ prepare_web_server() {
     } >"$run/lighttpd.conf"
 }
 
-# The zones as the devices have them, laid over what this machine has.
+# The zone files of this machine, with those in the format of the devices added.
 prepare_zones() {
     mkdir "$run/zoneinfo"
     cp -R /usr/share/zoneinfo/. "$run/zoneinfo"
     "$source_directory/make-zones.sh" "$run/zoneinfo"
 }
 
-# The packages that are installed on this machine, as if its system were the device's.
+# The packages installed on this machine stand for those of the device's system.
 prepare_packages() {
     [ -z "$packages" ] || return 0
     packages=$run/packages
@@ -198,13 +198,13 @@ start_device() {
     [ -z "$web_user" ] || chmod 660 "$run/socket/device"
 }
 
-# Through sudo the device is not the process that was launched, so it says itself which one it is.
+# With sudo, the device is not the launched process; in-private-mounts.sh writes its id to a file.
 record_device() {
-    await 100 device_told_or_ended || true
+    await 100 device_recorded_or_ended || true
     [ ! -s "$run/device.process" ] || record_process device "$(cat "$run/device.process")"
 }
 
-device_told_or_ended() {
+device_recorded_or_ended() {
     [ -s "$run/device.process" ] || ! is_live "$launcher"
 }
 
@@ -222,7 +222,7 @@ start_web_server() {
     record_process lighttpd "$(cat "$run/lighttpd.process")"
 }
 
-# The page comes from the web server, and without a session the device program itself answers 401.
+# The web server serves the page, and the device program answers 401 to a request without a session.
 is_served() {
     curl --noproxy '*' -s -f -o /dev/null "$(address)/" &&
         [ "$(curl --noproxy '*' -s -o /dev/null -w '%{http_code}' "$(address)/api/timezones")" = 401 ]
@@ -245,9 +245,9 @@ start() {
         address
         return 0
     fi
-    clear_remains_away
+    remove_leftovers
     check_port "$port"
-    # lighttpd is in a folder that an ordinary user's PATH does not have.
+    # lighttpd is in a folder that is not in an ordinary user's PATH.
     PATH=$PATH:/usr/sbin:/sbin
     trap 'exit 130' INT
     trap 'exit 143' HUP TERM
@@ -265,8 +265,8 @@ start() {
     trap - EXIT INT HUP TERM
 }
 
-# What is left of a demo that was killed or that the machine was switched off under.
-clear_remains_away() {
+# Removes what a demo left that was killed, or ended by a power failure.
+remove_leftovers() {
     if find_run_directory; then
         if live_process starter >/dev/null; then
             fail "Another start of the demo is under way."
@@ -279,7 +279,7 @@ clear_remains_away() {
 
 end_and_remove() {
     if find_run_directory; then
-        # A start that is interrupted may have launched the device without knowing it yet.
+        # An interrupted start may have launched the device without having recorded it.
         [ -z "$launcher" ] || [ -e "$run/device.pid" ] || record_device
         end_process lighttpd || fail "The web server of the demo cannot be ended; it belongs to another user."
         end_process device || fail "The demo device cannot be ended; it belongs to another user."

@@ -1,20 +1,19 @@
 #!/bin/sh
-# Runs a program that sees other folders at /usr/share/zoneinfo and /usr/share/free_packages, in a mount namespace of its
-# own (mount_namespaces(7)), so that nobody else sees the mounts and nothing is left of them when the program ends:
+# Runs a program with other folders at /usr/share/zoneinfo and /usr/share/free_packages, in a private mount namespace
+# (mount_namespaces(7)): the mounts are not visible outside and end with the program.
 #
 #   in-private-mounts.sh <zoneinfo folder> <packages folder> <process id file> <program> [<argument>...]
 #
-# The program runs under the id that is in the process id file, and as the user who calls; where the kernel gives an
-# ordinary user namespaces of his own, it sees itself as root there.
+# The process id file gets the program's id. The program runs as the calling user; in a user namespace it is root.
 set -eu
 
-# Whether the kernel lets us have the namespace that these words ask for.
+# Whether the kernel allows the namespace that this command creates.
 works() {
     "$@" true 2>/dev/null
 }
 
-# In a chroot whose root is not a mount point, nobody can say "keep all mounts private", and a mount could be seen
-# outside. /proc is a mount point there: below it, once it is private, lies a second, private view of the whole tree.
+# In a chroot whose root is not a mount point, the mounts below the root cannot be made private. /proc is a mount point
+# there: below it, once it is private, a second, private view of the whole tree is mounted.
 make_private_root() {
     root=/proc/fs
     mount --make-private /proc
@@ -22,8 +21,8 @@ make_private_root() {
     mount --make-rprivate "$root"
 }
 
-# provide_in_share <name>: makes a folder /usr/share/<name> to mount at, on a machine that has none and whose own folder
-# stays as it is. A folder in memory takes the place of /usr/share, with links to everything that is there.
+# provide_in_share <name>: provides a mount point /usr/share/<name> without creating it on the machine: a folder in memory
+# with links to all entries is mounted over /usr/share.
 provide_in_share() {
     [ ! -d "$root/usr/share/$1" ] || return 0
     view=$(mktemp -d "$root/tmp/nbase-share.XXXXXX")
@@ -74,7 +73,7 @@ else
     fi
 fi
 
-# Word splitting is wanted for as_root: it is no word for root.
+# as_root is empty for root.
 # shellcheck disable=SC2086
 if works $as_root unshare --mount; then
     exec $as_root unshare --mount "$self" --inside whole "$owner" "$@"

@@ -1,19 +1,19 @@
 #!/bin/sh
-# Makes the list of open-source packages as the build of a root file system leaves it, from the Debian packages that are
-# installed on this machine, or in the root file system below a folder, and their copyright files:
+# Makes a list of open-source packages, in the form that the build of a root file system has, from the Debian packages that
+# are installed on this machine, or in the root file system below a folder, and their copyright files:
 #
 #     <target directory>/manifest.csv                                the list
 #     <target directory>/licenses/<package>-<version>/copyright      the licence text of each package
 #
 #     make-packages.sh [--root <root directory>] <target directory>
 #
-# The licences are those that a copyright file names in the lines of the machine-readable form
-# (https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/); packages without any have none in the list. List and
-# texts become Latin-1, which is what the device takes them for: UTF-8 is converted, with something similar or a question
-# mark for what Latin-1 does not have. A package whose copyright file is missing, is no regular file or lies outside the
-# root has no licence text. A list that was there before is replaced when the new one is complete.
+# The licences are taken from the License fields of machine-readable copyright files
+# (https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/); other packages have none in the list. List and texts
+# are converted from UTF-8 to Latin-1, the encoding that the device expects; characters outside Latin-1 are transliterated or
+# replaced by a question mark. A package whose copyright file is missing, not a regular file or outside the root has no
+# licence text. An existing list is replaced when the new one is complete.
 #
-# Everything is read by a few processes for all packages together, because one for each would take minutes.
+# A few processes handle all packages together; one for each package would take minutes.
 set -eu
 LC_ALL=C
 export LC_ALL
@@ -30,7 +30,7 @@ if [ "${1:-}" = --root ] && [ $# -eq 3 ]; then
     shift 2
 fi
 [ $# -eq 1 ] || fail "usage: make-packages.sh [--root <root directory>] <target directory>"
-command -v dpkg-query >/dev/null || fail "there is no dpkg-query; the packages are those of a Debian system"
+command -v dpkg-query >/dev/null || fail "dpkg-query not found; a Debian system is needed"
 
 umask 022
 mkdir -p "$1"
@@ -47,17 +47,16 @@ to_latin1() {
     iconv -f UTF-8 -t LATIN1//TRANSLIT "$1"
 }
 
-# list_packages: package, version, source package, its version and home page of whatever is installed, separated by
-# tabulators.
+# list_packages: package, version, source package, its version and home page of all installed packages, separated by tabs.
 list_packages() {
     # shellcheck disable=SC2016
     dpkg-query --admindir="$root/var/lib/dpkg" -W \
         -f '${db:Status-Status}\t${Package}\t${Version}\t${source:Package}\t${source:Version}\t${Homepage}\n' \
-        >"$work/known" || fail "dpkg-query cannot tell the packages"
-    to_latin1 "$work/known" >"$work/known-latin1" || fail "what dpkg-query tells is no UTF-8"
+        >"$work/known" || fail "dpkg-query cannot list the packages"
+    to_latin1 "$work/known" >"$work/known-latin1" || fail "the output of dpkg-query is not UTF-8"
     sed -n 's/^installed\t//p' "$work/known-latin1" | sort -u -t "$(printf '\t')" -k 1,1 >"$work/packages"
     [ -s "$work/packages" ] || fail "dpkg-query knows of no installed package"
-    # dpkg lets a version pass that could not be part of a file name.
+    # dpkg accepts versions that cannot be part of a file name.
     awk -F '\t' '($1 "-" $2) !~ /^[A-Za-z0-9._+:~-]+$/ { print $1 "\" \"" $2; exit }' "$work/packages" >"$work/odd"
     [ ! -s "$work/odd" ] || fail "no folder can be named after the package \"$(cat "$work/odd")\""
 }
@@ -80,15 +79,15 @@ list_copyright_files() {
     done <"$work/packages" >"$work/files"
 }
 
-# The packages whose copyright file is UTF-8; any other is Latin-1. grep's result is no help here: it tells what was found,
-# and a file that cannot be read fails to be copied.
+# The packages whose copyright file is UTF-8; all others are Latin-1. grep's exit status is ignored: it depends on what was
+# found, and an unreadable file fails to be copied later.
 list_utf8_files() {
     cut -f 1 "$work/files" | sed 's|$|/copyright|' |
         (cd "$documents" && LC_ALL=C.UTF-8 xargs grep -L -a -x -v '.*' --) | sed 's|/copyright$||'
 }
 
-# All texts are put one behind the other, each with a line "F<folder>" before it and a blank before each of its own lines,
-# so that they can be converted at once; and are taken apart again.
+# Concatenates all texts, each after a line "F<folder>" and with a blank before each of its lines, converts them at once and
+# splits them again.
 copy_texts() {
     [ -s "$work/files" ] || return 0
     list_utf8_files >"$work/utf8"
@@ -125,7 +124,7 @@ copy_texts() {
     ' "$work/texts-latin1")
 }
 
-# Folder and a licence that the text in it names, once each, in the order of the text.
+# Folder and licence, once for each licence in the folder's text, in the order of the text.
 list_licenses() {
     [ -s "$work/files" ] || return 0
     # shellcheck disable=SC2016
@@ -181,7 +180,7 @@ list_copyright_files
 copy_texts
 list_licenses >"$work/licenses-named"
 write_manifest
-# List and texts belong together, so nothing comes between the two.
+# List and texts belong together: signals must not interrupt their replacement.
 trap '' HUP INT TERM
 put_in_place || {
     take_back

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Makes the files of the time zone database as a root file system built with uClibc has them, from the compiled zone files
-# of this system (Debian: package tzdata):
+# Makes the time zone files of a root file system built with uClibc from the compiled zone files of this system (Debian:
+# package tzdata):
 #
 #     <target directory>/zone.tab   a copy of the system's table of zones
 #     <target directory>/uclibc/    one text file for each zone, which holds its POSIX TZ string
@@ -9,7 +9,7 @@
 #     make-zones.sh <target directory> [<directory of the compiled zone files>]
 #
 # A compiled zone file of version 2 or later ends in a line with the TZ string (RFC 8536, section 3.3); where that line is
-# empty, no TZ string describes the zone, and it is left out. Nothing is changed when the target is up to date already.
+# empty, no TZ string describes the zone, and it is left out. An up-to-date target is not changed.
 set -eu
 LC_ALL=C
 export LC_ALL
@@ -32,11 +32,11 @@ work=$(mktemp -d "$target/.make-zones.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
 
-# The names of the compiled zone files, links among them, one on a line. They are told from tables, lists and files of
-# version 1 by how they begin.
+# The names of the compiled zone files, including links, one per line. Their first bytes distinguish them from tables, lists
+# and files of version 1.
 zones() {
     find -L . ! -name . \( -name posix -o -name right -o -name posixrules -o -name localtime \
-        -o -name '*[!A-Za-z0-9_+-]*' \) -prune -o -type f -exec grep -l '^TZif[2-9]' {} + 2>/dev/null || true # links that lead nowhere or in a circle
+        -o -name '*[!A-Za-z0-9_+-]*' \) -prune -o -type f -exec grep -l '^TZif[2-9]' {} + 2>/dev/null || true # broken or circular links
 }
 
 # tail puts a line with each file's name, "==> ./Europe/Paris <==", before its last line.
@@ -56,8 +56,8 @@ cp "$source/zone.tab" "$work/zone.tab"
 chmod 644 "$work/zone.tab"
 echo "$version" >"$work/version"
 
-# The table and the version take their places in one step each, the folder in two, between which there is none. The version
-# comes last and tells that the others are complete.
+# The table and the version are replaced atomically, the folder is missing for a moment. The version comes last and shows
+# that the others are complete.
 mkdir "$work/old"
 if ! diff -r "$work/uclibc" "$target/uclibc" >/dev/null 2>&1; then
     [ ! -e "$target/uclibc" ] || mv "$target/uclibc" "$work/old/uclibc"

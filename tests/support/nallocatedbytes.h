@@ -7,7 +7,7 @@
 
 namespace NTest {
 
-/** Bytes that the program has allocated; 0 where a sanitizer has replaced the allocator. */
+/** The bytes allocated by the program; 0 where a sanitizer replaces the allocator. */
 inline qint64 allocatedBytes()
 {
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 33)
@@ -15,7 +15,7 @@ inline qint64 allocatedBytes()
 #else
     const struct mallinfo information = mallinfo();
 #endif
-    // Large blocks are mapped one by one and counted apart.
+    // Large blocks are mapped individually and counted separately.
     return qint64(information.uordblks) + qint64(information.hblkhd);
 }
 

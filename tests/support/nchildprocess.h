@@ -11,8 +11,8 @@
 namespace NTest {
 
 /**
- * Waits for the end of a process that the test has forked; the toolkit may have told the system to interrupt that
- * when another process ends.
+ * Waits for the end of a process that the test has forked. Qt's handler of SIGCHLD may interrupt waitpid(2) when
+ * another process ends.
  * @return its status, as waitpid(2) gives it; -1 when there is no such process.
  */
 inline int waitForChild(pid_t child)
@@ -26,14 +26,15 @@ inline int waitForChild(pid_t child)
 }
 
 /**
- * Runs @a function in a process of its own, where it may limit what the process gets or spoil what it has.
- * @return what the function returned, from 0 to 254; 255 when it threw; -1 when the process did not get so far.
+ * Runs @a function in a forked process, where it may set resource limits or damage the process's state.
+ * @return the function's result, from 0 to 254; 255 if it threw an exception; -1 if the process could not be
+ * started or was killed by a signal.
  */
 template <typename Function> int runInChild(Function function)
 {
     const pid_t child = ::fork();
     if (child == 0) {
-        // Nothing may leave the function: the test's own threads are not in this process.
+        // No exception may leave the function: the test's other threads do not exist in this process.
         try {
             ::_exit(function());
         } catch (...) {
@@ -45,9 +46,9 @@ template <typename Function> int runInChild(Function function)
 }
 
 /**
- * Lets the process have so many megabytes of memory more than it has now, for good; to be called in a process of
- * its own. Not under a sanitizer, which takes far more addresses than it needs.
- * @return whether that could be done.
+ * Limits the address space of the process (RLIMIT_AS) to its present size and so many megabytes more; for
+ * runInChild(). Not for sanitizers, which reserve far more addresses.
+ * @return false on failure.
  */
 inline bool leaveMemory(int megabytes)
 {

@@ -5,8 +5,7 @@
 
 #include <QtCore/QFile>
 
-/** What NSysLog::logLines() documents, written down as it is documented: the slow way that its answer is held to.
- */
+/** A literal, slow implementation of NSysLog::logLines()'s documentation, to which its results are compared. */
 namespace NDocumentedLogLines {
 
 /** The regular expression of a line that has one of the levels up to @a level. */

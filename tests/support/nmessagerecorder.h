@@ -4,8 +4,8 @@
 #include <QtCore/QStringList>
 
 /**
- * Keeps all of Qt's messages that are written during its scope, instead of printing them. There is one at a time;
- * the handler before it comes back at the end.
+ * Records Qt's messages during its scope instead of printing them. There can be only one at a time; the previous
+ * handler is restored at the end.
  */
 class NMessageRecorder
 {
@@ -13,10 +13,10 @@ public:
     NMessageRecorder();
     ~NMessageRecorder();
 
-    /** The messages so far, each behind its kind: "debug: ", "warning: " or "critical: ". */
+    /** The recorded messages, each after its kind: "debug: ", "warning: " or "critical: ". */
     QStringList messages() const;
 
-    /** Forgets the messages so far and returns them. */
+    /** Returns the recorded messages and removes them. */
     QStringList take();
 
 private:

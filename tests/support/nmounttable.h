@@ -4,13 +4,13 @@
 #include <QtCore/QByteArray>
 
 /**
- * Shows a made-up mount table at /proc/mounts during its scope. What a program needs to know of itself under /proc
- * stays there. The program has to be in a private mount namespace.
+ * Puts a mount table of the test's at /proc/mounts during its scope; the process's own entries under /proc stay
+ * available. The program must be in a private mount namespace.
  */
 class NMountTable
 {
 public:
-    /** Begins with no file at /proc/mounts. */
+    /** At first there is no file at /proc/mounts. */
     NMountTable();
     ~NMountTable();
 

@@ -43,8 +43,8 @@ void bind(const QByteArray& source, const QByteArray& target)
         "cannot mount at", target);
 }
 
-// Starts the program again as root. Where the kernel gives an ordinary user no namespaces, inside a chroot for
-// example, sudo does, if it asks for no password.
+// Restarts the program as root with sudo, which must not ask for a password, where the kernel gives an ordinary
+// user no namespaces, inside a chroot for example.
 void startAgainAsRoot()
 {
     QFile file(QString::fromLatin1("/proc/self/cmdline"));
@@ -61,11 +61,10 @@ void startAgainAsRoot()
         arguments.append(words[index].data());
     arguments.append(nullptr);
     ::execvp("sudo", arguments.data());
-    require(false, "the kernel refuses an ordinary user namespaces of his own, and sudo cannot be used:");
+    require(false, "the kernel refuses namespaces to an ordinary user, and sudo cannot be used:");
 }
 
-// An ordinary user may only map his own ids, and must give up changing groups before he maps his own (see
-// user_namespaces(7)).
+// An ordinary user may map only the own ids, and the group only after setgroups(2) is denied (user_namespaces(7)).
 void enterUserNamespace(int flags)
 {
     const QByteArray user = QByteArray::number(uint(::geteuid()));
@@ -82,8 +81,8 @@ bool setMountFlags(const char* path, unsigned long flags)
     return ::mount("none", path, nullptr, flags, nullptr) == 0;
 }
 
-// In a chroot whose root is no mount point, mounts cannot be kept private from the root on. /proc is a mount point
-// there: below it, once it is private, the program gets a second, private view of the whole tree to live in.
+// In a chroot whose root is not a mount point, the mounts below the root cannot be made private. /proc is a mount
+// point there: below it, once it is private, a second, private view of the whole tree becomes the program's root.
 void keepMountsPrivate()
 {
     if (setMountFlags("/", MS_REC | MS_PRIVATE))
@@ -110,16 +109,16 @@ void raiseLoopback()
 void makeMountPoint(const QByteArray& path, bool directory)
 {
     if (directory) {
-        require(::mkdir(path.constData(), 0755) == 0 || errno == EEXIST, "cannot make", path);
+        require(::mkdir(path.constData(), 0755) == 0 || errno == EEXIST, "cannot create", path);
         return;
     }
     const int file = ::open(path.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    require(file >= 0, "cannot make", path);
+    require(file >= 0, "cannot create", path);
     ::close(file);
 }
 
-// Shows @a original under the name @a copy. In a directory that others use too, an entry that was listed a moment
-// ago may be gone; then nothing is shown.
+// Mounts @a original at @a copy. In a directory that is used by others too, a listed entry may have been removed
+// since; then there is no mount.
 void showAt(const QByteArray& original, bool directory, const QByteArray& copy)
 {
     makeMountPoint(copy, directory);
@@ -137,15 +136,15 @@ void copyLink(const QByteArray& original, const QByteArray& copy)
         return;
     require(length >= 0, "cannot read", original);
     link[length] = '\0';
-    require(::symlink(link, copy.constData()) == 0, "cannot make", copy);
+    require(::symlink(link, copy.constData()) == 0, "cannot create", copy);
 }
 
-// Puts a directory in memory over @a path that shows everything that was there before, so that more can be added.
+// Mounts a directory in memory over @a path with all entries that it has, so that others can be added.
 void makeExtendable(const QString& path)
 {
     const QByteArray target = QFile::encodeName(path);
     QByteArray scratch = "/tmp/nbase-namespace-XXXXXX";
-    require(::mkdtemp(scratch.data()) != nullptr, "cannot make", scratch);
+    require(::mkdtemp(scratch.data()) != nullptr, "cannot create", scratch);
     require(::mount("tmpfs", scratch.constData(), "tmpfs", 0, "mode=755") == 0, "cannot mount at", scratch);
     const QFileInfoList entries =
         QDir(path).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
@@ -160,12 +159,11 @@ void makeExtendable(const QString& path)
     require(
         ::mount(scratch.constData(), target.constData(), nullptr, MS_MOVE, nullptr) == 0, "cannot mount at",
         target);
-    // A process keeps the root that it had before something was mounted there; ".." of the root leads to the new
-    // one.
+    // A process keeps its root when something is mounted there; ".." of the root leads to the new one.
     const QByteArray workingDirectory = QFile::encodeName(QDir::currentPath());
     if (target == "/") {
         require(::chroot("/..") == 0 && ::chdir(workingDirectory.constData()) == 0, "cannot enter", target);
-        // The new root shows /tmp together with what was mounted there for a moment.
+        // The new root shows /tmp with the temporary mount.
         ::umount2(scratch.constData(), MNT_DETACH);
     }
     ::rmdir(scratch.constData());

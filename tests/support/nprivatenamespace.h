@@ -4,37 +4,36 @@
 #include <QtCore/QString>
 
 /**
- * Lets a test program put other contents at the system's fixed paths: the program moves into namespaces of its own
- * (see namespaces(7)), so nothing that it mounts is seen by anybody else or is left behind. It works as root, and
- * as an ordinary user where the kernel allows user namespaces; there the program sees itself as root. Where the
- * kernel allows him none, the program starts itself again with sudo.
+ * Lets a test program put other contents at fixed system paths: it moves into private namespaces (namespaces(7)),
+ * so that its mounts are not visible outside and end with it. It works as root, and as an ordinary user where the
+ * kernel allows user namespaces; the program is root there. Where it does not, the program restarts itself with
+ * sudo.
  *
- * All operations end the program with a message when the kernel refuses, because no test can go on then.
+ * All operations end the program with a message if the kernel refuses, because no test can continue.
  */
 namespace NPrivateNamespace {
 
 enum Part {
     Mounts = 1,
-    Network = 2 ///< a network of its own, with nothing but a loopback interface that is up
+    Network = 2 ///< a private network that has a loopback interface only
 };
 
-/** Moves the process into its own namespaces. To be called first in main(), while there is only one thread. */
+/** Moves the process into private namespaces. Must be called first in main(), while there is only one thread. */
 void enter(int parts);
 
-/** Puts an empty directory, in memory, at @a path; where nothing is at the path yet, it comes into being. */
+/** Mounts an empty directory in memory at @a path, which is created if it does not exist. */
 void mountEmptyDirectory(const QString& path);
 
-/** Puts the directory or file @a source at @a path as well; where nothing is at the path yet, it comes into being.
- */
+/** Mounts the directory or file @a source at @a path, too, which is created if it does not exist. */
 void mountCopy(const QString& source, const QString& path);
 
-/** Takes the latest mount at @a path away. */
+/** Removes the latest mount at @a path. */
 void unmount(const QString& path);
 
 } // namespace NPrivateNamespace
 
 /**
- * The main function of a test program whose tests run in namespaces of their own.
+ * The main function of a test program that runs in private namespaces.
  * @param Application QCoreApplication or QApplication.
  */
 #define NTEST_MAIN_IN_NAMESPACE(Application, TestObject, parts) \

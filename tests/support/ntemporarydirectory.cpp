@@ -23,7 +23,7 @@ NTemporaryDirectory::NTemporaryDirectory()
 {
     QByteArray pattern = QFile::encodeName(QDir::tempPath() + QString::fromLatin1("/nbase-test-XXXXXX"));
     if (!::mkdtemp(pattern.data()))
-        qFatal("cannot make a temporary directory like %s", pattern.constData());
+        qFatal("cannot create a temporary directory %s", pattern.constData());
     m_path = QFile::decodeName(pattern);
 }
 

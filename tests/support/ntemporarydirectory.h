@@ -4,20 +4,20 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 
-/** A new empty directory that is removed with all its contents at the end of its scope. */
+/** A new empty directory, which is removed with its contents at the end of the scope. */
 class NTemporaryDirectory
 {
 public:
     NTemporaryDirectory();
     ~NTemporaryDirectory();
 
-    /** The directory's absolute path, without a "/" at the end. */
+    /** The directory's absolute path, without a trailing "/". */
     QString path() const;
 
     /** The absolute path of @a name inside the directory. */
     QString filePath(const QString& name) const;
 
-    /** Writes @a content to the file @a name, making the directories in between. @return the file's path. */
+    /** Writes @a content to the file @a name, creating the directories of its path. @return the file's path. */
     QString writeFile(const QString& name, const QByteArray& content) const;
 
 private:

@@ -4,12 +4,12 @@
 #include <QtCore/QElapsedTimer>
 #include <QtTest/QtTest>
 
-/** Waiting for a condition with the event loop running; Qt 4's QtTest has nothing of the kind. */
+/** Waiting for a condition with the event loop running, which Qt 4's QtTest does not have. */
 namespace NTest {
 
 /**
  * Runs the event loop until @a condition holds.
- * @param timeout after how many milliseconds to give up; it only bounds a test that has failed already.
+ * @param timeout in milliseconds; reached only by a test that fails.
  * @return whether the condition holds.
  */
 template <typename Condition> bool waitUntil(Condition condition, int timeout = 30000)

@@ -6,16 +6,16 @@
 #include <vector>
 
 /**
- * What is promised to be thread-safe, used by several threads at once. The promise itself is checked by the thread
- * sanitizer, under which the tests with the label "threads" run (.ci/run). The threads are those of the C++
- * library: the sanitizer sees how they are started and joined.
+ * Calls thread-safe operations from several threads at once. The thread sanitizer, under which the tests with the
+ * label "threads" run (.ci/run), checks for races. The threads are those of the C++ library, because the sanitizer
+ * does not see how Qt starts and joins its own.
  */
 namespace NTest {
 
 /**
- * Calls @a condition with each number from 0 to @a count - 1, each in a thread of its own, all at the same time.
+ * Calls @a condition with each number from 0 to @a count - 1, each in a separate thread, all at the same time.
  * It must not use QtTest's macros, which belong to the thread of the test.
- * @return whether it held in all of them.
+ * @return whether it held in all threads.
  */
 template <typename Condition> bool holdsInThreads(int count, Condition condition)
 {

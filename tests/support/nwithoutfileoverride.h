@@ -4,8 +4,8 @@
 #include <QtCore/qglobal.h>
 
 /**
- * Makes file permissions count for the calling thread, even when it is root's, until the end of the scope: it
- * gives up the capabilities CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH (see capabilities(7)).
+ * Makes file permissions apply to the calling thread, even as root, until the end of the scope: drops the
+ * capabilities CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH (capabilities(7)).
  */
 class NWithoutFileOverride
 {

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Starts and stops the demo device as a person would, and looks at what is left of it and at how it is served."""
+"""Starts and stops the demo device, and checks what remains and how it is served."""
 
 import json
 import os
@@ -19,7 +19,7 @@ def run(command):
 
 
 def signals_in(process, field):
-    """The signals that a line of the process's status names, for example "SigBlk"."""
+    """The signals in a field of the process's status, for example "SigBlk"."""
     with open(f"/proc/{process}/status", encoding="ascii", errors="replace") as file:
         mask = next(int(line.split()[1], 16) for line in file if line.startswith(field + ":"))
     return {number for number in signal.Signals if mask & 1 << (number - 1)}
@@ -58,7 +58,7 @@ class DemoControlTest(unittest.TestCase):
         self.mounts_before = mounts()
 
     def program(self, text):
-        """A program in the place of the device program."""
+        """Makes a replacement for the device program."""
         path = os.path.join(self.demo.folder.name, "program")
         with open(path, "w", encoding="utf-8") as file:
             file.write(text)
@@ -87,13 +87,13 @@ class DemoControlTest(unittest.TestCase):
         self.assertEqual(sorted(os.listdir("/usr/share/zoneinfo")), before)
         self.assertEqual(mounts(), self.mounts_before)
 
-    def test_a_second_start_tells_the_address_and_starts_nothing(self):
+    def test_a_second_start_prints_the_address_and_starts_nothing(self):
         self.demo.start()
         device = self.demo.process("device")
         self.assertEqual(self.demo.start(), f"The demo is already running.\n{self.demo.address}")
         self.assertEqual(self.demo.process("device"), device)
 
-    def test_a_port_in_use_gives_one_line(self):
+    def test_a_port_in_use_is_reported_in_one_line(self):
         other = Demo()
         self.addCleanup(other.remove)
         other.start()
@@ -105,7 +105,7 @@ class DemoControlTest(unittest.TestCase):
                                          "choose another one with --port <port>.\n")
         self.assertFalse(os.path.lexists(self.demo.state))
 
-    def test_what_is_no_port_is_told(self):
+    def test_an_invalid_port_is_reported(self):
         for port in ("", "0", "65536", "123456", "http", "-1", "80 80"):
             with self.subTest(port=port):
                 self.demo.port = port
@@ -113,7 +113,7 @@ class DemoControlTest(unittest.TestCase):
                 self.assertEqual(started.returncode, 1)
                 self.assertEqual(started.stderr, f'"{port}" is not a port number\n')
 
-    def test_a_demo_that_was_killed_is_cleared_away_by_the_next_start(self):
+    def test_a_killed_demo_is_removed_by_the_next_start(self):
         self.demo.start()
         old = self.demo.run_directory()
         for name in ("lighttpd", "device"):
@@ -124,7 +124,7 @@ class DemoControlTest(unittest.TestCase):
         self.assertNotEqual(self.demo.run_directory(), old)
         self.assertFalse(os.path.lexists(old))
 
-    def test_a_process_id_that_was_given_to_another_program_is_left_alone(self):
+    def test_a_process_id_that_was_reused_by_another_program_is_not_killed(self):
         self.demo.start()
         for name in ("lighttpd", "device"):
             os.kill(self.demo.process(name), signal.SIGKILL)
@@ -147,7 +147,7 @@ class DemoControlTest(unittest.TestCase):
                 self.assertEqual(start.wait(SECONDS_TO_WAIT), 130 if number == signal.SIGINT else 143)
                 self.assert_nothing_is_left(run_directory)
 
-    def test_a_start_leaves_another_one_alone_that_is_under_way(self):
+    def test_a_start_does_not_disturb_another_one_in_progress(self):
         start = subprocess.Popen(self.demo.start_command(device=self.program("#!/bin/sh\nexec sleep 600\n")))
         wait_until(lambda: os.path.exists(os.path.join(self.demo.state, "device.process")), "the device")
         run_directory = os.readlink(self.demo.state)
@@ -159,7 +159,7 @@ class DemoControlTest(unittest.TestCase):
         self.assertEqual(start.wait(SECONDS_TO_WAIT), 143)
         self.assert_nothing_is_left(run_directory)
 
-    def test_of_two_starts_at_once_one_serves(self):
+    def test_of_two_simultaneous_starts_one_serves(self):
         starts = [subprocess.Popen(self.demo.start_command(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
                   for _ in range(2)]
         codes = sorted(start.wait(SECONDS_TO_WAIT) for start in starts)
@@ -167,18 +167,18 @@ class DemoControlTest(unittest.TestCase):
         self.assertTrue(Client(self.demo.address).zones())
         self.assertEqual(self.demo.control("address"), self.demo.address)
 
-    def test_a_device_program_that_fails_is_told_with_its_message(self):
+    def test_a_device_program_that_fails_is_reported_with_its_message(self):
         started = run(self.demo.start_command(device=self.program("#!/bin/sh\necho 'no such bus' >&2\nexit 3\n")))
         self.assertEqual(started.returncode, 1)
         self.assertEqual(started.stderr, "no such bus\nThe demo device could not be started.\n")
         self.assertFalse(os.path.lexists(self.demo.state))
 
-    def test_a_device_program_that_was_not_built_is_told(self):
+    def test_a_missing_device_program_is_reported(self):
         started = run(self.demo.start_command(device="/nowhere/device"))
         self.assertEqual(started.returncode, 1)
         self.assertEqual(started.stderr, 'The device program "/nowhere/device" has not been built.\n')
 
-    def test_the_device_program_ends_without_a_complaint(self):
+    def test_the_device_program_ends_without_an_error_message(self):
         for number in (signal.SIGTERM, signal.SIGINT):
             with self.subTest(signal=number.name):
                 self.demo.start()
@@ -186,15 +186,15 @@ class DemoControlTest(unittest.TestCase):
                 device = self.demo.process("device")
                 os.kill(device, number)
                 wait_until(lambda: not is_live(device), "the end of the device program")
-                # A sanitizer would report there what it found.
+                # Sanitizers report to this file.
                 with open(os.path.join(self.demo.run_directory(), "device.log"), encoding="utf-8") as file:
                     self.assertEqual(file.read(), "")
                 self.assertFalse(os.path.lexists(os.path.join(self.demo.run_directory(), "socket", "device")))
                 self.demo.stop()
 
-    def test_a_program_that_the_device_starts_can_be_ended(self):
+    def test_the_device_blocks_and_ignores_no_termination_signal(self):
         self.demo.start()
-        # It inherits which signals are blocked or ignored; those that are handled are its own again.
+        # A program started by the device would inherit them.
         for mask in ("SigBlk", "SigIgn"):
             inherited = signals_in(self.demo.process("device"), mask)
             self.assertFalse(inherited & {signal.SIGINT, signal.SIGTERM}, mask)
@@ -236,7 +236,7 @@ class WebServerTest(unittest.TestCase):
         loopback = "0100007F" if sys.byteorder == "little" else "7F000001"
         self.assertEqual(listening, [loopback + wanted])
 
-    def test_answers_carry_the_rules_for_the_browser(self):
+    def test_answers_have_security_headers(self):
         for path, cache in (("/", "no-cache"), ("/style.css", "no-cache"), ("/api/timezones", "no-store")):
             with self.subTest(path=path), self.client.get(path) as response:
                 policy = response.headers["Content-Security-Policy"]
@@ -253,16 +253,16 @@ class WebServerTest(unittest.TestCase):
             with self.subTest(path=path), self.client.get(path) as response:
                 self.assertEqual(response.headers["Content-Type"], expected)
 
-    def test_what_is_no_script_of_the_device_is_not_found(self):
+    def test_unknown_scripts_are_not_found(self):
         for path in ("/api", "/api/", "/api/timezonesx", "/api/nothing", "/lighttpd.conf", "/../lighttpd.conf"):
             with self.subTest(path=path):
                 self.assertEqual(self.status(path), 404)
 
-    def test_queries_come_to_the_device_as_they_were_sent(self):
+    def test_queries_reach_the_device_unchanged(self):
         with self.client.get("/api/timezones?section=content&region=America&town=Argentina%2FBuenos_Aires") as response:
             self.assertEqual(json.load(response)["townName"], "Argentina/Buenos Aires")
 
-    def test_what_follows_the_script_s_name_is_the_path_information(self):
+    def test_the_rest_of_the_path_is_the_path_information(self):
         self.assertEqual(self.status("/api/timezones/some/path?section=content&region=Nowhere"), 404)
         log = os.path.join(self.demo.run_directory(), "error.log")
 

@@ -39,7 +39,7 @@ class PageTest(PageTestCase):
 
     # Login
 
-    def test_wrong_password_is_told_and_the_form_stays(self):
+    def test_wrong_password_is_reported_and_the_form_stays(self):
         browser = self.browser
         browser.open(self.demo.address)
         browser.log_in(password="wrong")
@@ -50,7 +50,7 @@ class PageTest(PageTestCase):
         browser.log_in()
         browser.until_shown(".time-zones")
 
-    def test_a_first_visit_asks_for_the_login_without_a_reproach(self):
+    def test_a_first_visit_asks_for_the_login_without_an_error_message(self):
         browser = self.browser
         browser.open(self.demo.address)
         browser.until_shown("form.login")
@@ -106,7 +106,7 @@ class PageTest(PageTestCase):
         self.assert_chosen("Europe/Paris")
         self.assertEqual(self.browser.text("code[data-field=code]"), "CET-1CEST,M3.5.0,M10.5.0/3")
 
-    def test_arrow_keys_go_through_the_list(self):
+    def test_arrow_keys_move_through_the_list(self):
         self.open_time_zones()
         self.browser.press_tab_until("#zone-search")
         self.browser.press("argentina", Keys.ARROW_DOWN)
@@ -130,7 +130,7 @@ class PageTest(PageTestCase):
             return option.top >= list.top && option.bottom <= list.bottom + 1""", last)
         self.assertTrue(inside)
 
-    def test_arrow_keys_on_the_map_go_to_the_neighbours(self):
+    def test_arrow_keys_on_the_map_select_neighbours(self):
         self.open_time_zones("#Europe/Paris")
         self.assert_chosen("Europe/Paris")
         self.browser.press_tab_until(".map-world")
@@ -223,7 +223,7 @@ class PageTest(PageTestCase):
         copied = self.browser.driver.execute_async_script("navigator.clipboard.readText().then(arguments[0])")
         self.assertEqual(copied, "CET-1CEST,M3.5.0,M10.5.0/3")
 
-    def test_small_screens_need_no_scrolling_sideways(self):
+    def test_small_screens_need_no_horizontal_scrolling(self):
         for width, height in ((320, 568), (360, 740), (768, 1024)):
             with self.subTest(width=width):
                 self.browser.resize(width, height)
@@ -241,7 +241,7 @@ class PageTest(PageTestCase):
         self.assertEqual(self.browser.run("return window.innerWidth"), width)
         self.assertLessEqual(self.browser.run("return document.documentElement.scrollWidth"), width)
 
-    def test_nothing_is_asked_from_elsewhere_and_nothing_is_refused_by_the_page_s_own_rules(self):
+    def test_no_other_host_is_requested_and_the_security_policy_is_not_violated(self):
         self.open_time_zones("#Europe/Paris")
         self.assert_chosen("Europe/Paris")
         addresses = [url for url in self.browser.requested_addresses() if url.startswith("http")]
@@ -291,7 +291,7 @@ class DeadDeviceTest(PageTestCase):
         self.browser.set_faster_timers(5)
         self.browser.open(self.demo.address)
 
-    def test_a_device_program_that_is_gone_is_told_and_so_is_its_return(self):
+    def test_a_device_program_that_has_ended_is_reported_and_so_is_its_return(self):
         browser = self.browser
         browser.log_in()
         browser.until_shown(".time-zones")
@@ -306,7 +306,7 @@ class DeadDeviceTest(PageTestCase):
         # The device has forgotten its sessions with its restart.
         browser.until_text(".login [role=alert]", "Your session has ended.")
 
-    def test_a_web_server_that_is_gone_is_told(self):
+    def test_a_web_server_that_has_ended_is_reported(self):
         browser = self.browser
         browser.log_in()
         browser.until_shown(".time-zones")
@@ -314,7 +314,7 @@ class DeadDeviceTest(PageTestCase):
         os.kill(self.demo.process("lighttpd"), signal.SIGKILL)
         browser.until_text("#banner", "The device cannot be reached")
 
-    def test_a_login_at_a_dead_device_is_told_and_can_be_tried_again(self):
+    def test_a_login_at_a_dead_device_is_reported_and_can_be_tried_again(self):
         browser = self.browser
         browser.until_shown("form.login")
         os.kill(self.demo.process("device"), signal.SIGKILL)
@@ -326,7 +326,7 @@ class DeadDeviceTest(PageTestCase):
         browser.press(Keys.ENTER)
         browser.until_shown(".time-zones")
 
-    def test_a_page_opened_at_a_dead_device_goes_on_when_it_is_back(self):
+    def test_a_page_opened_at_a_dead_device_continues_when_it_is_back(self):
         browser = self.browser
         browser.log_in()
         browser.until_shown(".time-zones")

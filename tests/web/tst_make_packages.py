@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Makes lists of packages from made-up systems, as examples/device/make-packages.sh does for the demo device."""
+"""Runs examples/device/make-packages.sh on artificial systems."""
 
 import os
 import resource
@@ -241,9 +241,9 @@ class MakePackagesTest(unittest.TestCase):
         for status, message in (
                 (b"", "dpkg-query knows of no installed package"),
                 (stanza("p", "1", "deinstall ok config-files").encode(), "dpkg-query knows of no installed package"),
-                (good + b"Package: q\nrubbish\n\n", "dpkg-query cannot tell the packages"),
+                (good + b"Package: q\nrubbish\n\n", "dpkg-query cannot list the packages"),
                 (good + stanza("q", "1/../../../x").encode(), 'no folder can be named after the package "q" "1/../../../x"'),
-                (good + stanza("q", "1", Homepage="x").encode().replace(b"x\n", b"\xff\n"), "is no UTF-8")):
+                (good + stanza("q", "1", Homepage="x").encode().replace(b"x\n", b"\xff\n"), "is not UTF-8")):
             with self.subTest(message):
                 self.write_status(status)
                 self.assert_fails_and_leaves_all_as_it_was(message)
@@ -273,7 +273,7 @@ class MakePackagesTest(unittest.TestCase):
         self.make()
         before = contents(self.target)
         os.unlink(self.file("var/lib/dpkg/status"))
-        os.mkfifo(self.file("var/lib/dpkg/status"))  # nobody writes to it, so dpkg-query waits
+        os.mkfifo(self.file("var/lib/dpkg/status"))  # without a writer, so that dpkg-query waits
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             with self.subTest(signal=number.name):
                 run = subprocess.Popen([SCRIPT, "--root", self.root, self.target], stdout=subprocess.DEVNULL,
@@ -287,7 +287,7 @@ class MakePackagesTest(unittest.TestCase):
                 self.assertEqual(contents(self.target), before)
                 self.assertEqual(sorted(os.listdir(self.target)), ["licenses", "manifest.csv"])
 
-    def test_wrong_arguments_are_told(self):
+    def test_wrong_arguments_are_reported(self):
         for arguments in ((), ("--root", self.root), ("a", "b"), ("--root", self.root, "a", "b")):
             with self.subTest(arguments):
                 self.assertIn("usage: make-packages.sh", self.run_script(*arguments).stderr)

@@ -83,7 +83,7 @@ class PackagesPageTest(PageTestCase):
         self.browser.press(Keys.ESCAPE)
         self.assertEqual(len(self.shown_names()), len(self.packages))
 
-    def test_the_licence_text_is_reached_by_keyboard_alone_and_comes_on_demand(self):
+    def test_the_licence_text_is_reached_by_keyboard_and_loaded_on_demand(self):
         self.open_packages()
         self.search("dpkg")
         self.browser.press(Keys.ARROW_DOWN)
@@ -103,7 +103,7 @@ class PackagesPageTest(PageTestCase):
         self.assertEqual(site.get_dom_attribute("href"), self.packages["dpkg"]["sourceSite"])
         self.assertEqual(site.get_dom_attribute("rel"), "noopener noreferrer")
 
-    def test_arrow_keys_go_through_the_rows_and_back_to_the_search(self):
+    def test_arrow_keys_move_through_the_rows_and_back_to_the_search(self):
         self.open_packages()
         self.search("lib")
         names = self.shown_names()
@@ -143,7 +143,7 @@ class PackagesPageTest(PageTestCase):
             })""")
         self.assertEqual(made, ["http://a.example/", "https://a.example/", "ftp://a.example/"] + 6 * [None] + [0])
 
-    def test_small_screens_need_no_scrolling_sideways(self):
+    def test_small_screens_need_no_horizontal_scrolling(self):
         for width, height in ((320, 568), (360, 740), (768, 1024)):
             with self.subTest(width=width):
                 self.browser.resize(width, height)
@@ -174,7 +174,7 @@ class PackagesPageTest(PageTestCase):
             })""")
         self.assertEqual(found, "15 of 5000 packages")
 
-    def test_a_document_is_taken_apart_as_it_comes_in(self):
+    def test_a_document_is_parsed_as_it_arrives(self):
         documents = ["{}", " { } ", '{"a":{}}', '{"a":{"b":[1,{"c":"]}"}]},"d":"x,y"}\n', r'{"q\"\\":"\\","\u007b":"\\\""}',
                      '{"\u00e9":{"\u6f22":"\U0001f600"},"__proto__":{"a":1},"7":[],"n":null,"t":true,"f":-1.5e3}']
         self.open_packages()
@@ -182,7 +182,7 @@ class PackagesPageTest(PageTestCase):
             with self.subTest(document):
                 self.assertEqual(self.members_in_pieces(document), [json.loads(document)] * (len(document.encode("utf-16-le")) // 2 + 1))
 
-    def test_what_is_no_document_is_refused_wherever_it_is_cut(self):
+    def test_an_invalid_document_is_refused_wherever_it_is_split(self):
         self.open_packages()
         for text in ("", " ", "[]", "1", '"a"', "{", '{"a":{}', '{"a":{}]', '{"a":[}', '{"a":}', '{"a":1,}', "{,}", '{"a"}',
                      '{"a":1 "b":2}', '{"a":1}}', '{"a":1}{"b":2}', 'x{"a":1}', '{"a":1}x', '{"a":"}', '{"a":1,,"b":2}'):
@@ -190,7 +190,7 @@ class PackagesPageTest(PageTestCase):
                 self.assertEqual(self.members_in_pieces(text), ["refused"] * (len(text) + 1))
 
     def members_in_pieces(self, text):
-        """What the page's reader makes of the text for each place where it may be cut in two."""
+        """The result of the page's reader for each position at which the text can be split in two."""
         return json.loads(self.browser.driver.execute_async_script("""
             const [text, done] = arguments;
             import("/scripts/json-members.js").then(({ JsonMembers }) => {
@@ -229,7 +229,7 @@ class ManyPackages:
             os.makedirs(self.path("licenses", f"{name}-1.{index}"))
             os.link(common, self.path("licenses", f"{name}-1.{index}", "COPYING"))
             lines.append(f'"{name}","1.{index}","MIT, GPL-2.0","COPYING","{name}.tar.gz","https://example.org/{name}"')
-        # What is shown is told from the others.
+        # These differ from all others.
         for index in (0, self.COUNT - 1):
             path = self.path("licenses", f"{self.name(index)}-1.{index}", "COPYING")
             os.unlink(path)
@@ -249,7 +249,7 @@ class ManyPackages:
 
 
 def memory_of_pages(browser):
-    """The most memory, in bytes, that any process of the browser with a page in it has had."""
+    """The peak memory, in bytes, of the browser's largest page process."""
     most = 0
     for process in descendants(browser.driver.service.process.pid):
         try:
@@ -260,7 +260,7 @@ def memory_of_pages(browser):
         except (FileNotFoundError, ProcessLookupError):  # helpers of the browser come and go
             continue
         most = max([most] + peaks) if is_page else most
-    assert most > 0, "no page of this browser has been found"
+    assert most > 0, "no page process of this browser was found"
     return most
 
 
@@ -292,7 +292,7 @@ class ManyPackagesTest(PageTestCase):
     def document_requests(self):
         return [address for address in self.browser.requested_addresses() if address.endswith("/api/packages")]
 
-    def until_document_is_given_up(self):
+    def until_download_is_cancelled(self):
         self.browser.until(lambda: any(event.get("canceled") for event in self.browser.network_events("loadingFailed")),
                            "the end of the download")
 
@@ -311,8 +311,7 @@ class ManyPackagesTest(PageTestCase):
         self.assertEqual(len(self.document_requests()), 1)
         self.assertEqual(self.show_text(0), self.packages.text(0))
         self.assertEqual(self.document_requests(), [])
-        # What is left over while reading is the browser's to clear away when it likes; a page with the whole document in
-        # it at once takes 700 MB more.
+        # The browser collects garbage when it chooses; a page that holds the whole document takes 700 MB more.
         growth = memory_of_pages(self.browser) - before
         self.browser.driver.execute_cdp_cmd("HeapProfiler.collectGarbage", {})
         kept = self.browser.run("return performance.memory.usedJSHeapSize")
@@ -331,12 +330,12 @@ class ManyPackagesTest(PageTestCase):
         self.browser.until(lambda: self.browser.shows(".packages"), "the list", seconds=120)
         self.assertEqual(self.browser.text(".package-count"), "2000 packages")
         self.assertFalse(self.browser.shows("#banner"))
-        # A text that nobody waits for any more is not read to its end.
+        # A text that is not needed any more is not read to its end.
         self.show_package(self.packages.COUNT - 1)
         self.browser.find(".package-text summary").click()
         self.browser.until_text(".package-text", "Reading the text from the device")
         self.browser.find(".package-text summary").click()
-        self.until_document_is_given_up()
+        self.until_download_is_cancelled()
         self.assertFalse(self.browser.shows("#banner"))
 
     def test_a_list_that_is_left_is_not_loaded_to_its_end(self):
@@ -345,12 +344,12 @@ class ManyPackagesTest(PageTestCase):
         self.show_packages()
         self.browser.until_text(".loading-progress", "MB of licence texts")
         self.browser.find("#views a").click()
-        self.until_document_is_given_up()
+        self.until_download_is_cancelled()
         self.browser.limit_download(-1)
         self.browser.until_shown(".time-zones")
         self.assertFalse(self.browser.shows("#banner"))
 
-    def test_a_device_that_stops_in_the_middle_of_the_list_is_told(self):
+    def test_a_device_that_stops_in_the_middle_of_the_list_is_reported(self):
         self.browser.set_faster_timers(5, longest=15)
         self.open()
         self.browser.limit_download(8 * MEGABYTE)
@@ -360,7 +359,7 @@ class ManyPackagesTest(PageTestCase):
         self.addCleanup(os.kill, self.demo.process("device"), signal.SIGCONT)
         self.browser.until_text(".notice", "Packages cannot be shown. The device cannot be reached: it does not answer.")
 
-    def test_a_device_that_dies_in_the_middle_of_the_list_is_told(self):
+    def test_a_device_that_dies_in_the_middle_of_the_list_is_reported(self):
         self.addCleanup(self.demo.restart)
         self.open()
         self.browser.limit_download(8 * MEGABYTE)
@@ -369,7 +368,7 @@ class ManyPackagesTest(PageTestCase):
         os.kill(self.demo.process("device"), signal.SIGKILL)
         self.browser.until_text(".notice", "Packages cannot be shown. The device cannot be reached")
 
-    def test_a_text_that_cannot_be_read_is_told_and_can_be_asked_for_again(self):
+    def test_a_text_that_cannot_be_read_is_reported_and_can_be_requested_again(self):
         self.browser.set_faster_timers(5, longest=15)
         self.open()
         self.show_packages()

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Asks the time zone service of the running demo through its real web server, with curl as a client would."""
+"""Requests documents of the time zone service through the demo's real web server, with curl."""
 
 import contextlib
 import json
@@ -37,7 +37,7 @@ def coordinates(text):
 
 
 def posix_string(zone):
-    """What stands in the last line of a compiled zone file (tzfile(5))."""
+    """The last line of a compiled zone file (tzfile(5))."""
     with open(os.path.join(ZONES, zone), "rb") as file:
         return file.read().split(b"\n")[-2].decode("ascii")
 

@@ -73,7 +73,7 @@ class TimetableTestCase(PageTestCase):
         open_timetable(self.browser, self.demo)
 
     def fill_in(self, title, kind, days, *times):
-        """Fills the form in with the keyboard, from its first field on, and sends it."""
+        """Fills in the form with the keyboard, from its first field on, and submits it."""
         browser = self.browser
         browser.press_tab_until(NEW_ENTRY)
         browser.press(title, Keys.TAB)
@@ -159,7 +159,7 @@ class TimetablePageTest(TimetableTestCase):
         self.assertEqual(
             (entry["kind"], entry["days"], entry["start"], entry["end"]), ("slot", [1, 3], "06:30", "18:00"))
 
-    def test_a_slot_over_midnight_goes_on_in_the_row_of_the_next_day(self):
+    def test_a_slot_over_midnight_continues_in_the_row_of_the_next_day(self):
         self.client.add("Night", "slot", [7], "22:00", "06:00")
         self.client.add("Whole day", "slot", [2], "00:00", "00:00")
         self.client.add("Noon to noon", "slot", [3], "12:00", "12:00")
@@ -265,7 +265,7 @@ class TimetablePageTest(TimetableTestCase):
         self.assertEqual(self.browser.find("#entry-title").get_property("value"), "Light")
         self.assertEqual(self.browser.find("#entry-end").get_property("value"), "18:00")
 
-    def test_what_is_missing_is_told_and_has_the_focus(self):
+    def test_what_is_missing_is_reported_and_has_the_focus(self):
         self.open()
         browser = self.browser
         for message, keys, field in (
@@ -282,7 +282,7 @@ class TimetablePageTest(TimetableTestCase):
         browser.press(Keys.ENTER)
         self.until_titles("Light")
 
-    def test_what_the_device_refuses_is_told_and_the_form_stays(self):
+    def test_what_the_device_refuses_is_reported_and_the_form_stays(self):
         entry = self.client.add("Light", "slot", [2], "06:30", "18:00")
         self.open()
         self.browser.press_tab_until(".entry-open")
@@ -314,7 +314,7 @@ class TimetablePageTest(TimetableTestCase):
         self.until_titles()
         self.browser.until(lambda: "Pump ended" in self.happenings()[0], "the end")
 
-    def test_news_leave_the_focus_and_a_form_being_filled_in_alone(self):
+    def test_news_keep_the_focus_and_a_partly_filled_form(self):
         self.client.add("One", "event", [1], "06:30")
         self.open()
         self.browser.press_tab_until(".entry-open")
@@ -345,7 +345,7 @@ class TimetablePageTest(TimetableTestCase):
 
     # The page
 
-    def test_small_screens_need_no_scrolling_sideways(self):
+    def test_small_screens_need_no_horizontal_scrolling(self):
         self.client.add("several words " * 4 + "x", "slot", ALL_DAYS, "22:00", "06:00")
         self.client.add("W" * 60, "event", ALL_DAYS, "23:59")
         self.browser.resize(320, 568)
@@ -362,7 +362,7 @@ class TimetablePageTest(TimetableTestCase):
                       .filter((node) => node.getBoundingClientRect().right > width).length""")
                 self.assertEqual(outside, 0)
 
-    def test_nothing_is_refused_by_the_page_s_own_rules(self):
+    def test_the_security_policy_is_not_violated(self):
         self.client.add("Light", "slot", ALL_DAYS, "22:00", "06:00")
         self.open()
         self.browser.until_shown(".week-bar")
@@ -407,7 +407,7 @@ class NextMinuteTest(TimetableTestCase):
 
 
 class DeadDeviceTest(PageTestCase):
-    def test_a_device_that_is_gone_is_told_and_so_is_its_return(self):
+    def test_a_device_that_has_ended_is_reported_and_so_is_its_return(self):
         demo = self.demo
         browser = self.browser
         browser.set_faster_timers(5)

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Asks the timetable service of the running demo through its real web server, as the page does and with invalid requests."""
+"""Sends valid and invalid requests to the timetable service through the demo's real web server."""
 
 import datetime
 import json
@@ -133,7 +133,7 @@ class TimetableServiceTest(ServiceTestCase):
         self.assertEqual(self.send("PUT", f"?id={entry['id']}", EVENT), (200, entry))
         self.assertEqual(self.happenings(before), [("Now", "started"), ("Now", "ended")])
 
-    def test_a_slot_tells_that_it_starts_and_ends_by_a_change(self):
+    def test_a_change_that_starts_or_ends_a_slot_is_reported(self):
         before = self.timetable()["number"]
         entry = self.add(active_slot("Pump"))
         self.assertIs(entry["active"], True)
@@ -146,7 +146,7 @@ class TimetableServiceTest(ServiceTestCase):
             self.happenings(before),
             [("Pump", "started"), ("Pump", "ended"), ("Pump 2", "started"), ("Pump 2", "ended")])
 
-    def test_a_page_learns_what_is_new_and_only_that(self):
+    def test_a_page_gets_only_what_is_new(self):
         number = self.timetable()["number"]
         self.assertNotIn("entries", self.timetable(f"?since={number}"))
         first = self.add(EVENT)
@@ -283,7 +283,7 @@ class NextMinuteTest(ServiceTestCase):
 
 
 class SessionTest(unittest.TestCase):
-    def test_asking_for_news_does_not_keep_the_session_alive(self):
+    def test_requests_for_news_do_not_keep_the_session_alive(self):
         demo = Demo()
         self.addCleanup(demo.remove)
         demo.start("--session-timeout", "2")
