@@ -3,6 +3,7 @@
 #include <nbase/core/nsysloglinematcher_p.h>
 #include <nbase/nbaseqtcompat_p.h>
 
+#include <nsystem/nlatin1_p.h>
 #include <nsystem/nsystemcall_p.h>
 
 #include <QtCore/QFile>
@@ -28,7 +29,7 @@ QStringList words(const char* text)
 
 QString programFileName()
 {
-    return QFileInfo(NBaseQtCompat::symbolicLinkTarget(QString::fromLatin1("/proc/self/exe"))).fileName();
+    return QFileInfo(NBaseQtCompat::symbolicLinkTarget(latin1("/proc/self/exe"))).fileName();
 }
 
 // Includes the terminating NUL; the caller owns it.

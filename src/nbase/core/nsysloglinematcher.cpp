@@ -17,7 +17,7 @@ bool isDigit(char byte)
     return byte >= '0' && byte <= '9';
 }
 
-QList<QByteArray> latin1(const QStringList& texts)
+QList<QByteArray> toLatin1(const QStringList& texts)
 {
     QList<QByteArray> result;
     for (const QString& text : texts)
@@ -38,9 +38,9 @@ bool contains(const QList<QByteArray>& labels, const char* text, int size)
 } // namespace
 
 NSysLogLineMatcher::NSysLogLineMatcher(const QStringList& levels)
-    : m_months(latin1(NSysLog::S_LOG_MONTHES_LABELS))
-    , m_facilities(latin1(NSysLog::S_LOG_FACILITIES_LABELS))
-    , m_levels(latin1(levels))
+    : m_months(toLatin1(NSysLog::S_LOG_MONTHES_LABELS))
+    , m_facilities(toLatin1(NSysLog::S_LOG_FACILITIES_LABELS))
+    , m_levels(toLatin1(levels))
 {
     // An empty alternative of a regular expression, "(?:)", matches the empty text.
     if (m_levels.isEmpty())

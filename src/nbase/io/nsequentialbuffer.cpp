@@ -1,5 +1,7 @@
 #include <nbase/io/nsequentialbuffer.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <limits.h>
 #include <new>
 #include <string.h>
@@ -38,7 +40,7 @@ bool NSequentialBuffer::isSequential() const
 bool NSequentialBuffer::open(QIODevice::OpenMode mode)
 {
     if (mode == QIODevice::NotOpen || isOpen()) {
-        setErrorString(QString::fromLatin1(""));
+        setErrorString(latin1(""));
         return isOpen();
     }
     QIODevice::open(mode);

@@ -1,5 +1,7 @@
 #include <nbase/network/neui.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QMetaEnum>
 #include <QtCore/QRegExp>
 
@@ -10,7 +12,7 @@ typedef QSet<NEuiBase::Separator> Separators;
 // A function, because other statics of the library use it and may be initialised before S_BYTE_REGEXP.
 QString byteRegExp()
 {
-    return QString::fromLatin1("[A-Fa-f0-9]{2}");
+    return latin1("[A-Fa-f0-9]{2}");
 }
 
 Separators readSeparators()
@@ -75,7 +77,7 @@ QString NEuiBase::separatorString(NEuiBase::Separator separator)
     const char character = separatorCharacter(separator);
     if (character)
         return QString(QLatin1Char(character));
-    return separator == SeparatorNone ? QString::fromLatin1("") : QString();
+    return separator == SeparatorNone ? latin1("") : QString();
 }
 
 QSet<NEuiBase::Separator> NEuiBase::separators()

@@ -2,6 +2,8 @@
 
 #include <nbase/network/nmacaddress.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QMetaEnum>
 
 namespace {
@@ -121,9 +123,9 @@ QString protocolName(int protocol)
 {
     switch (protocol) {
     case NNetworkUtilities::TransportProtocolTcp:
-        return QString::fromLatin1("tcp");
+        return latin1("tcp");
     case NNetworkUtilities::TransportProtocolUdp:
-        return QString::fromLatin1("udp");
+        return latin1("udp");
     }
     return QString();
 }
@@ -148,20 +150,19 @@ const ProtocolNames& protocolNames()
 
 } // namespace
 
-const QString NNetworkUtilities::S_IPV4_BYTE_REGEXP =
-    QString::fromLatin1("0*(?:25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)");
+const QString NNetworkUtilities::S_IPV4_BYTE_REGEXP = latin1("0*(?:25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)");
 
 const QString NNetworkUtilities::S_IPV4_REGEXP = QLatin1String("(?:") + S_IPV4_BYTE_REGEXP +
                                                  QLatin1String("\\.){3}(?:") + S_IPV4_BYTE_REGEXP +
                                                  QLatin1Char(')');
 
-const QString NNetworkUtilities::S_CIDR_SUFFIX_REGEXP = QString::fromLatin1("0*(?:3[0-2]|[0-2]?[0-9])");
+const QString NNetworkUtilities::S_CIDR_SUFFIX_REGEXP = latin1("0*(?:3[0-2]|[0-2]?[0-9])");
 
 const QString NNetworkUtilities::S_IPV4_RANGE_REGEXP = S_IPV4_REGEXP + QLatin1String("\\/(?:") + S_IPV4_REGEXP +
                                                        QLatin1Char('|') + S_CIDR_SUFFIX_REGEXP + QLatin1Char(')');
 
 const QString NNetworkUtilities::S_HOSTNAME_LABEL_REGEXP =
-    QString::fromLatin1("(?:[a-zA-Z0-9]{0,62}|[a-zA-Z0-9][a-zA-Z0-9-]{0,61})[a-zA-Z0-9]");
+    latin1("(?:[a-zA-Z0-9]{0,62}|[a-zA-Z0-9][a-zA-Z0-9-]{0,61})[a-zA-Z0-9]");
 
 const QString NNetworkUtilities::S_HOSTNAME_REGEXP = QLatin1String("(?!^\\d+\\.\\d+\\.\\d+\\.\\d+)(?:") +
                                                      S_HOSTNAME_LABEL_REGEXP + QLatin1String("\\.)*") +

@@ -1,5 +1,7 @@
 #include <nbase/time/nzonetabline_p.h>
 
+#include <nsystem/nlatin1_p.h>
+
 namespace {
 
 const int LatitudeDegreeDigits = 2;
@@ -125,7 +127,7 @@ NZoneTabLine::Coordinate::Coordinate()
 bool NZoneTabLine::parse(const QString& line)
 {
     Scanner scanner(line);
-    comment = QString::fromLatin1("");
+    comment = latin1("");
     if (!scanner.takeCountryCode(&countryCode) || !scanner.take('\t'))
         return false;
     if (!scanner.takeCoordinate(LatitudeDegreeDigits, &latitude) ||

@@ -7,6 +7,8 @@
 #include "support/ntemporarydirectory.h"
 #include "support/nwithoutfileoverride.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -32,15 +34,10 @@ const char* const ValidConfiguration = "backup: { mmc = 1; partition = 2; dir = 
 
 const int Flushing = NSystemCalls::Fsync | NSystemCalls::Fdatasync;
 
-QString text(const char* latin1)
-{
-    return QString::fromLatin1(latin1);
-}
-
 void write(const char* path, const QByteArray& content)
 {
-    QDir().mkpath(QFileInfo(text(path)).path());
-    QFile file(text(path));
+    QDir().mkpath(QFileInfo(latin1(path)).path());
+    QFile file(latin1(path));
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(content) != content.size())
         qFatal("cannot write %s", path);
 }
@@ -48,7 +45,7 @@ void write(const char* path, const QByteArray& content)
 // The content of a file; a null value when it is not there.
 QByteArray read(const char* path)
 {
-    QFile file(text(path));
+    QFile file(latin1(path));
     if (!file.open(QIODevice::ReadOnly))
         return QByteArray();
     const QByteArray content = file.readAll();
@@ -77,7 +74,7 @@ void mountAs(const char* device, const char* path, const char* options = "mode=7
 
 void unmount(const char* path)
 {
-    NPrivateNamespace::unmount(text(path));
+    NPrivateNamespace::unmount(latin1(path));
 }
 
 } // namespace
@@ -144,11 +141,11 @@ private slots:
 
 void tst_NRootfsOverlay::initTestCase()
 {
-    NPrivateNamespace::mountEmptyDirectory(text("/etc/nrootfsoverlay"));
-    NPrivateNamespace::mountEmptyDirectory(text("/sys/block"));
-    NPrivateNamespace::mountEmptyDirectory(text("/rootfsoverlay"));
-    NPrivateNamespace::mountEmptyDirectory(text("/media"));
-    QVERIFY(QDir().mkpath(text("/media/backup")));
+    NPrivateNamespace::mountEmptyDirectory(latin1("/etc/nrootfsoverlay"));
+    NPrivateNamespace::mountEmptyDirectory(latin1("/sys/block"));
+    NPrivateNamespace::mountEmptyDirectory(latin1("/rootfsoverlay"));
+    NPrivateNamespace::mountEmptyDirectory(latin1("/media"));
+    QVERIFY(QDir().mkpath(latin1("/media/backup")));
 }
 
 // The overlay and the media are mounted, the card is writable, nothing is pending.
@@ -210,8 +207,8 @@ void tst_NRootfsOverlay::namesAreKept()
     QCOMPARE(nroBackupMediaMmcDeviceName(), "mmcblk1");
     QCOMPARE(nroBackupMediaName(), "mmcblk1p2");
     QCOMPARE(nroBackupMediaDevPath(), "/dev/mmcblk1p2");
-    QCOMPARE(NRootfsOverlay::backupMediaMmcDeviceName(), text("mmcblk1"));
-    QCOMPARE(NRootfsOverlay::backupMediaName(), text("mmcblk1p2"));
+    QCOMPARE(NRootfsOverlay::backupMediaMmcDeviceName(), latin1("mmcblk1"));
+    QCOMPARE(NRootfsOverlay::backupMediaName(), latin1("mmcblk1p2"));
     write(Configuration, ValidConfiguration);
 }
 
@@ -248,7 +245,7 @@ void tst_NRootfsOverlay::configurationsAreChecked()
     QFETCH(QByteArray, expected);
     write(Configuration, configuration);
     QProcess program;
-    program.start(text(NBASE_C_PROGRAM), QStringList());
+    program.start(latin1(NBASE_C_PROGRAM), QStringList());
     QVERIFY(program.waitForFinished());
     const QByteArray output = program.readAllStandardOutput();
     QVERIFY2(output.startsWith(expected), output.constData());
@@ -259,12 +256,12 @@ void tst_NRootfsOverlay::longDirectoryIsCut()
 {
     write(Configuration, "backup: { mmc = 1; partition = 2; dir = \"" + QByteArray(10000, 'x') + "\"; };\n");
     QProcess program;
-    program.start(text(NBASE_C_PROGRAM), QStringList());
+    program.start(latin1(NBASE_C_PROGRAM), QStringList());
     QVERIFY(program.waitForFinished());
     QVERIFY(program.readAllStandardOutput().contains("\ndir=" + QByteArray(4095, 'x') + "\n"));
     removeEntry(Configuration);
-    QVERIFY(QDir().mkpath(text(Configuration)));
-    program.start(text(NBASE_C_PROGRAM), QStringList());
+    QVERIFY(QDir().mkpath(latin1(Configuration)));
+    program.start(latin1(NBASE_C_PROGRAM), QStringList());
     QVERIFY(program.waitForFinished());
     QVERIFY(program.readAllStandardOutput().startsWith("dir=NULL\n"));
     removeEntry(Configuration);
@@ -274,7 +271,7 @@ void tst_NRootfsOverlay::longDirectoryIsCut()
 void tst_NRootfsOverlay::cProgramSeesTheSame()
 {
     QProcess program;
-    program.start(text(NBASE_C_PROGRAM), QStringList());
+    program.start(latin1(NBASE_C_PROGRAM), QStringList());
     QVERIFY(program.waitForFinished());
     QCOMPARE(
         program.readAllStandardOutput().constData(),
@@ -299,7 +296,7 @@ void tst_NRootfsOverlay::mountpointsAreFound()
     }
     QVERIFY(!nroFindMountpoint(nullptr));
     const QByteArray longName = "/dev/" + QByteArray(4000, 'd');
-    QVERIFY(QDir().mkpath(text("/media/a b")));
+    QVERIFY(QDir().mkpath(latin1("/media/a b")));
     mountAs(longName.constData(), "/media/a b");
     QCOMPARE(taken(nroFindMountpoint(longName.constData())), QByteArray("/media/a\\040b"));
     unmount("/media/a b");
@@ -311,7 +308,7 @@ void tst_NRootfsOverlay::mountpointsOfDirectories()
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay/"), 1);
     QCOMPARE(nroPathIsMoutpoint("/"), 1);
     QCOMPARE(nroPathIsMoutpoint("/proc"), 1);
-    QVERIFY(QDir().mkpath(text("/rootfsoverlay/directory")));
+    QVERIFY(QDir().mkpath(latin1("/rootfsoverlay/directory")));
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay/directory"), 0);
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay/missing"), 0);
     write("/rootfsoverlay/file", "x");
@@ -325,7 +322,7 @@ void tst_NRootfsOverlay::mountpointsOfDirectories()
 
 void tst_NRootfsOverlay::firstEntryOfTheTableCounts()
 {
-    QVERIFY(QDir().mkpath(text("/media/second")));
+    QVERIFY(QDir().mkpath(latin1("/media/second")));
     mountAs("/dev/mmcblk1p2", "/media/second");
     QCOMPARE(taken(nroBackupMediaMountpoint()), QByteArray("/media/backup"));
     unmount("/media/second");
@@ -387,12 +384,12 @@ void tst_NRootfsOverlay::overlayNeedsTheMountAndTheEntry()
     QCOMPARE(nroIsRootfsOverlayMounted(), 0);
     // The entry alone does not count either.
     unmount("/rootfsoverlay");
-    QVERIFY(QDir().mkpath(text("/media/elsewhere")));
+    QVERIFY(QDir().mkpath(latin1("/media/elsewhere")));
     mountAs("overlayfs:/rootfsoverlay", "/media/elsewhere");
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay"), 0);
     QCOMPARE(nroIsRootfsOverlayMounted(), 0);
     unmount("/media/elsewhere");
-    NPrivateNamespace::mountEmptyDirectory(text("/rootfsoverlay"));
+    NPrivateNamespace::mountEmptyDirectory(latin1("/rootfsoverlay"));
     mountAs("overlayfs:/rootfsoverlay", "/rootfsoverlay");
 }
 
@@ -562,7 +559,8 @@ void tst_NRootfsOverlay::bootActionIsWritten()
     }
     QCOMPARE(nroSetBootAction(action), 0);
     QCOMPARE(read(BootAction), content);
-    QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), content.isNull() ? 0 : 1);
+    QCOMPARE(
+        QDir(latin1("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), content.isNull() ? 0 : 1);
 }
 
 void tst_NRootfsOverlay::autoBackupIsWrittenAndRemoved()
@@ -584,8 +582,8 @@ void tst_NRootfsOverlay::autoBackupIsWrittenAndRemoved()
 
 void tst_NRootfsOverlay::markersThatAreDirectories()
 {
-    QVERIFY(QDir().mkpath(text(AutoBackup)));
-    QVERIFY(QDir().mkpath(text(BootAction)));
+    QVERIFY(QDir().mkpath(latin1(AutoBackup)));
+    QVERIFY(QDir().mkpath(latin1(BootAction)));
     QCOMPARE(nroIsAutoBackupEnabled(), 0);
     QVERIFY(!nroAutoBackupMediaId());
     QCOMPARE(nroGetBootAction(), 2);
@@ -597,8 +595,8 @@ void tst_NRootfsOverlay::markersThatAreDirectories()
     QCOMPARE(nroSetBootAction(2), 6);
     QCOMPARE(nroSetAutoBackupEnabled(1), 6);
     QCOMPARE(nroSetAutoBackupEnabled(0), 6);
-    QVERIFY(QFileInfo(text(AutoBackup)).isDir());
-    QVERIFY(QFileInfo(text(BootAction)).isDir());
+    QVERIFY(QFileInfo(latin1(AutoBackup)).isDir());
+    QVERIFY(QFileInfo(latin1(BootAction)).isDir());
 }
 
 void tst_NRootfsOverlay::markersThatCannotBeRead()
@@ -641,7 +639,7 @@ void tst_NRootfsOverlay::fullDiskKeepsTheMarkers()
     QCOMPARE(nroSetBootAction(0), 6);
     QCOMPARE(read(AutoBackup), QByteArray("before"));
     QCOMPARE(read(BootAction), QByteArray("wipe"));
-    QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 3);
+    QCOMPARE(QDir(latin1("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 3);
     removeEntry("/rootfsoverlay/filler");
     QCOMPARE(nroWriteAutoBackupEnabled(1, "after"), 1);
     QCOMPARE(read(AutoBackup), QByteArray("after"));
@@ -659,7 +657,7 @@ void tst_NRootfsOverlay::closingDecidesWhetherAMarkerIsWritten()
         isOver = fault.count() == 0;
         refusals += !isWritten;
         QCOMPARE(read(AutoBackup), QByteArray(isWritten ? "after" : "before"));
-        QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
+        QCOMPARE(QDir(latin1("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
     }
     QCOMPARE(refusals, 1);
 }
@@ -702,8 +700,8 @@ void tst_NRootfsOverlay::leftoversOfAPowerCutGoWithTheNextChange()
     QCOMPARE(nroWriteBootAction(1), 1);
     QCOMPARE(read("/rootfsoverlay/elsewhere"), QByteArray("untouched"));
     QCOMPARE(
-        QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden, QDir::Name),
-        QStringList() << text(".autobackup") << text(".bootaction") << text("elsewhere"));
+        QDir(latin1("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden, QDir::Name),
+        QStringList() << latin1(".autobackup") << latin1(".bootaction") << latin1("elsewhere"));
     struct stat status;
     const mode_t mask = ::umask(022);
     QCOMPARE(nroWriteBootAction(0), 1);
@@ -731,10 +729,10 @@ void tst_NRootfsOverlay::linkToAMarkerIsFollowed()
     write("/rootfsoverlay/elsewhere", "old");
     QVERIFY(::symlink("elsewhere", AutoBackup) == 0);
     QCOMPARE(nroWriteAutoBackupEnabled(1, "id"), 1);
-    QVERIFY(QFileInfo(text(AutoBackup)).isSymLink());
+    QVERIFY(QFileInfo(latin1(AutoBackup)).isSymLink());
     QCOMPARE(read("/rootfsoverlay/elsewhere"), QByteArray("id"));
     QCOMPARE(nroWriteAutoBackupEnabled(0, nullptr), 1);
-    QVERIFY(!QFileInfo(text(AutoBackup)).isSymLink());
+    QVERIFY(!QFileInfo(latin1(AutoBackup)).isSymLink());
     QCOMPARE(read("/rootfsoverlay/elsewhere"), QByteArray("id"));
 }
 
@@ -769,7 +767,7 @@ void tst_NRootfsOverlay::processesMayWriteAtOnce()
     for (pid_t process : processes)
         QCOMPARE(NTest::waitForChild(process), 0);
     QVERIFY(identifiers.contains(read(AutoBackup)));
-    QCOMPARE(QDir(text("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
+    QCOMPARE(QDir(latin1("/rootfsoverlay")).entryList(QDir::Files | QDir::Hidden).size(), 1);
 }
 
 void tst_NRootfsOverlay::overlayMustBeMounted()
@@ -832,9 +830,9 @@ void tst_NRootfsOverlay::restoreThatCannotBeCancelledDoesNotStopEnabling()
 {
     // A marker that is mounted can be read and not removed.
     NTemporaryDirectory directory;
-    const QString marker = directory.writeFile(text("restore"), "restore");
+    const QString marker = directory.writeFile(latin1("restore"), "restore");
     write(BootAction, "");
-    NPrivateNamespace::mountCopy(marker, text(BootAction));
+    NPrivateNamespace::mountCopy(marker, latin1(BootAction));
     QCOMPARE(nroGetBootAction(), 1);
     QCOMPARE(nroSetAutoBackupEnabled(1), 0);
     QCOMPARE(nroIsAutoBackupEnabled(), 1);

@@ -1,5 +1,7 @@
 #include <nbase/core/nbaselibinformation.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QFileInfo>
 #include <QtTest/QtTest>
 
@@ -15,8 +17,8 @@ private slots:
 
 void tst_NBaseLibInformation::nameAndVersionAreFixed()
 {
-    QCOMPARE(NBaseLibInformation::libraryName(), QString::fromLatin1("Nolvar base"));
-    QCOMPARE(NBaseLibInformation::libraryVersion(), QString::fromLatin1("1.0.0"));
+    QCOMPARE(NBaseLibInformation::libraryName(), latin1("Nolvar base"));
+    QCOMPARE(NBaseLibInformation::libraryVersion(), latin1("1.0.0"));
 }
 
 // The library was compiled before its file was written by the linker, and not before this very source tree
@@ -26,7 +28,7 @@ void tst_NBaseLibInformation::dateTimeIsThatOfTheBuild()
     const QDateTime dateTime = NBaseLibInformation::libraryDateTime();
     QVERIFY(dateTime.isValid());
     QCOMPARE(dateTime.timeSpec(), Qt::LocalTime);
-    QVERIFY(dateTime <= QFileInfo(QString::fromLatin1(NBASE_LIBRARY_FILE)).lastModified());
+    QVERIFY(dateTime <= QFileInfo(latin1(NBASE_LIBRARY_FILE)).lastModified());
     QVERIFY(dateTime > QDateTime(QDate(2026, 1, 1), QTime(0, 0)));
 }
 

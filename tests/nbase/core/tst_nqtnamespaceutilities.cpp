@@ -2,6 +2,8 @@
 
 #include "support/nthreads.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtTest/QtTest>
 
 #include <limits.h>
@@ -35,7 +37,7 @@ void tst_NQtNamespaceUtilities::everyOperationMayBeTheFirstInSeveralThreads()
         case 1:
             return NQtNamespaceUtilities::stringFromDayOfWeek(Qt::Friday) == QLatin1String("friday");
         case 2:
-            return NQtNamespaceUtilities::dayOfWeekFromString(QString::fromLatin1("friday")) == Qt::Friday;
+            return NQtNamespaceUtilities::dayOfWeekFromString(latin1("friday")) == Qt::Friday;
         default:
             return NQtNamespaceUtilities::previousDayOfWeek(NQtNamespaceUtilities::nextDayOfWeek(Qt::Friday)) ==
                    Qt::Friday;
@@ -47,13 +49,13 @@ void tst_NQtNamespaceUtilities::everyDayHasItsText_data()
 {
     QTest::addColumn<int>("day");
     QTest::addColumn<QString>("text");
-    QTest::newRow("Monday") << 1 << QString::fromLatin1("monday");
-    QTest::newRow("Tuesday") << 2 << QString::fromLatin1("tuesday");
-    QTest::newRow("Wednesday") << 3 << QString::fromLatin1("wednesday");
-    QTest::newRow("Thursday") << 4 << QString::fromLatin1("thursday");
-    QTest::newRow("Friday") << 5 << QString::fromLatin1("friday");
-    QTest::newRow("Saturday") << 6 << QString::fromLatin1("saturday");
-    QTest::newRow("Sunday") << 7 << QString::fromLatin1("sunday");
+    QTest::newRow("Monday") << 1 << latin1("monday");
+    QTest::newRow("Tuesday") << 2 << latin1("tuesday");
+    QTest::newRow("Wednesday") << 3 << latin1("wednesday");
+    QTest::newRow("Thursday") << 4 << latin1("thursday");
+    QTest::newRow("Friday") << 5 << latin1("friday");
+    QTest::newRow("Saturday") << 6 << latin1("saturday");
+    QTest::newRow("Sunday") << 7 << latin1("sunday");
 }
 
 void tst_NQtNamespaceUtilities::everyDayHasItsText()
@@ -99,12 +101,12 @@ void tst_NQtNamespaceUtilities::otherTextsAreNoDay_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("null") << QString();
-    QTest::newRow("empty") << QString::fromLatin1("");
-    QTest::newRow("capital letter") << QString::fromLatin1("Monday");
-    QTest::newRow("blank before") << QString::fromLatin1(" monday");
-    QTest::newRow("blank after") << QString::fromLatin1("monday ");
-    QTest::newRow("abbreviated") << QString::fromLatin1("mon");
-    QTest::newRow("number") << QString::fromLatin1("1");
+    QTest::newRow("empty") << latin1("");
+    QTest::newRow("capital letter") << latin1("Monday");
+    QTest::newRow("blank before") << latin1(" monday");
+    QTest::newRow("blank after") << latin1("monday ");
+    QTest::newRow("abbreviated") << latin1("mon");
+    QTest::newRow("number") << latin1("1");
 }
 
 void tst_NQtNamespaceUtilities::otherTextsAreNoDay()

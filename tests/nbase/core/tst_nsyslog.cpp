@@ -7,6 +7,8 @@
 #include "support/nthreads.h"
 #include "support/nwithoutfileoverride.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
@@ -40,11 +42,6 @@ const char LogSocketPath[] = "/dev/nbase-test-log/socket";
 
 // What logLines() may need besides its result, with room for what the toolkit needs on first use.
 const int MemoryKibibytes = 4 * 1024;
-
-QString latin1(const char* text)
-{
-    return QString::fromLatin1(text);
-}
 
 // Lets the test decide where "/dev/log" leads. The test's /dev is one of its own, so the system's stays as it is.
 void provideSystemLog()
@@ -664,7 +661,7 @@ void tst_NSysLog::severalThreadsMayLogAndReadBackAtOnce()
     const auto write = [&log](int writer, int number) {
         const QByteArray text = QByteArray::number(writer) + ' ' + QByteArray::number(number);
         if (number % 2 == 0)
-            log.log(NSysLog::Notice, QString::fromLatin1(text.constData()));
+            log.log(NSysLog::Notice, latin1(text.constData()));
         else
             NSysLogMsgHandler(QtCriticalMsg, text.constData());
         return log.logLines(NSysLog::Debug, anyProgram()).size() == 1;

@@ -6,6 +6,8 @@
 #include "support/nchildprocess.h"
 #include "support/ntemporarydirectory.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QBuffer>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
@@ -21,15 +23,10 @@ namespace {
 
 typedef QList<QStringList> Records;
 
-QString text(const char* latin1)
-{
-    return QString::fromLatin1(latin1);
-}
-
 // Fields from a text in which "|" stands between them.
 QStringList fields(const char* joined)
 {
-    return text(joined).split(QLatin1Char('|'));
+    return latin1(joined).split(QLatin1Char('|'));
 }
 
 // A device that gives its content in pieces and fails after it without ever being at its end.
@@ -335,7 +332,7 @@ void tst_NCsvFileReader::separatorsAreChosen()
 {
     QFETCH(int, separator);
     QFETCH(QStringList, record);
-    const QString line = text("a;\"b:c\",d");
+    const QString line = latin1("a;\"b:c\",d");
     const NCsvUtilities::Separator value = NCsvUtilities::Separator(separator);
     NCsvFileReader byValue(line, value);
     NCsvFileReader byCharacter(line, NCsvUtilities::characterFromSeparator(value));
@@ -344,7 +341,7 @@ void tst_NCsvFileReader::separatorsAreChosen()
         // The quote begins a field there, and what follows the closing one is an error.
         QVERIFY(!byValue.parseNextLine(read));
         QVERIFY(!byCharacter.parseNextLine(read));
-        NCsvFileReader good(text("a;\"b;c\";\"d\"\"e\""), value);
+        NCsvFileReader good(latin1("a;\"b;c\";\"d\"\"e\""), value);
         QVERIFY(good.parseNextLine(read));
         QCOMPARE(read, fields("a|b;c|d\"e"));
         return;
@@ -361,7 +358,7 @@ void tst_NCsvFileReader::separatorBeyondLatin1SplitsAtNulOnly()
     NCsvFileReader reader(line, QChar(0x2c2c));
     QStringList record;
     QVERIFY(reader.parseNextLine(record));
-    QCOMPARE(record, QStringList() << text("a,b") << text("c") + QChar(0x2c2c) + QChar(0x122c));
+    QCOMPARE(record, QStringList() << latin1("a,b") << latin1("c") + QChar(0x2c2c) + QChar(0x122c));
 }
 
 void tst_NCsvFileReader::everySourceGivesTheRecord()
@@ -372,7 +369,7 @@ void tst_NCsvFileReader::everySourceGivesTheRecord()
     QString string = QString::fromUtf8(utf8.constData());
     const QString constString = string;
     const QByteArray constArray = utf8;
-    const QStringList expected = QStringList() << text("a") << text("b;c") << QString(QChar(0xe9));
+    const QStringList expected = QStringList() << latin1("a") << latin1("b;c") << QString(QChar(0xe9));
 
     for (int byCharacter = 0; byCharacter < 2; ++byCharacter) {
         QBuffer device(&utf8);
@@ -405,7 +402,7 @@ void tst_NCsvFileReader::everySourceGivesTheRecord()
 
 void tst_NCsvFileReader::copiedSourcesNeedNotLive()
 {
-    QScopedPointer<QString> string(new QString(text("a,b")));
+    QScopedPointer<QString> string(new QString(latin1("a,b")));
     QScopedPointer<QByteArray> array(new QByteArray("a,b"));
     NCsvFileReader ofString(*string, NCsvUtilities::SeparatorComma);
     NCsvFileReader ofArray(*array, NCsvUtilities::SeparatorComma);
@@ -420,14 +417,14 @@ void tst_NCsvFileReader::copiedSourcesNeedNotLive()
 
 void tst_NCsvFileReader::givenStreamIsLeftToItsOwner()
 {
-    QString string = text("a,b\nrest\n");
+    QString string = latin1("a,b\nrest\n");
     QTextStream stream(&string, QIODevice::ReadOnly);
     QStringList record;
     {
         NCsvFileReader reader(&stream, NCsvUtilities::SeparatorComma);
         QVERIFY(reader.parseNextLine(record));
     }
-    QCOMPARE(stream.readLine(), text("rest"));
+    QCOMPARE(stream.readLine(), latin1("rest"));
 }
 
 void tst_NCsvFileReader::byteOrderMarkIsSkipped_data()
@@ -442,7 +439,7 @@ void tst_NCsvFileReader::byteOrderMarkIsSkipped()
 {
     QFETCH(QByteArray, bytes);
     bool ok = false;
-    QCOMPARE(parseArray(bytes, &ok), Records() << (QStringList() << text("a") << QString(QChar(0xe9))));
+    QCOMPARE(parseArray(bytes, &ok), Records() << (QStringList() << latin1("a") << QString(QChar(0xe9))));
     QVERIFY(ok);
 }
 
@@ -464,9 +461,7 @@ void tst_NCsvFileReader::fieldOfOneMegabyte()
     const QByteArray quotes = QByteArray(512 * 1024, 'q') + "\"\"" + QByteArray(512 * 1024, ',');
     const Records records = parseArray(plain + ",\"" + quotes + "\"\n");
     QCOMPARE(records.size(), 1);
-    QVERIFY(
-        records.first() == QStringList() << QString::fromLatin1(plain)
-                                         << QString::fromLatin1(QByteArray(quotes).replace("\"\"", "\"")));
+    QVERIFY(records.first() == QStringList() << latin1(plain) << latin1(QByteArray(quotes).replace("\"\"", "\"")));
 }
 
 void tst_NCsvFileReader::hundredThousandColumns()
@@ -477,7 +472,7 @@ void tst_NCsvFileReader::hundredThousandColumns()
     const Records records = parseArray(bytes + "\n");
     QCOMPARE(records.size(), 1);
     QCOMPARE(records.first().size(), 100000);
-    QCOMPARE(records.first().last(), text("99999"));
+    QCOMPARE(records.first().last(), latin1("99999"));
 }
 
 void tst_NCsvFileReader::fieldOfManyLines()
@@ -485,8 +480,8 @@ void tst_NCsvFileReader::fieldOfManyLines()
     const QByteArray content = QByteArray("one line \"\"more\"\"\n").repeated(100000);
     const Records records = parseArray("a,\"" + content + "\",b\n");
     QCOMPARE(records.size(), 1);
-    QVERIFY(records.first().at(1) == QString::fromLatin1(QByteArray(content).replace("\"\"", "\"")));
-    QCOMPARE(records.first().at(2), text("b"));
+    QVERIFY(records.first().at(1) == latin1(QByteArray(content).replace("\"\"", "\"")));
+    QCOMPARE(records.first().at(2), latin1("b"));
 }
 
 void tst_NCsvFileReader::emptySourceHasNoRecords()
@@ -500,7 +495,7 @@ void tst_NCsvFileReader::emptySourceHasNoRecords()
 
 void tst_NCsvFileReader::parsingAtTheEndGivesNoFields()
 {
-    NCsvFileReader reader(text(""), NCsvUtilities::SeparatorComma);
+    NCsvFileReader reader(latin1(""), NCsvUtilities::SeparatorComma);
     QStringList record = fields("old|fields");
     QVERIFY(reader.parseNextLine(record));
     QCOMPARE(record, QStringList());
@@ -508,7 +503,7 @@ void tst_NCsvFileReader::parsingAtTheEndGivesNoFields()
 
 void tst_NCsvFileReader::earlierFieldsAreReplaced()
 {
-    NCsvFileReader reader(text("long first field,b,c,d\nx,\"y\"\n1,2,3,4,5\n"), NCsvUtilities::SeparatorComma);
+    NCsvFileReader reader(latin1("long first field,b,c,d\nx,\"y\"\n1,2,3,4,5\n"), NCsvUtilities::SeparatorComma);
     QStringList record = fields("some|thing");
     QVERIFY(reader.parseNextLine(record));
     QCOMPARE(record, fields("long first field|b|c|d"));
@@ -521,24 +516,24 @@ void tst_NCsvFileReader::earlierFieldsAreReplaced()
 void tst_NCsvFileReader::fieldsThatWereKeptDoNotChange()
 {
     const QString longText(5000, QLatin1Char('l'));
-    NCsvFileReader reader(longText + text(",b\nc,\"d\"\"\"\n"), NCsvUtilities::SeparatorComma);
+    NCsvFileReader reader(longText + latin1(",b\nc,\"d\"\"\"\n"), NCsvUtilities::SeparatorComma);
     QStringList record;
     QVERIFY(reader.parseNextLine(record));
     const QStringList keptList = record;
     const QString keptField = record.at(1);
     QVERIFY(reader.parseNextLine(record));
     QCOMPARE(record, fields("c|d\""));
-    QCOMPARE(keptList, QStringList() << longText << text("b"));
-    QCOMPARE(keptField, text("b"));
+    QCOMPARE(keptList, QStringList() << longText << latin1("b"));
+    QCOMPARE(keptField, latin1("b"));
     QVERIFY(record.at(0).capacity() < 1000);
 }
 
 void tst_NCsvFileReader::readNextStreamLineGivesLinesAsTheyAre()
 {
-    NCsvFileReader reader(text("\"a\",b \n\nc"), NCsvUtilities::SeparatorComma);
-    QCOMPARE(reader.readNextStreamLine(), text("\"a\",b "));
+    NCsvFileReader reader(latin1("\"a\",b \n\nc"), NCsvUtilities::SeparatorComma);
+    QCOMPARE(reader.readNextStreamLine(), latin1("\"a\",b "));
     QVERIFY(!reader.readNextStreamLine().isNull());
-    QCOMPARE(reader.readNextStreamLine(), text("c"));
+    QCOMPARE(reader.readNextStreamLine(), latin1("c"));
     QVERIFY(reader.atEnd());
     QVERIFY(reader.readNextStreamLine().isNull());
 }
@@ -586,14 +581,14 @@ void tst_NCsvFileReader::standardStreamGivesEachLineOnce()
 {
     std::istringstream stream(std::string("a\nb"));
     NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
-    QCOMPARE(reader.readNextStreamLine(), text("a"));
-    QCOMPARE(reader.readNextStreamLine(), text("b"));
+    QCOMPARE(reader.readNextStreamLine(), latin1("a"));
+    QCOMPARE(reader.readNextStreamLine(), latin1("b"));
     QVERIFY(reader.readNextStreamLine().isNull());
     QVERIFY(reader.readNextStreamLine().isNull());
 
     std::istringstream lineBreak(std::string("a\n"));
     NCsvFileReader next(static_cast<std::istream*>(&lineBreak), NCsvUtilities::SeparatorComma);
-    QCOMPARE(next.readNextStreamLine(), text("a"));
+    QCOMPARE(next.readNextStreamLine(), latin1("a"));
     const QString last = next.readNextStreamLine();
     QVERIFY(last.isEmpty() && !last.isNull());
     QVERIFY(next.readNextStreamLine().isNull());
@@ -609,11 +604,11 @@ void tst_NCsvFileReader::failedStandardStreamHasNoLine()
     QFETCH(int, state);
     std::istringstream stream(std::string("a\nb\n"));
     NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
-    QCOMPARE(reader.readNextStreamLine(), text("a"));
+    QCOMPARE(reader.readNextStreamLine(), latin1("a"));
     stream.setstate(std::ios_base::iostate(state));
     QVERIFY(reader.readNextStreamLine().isNull());
     stream.clear();
-    QCOMPARE(reader.readNextStreamLine(), text("b"));
+    QCOMPARE(reader.readNextStreamLine(), latin1("b"));
 }
 
 void tst_NCsvFileReader::nullStandardStreamIsAtItsEnd()
@@ -701,7 +696,7 @@ void tst_NCsvFileReader::piecesOfADeviceMakeLines()
     QVERIFY(!reader.parseFile(records));
     QCOMPARE(
         records,
-        Records() << fields("first|sec\nond") << (QStringList() << text("third") << QString(QChar(0xe9))));
+        Records() << fields("first|sec\nond") << (QStringList() << latin1("third") << QString(QChar(0xe9))));
 }
 
 void tst_NCsvFileReader::lineBreakMayBeSplitBetweenReads_data()
@@ -725,8 +720,8 @@ void tst_NCsvFileReader::lineBreakMayBeSplitBetweenReads()
     Records records;
     QVERIFY(!reader.parseFile(records));
     QCOMPARE(
-        records, Records() << (QStringList() << QString::fromLatin1(field) << text("b")) << fields("c\nd")
-                           << fields("") << fields("e"));
+        records, Records() << (QStringList() << latin1(field) << latin1("b")) << fields("c\nd") << fields("")
+                           << fields("e"));
 }
 
 // Where char is signed, this byte is easily taken for the end of the text.
@@ -869,7 +864,7 @@ void tst_NCsvFileReader::withoutMemoryOnlyTheFieldsBeforeAreLeft()
 #endif
     const int status = NTest::runInChild([=]() {
         QString string =
-            text("one,two,three\nfirst,\"") + QString(size, QLatin1Char('x')) + text("\"\"\",third\n");
+            latin1("one,two,three\nfirst,\"") + QString(size, QLatin1Char('x')) + latin1("\"\"\",third\n");
         NCsvFileReader reader(&string, NCsvUtilities::SeparatorComma);
         QStringList record;
         if (!reader.parseNextLine(record) || record != fields("one|two|three"))
@@ -879,7 +874,7 @@ void tst_NCsvFileReader::withoutMemoryOnlyTheFieldsBeforeAreLeft()
         if (reader.parseNextLine(record) != good || record.size() != left.size())
             return 3;
         for (int index = 0; index < left.size(); ++index) {
-            const bool isLong = left.at(index) == text("long");
+            const bool isLong = left.at(index) == latin1("long");
             if (isLong ? record.at(index).size() != size + 1 : record.at(index) != left.at(index))
                 return 4;
         }
@@ -966,7 +961,7 @@ void tst_NCsvFileReader::millionRandomRecordsReadBackEqual()
         const Kind kind = Kind(block % KindCount);
         const unsigned seed = unsigned(block * 3 + separator + 1);
 
-        QFile file(directory.filePath(text("records")));
+        QFile file(directory.filePath(latin1("records")));
         QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Truncate));
         QString string;
         QByteArray array;
@@ -1030,17 +1025,17 @@ void tst_NCsvFileReader::filesOfAnOfficeProgramRead_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<int>("separator");
-    QTest::newRow("comma") << text("comma") << 0;
-    QTest::newRow("semicolon") << text("semicolon") << 1;
-    QTest::newRow("colon") << text("colon") << 2;
-    QTest::newRow("all quoted") << text("quoted") << 0;
+    QTest::newRow("comma") << latin1("comma") << 0;
+    QTest::newRow("semicolon") << latin1("semicolon") << 1;
+    QTest::newRow("colon") << latin1("colon") << 2;
+    QTest::newRow("all quoted") << latin1("quoted") << 0;
 }
 
 void tst_NCsvFileReader::filesOfAnOfficeProgramRead()
 {
     QFETCH(QString, name);
     QFETCH(int, separator);
-    QFile file(text(NBASE_TEST_DATA_DIR "/csv/libreoffice-%1.csv").arg(name));
+    QFile file(latin1(NBASE_TEST_DATA_DIR "/csv/libreoffice-%1.csv").arg(name));
     QVERIFY(file.open(QIODevice::ReadOnly));
     NCsvFileReader reader(&file, NCsvUtilities::Separator(separator));
     Records records;
@@ -1064,7 +1059,7 @@ void tst_NCsvFileReader::filesOfPythonRead_data()
         for (int separator = 0; separator < 3; ++separator) {
             const QChar character = NCsvUtilities::separators().value(NCsvUtilities::Separator(separator));
             const QByteArray row = names[quoting] + QByteArray(" ") + character.toLatin1();
-            QTest::newRow(row.constData()) << text(quotings[quoting]) << separator;
+            QTest::newRow(row.constData()) << latin1(quotings[quoting]) << separator;
         }
     }
 }
@@ -1075,18 +1070,18 @@ void tst_NCsvFileReader::filesOfPythonRead()
     QFETCH(int, separator);
     const NCsvUtilities::Separator value = NCsvUtilities::Separator(separator);
     const NTemporaryDirectory directory;
-    const QString path = directory.filePath(text("python.csv"));
+    const QString path = directory.filePath(latin1("python.csv"));
     const QString program =
-        text("import csv, sys\n"
-             "with open(sys.argv[1], 'w', newline='', encoding='utf-8') as file:\n"
-             "    writer = csv.writer(file, delimiter=sys.argv[2], quoting=getattr(csv, sys.argv[3]))\n"
-             "    writer.writerow(['plain', 'a,b', 'a;b', 'a:b', ' blanks '])\n"
-             "    writer.writerow(['\"', '\"\"', 'say \"yes\"', '', 'tab\\t'])\n"
-             "    writer.writerow(['two\\nlines', '\\n', '\\u20ac', '12', 12])\n");
+        latin1("import csv, sys\n"
+               "with open(sys.argv[1], 'w', newline='', encoding='utf-8') as file:\n"
+               "    writer = csv.writer(file, delimiter=sys.argv[2], quoting=getattr(csv, sys.argv[3]))\n"
+               "    writer.writerow(['plain', 'a,b', 'a;b', 'a:b', ' blanks '])\n"
+               "    writer.writerow(['\"', '\"\"', 'say \"yes\"', '', 'tab\\t'])\n"
+               "    writer.writerow(['two\\nlines', '\\n', '\\u20ac', '12', 12])\n");
     QCOMPARE(
         QProcess::execute(
-            text("python3"), QStringList() << text("-c") << program << path
-                                           << QString(NCsvUtilities::characterFromSeparator(value)) << quoting),
+            latin1("python3"), QStringList() << latin1("-c") << program << path
+                                             << QString(NCsvUtilities::characterFromSeparator(value)) << quoting),
         0);
     QFile file(path);
     QVERIFY(file.open(QIODevice::ReadOnly));
@@ -1095,7 +1090,7 @@ void tst_NCsvFileReader::filesOfPythonRead()
     QVERIFY(reader.parseFile(records));
     QCOMPARE(
         records, Records() << fields("plain|a,b|a;b|a:b| blanks ") << fields("\"|\"\"|say \"yes\"||tab\t")
-                           << (fields("two\nlines|\n") << QString(QChar(0x20ac)) << text("12") << text("12")));
+                           << (fields("two\nlines|\n") << QString(QChar(0x20ac)) << latin1("12") << latin1("12")));
 }
 
 QTEST_APPLESS_MAIN(tst_NCsvFileReader)

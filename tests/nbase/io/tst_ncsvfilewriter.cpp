@@ -3,6 +3,8 @@
 #include "support/nchildprocess.h"
 #include "support/ntemporarydirectory.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QBuffer>
 #include <QtCore/QFile>
 #include <QtCore/QTextCodec>
@@ -14,11 +16,6 @@
 
 namespace {
 
-QString text(const char* latin1)
-{
-    return QString::fromLatin1(latin1);
-}
-
 QString written(const QStringList& fields, const QChar& separator = QLatin1Char(','))
 {
     QString string;
@@ -29,7 +26,7 @@ QString written(const QStringList& fields, const QChar& separator = QLatin1Char(
 // The record that every kind of sink gets.
 QStringList record()
 {
-    return QStringList() << text("a,b") << text("c;d:e") << QString(QChar(0xe9)) << QString();
+    return QStringList() << latin1("a,b") << latin1("c;d:e") << QString(QChar(0xe9)) << QString();
 }
 
 // Takes no more than so many bytes altogether, and of the rest as many as there is room for.
@@ -90,7 +87,7 @@ const int RecordCount = 10000;
 void writeRecords(NCsvFileWriter& writer)
 {
     for (int index = 0; index < RecordCount; ++index)
-        writer.appendLine(QStringList() << text("some") << text("thing"));
+        writer.appendLine(QStringList() << latin1("some") << latin1("thing"));
 }
 
 QByteArray allRecords()
@@ -149,18 +146,18 @@ void tst_NCsvFileWriter::fieldsAreEscapedOnlyWhereNeeded_data()
     QTest::addColumn<QString>("escaped");
     const QChar comma = QLatin1Char(',');
     const QChar semicolon = QLatin1Char(';');
-    QTest::newRow("plain") << comma << text("abc") << text("abc");
-    QTest::newRow("empty") << comma << text("") << text("");
-    QTest::newRow("blanks") << comma << text(" a ") << text(" a ");
-    QTest::newRow("separator") << comma << text("a,b") << text("\"a,b\"");
-    QTest::newRow("other separator") << comma << text("a;b:c") << text("a;b:c");
-    QTest::newRow("semicolon") << semicolon << text("a;b") << text("\"a;b\"");
-    QTest::newRow("comma with semicolon") << semicolon << text("a,b") << text("a,b");
-    QTest::newRow("quote") << comma << text("x\"y") << text("\"x\"\"y\"");
-    QTest::newRow("only a quote") << comma << text("\"") << text("\"\"\"\"");
-    QTest::newRow("line feed") << comma << text("a\nb") << text("\"a\nb\"");
-    QTest::newRow("carriage return") << comma << text("a\rb") << text("\"a\rb\"");
-    QTest::newRow("tabulator") << comma << text("a\tb") << text("a\tb");
+    QTest::newRow("plain") << comma << latin1("abc") << latin1("abc");
+    QTest::newRow("empty") << comma << latin1("") << latin1("");
+    QTest::newRow("blanks") << comma << latin1(" a ") << latin1(" a ");
+    QTest::newRow("separator") << comma << latin1("a,b") << latin1("\"a,b\"");
+    QTest::newRow("other separator") << comma << latin1("a;b:c") << latin1("a;b:c");
+    QTest::newRow("semicolon") << semicolon << latin1("a;b") << latin1("\"a;b\"");
+    QTest::newRow("comma with semicolon") << semicolon << latin1("a,b") << latin1("a,b");
+    QTest::newRow("quote") << comma << latin1("x\"y") << latin1("\"x\"\"y\"");
+    QTest::newRow("only a quote") << comma << latin1("\"") << latin1("\"\"\"\"");
+    QTest::newRow("line feed") << comma << latin1("a\nb") << latin1("\"a\nb\"");
+    QTest::newRow("carriage return") << comma << latin1("a\rb") << latin1("\"a\rb\"");
+    QTest::newRow("tabulator") << comma << latin1("a\tb") << latin1("a\tb");
 }
 
 void tst_NCsvFileWriter::fieldsAreEscapedOnlyWhereNeeded()
@@ -210,8 +207,8 @@ void tst_NCsvFileWriter::specialCharactersAreFoundAnywhereInAField()
 
 void tst_NCsvFileWriter::recordEndsWithALineFeed()
 {
-    QCOMPARE(written(QStringList() << text("a,b") << text("c")), text("\"a,b\",c\n"));
-    QCOMPARE(written(QStringList() << text("a")), text("a\n"));
+    QCOMPARE(written(QStringList() << latin1("a,b") << latin1("c")), latin1("\"a,b\",c\n"));
+    QCOMPARE(written(QStringList() << latin1("a")), latin1("a\n"));
 }
 
 void tst_NCsvFileWriter::emptyListWritesNothing()
@@ -221,13 +218,13 @@ void tst_NCsvFileWriter::emptyListWritesNothing()
 
 void tst_NCsvFileWriter::emptyFieldsAreWritten()
 {
-    QCOMPARE(written(QStringList() << QString()), text("\n"));
-    QCOMPARE(written(QStringList() << QString() << text("") << QString()), text(",,\n"));
+    QCOMPARE(written(QStringList() << QString()), latin1("\n"));
+    QCOMPARE(written(QStringList() << QString() << latin1("") << QString()), latin1(",,\n"));
 }
 
 void tst_NCsvFileWriter::separatorBeyondLatin1IsNul()
 {
-    const QString string = written(QStringList() << text("a") << text("b"), QChar(0x2c2c));
+    const QString string = written(QStringList() << latin1("a") << latin1("b"), QChar(0x2c2c));
     QCOMPARE(string, QString::fromLatin1("a\0b\n", 4));
 }
 
@@ -288,10 +285,10 @@ void tst_NCsvFileWriter::givenStreamsAreLeftToTheirOwner()
     QTextStream stream(&array, QIODevice::WriteOnly);
     {
         NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);
-        writer.appendLine(QStringList() << text("a"));
+        writer.appendLine(QStringList() << latin1("a"));
     }
     QCOMPARE(array, QByteArray());
-    stream << text("b");
+    stream << latin1("b");
     stream.flush();
     QCOMPARE(array, QByteArray("a\nb"));
 }
@@ -315,8 +312,8 @@ void tst_NCsvFileWriter::standardStreamKeepsNul()
 void tst_NCsvFileWriter::nullStandardStreamTakesNothing()
 {
     NCsvFileWriter writer(static_cast<std::ostream*>(nullptr), NCsvUtilities::SeparatorComma);
-    writer.appendLine(QStringList() << text("a"));
-    QCOMPARE(writer.escapeString(text("a,")), text("\"a,\""));
+    writer.appendLine(QStringList() << latin1("a"));
+    QCOMPARE(writer.escapeString(latin1("a,")), latin1("\"a,\""));
 }
 
 void tst_NCsvFileWriter::standardStreamThatThrowsDoesNotThrowHere()
@@ -328,22 +325,22 @@ void tst_NCsvFileWriter::standardStreamThatThrowsDoesNotThrowHere()
     } catch (const std::ios_base::failure&) {
     }
     NCsvFileWriter writer(static_cast<std::ostream*>(&standard), NCsvUtilities::SeparatorComma);
-    writer.appendLine(QStringList() << text("a"));
+    writer.appendLine(QStringList() << latin1("a"));
     QVERIFY(standard.bad());
 }
 
 void tst_NCsvFileWriter::sinkThatIsNotEmptyIsWrittenTo()
 {
-    const QStringList record(text("x"));
+    const QStringList record(latin1("x"));
     const NCsvUtilities::Separator separator = NCsvUtilities::SeparatorComma;
 
     QByteArray array("existing text");
     NCsvFileWriter(&array, separator).appendLine(record);
     QCOMPARE(array, QByteArray("x\nisting text"));
 
-    QString string(text("existing text"));
+    QString string(latin1("existing text"));
     NCsvFileWriter(&string, separator).appendLine(record);
-    QCOMPARE(string, text("existing textx\n"));
+    QCOMPARE(string, latin1("existing textx\n"));
 
     QBuffer device;
     device.setData("existing text");
@@ -353,7 +350,7 @@ void tst_NCsvFileWriter::sinkThatIsNotEmptyIsWrittenTo()
     QCOMPARE(device.data(), QByteArray("existing x\nxt"));
 
     const NTemporaryDirectory directory;
-    QFile file(directory.writeFile(text("file"), "existing text\n"));
+    QFile file(directory.writeFile(latin1("file"), "existing text\n"));
     QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Append));
     NCsvFileWriter(&file, separator).appendLine(record);
     QVERIFY(file.seek(0));
@@ -361,9 +358,9 @@ void tst_NCsvFileWriter::sinkThatIsNotEmptyIsWrittenTo()
 
     QTextStream stream(&string);
     QVERIFY(stream.seek(0));
-    stream << text("!");
+    stream << latin1("!");
     NCsvFileWriter(&stream, separator).appendLine(record);
-    QCOMPARE(string, text("existing textx\n!x\n"));
+    QCOMPARE(string, latin1("existing textx\n!x\n"));
 
     std::ostringstream standard(std::string("existing text"), std::ios_base::out | std::ios_base::ate);
     NCsvFileWriter(static_cast<std::ostream*>(&standard), separator).appendLine(record);
@@ -375,23 +372,23 @@ void tst_NCsvFileWriter::stringsArePaddedAsTheStreamIsSet()
     QString string;
     QTextStream stream(&string);
     NCsvFileWriter writer(&stream, QLatin1Char(','));
-    const QStringList record = QStringList() << text("a") << text("b,c") << QString() << text("longer");
+    const QStringList record = QStringList() << latin1("a") << latin1("b,c") << QString() << latin1("longer");
     stream.setFieldWidth(5);
     stream.setFieldAlignment(QTextStream::AlignLeft);
     stream.setPadChar(QLatin1Char('.'));
     writer.appendLine(record);
     writer.appendLine(QStringList());
-    QCOMPARE(string, text("a....,....\"b,c\",.........,....longer\n...."));
+    QCOMPARE(string, latin1("a....,....\"b,c\",.........,....longer\n...."));
 
     stream.setFieldAlignment(QTextStream::AlignRight);
     string.clear();
-    writer.appendLine(QStringList() << text("a") << text("b"));
-    QCOMPARE(string, text("....a....,....b....\n"));
+    writer.appendLine(QStringList() << latin1("a") << latin1("b"));
+    QCOMPARE(string, latin1("....a....,....b....\n"));
 
     stream.setFieldWidth(0);
     string.clear();
     writer.appendLine(record);
-    QCOMPARE(string, text("a,\"b,c\",,longer\n"));
+    QCOMPARE(string, latin1("a,\"b,c\",,longer\n"));
 }
 
 void tst_NCsvFileWriter::escapingTakesTheMemoryThatIsNeeded()
@@ -400,7 +397,7 @@ void tst_NCsvFileWriter::escapingTakesTheMemoryThatIsNeeded()
     const NCsvFileWriter writer(&sink, QLatin1Char(','));
     const QString plain(100000, QLatin1Char('a'));
     QVERIFY(writer.escapeString(plain).constData() == plain.constData());
-    const QString escaped = writer.escapeString(plain + text("\","));
+    const QString escaped = writer.escapeString(plain + latin1("\","));
     QCOMPARE(escaped.size(), 100000 + 5);
     QVERIFY(escaped.capacity() < escaped.size() + 100);
 }
@@ -444,7 +441,7 @@ void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole()
     const int size = 100000000;
 #endif
     const int status = NTest::runInChild([standard, size]() {
-        const QStringList fields = QStringList() << text("first") << QString(size, QLatin1Char('a'));
+        const QStringList fields = QStringList() << latin1("first") << QString(size, QLatin1Char('a'));
         const bool isLimited = size > 100;
         if (isLimited && !NTest::leaveMemory(100))
             return 1;
@@ -479,7 +476,7 @@ void tst_NCsvFileWriter::fullDeviceTellsItsError()
 {
     QFETCH(int, mode);
     QFETCH(bool, isLong);
-    QFile file(text(FullFile));
+    QFile file(latin1(FullFile));
     QVERIFY(file.open(QIODevice::OpenMode(mode)));
     {
         NCsvFileWriter writer(&file, NCsvUtilities::SeparatorComma);
@@ -514,7 +511,7 @@ void tst_NCsvFileWriter::fullStreamTellsItsStatus()
         QVERIFY(stream.bad());
         return;
     }
-    QFile file(text(FullFile));
+    QFile file(latin1(FullFile));
     QVERIFY(file.open(QIODevice::WriteOnly));
     QTextStream stream(&file);
     NCsvFileWriter writer(&stream, NCsvUtilities::SeparatorComma);

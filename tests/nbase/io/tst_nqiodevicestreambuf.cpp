@@ -2,6 +2,8 @@
 
 #include "support/ntemporarydirectory.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QBuffer>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
@@ -776,7 +778,7 @@ void tst_NQIODeviceStreambuf::deviceClosedUnderTheStreamFails()
 void tst_NQIODeviceStreambuf::roundTripThroughFile()
 {
     const NTemporaryDirectory directory;
-    QFile file(directory.filePath(QString::fromLatin1("bytes")));
+    QFile file(directory.filePath(latin1("bytes")));
     QVERIFY(file.open(QIODevice::ReadWrite));
     writeInPieces(file, allBytes());
     QVERIFY(file.seek(0));
@@ -796,7 +798,7 @@ void tst_NQIODeviceStreambuf::roundTripThroughBuffer()
 void tst_NQIODeviceStreambuf::roundTripThroughProcess()
 {
     QProcess process;
-    process.start(QString::fromLatin1("cat"), QStringList());
+    process.start(latin1("cat"), QStringList());
     QVERIFY(process.waitForStarted());
     writeInPieces(process, allBytes());
     process.closeWriteChannel();
@@ -808,7 +810,7 @@ void tst_NQIODeviceStreambuf::roundTripThroughLocalSocket()
 {
     const NTemporaryDirectory directory;
     QLocalServer server;
-    QVERIFY(server.listen(directory.filePath(QString::fromLatin1("socket"))));
+    QVERIFY(server.listen(directory.filePath(latin1("socket"))));
     QLocalSocket client;
     client.connectToServer(server.fullServerName());
     QVERIFY(client.waitForConnected());

@@ -2,6 +2,8 @@
 
 #include "support/nchildprocess.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
 
@@ -117,7 +119,7 @@ void tst_NSequentialBuffer::openingThatDoesNothingForgetsTheError()
 {
     OpenedBuffer buffer;
     const QString noError = buffer.errorString();
-    const QString error = QString::fromLatin1("an error");
+    const QString error = latin1("an error");
     buffer.setErrorString(error);
     QCOMPARE(buffer.errorString(), error);
     buffer.open(QIODevice::NotOpen);

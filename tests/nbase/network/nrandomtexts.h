@@ -1,6 +1,8 @@
 #ifndef NBASE_TESTS_NRANDOMTEXTS_H
 #define NBASE_TESTS_NRANDOMTEXTS_H
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
@@ -21,7 +23,7 @@ public:
     /** @a count bytes of two hexadecimal digits in mixed case, joined by @a separator. */
     QString bytes(int count, const QString& separator)
     {
-        const QString digits = QString::fromLatin1("0123456789abcdefABCDEF");
+        const QString digits = latin1("0123456789abcdefABCDEF");
         QStringList texts;
         for (int index = 0; index < count; ++index)
             texts << QString(digits.at(below(digits.size()))) + digits.at(below(digits.size()));

@@ -3,6 +3,8 @@
 #include <nbase/network/neui.h>
 #include <nbase/network/nmacaddress.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QLibrary>
 #include <QtCore/QMetaEnum>
 #include <QtCore/QRegExp>
@@ -93,7 +95,7 @@ QRegExp capturingExpression(NEuiBase::Separator separator, int count)
 {
     QStringList groups;
     for (int index = 0; index < count; ++index)
-        groups << QString::fromLatin1("([A-Fa-f0-9]{2})");
+        groups << latin1("([A-Fa-f0-9]{2})");
     return QRegExp(groups.join(QRegExp::escape(NEuiBase::separatorString(separator))));
 }
 
@@ -112,9 +114,9 @@ void tst_NEui::separatorsHaveTheirTexts_data()
     QTest::addColumn<int>("separator");
     QTest::addColumn<int>("value");
     QTest::addColumn<QString>("text");
-    QTest::newRow("colon") << int(NEuiBase::SeparatorColon) << 0 << QString::fromLatin1(":");
-    QTest::newRow("dash") << int(NEuiBase::SeparatorDash) << 1 << QString::fromLatin1("-");
-    QTest::newRow("none") << int(NEuiBase::SeparatorNone) << 2 << QString::fromLatin1("");
+    QTest::newRow("colon") << int(NEuiBase::SeparatorColon) << 0 << latin1(":");
+    QTest::newRow("dash") << int(NEuiBase::SeparatorDash) << 1 << latin1("-");
+    QTest::newRow("none") << int(NEuiBase::SeparatorNone) << 2 << latin1("");
 }
 
 void tst_NEui::separatorsHaveTheirTexts()
@@ -180,8 +182,8 @@ void tst_NEui::flagComesBeforeTheBytesAndNothingElse()
 
 void tst_NEui::byteExpressionIsTwoHexadecimalDigits()
 {
-    QCOMPARE(NEui<6>::S_BYTE_REGEXP, QString::fromLatin1("[A-Fa-f0-9]{2}"));
-    QCOMPARE(NEui<8>::S_BYTE_REGEXP, QString::fromLatin1("[A-Fa-f0-9]{2}"));
+    QCOMPARE(NEui<6>::S_BYTE_REGEXP, latin1("[A-Fa-f0-9]{2}"));
+    QCOMPARE(NEui<8>::S_BYTE_REGEXP, latin1("[A-Fa-f0-9]{2}"));
 }
 
 void tst_NEui::expressionOfOneSeparator_data()
@@ -189,17 +191,14 @@ void tst_NEui::expressionOfOneSeparator_data()
     QTest::addColumn<int>("separator");
     QTest::addColumn<QString>("eui48");
     QTest::addColumn<QString>("eui64");
-    QTest::newRow("colon") << int(NEuiBase::SeparatorColon)
-                           << QString::fromLatin1("(?:[A-Fa-f0-9]{2}:){5}[A-Fa-f0-9]{2}")
-                           << QString::fromLatin1("(?:[A-Fa-f0-9]{2}:){7}[A-Fa-f0-9]{2}");
-    QTest::newRow("dash") << int(NEuiBase::SeparatorDash)
-                          << QString::fromLatin1("(?:[A-Fa-f0-9]{2}-){5}[A-Fa-f0-9]{2}")
-                          << QString::fromLatin1("(?:[A-Fa-f0-9]{2}-){7}[A-Fa-f0-9]{2}");
-    QTest::newRow("none") << int(NEuiBase::SeparatorNone)
-                          << QString::fromLatin1("(?:[A-Fa-f0-9]{2}){5}[A-Fa-f0-9]{2}")
-                          << QString::fromLatin1("(?:[A-Fa-f0-9]{2}){7}[A-Fa-f0-9]{2}");
-    QTest::newRow("a value that is none") << 3 << QString::fromLatin1("(?:[A-Fa-f0-9]{2}){5}[A-Fa-f0-9]{2}")
-                                          << QString::fromLatin1("(?:[A-Fa-f0-9]{2}){7}[A-Fa-f0-9]{2}");
+    QTest::newRow("colon") << int(NEuiBase::SeparatorColon) << latin1("(?:[A-Fa-f0-9]{2}:){5}[A-Fa-f0-9]{2}")
+                           << latin1("(?:[A-Fa-f0-9]{2}:){7}[A-Fa-f0-9]{2}");
+    QTest::newRow("dash") << int(NEuiBase::SeparatorDash) << latin1("(?:[A-Fa-f0-9]{2}-){5}[A-Fa-f0-9]{2}")
+                          << latin1("(?:[A-Fa-f0-9]{2}-){7}[A-Fa-f0-9]{2}");
+    QTest::newRow("none") << int(NEuiBase::SeparatorNone) << latin1("(?:[A-Fa-f0-9]{2}){5}[A-Fa-f0-9]{2}")
+                          << latin1("(?:[A-Fa-f0-9]{2}){7}[A-Fa-f0-9]{2}");
+    QTest::newRow("a value that is none")
+        << 3 << latin1("(?:[A-Fa-f0-9]{2}){5}[A-Fa-f0-9]{2}") << latin1("(?:[A-Fa-f0-9]{2}){7}[A-Fa-f0-9]{2}");
 }
 
 void tst_NEui::expressionOfOneSeparator()
@@ -223,16 +222,16 @@ void tst_NEui::expressionOfSeveralSeparatorsFollowsTheOrderOfTheSet_data()
 void tst_NEui::expressionOfSeveralSeparatorsFollowsTheOrderOfTheSet()
 {
     QFETCH(Separators, separators);
-    const QString alternative = QString::fromLatin1("(?:[A-Fa-f0-9]{2}%1){%2}");
+    const QString alternative = latin1("(?:[A-Fa-f0-9]{2}%1){%2}");
     QStringList ofEui48;
     QStringList ofEui64;
     for (NEuiBase::Separator separator : separators) {
         ofEui48 << alternative.arg(NEuiBase::separatorString(separator)).arg(5);
         ofEui64 << alternative.arg(NEuiBase::separatorString(separator)).arg(7);
     }
-    const QString expression = QString::fromLatin1("(?:%1)[A-Fa-f0-9]{2}");
-    QCOMPARE(NEui48::regExpString(separators), expression.arg(ofEui48.join(QString::fromLatin1("|"))));
-    QCOMPARE(NEui64::regExpString(separators), expression.arg(ofEui64.join(QString::fromLatin1("|"))));
+    const QString expression = latin1("(?:%1)[A-Fa-f0-9]{2}");
+    QCOMPARE(NEui48::regExpString(separators), expression.arg(ofEui48.join(latin1("|"))));
+    QCOMPARE(NEui64::regExpString(separators), expression.arg(ofEui64.join(latin1("|"))));
 }
 
 void tst_NEui::expressionOfNoSeparatorIsEmpty()
@@ -339,9 +338,9 @@ void tst_NEui::textOfAnEui48_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<int>("separator");
-    QTest::newRow("colons") << QString::fromLatin1("00:1A:2b:fF:80:7f") << int(NEuiBase::SeparatorColon);
-    QTest::newRow("dashes") << QString::fromLatin1("00-1A-2b-fF-80-7f") << int(NEuiBase::SeparatorDash);
-    QTest::newRow("nothing") << QString::fromLatin1("001A2bfF807f") << int(NEuiBase::SeparatorNone);
+    QTest::newRow("colons") << latin1("00:1A:2b:fF:80:7f") << int(NEuiBase::SeparatorColon);
+    QTest::newRow("dashes") << latin1("00-1A-2b-fF-80-7f") << int(NEuiBase::SeparatorDash);
+    QTest::newRow("nothing") << latin1("001A2bfF807f") << int(NEuiBase::SeparatorNone);
 }
 
 void tst_NEui::textOfAnEui48()
@@ -362,39 +361,39 @@ void tst_NEui::textOfAnEui48()
 void tst_NEui::textOfAnEui64()
 {
     const Separators all = NEuiBase::separators();
-    QVERIFY(holds(NEui64(QString::fromLatin1("00:1a:2B:ff:80:7F:09:A0"), all), EightBytes, 8));
-    QVERIFY(holds(NEui64(QString::fromLatin1("00-1a-2B-ff-80-7F-09-A0"), all), EightBytes, 8));
-    QVERIFY(holds(NEui64(QString::fromLatin1("001a2Bff807F09A0"), all), EightBytes, 8));
-    QVERIFY(isNullWithZeroBytes(NEui64(QString::fromLatin1("00:1a:2B:ff:80:7F"), all), 8));
+    QVERIFY(holds(NEui64(latin1("00:1a:2B:ff:80:7F:09:A0"), all), EightBytes, 8));
+    QVERIFY(holds(NEui64(latin1("00-1a-2B-ff-80-7F-09-A0"), all), EightBytes, 8));
+    QVERIFY(holds(NEui64(latin1("001a2Bff807F09A0"), all), EightBytes, 8));
+    QVERIFY(isNullWithZeroBytes(NEui64(latin1("00:1a:2B:ff:80:7F"), all), 8));
 }
 
 void tst_NEui::textThatIsNoEui48IsNull_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("null") << QString();
-    QTest::newRow("empty") << QString::fromLatin1("");
-    QTest::newRow("dash among colons") << QString::fromLatin1("00:1A-2B:3C:4D:5E");
-    QTest::newRow("colon left out") << QString::fromLatin1("00:1A2B:3C:4D:5E");
-    QTest::newRow("blank before") << QString::fromLatin1(" 00:1A:2B:3C:4D:5E");
-    QTest::newRow("blank after") << QString::fromLatin1("00:1A:2B:3C:4D:5E ");
-    QTest::newRow("line end after") << QString::fromLatin1("00:1A:2B:3C:4D:5E\n");
+    QTest::newRow("empty") << latin1("");
+    QTest::newRow("dash among colons") << latin1("00:1A-2B:3C:4D:5E");
+    QTest::newRow("colon left out") << latin1("00:1A2B:3C:4D:5E");
+    QTest::newRow("blank before") << latin1(" 00:1A:2B:3C:4D:5E");
+    QTest::newRow("blank after") << latin1("00:1A:2B:3C:4D:5E ");
+    QTest::newRow("line end after") << latin1("00:1A:2B:3C:4D:5E\n");
     QTest::newRow("NUL after") << QString::fromLatin1("00:1A:2B:3C:4D:5E\0", 18);
-    QTest::newRow("one digit for a byte") << QString::fromLatin1("0:1A:2B:3C:4D:5E");
-    QTest::newRow("three digits for a byte") << QString::fromLatin1("00:1A:2B:3C:4D:5E0");
-    QTest::newRow("digits moved") << QString::fromLatin1("0:01A:2B:3C:4D:5E");
-    QTest::newRow("five bytes") << QString::fromLatin1("00:1A:2B:3C:4D");
-    QTest::newRow("five bytes and a colon") << QString::fromLatin1("00:1A:2B:3C:4D:");
-    QTest::newRow("seven bytes") << QString::fromLatin1("00:1A:2B:3C:4D:5E:6F");
-    QTest::newRow("eight bytes") << QString::fromLatin1("00:1A:2B:3C:4D:5E:6F:70");
-    QTest::newRow("no hexadecimal digit") << QString::fromLatin1("00:1A:2B:3C:4D:5G");
-    QTest::newRow("sign instead of a digit") << QString::fromLatin1("00:1A:2B:3C:4D:+5");
-    QTest::newRow("prefix") << QString::fromLatin1("0x:1A:2B:3C:4D:5E");
-    QTest::newRow("other separator") << QString::fromLatin1("00.1A.2B.3C.4D.5E");
-    QTest::newRow("Arabic digit") << QString::fromLatin1("00:1A:2B:3C:4D:5").append(QChar(0x0660));
-    QTest::newRow("full-width letter") << QString::fromLatin1("00:1A:2B:3C:4D:5").append(QChar(0xff21));
-    QTest::newRow("low byte looks like a digit") << QString::fromLatin1("00:1A:2B:3C:4D:5").append(QChar(0x0130));
-    QTest::newRow("full-width colon") << QString::fromLatin1("00:1A:2B:3C:4D%15E").arg(QChar(0xff1a));
-    QTest::newRow("low byte looks like a colon") << QString::fromLatin1("00:1A:2B:3C:4D%15E").arg(QChar(0x013a));
+    QTest::newRow("one digit for a byte") << latin1("0:1A:2B:3C:4D:5E");
+    QTest::newRow("three digits for a byte") << latin1("00:1A:2B:3C:4D:5E0");
+    QTest::newRow("digits moved") << latin1("0:01A:2B:3C:4D:5E");
+    QTest::newRow("five bytes") << latin1("00:1A:2B:3C:4D");
+    QTest::newRow("five bytes and a colon") << latin1("00:1A:2B:3C:4D:");
+    QTest::newRow("seven bytes") << latin1("00:1A:2B:3C:4D:5E:6F");
+    QTest::newRow("eight bytes") << latin1("00:1A:2B:3C:4D:5E:6F:70");
+    QTest::newRow("no hexadecimal digit") << latin1("00:1A:2B:3C:4D:5G");
+    QTest::newRow("sign instead of a digit") << latin1("00:1A:2B:3C:4D:+5");
+    QTest::newRow("prefix") << latin1("0x:1A:2B:3C:4D:5E");
+    QTest::newRow("other separator") << latin1("00.1A.2B.3C.4D.5E");
+    QTest::newRow("Arabic digit") << latin1("00:1A:2B:3C:4D:5").append(QChar(0x0660));
+    QTest::newRow("full-width letter") << latin1("00:1A:2B:3C:4D:5").append(QChar(0xff21));
+    QTest::newRow("low byte looks like a digit") << latin1("00:1A:2B:3C:4D:5").append(QChar(0x0130));
+    QTest::newRow("full-width colon") << latin1("00:1A:2B:3C:4D%15E").arg(QChar(0xff1a));
+    QTest::newRow("low byte looks like a colon") << latin1("00:1A:2B:3C:4D%15E").arg(QChar(0x013a));
 }
 
 void tst_NEui::textThatIsNoEui48IsNull()
@@ -433,7 +432,7 @@ void tst_NEui::textIsReadAsTheDocumentedExpressionReadsIt()
 void tst_NEui::hugeTextIsNull()
 {
     QVERIFY(NEui48(QString(1000000, QLatin1Char('0')), NEuiBase::separators()).isNull());
-    QVERIFY(NEui64(QString::fromLatin1("00:").repeated(350000), NEuiBase::separators()).isNull());
+    QVERIFY(NEui64(latin1("00:").repeated(350000), NEuiBase::separators()).isNull());
 }
 
 void tst_NEui::byteOutsideTheRangeIsZero()
@@ -450,10 +449,10 @@ void tst_NEui::byteOutsideTheRangeIsZero()
 void tst_NEui::textHasTheChosenSeparatorAndLowerCase()
 {
     const NEui48 eui48(EightBytes);
-    QCOMPARE(eui48.toString(NEuiBase::SeparatorColon), QString::fromLatin1("00:1a:2b:ff:80:7f"));
-    QCOMPARE(eui48.toString(NEuiBase::SeparatorDash), QString::fromLatin1("00-1a-2b-ff-80-7f"));
-    QCOMPARE(eui48.toString(NEuiBase::SeparatorNone), QString::fromLatin1("001a2bff807f"));
-    QCOMPARE(NEui64(EightBytes).toString(NEuiBase::SeparatorDash), QString::fromLatin1("00-1a-2b-ff-80-7f-09-a0"));
+    QCOMPARE(eui48.toString(NEuiBase::SeparatorColon), latin1("00:1a:2b:ff:80:7f"));
+    QCOMPARE(eui48.toString(NEuiBase::SeparatorDash), latin1("00-1a-2b-ff-80-7f"));
+    QCOMPARE(eui48.toString(NEuiBase::SeparatorNone), latin1("001a2bff807f"));
+    QCOMPARE(NEui64(EightBytes).toString(NEuiBase::SeparatorDash), latin1("00-1a-2b-ff-80-7f-09-a0"));
 }
 
 void tst_NEui::textReadsBackAsTheSameAddress()

@@ -2,6 +2,8 @@
 
 #include <nbase/network/nmacaddress.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QRegExp>
 #include <QtTest/QtTest>
 
@@ -43,7 +45,7 @@ void tst_NMacAddress::onlyColonsAreAllowed()
     const NEuiBase::Separator* const separator = &NMacAddress::S_SEPARATOR;
     QCOMPARE(int(*separator), int(NEuiBase::SeparatorColon));
     QCOMPARE(NMacAddress::S_ALLOWED_EUI_SEPARATORS, QSet<NEuiBase::Separator>() << NEuiBase::SeparatorColon);
-    QCOMPARE(NMacAddress::S_REG_EXP_STRING, QString::fromLatin1("(?:[A-Fa-f0-9]{2}:){5}[A-Fa-f0-9]{2}"));
+    QCOMPARE(NMacAddress::S_REG_EXP_STRING, latin1("(?:[A-Fa-f0-9]{2}:){5}[A-Fa-f0-9]{2}"));
 }
 
 void tst_NMacAddress::constructorsAreThoseOfAnEui48()
@@ -71,23 +73,23 @@ void tst_NMacAddress::constructorsAreThoseOfAnEui48()
 
 void tst_NMacAddress::textWithColonsIsAnAddress()
 {
-    QVERIFY(holdsSixBytes(NMacAddress(QString::fromLatin1("00:1A:2b:3C:4d:5E"))));
-    QVERIFY(!NMacAddress(QString::fromLatin1("00:00:00:00:00:00")).isNull());
+    QVERIFY(holdsSixBytes(NMacAddress(latin1("00:1A:2b:3C:4d:5E"))));
+    QVERIFY(!NMacAddress(latin1("00:00:00:00:00:00")).isNull());
 }
 
 void tst_NMacAddress::otherTextIsNull_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("null") << QString();
-    QTest::newRow("empty") << QString::fromLatin1("");
-    QTest::newRow("dashes") << QString::fromLatin1("00-1A-2B-3C-4D-5E");
-    QTest::newRow("no separators") << QString::fromLatin1("001A2B3C4D5E");
-    QTest::newRow("a dash among colons") << QString::fromLatin1("00:1A-2B:3C:4D:5E");
-    QTest::newRow("blank before") << QString::fromLatin1(" 00:1A:2B:3C:4D:5E");
-    QTest::newRow("blank after") << QString::fromLatin1("00:1A:2B:3C:4D:5E ");
-    QTest::newRow("one digit for a byte") << QString::fromLatin1("0:1A:2B:3C:4D:5E");
-    QTest::newRow("seven bytes") << QString::fromLatin1("00:1A:2B:3C:4D:5E:6F");
-    QTest::newRow("a million characters") << QString::fromLatin1("00:").repeated(333333);
+    QTest::newRow("empty") << latin1("");
+    QTest::newRow("dashes") << latin1("00-1A-2B-3C-4D-5E");
+    QTest::newRow("no separators") << latin1("001A2B3C4D5E");
+    QTest::newRow("a dash among colons") << latin1("00:1A-2B:3C:4D:5E");
+    QTest::newRow("blank before") << latin1(" 00:1A:2B:3C:4D:5E");
+    QTest::newRow("blank after") << latin1("00:1A:2B:3C:4D:5E ");
+    QTest::newRow("one digit for a byte") << latin1("0:1A:2B:3C:4D:5E");
+    QTest::newRow("seven bytes") << latin1("00:1A:2B:3C:4D:5E:6F");
+    QTest::newRow("a million characters") << latin1("00:").repeated(333333);
 }
 
 void tst_NMacAddress::otherTextIsNull()
@@ -99,8 +101,7 @@ void tst_NMacAddress::otherTextIsNull()
 void tst_NMacAddress::aMillionTextsAreReadAsTheDocumentedExpressionReadsThem()
 {
     const QRegExp expression(NMacAddress::S_REG_EXP_STRING);
-    const QStringList separators = QStringList() << QString::fromLatin1(":") << QString::fromLatin1("-")
-                                                 << QString::fromLatin1("");
+    const QStringList separators = QStringList() << latin1(":") << latin1("-") << latin1("");
     int valid = 0;
     NRandomTexts random;
     for (int count = 0; count < 1000000; ++count) {
@@ -117,8 +118,8 @@ void tst_NMacAddress::aMillionTextsAreReadAsTheDocumentedExpressionReadsThem()
 void tst_NMacAddress::textHasColons()
 {
     const NMacAddress address(SixBytes);
-    QCOMPARE(address.toString(), QString::fromLatin1("00:1a:2b:3c:4d:5e"));
-    QCOMPARE(address.toString(NEuiBase::SeparatorDash), QString::fromLatin1("00-1a-2b-3c-4d-5e"));
+    QCOMPARE(address.toString(), latin1("00:1a:2b:3c:4d:5e"));
+    QCOMPARE(address.toString(NEuiBase::SeparatorDash), latin1("00-1a-2b-3c-4d-5e"));
     QCOMPARE(NMacAddress(address.toString()), address);
     QVERIFY(NMacAddress().toString().isNull());
 }
@@ -135,7 +136,7 @@ void tst_NMacAddress::addressesAreKeysOfHashes()
     QHash<NMacAddress, int> numbers;
     numbers.insert(NMacAddress(SixBytes), 1);
     numbers.insert(NMacAddress(), 2);
-    QCOMPARE(numbers.value(NMacAddress(QString::fromLatin1("00:1a:2b:3c:4d:5e"))), 1);
+    QCOMPARE(numbers.value(NMacAddress(latin1("00:1a:2b:3c:4d:5e"))), 1);
     QCOMPARE(numbers.value(NMacAddress()), 2);
     QVERIFY(!numbers.contains(NMacAddress(0, 0, 0, 0, 0, 0)));
 }

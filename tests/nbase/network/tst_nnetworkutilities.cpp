@@ -5,6 +5,8 @@
 
 #include "support/nthreads.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QMetaEnum>
 #include <QtCore/QRegExp>
 #include <QtTest/QtTest>
@@ -57,11 +59,6 @@ private slots:
 namespace {
 
 const int LengthOfHostileTexts = 1000000;
-
-QString latin1(const char* text)
-{
-    return QString::fromLatin1(text);
-}
 
 QString letters(int count)
 {

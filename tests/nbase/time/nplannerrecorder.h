@@ -3,6 +3,8 @@
 
 #include <nbase/time/neventplanner.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QStringList>
 
 #include <functional>
@@ -47,28 +49,28 @@ private slots:
     void recordEvent(const NEventPlanner::NPeriodicEvent* event)
     {
         lastEvent = event;
-        record(QString::fromLatin1("event ") + text(event->time));
+        record(latin1("event ") + text(event->time));
     }
 
     void recordStart(const NEventPlanner::NPeriodicTimeSlot* timeSlot)
     {
         lastTimeSlot = timeSlot;
-        record(QString::fromLatin1("start ") + text(timeSlot));
+        record(latin1("start ") + text(timeSlot));
     }
 
     void recordEnd(const NEventPlanner::NPeriodicTimeSlot* timeSlot)
     {
         lastTimeSlot = timeSlot;
-        record(QString::fromLatin1("end ") + text(timeSlot));
+        record(latin1("end ") + text(timeSlot));
     }
 
     void recordCalendar(NEventPlanner::CalendarEvent event)
     {
-        record(QString::fromLatin1("calendar ") + QString::number(int(event)));
+        record(latin1("calendar ") + QString::number(int(event)));
     }
 
 private:
-    static QString text(const QTime& time) { return time.toString(QString::fromLatin1("hhmm")); }
+    static QString text(const QTime& time) { return time.toString(latin1("hhmm")); }
 
     static QString text(const NEventPlanner::NPeriodicTimeSlot* timeSlot)
     {

@@ -1,5 +1,7 @@
 #include "support/ntemporarydirectory.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QDir>
 #include <QtCore/QDirIterator>
 #include <QtCore/QFile>
@@ -54,7 +56,7 @@ private slots:
     void callWithoutATargetIsRefused();
 
 private:
-    bool makeZones(const QString& targetName = QString::fromLatin1("a target"));
+    bool makeZones(const QString& targetName = latin1("a target"));
     QString target(const char* name) const;
     QByteArray content(const char* name) const;
     QStringList zones() const;
@@ -84,9 +86,8 @@ bool tst_MakeZones::makeZones(const QString& targetName)
     QProcess script;
     script.setProcessChannelMode(QProcess::MergedChannels);
     script.start(
-        QString::fromLatin1(NBASE_MAKE_ZONES), QStringList()
-                                                   << m_directory->filePath(targetName)
-                                                   << m_directory->filePath(QString::fromLatin1("a source")));
+        latin1(NBASE_MAKE_ZONES),
+        QStringList() << m_directory->filePath(targetName) << m_directory->filePath(latin1("a source")));
     if (!script.waitForFinished())
         return false;
     m_message = script.readAll();
@@ -95,7 +96,7 @@ bool tst_MakeZones::makeZones(const QString& targetName)
 
 QString tst_MakeZones::target(const char* name) const
 {
-    return m_directory->filePath(QString::fromLatin1("a target/") + QString::fromLatin1(name));
+    return m_directory->filePath(latin1("a target/") + latin1(name));
 }
 
 QByteArray tst_MakeZones::content(const char* name) const
@@ -121,13 +122,13 @@ QStringList tst_MakeZones::zones() const
 
 void tst_MakeZones::link(const char* destination, const char* name) const
 {
-    const QByteArray path = QFile::encodeName(m_directory->filePath(QString::fromLatin1("a source/"))) + name;
+    const QByteArray path = QFile::encodeName(m_directory->filePath(latin1("a source/"))) + name;
     QCOMPARE(::symlink(destination, path.constData()), 0);
 }
 
 void tst_MakeZones::writeSource(const char* name, const QByteArray& content) const
 {
-    m_directory->writeFile(QString::fromLatin1("a source/") + QString::fromLatin1(name), content);
+    m_directory->writeFile(latin1("a source/") + latin1(name), content);
 }
 
 void tst_MakeZones::everyZoneBecomesAFileWithItsString()
@@ -138,8 +139,8 @@ void tst_MakeZones::everyZoneBecomesAFileWithItsString()
     writeSource("UTC", compiledZone("UTC0"));
     QVERIFY2(makeZones(), m_message.constData());
     QCOMPARE(
-        zones().join(QString::fromLatin1(" ")),
-        QString::fromLatin1("America/Argentina/Buenos_Aires America/Port-au-Prince Etc/GMT+12 Europe/Paris UTC"));
+        zones().join(latin1(" ")),
+        latin1("America/Argentina/Buenos_Aires America/Port-au-Prince Etc/GMT+12 Europe/Paris UTC"));
     QCOMPARE(content("uclibc/Europe/Paris"), QByteArray("CET-1CEST,M3.5.0,M10.5.0/3\n"));
     QCOMPARE(content("uclibc/America/Argentina/Buenos_Aires"), QByteArray("<-03>3\n"));
     QCOMPARE(content("uclibc/America/Port-au-Prince"), QByteArray("EST5EDT,M3.2.0,M11.1.0\n"));
@@ -164,7 +165,7 @@ void tst_MakeZones::linksAreZonesToo()
 {
     link("Europe/Paris", "France");
     link("Europe", "Old");
-    const QByteArray source = QFile::encodeName(m_directory->filePath(QString::fromLatin1("a source/")));
+    const QByteArray source = QFile::encodeName(m_directory->filePath(latin1("a source/")));
     QCOMPARE(::link((source + "Europe/Paris").constData(), (source + "Europe/Monaco").constData()), 0);
     QVERIFY2(makeZones(), m_message.constData());
     QCOMPARE(content("uclibc/France"), QByteArray("CET-1CEST,M3.5.0,M10.5.0/3\n"));
@@ -177,7 +178,7 @@ void tst_MakeZones::zonesWithoutAStringAreLeftOut()
 {
     writeSource("Africa/Nowhere", compiledZone(""));
     QVERIFY2(makeZones(), m_message.constData());
-    QCOMPARE(zones(), QStringList(QString::fromLatin1("Europe/Paris")));
+    QCOMPARE(zones(), QStringList(latin1("Europe/Paris")));
     QVERIFY(!QFileInfo(target("uclibc/Africa")).exists());
 }
 
@@ -217,7 +218,7 @@ void tst_MakeZones::whatIsNoZoneIsLeftOut()
     else
         link(linkTo.constData(), name.constData());
     QVERIFY2(makeZones(), m_message.constData());
-    QCOMPARE(zones(), QStringList(QString::fromLatin1("Europe/Paris")));
+    QCOMPARE(zones(), QStringList(latin1("Europe/Paris")));
 }
 
 void tst_MakeZones::secondRunChangesNothing()
@@ -243,19 +244,19 @@ void tst_MakeZones::newDataReplacesOld()
     QCOMPARE(content("uclibc/Europe/Rome"), QByteArray("CET-1\n"));
     QCOMPARE(content("version"), QByteArray("2032a\n"));
 
-    QVERIFY(QFile::remove(m_directory->filePath(QString::fromLatin1("a source/Europe/Rome"))));
+    QVERIFY(QFile::remove(m_directory->filePath(latin1("a source/Europe/Rome"))));
     QVERIFY2(makeZones(), m_message.constData());
-    QCOMPARE(zones(), QStringList(QString::fromLatin1("Europe/Paris")));
+    QCOMPARE(zones(), QStringList(latin1("Europe/Paris")));
 }
 
 void tst_MakeZones::otherFilesInTheTargetStay()
 {
-    m_directory->writeFile(QString::fromLatin1("a target/mine"), "mine");
+    m_directory->writeFile(latin1("a target/mine"), "mine");
     QVERIFY2(makeZones(), m_message.constData());
     QCOMPARE(content("mine"), QByteArray("mine"));
     QStringList entries = QDir(target("")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     entries.sort();
-    QCOMPARE(entries.join(QString::fromLatin1(" ")), QString::fromLatin1("mine uclibc version zone.tab"));
+    QCOMPARE(entries.join(latin1(" ")), latin1("mine uclibc version zone.tab"));
 }
 
 void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays_data()
@@ -264,14 +265,13 @@ void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays_data()
     QTest::addColumn<QByteArray>("newContent");
     QTest::addColumn<QByteArray>("message");
     const QByteArray none;
-    QTest::newRow("no table") << QString::fromLatin1("zone.tab") << none << QByteArray("there is no");
-    QTest::newRow("no version file") << QString::fromLatin1("tzdata.zi") << none << QByteArray("there is no");
-    QTest::newRow("no version") << QString::fromLatin1("tzdata.zi") << QByteArray("# tzdb\n# version 1\n")
+    QTest::newRow("no table") << latin1("zone.tab") << none << QByteArray("there is no");
+    QTest::newRow("no version file") << latin1("tzdata.zi") << none << QByteArray("there is no");
+    QTest::newRow("no version") << latin1("tzdata.zi") << QByteArray("# tzdb\n# version 1\n")
                                 << QByteArray("names no version");
-    QTest::newRow("no zones") << QString::fromLatin1("Europe/Paris") << none
-                              << QByteArray("there are no compiled zone files");
+    QTest::newRow("no zones") << latin1("Europe/Paris") << none << QByteArray("there are no compiled zone files");
     QTest::newRow("no zone with a string")
-        << QString::fromLatin1("Europe/Paris") << compiledZone("") << QByteArray("ends in a TZ string");
+        << latin1("Europe/Paris") << compiledZone("") << QByteArray("ends in a TZ string");
 }
 
 void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays()
@@ -280,14 +280,14 @@ void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays()
     QFETCH(QByteArray, newContent);
     QFETCH(QByteArray, message);
     QVERIFY2(makeZones(), m_message.constData());
-    QVERIFY(QFile::remove(m_directory->filePath(QString::fromLatin1("a source/") + name)));
+    QVERIFY(QFile::remove(m_directory->filePath(latin1("a source/") + name)));
     if (!newContent.isEmpty())
         writeSource(name.toLatin1().constData(), newContent);
 
     QVERIFY(!makeZones());
     QVERIFY2(m_message.startsWith("make-zones.sh: ") && m_message.contains(message), m_message.constData());
     QCOMPARE(m_message.count('\n'), 1);
-    QCOMPARE(zones(), QStringList(QString::fromLatin1("Europe/Paris")));
+    QCOMPARE(zones(), QStringList(latin1("Europe/Paris")));
     QCOMPARE(content("version"), QByteArray("2031b\n"));
     QCOMPARE(QDir(target("")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(), 3);
 }
@@ -295,7 +295,7 @@ void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays()
 void tst_MakeZones::callWithoutATargetIsRefused()
 {
     QProcess script;
-    script.start(QString::fromLatin1(NBASE_MAKE_ZONES), QStringList());
+    script.start(latin1(NBASE_MAKE_ZONES), QStringList());
     QVERIFY(script.waitForFinished());
     QVERIFY(script.exitCode() != 0);
     QVERIFY(script.readAllStandardError().contains("usage: make-zones.sh"));

@@ -4,6 +4,8 @@
 #include "support/ntemporarydirectory.h"
 #include "support/nwithoutfileoverride.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -25,11 +27,6 @@ namespace {
 typedef NBuildrootUclibcTimeZoneDatabase Database;
 
 const char DatabaseFolder[] = "/usr/share/zoneinfo";
-
-QString latin1(const char* text)
-{
-    return QString::fromLatin1(text);
-}
 
 QString databasePath(const QString& name)
 {
@@ -258,7 +255,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::everyZoneOfThisSystemIsAsItsDataSay()
             continue;
         lines.append(line);
         const QByteArray zone = line.split('\t').at(2);
-        const QByteArray compiled = contentOf(databasePath(QString::fromLatin1(zone)));
+        const QByteArray compiled = contentOf(databasePath(latin1(zone)));
         codes.insert(zone, compiled.split('\n').at(compiled.count('\n') - 1));
     }
     const QByteArray version = contentOf(databasePath(latin1("tzdata.zi"))).split('\n').at(0).split(' ').last();
@@ -274,25 +271,23 @@ void tst_NBuildrootUclibcTimeZoneDatabase::everyZoneOfThisSystemIsAsItsDataSay()
         const QByteArray region = zone.left(zone.indexOf('/'));
         const QByteArray town = zone.mid(zone.indexOf('/') + 1);
         const int longitude = int(qMax(parts.at(1).lastIndexOf('+'), parts.at(1).lastIndexOf('-')));
-        const NTimeZoneTown* const found = database.town(QString::fromLatin1(region), QString::fromLatin1(town));
+        const NTimeZoneTown* const found = database.town(latin1(region), latin1(town));
         QVERIFY2(found, zone.constData());
-        QCOMPARE(found->name(), QString::fromLatin1(QByteArray(town).replace('_', ' ')));
+        QCOMPARE(found->name(), latin1(QByteArray(town).replace('_', ' ')));
         QVERIFY2(!codes.value(zone).isEmpty(), zone.constData());
-        QCOMPARE(found->timezoneCode(), QString::fromLatin1(codes.value(zone)));
-        QCOMPARE(found->countryCode(), QString::fromLatin1(parts.at(0)));
+        QCOMPARE(found->timezoneCode(), latin1(codes.value(zone)));
+        QCOMPARE(found->countryCode(), latin1(parts.at(0)));
         QVERIFY2(fabs(found->latitude() - degreesOf(parts.at(1).left(longitude), 2)) < 1e-5, line.constData());
         QVERIFY2(fabs(found->longitude() - degreesOf(parts.at(1).mid(longitude), 3)) < 2e-5, line.constData());
-        QCOMPARE(found->comment(), QString::fromLatin1(parts.value(3)));
-        QCOMPARE(
-            database.regionAndTownToTimeZoneName(QString::fromLatin1(region), QString::fromLatin1(town)),
-            QString::fromLatin1(zone));
+        QCOMPARE(found->comment(), latin1(parts.value(3)));
+        QCOMPARE(database.regionAndTownToTimeZoneName(latin1(region), latin1(town)), latin1(zone));
     }
     int towns = 0;
     for (const NTimeZoneRegion* region : database.regions())
         towns += region->towns().size();
     QCOMPARE(towns, codes.size());
     QVERIFY(!version.isEmpty());
-    QCOMPARE(database.version(), QString::fromLatin1(version));
+    QCOMPARE(database.version(), latin1(version));
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabase::degreesMinutesAndSecondsBecomeDecimal_data()
@@ -365,11 +360,11 @@ void tst_NBuildrootUclibcTimeZoneDatabase::commentOfATown_data()
 {
     QTest::addColumn<QByteArray>("end");
     QTest::addColumn<QString>("comment");
-    QTest::newRow("none") << QByteArray("\n") << QString::fromLatin1("");
+    QTest::newRow("none") << QByteArray("\n") << latin1("");
     QTest::newRow("some") << QByteArray("\tmost of France\n") << latin1("most of France");
     QTest::newRow("blanks around it") << QByteArray("\t  most of France \t \n") << latin1("  most of France");
     QTest::newRow("tabs in it") << QByteArray("\tmost\tof\tFrance\n") << latin1("most\tof\tFrance");
-    QTest::newRow("a tab only") << QByteArray("\t\n") << QString::fromLatin1("");
+    QTest::newRow("a tab only") << QByteArray("\t\n") << latin1("");
     QTest::newRow("line end of another system") << QByteArray("\tmost of France\r\n") << latin1("most of France");
     QTest::newRow("bytes beyond ASCII") << QByteArray("\tR\xe9union\n") << latin1("R\xe9union");
     QTest::newRow("NUL byte") << QByteArray("\tmost \0of France\n", 17) << latin1("most");
@@ -406,7 +401,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::linesOfTheTable_data()
 {
     QTest::addColumn<QByteArray>("line");
     QTest::addColumn<QString>("regions");
-    const QString none = QString::fromLatin1("");
+    const QString none = latin1("");
     const QString europe = latin1("Europe");
     QTest::newRow("a zone") << QByteArray("FR\t+4852+00220\tEurope/Paris\n") << europe;
     QTest::newRow("white space around it") << QByteArray(" \t FR\t+4852+00220\tEurope/Paris \t\v\f\r\n") << europe;
@@ -442,7 +437,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::lastOfSeveralLinesForATownCounts()
     QVERIFY(town);
     QCOMPARE(town->countryCode(), latin1("FX"));
     QVERIFY(town->latitude() == 1.0f);
-    QCOMPARE(town->comment(), QString::fromLatin1(""));
+    QCOMPARE(town->comment(), latin1(""));
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabase::lineOfTheTableThatIsTooLongIsLeftOut()
@@ -505,8 +500,8 @@ void tst_NBuildrootUclibcTimeZoneDatabase::regionWithoutAMatchingFileHasNoTowns(
     makeDirectory("uclibc/Antarctica");
     const Database database;
     QCOMPARE(regionNames(database), latin1("Antarctica Europe"));
-    QCOMPARE(townNames(database, "Antarctica"), QString::fromLatin1(""));
-    QCOMPARE(townNames(database, "Europe"), QString::fromLatin1(""));
+    QCOMPARE(townNames(database, "Antarctica"), latin1(""));
+    QCOMPARE(townNames(database, "Europe"), latin1(""));
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabase::regionThatIsAFileIsNone()
@@ -548,7 +543,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::townThatIsADirectoryIsNone()
 {
     writeTable("AR\t-3436-05827\tAmerica/Argentina\n");
     const Database database;
-    QCOMPARE(townNames(database, "America"), QString::fromLatin1(""));
+    QCOMPARE(townNames(database, "America"), latin1(""));
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabase::firstLineOfAZoneFileIsItsCode_data()
@@ -560,11 +555,11 @@ void tst_NBuildrootUclibcTimeZoneDatabase::firstLineOfAZoneFileIsItsCode_data()
     QTest::newRow("several lines") << QByteArray("CET-1CEST\nEET-2\n") << latin1("CET-1CEST");
     QTest::newRow("white space around it") << QByteArray(" \t\v\fCET-1CEST \r\n") << latin1("CET-1CEST");
     QTest::newRow("white space in it") << QByteArray("CET -1\n") << latin1("CET -1");
-    QTest::newRow("empty first line") << QByteArray("\nCET-1\n") << QString::fromLatin1("");
-    QTest::newRow("empty") << QByteArray() << QString::fromLatin1("");
+    QTest::newRow("empty first line") << QByteArray("\nCET-1\n") << latin1("");
+    QTest::newRow("empty") << QByteArray() << latin1("");
     QTest::newRow("NUL byte") << QByteArray("CET-1\0CEST\n", 11) << latin1("CET-1");
     QTest::newRow("blank before a NUL byte stays") << QByteArray(" CET-1 \0CEST\n", 13) << latin1("CET-1 ");
-    QTest::newRow("NUL byte first") << QByteArray("\0CET-1\n", 7) << QString::fromLatin1("");
+    QTest::newRow("NUL byte first") << QByteArray("\0CET-1\n", 7) << latin1("");
     QTest::newRow("compiled zone file") << QByteArray("TZif2\0\0\0\n\nCET-1\n", 16) << latin1("TZif2");
     QTest::newRow("bytes beyond ASCII") << QByteArray("\xff\x80\xe9\n") << latin1("\xff\x80\xe9");
     QTest::newRow("line feed at the end of a buffer") << QByteArray(16383, 'x') + "\nEET-2\n"
@@ -599,7 +594,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::hugeFirstLineIsLeftOut()
     writeFile("uclibc/Europe/London", "GMT0BST,M3.5.0/1,M10.5.0\n");
     const Database database;
     QCOMPARE(timezoneCode(database, "Europe", "Paris"), latin1("(no town)"));
-    QCOMPARE(timezoneCode(database, "Europe", "Rome"), QString::fromLatin1(""));
+    QCOMPARE(timezoneCode(database, "Europe", "Rome"), latin1(""));
     QCOMPARE(timezoneCode(database, "Europe", "London"), latin1("GMT0BST,M3.5.0/1,M10.5.0"));
 }
 
@@ -640,7 +635,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::directoryWithoutPermissionIsLeftOut()
         const NWithoutFileOverride permissionsCount;
         const Database database;
         QCOMPARE(regionNames(database), latin1("America Europe"));
-        QCOMPARE(townNames(database, "America"), QString::fromLatin1(""));
+        QCOMPARE(townNames(database, "America"), latin1(""));
         QCOMPARE(townNames(database, "Europe"), latin1("Paris"));
     }
     QCOMPARE(::chmod(databasePath("uclibc").constData(), 0), 0);
@@ -736,8 +731,8 @@ void tst_NBuildrootUclibcTimeZoneDatabase::versionIsTheFirstLineOfItsFile_data()
     QTest::newRow("white space around it") << QByteArray("\t 2024a \r\n") << latin1("2024a");
     QTest::newRow("NUL byte") << QByteArray("2024 \0a\n", 8) << latin1("2024 ");
     QTest::newRow("bytes beyond ASCII") << QByteArray("2024\xe4\n") << latin1("2024\xe4");
-    QTest::newRow("empty") << QByteArray() << QString::fromLatin1("");
-    QTest::newRow("without end") << QByteArray(3 * 1024 * 1024, 'x') << QString::fromLatin1("");
+    QTest::newRow("empty") << QByteArray() << latin1("");
+    QTest::newRow("without end") << QByteArray(3 * 1024 * 1024, 'x') << latin1("");
 }
 
 void tst_NBuildrootUclibcTimeZoneDatabase::versionIsTheFirstLineOfItsFile()

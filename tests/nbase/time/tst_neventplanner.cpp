@@ -3,6 +3,8 @@
 
 #include <nbase/time/neventplanner.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QEventLoop>
 #include <QtCore/QMetaEnum>
 #include <QtCore/QScopedPointer>
@@ -131,7 +133,7 @@ QStringList list(const QString& reports)
 
 QStringList list(const char* reports)
 {
-    return list(QString::fromLatin1(reports));
+    return list(latin1(reports));
 }
 
 } // namespace
@@ -462,7 +464,7 @@ void tst_NEventPlanner::changeThroughThePointerOfASlotCountsFromTheNextMinute_da
     // Registered at 07:00 on Monday, changed in that minute.
     const auto row = [](const char* name, const TimeSlot& before, const TimeSlot& after, const char* report) {
         QTest::newRow(name) << before.days << before.startTime << before.endTime << after.days << after.startTime
-                            << after.endTime << QString::fromLatin1(report);
+                            << after.endTime << latin1(report);
     };
     const Days monday = on(Qt::Monday);
     const Days tuesday = on(Qt::Tuesday);
@@ -729,7 +731,7 @@ void tst_NEventPlanner::calendarEventsFollowTheDifferences_data()
     QTest::addColumn<QDateTime>("after");
     QTest::addColumn<QString>("numbers");
     const auto row = [](const char* name, const QDateTime& before, const QDateTime& after, const char* numbers) {
-        QTest::newRow(name) << before << after << QString::fromLatin1(numbers);
+        QTest::newRow(name) << before << after << latin1(numbers);
     };
     row("a minute", at(2026, 1, 5, 7, 29), at(2026, 1, 5, 7, 30), "0");
     row("an hour", at(2026, 1, 5, 7, 59), at(2026, 1, 5, 8, 0), "01");
@@ -764,7 +766,7 @@ void tst_NEventPlanner::calendarEventsFollowTheDifferences()
     tick(after);
     QStringList expected;
     for (const QChar& number : numbers)
-        expected << QString::fromLatin1("calendar ") + number;
+        expected << latin1("calendar ") + number;
     QCOMPARE(take(), expected);
 }
 
@@ -836,7 +838,7 @@ void tst_NEventPlanner::jumpIsOneNewMinute_data()
     QTest::addColumn<QDateTime>("after");
     QTest::addColumn<QString>("reports");
     const auto row = [](const char* name, const QDateTime& after, const char* reports) {
-        QTest::newRow(name) << after << QString::fromLatin1(reports);
+        QTest::newRow(name) << after << latin1(reports);
     };
     // From Wednesday, 7 January 2026, 12:00, in the slot of Wednesday.
     row("minutes forward", at(2026, 1, 7, 12, 20), "");
@@ -956,12 +958,12 @@ void tst_NEventPlanner::deletedTickerEndsTheSlots()
     other.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0));
     take();
     recorder.handler = [&](const QString&) {
-        m_reports << QString::fromLatin1(
+        m_reports << latin1(
             planner.registerPeriodicTimeSlot(everyDay(), QTime(6, 0), QTime(8, 0)) ? "registered" : "refused");
     };
     delete ticker();
     QStringList reports = take();
-    reports.removeOne(QString::fromLatin1("refused"));
+    reports.removeOne(latin1("refused"));
     QCOMPARE(reports, list("end 0600-0800,end 0600-0800"));
     tick(at(Qt::Monday, 7, 1));
     QCOMPARE(take(), QStringList());
@@ -1061,8 +1063,8 @@ void tst_NEventPlanner::whatIsRegisteredIsNotTakenForWhatWasUnregistered()
     };
     planner.unregisterPeriodicTimeSlot(nullptr);
     const QStringList reports = take();
-    QCOMPARE(reports.count(QString::fromLatin1("end 0600-0800")), EventCount);
-    QCOMPARE(reports.count(QString::fromLatin1("start 0500-0800")), EventCount);
+    QCOMPARE(reports.count(latin1("end 0600-0800")), EventCount);
+    QCOMPARE(reports.count(latin1("start 0500-0800")), EventCount);
     QCOMPARE(reports.size(), 2 * EventCount);
     for (TimeSlot* timeSlot : added)
         QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
@@ -1148,8 +1150,8 @@ void tst_NEventPlanner::registeringGivesNothingWhenTheStartUnregistersTheSlot()
 void tst_NEventPlanner::furtherReceiversCanReadWhatTheFirstUnregistered()
 {
     NEventPlanner planner(nullptr);
-    NPlannerRecorder first(&planner, &m_reports, QString::fromLatin1("first "));
-    NPlannerRecorder second(&planner, &m_reports, QString::fromLatin1("second "));
+    NPlannerRecorder first(&planner, &m_reports, latin1("first "));
+    NPlannerRecorder second(&planner, &m_reports, latin1("second "));
     first.handler = [&](const QString& report) {
         if (report.startsWith(QLatin1String("end")))
             return;
@@ -1185,7 +1187,7 @@ void tst_NEventPlanner::minutesGoOnInANestedEventLoopWithoutLoss()
         QMetaObject::invokeMethod(ticker(), "newMinute", Qt::QueuedConnection);
         QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection);
         loop.exec();
-        m_reports << QString::fromLatin1("loop ends");
+        m_reports << latin1("loop ends");
     };
     tick(at(Qt::Monday, 7, 1));
     QCOMPARE(
@@ -1244,7 +1246,7 @@ void tst_NEventPlanner::receiversMayDoAnything_data()
             if (cause == QLatin1String("deleting") && action != QLatin1String("delete other") &&
                 action.startsWith(QLatin1String("delete")) && action != QLatin1String("delete ticker"))
                 continue;
-            QTest::newRow(qPrintable(cause + QString::fromLatin1(": ") + action)) << cause << action;
+            QTest::newRow(qPrintable(cause + latin1(": ") + action)) << cause << action;
         }
     }
 }

@@ -8,6 +8,8 @@
 #include "support/nprivatenamespace.h"
 #include "support/ntemporarydirectory.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QTimer>
 #include <QtTest/QtTest>
 
@@ -32,8 +34,7 @@ const char* const ZoneFile = "/etc/localtime";
 
 void mountZone(const char* zone)
 {
-    NPrivateNamespace::mountCopy(
-        QString::fromLatin1("/usr/share/zoneinfo/") + QString::fromLatin1(zone), QString::fromLatin1(ZoneFile));
+    NPrivateNamespace::mountCopy(latin1("/usr/share/zoneinfo/") + latin1(zone), latin1(ZoneFile));
 }
 
 QByteArray bigEndian(const QList<quint32>& numbers)
@@ -70,14 +71,14 @@ void tst_NEventPlannerZoneFile::cleanup()
 {
     delete ticker();
     NSystemCalls::resetClock();
-    NPrivateNamespace::unmount(QString::fromLatin1(ZoneFile));
+    NPrivateNamespace::unmount(latin1(ZoneFile));
 }
 
 void tst_NEventPlannerZoneFile::fileMayBeReplaced_data()
 {
     QTest::addColumn<QString>("occasion");
-    QTest::newRow("the next minute") << QString::fromLatin1("newMinute");
-    QTest::newRow("a notice") << QString::fromLatin1("currentDateTimeChanged");
+    QTest::newRow("the next minute") << latin1("newMinute");
+    QTest::newRow("a notice") << latin1("currentDateTimeChanged");
 }
 
 // The process is not told by the system, and nobody calls tzset().
@@ -91,14 +92,14 @@ void tst_NEventPlannerZoneFile::fileMayBeReplaced()
     NPlannerRecorder recorder(&planner, &reports);
     planner.registerPeriodicEvent(monday, QTime(16, 0));
     planner.registerPeriodicTimeSlot(monday, QTime(8, 0), QTime(9, 0));
-    QCOMPARE(reports, QStringList(QString::fromLatin1("start 0800-0900")));
+    QCOMPARE(reports, QStringList(latin1("start 0800-0900")));
     reports.clear();
 
     // 16:00 in Tokyo.
     mountZone("Asia/Tokyo");
     QVERIFY(QMetaObject::invokeMethod(ticker(), occasion.toLatin1().constData()));
-    NPrivateNamespace::unmount(QString::fromLatin1(ZoneFile));
-    QCOMPARE(reports, QStringList() << QString::fromLatin1("event 1600") << QString::fromLatin1("end 0800-0900"));
+    NPrivateNamespace::unmount(latin1(ZoneFile));
+    QCOMPARE(reports, QStringList() << latin1("event 1600") << latin1("end 0800-0900"));
 }
 
 // Where the zone counts leap seconds, the last minute of 30 June has 61 seconds.
@@ -107,8 +108,8 @@ void tst_NEventPlannerZoneFile::minuteWithALeapSecondIsReportedOnce()
     const qint64 leapSecond = QDateTime(QDate(2026, 7, 1), QTime(0, 0), Qt::UTC).toMSecsSinceEpoch();
     const NTemporaryDirectory directory;
     const QByteArray zone = zoneWithLeapSecond(quint32(leapSecond / 1000));
-    const QString file = directory.writeFile(QString::fromLatin1("zone"), zone);
-    NPrivateNamespace::mountCopy(file, QString::fromLatin1(ZoneFile));
+    const QString file = directory.writeFile(latin1("zone"), zone);
+    NPrivateNamespace::mountCopy(file, latin1(ZoneFile));
 
     QStringList reports;
     NEventPlanner planner(nullptr);
@@ -121,9 +122,9 @@ void tst_NEventPlannerZoneFile::minuteWithALeapSecondIsReportedOnce()
     const int left = ticker()->findChild<QTimer*>()->interval();
     NSystemCalls::stopClockAt(leapSecond + 1000);
     ticker()->currentDateTimeChanged();
-    NPrivateNamespace::unmount(QString::fromLatin1(ZoneFile));
+    NPrivateNamespace::unmount(latin1(ZoneFile));
     QCOMPARE(left, 750);
-    QCOMPARE(reports, QStringList(QString::fromLatin1("calendar 0")));
+    QCOMPARE(reports, QStringList(latin1("calendar 0")));
 }
 
 NTEST_MAIN_IN_NAMESPACE(QCoreApplication, tst_NEventPlannerZoneFile, NPrivateNamespace::Mounts)

@@ -5,6 +5,8 @@
 
 #include "support/ntestwait.h"
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QProcess>
 #include <QtCore/QScopedPointer>
 #include <QtCore/QTextStream>
@@ -71,7 +73,7 @@ Days everyDay()
 
 QStringList list(const char* reports)
 {
-    const QString text = QString::fromLatin1(reports);
+    const QString text = latin1(reports);
     return text.isEmpty() ? QStringList() : text.split(QLatin1Char(','));
 }
 
@@ -372,10 +374,10 @@ void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc_data()
     QTest::addColumn<int>("hour"); // of the local time at 12:00 UTC
     QTest::addColumn<int>("minute");
     QTest::addColumn<int>("second");
-    QTest::newRow("Amsterdam until 1937") << QString::fromLatin1("AMT-0:19:32") << 12 << 19 << 32;
-    QTest::newRow("Monrovia until 1972") << QString::fromLatin1("MMT0:44:30") << 11 << 15 << 30;
-    QTest::newRow("a second ahead") << QString::fromLatin1("ABC-0:00:01") << 12 << 0 << 1;
-    QTest::newRow("a second behind") << QString::fromLatin1("ABC0:00:01") << 11 << 59 << 59;
+    QTest::newRow("Amsterdam until 1937") << latin1("AMT-0:19:32") << 12 << 19 << 32;
+    QTest::newRow("Monrovia until 1972") << latin1("MMT0:44:30") << 11 << 15 << 30;
+    QTest::newRow("a second ahead") << latin1("ABC-0:00:01") << 12 << 0 << 1;
+    QTest::newRow("a second behind") << latin1("ABC0:00:01") << 11 << 59 << 59;
 }
 
 void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc()
@@ -399,14 +401,12 @@ void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc()
         NSystemCalls::stopClockAt(start + passed * 1000 + (passed == 59 ? 999 : 0));
         ticker()->currentDateTimeChanged();
         QCOMPARE(timer()->interval(), passed == 59 ? 1 : (60 - passed) * 1000);
-        QCOMPARE(reports, QStringList(QString::fromLatin1("event ") + now.toString(QString::fromLatin1("hhmm"))));
+        QCOMPARE(reports, QStringList(latin1("event ") + now.toString(latin1("hhmm"))));
     }
     reports.clear();
     tickAt(start + Minute);
     QCOMPARE(timer()->interval(), int(Minute));
-    QCOMPARE(
-        reports,
-        QStringList(QString::fromLatin1("event ") + now.addSecs(60).toString(QString::fromLatin1("hhmm"))));
+    QCOMPARE(reports, QStringList(latin1("event ") + now.addSecs(60).toString(latin1("hhmm"))));
 }
 
 void tst_NEventPlannerSingleton::timeZoneMayChange()
@@ -475,7 +475,7 @@ int runChild(int& argc, char** argv)
 
 char processState(pid_t process)
 {
-    QFile file(QString::fromLatin1("/proc/%1/stat").arg(int(process)));
+    QFile file(latin1("/proc/%1/stat").arg(int(process)));
     if (!file.open(QIODevice::ReadOnly))
         return '\0';
     const QByteArray text = file.readAll();
@@ -487,7 +487,7 @@ char processState(pid_t process)
 void tst_NEventPlannerSingleton::stoppedProcessGoesOnWithTheCurrentMinute()
 {
     QProcess child;
-    child.start(QCoreApplication::applicationFilePath(), QStringList() << QString::fromLatin1(ChildArgument));
+    child.start(QCoreApplication::applicationFilePath(), QStringList() << latin1(ChildArgument));
     NTRY_VERIFY(child.canReadLine());
     const pid_t process = child.readLine().trimmed().toInt();
     NTRY_COMPARE(processState(process), 'T');

@@ -1,5 +1,7 @@
 #include <nbase/time/ntimezoneregion.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QStringList>
 #include <QtTest/QtTest>
 
@@ -23,7 +25,7 @@ class RecordingRegion : public NTimeZoneRegion
 {
 public:
     explicit RecordingRegion(QStringList* destroyed)
-        : NTimeZoneRegion(QString::fromLatin1("region"), QMap<QString, NTimeZoneTown*>())
+        : NTimeZoneRegion(latin1("region"), QMap<QString, NTimeZoneTown*>())
         , m_destroyed(destroyed)
     {
     }
@@ -50,17 +52,15 @@ void tst_NTimeZoneRegion::regionHoldsItsTownsInTheOrderOfTheirKeys()
 {
     QStringList destroyed;
     QMap<QString, NTimeZoneTown*> towns;
-    NTimeZoneTown* const rome = new RecordingTown(QString::fromLatin1("Rome"), &destroyed);
-    NTimeZoneTown* const isle = new RecordingTown(QString::fromLatin1("Isle of Man"), &destroyed);
-    towns.insert(QString::fromLatin1("Rome"), rome);
-    towns.insert(QString::fromLatin1("Isle_of_Man"), isle);
-    const NTimeZoneRegion region(QString::fromLatin1("Europe"), towns);
-    QCOMPARE(region.name(), QString::fromLatin1("Europe"));
-    QCOMPARE(
-        QStringList(region.towns().keys()),
-        QStringList() << QString::fromLatin1("Isle_of_Man") << QString::fromLatin1("Rome"));
-    QVERIFY(region.towns().value(QString::fromLatin1("Isle_of_Man")) == isle);
-    QVERIFY(region.towns().value(QString::fromLatin1("Rome")) == rome);
+    NTimeZoneTown* const rome = new RecordingTown(latin1("Rome"), &destroyed);
+    NTimeZoneTown* const isle = new RecordingTown(latin1("Isle of Man"), &destroyed);
+    towns.insert(latin1("Rome"), rome);
+    towns.insert(latin1("Isle_of_Man"), isle);
+    const NTimeZoneRegion region(latin1("Europe"), towns);
+    QCOMPARE(region.name(), latin1("Europe"));
+    QCOMPARE(QStringList(region.towns().keys()), QStringList() << latin1("Isle_of_Man") << latin1("Rome"));
+    QVERIFY(region.towns().value(latin1("Isle_of_Man")) == isle);
+    QVERIFY(region.towns().value(latin1("Rome")) == rome);
     QVERIFY(destroyed.isEmpty());
 }
 
@@ -71,19 +71,19 @@ void tst_NTimeZoneRegion::regionDeletesEachTownOnce()
         QMap<QString, NTimeZoneTown*> towns;
         for (int number = 0; number < 5; ++number)
             towns.insert(QString::number(number), new RecordingTown(QString::number(number), &destroyed));
-        const NTimeZoneRegion region(QString::fromLatin1("Europe"), towns);
+        const NTimeZoneRegion region(latin1("Europe"), towns);
     }
     destroyed.sort();
-    QCOMPARE(destroyed.join(QString::fromLatin1(" ")), QString::fromLatin1("0 1 2 3 4"));
+    QCOMPARE(destroyed.join(latin1(" ")), latin1("0 1 2 3 4"));
 }
 
 void tst_NTimeZoneRegion::mapOfTheCallerStaysAsItIs()
 {
     QStringList destroyed;
     QMap<QString, NTimeZoneTown*> towns;
-    towns.insert(QString::fromLatin1("Rome"), new RecordingTown(QString::fromLatin1("Rome"), &destroyed));
+    towns.insert(latin1("Rome"), new RecordingTown(latin1("Rome"), &destroyed));
     {
-        const NTimeZoneRegion region(QString::fromLatin1("Europe"), towns);
+        const NTimeZoneRegion region(latin1("Europe"), towns);
     }
     QCOMPARE(destroyed.size(), 1);
     QCOMPARE(towns.size(), 1);
@@ -94,7 +94,7 @@ void tst_NTimeZoneRegion::derivedRegionIsDestroyedThroughTheBase()
     QStringList destroyed;
     NTimeZoneRegion* const region = new RecordingRegion(&destroyed);
     delete region;
-    QCOMPARE(destroyed, QStringList(QString::fromLatin1("region")));
+    QCOMPARE(destroyed, QStringList(latin1("region")));
 }
 
 QTEST_APPLESS_MAIN(tst_NTimeZoneRegion)

@@ -1,5 +1,7 @@
 #include <nbase/time/ntimezonetown.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtTest/QtTest>
 
 namespace {
@@ -32,14 +34,14 @@ private slots:
 void tst_NTimeZoneTown::townHoldsWhatItWasMadeOf()
 {
     const NTimeZoneTown town(
-        QString::fromLatin1("Argentina/Buenos Aires"), QString::fromLatin1("<-03>3"), QString::fromLatin1("AR"),
-        -34.6f, -58.45f, QString::fromLatin1("Buenos Aires (BA, CF)"));
-    QCOMPARE(town.name(), QString::fromLatin1("Argentina/Buenos Aires"));
-    QCOMPARE(town.timezoneCode(), QString::fromLatin1("<-03>3"));
-    QCOMPARE(town.countryCode(), QString::fromLatin1("AR"));
+        latin1("Argentina/Buenos Aires"), latin1("<-03>3"), latin1("AR"), -34.6f, -58.45f,
+        latin1("Buenos Aires (BA, CF)"));
+    QCOMPARE(town.name(), latin1("Argentina/Buenos Aires"));
+    QCOMPARE(town.timezoneCode(), latin1("<-03>3"));
+    QCOMPARE(town.countryCode(), latin1("AR"));
     QCOMPARE(town.latitude(), -34.6f);
     QCOMPARE(town.longitude(), -58.45f);
-    QCOMPARE(town.comment(), QString::fromLatin1("Buenos Aires (BA, CF)"));
+    QCOMPARE(town.comment(), latin1("Buenos Aires (BA, CF)"));
 }
 
 void tst_NTimeZoneTown::derivedTownIsDestroyedThroughTheBase()

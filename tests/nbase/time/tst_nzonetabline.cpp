@@ -2,6 +2,8 @@
 
 #include <nbase/time/nbuildrootuclibctimezonedatabase.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QFile>
 #include <QtCore/QRegExp>
 #include <QtTest/QtTest>
@@ -74,7 +76,7 @@ private:
 
 void tst_NZoneTabLine::initTestCase()
 {
-    QFile file(QString::fromLatin1(RealTable));
+    QFile file(latin1(RealTable));
     QVERIFY2(file.open(QIODevice::ReadOnly), "the system's time zone data are needed");
     for (const QByteArray& line : file.readAll().split('\n')) {
         if (!line.isEmpty() && !line.startsWith('#'))
@@ -108,7 +110,7 @@ void tst_NZoneTabLine::linesAreTakenApartAsTheExpressionDoes_data()
 {
     QTest::addColumn<QString>("line");
     QTest::addColumn<bool>("isZone");
-#define ROW(name, line, isZone) QTest::newRow(name) << QString::fromLatin1(line) << isZone
+#define ROW(name, line, isZone) QTest::newRow(name) << latin1(line) << isZone
     ROW("without a comment", "AD\t+4230+00131\tEurope/Andorra", true);
     ROW("with a comment", "AQ\t-6617+11031\tAntarctica/Casey\tCasey", true);
     ROW("with seconds", "US\t+404251-0740023\tAmerica/New_York\tEastern (most areas)", true);
@@ -163,7 +165,7 @@ void tst_NZoneTabLine::realLinesAreTakenApartAsTheExpressionDoes()
 {
     for (const QByteArray& line : m_realLines) {
         bool isZone = false;
-        QVERIFY2(agrees(QString::fromLatin1(line), &isZone), line.constData());
+        QVERIFY2(agrees(latin1(line), &isZone), line.constData());
         QVERIFY2(isZone, line.constData());
     }
 }
@@ -172,7 +174,7 @@ void tst_NZoneTabLine::everyBeginningOfALineIsTakenApartAsTheExpressionDoes()
 {
     const QByteArray line = "US\t+404251,25-0740023,75\tAmerica/New_York\tx";
     for (int length = 0; length <= line.size(); ++length)
-        QVERIFY2(agrees(QString::fromLatin1(line.left(length))), line.left(length).constData());
+        QVERIFY2(agrees(latin1(line.left(length))), line.left(length).constData());
 }
 
 void tst_NZoneTabLine::mutatedLinesAreTakenApartAsTheExpressionDoes()
@@ -182,7 +184,7 @@ void tst_NZoneTabLine::mutatedLinesAreTakenApartAsTheExpressionDoes()
     for (int count = 0; count < lines; ++count) {
         const QByteArray line = mutated(m_realLines.at(randomBelow(m_realLines.size())));
         bool isZone = false;
-        QVERIFY2(agrees(QString::fromLatin1(line), &isZone), line.constData());
+        QVERIFY2(agrees(latin1(line), &isZone), line.constData());
         zones += isZone;
     }
     // Both answers must have come up often for the comparison to say anything.
@@ -194,7 +196,7 @@ void tst_NZoneTabLine::randomLinesAreTakenApartAsTheExpressionDoes()
 {
     for (int count = 0; count < 20000; ++count) {
         const QByteArray line = randomBytes(randomBelow(40));
-        QVERIFY2(agrees(QString::fromLatin1(line)), line.constData());
+        QVERIFY2(agrees(latin1(line)), line.constData());
     }
 }
 
