@@ -1,6 +1,5 @@
-// Reading and checking addresses, against the regular expression that each is documented by, made on each call as
-// a caller would write it; and checking what a hostile client could send, against one walk over the same
-// characters.
+// Parsing and checking addresses, compared with the documented regular expression, constructed at each call as a
+// caller would do; and checking malicious input, compared with one pass over the same characters.
 
 #include <nbase/network/nmacaddress.h>
 #include <nbase/network/nnetworkutilities.h>
@@ -31,7 +30,7 @@ QString hostNameText()
     return QString::fromLatin1("gateway-1.devices.example.com");
 }
 
-// The longest text that must be read to its end to be valid: zeros may stand before a byte without limit.
+// The longest valid texts: the number of leading zeros is unlimited.
 QString hostileAddressText(int size)
 {
     return QString(size, QLatin1Char('0')) + QString::fromLatin1("1.2.3.4");

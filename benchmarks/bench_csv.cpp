@@ -1,8 +1,7 @@
-// Reading and writing CSV: reading against a loop that reads the same lines and does nothing with them, writing
-// against streaming lines that are finished already. What is left of the difference once each field is a string of
-// its own, as it must be here, the second floor shows: reading lines and cutting them at every separator into
-// strings that are used again, and streaming each field and separator as it is. Sizes are megabytes of text, those
-// of the long field lines.
+// Reading and writing CSV. Reading is compared with a loop that only reads the same lines, writing with streaming
+// complete lines. A second floor includes the cost of a string for each field: reading lines and splitting them at
+// every separator into reused strings, and streaming each field and separator unchanged. Sizes are megabytes of
+// text; for the long field, lines.
 
 #include <nbase/io/ncsvfilereader.h>
 #include <nbase/io/ncsvfilewriter.h>
@@ -24,10 +23,10 @@ namespace {
 
 const int Megabyte = 1000 * 1000;
 
-// The library, the lines as they are, or the lines cut into fields as they are.
+// The library, complete lines, or lines split at separators.
 enum Way { Ours, Lines, Fields };
 
-// One record of a log of measurements, as devices keep them.
+// A record of a typical log of measurements.
 std::string line(int number, bool quoted)
 {
     const std::string count = std::to_string(number);
@@ -39,7 +38,7 @@ std::string line(int number, bool quoted)
            ",21.75,high,boiler north second circuit,exceeded the limit that was set for it and stayed above it\n";
 }
 
-// The text of so many megabytes, made once.
+// The text of a number of megabytes, created once.
 const QByteArray& text(int megabytes, bool quoted)
 {
     static std::map<std::pair<int, bool>, QByteArray> texts;
@@ -52,7 +51,7 @@ const QByteArray& text(int megabytes, bool quoted)
     return text;
 }
 
-// One field of so many lines.
+// One field with a number of lines.
 QByteArray longField(int lines)
 {
     QByteArray text = "\"";
@@ -80,7 +79,7 @@ bool readRecords(NCsvFileReader& reader)
     return isGood && count > 0;
 }
 
-// The least that fields of their own cost: nothing is looked for but separators, and the strings are used again.
+// The minimal cost of separate fields: only separators are searched for, and the strings are reused.
 bool readFields(std::istream& stream)
 {
     qint64 count = 0;
@@ -107,7 +106,7 @@ bool readLines(QTextStream& stream)
     return count > 0;
 }
 
-// A file in memory, so that the disk plays no part.
+// A file in memory, to exclude the disk.
 class TextFile
 {
 public:
@@ -190,7 +189,7 @@ void readStandard(benchmark::State& state, const QByteArray& bytes, Way way)
     finish(state, bytes.size(), done);
 }
 
-// What write...() writes: the fields of the text's first records, and the same lines in their finished form.
+// The data for write...(): the fields of the text's first records, and the same records as complete lines.
 struct Records
 {
     explicit Records(bool quoted)
@@ -212,7 +211,7 @@ struct Records
     QStringList lines;
 };
 
-// Hands @a write the number of each record to be written.
+// Calls @a write with the number of each record to be written.
 template <typename Write> qint64 writeMegabytes(const Records& records, int megabytes, Write write)
 {
     qint64 written = 0;
@@ -289,7 +288,7 @@ void writeStandard(benchmark::State& state, bool quoted, Way way)
     finish(state, bytes, true);
 }
 
-// Each measurement is named after the way that it goes; @a ways are those that it has, the library's first.
+// Each measurement is named after its variant; @a ways are the available ones, the library's first.
 void add(
     const std::string& name, const std::vector<const char*>& ways, int smallest,
     const std::function<void(benchmark::State&, Way)>& measure)

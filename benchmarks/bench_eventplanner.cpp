@@ -1,7 +1,7 @@
-// The planner with many events and time slots, half of each. "tick" is one minute, of which as much is due as
-// comes by chance, with nobody connected, against a bare walk over the same hash of sets that looks at no entry;
-// "jump" is a clock that was set to another day, after which every slot has to be compared with its state. Both in
-// so many planners. "register" makes and removes entries one by one, against doing this with a hash of sets.
+// The planner with many events and time slots, half of each, in different numbers of planners. "tick" is one
+// minute in which a random part is due, without receivers, compared with iterating over the same hash of sets
+// without accessing the entries. "jump" is a change of the clock to another day, after which every slot is
+// compared with its state. "register" registers and unregisters entries one by one, compared with a hash of sets.
 
 #include "support/nsystemcalls.h"
 
@@ -54,7 +54,7 @@ private:
     quint32 m_state;
 };
 
-// So many entries in so many planners, registered and in hashes like those that the ticker keeps.
+// A number of entries in a number of planners, registered, and in hashes like those of the ticker.
 class Entries
 {
 public:
@@ -130,8 +130,8 @@ void walk(benchmark::State& state, int plannerCount)
     finish(state);
 }
 
-// What a minute takes at least, whatever is registered: the local time in the zone of the moment, what is left of
-// the minute, and the timer.
+// The minimum for a minute, whatever is registered: the local time in the current zone, the rest of the minute,
+// and the timer.
 void walkNothing(benchmark::State& state)
 {
     NSystemCalls::stopClockAt(Start);

@@ -1,7 +1,7 @@
-// What a program pays for linking the library without calling it: the time from its start to its end, and its
-// resident memory. "startup/without" is the same program without any library, "startup/toolkit" the one that links
-// only the toolkit's libraries that the library stands on; the difference to the latter is what the library itself
-// costs. The resident memory is each measurement's counter "resident_KiB".
+// The cost of linking the library without calling it: the time from the start of a program to its end, and its
+// resident memory. "startup/without" is the same program without any library, "startup/toolkit" links only the Qt
+// libraries that the library uses; the difference to the latter is the cost of the library itself. The counter
+// "resident_KiB" is the resident memory.
 
 #include <benchmark/benchmark.h>
 
@@ -69,7 +69,7 @@ double residentKibibytes(const char* program)
     ::close(input[0]);
     const std::string directory = "/proc/" + std::to_string(process);
     double pages = 0;
-    // It also sleeps while the dynamic linker waits for the disk: what counts is that it stays asleep.
+    // It also sleeps while the dynamic linker waits for the disk, so it must be found asleep repeatedly.
     for (int asleep = 0; asleep < 20;) {
         ::usleep(1000);
         asleep = processState(directory) == 'S' ? asleep + 1 : 0;

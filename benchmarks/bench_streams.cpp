@@ -1,5 +1,5 @@
-// The stream buffer against the device that it is over, in blocks of 1 kB, and the cost of reading in small pieces
-// from a sequential buffer with little and with much waiting in it. Sizes are megabytes.
+// The stream buffer compared with its device, in blocks of 1 kB, and reading in small pieces from a sequential
+// buffer with few and with many unread bytes. Sizes are megabytes.
 
 #include <nbase/io/nqiodevicestreambuf.h>
 #include <nbase/io/nsequentialbuffer.h>
@@ -110,7 +110,7 @@ void writeFile(benchmark::State& state, bool ours)
     finish(state, done);
 }
 
-// Reads @a size bytes in pieces while the buffer holds so much.
+// Reads @a size bytes in pieces while the buffer has this many unread bytes.
 bool readPieces(NSequentialBuffer& buffer, qint64 size)
 {
     char piece[PieceSize];
@@ -120,7 +120,7 @@ bool readPieces(NSequentialBuffer& buffer, qint64 size)
     return count == size;
 }
 
-// The whole backlog in pieces; the floor reads as many bytes from backlogs of 1 MB.
+// All unread bytes in pieces; the floor reads as many bytes from buffers with 1 MB.
 void readBacklog(benchmark::State& state, bool ours)
 {
     const qint64 backlog = ours ? bytesOf(state) : Megabyte;
@@ -139,7 +139,7 @@ void readBacklog(benchmark::State& state, bool ours)
     finish(state, done);
 }
 
-// What the memory itself allows: the same pieces copied from blocks that were filled before and are freed behind.
+// The limit set by memory: the same pieces copied from blocks that were filled before and are freed afterwards.
 void copyBlocks(benchmark::State& state)
 {
     const size_t blockSize = 16 * 1024 - 64;

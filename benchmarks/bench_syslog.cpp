@@ -1,7 +1,7 @@
-// Reading the system log back, against grep(1) with the same expression on the same file: 1, 10 and 100 MB of a
-// log as a device writes it. "log_lines_errors" takes the few lines that are errors, "log_lines_all" takes every
-// line, and "log_lines_one_program" the lines of one program among them. grep counts the lines of the expression's
-// form, which is the least that it can do with them, once comparing bytes and once in the user's locale.
+// Reading the system log, compared with grep(1) with the same expression on the same file: 1, 10 and 100 MB of a
+// typical log. "log_lines_errors" returns the few lines that are errors, "log_lines_all" every line, and
+// "log_lines_one_program" the lines of one program. grep only counts matching lines, once comparing bytes and once
+// in the user's locale.
 
 #include <nbase/core/nsyslog.h>
 
@@ -24,7 +24,7 @@ namespace {
 
 const int Megabyte = 1000 * 1000;
 
-// Lines of a router's log, with the frequency that they have there.
+// Lines of a router's log, with their typical frequency.
 const char* const Lines[] = {
     "daemon.info dhcpd[811]: DHCPREQUEST for 192.168.1.%u from 52:54:00:12:34:56 via br0",
     "daemon.info dhcpd[811]: DHCPACK on 192.168.1.%u to 52:54:00:12:34:56 (panel) via br0",
@@ -40,7 +40,7 @@ const char* const Lines[] = {
     "daemon.err lighttpd[501]: (connections.c.712) connection closed: write failed on fd %u",
 };
 
-// Made once for each size and removed at the end.
+// Created once for each size and removed at the end.
 class LogFiles
 {
 public:
@@ -110,7 +110,7 @@ std::string expression(int level, const char* program)
     return text.toLatin1().constData();
 }
 
-// How many lines grep finds; -1 when it fails.
+// The number of lines that grep finds; -1 when it fails.
 long grep(const std::string& path, const std::string& pattern, bool comparingBytes)
 {
     int output[2];

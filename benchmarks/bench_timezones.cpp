@@ -1,7 +1,7 @@
-// Loading the time zone database, against a bare loop of system calls that opens and reads the same files: the
-// table zone.tab, and all files of the regions that the table names.
+// Loading the time zone database, compared with a loop of system calls that opens and reads the same files: the
+// table zone.tab, and all files of the regions in the table.
 //
-// timezones_system: the zones of this machine, about 400. timezones_made_up: as many zones as the size says.
+// timezones_system: the zones of this machine, about 400. timezones_made_up: a number of artificial zones.
 
 #include <nbase/time/nbuildrootuclibctimezonedatabase.h>
 
@@ -27,7 +27,7 @@ const int RegionCount = 10;
 
 char buffer[64 * 1024];
 
-// Shows a folder at the place of the database until the end of the scope.
+// Mounts a directory in place of the database until the end of the scope.
 class MountedZones
 {
 public:
@@ -54,7 +54,7 @@ const NTemporaryDirectory& systemZones()
     return directory;
 }
 
-// A name of small letters only, as zone names have no digits.
+// A name of lower-case letters, because zone names have no digits.
 QByteArray nameFor(int number)
 {
     QByteArray name;
@@ -95,7 +95,7 @@ long readFile(int directory, const char* name)
     return total + count;
 }
 
-// How often each of the regions would be looked up is no part of the floor: they are known beforehand.
+// The floor does not include looking up the regions: they are known beforehand.
 long readFiles(int parent, const char* name, const QSet<QByteArray>* regions)
 {
     const int descriptor = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -1,4 +1,4 @@
-// A program that calls nothing. It ends when its standard input does, so that one can look at it before.
+// A program that calls nothing. It ends at the end of its standard input, so that it can be examined before.
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// Reads the input as CSV from each kind of source, which must agree, and writes what was read: it must read back
-// as the same. The first byte chooses the separator.
+// Reads the input as CSV from each kind of source, with equal results, then writes the records and reads them back
+// unchanged. The first byte selects the separator.
 
 #include <nbase/io/ncsvfilereader.h>
 #include <nbase/io/ncsvfilewriter.h>
@@ -40,7 +40,7 @@ Result parsed(NCsvFileReader& reader)
     return result;
 }
 
-// A reader's list of fields may be used for record after record.
+// The list of fields is reused for all records.
 Result parsedIntoOneList(NCsvFileReader& reader)
 {
     Result result;
@@ -89,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
     if (result.good && length > 0 && !array.contains('\r') && !array.endsWith('\n'))
         require(ofBytes == result);
 
-    // With a quote or a line break as the separator, what is written means something else.
+    // With a quote or a line break as the separator, the written text has a different meaning.
     if (separator == QLatin1Char('"') || separator == QLatin1Char('\n') || separator == QLatin1Char('\r'))
         return 0;
     QString written;
@@ -101,7 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
     NCsvFileReader reader(written, separator);
     const Result readBack = parsed(reader);
     require(readBack.good);
-    // A text source drops the carriage return before a line feed, inside of quotes too.
+    // A text source drops the carriage return before a line feed, also inside quotes.
     if (!array.contains('\r'))
         require(readBack.records == result.records);
     return 0;

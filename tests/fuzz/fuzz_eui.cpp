@@ -5,8 +5,8 @@
 
 #include <stdlib.h>
 
-// The input is UTF-8 text. Every set of separators gives the answer of its regular expression, and what was read
-// is printed as text that reads back as the same.
+// The input is UTF-8 text. With every set of separators, parsing agrees with the regular expression, and a parsed
+// value is printed as text that can be parsed again.
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <stdlib.h>
 
-// The input is UTF-8 text. Each check gives the answer of its regular expression.
+// The input is UTF-8 text. Each check agrees with its regular expression.
 
 namespace {
 

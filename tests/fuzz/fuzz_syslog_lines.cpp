@@ -1,5 +1,5 @@
-// Reads a log file of any contents with NSysLog::logLines(), whose answer has to be that of the regular expression
-// which it documents. The first byte chooses the level, the rest is the file.
+// Reads a log file with arbitrary content with NSysLog::logLines(), whose result must agree with the documented
+// regular expression. The first byte selects the level, the rest is the file.
 
 #include <nbase/core/nsyslog.h>
 
@@ -13,7 +13,7 @@
 
 namespace {
 
-// A file in memory that can be opened by a path.
+// A file in memory that has a path.
 class MemoryFile
 {
 public:

@@ -1,5 +1,5 @@
-// Loads the time zone database with the input as its table of zones, and compares it with what the documented
-// expression finds in the same lines.
+// Loads the time zone database with the input as its table of zones, and compares it with the matches of the
+// documented expression in the same lines.
 
 #include <nbase/time/nbuildrootuclibctimezonedatabase.h>
 
@@ -19,7 +19,7 @@ const char* const ZoneNames[] = {
     "Europe/Paris", "Europe/x", "America/New_York", "America/Argentina/Buenos_Aires", "A/a", "A/b/c",
 };
 
-// Longer inputs only take longer: nothing in the table reaches over a line.
+// Longer inputs only take longer: no syntax extends over several lines.
 const size_t MaximumSize = 4096;
 
 void require(bool condition)
@@ -35,7 +35,7 @@ void writeFile(const QString& path, const QByteArray& content)
     require(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
 }
 
-// The description of each town in one text, by zone name; of all lines about a town the last counts.
+// The description of each town in one text, by zone name. The last line of a town counts.
 QMap<QString, QString> expectedTowns(const QByteArray& table)
 {
     static const QRegExp pattern(Database::S_TOWN_METADATA_REGEXP);

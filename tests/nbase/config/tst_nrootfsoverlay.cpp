@@ -42,7 +42,7 @@ void write(const char* path, const QByteArray& content)
         qFatal("cannot write %s", path);
 }
 
-// The content of a file; a null value when it is not there.
+// The content of a file; null when it does not exist.
 QByteArray read(const char* path)
 {
     QFile file(latin1(path));
@@ -93,14 +93,14 @@ private slots:
     void namesAreKept();
     void configurationsAreChecked_data();
     void configurationsAreChecked();
-    void longDirectoryIsCut();
-    void cProgramSeesTheSame();
+    void longDirectoryIsTruncated();
+    void cProgramGetsTheSameResults();
 
     void mountpointsAreFound();
-    void mountpointsOfDirectories();
+    void mountpointsOfDirectoriesAreFound();
     void firstEntryOfTheTableCounts();
-    void mountTablesOfAnyForm_data();
-    void mountTablesOfAnyForm();
+    void mountTablesOfAnyFormAreRead_data();
+    void mountTablesOfAnyFormAreRead();
     void missingMountTableIsAnError();
     void overlayNeedsTheMountAndTheEntry();
     void mediaIsMounted();
@@ -108,10 +108,10 @@ private slots:
     void readOnlyFlagIsRead();
     void cardIdIsItsFirstLine_data();
     void cardIdIsItsFirstLine();
-    void fileWithoutALineEndIsGivenUp();
+    void fileWithoutALineEndIsRejected();
 
-    void wordsOfBootActions_data();
-    void wordsOfBootActions();
+    void bootActionsHaveTheirWords_data();
+    void bootActionsHaveTheirWords();
     void bootActionIsItsFirstLine_data();
     void bootActionIsItsFirstLine();
     void bootActionIsWritten_data();
@@ -122,12 +122,12 @@ private slots:
     void markersThatCannotBeWritten();
     void fullDiskKeepsTheMarkers();
     void closingDecidesWhetherAMarkerIsWritten();
-    void markersAreBroughtToTheDisk();
-    void leftoversOfAPowerCutGoWithTheNextChange();
+    void markersAreFlushedToTheDisk();
+    void leftoversOfAPowerLossAreRemovedByTheNextChange();
     void markersKeepTheirModeAndOwner();
     void linkToAMarkerIsFollowed();
-    void otherThanAMarkerIsLeftAlone();
-    void processesMayWriteAtOnce();
+    void nonRegularMarkersAreNotChanged();
+    void processesMayWriteConcurrently();
 
     void overlayMustBeMounted();
     void mediaMustBeMountedAndWritable();
@@ -252,7 +252,7 @@ void tst_NRootfsOverlay::configurationsAreChecked()
     write(Configuration, ValidConfiguration);
 }
 
-void tst_NRootfsOverlay::longDirectoryIsCut()
+void tst_NRootfsOverlay::longDirectoryIsTruncated()
 {
     write(Configuration, "backup: { mmc = 1; partition = 2; dir = \"" + QByteArray(10000, 'x') + "\"; };\n");
     QProcess program;
@@ -268,7 +268,7 @@ void tst_NRootfsOverlay::longDirectoryIsCut()
     write(Configuration, ValidConfiguration);
 }
 
-void tst_NRootfsOverlay::cProgramSeesTheSame()
+void tst_NRootfsOverlay::cProgramGetsTheSameResults()
 {
     QProcess program;
     program.start(latin1(NBASE_C_PROGRAM), QStringList());
@@ -302,7 +302,7 @@ void tst_NRootfsOverlay::mountpointsAreFound()
     unmount("/media/a b");
 }
 
-void tst_NRootfsOverlay::mountpointsOfDirectories()
+void tst_NRootfsOverlay::mountpointsOfDirectoriesAreFound()
 {
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay"), 1);
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay/"), 1);
@@ -328,7 +328,7 @@ void tst_NRootfsOverlay::firstEntryOfTheTableCounts()
     unmount("/media/second");
 }
 
-void tst_NRootfsOverlay::mountTablesOfAnyForm_data()
+void tst_NRootfsOverlay::mountTablesOfAnyFormAreRead_data()
 {
     QTest::addColumn<QByteArray>("table");
     QTest::addColumn<QByteArray>("mountpoint");
@@ -351,7 +351,7 @@ void tst_NRootfsOverlay::mountTablesOfAnyForm_data()
     QTest::newRow("NUL before") << QByteArray("\0\n", 2) + device + " /a vfat\n" << QByteArray("/a");
 }
 
-void tst_NRootfsOverlay::mountTablesOfAnyForm()
+void tst_NRootfsOverlay::mountTablesOfAnyFormAreRead()
 {
     QFETCH(QByteArray, table);
     QFETCH(QByteArray, mountpoint);
@@ -382,7 +382,7 @@ void tst_NRootfsOverlay::overlayNeedsTheMountAndTheEntry()
     // The directory is still a mount point, under another name.
     QCOMPARE(nroPathIsMoutpoint("/rootfsoverlay"), 1);
     QCOMPARE(nroIsRootfsOverlayMounted(), 0);
-    // The entry alone does not count either.
+    // The entry alone is not sufficient either.
     unmount("/rootfsoverlay");
     QVERIFY(QDir().mkpath(latin1("/media/elsewhere")));
     mountAs("overlayfs:/rootfsoverlay", "/media/elsewhere");
@@ -471,7 +471,7 @@ void tst_NRootfsOverlay::cardIdIsItsFirstLine()
         QCOMPARE(error, ENOENT);
 }
 
-void tst_NRootfsOverlay::fileWithoutALineEndIsGivenUp()
+void tst_NRootfsOverlay::fileWithoutALineEndIsRejected()
 {
     write(AutoBackup, "");
     write(BootAction, "wipe");
@@ -482,7 +482,7 @@ void tst_NRootfsOverlay::fileWithoutALineEndIsGivenUp()
     QCOMPARE(nroGetBootAction(), 2);
 }
 
-void tst_NRootfsOverlay::wordsOfBootActions_data()
+void tst_NRootfsOverlay::bootActionsHaveTheirWords_data()
 {
     QTest::addColumn<QByteArray>("word");
     QTest::addColumn<int>("action");
@@ -496,7 +496,7 @@ void tst_NRootfsOverlay::wordsOfBootActions_data()
     QTest::newRow("empty") << QByteArray("") << 2 << false;
 }
 
-void tst_NRootfsOverlay::wordsOfBootActions()
+void tst_NRootfsOverlay::bootActionsHaveTheirWords()
 {
     QFETCH(QByteArray, word);
     QFETCH(int, action);
@@ -645,7 +645,7 @@ void tst_NRootfsOverlay::fullDiskKeepsTheMarkers()
     QCOMPARE(read(AutoBackup), QByteArray("after"));
 }
 
-// Each of the files that writing a marker closes fails in turn to be closed; one of them is the marker.
+// close() fails in turn for each file that writing a marker closes; one of them is the marker.
 void tst_NRootfsOverlay::closingDecidesWhetherAMarkerIsWritten()
 {
     int refusals = 0;
@@ -662,7 +662,7 @@ void tst_NRootfsOverlay::closingDecidesWhetherAMarkerIsWritten()
     QCOMPARE(refusals, 1);
 }
 
-void tst_NRootfsOverlay::markersAreBroughtToTheDisk()
+void tst_NRootfsOverlay::markersAreFlushedToTheDisk()
 {
     write(BootAction, "before");
     {
@@ -686,7 +686,7 @@ void tst_NRootfsOverlay::markersAreBroughtToTheDisk()
     QVERIFY(read(BootAction).isNull());
 }
 
-void tst_NRootfsOverlay::leftoversOfAPowerCutGoWithTheNextChange()
+void tst_NRootfsOverlay::leftoversOfAPowerLossAreRemovedByTheNextChange()
 {
     const NWithoutFileOverride permissionsCount;
     write("/rootfsoverlay/.autobackup.new", "something long that was not finished");
@@ -736,8 +736,8 @@ void tst_NRootfsOverlay::linkToAMarkerIsFollowed()
     QCOMPARE(read("/rootfsoverlay/elsewhere"), QByteArray("id"));
 }
 
-// Opening a FIFO that nobody uses would block the caller forever.
-void tst_NRootfsOverlay::otherThanAMarkerIsLeftAlone()
+// Opening a FIFO without a peer would block the caller.
+void tst_NRootfsOverlay::nonRegularMarkersAreNotChanged()
 {
     QVERIFY(::mkfifo(BootAction, 0600) == 0);
     QCOMPARE(nroGetBootAction(), 2);
@@ -748,7 +748,7 @@ void tst_NRootfsOverlay::otherThanAMarkerIsLeftAlone()
     QVERIFY(::stat(BootAction, &status) != 0);
 }
 
-void tst_NRootfsOverlay::processesMayWriteAtOnce()
+void tst_NRootfsOverlay::processesMayWriteConcurrently()
 {
     const QList<QByteArray> identifiers = QList<QByteArray>()
                                           << QByteArray(5000, 'a') << QByteArray(20, 'b') << QByteArray(300, 'c');

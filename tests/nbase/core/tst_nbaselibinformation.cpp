@@ -21,8 +21,7 @@ void tst_NBaseLibInformation::nameAndVersionAreFixed()
     QCOMPARE(NBaseLibInformation::libraryVersion(), latin1("1.0.0"));
 }
 
-// The library was compiled before its file was written by the linker, and not before this very source tree
-// existed.
+// The library was compiled before the linker wrote its file, and not before this source tree existed.
 void tst_NBaseLibInformation::dateTimeIsThatOfTheBuild()
 {
     const QDateTime dateTime = NBaseLibInformation::libraryDateTime();

@@ -1,5 +1,5 @@
-// The library's build time on days other than today: CMakeLists.txt builds this program once for each, with the
-// date and the time that the compiler would have put into the library.
+// The library's build time on other days: CMakeLists.txt builds this program once for each of them, with the date
+// and time that the compiler would have inserted.
 
 #include <nbase/core/nbaselibinformation.h>
 
@@ -12,10 +12,10 @@ class tst_NBaseLibInformation_Date : public QObject
 
 private slots:
     void initTestCase();
-    void dateTimeIsReadFromTheCompilersText();
+    void dateTimeIsParsedFromTheCompilersText();
 };
 
-// The compiler writes English whatever language the program speaks.
+// The compiler writes English whatever the program's locale is.
 void tst_NBaseLibInformation_Date::initTestCase()
 {
     const QLocale german(QLocale::German);
@@ -23,8 +23,8 @@ void tst_NBaseLibInformation_Date::initTestCase()
     QLocale::setDefault(german);
 }
 
-// Twice, because a time that could not be read is tried again.
-void tst_NBaseLibInformation_Date::dateTimeIsReadFromTheCompilersText()
+// Twice, because a time that could not be parsed is parsed again.
+void tst_NBaseLibInformation_Date::dateTimeIsParsedFromTheCompilersText()
 {
     const QDateTime expected = QDateTime::fromString(QString::fromLatin1(NBASE_EXPECTED_DATETIME), Qt::ISODate);
     for (int call = 1; call <= 2; ++call) {

@@ -13,22 +13,22 @@ class tst_NQtNamespaceUtilities : public QObject
     Q_OBJECT
 
 private slots:
-    void everyOperationMayBeTheFirstInSeveralThreads();
+    void firstCallsMayBeConcurrent();
 
     void everyDayHasItsText_data();
     void everyDayHasItsText();
-    void tableHoldsTheSevenDaysInOrder();
+    void tableContainsTheSevenDaysInOrder();
     void tableIsACopy();
-    void valuesThatAreNoDayHaveNoText_data();
-    void valuesThatAreNoDayHaveNoText();
-    void otherTextsAreNoDay_data();
-    void otherTextsAreNoDay();
+    void unknownValuesHaveNoText_data();
+    void unknownValuesHaveNoText();
+    void unknownTextsGiveNoDay_data();
+    void unknownTextsGiveNoDay();
     void stepsAreCyclic_data();
     void stepsAreCyclic();
 };
 
-// The table of texts comes into being with the first call, so nothing may be called before.
-void tst_NQtNamespaceUtilities::everyOperationMayBeTheFirstInSeveralThreads()
+// The table of texts is created by the first call, so nothing may be called before.
+void tst_NQtNamespaceUtilities::firstCallsMayBeConcurrent()
 {
     QVERIFY(NTest::holdsInThreads(4, [](int index) {
         switch (index) {
@@ -67,7 +67,7 @@ void tst_NQtNamespaceUtilities::everyDayHasItsText()
     QCOMPARE(NQtNamespaceUtilities::daysOfWeek().value(Qt::DayOfWeek(day)), text);
 }
 
-void tst_NQtNamespaceUtilities::tableHoldsTheSevenDaysInOrder()
+void tst_NQtNamespaceUtilities::tableContainsTheSevenDaysInOrder()
 {
     const QList<Qt::DayOfWeek> days = NQtNamespaceUtilities::daysOfWeek().keys();
     QCOMPARE(days.size(), 7);
@@ -82,7 +82,7 @@ void tst_NQtNamespaceUtilities::tableIsACopy()
     QCOMPARE(NQtNamespaceUtilities::daysOfWeek().size(), 7);
 }
 
-void tst_NQtNamespaceUtilities::valuesThatAreNoDayHaveNoText_data()
+void tst_NQtNamespaceUtilities::unknownValuesHaveNoText_data()
 {
     QTest::addColumn<int>("value");
     QTest::newRow("zero") << 0;
@@ -91,13 +91,13 @@ void tst_NQtNamespaceUtilities::valuesThatAreNoDayHaveNoText_data()
     QTest::newRow("largest") << INT_MAX;
 }
 
-void tst_NQtNamespaceUtilities::valuesThatAreNoDayHaveNoText()
+void tst_NQtNamespaceUtilities::unknownValuesHaveNoText()
 {
     QFETCH(int, value);
     QVERIFY(NQtNamespaceUtilities::stringFromDayOfWeek(Qt::DayOfWeek(value)).isNull());
 }
 
-void tst_NQtNamespaceUtilities::otherTextsAreNoDay_data()
+void tst_NQtNamespaceUtilities::unknownTextsGiveNoDay_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("null") << QString();
@@ -109,7 +109,7 @@ void tst_NQtNamespaceUtilities::otherTextsAreNoDay_data()
     QTest::newRow("number") << latin1("1");
 }
 
-void tst_NQtNamespaceUtilities::otherTextsAreNoDay()
+void tst_NQtNamespaceUtilities::unknownTextsGiveNoDay()
 {
     QFETCH(QString, text);
     QCOMPARE(int(NQtNamespaceUtilities::dayOfWeekFromString(text)), 0);

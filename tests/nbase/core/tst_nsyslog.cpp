@@ -40,10 +40,10 @@ namespace {
 const char LogDirectory[] = "/dev/nbase-test-log";
 const char LogSocketPath[] = "/dev/nbase-test-log/socket";
 
-// What logLines() may need besides its result, with room for what the toolkit needs on first use.
+// The memory that logLines() may need besides its result, including what Qt allocates on first use.
 const int MemoryKibibytes = 4 * 1024;
 
-// Lets the test decide where "/dev/log" leads. The test's /dev is one of its own, so the system's stays as it is.
+// Replaces "/dev/log" for the test, in a /dev of its own, so that the system's is not changed.
 void provideSystemLog()
 {
     NPrivateNamespace::mountEmptyDirectory(latin1("/run")); // for the daemons' own files
@@ -53,7 +53,7 @@ void provideSystemLog()
         qFatal("cannot replace /dev/log: %s", strerror(errno));
 }
 
-// The receiving end of the system log, for what a daemon would not show: the very bytes that are sent.
+// The receiving end of the system log, for the exact bytes that are sent, which a daemon would not show.
 class LogSocket
 {
 public:
@@ -95,7 +95,7 @@ private:
     int m_socket;
 };
 
-// A real syslog daemon that writes to a file of its own.
+// A real syslog daemon that writes to its own file.
 class LogDaemon
 {
 public:
@@ -130,7 +130,7 @@ public:
         return NTest::waitUntil([]() { return QFileInfo(latin1(LogSocketPath)).exists(); });
     }
 
-    // The log as soon as it has a line that ends in @a text.
+    // Waits for a line that ends in @a text and returns the log.
     QByteArray logUntil(const QByteArray& text) const
     {
         QByteArray log;
@@ -153,7 +153,7 @@ private:
                                    << "-O" << QFile::encodeName(logFile());
     }
 
-    // The rules are those that the guide recommends, so that it stays true.
+    // The rules are those of the guide, so that the guide is tested.
     QList<QByteArray> rsyslogCommand() const
     {
         QFile guide(latin1(NBASE_LOGGING_GUIDE));
@@ -181,7 +181,7 @@ private:
 
 struct ChildResult
 {
-    int status; // as waitpid(2) gives it
+    int status; // from waitpid(2)
     QByteArray output;
 };
 
@@ -206,7 +206,7 @@ pid_t startChild(const QList<QByteArray>& arguments, int output, const char* nam
     return process;
 }
 
-// Runs this program again, for what can be tested only once in a process or ends it.
+// Runs this program again, for tests that are possible only once in a process or terminate it.
 ChildResult runChild(const QList<QByteArray>& arguments, const char* name = "tst_nsyslog")
 {
     ChildResult result = {-1, QByteArray()};
@@ -259,7 +259,7 @@ QStringList readBack(const QString& file, int level = NSysLog::Debug, const QLis
     return readBack(QStringList(file), level, wanted);
 }
 
-// A file that is filled up to a size with NULs, which take no room on the disk, before its end is appended.
+// A file that is filled up to a size with NULs, as a sparse file, before its end is appended.
 QString
 writeSparseFile(const NTemporaryDirectory& directory, const QByteArray& begin, qint64 size, const QByteArray& end)
 {
@@ -271,7 +271,7 @@ writeSparseFile(const NTemporaryDirectory& directory, const QByteArray& begin, q
     return path;
 }
 
-// The most memory that this process has ever used.
+// The peak memory of this process.
 int peakKibibytes()
 {
     QFile status(latin1("/proc/self/status"));
@@ -286,7 +286,7 @@ int peakKibibytes()
 
 void sendEveryQtMessage()
 {
-    // Qt 4 gives messages to the handler in the encoding of the locale.
+    // Qt 4 passes messages to the handler in the encoding of the locale.
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
     qDebug("a debug message");
     qWarning("a warning, 100%% certain, %s", "Gr\xc3\xbc\xc3\x9f Gott");
@@ -348,7 +348,7 @@ int runAsChild(const QByteArray& task, char** arguments)
     return EXIT_SUCCESS;
 }
 
-// ---- Lines that are almost what they should be ----
+// ---- Lines that almost match ----
 
 class LineMaker
 {
@@ -364,7 +364,7 @@ public:
         return int((m_state >> 8) % quint32(end));
     }
 
-    // What a daemon writes, as the weather of a device has it.
+    // A random line as a daemon writes it.
     QByteArray validLine()
     {
         static const char* const Programs[] = {"kernel", "dhcpd[311]", "sshd[1]", "", "a.b/c-d", "\xe9t\xe9"};
@@ -454,25 +454,25 @@ private slots:
     void initTestCase();
     void cleanup();
 
-    void labelsStandInTheirOrder();
+    void labelsAreInOrder();
     void levelsAreTheSyslogPriorities();
     void logIsTheOnlyMethodOfTheMetaObject();
 
-    void linesCarryLevelAndFacility_data();
-    void linesCarryLevelAndFacility();
-    void linesAreNoFormats();
+    void linesHaveLevelAndFacility_data();
+    void linesHaveLevelAndFacility();
+    void linesAreNotFormatStrings();
     void linesAreLatin1();
     void signalsCanBeConnectedToLog_data();
     void signalsCanBeConnectedToLog();
     void logCanBeInvokedFromAnotherThread();
-    void severalThreadsMayLogAndReadBackAtOnce();
+    void threadsMayLogAndReadBackConcurrently();
 
-    void identityIsTakenAsGiven_data();
-    void identityIsTakenAsGiven();
+    void identityIsUsedUnchanged_data();
+    void identityIsUsedUnchanged();
     void nullIdentityIsTheFileNameOfTheProgram();
-    void constructorWithoutIdentityTakesTheFileName();
-    void optionsAreThoseOfOpenlog();
-    void newestDecidesForTheWholeProcess();
+    void constructorWithoutIdentityUsesTheFileName();
+    void optionsArePassedToOpenlog();
+    void newestObjectAppliesToTheWholeProcess();
     void destructorLeavesTheConnectionOpen();
     void parentOwnsTheObject();
 
@@ -483,17 +483,17 @@ private slots:
     void handlerDropsMessagesOfTheWindowSystem();
     void handlerAbortsAfterAFatalMessage_data();
     void handlerAbortsAfterAFatalMessage();
-    void handlerNeedsNoNSysLog();
+    void handlerWorksWithoutAnNSysLog();
     void qtMessagesReachTheLogUnchanged();
 
-    void daemonWritesWhatIsReadBack_data();
-    void daemonWritesWhatIsReadBack();
+    void linesOfADaemonAreReadBack_data();
+    void linesOfADaemonAreReadBack();
 
-    void lineIsTaken_data();
-    void lineIsTaken();
-    void everyMonthFacilityAndLevelIsTaken();
-    void levelsUpToTheGivenOneAreTaken_data();
-    void levelsUpToTheGivenOneAreTaken();
+    void lineIsAccepted_data();
+    void lineIsAccepted();
+    void everyMonthFacilityAndLevelIsAccepted();
+    void levelsUpToTheGivenOneAreAccepted_data();
+    void levelsUpToTheGivenOneAreAccepted();
     void spaceAroundALineIsRemoved_data();
     void spaceAroundALineIsRemoved();
     void nulsAndLatin1StayInALine();
@@ -503,20 +503,20 @@ private slots:
     void withoutProgramsNothingIsRead();
     void lineIsAddedOnceForSeveralPrograms();
     void filesAreReadInTheirOrder();
-    void fileNamedTwiceIsReadTwice();
-    void filesThatCannotBeReadAreLeftOut();
-    void everyCallReadsTheFilesAfresh();
-    void filesAreOpenedBeforeOneIsReadAndClosedAtTheEnd();
-    void fileMayBeTruncatedWhileItIsRead();
+    void fileListedTwiceIsReadTwice();
+    void unreadableFilesAreSkipped();
+    void everyCallReadsTheFilesAgain();
+    void allFilesAreOpenedBeforeReadingAndClosedAtTheEnd();
+    void fileMayBeTruncatedDuringReading();
 
-    void answerIsThatOfTheDocumentedExpression_data();
-    void answerIsThatOfTheDocumentedExpression();
-    void lineMayLieAcrossBlocks();
-    void longLineIsReturnedWhole();
-    void programsUpToAMebibyteAreTaken_data();
-    void programsUpToAMebibyteAreTaken();
-    void linesThatAreNotWantedNeedNoMemory_data();
-    void linesThatAreNotWantedNeedNoMemory();
+    void resultAgreesWithTheDocumentedExpression_data();
+    void resultAgreesWithTheDocumentedExpression();
+    void lineMayExtendOverBlocks();
+    void longLineIsReturnedCompletely();
+    void programsUpToOneMebibyteAreAccepted_data();
+    void programsUpToOneMebibyteAreAccepted();
+    void unwantedLinesNeedNoMemory_data();
+    void unwantedLinesNeedNoMemory();
 };
 
 void tst_NSysLog::initTestCase()
@@ -524,13 +524,13 @@ void tst_NSysLog::initTestCase()
     provideSystemLog();
 }
 
-// The identity that syslog(3) points to is gone with the test's NSysLog.
+// The identity that syslog(3) points to was released with the test's NSysLog.
 void tst_NSysLog::cleanup()
 {
     ::closelog();
 }
 
-void tst_NSysLog::labelsStandInTheirOrder()
+void tst_NSysLog::labelsAreInOrder()
 {
     QCOMPARE(
         NSysLog::S_LOG_LEVELS_LABELS.join(latin1(",")), latin1("emerg,alert,crit,err,warn,notice,info,debug"));
@@ -570,7 +570,7 @@ void tst_NSysLog::logIsTheOnlyMethodOfTheMetaObject()
     QCOMPARE(latin1(meta.superClass()->className()), latin1("QObject"));
 }
 
-void tst_NSysLog::linesCarryLevelAndFacility_data()
+void tst_NSysLog::linesHaveLevelAndFacility_data()
 {
     QTest::addColumn<int>("level");
     QTest::addColumn<int>("facility");
@@ -583,7 +583,7 @@ void tst_NSysLog::linesCarryLevelAndFacility_data()
     QTest::newRow("user") << 6 << int(LOG_USER) << QByteArray("<14>me: a line");
 }
 
-void tst_NSysLog::linesCarryLevelAndFacility()
+void tst_NSysLog::linesHaveLevelAndFacility()
 {
     QFETCH(int, level);
     QFETCH(int, facility);
@@ -594,7 +594,7 @@ void tst_NSysLog::linesCarryLevelAndFacility()
     QCOMPARE(socket.receive(), record);
 }
 
-void tst_NSysLog::linesAreNoFormats()
+void tst_NSysLog::linesAreNotFormatStrings()
 {
     LogSocket socket;
     NSysLog log(latin1("me"), 0, LOG_USER, QStringList(), nullptr);
@@ -648,7 +648,7 @@ void tst_NSysLog::logCanBeInvokedFromAnotherThread()
     QCOMPARE(record, QByteArray("<13>me: invoked"));
 }
 
-void tst_NSysLog::severalThreadsMayLogAndReadBackAtOnce()
+void tst_NSysLog::threadsMayLogAndReadBackConcurrently()
 {
     const int writerCount = 4;
     const int lineCount = 50;
@@ -668,7 +668,7 @@ void tst_NSysLog::severalThreadsMayLogAndReadBackAtOnce()
     };
     QVERIFY(NTest::holdsInThreads(writerCount + 1, [&](int index) {
         bool read = true;
-        // The socket holds a few records only, so one of the threads takes them out meanwhile.
+        // The socket buffers only a few records, so one of the threads reads them meanwhile.
         for (int number = 0; number < lineCount; ++number) {
             if (index < writerCount)
                 read = write(index, number) && read;
@@ -689,7 +689,7 @@ void tst_NSysLog::severalThreadsMayLogAndReadBackAtOnce()
     QVERIFY(records == expected);
 }
 
-void tst_NSysLog::identityIsTakenAsGiven_data()
+void tst_NSysLog::identityIsUsedUnchanged_data()
 {
     QTest::addColumn<QString>("identity");
     QTest::addColumn<QByteArray>("sent");
@@ -701,7 +701,7 @@ void tst_NSysLog::identityIsTakenAsGiven_data()
     QTest::newRow("null") << QString() << QByteArray("tst_nsyslog");
 }
 
-void tst_NSysLog::identityIsTakenAsGiven()
+void tst_NSysLog::identityIsUsedUnchanged()
 {
     QFETCH(QString, identity);
     QFETCH(QByteArray, sent);
@@ -712,7 +712,7 @@ void tst_NSysLog::identityIsTakenAsGiven()
     QCOMPARE(socket.receive(), QByteArray("<13>" + sent + ": text"));
 }
 
-// Not the name that the program was started by, which would be syslog(3)'s own choice.
+// Not the name by which the program was started, which is the default of syslog(3).
 void tst_NSysLog::nullIdentityIsTheFileNameOfTheProgram()
 {
     LogSocket socket;
@@ -721,7 +721,7 @@ void tst_NSysLog::nullIdentityIsTheFileNameOfTheProgram()
     QVERIFY2(record.startsWith("<157>tst_nsyslog["), record.constData());
 }
 
-void tst_NSysLog::constructorWithoutIdentityTakesTheFileName()
+void tst_NSysLog::constructorWithoutIdentityUsesTheFileName()
 {
     LogSocket socket;
     NSysLog log(0, LOG_USER, QStringList(), nullptr);
@@ -729,7 +729,7 @@ void tst_NSysLog::constructorWithoutIdentityTakesTheFileName()
     QCOMPARE(socket.receive(), QByteArray("<13>tst_nsyslog: text"));
 }
 
-void tst_NSysLog::optionsAreThoseOfOpenlog()
+void tst_NSysLog::optionsArePassedToOpenlog()
 {
     LogSocket socket;
     NSysLog log(latin1("me"), LOG_PID, LOG_USER, QStringList(), nullptr);
@@ -737,7 +737,7 @@ void tst_NSysLog::optionsAreThoseOfOpenlog()
     QCOMPARE(socket.receive(), QByteArray("<13>me[" + QByteArray::number(int(::getpid())) + "]: text"));
 }
 
-void tst_NSysLog::newestDecidesForTheWholeProcess()
+void tst_NSysLog::newestObjectAppliesToTheWholeProcess()
 {
     LogSocket socket;
     NSysLog older(latin1("older"), 0, LOG_USER, QStringList(), nullptr);
@@ -839,7 +839,7 @@ void tst_NSysLog::handlerAbortsAfterAFatalMessage()
     QVERIFY2(record.startsWith("<153>tst_nsyslog[") && record.endsWith(text), record.constData());
 }
 
-void tst_NSysLog::handlerNeedsNoNSysLog()
+void tst_NSysLog::handlerWorksWithoutAnNSysLog()
 {
     LogSocket socket;
     QVERIFY(succeeded(runChild(QList<QByteArray>() << "handler without NSysLog", "syslogs-own-choice")));
@@ -864,14 +864,14 @@ void tst_NSysLog::qtMessagesReachTheLogUnchanged()
                                      << "<159>the last message");
 }
 
-void tst_NSysLog::daemonWritesWhatIsReadBack_data()
+void tst_NSysLog::linesOfADaemonAreReadBack_data()
 {
     QTest::addColumn<QByteArray>("name");
     QTest::newRow("rsyslogd with the guide's template") << QByteArray("rsyslogd");
-    QTest::newRow("BusyBox's syslogd as it is") << QByteArray("busybox syslogd");
+    QTest::newRow("BusyBox's syslogd with its default") << QByteArray("busybox syslogd");
 }
 
-void tst_NSysLog::daemonWritesWhatIsReadBack()
+void tst_NSysLog::linesOfADaemonAreReadBack()
 {
     QFETCH(QByteArray, name);
     LogDaemon daemon;
@@ -909,13 +909,13 @@ void tst_NSysLog::daemonWritesWhatIsReadBack()
                              << latin1("local3.alert tst_nsyslog: a fatal message"));
 }
 
-void tst_NSysLog::lineIsTaken_data()
+void tst_NSysLog::lineIsAccepted_data()
 {
     QTest::addColumn<QByteArray>("line");
     QTest::addColumn<bool>("taken");
     QTest::newRow("usual") << QByteArray("Jan 15 01:02:03 box user.info prog: text") << true;
     QTest::newRow("day with a blank") << QByteArray("Jan  5 01:02:03 box user.info prog: text") << true;
-    QTest::newRow("day with a nought") << QByteArray("Jan 05 01:02:03 box user.info prog: text") << true;
+    QTest::newRow("day with a zero") << QByteArray("Jan 05 01:02:03 box user.info prog: text") << true;
     QTest::newRow("day 39") << QByteArray("Jan 39 01:02:03 box user.info prog: text") << true;
     QTest::newRow("day 40") << QByteArray("Jan 40 01:02:03 box user.info prog: text") << false;
     QTest::newRow("day of one character") << QByteArray("Jan 5 01:02:03 box user.info prog: text") << false;
@@ -924,21 +924,21 @@ void tst_NSysLog::lineIsTaken_data()
     QTest::newRow("hour of one digit") << QByteArray("Jan  5  1:02:03 box user.info prog: text") << false;
     QTest::newRow("superscript digit") << QByteArray("Jan  \xb2 01:02:03 box user.info prog: text") << false;
     QTest::newRow("fraction of a second") << QByteArray("Jan  5 01:02:03.5 box user.info prog: text") << false;
-    QTest::newRow("small month") << QByteArray("jan  5 01:02:03 box user.info prog: text") << false;
+    QTest::newRow("lower-case month") << QByteArray("jan  5 01:02:03 box user.info prog: text") << false;
     QTest::newRow("unknown month") << QByteArray("Mai  5 01:02:03 box user.info prog: text") << false;
     QTest::newRow("no host") << QByteArray("Jan  5 01:02:03 user.info prog: text") << false;
     QTest::newRow("empty host") << QByteArray("Jan  5 01:02:03  user.info prog: text") << true;
     QTest::newRow("two blanks after the host") << QByteArray("Jan  5 01:02:03 box  user.info prog: text") << false;
     QTest::newRow("host with colons and tab") << QByteArray("Jan  5 01:02:03 fe80::1\t user.info prog: x") << true;
     QTest::newRow("facility not in the table") << QByteArray("Jan  5 01:02:03 box security.info prog: x") << false;
-    QTest::newRow("facility cut short") << QByteArray("Jan  5 01:02:03 box use.info prog: text") << false;
+    QTest::newRow("truncated facility") << QByteArray("Jan  5 01:02:03 box use.info prog: text") << false;
     QTest::newRow("facility and more") << QByteArray("Jan  5 01:02:03 box authprivy.info prog: text") << false;
     QTest::newRow("auth") << QByteArray("Jan  5 01:02:03 box auth.info prog: text") << true;
     QTest::newRow("authpriv") << QByteArray("Jan  5 01:02:03 box authpriv.notice prog: text") << true;
-    QTest::newRow("large facility") << QByteArray("Jan  5 01:02:03 box User.info prog: text") << false;
+    QTest::newRow("upper-case facility") << QByteArray("Jan  5 01:02:03 box User.info prog: text") << false;
     QTest::newRow("warning in full") << QByteArray("Jan  5 01:02:03 box user.warning prog: x") << false;
     QTest::newRow("error in full") << QByteArray("Jan  5 01:02:03 box user.error prog: x") << false;
-    QTest::newRow("large level") << QByteArray("Jan  5 01:02:03 box user.INFO prog: text") << false;
+    QTest::newRow("upper-case level") << QByteArray("Jan  5 01:02:03 box user.INFO prog: text") << false;
     QTest::newRow("no level") << QByteArray("Jan  5 01:02:03 box user. prog: text") << false;
     QTest::newRow("no dot") << QByteArray("Jan  5 01:02:03 box userinfo prog: text") << false;
     QTest::newRow("level before facility") << QByteArray("Jan  5 01:02:03 box info.user prog: text") << false;
@@ -957,10 +957,10 @@ void tst_NSysLog::lineIsTaken_data()
     QTest::newRow("NULs before") << QByteArray("\0\0Jan  5 01:02:03 box user.info prog: text", 42) << false;
     QTest::newRow("empty") << QByteArray("") << false;
     QTest::newRow("blank") << QByteArray("   ") << false;
-    QTest::newRow("cut short") << QByteArray("Jan  5 01:02:0") << false;
+    QTest::newRow("truncated") << QByteArray("Jan  5 01:02:0") << false;
 }
 
-void tst_NSysLog::lineIsTaken()
+void tst_NSysLog::lineIsAccepted()
 {
     QFETCH(QByteArray, line);
     QFETCH(bool, taken);
@@ -971,7 +971,7 @@ void tst_NSysLog::lineIsTaken()
     QCOMPARE(NDocumentedLogLines::read(file, NSysLog::Debug, anyProgram()), taken ? expected : QStringList());
 }
 
-void tst_NSysLog::everyMonthFacilityAndLevelIsTaken()
+void tst_NSysLog::everyMonthFacilityAndLevelIsAccepted()
 {
     QByteArray content;
     for (const QString& month : NSysLog::S_LOG_MONTHES_LABELS) {
@@ -987,7 +987,7 @@ void tst_NSysLog::everyMonthFacilityAndLevelIsTaken()
     QCOMPARE(lines.join(latin1("\n")).toLatin1() + '\n', content);
 }
 
-void tst_NSysLog::levelsUpToTheGivenOneAreTaken_data()
+void tst_NSysLog::levelsUpToTheGivenOneAreAccepted_data()
 {
     QTest::addColumn<int>("level");
     QTest::addColumn<QString>("texts");
@@ -1005,8 +1005,8 @@ void tst_NSysLog::levelsUpToTheGivenOneAreTaken_data()
     QTest::newRow("largest") << INT_MAX << latin1("emerg,alert,crit,err,warn,notice,info,debug");
 }
 
-// With a negative level the documented expression ends its priority in "(?:)", which the empty text matches.
-void tst_NSysLog::levelsUpToTheGivenOneAreTaken()
+// With a negative level the documented expression ends its priority with "(?:)", which matches the empty text.
+void tst_NSysLog::levelsUpToTheGivenOneAreAccepted()
 {
     QFETCH(int, level);
     QFETCH(QString, texts);
@@ -1027,7 +1027,7 @@ void tst_NSysLog::spaceAroundALineIsRemoved_data()
     QTest::newRow("line break of another system") << QByteArray() << QByteArray("\r");
     QTest::newRow("blanks") << QByteArray("  ") << QByteArray("   ");
     QTest::newRow("tabs and feeds") << QByteArray("\t\v\f") << QByteArray("\t\v\f");
-    QTest::newRow("unbreakable blank") << QByteArray("\xa0") << QByteArray("\xa0");
+    QTest::newRow("no-break space") << QByteArray("\xa0") << QByteArray("\xa0");
 }
 
 void tst_NSysLog::spaceAroundALineIsRemoved()
@@ -1120,7 +1120,7 @@ void tst_NSysLog::filesAreReadInTheirOrder()
                                                        << latin1("Jan  5 01:02:03 box user.info prog: 2"));
 }
 
-void tst_NSysLog::fileNamedTwiceIsReadTwice()
+void tst_NSysLog::fileListedTwiceIsReadTwice()
 {
     NTemporaryDirectory directory;
     const QString line = latin1("Jan  5 01:02:03 box user.info prog: text");
@@ -1128,7 +1128,7 @@ void tst_NSysLog::fileNamedTwiceIsReadTwice()
     QCOMPARE(readBack(QStringList() << file << file), QStringList() << line << line);
 }
 
-void tst_NSysLog::filesThatCannotBeReadAreLeftOut()
+void tst_NSysLog::unreadableFilesAreSkipped()
 {
     NTemporaryDirectory directory;
     const QString line = latin1("Jan  5 01:02:03 box user.info prog: text");
@@ -1147,7 +1147,7 @@ void tst_NSysLog::filesThatCannotBeReadAreLeftOut()
         QStringList(line));
 }
 
-void tst_NSysLog::everyCallReadsTheFilesAfresh()
+void tst_NSysLog::everyCallReadsTheFilesAgain()
 {
     NTemporaryDirectory directory;
     const NSysLog log(latin1("me"), 0, LOG_USER, QStringList(directory.filePath(latin1("messages"))), nullptr);
@@ -1157,8 +1157,8 @@ void tst_NSysLog::everyCallReadsTheFilesAfresh()
     QCOMPARE(log.logLines(NSysLog::Debug, anyProgram()).size(), 1);
 }
 
-// Otherwise a rotation between the two would hide the lines that move from one file to the other.
-void tst_NSysLog::filesAreOpenedBeforeOneIsReadAndClosedAtTheEnd()
+// Otherwise a rotation between the two would lose the lines that move from one file to the other.
+void tst_NSysLog::allFilesAreOpenedBeforeReadingAndClosedAtTheEnd()
 {
     NTemporaryDirectory directory;
     const QByteArray line = "Jan  5 01:02:03 box user.info prog: text\n";
@@ -1183,7 +1183,7 @@ void tst_NSysLog::filesAreOpenedBeforeOneIsReadAndClosedAtTheEnd()
     QVERIFY2(order.contains("r2 ") && order.contains("c1 ") && order.contains("c2 "), order.constData());
 }
 
-void tst_NSysLog::fileMayBeTruncatedWhileItIsRead()
+void tst_NSysLog::fileMayBeTruncatedDuringReading()
 {
     NTemporaryDirectory directory;
     const QString file = directory.writeFile(latin1("messages"), QByteArray());
@@ -1192,7 +1192,7 @@ void tst_NSysLog::fileMayBeTruncatedWhileItIsRead()
     const bool started = NTest::waitUntil([&]() { return QFileInfo(file).size() > 0; });
     QString wrong;
     for (int count = 0; count < 100 && wrong.isEmpty(); ++count) {
-        // The last line may be half written.
+        // The last line may be incomplete.
         for (const QString& found : readBack(file)) {
             if (!line.startsWith(found))
                 wrong = found;
@@ -1204,7 +1204,7 @@ void tst_NSysLog::fileMayBeTruncatedWhileItIsRead()
     QCOMPARE(wrong, QString());
 }
 
-void tst_NSysLog::answerIsThatOfTheDocumentedExpression_data()
+void tst_NSysLog::resultAgreesWithTheDocumentedExpression_data()
 {
     QTest::addColumn<int>("level");
     QTest::newRow("negative") << -1;
@@ -1212,7 +1212,7 @@ void tst_NSysLog::answerIsThatOfTheDocumentedExpression_data()
         QTest::newRow(qPrintable(label)) << NSysLog::S_LOG_LEVELS_LABELS.indexOf(label);
 }
 
-void tst_NSysLog::answerIsThatOfTheDocumentedExpression()
+void tst_NSysLog::resultAgreesWithTheDocumentedExpression()
 {
     QFETCH(int, level);
     LineMaker maker(quint32(level + 2));
@@ -1228,8 +1228,8 @@ void tst_NSysLog::answerIsThatOfTheDocumentedExpression()
     QCOMPARE(readBack(file, level, wanted), expected);
 }
 
-// Wherever the lines are cut when a file is read in pieces.
-void tst_NSysLog::lineMayLieAcrossBlocks()
+// Whatever the positions at which lines are split when a file is read in pieces.
+void tst_NSysLog::lineMayExtendOverBlocks()
 {
     NTemporaryDirectory directory;
     const QByteArray line = "  Jan  5 01:02:03 box authpriv.notice prog[1]: text \t\r\n";
@@ -1247,7 +1247,7 @@ void tst_NSysLog::lineMayLieAcrossBlocks()
     }
 }
 
-void tst_NSysLog::longLineIsReturnedWhole()
+void tst_NSysLog::longLineIsReturnedCompletely()
 {
     NTemporaryDirectory directory;
     QByteArray text;
@@ -1264,16 +1264,16 @@ void tst_NSysLog::longLineIsReturnedWhole()
     QVERIFY(lines.at(2) == latin1(line.constData()));
 }
 
-void tst_NSysLog::programsUpToAMebibyteAreTaken_data()
+void tst_NSysLog::programsUpToOneMebibyteAreAccepted_data()
 {
     QTest::addColumn<int>("size");
     QTest::addColumn<bool>("isTaken");
-    QTest::newRow("longer than what is remembered") << 65 << true;
+    QTest::newRow("longer than a cached name") << 65 << true;
     QTest::newRow("1 MiB") << 1024 * 1024 << true;
     QTest::newRow("longer than 1 MiB") << 1024 * 1024 + 1 << false;
 }
 
-void tst_NSysLog::programsUpToAMebibyteAreTaken()
+void tst_NSysLog::programsUpToOneMebibyteAreAccepted()
 {
     QFETCH(int, size);
     QFETCH(bool, isTaken);
@@ -1284,13 +1284,13 @@ void tst_NSysLog::programsUpToAMebibyteAreTaken()
     QVERIFY(lines == (isTaken ? QStringList(latin1(line.constData())) : QStringList()));
 }
 
-// The NULs are what a file system may leave at the end of a log when the power fails.
-void tst_NSysLog::linesThatAreNotWantedNeedNoMemory_data()
+// A file system may leave NULs at the end of a log after a power loss.
+void tst_NSysLog::unwantedLinesNeedNoMemory_data()
 {
     QTest::addColumn<QByteArray>("begin");
     QTest::addColumn<QByteArray>("end");
     const QByteArray nothing;
-    QTest::newRow("nothing but NULs") << QByteArray("\n") << nothing;
+    QTest::newRow("only NULs") << QByteArray("\n") << nothing;
     QTest::newRow("endless host") << QByteArray("Jan  5 01:02:03 ") << nothing;
     QTest::newRow("endless facility") << QByteArray("Jan  5 01:02:03 box user") << nothing;
     QTest::newRow("endless program") << QByteArray("Jan  5 01:02:03 box user.info prog") << nothing;
@@ -1301,7 +1301,7 @@ void tst_NSysLog::linesThatAreNotWantedNeedNoMemory_data()
                                       << nothing;
 }
 
-void tst_NSysLog::linesThatAreNotWantedNeedNoMemory()
+void tst_NSysLog::unwantedLinesNeedNoMemory()
 {
     QFETCH(QByteArray, begin);
     QFETCH(QByteArray, end);

@@ -23,13 +23,13 @@ namespace {
 
 typedef QList<QStringList> Records;
 
-// Fields from a text in which "|" stands between them.
+// Fields from a text that separates them by "|".
 QStringList fields(const char* joined)
 {
     return latin1(joined).split(QLatin1Char('|'));
 }
 
-// A device that gives its content in pieces and fails after it without ever being at its end.
+// A device that returns its content in pieces and then fails without being at its end.
 class FailingDevice : public QIODevice
 {
 public:
@@ -64,7 +64,7 @@ private:
     const int m_pieceSize;
 };
 
-// Gives so many bytes of an open quoted field, a line feed after every 64, and then its end.
+// Returns an unterminated quoted field of a given size, with a line feed after every 64 bytes.
 class EndlessField : public std::streambuf
 {
 public:
@@ -93,7 +93,7 @@ private:
     char m_block[4096];
 };
 
-// Throws after its first line, as a stream buffer over something remote may.
+// Throws after its first line, as a stream buffer over a network may.
 class ThrowingBuffer : public std::streambuf
 {
 public:
@@ -167,20 +167,20 @@ class tst_NCsvFileReader : public QObject
 private slots:
     void initTestCase();
 
-    void textIsTakenApart_data();
-    void textIsTakenApart();
+    void textIsSplitIntoFields_data();
+    void textIsSplitIntoFields();
     void malformedTextIsRefused_data();
     void malformedTextIsRefused();
-    void separatorsAreChosen_data();
-    void separatorsAreChosen();
+    void separatorIsConfigurable_data();
+    void separatorIsConfigurable();
     void separatorBeyondLatin1SplitsAtNulOnly();
 
-    void everySourceGivesTheRecord();
-    void copiedSourcesNeedNotLive();
-    void givenStreamIsLeftToItsOwner();
+    void everySourceProvidesTheRecord();
+    void copiedSourcesMayBeDestroyed();
+    void givenStreamIsNeitherClosedNorDeleted();
     void byteOrderMarkIsSkipped_data();
     void byteOrderMarkIsSkipped();
-    void nulIsKept();
+    void nulIsPreserved();
     void fieldOfOneMegabyte();
     void hundredThousandColumns();
     void fieldOfManyLines();
@@ -188,11 +188,11 @@ private slots:
     void emptySourceHasNoRecords();
     void parsingAtTheEndGivesNoFields();
     void earlierFieldsAreReplaced();
-    void fieldsThatWereKeptDoNotChange();
-    void readNextStreamLineGivesLinesAsTheyAre();
+    void copiedFieldsDoNotChange();
+    void readNextStreamLineReturnsLinesUnchanged();
     void standardStreamKeepsCarriageReturns();
-    void standardStreamEndsAfterItsEndWasMet();
-    void standardStreamGivesEachLineOnce();
+    void standardStreamEndsAfterItsEndWasReached();
+    void standardStreamReturnsEachLineOnce();
     void failedStandardStreamHasNoLine_data();
     void failedStandardStreamHasNoLine();
     void nullStandardStreamIsAtItsEnd();
@@ -202,27 +202,27 @@ private slots:
     void throwingStandardStreamStops();
     void failingDeviceStops_data();
     void failingDeviceStops();
-    void piecesOfADeviceMakeLines();
+    void linesMayArriveInPieces();
     void lineBreakMayBeSplitBetweenReads_data();
     void lineBreakMayBeSplitBetweenReads();
-    void byteAllOnesIsALetterOfAStandardStream();
+    void byteWithAllBitsSetIsALetterOfAStandardStream();
     void streamBufferOverADeviceIsReadToItsEnd();
-    void deviceClosedUnderTheReaderIsAtItsEnd();
+    void deviceClosedMeanwhileIsAtItsEnd();
     void sequentialBufferIsReadToItsEnd();
     void openQuotesNeedNoMoreMemoryThanTheField();
-    void fieldThatNeedsTooMuchMemoryIsRefused();
-    void withoutMemoryOnlyTheFieldsBeforeAreLeft_data();
-    void withoutMemoryOnlyTheFieldsBeforeAreLeft();
+    void fieldExceedingMemoryIsRefused();
+    void withoutMemoryOnlyTheEarlierFieldsRemain_data();
+    void withoutMemoryOnlyTheEarlierFieldsRemain();
     void withoutMemoryThereIsNoLine();
-    void recordsBeforeTheMemoryEndsAreLeft_data();
-    void recordsBeforeTheMemoryEndsAreLeft();
+    void recordsBeforeMemoryIsExhaustedRemain_data();
+    void recordsBeforeMemoryIsExhaustedRemain();
 
-    void millionRandomRecordsReadBackEqual_data();
-    void millionRandomRecordsReadBackEqual();
-    void filesOfAnOfficeProgramRead_data();
-    void filesOfAnOfficeProgramRead();
-    void filesOfPythonRead_data();
-    void filesOfPythonRead();
+    void millionRandomRecordsAreReadBackUnchanged_data();
+    void millionRandomRecordsAreReadBackUnchanged();
+    void filesOfAnOfficeProgramAreRead_data();
+    void filesOfAnOfficeProgramAreRead();
+    void filesOfPythonAreRead_data();
+    void filesOfPythonAreRead();
 };
 
 void tst_NCsvFileReader::initTestCase()
@@ -230,7 +230,7 @@ void tst_NCsvFileReader::initTestCase()
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
 }
 
-void tst_NCsvFileReader::textIsTakenApart_data()
+void tst_NCsvFileReader::textIsSplitIntoFields_data()
 {
     QTest::addColumn<QByteArray>("bytes");
     QTest::addColumn<Records>("records");
@@ -279,7 +279,7 @@ void tst_NCsvFileReader::textIsTakenApart_data()
         << (Records() << (QStringList() << QString(QChar(0xe9)) << QString(QChar(0x20ac))));
 }
 
-void tst_NCsvFileReader::textIsTakenApart()
+void tst_NCsvFileReader::textIsSplitIntoFields()
 {
     QFETCH(QByteArray, bytes);
     QFETCH(Records, records);
@@ -319,7 +319,7 @@ void tst_NCsvFileReader::malformedTextIsRefused()
     QCOMPARE(record, left);
 }
 
-void tst_NCsvFileReader::separatorsAreChosen_data()
+void tst_NCsvFileReader::separatorIsConfigurable_data()
 {
     QTest::addColumn<int>("separator");
     QTest::addColumn<QStringList>("record");
@@ -328,7 +328,7 @@ void tst_NCsvFileReader::separatorsAreChosen_data()
     QTest::newRow("colon") << 2 << fields("a;\"b|c\",d");
 }
 
-void tst_NCsvFileReader::separatorsAreChosen()
+void tst_NCsvFileReader::separatorIsConfigurable()
 {
     QFETCH(int, separator);
     QFETCH(QStringList, record);
@@ -361,7 +361,7 @@ void tst_NCsvFileReader::separatorBeyondLatin1SplitsAtNulOnly()
     QCOMPARE(record, QStringList() << latin1("a,b") << latin1("c") + QChar(0x2c2c) + QChar(0x122c));
 }
 
-void tst_NCsvFileReader::everySourceGivesTheRecord()
+void tst_NCsvFileReader::everySourceProvidesTheRecord()
 {
     const QChar character = QLatin1Char(';');
     const NCsvUtilities::Separator separator = NCsvUtilities::SeparatorSemicolon;
@@ -400,7 +400,7 @@ void tst_NCsvFileReader::everySourceGivesTheRecord()
     }
 }
 
-void tst_NCsvFileReader::copiedSourcesNeedNotLive()
+void tst_NCsvFileReader::copiedSourcesMayBeDestroyed()
 {
     QScopedPointer<QString> string(new QString(latin1("a,b")));
     QScopedPointer<QByteArray> array(new QByteArray("a,b"));
@@ -415,7 +415,7 @@ void tst_NCsvFileReader::copiedSourcesNeedNotLive()
     QCOMPARE(record, fields("a|b"));
 }
 
-void tst_NCsvFileReader::givenStreamIsLeftToItsOwner()
+void tst_NCsvFileReader::givenStreamIsNeitherClosedNorDeleted()
 {
     QString string = latin1("a,b\nrest\n");
     QTextStream stream(&string, QIODevice::ReadOnly);
@@ -443,7 +443,7 @@ void tst_NCsvFileReader::byteOrderMarkIsSkipped()
     QVERIFY(ok);
 }
 
-void tst_NCsvFileReader::nulIsKept()
+void tst_NCsvFileReader::nulIsPreserved()
 {
     const QByteArray bytes("a\0b,\"\0\"\n", 8);
     const QStringList expected = QStringList() << QString::fromLatin1("a\0b", 3) << QString(QChar(0));
@@ -513,7 +513,7 @@ void tst_NCsvFileReader::earlierFieldsAreReplaced()
     QCOMPARE(record, fields("1|2|3|4|5"));
 }
 
-void tst_NCsvFileReader::fieldsThatWereKeptDoNotChange()
+void tst_NCsvFileReader::copiedFieldsDoNotChange()
 {
     const QString longText(5000, QLatin1Char('l'));
     NCsvFileReader reader(longText + latin1(",b\nc,\"d\"\"\"\n"), NCsvUtilities::SeparatorComma);
@@ -528,7 +528,7 @@ void tst_NCsvFileReader::fieldsThatWereKeptDoNotChange()
     QVERIFY(record.at(0).capacity() < 1000);
 }
 
-void tst_NCsvFileReader::readNextStreamLineGivesLinesAsTheyAre()
+void tst_NCsvFileReader::readNextStreamLineReturnsLinesUnchanged()
 {
     NCsvFileReader reader(latin1("\"a\",b \n\nc"), NCsvUtilities::SeparatorComma);
     QCOMPARE(reader.readNextStreamLine(), latin1("\"a\",b "));
@@ -557,7 +557,7 @@ void tst_NCsvFileReader::standardStreamKeepsCarriageReturns()
     QVERIFY(!quotedReader.parseNextLine(record));
 }
 
-void tst_NCsvFileReader::standardStreamEndsAfterItsEndWasMet()
+void tst_NCsvFileReader::standardStreamEndsAfterItsEndWasReached()
 {
     std::istringstream ended(std::string("a\nb"));
     NCsvFileReader reader(static_cast<std::istream*>(&ended), NCsvUtilities::SeparatorComma);
@@ -577,7 +577,7 @@ void tst_NCsvFileReader::standardStreamEndsAfterItsEndWasMet()
     QCOMPARE(records, Records());
 }
 
-void tst_NCsvFileReader::standardStreamGivesEachLineOnce()
+void tst_NCsvFileReader::standardStreamReturnsEachLineOnce()
 {
     std::istringstream stream(std::string("a\nb"));
     NCsvFileReader reader(static_cast<std::istream*>(&stream), NCsvUtilities::SeparatorComma);
@@ -688,7 +688,7 @@ void tst_NCsvFileReader::failingDeviceStops()
     QCOMPARE(records.size(), goodRecords);
 }
 
-void tst_NCsvFileReader::piecesOfADeviceMakeLines()
+void tst_NCsvFileReader::linesMayArriveInPieces()
 {
     FailingDevice device("first,\"sec\nond\"\nthird,\xc3\xa9\n", -1, 1);
     NCsvFileReader reader(&device, NCsvUtilities::SeparatorComma);
@@ -724,8 +724,8 @@ void tst_NCsvFileReader::lineBreakMayBeSplitBetweenReads()
                            << fields("e"));
 }
 
-// Where char is signed, this byte is easily taken for the end of the text.
-void tst_NCsvFileReader::byteAllOnesIsALetterOfAStandardStream()
+// Where char is signed, this byte is easily confused with the end of the text.
+void tst_NCsvFileReader::byteWithAllBitsSetIsALetterOfAStandardStream()
 {
     const QString letter(QChar(0xff));
     std::istringstream stream(std::string("\xff,\"\xff\n\xff\"\n\xff"));
@@ -766,7 +766,7 @@ void tst_NCsvFileReader::streamBufferOverADeviceIsReadToItsEnd()
     QVERIFY(reader.atEnd());
 }
 
-void tst_NCsvFileReader::deviceClosedUnderTheReaderIsAtItsEnd()
+void tst_NCsvFileReader::deviceClosedMeanwhileIsAtItsEnd()
 {
     QByteArray bytes = QByteArray("a,b\n").repeated(10000);
     QBuffer device(&bytes);
@@ -776,7 +776,7 @@ void tst_NCsvFileReader::deviceClosedUnderTheReaderIsAtItsEnd()
     QVERIFY(reader.parseNextLine(record));
     device.close();
     Records records;
-    reader.parseFile(records); // what had been read ahead ends somewhere in a line
+    reader.parseFile(records); // the text read ahead ends within a line
     QVERIFY(records.size() < 10000);
     QVERIFY(reader.atEnd());
 }
@@ -813,16 +813,16 @@ void tst_NCsvFileReader::openQuotesNeedNoMoreMemoryThanTheField()
         return after.ru_maxrss - before.ru_maxrss < (2 * megabytes + 16) * 1024 ? 0 : 2;
     });
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    QVERIFY(status == 0 || status == 2); // a sanitizer takes memory of its own
+    QVERIFY(status == 0 || status == 2); // a sanitizer needs memory itself
 #else
     QCOMPARE(status, 0);
 #endif
 }
 
-void tst_NCsvFileReader::fieldThatNeedsTooMuchMemoryIsRefused()
+void tst_NCsvFileReader::fieldExceedingMemoryIsRefused()
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    const qint64 size = qint64(1) << 20; // a sanitizer takes far more addresses than any limit would leave
+    const qint64 size = qint64(1) << 20; // a sanitizer needs more address space than any limit allows
 #else
     const qint64 size = qint64(1) << 30;
 #endif
@@ -838,7 +838,7 @@ void tst_NCsvFileReader::fieldThatNeedsTooMuchMemoryIsRefused()
     QCOMPARE(status, 0);
 }
 
-void tst_NCsvFileReader::withoutMemoryOnlyTheFieldsBeforeAreLeft_data()
+void tst_NCsvFileReader::withoutMemoryOnlyTheEarlierFieldsRemain_data()
 {
     QTest::addColumn<int>("megabytes");
     QTest::addColumn<QStringList>("left");
@@ -848,9 +848,9 @@ void tst_NCsvFileReader::withoutMemoryOnlyTheFieldsBeforeAreLeft_data()
     QTest::newRow("enough") << 400 << fields("first|long|third") << true;
 }
 
-// A sanitizer takes more addresses than any limit would leave: there the field is short and always gets its
-// memory.
-void tst_NCsvFileReader::withoutMemoryOnlyTheFieldsBeforeAreLeft()
+// A sanitizer needs more address space than any limit allows. With one, the field is short and its allocation
+// succeeds.
+void tst_NCsvFileReader::withoutMemoryOnlyTheEarlierFieldsRemain()
 {
     QFETCH(int, megabytes);
     QFETCH(QStringList, left);
@@ -900,8 +900,8 @@ void tst_NCsvFileReader::withoutMemoryThereIsNoLine()
     QCOMPARE(status, 0);
 }
 
-// Whether there is none for a record or none for the list depends on how much is left.
-void tst_NCsvFileReader::recordsBeforeTheMemoryEndsAreLeft_data()
+// Whether the allocation of a record or of the list fails depends on how much memory is left.
+void tst_NCsvFileReader::recordsBeforeMemoryIsExhaustedRemain_data()
 {
     QTest::addColumn<int>("megabytes");
     const int sizes[] = {40, 48, 56};
@@ -909,7 +909,7 @@ void tst_NCsvFileReader::recordsBeforeTheMemoryEndsAreLeft_data()
         QTest::newRow(QByteArray::number(size).constData()) << size;
 }
 
-void tst_NCsvFileReader::recordsBeforeTheMemoryEndsAreLeft()
+void tst_NCsvFileReader::recordsBeforeMemoryIsExhaustedRemain()
 {
     QFETCH(int, megabytes);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -936,7 +936,7 @@ void tst_NCsvFileReader::recordsBeforeTheMemoryEndsAreLeft()
     QCOMPARE(status, 0);
 }
 
-void tst_NCsvFileReader::millionRandomRecordsReadBackEqual_data()
+void tst_NCsvFileReader::millionRandomRecordsAreReadBackUnchanged_data()
 {
     QTest::addColumn<int>("separator");
     QTest::newRow("comma") << 0;
@@ -944,7 +944,7 @@ void tst_NCsvFileReader::millionRandomRecordsReadBackEqual_data()
     QTest::newRow("colon") << 2;
 }
 
-void tst_NCsvFileReader::millionRandomRecordsReadBackEqual()
+void tst_NCsvFileReader::millionRandomRecordsAreReadBackUnchanged()
 {
     QFETCH(int, separator);
     const NCsvUtilities::Separator value = NCsvUtilities::Separator(separator);
@@ -952,7 +952,7 @@ void tst_NCsvFileReader::millionRandomRecordsReadBackEqual()
     enum Kind { Device, String, Array, Stream, Standard, KindCount };
     const int blockSize = 1000;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    const int recordCount = 100 * 1000; // a sanitizer takes its time, and has seen each way many times by then
+    const int recordCount = 100 * 1000; // a sanitizer is slow, and this covers every case many times
 #else
     const int recordCount = 1000 * 1000;
 #endif
@@ -1021,7 +1021,7 @@ void tst_NCsvFileReader::millionRandomRecordsReadBackEqual()
     }
 }
 
-void tst_NCsvFileReader::filesOfAnOfficeProgramRead_data()
+void tst_NCsvFileReader::filesOfAnOfficeProgramAreRead_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<int>("separator");
@@ -1031,7 +1031,7 @@ void tst_NCsvFileReader::filesOfAnOfficeProgramRead_data()
     QTest::newRow("all quoted") << latin1("quoted") << 0;
 }
 
-void tst_NCsvFileReader::filesOfAnOfficeProgramRead()
+void tst_NCsvFileReader::filesOfAnOfficeProgramAreRead()
 {
     QFETCH(QString, name);
     QFETCH(int, separator);
@@ -1049,7 +1049,7 @@ void tst_NCsvFileReader::filesOfAnOfficeProgramRead()
                            << fields("'single'|=text|a\nb\n\"c\",d;e:f|last"));
 }
 
-void tst_NCsvFileReader::filesOfPythonRead_data()
+void tst_NCsvFileReader::filesOfPythonAreRead_data()
 {
     QTest::addColumn<QString>("quoting");
     QTest::addColumn<int>("separator");
@@ -1064,7 +1064,7 @@ void tst_NCsvFileReader::filesOfPythonRead_data()
     }
 }
 
-void tst_NCsvFileReader::filesOfPythonRead()
+void tst_NCsvFileReader::filesOfPythonAreRead()
 {
     QFETCH(QString, quoting);
     QFETCH(int, separator);

@@ -23,13 +23,13 @@ QString written(const QStringList& fields, const QChar& separator = QLatin1Char(
     return string;
 }
 
-// The record that every kind of sink gets.
+// The record that is written to every kind of sink.
 QStringList record()
 {
     return QStringList() << latin1("a,b") << latin1("c;d:e") << QString(QChar(0xe9)) << QString();
 }
 
-// Takes no more than so many bytes altogether, and of the rest as many as there is room for.
+// A device that accepts a limited number of bytes in all.
 class SmallDevice : public QIODevice
 {
 public:
@@ -57,7 +57,7 @@ private:
     const int m_size;
 };
 
-// The same as the buffer of a standard stream.
+// The same as a stream buffer.
 class SmallBuffer : public std::streambuf
 {
 public:
@@ -83,7 +83,7 @@ const char* const FullFile = "/dev/full"; // see full(4)
 
 const int RecordCount = 10000;
 
-// More than any buffer on the way holds.
+// Larger than all buffers involved.
 void writeRecords(NCsvFileWriter& writer)
 {
     for (int index = 0; index < RecordCount; ++index)
@@ -113,25 +113,25 @@ private slots:
     void emptyFieldsAreWritten();
     void separatorBeyondLatin1IsNul();
 
-    void everySinkTakesTheRecord();
-    void givenStreamsAreLeftToTheirOwner();
+    void everySinkReceivesTheRecord();
+    void givenStreamsAreNeitherFlushedNorDeleted();
     void standardStreamGetsLatin1();
     void standardStreamKeepsNul();
-    void nullStandardStreamTakesNothing();
-    void standardStreamThatThrowsDoesNotThrowHere();
-    void sinkThatIsNotEmptyIsWrittenTo();
-    void stringsArePaddedAsTheStreamIsSet();
+    void nullStandardStreamIsIgnored();
+    void exceptionsOfAStandardStreamAreCaught();
+    void nonEmptySinksAreWrittenTo();
+    void stringsArePaddedToTheStreamsFieldWidth();
 
-    void escapingTakesTheMemoryThatIsNeeded();
-    void escapingWithoutMemoryGivesANullString();
-    void recordWithoutMemoryIsLeftOutWhole_data();
-    void recordWithoutMemoryIsLeftOutWhole();
-    void fullDeviceTellsItsError_data();
-    void fullDeviceTellsItsError();
-    void fullStreamTellsItsStatus_data();
-    void fullStreamTellsItsStatus();
-    void nothingFollowsWhatASinkHasNotTaken();
-    void deviceMayBeClosedUnderTheWriter();
+    void escapingUsesOnlyTheMemoryNeeded();
+    void escapingWithoutMemoryReturnsANullString();
+    void recordWithoutMemoryIsLeftOutCompletely_data();
+    void recordWithoutMemoryIsLeftOutCompletely();
+    void fullDeviceReportsItsError_data();
+    void fullDeviceReportsItsError();
+    void fullStreamReportsItsStatus_data();
+    void fullStreamReportsItsStatus();
+    void nothingIsWrittenAfterAFailure();
+    void deviceMayBeClosedMeanwhile();
 };
 
 void tst_NCsvFileWriter::initTestCase()
@@ -192,7 +192,7 @@ void tst_NCsvFileWriter::specialCharactersAreFoundAnywhereInAField()
     QString sink;
     const NCsvFileWriter writer(&sink, separator);
     for (int size = 0; size < 20; ++size) {
-        // What has the same low byte is another character.
+        // A character with the same low byte is a different character.
         const QString plain(size, QChar(special.unicode() + 0x100));
         QCOMPARE(writer.escapeString(plain), plain);
         for (int position = 0; position < size; ++position) {
@@ -228,7 +228,7 @@ void tst_NCsvFileWriter::separatorBeyondLatin1IsNul()
     QCOMPARE(string, QString::fromLatin1("a\0b\n", 4));
 }
 
-void tst_NCsvFileWriter::everySinkTakesTheRecord()
+void tst_NCsvFileWriter::everySinkReceivesTheRecord()
 {
     const QByteArray utf8("a,b;\"c;d:e\";\xc3\xa9;\n");
     const QByteArray latin1("a,b;\"c;d:e\";\xe9;\n");
@@ -279,7 +279,7 @@ void tst_NCsvFileWriter::everySinkTakesTheRecord()
     }
 }
 
-void tst_NCsvFileWriter::givenStreamsAreLeftToTheirOwner()
+void tst_NCsvFileWriter::givenStreamsAreNeitherFlushedNorDeleted()
 {
     QByteArray array;
     QTextStream stream(&array, QIODevice::WriteOnly);
@@ -309,14 +309,14 @@ void tst_NCsvFileWriter::standardStreamKeepsNul()
     QVERIFY(standard.str() == std::string("a\0b\n", 4));
 }
 
-void tst_NCsvFileWriter::nullStandardStreamTakesNothing()
+void tst_NCsvFileWriter::nullStandardStreamIsIgnored()
 {
     NCsvFileWriter writer(static_cast<std::ostream*>(nullptr), NCsvUtilities::SeparatorComma);
     writer.appendLine(QStringList() << latin1("a"));
     QCOMPARE(writer.escapeString(latin1("a,")), latin1("\"a,\""));
 }
 
-void tst_NCsvFileWriter::standardStreamThatThrowsDoesNotThrowHere()
+void tst_NCsvFileWriter::exceptionsOfAStandardStreamAreCaught()
 {
     std::ostringstream standard;
     standard.setstate(std::ios_base::badbit);
@@ -329,7 +329,7 @@ void tst_NCsvFileWriter::standardStreamThatThrowsDoesNotThrowHere()
     QVERIFY(standard.bad());
 }
 
-void tst_NCsvFileWriter::sinkThatIsNotEmptyIsWrittenTo()
+void tst_NCsvFileWriter::nonEmptySinksAreWrittenTo()
 {
     const QStringList record(latin1("x"));
     const NCsvUtilities::Separator separator = NCsvUtilities::SeparatorComma;
@@ -367,7 +367,7 @@ void tst_NCsvFileWriter::sinkThatIsNotEmptyIsWrittenTo()
     QCOMPARE(standard.str().c_str(), "existing textx\n");
 }
 
-void tst_NCsvFileWriter::stringsArePaddedAsTheStreamIsSet()
+void tst_NCsvFileWriter::stringsArePaddedToTheStreamsFieldWidth()
 {
     QString string;
     QTextStream stream(&string);
@@ -391,7 +391,7 @@ void tst_NCsvFileWriter::stringsArePaddedAsTheStreamIsSet()
     QCOMPARE(string, latin1("a,\"b,c\",,longer\n"));
 }
 
-void tst_NCsvFileWriter::escapingTakesTheMemoryThatIsNeeded()
+void tst_NCsvFileWriter::escapingUsesOnlyTheMemoryNeeded()
 {
     QString sink;
     const NCsvFileWriter writer(&sink, QLatin1Char(','));
@@ -402,8 +402,9 @@ void tst_NCsvFileWriter::escapingTakesTheMemoryThatIsNeeded()
     QVERIFY(escaped.capacity() < escaped.size() + 100);
 }
 
-// A sanitizer takes more addresses than any limit would leave: there the fields are short and get their memory.
-void tst_NCsvFileWriter::escapingWithoutMemoryGivesANullString()
+// A sanitizer needs more address space than any limit allows. With one, the fields are short and the allocations
+// succeed.
+void tst_NCsvFileWriter::escapingWithoutMemoryReturnsANullString()
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     const int size = 100;
@@ -424,15 +425,16 @@ void tst_NCsvFileWriter::escapingWithoutMemoryGivesANullString()
     QCOMPARE(status, 0);
 }
 
-void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole_data()
+void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutCompletely_data()
 {
     QTest::addColumn<bool>("standard");
     QTest::newRow("text stream") << false;
     QTest::newRow("standard stream") << true;
 }
 
-// A sanitizer takes more addresses than any limit would leave: there the record is small and gets its memory.
-void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole()
+// A sanitizer needs more address space than any limit allows. With one, the record is small and the allocations
+// succeed.
+void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutCompletely()
 {
     QFETCH(bool, standard);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -460,7 +462,7 @@ void tst_NCsvFileWriter::recordWithoutMemoryIsLeftOutWhole()
     QCOMPARE(status, 0);
 }
 
-void tst_NCsvFileWriter::fullDeviceTellsItsError_data()
+void tst_NCsvFileWriter::fullDeviceReportsItsError_data()
 {
     QTest::addColumn<int>("mode");
     QTest::addColumn<bool>("isLong");
@@ -472,7 +474,7 @@ void tst_NCsvFileWriter::fullDeviceTellsItsError_data()
     }
 }
 
-void tst_NCsvFileWriter::fullDeviceTellsItsError()
+void tst_NCsvFileWriter::fullDeviceReportsItsError()
 {
     QFETCH(int, mode);
     QFETCH(bool, isLong);
@@ -488,14 +490,14 @@ void tst_NCsvFileWriter::fullDeviceTellsItsError()
     QVERIFY(file.error() != QFile::NoError);
 }
 
-void tst_NCsvFileWriter::fullStreamTellsItsStatus_data()
+void tst_NCsvFileWriter::fullStreamReportsItsStatus_data()
 {
     QTest::addColumn<bool>("standard");
     QTest::newRow("text stream") << false;
     QTest::newRow("standard stream") << true;
 }
 
-void tst_NCsvFileWriter::fullStreamTellsItsStatus()
+void tst_NCsvFileWriter::fullStreamReportsItsStatus()
 {
     QFETCH(bool, standard);
     if (standard) {
@@ -524,7 +526,7 @@ void tst_NCsvFileWriter::fullStreamTellsItsStatus()
     QCOMPARE(stream.status(), QTextStream::WriteFailed);
 }
 
-void tst_NCsvFileWriter::nothingFollowsWhatASinkHasNotTaken()
+void tst_NCsvFileWriter::nothingIsWrittenAfterAFailure()
 {
     const int size = 20000; // it ends in the middle of a record
     const QByteArray beginning = allRecords().left(size);
@@ -554,9 +556,9 @@ void tst_NCsvFileWriter::nothingFollowsWhatASinkHasNotTaken()
     QCOMPARE(buffer.taken(), beginning);
 }
 
-void tst_NCsvFileWriter::deviceMayBeClosedUnderTheWriter()
+void tst_NCsvFileWriter::deviceMayBeClosedMeanwhile()
 {
-    const QByteArray before("\"a,b\",c;d:e,\xc3\xa9,\n"); // what the stream still held when the device closed
+    const QByteArray before("\"a,b\",c;d:e,\xc3\xa9,\n"); // still in the stream's buffer when the device closed
     QBuffer device;
     QVERIFY(device.open(QIODevice::WriteOnly));
     {

@@ -12,12 +12,12 @@ class tst_NCsvUtilities : public QObject
 private slots:
     void separatorsHaveTheirCharacters_data();
     void separatorsHaveTheirCharacters();
-    void tableHoldsTheThreeSeparators();
+    void tableContainsTheThreeSeparators();
     void tableIsACopy();
     void keysAreRegisteredInOrder();
-    void valuesThatAreNoSeparatorHaveNoCharacter();
-    void otherCharactersMeanTheComma_data();
-    void otherCharactersMeanTheComma();
+    void unknownSeparatorsHaveNoCharacter();
+    void otherCharactersGiveTheComma_data();
+    void otherCharactersGiveTheComma();
 };
 
 void tst_NCsvUtilities::separatorsHaveTheirCharacters_data()
@@ -39,7 +39,7 @@ void tst_NCsvUtilities::separatorsHaveTheirCharacters()
     QCOMPARE(NCsvUtilities::separators().value(separator), character);
 }
 
-void tst_NCsvUtilities::tableHoldsTheThreeSeparators()
+void tst_NCsvUtilities::tableContainsTheThreeSeparators()
 {
     QCOMPARE(NCsvUtilities::separators().size(), 3);
 }
@@ -64,12 +64,12 @@ void tst_NCsvUtilities::keysAreRegisteredInOrder()
     QCOMPARE(keys.value(2), 2);
 }
 
-void tst_NCsvUtilities::valuesThatAreNoSeparatorHaveNoCharacter()
+void tst_NCsvUtilities::unknownSeparatorsHaveNoCharacter()
 {
     QVERIFY(NCsvUtilities::characterFromSeparator(NCsvUtilities::Separator(3)).isNull());
 }
 
-void tst_NCsvUtilities::otherCharactersMeanTheComma_data()
+void tst_NCsvUtilities::otherCharactersGiveTheComma_data()
 {
     QTest::addColumn<QChar>("character");
     QTest::newRow("vertical bar") << QChar(QLatin1Char('|'));
@@ -78,7 +78,7 @@ void tst_NCsvUtilities::otherCharactersMeanTheComma_data()
     QTest::newRow("full-width semicolon") << QChar(0xff1b);
 }
 
-void tst_NCsvUtilities::otherCharactersMeanTheComma()
+void tst_NCsvUtilities::otherCharactersGiveTheComma()
 {
     QFETCH(QChar, character);
     QCOMPARE(int(NCsvUtilities::separatorFromCharacter(character)), int(NCsvUtilities::SeparatorComma));

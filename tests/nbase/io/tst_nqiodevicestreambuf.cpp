@@ -29,7 +29,7 @@ const int BufferSize = 1024;
 
 typedef QList<int> Sizes;
 
-// Takes as many bytes of each write as its list says, then all; keeps the bytes and how many were offered.
+// Accepts as many bytes of each write as its list says, then all; records the bytes and the sizes offered.
 class RecordingDevice : public QIODevice
 {
 public:
@@ -47,7 +47,7 @@ public:
     QList<qint64> results; // of the next writes
     QList<qint64> asked;   // the sizes of all reads
     qint64 readResult;     // of every read; the bytes are 'r'
-    qint64 excess;         // how much more than it was offered it says that it has read or written
+    qint64 excess;         // added to the counts that it reports for reads and writes
 
 protected:
     qint64 readData(char* data, qint64 maximumSize) override
@@ -69,7 +69,7 @@ protected:
     }
 };
 
-// Gives its bytes in portions, of which a negative one is a failure, and then as it is asked to.
+// Returns its bytes in portions, of which a negative one is a failure, and then as requested.
 class PortionDevice : public QIODevice
 {
 public:
@@ -101,7 +101,7 @@ private:
     Sizes m_portions;
 };
 
-// Lets a test reach the protected operations and take the areas away.
+// Gives access to the protected operations and can remove the areas.
 class OpenedStreambuf : public NQIODeviceStreambuf
 {
 public:
@@ -124,7 +124,7 @@ public:
     using NQIODeviceStreambuf::xsputn;
 };
 
-// All byte values, so often that the buffers are filled several times and end inside one.
+// All byte values, repeated to fill the buffers several times and the last one partly.
 QByteArray allBytes()
 {
     QByteArray bytes;
@@ -167,7 +167,7 @@ void writeInPieces(QIODevice& device, const QByteArray& bytes)
     QVERIFY(stream.good());
 }
 
-// Receives what the other end of @a socket has written.
+// Reads what the peer of @a socket has written.
 template <typename Socket> QByteArray receive(Socket& socket, int size)
 {
     QByteArray received;
@@ -187,27 +187,27 @@ class tst_NQIODeviceStreambuf : public QObject
 private slots:
     void areasAreEmptyAnd1024BytesAtFirst();
     void nothingIsWrittenBefore1024BytesArePending();
-    void flushWritesWhatIsPending();
-    void destructionWritesWhatIsPending();
+    void flushWritesPendingBytes();
+    void destructionWritesPendingBytes();
     void flushWithNothingPendingFails();
-    void destructionWithNothingPendingLeavesTheDeviceAlone();
+    void destructionWithNothingPendingDoesNotWrite();
     void everyByteValueIsACharacter();
 
     void overflowMakesTheCharacterPending();
     void overflowOfEndOfFileOnlyFlushes();
-    void overflowFailsWhenTheDeviceTakesNothing_data();
-    void overflowFailsWhenTheDeviceTakesNothing();
+    void overflowFailsWhenTheDeviceAcceptsNothing_data();
+    void overflowFailsWhenTheDeviceAcceptsNothing();
     void partialWriteKeepsTheBeginning_data();
     void partialWriteKeepsTheBeginning();
     void partialWriteMovesTheBlockBehindThePendingBytes();
-    void deviceThatSaysItTookMoreTookWhatItWasOffered();
+    void excessiveWriteCountIsLimited();
 
-    void withoutPutAreaBytesGoStraightToTheDevice();
-    void withoutGetAreaBytesComeStraightFromTheDevice();
+    void withoutPutAreaBytesGoDirectlyToTheDevice();
+    void withoutGetAreaBytesComeDirectlyFromTheDevice();
     void underflowReadsUpTo1024Bytes();
     void underflowKeepsTheCurrentCharacter();
-    void blocksAreReadAsTheGetAreaWouldBeFilled_data();
-    void blocksAreReadAsTheGetAreaWouldBeFilled();
+    void directReadsUseTheBlocksOfTheGetArea_data();
+    void directReadsUseTheBlocksOfTheGetArea();
     void lastCharacterOfABlockCanBePutBack();
     void pieces_data();
     void pieces();
@@ -215,16 +215,16 @@ private slots:
     void failedReadIsEndOfFile();
     void failureBetweenBlocksLosesNothing_data();
     void failureBetweenBlocksLosesNothing();
-    void deviceThatSaysItGaveMoreGaveWhatItWasAskedFor();
+    void excessiveReadCountIsLimited();
     void availableBytesAreThoseOfTheDevice();
-    void availableBytesAreAtMostWhatCanBeSaid();
+    void availableBytesAreLimitedToTheirType();
 
     void getlineSplitsLines();
     void formattedInputIsParsed();
-    void copyTakesTheWholeInput();
+    void copyReadsTheWholeInput();
     void seekingFailsAndLosesNothing();
-    void streamGoesOnWhenMoreHasArrived();
-    void deviceClosedUnderTheStreamFails();
+    void streamContinuesWhenMoreHasArrived();
+    void deviceClosedMeanwhileFails();
 
     void roundTripThroughFile();
     void roundTripThroughBuffer();
@@ -253,7 +253,7 @@ void tst_NQIODeviceStreambuf::nothingIsWrittenBefore1024BytesArePending()
     QCOMPARE(device.written, QByteArray(BufferSize, 'x'));
 }
 
-void tst_NQIODeviceStreambuf::flushWritesWhatIsPending()
+void tst_NQIODeviceStreambuf::flushWritesPendingBytes()
 {
     RecordingDevice device;
     NQIODeviceStreambuf buffer(&device);
@@ -265,7 +265,7 @@ void tst_NQIODeviceStreambuf::flushWritesWhatIsPending()
     QVERIFY(stream.good());
 }
 
-void tst_NQIODeviceStreambuf::destructionWritesWhatIsPending()
+void tst_NQIODeviceStreambuf::destructionWritesPendingBytes()
 {
     RecordingDevice device;
     {
@@ -287,7 +287,7 @@ void tst_NQIODeviceStreambuf::flushWithNothingPendingFails()
     QVERIFY(stream.bad());
 }
 
-void tst_NQIODeviceStreambuf::destructionWithNothingPendingLeavesTheDeviceAlone()
+void tst_NQIODeviceStreambuf::destructionWithNothingPendingDoesNotWrite()
 {
     RecordingDevice device;
     {
@@ -330,14 +330,14 @@ void tst_NQIODeviceStreambuf::overflowOfEndOfFileOnlyFlushes()
     QCOMPARE(buffer.pending(), QByteArray());
 }
 
-void tst_NQIODeviceStreambuf::overflowFailsWhenTheDeviceTakesNothing_data()
+void tst_NQIODeviceStreambuf::overflowFailsWhenTheDeviceAcceptsNothing_data()
 {
     QTest::addColumn<int>("result");
     QTest::newRow("nothing") << 0;
     QTest::newRow("failure") << -1;
 }
 
-void tst_NQIODeviceStreambuf::overflowFailsWhenTheDeviceTakesNothing()
+void tst_NQIODeviceStreambuf::overflowFailsWhenTheDeviceAcceptsNothing()
 {
     QFETCH(int, result);
     RecordingDevice device;
@@ -411,7 +411,7 @@ void tst_NQIODeviceStreambuf::partialWriteMovesTheBlockBehindThePendingBytes()
     QCOMPARE(buffer.all().left(16), QByteArray("0123789789abcdef"));
 }
 
-void tst_NQIODeviceStreambuf::deviceThatSaysItTookMoreTookWhatItWasOffered()
+void tst_NQIODeviceStreambuf::excessiveWriteCountIsLimited()
 {
     RecordingDevice device;
     OpenedStreambuf buffer(&device);
@@ -428,7 +428,7 @@ void tst_NQIODeviceStreambuf::deviceThatSaysItTookMoreTookWhatItWasOffered()
     QCOMPARE(buffer.xsputn("efg", 3), std::streamsize(3));
 }
 
-void tst_NQIODeviceStreambuf::withoutPutAreaBytesGoStraightToTheDevice()
+void tst_NQIODeviceStreambuf::withoutPutAreaBytesGoDirectlyToTheDevice()
 {
     RecordingDevice device;
     OpenedStreambuf buffer(&device);
@@ -447,7 +447,7 @@ void tst_NQIODeviceStreambuf::withoutPutAreaBytesGoStraightToTheDevice()
     QCOMPARE(device.written, QByteArray("abcdef"));
 }
 
-void tst_NQIODeviceStreambuf::withoutGetAreaBytesComeStraightFromTheDevice()
+void tst_NQIODeviceStreambuf::withoutGetAreaBytesComeDirectlyFromTheDevice()
 {
     RecordingDevice device;
     OpenedStreambuf buffer(&device);
@@ -485,7 +485,7 @@ void tst_NQIODeviceStreambuf::underflowKeepsTheCurrentCharacter()
     QCOMPARE(buffer.underflow(), int('b'));
 }
 
-void tst_NQIODeviceStreambuf::blocksAreReadAsTheGetAreaWouldBeFilled_data()
+void tst_NQIODeviceStreambuf::directReadsUseTheBlocksOfTheGetArea_data()
 {
     QTest::addColumn<qint64>("readResult");
     QTest::addColumn<int>("reads");
@@ -495,7 +495,7 @@ void tst_NQIODeviceStreambuf::blocksAreReadAsTheGetAreaWouldBeFilled_data()
     QTest::newRow("short blocks") << qint64(1000) << 3 << 500;
 }
 
-void tst_NQIODeviceStreambuf::blocksAreReadAsTheGetAreaWouldBeFilled()
+void tst_NQIODeviceStreambuf::directReadsUseTheBlocksOfTheGetArea()
 {
     QFETCH(qint64, readResult);
     QFETCH(int, reads);
@@ -548,7 +548,7 @@ void tst_NQIODeviceStreambuf::pieces()
     do {
         stream.read(piece.data(), size);
         read.append(piece.data(), int(stream.gcount()));
-        // A character in between leaves the blocks at odd places.
+        // A character in between puts the blocks at unaligned positions.
         const int character = stream.get();
         if (character != EOF)
             read.append(char(character));
@@ -616,7 +616,7 @@ void tst_NQIODeviceStreambuf::failureBetweenBlocksLosesNothing()
     QCOMPARE(stream.get(), EOF);
 }
 
-void tst_NQIODeviceStreambuf::deviceThatSaysItGaveMoreGaveWhatItWasAskedFor()
+void tst_NQIODeviceStreambuf::excessiveReadCountIsLimited()
 {
     RecordingDevice device;
     OpenedStreambuf buffer(&device);
@@ -650,7 +650,7 @@ void tst_NQIODeviceStreambuf::availableBytesAreThoseOfTheDevice()
     QCOMPARE(int(buffer.in_avail()), -1);
 }
 
-void tst_NQIODeviceStreambuf::availableBytesAreAtMostWhatCanBeSaid()
+void tst_NQIODeviceStreambuf::availableBytesAreLimitedToTheirType()
 {
     class LargeDevice : public RecordingDevice
     {
@@ -699,7 +699,7 @@ void tst_NQIODeviceStreambuf::formattedInputIsParsed()
     QCOMPARE(hexadecimal, 0x1f);
 }
 
-void tst_NQIODeviceStreambuf::copyTakesTheWholeInput()
+void tst_NQIODeviceStreambuf::copyReadsTheWholeInput()
 {
     QByteArray bytes = allBytes();
     QBuffer device(&bytes);
@@ -746,7 +746,7 @@ void tst_NQIODeviceStreambuf::seekingFailsAndLosesNothing()
     QCOMPARE(stream.get(), int('b'));
 }
 
-void tst_NQIODeviceStreambuf::streamGoesOnWhenMoreHasArrived()
+void tst_NQIODeviceStreambuf::streamContinuesWhenMoreHasArrived()
 {
     RecordingDevice device;
     NQIODeviceStreambuf buffer(&device);
@@ -757,7 +757,7 @@ void tst_NQIODeviceStreambuf::streamGoesOnWhenMoreHasArrived()
     QCOMPARE(stream.get(), int('r'));
 }
 
-void tst_NQIODeviceStreambuf::deviceClosedUnderTheStreamFails()
+void tst_NQIODeviceStreambuf::deviceClosedMeanwhileFails()
 {
     QByteArray bytes(BufferSize + 1, 'x');
     QBuffer device(&bytes);

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Lets a test reach the protected operations below QIODevice's own buffering.
+// Gives access to the protected operations below QIODevice's buffering.
 class OpenedBuffer : public NSequentialBuffer
 {
 public:
@@ -25,7 +25,7 @@ public:
     using NSequentialBuffer::writeData;
 };
 
-// Reads everything whenever something has arrived.
+// Reads everything on each readyRead().
 class Consumer : public QObject
 {
     Q_OBJECT
@@ -56,28 +56,28 @@ private slots:
     void isSequential();
     void isClosedAtFirst();
     void openingWithoutAModeDoesNothing();
-    void openBufferStaysAsItIs();
-    void openingThatDoesNothingForgetsTheError();
+    void openBufferCannotBeReopened();
+    void openingWithoutEffectClearsTheError();
     void openModesOpenTheWriteChannel_data();
     void openModesOpenTheWriteChannel();
 
     void bytesComeOutInOrderAndOnce();
-    void emptyOpenBufferGivesNothingYet();
+    void emptyOpenBufferReturnsZero();
     void endIsReportedAfterTheRestWasRead();
     void readingNothingGivesNothing();
-    void writingTellsTheReader();
-    void readerMayReadWhileItIsTold();
-    void endOfWritingIsToldOnce();
+    void writingNotifiesTheReader();
+    void readerMayReadInItsNotification();
+    void endOfWritingIsReportedOnce();
     void writingAfterTheEndFails();
     void writingToAReadOnlyBufferFails();
     void closingDiscardsEverything();
     void availableBytesCountBothBuffers();
     void lineIsSeenInEitherBuffer();
     void bufferDoesNotReachTwoGibibytes();
-    void piecesOfManySizesComeOutAsTheyWentIn_data();
-    void piecesOfManySizesComeOutAsTheyWentIn();
-    void withoutMemoryNothingIsTakenAndNothingLost();
-    void memoryOfWhatWasReadIsGivenBack();
+    void piecesOfManySizesAreReadUnchanged_data();
+    void piecesOfManySizesAreReadUnchanged();
+    void withoutMemoryNothingIsAcceptedAndNothingLost();
+    void memoryOfReadBytesIsReleased();
 };
 
 void tst_NSequentialBuffer::isSequential()
@@ -103,7 +103,7 @@ void tst_NSequentialBuffer::openingWithoutAModeDoesNothing()
     QVERIFY(!buffer.isOpen());
 }
 
-void tst_NSequentialBuffer::openBufferStaysAsItIs()
+void tst_NSequentialBuffer::openBufferCannotBeReopened()
 {
     NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
@@ -115,7 +115,7 @@ void tst_NSequentialBuffer::openBufferStaysAsItIs()
     QVERIFY(buffer.isOpen());
 }
 
-void tst_NSequentialBuffer::openingThatDoesNothingForgetsTheError()
+void tst_NSequentialBuffer::openingWithoutEffectClearsTheError()
 {
     OpenedBuffer buffer;
     const QString noError = buffer.errorString();
@@ -163,7 +163,7 @@ void tst_NSequentialBuffer::bytesComeOutInOrderAndOnce()
     QCOMPARE(buffer.readAll(), QByteArray());
 }
 
-void tst_NSequentialBuffer::emptyOpenBufferGivesNothingYet()
+void tst_NSequentialBuffer::emptyOpenBufferReturnsZero()
 {
     OpenedBuffer buffer;
     QVERIFY(buffer.open(QIODevice::ReadWrite));
@@ -202,7 +202,7 @@ void tst_NSequentialBuffer::readingNothingGivesNothing()
     QCOMPARE(buffer.readAll(), QByteArray("abc"));
 }
 
-void tst_NSequentialBuffer::writingTellsTheReader()
+void tst_NSequentialBuffer::writingNotifiesTheReader()
 {
     NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
@@ -212,7 +212,7 @@ void tst_NSequentialBuffer::writingTellsTheReader()
     QCOMPARE(ready.count(), 2);
 }
 
-void tst_NSequentialBuffer::readerMayReadWhileItIsTold()
+void tst_NSequentialBuffer::readerMayReadInItsNotification()
 {
     NSequentialBuffer buffer(nullptr);
     QVERIFY(buffer.open(QIODevice::ReadWrite));
@@ -223,7 +223,7 @@ void tst_NSequentialBuffer::readerMayReadWhileItIsTold()
     QCOMPARE(buffer.bytesAvailable(), qint64(0));
 }
 
-void tst_NSequentialBuffer::endOfWritingIsToldOnce()
+void tst_NSequentialBuffer::endOfWritingIsReportedOnce()
 {
     NSequentialBuffer buffer(nullptr);
     QSignalSpy finished(&buffer, SIGNAL(readChannelFinished()));
@@ -280,7 +280,7 @@ void tst_NSequentialBuffer::availableBytesCountBothBuffers()
     QVERIFY(buffer.open(QIODevice::ReadWrite));
     buffer.write(QByteArray(100000, 'x'));
     QCOMPARE(buffer.bytesAvailable(), qint64(100000));
-    buffer.read(1); // QIODevice takes more than that into a buffer of its own
+    buffer.read(1); // QIODevice reads more than that into its own buffer
     QCOMPARE(buffer.bytesAvailable(), qint64(99999));
     buffer.ungetChar('y');
     QCOMPARE(buffer.bytesAvailable(), qint64(100000));
@@ -316,14 +316,14 @@ void tst_NSequentialBuffer::bufferDoesNotReachTwoGibibytes()
     QCOMPARE(buffer.readAll(), QByteArray("abc"));
 }
 
-void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn_data()
+void tst_NSequentialBuffer::piecesOfManySizesAreReadUnchanged_data()
 {
     QTest::addColumn<int>("largestPiece");
     QTest::newRow("small") << 100;
     QTest::newRow("large") << 100000;
 }
 
-void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn()
+void tst_NSequentialBuffer::piecesOfManySizesAreReadUnchanged()
 {
     QFETCH(int, largestPiece);
     NSequentialBuffer buffer(nullptr);
@@ -339,7 +339,7 @@ void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn()
         const int size = int((random >> 8) % unsigned(largestPiece));
         QCOMPARE(buffer.write(pattern.mid(int(written % 251), size)), qint64(size));
         written += size;
-        // For a while less is read than is written, then more.
+        // At first less is read than is written, then more.
         const QByteArray out = buffer.read((turn / 200) % 2 ? largestPiece * 9 / 10 : largestPiece / 5);
         QVERIFY(out == pattern.mid(int(read % 251), out.size()));
         read += out.size();
@@ -353,8 +353,8 @@ void tst_NSequentialBuffer::piecesOfManySizesComeOutAsTheyWentIn()
     QCOMPARE(buffer.bytesAvailable(), qint64(0));
 }
 
-// A sanitizer takes more addresses than any limit would leave: there the buffer's own limit ends the writing.
-void tst_NSequentialBuffer::withoutMemoryNothingIsTakenAndNothingLost()
+// A sanitizer needs more address space than any limit allows. With one, the buffer's own limit ends the writing.
+void tst_NSequentialBuffer::withoutMemoryNothingIsAcceptedAndNothingLost()
 {
     const int status = NTest::runInChild([]() {
         const int size = 50000001; // the last block of a write has room for the beginning of the next
@@ -381,8 +381,8 @@ void tst_NSequentialBuffer::withoutMemoryNothingIsTakenAndNothingLost()
     QCOMPARE(status, 0);
 }
 
-// Ten times as much as is waiting goes through the buffer.
-void tst_NSequentialBuffer::memoryOfWhatWasReadIsGivenBack()
+// Ten times the number of unread bytes passes through the buffer.
+void tst_NSequentialBuffer::memoryOfReadBytesIsReleased()
 {
     const int status = NTest::runInChild([]() {
         const QByteArray bytes(1 << 20, 'x');

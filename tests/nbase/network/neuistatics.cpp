@@ -1,6 +1,6 @@
 #include <nbase/network/nmacaddress.h>
 
-// Where a library that includes the headers finds the statics.
+// The addresses of the statics as seen by a library that includes the headers.
 
 extern "C" {
 

@@ -8,7 +8,7 @@
 
 #include <random>
 
-/** Makes the same sequence of random texts in every run: almost addresses and names, to be told from real ones. */
+/** Generates the same sequence of random texts in every run: texts similar to addresses and names. */
 class NRandomTexts
 {
 public:
@@ -30,7 +30,7 @@ public:
         return texts.join(separator);
     }
 
-    /** @a text with up to three characters replaced, inserted, removed or doubled; as it is, one time in four. */
+    /** @a text with up to three characters replaced, inserted, removed or doubled; unchanged one time in four. */
     QString mutated(QString text)
     {
         for (int count = below(4); count > 0; --count) {
@@ -53,7 +53,7 @@ public:
         return text;
     }
 
-    /** Up to @a limit - 1 characters, without any order. */
+    /** Up to @a limit - 1 random characters. */
     QString noise(int limit)
     {
         QString text;

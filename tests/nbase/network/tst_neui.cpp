@@ -22,13 +22,13 @@ class tst_NEui : public QObject
 private slots:
     void separatorsHaveTheirTexts_data();
     void separatorsHaveTheirTexts();
-    void valuesThatAreNoSeparatorHaveANullText_data();
-    void valuesThatAreNoSeparatorHaveANullText();
+    void unknownSeparatorsHaveANullText_data();
+    void unknownSeparatorsHaveANullText();
     void separatorsAreKnownByName();
-    void setOfSeparatorsHoldsAllAndIsACopy();
+    void setOfSeparatorsIsCompleteAndACopy();
 
-    void flagComesBeforeTheBytesAndNothingElse();
-    void byteExpressionIsTwoHexadecimalDigits();
+    void objectConsistsOfFlagAndBytes();
+    void byteExpressionMatchesTwoHexadecimalDigits();
     void expressionOfOneSeparator_data();
     void expressionOfOneSeparator();
     void expressionOfSeveralSeparatorsFollowsTheOrderOfTheSet_data();
@@ -37,12 +37,12 @@ private slots:
     void staticsAreTheSameObjectsInAllLibraries();
 
     void defaultIsNullWithZeroBytes();
-    void bytesFromAPointer();
-    void nullPointerIsNull();
-    void bytesFromAVector();
-    void vectorOfAnotherSizeIsNull_data();
-    void vectorOfAnotherSizeIsNull();
-    void bytesOneByOne();
+    void constructsFromAPointer();
+    void nullPointerGivesNull();
+    void constructsFromAVector();
+    void vectorOfAnotherSizeGivesNull_data();
+    void vectorOfAnotherSizeGivesNull();
+    void constructsFromSingleBytes();
     void copiesHaveTheSameFlagAndBytes();
 
     void textOfAnEui48_data();
@@ -50,16 +50,16 @@ private slots:
     void textOfAnEui64();
     void textThatIsNoEui48IsNull_data();
     void textThatIsNoEui48IsNull();
-    void textIsReadAsTheDocumentedExpressionReadsIt();
-    void hugeTextIsNull();
+    void parsingAgreesWithTheDocumentedExpression();
+    void hugeTextGivesNull();
 
     void byteOutsideTheRangeIsZero();
     void textHasTheChosenSeparatorAndLowerCase();
-    void textReadsBackAsTheSameAddress();
-    void textOfANullAddressIsNull();
-    void addressesAreEqualWhenFlagAndBytesAre();
-    void orderIsByBytesWithNullFirst();
-    void addressesAreKeysOfHashes();
+    void printedAddressCanBeParsedAgain();
+    void nullAddressHasANullText();
+    void equalityComparesFlagAndBytes();
+    void orderComparesBytesWithNullFirst();
+    void addressesCanBeHashKeys();
 };
 
 namespace {
@@ -90,7 +90,7 @@ template <typename Address> bool isNullWithZeroBytes(const Address& address, int
     return address.isNull() && memcmp(address.bytes(), ZeroBytes, count) == 0;
 }
 
-// How an address with one separator is read with the expression: each byte is a capture.
+// Parses an address with one separator by the expression: each byte is a capture.
 QRegExp capturingExpression(NEuiBase::Separator separator, int count)
 {
     QStringList groups;
@@ -129,14 +129,14 @@ void tst_NEui::separatorsHaveTheirTexts()
     QVERIFY(!NEuiBase::separatorString(NEuiBase::Separator(separator)).isNull());
 }
 
-void tst_NEui::valuesThatAreNoSeparatorHaveANullText_data()
+void tst_NEui::unknownSeparatorsHaveANullText_data()
 {
     QTest::addColumn<int>("value");
     QTest::newRow("behind the last") << 3;
     QTest::newRow("before the first") << -1;
 }
 
-void tst_NEui::valuesThatAreNoSeparatorHaveANullText()
+void tst_NEui::unknownSeparatorsHaveANullText()
 {
     QFETCH(int, value);
     QVERIFY(NEuiBase::separatorString(NEuiBase::Separator(value)).isNull());
@@ -152,7 +152,7 @@ void tst_NEui::separatorsAreKnownByName()
     QCOMPARE(separators.keyToValue("SeparatorNone"), int(NEuiBase::SeparatorNone));
 }
 
-void tst_NEui::setOfSeparatorsHoldsAllAndIsACopy()
+void tst_NEui::setOfSeparatorsIsCompleteAndACopy()
 {
     const Separators all = Separators()
                            << NEuiBase::SeparatorColon << NEuiBase::SeparatorDash << NEuiBase::SeparatorNone;
@@ -162,7 +162,7 @@ void tst_NEui::setOfSeparatorsHoldsAllAndIsACopy()
     QCOMPARE(NEuiBase::separators(), all);
 }
 
-void tst_NEui::flagComesBeforeTheBytesAndNothingElse()
+void tst_NEui::objectConsistsOfFlagAndBytes()
 {
     QCOMPARE(int(sizeof(NEui<6>)), 7);
     QCOMPARE(int(sizeof(NEui<8>)), 9);
@@ -180,7 +180,7 @@ void tst_NEui::flagComesBeforeTheBytesAndNothingElse()
     QCOMPARE(int(memory[0]), 1);
 }
 
-void tst_NEui::byteExpressionIsTwoHexadecimalDigits()
+void tst_NEui::byteExpressionMatchesTwoHexadecimalDigits()
 {
     QCOMPARE(NEui<6>::S_BYTE_REGEXP, latin1("[A-Fa-f0-9]{2}"));
     QCOMPARE(NEui<8>::S_BYTE_REGEXP, latin1("[A-Fa-f0-9]{2}"));
@@ -272,28 +272,28 @@ void tst_NEui::defaultIsNullWithZeroBytes()
     QVERIFY(isNullWithZeroBytes(NEui64(), 8));
 }
 
-void tst_NEui::bytesFromAPointer()
+void tst_NEui::constructsFromAPointer()
 {
     QVERIFY(holds(NEui48(EightBytes), EightBytes, 6));
     QVERIFY(holds(NEui64(EightBytes), EightBytes, 8));
     QVERIFY(holds(NEui48(ZeroBytes), ZeroBytes, 6));
 }
 
-void tst_NEui::nullPointerIsNull()
+void tst_NEui::nullPointerGivesNull()
 {
     const unsigned char* const nowhere = nullptr;
     QVERIFY(isNullWithZeroBytes(NEui48(nowhere), 6));
     QVERIFY(isNullWithZeroBytes(NEui64(nowhere), 8));
 }
 
-void tst_NEui::bytesFromAVector()
+void tst_NEui::constructsFromAVector()
 {
     QVERIFY(holds(NEui48(vectorOf(6)), EightBytes, 6));
     QVERIFY(holds(NEui64(vectorOf(8)), EightBytes, 8));
     QVERIFY(holds(NEui48(Bytes(6, 0)), ZeroBytes, 6));
 }
 
-void tst_NEui::vectorOfAnotherSizeIsNull_data()
+void tst_NEui::vectorOfAnotherSizeGivesNull_data()
 {
     QTest::addColumn<int>("size");
     QTest::newRow("0") << 0;
@@ -307,7 +307,7 @@ void tst_NEui::vectorOfAnotherSizeIsNull_data()
     QTest::newRow("264, 8 modulo 256") << 264;
 }
 
-void tst_NEui::vectorOfAnotherSizeIsNull()
+void tst_NEui::vectorOfAnotherSizeGivesNull()
 {
     QFETCH(int, size);
     if (size != 6)
@@ -316,7 +316,7 @@ void tst_NEui::vectorOfAnotherSizeIsNull()
         QVERIFY(isNullWithZeroBytes(NEui64(vectorOf(size)), 8));
 }
 
-void tst_NEui::bytesOneByOne()
+void tst_NEui::constructsFromSingleBytes()
 {
     QVERIFY(holds(NEui48(0x00, 0x1a, 0x2b, 0xff, 0x80, 0x7f), EightBytes, 6));
     QVERIFY(holds(NEui64(0x00, 0x1a, 0x2b, 0xff, 0x80, 0x7f, 0x09, 0xa0), EightBytes, 8));
@@ -402,7 +402,7 @@ void tst_NEui::textThatIsNoEui48IsNull()
     QVERIFY(isNullWithZeroBytes(NEui48(text, NEuiBase::separators()), 6));
 }
 
-void tst_NEui::textIsReadAsTheDocumentedExpressionReadsIt()
+void tst_NEui::parsingAgreesWithTheDocumentedExpression()
 {
     QList<QRegExp> ofEui48;
     QList<QRegExp> ofEui64;
@@ -429,7 +429,7 @@ void tst_NEui::textIsReadAsTheDocumentedExpressionReadsIt()
     QVERIFY(valid > 20000 && valid < 80000);
 }
 
-void tst_NEui::hugeTextIsNull()
+void tst_NEui::hugeTextGivesNull()
 {
     QVERIFY(NEui48(QString(1000000, QLatin1Char('0')), NEuiBase::separators()).isNull());
     QVERIFY(NEui64(latin1("00:").repeated(350000), NEuiBase::separators()).isNull());
@@ -455,7 +455,7 @@ void tst_NEui::textHasTheChosenSeparatorAndLowerCase()
     QCOMPARE(NEui64(EightBytes).toString(NEuiBase::SeparatorDash), latin1("00-1a-2b-ff-80-7f-09-a0"));
 }
 
-void tst_NEui::textReadsBackAsTheSameAddress()
+void tst_NEui::printedAddressCanBeParsedAgain()
 {
     for (NEuiBase::Separator separator : NEuiBase::separators()) {
         const NEui48 eui48(EightBytes);
@@ -465,7 +465,7 @@ void tst_NEui::textReadsBackAsTheSameAddress()
     }
 }
 
-void tst_NEui::textOfANullAddressIsNull()
+void tst_NEui::nullAddressHasANullText()
 {
     for (NEuiBase::Separator separator : NEuiBase::separators()) {
         QVERIFY(NEui48().toString(separator).isNull());
@@ -473,7 +473,7 @@ void tst_NEui::textOfANullAddressIsNull()
     }
 }
 
-void tst_NEui::addressesAreEqualWhenFlagAndBytesAre()
+void tst_NEui::equalityComparesFlagAndBytes()
 {
     QVERIFY(NEui48(EightBytes) == NEui48(vectorOf(6)));
     QVERIFY(!(NEui48(EightBytes) != NEui48(vectorOf(6))));
@@ -484,7 +484,7 @@ void tst_NEui::addressesAreEqualWhenFlagAndBytesAre()
     QVERIFY(NEui64() != NEui64(ZeroBytes));
 }
 
-void tst_NEui::orderIsByBytesWithNullFirst()
+void tst_NEui::orderComparesBytesWithNullFirst()
 {
     QVERIFY(NEui48(0, 0, 0, 0, 0, 0x7f) < NEui48(0, 0, 0, 0, 0, 0x80));
     QVERIFY(NEui48(0x7f, 0, 0, 0, 0, 0xff) < NEui48(0x80, 0, 0, 0, 0, 0));
@@ -496,7 +496,7 @@ void tst_NEui::orderIsByBytesWithNullFirst()
     QVERIFY(NEui64(0, 0, 0, 0, 0, 0, 0, 1) < NEui64(0, 0, 0, 0, 0, 0, 1, 0));
 }
 
-void tst_NEui::addressesAreKeysOfHashes()
+void tst_NEui::addressesCanBeHashKeys()
 {
     QHash<NEui64, int> numbers;
     QSet<NEui48> addresses;

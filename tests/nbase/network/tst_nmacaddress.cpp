@@ -15,12 +15,12 @@ private slots:
     void onlyColonsAreAllowed();
     void constructorsAreThoseOfAnEui48();
     void textWithColonsIsAnAddress();
-    void otherTextIsNull_data();
-    void otherTextIsNull();
-    void aMillionTextsAreReadAsTheDocumentedExpressionReadsThem();
+    void otherTextGivesNull_data();
+    void otherTextGivesNull();
+    void parsingOfAMillionTextsAgreesWithTheDocumentedExpression();
     void textHasColons();
     void addressesCompareWithOtherEui48();
-    void addressesAreKeysOfHashes();
+    void addressesCanBeHashKeys();
 };
 
 namespace {
@@ -77,7 +77,7 @@ void tst_NMacAddress::textWithColonsIsAnAddress()
     QVERIFY(!NMacAddress(latin1("00:00:00:00:00:00")).isNull());
 }
 
-void tst_NMacAddress::otherTextIsNull_data()
+void tst_NMacAddress::otherTextGivesNull_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("null") << QString();
@@ -92,13 +92,13 @@ void tst_NMacAddress::otherTextIsNull_data()
     QTest::newRow("a million characters") << latin1("00:").repeated(333333);
 }
 
-void tst_NMacAddress::otherTextIsNull()
+void tst_NMacAddress::otherTextGivesNull()
 {
     QFETCH(QString, text);
     QVERIFY(isNullWithZeroBytes(NMacAddress(text)));
 }
 
-void tst_NMacAddress::aMillionTextsAreReadAsTheDocumentedExpressionReadsThem()
+void tst_NMacAddress::parsingOfAMillionTextsAgreesWithTheDocumentedExpression()
 {
     const QRegExp expression(NMacAddress::S_REG_EXP_STRING);
     const QStringList separators = QStringList() << latin1(":") << latin1("-") << latin1("");
@@ -131,7 +131,7 @@ void tst_NMacAddress::addressesCompareWithOtherEui48()
     QVERIFY(NMacAddress(0, 0, 0, 0, 0, 1) < NMacAddress(0, 0, 0, 0, 0, 2));
 }
 
-void tst_NMacAddress::addressesAreKeysOfHashes()
+void tst_NMacAddress::addressesCanBeHashKeys()
 {
     QHash<NMacAddress, int> numbers;
     numbers.insert(NMacAddress(SixBytes), 1);

@@ -21,7 +21,7 @@ class tst_NNetworkUtilities : public QObject
     Q_OBJECT
 
 private slots:
-    void everyCheckMayBeTheFirstInSeveralThreads();
+    void firstCallsMayBeConcurrent();
 
     void expressionsAreTheDocumentedOnes();
 
@@ -38,34 +38,34 @@ private slots:
     void withoutSeparatorsOnlyEmptyTextIsAnEui_data();
     void withoutSeparatorsOnlyEmptyTextIsAnEui();
 
-    void everyByteAndEveryPrefixLengthIsRead();
+    void everyByteAndEveryPrefixLengthIsChecked();
     void aMillionIpv4AddressesAreCheckedAsTheExpressionDoes();
     void ipv4AddressRangesAreCheckedAsTheExpressionDoes();
-    void hostNamesAreCheckedAsTheExpressionDoes();
-    void macAddressesAndEuisAreCheckedAsTheExpressionsDo();
-    void charactersOfOtherScriptsAreCheckedAsTheExpressionsDo();
-    void hostileTextsOfAMillionCharactersGetTheirAnswer_data();
-    void hostileTextsOfAMillionCharactersGetTheirAnswer();
+    void hostNameCheckAgreesWithTheExpression();
+    void macAddressAndEuiChecksAgreeWithTheExpressions();
+    void checksOfOtherScriptsAgreeWithTheExpressions();
+    void maliciousTextsOfAMillionCharactersAreChecked_data();
+    void maliciousTextsOfAMillionCharactersAreChecked();
 
     void protocolsHaveTheirNames();
     void protocolsAreKnownByName();
     void tableOfProtocolsIsACopy();
-    void valuesThatAreNoProtocolHaveNoName_data();
-    void valuesThatAreNoProtocolHaveNoName();
-    void otherTextsAreTcp_data();
-    void otherTextsAreTcp();
+    void unknownProtocolsHaveNoName_data();
+    void unknownProtocolsHaveNoName();
+    void unknownTextsGiveTcp_data();
+    void unknownTextsGiveTcp();
 };
 
 namespace {
 
-const int LengthOfHostileTexts = 1000000;
+const int LengthOfMaliciousTexts = 1000000;
 
 QString letters(int count)
 {
     return QString(count, QLatin1Char('a'));
 }
 
-// A name of labels that are as long as they may be, cut to length without a dot at the end.
+// A name with labels of the maximum length, truncated to the length, without a dot at the end.
 QString hostNameOf(int length)
 {
     QString name = (letters(63) + QLatin1Char('.')).repeated(length / 64 + 1).left(length);
@@ -112,7 +112,7 @@ QString randomHostName(NRandomTexts& random)
 
 } // namespace
 
-void tst_NNetworkUtilities::everyCheckMayBeTheFirstInSeveralThreads()
+void tst_NNetworkUtilities::firstCallsMayBeConcurrent()
 {
     QVERIFY(NTest::holdsInThreads(4, [](int) {
         return Utilities::isMacAddress(latin1("00:1a:2b:3c:4d:5e")) &&
@@ -351,7 +351,7 @@ void tst_NNetworkUtilities::withoutSeparatorsOnlyEmptyTextIsAnEui()
     QCOMPARE(QRegExp(NEui48::regExpString(Separators())).exactMatch(text), valid);
 }
 
-void tst_NNetworkUtilities::everyByteAndEveryPrefixLengthIsRead()
+void tst_NNetworkUtilities::everyByteAndEveryPrefixLengthIsChecked()
 {
     for (int number = 0; number < 1100; ++number) {
         for (int zeros = 0; zeros < 4; ++zeros) {
@@ -393,7 +393,7 @@ void tst_NNetworkUtilities::ipv4AddressRangesAreCheckedAsTheExpressionDoes()
     QVERIFY(valid > 20000 && valid < 160000);
 }
 
-void tst_NNetworkUtilities::hostNamesAreCheckedAsTheExpressionDoes()
+void tst_NNetworkUtilities::hostNameCheckAgreesWithTheExpression()
 {
     int valid = 0;
     NRandomTexts random;
@@ -407,7 +407,7 @@ void tst_NNetworkUtilities::hostNamesAreCheckedAsTheExpressionDoes()
     QVERIFY(valid > 20000 && valid < 160000);
 }
 
-void tst_NNetworkUtilities::macAddressesAndEuisAreCheckedAsTheExpressionsDo()
+void tst_NNetworkUtilities::macAddressAndEuiChecksAgreeWithTheExpressions()
 {
     const Separators colonAndNone = Separators() << NEuiBase::SeparatorColon << NEuiBase::SeparatorNone;
     const QRegExp mac(NMacAddress::S_REG_EXP_STRING);
@@ -424,7 +424,7 @@ void tst_NNetworkUtilities::macAddressesAndEuisAreCheckedAsTheExpressionsDo()
     }
 }
 
-void tst_NNetworkUtilities::charactersOfOtherScriptsAreCheckedAsTheExpressionsDo()
+void tst_NNetworkUtilities::checksOfOtherScriptsAgreeWithTheExpressions()
 {
     const QRegExp mac(NMacAddress::S_REG_EXP_STRING);
     const QRegExp address(Utilities::S_IPV4_REGEXP);
@@ -444,12 +444,12 @@ void tst_NNetworkUtilities::charactersOfOtherScriptsAreCheckedAsTheExpressionsDo
     }
 }
 
-void tst_NNetworkUtilities::hostileTextsOfAMillionCharactersGetTheirAnswer_data()
+void tst_NNetworkUtilities::maliciousTextsOfAMillionCharactersAreChecked_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<bool>("isAddress");
     QTest::addColumn<bool>("isRange");
-    const QString zeros(LengthOfHostileTexts, QLatin1Char('0'));
+    const QString zeros(LengthOfMaliciousTexts, QLatin1Char('0'));
     QTest::newRow("zeros") << zeros << false << false;
     QTest::newRow("address with zeros before it") << zeros + latin1("1.2.3.4") << true << false;
     QTest::newRow("address with zeros before each byte")
@@ -464,18 +464,18 @@ void tst_NNetworkUtilities::hostileTextsOfAMillionCharactersGetTheirAnswer_data(
     QTest::newRow("prefix length too large with zeros before it")
         << latin1("1.2.3.4/") + zeros + latin1("33") << false << false;
     QTest::newRow("zeros and a letter") << zeros + latin1("x") << false << false;
-    QTest::newRow("nines") << QString(LengthOfHostileTexts, QLatin1Char('9')) << false << false;
-    QTest::newRow("letters") << letters(LengthOfHostileTexts) << false << false;
-    QTest::newRow("dots") << QString(LengthOfHostileTexts, QLatin1Char('.')) << false << false;
-    QTest::newRow("labels") << latin1("a.").repeated(LengthOfHostileTexts / 2) << false << false;
-    QTest::newRow("numbers") << latin1("1.").repeated(LengthOfHostileTexts / 2) << false << false;
-    QTest::newRow("hyphens") << latin1("a-").repeated(LengthOfHostileTexts / 2) << false << false;
-    QTest::newRow("slashes") << latin1("1.2.3.4/").repeated(LengthOfHostileTexts / 8) << false << false;
-    QTest::newRow("bytes") << latin1("00:").repeated(LengthOfHostileTexts / 3) << false << false;
-    QTest::newRow("NULs") << QString(LengthOfHostileTexts, QChar(0)) << false << false;
+    QTest::newRow("nines") << QString(LengthOfMaliciousTexts, QLatin1Char('9')) << false << false;
+    QTest::newRow("letters") << letters(LengthOfMaliciousTexts) << false << false;
+    QTest::newRow("dots") << QString(LengthOfMaliciousTexts, QLatin1Char('.')) << false << false;
+    QTest::newRow("labels") << latin1("a.").repeated(LengthOfMaliciousTexts / 2) << false << false;
+    QTest::newRow("numbers") << latin1("1.").repeated(LengthOfMaliciousTexts / 2) << false << false;
+    QTest::newRow("hyphens") << latin1("a-").repeated(LengthOfMaliciousTexts / 2) << false << false;
+    QTest::newRow("slashes") << latin1("1.2.3.4/").repeated(LengthOfMaliciousTexts / 8) << false << false;
+    QTest::newRow("bytes") << latin1("00:").repeated(LengthOfMaliciousTexts / 3) << false << false;
+    QTest::newRow("NULs") << QString(LengthOfMaliciousTexts, QChar(0)) << false << false;
 }
 
-void tst_NNetworkUtilities::hostileTextsOfAMillionCharactersGetTheirAnswer()
+void tst_NNetworkUtilities::maliciousTextsOfAMillionCharactersAreChecked()
 {
     QFETCH(QString, text);
     QFETCH(bool, isAddress);
@@ -519,7 +519,7 @@ void tst_NNetworkUtilities::tableOfProtocolsIsACopy()
     QCOMPARE(Utilities::transportProtocols().size(), 2);
 }
 
-void tst_NNetworkUtilities::valuesThatAreNoProtocolHaveNoName_data()
+void tst_NNetworkUtilities::unknownProtocolsHaveNoName_data()
 {
     QTest::addColumn<int>("value");
     QTest::newRow("two") << 2;
@@ -527,13 +527,13 @@ void tst_NNetworkUtilities::valuesThatAreNoProtocolHaveNoName_data()
     QTest::newRow("largest") << INT_MAX;
 }
 
-void tst_NNetworkUtilities::valuesThatAreNoProtocolHaveNoName()
+void tst_NNetworkUtilities::unknownProtocolsHaveNoName()
 {
     QFETCH(int, value);
     QVERIFY(Utilities::stringFromTransportProtocol(Utilities::TransportProtocol(value)).isNull());
 }
 
-void tst_NNetworkUtilities::otherTextsAreTcp_data()
+void tst_NNetworkUtilities::unknownTextsGiveTcp_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("null") << QString();
@@ -545,7 +545,7 @@ void tst_NNetworkUtilities::otherTextsAreTcp_data()
     QTest::newRow("another protocol") << latin1("sctp");
 }
 
-void tst_NNetworkUtilities::otherTextsAreTcp()
+void tst_NNetworkUtilities::unknownTextsGiveTcp()
 {
     QFETCH(QString, text);
     QCOMPARE(int(Utilities::transportProtocolFromString(text)), int(Utilities::TransportProtocolTcp));

@@ -8,10 +8,11 @@
 #include <stdlib.h>
 #include <time.h>
 
-/** The minute ticker under a clock that stands where the test sets it. */
+/** The minute ticker with a clock that is set by the test and does not advance. */
 namespace NPlannerClock {
 
-/** The zone of Central Europe: it goes from 02:00 to 03:00 in March and from 03:00 to 02:00 in October. */
+/** The zone of Central Europe: local time changes from 02:00 to 03:00 in March and from 03:00 to 02:00 in October.
+ */
 const char* const CentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 
 inline void setTimeZone(const char* zone)
@@ -41,7 +42,7 @@ inline NEventPlannerSingleton* ticker()
     return NEventPlannerSingleton::instance();
 }
 
-/** Whether the process has a ticker at the moment. */
+/** Whether the process has a ticker. */
 inline bool hasTicker()
 {
     struct Singleton : public NSingleton<NEventPlannerSingleton>
@@ -51,7 +52,7 @@ inline bool hasTicker()
     return Singleton::exists();
 }
 
-/** Starts with a new ticker at this time. */
+/** Sets the clock and creates a new ticker. */
 inline void begin(const QDateTime& local)
 {
     delete ticker();
@@ -59,14 +60,14 @@ inline void begin(const QDateTime& local)
     ticker();
 }
 
-/** The timer runs out at this time. */
+/** Sets the clock and calls what the timer calls. */
 inline void tick(const QDateTime& local)
 {
     set(local);
     ticker()->newMinute();
 }
 
-/** The clock is set to this time, and the ticker is told. */
+/** Sets the clock and notifies the ticker. */
 inline void jump(const QDateTime& local)
 {
     set(local);

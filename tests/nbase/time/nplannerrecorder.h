@@ -10,8 +10,7 @@
 #include <functional>
 
 /**
- * Writes down what a planner reports, with the times read from the reported object, and then does what the test
- * wants done.
+ * Records what a planner reports, with the times read from the reported object, and then calls the test's handler.
  */
 class NPlannerRecorder : public QObject
 {

@@ -15,7 +15,7 @@
 
 namespace {
 
-// A compiled zone file of the given version, as far as it matters: its header, some data, and its last line.
+// The relevant parts of a compiled zone file of the given version: its header, some data, and its last line.
 QByteArray compiledZone(const QByteArray& code, char version = '2')
 {
     const QByteArray header = QByteArray("TZif") + version + QByteArray(39, '\0');
@@ -31,8 +31,7 @@ quint64 inodeOf(const QString& path)
 
 } // namespace
 
-/** The script that makes a time zone database from the compiled zone files of a system, tried on made-up systems.
- */
+/** The script that creates a time zone database from compiled zone files, tested with artificial ones. */
 class tst_MakeZones : public QObject
 {
     Q_OBJECT
@@ -41,18 +40,18 @@ private slots:
     void init();
     void cleanup();
 
-    void everyZoneBecomesAFileWithItsString();
+    void everyZoneGetsAFileWithItsString();
     void versionComesFromTheFirstLineOfTheSource();
     void tableIsCopiedUnchanged();
     void linksAreZonesToo();
-    void zonesWithoutAStringAreLeftOut();
-    void whatIsNoZoneIsLeftOut_data();
-    void whatIsNoZoneIsLeftOut();
+    void zonesWithoutAStringAreSkipped();
+    void otherFilesAreSkipped_data();
+    void otherFilesAreSkipped();
     void secondRunChangesNothing();
-    void newDataReplacesOld();
-    void otherFilesInTheTargetStay();
-    void sourceThatLacksSomethingIsRefusedAndTheTargetStays_data();
-    void sourceThatLacksSomethingIsRefusedAndTheTargetStays();
+    void newDataReplacesOldData();
+    void otherFilesInTheTargetAreKept();
+    void incompleteSourceIsRefusedAndTheTargetIsKept_data();
+    void incompleteSourceIsRefusedAndTheTargetIsKept();
     void callWithoutATargetIsRefused();
 
 private:
@@ -131,7 +130,7 @@ void tst_MakeZones::writeSource(const char* name, const QByteArray& content) con
     m_directory->writeFile(latin1("a source/") + latin1(name), content);
 }
 
-void tst_MakeZones::everyZoneBecomesAFileWithItsString()
+void tst_MakeZones::everyZoneGetsAFileWithItsString()
 {
     writeSource("America/Argentina/Buenos_Aires", compiledZone("<-03>3", '3'));
     writeSource("America/Port-au-Prince", compiledZone("EST5EDT,M3.2.0,M11.1.0", '4'));
@@ -174,7 +173,7 @@ void tst_MakeZones::linksAreZonesToo()
     QVERIFY(!QFileInfo(target("uclibc/France")).isSymLink());
 }
 
-void tst_MakeZones::zonesWithoutAStringAreLeftOut()
+void tst_MakeZones::zonesWithoutAStringAreSkipped()
 {
     writeSource("Africa/Nowhere", compiledZone(""));
     QVERIFY2(makeZones(), m_message.constData());
@@ -182,7 +181,7 @@ void tst_MakeZones::zonesWithoutAStringAreLeftOut()
     QVERIFY(!QFileInfo(target("uclibc/Africa")).exists());
 }
 
-void tst_MakeZones::whatIsNoZoneIsLeftOut_data()
+void tst_MakeZones::otherFilesAreSkipped_data()
 {
     QTest::addColumn<QByteArray>("name");
     QTest::addColumn<QByteArray>("linkTo");
@@ -208,7 +207,7 @@ void tst_MakeZones::whatIsNoZoneIsLeftOut_data()
     QTest::newRow("device") << QByteArray("Device") << QByteArray("/dev/zero") << none;
 }
 
-void tst_MakeZones::whatIsNoZoneIsLeftOut()
+void tst_MakeZones::otherFilesAreSkipped()
 {
     QFETCH(QByteArray, name);
     QFETCH(QByteArray, linkTo);
@@ -233,7 +232,7 @@ void tst_MakeZones::secondRunChangesNothing()
     QCOMPARE(inodeOf(target("uclibc/Europe/Paris")), zone);
 }
 
-void tst_MakeZones::newDataReplacesOld()
+void tst_MakeZones::newDataReplacesOldData()
 {
     QVERIFY2(makeZones(), m_message.constData());
     writeSource("Europe/Paris", compiledZone("CET-1"));
@@ -249,7 +248,7 @@ void tst_MakeZones::newDataReplacesOld()
     QCOMPARE(zones(), QStringList(latin1("Europe/Paris")));
 }
 
-void tst_MakeZones::otherFilesInTheTargetStay()
+void tst_MakeZones::otherFilesInTheTargetAreKept()
 {
     m_directory->writeFile(latin1("a target/mine"), "mine");
     QVERIFY2(makeZones(), m_message.constData());
@@ -259,7 +258,7 @@ void tst_MakeZones::otherFilesInTheTargetStay()
     QCOMPARE(entries.join(latin1(" ")), latin1("mine uclibc version zone.tab"));
 }
 
-void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays_data()
+void tst_MakeZones::incompleteSourceIsRefusedAndTheTargetIsKept_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QByteArray>("newContent");
@@ -274,7 +273,7 @@ void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays_data()
         << latin1("Europe/Paris") << compiledZone("") << QByteArray("ends in a TZ string");
 }
 
-void tst_MakeZones::sourceThatLacksSomethingIsRefusedAndTheTargetStays()
+void tst_MakeZones::incompleteSourceIsRefusedAndTheTargetIsKept()
 {
     QFETCH(QString, name);
     QFETCH(QByteArray, newContent);

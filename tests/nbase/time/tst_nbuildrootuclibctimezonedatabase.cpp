@@ -87,7 +87,7 @@ struct stat statusOf(const char* name)
     return status;
 }
 
-// Makes the loaders available, as to any derived class.
+// Gives access to the loaders.
 class OpenDatabase : public Database
 {
 public:
@@ -96,7 +96,7 @@ public:
     using Database::loadTownsMetadata;
 };
 
-// A processor that calculates with more digits than a float has, as the x87 does, rounds once at the end.
+// A processor that calculates with a higher precision than float, such as the x87, rounds once at the end.
 bool isSame(float one, float other)
 {
     return FLT_EVAL_METHOD == 0 ? one == other : qAbs(one - other) <= FLT_EPSILON * qAbs(other);
@@ -115,63 +115,63 @@ private slots:
     void cleanup();
 
     void constantsAreFixed();
-    void everyZoneOfThisSystemIsAsItsDataSay();
+    void everyZoneOfThisSystemAgreesWithItsData();
 
-    void degreesMinutesAndSecondsBecomeDecimal_data();
-    void degreesMinutesAndSecondsBecomeDecimal();
+    void degreesMinutesAndSecondsAreConvertedToDecimal_data();
+    void degreesMinutesAndSecondsAreConvertedToDecimal();
     void underscoresBecomeBlanks();
 
     void coordinatesOfATown_data();
     void coordinatesOfATown();
     void commentOfATown_data();
     void commentOfATown();
-    void zoneOfThreeLevelsKeepsItsSlashInTheTown();
-    void linesOfTheTable_data();
-    void linesOfTheTable();
+    void townOfAThreeLevelZoneContainsASlash();
+    void tableLinesAreParsed_data();
+    void tableLinesAreParsed();
     void lastOfSeveralLinesForATownCounts();
-    void lineOfTheTableThatIsTooLongIsLeftOut();
-    void tableThatIsMissingGivesNoRegions();
-    void tableThatIsNoFileGivesNoRegions_data();
-    void tableThatIsNoFileGivesNoRegions();
+    void tooLongTableLineIsIgnored();
+    void missingTableGivesNoRegions();
+    void nonRegularTableGivesNoRegions_data();
+    void nonRegularTableGivesNoRegions();
 
-    void directoryThatTheTableDoesNotNameIsNoRegion();
-    void regionWithoutADirectoryIsNone();
+    void directoryMissingInTheTableIsNotARegion();
+    void regionWithoutADirectoryIsIgnored();
     void regionWithoutAMatchingFileHasNoTowns();
-    void regionThatIsAFileIsNone();
-    void regionThatIsALinkToADirectoryIsOne();
-    void regionsHaveReadableNames();
-    void fileThatTheTableDoesNotNameIsNoTown();
-    void townThatIsADirectoryIsNone();
+    void fileIsNotARegion();
+    void linkToADirectoryIsARegion();
+    void regionsHaveDisplayNames();
+    void fileMissingInTheTableIsNotATown();
+    void directoryIsNotATown();
 
     void firstLineOfAZoneFileIsItsCode_data();
     void firstLineOfAZoneFileIsItsCode();
-    void hugeFirstLineIsLeftOut();
-    void fileThatCannotBeReadIsLeftOut_data();
-    void fileThatCannotBeReadIsLeftOut();
-    void fileWithoutPermissionIsLeftOut();
-    void directoryWithoutPermissionIsLeftOut();
+    void hugeFirstLineIsIgnored();
+    void unreadableFileIsIgnored_data();
+    void unreadableFileIsIgnored();
+    void fileWithoutPermissionIsIgnored();
+    void directoryWithoutPermissionIsIgnored();
     void linksToFilesAndDirectoriesAreFollowed();
     void noDirectoryIsEnteredTwiceOnOnePath();
-    void directoriesThatLinkToEachOtherEnd();
-    void directoriesWithoutEndAreCutOff();
+    void directoriesThatLinkToEachOtherAreLimited();
+    void endlessDirectoriesAreLimited();
     void onlyEntriesCountForTheLimit();
 
     void versionIsTheFirstLineOfItsFile_data();
     void versionIsTheFirstLineOfItsFile();
     void versionAndDateAreNullWithoutAVersionFile();
-    void versionAndDateAreNullWhenTheVersionIsNoFile();
-    void dateIsTheCreationOfTheVersionFile();
-    void dateIsTheLastChangeWhereNoCreationIsKept();
+    void versionAndDateAreNullForANonRegularVersionFile();
+    void dateIsTheCreationTimeOfTheVersionFile();
+    void dateIsTheLastChangeWithoutACreationTime();
 
-    void lookupsOfATown();
-    void zoneNamesAreMadeOfKnownTownsOnly();
-    void zoneNamesAreSplitWhereAFileExists_data();
-    void zoneNamesAreSplitWhereAFileExists();
+    void townsAreLookedUp();
+    void zoneNamesAreComposedForKnownTownsOnly();
+    void zoneNamesAreSplitIfAFileExists_data();
+    void zoneNamesAreSplitIfAFileExists();
 
-    void nextDatabaseSeesWhatHasChangedOnTheDisk();
+    void newDatabaseReflectsChangedFiles();
     void databaseOutlivesItsFiles();
-    void noDescriptorIsLeftOpen();
-    void loadersGiveWhatTheFilesSay();
+    void noDescriptorLeaks();
+    void loadersReturnTheContentOfTheFiles();
 
 private:
     void writeTable(const QByteArray& lines) { writeFile("zone.tab", lines); }
@@ -190,7 +190,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::cleanupTestCase()
     delete m_systemZones;
 }
 
-// A small database, in place of the system's, for the tests to change.
+// A small database for the tests to change, mounted in place of the system's.
 void tst_NBuildrootUclibcTimeZoneDatabase::init()
 {
     NPrivateNamespace::mountEmptyDirectory(latin1(DatabaseFolder));
@@ -243,9 +243,9 @@ QByteArray contentOf(const QString& path)
 
 } // namespace
 
-// The database is made of the string files; it is compared with the table and the compiled zone files that they
-// were made from.
-void tst_NBuildrootUclibcTimeZoneDatabase::everyZoneOfThisSystemIsAsItsDataSay()
+// The database is created from the string files and compared with the table and the compiled zone files from which
+// these were made.
+void tst_NBuildrootUclibcTimeZoneDatabase::everyZoneOfThisSystemAgreesWithItsData()
 {
     NPrivateNamespace::unmount(latin1(DatabaseFolder));
     QMap<QByteArray, QByteArray> codes;
@@ -290,7 +290,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::everyZoneOfThisSystemIsAsItsDataSay()
     QCOMPARE(database.version(), latin1(version));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::degreesMinutesAndSecondsBecomeDecimal_data()
+void tst_NBuildrootUclibcTimeZoneDatabase::degreesMinutesAndSecondsAreConvertedToDecimal_data()
 {
     QTest::addColumn<int>("degrees");
     QTest::addColumn<uint>("minutes");
@@ -306,7 +306,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::degreesMinutesAndSecondsBecomeDecimal
     QTest::newRow("smallest degrees") << INT_MIN << 0u << 0.0f << -2147483648.0f;
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::degreesMinutesAndSecondsBecomeDecimal()
+void tst_NBuildrootUclibcTimeZoneDatabase::degreesMinutesAndSecondsAreConvertedToDecimal()
 {
     QFETCH(int, degrees);
     QFETCH(uint, minutes);
@@ -385,7 +385,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::commentOfATown()
     QCOMPARE(town->countryCode(), latin1("FR"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::zoneOfThreeLevelsKeepsItsSlashInTheTown()
+void tst_NBuildrootUclibcTimeZoneDatabase::townOfAThreeLevelZoneContainsASlash()
 {
     const Database database;
     const NTimeZoneTown* const town = database.town(latin1("America"), latin1("Argentina/Buenos_Aires"));
@@ -397,7 +397,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::zoneOfThreeLevelsKeepsItsSlashInTheTo
         latin1("America/Argentina/Buenos_Aires"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::linesOfTheTable_data()
+void tst_NBuildrootUclibcTimeZoneDatabase::tableLinesAreParsed_data()
 {
     QTest::addColumn<QByteArray>("line");
     QTest::addColumn<QString>("regions");
@@ -420,7 +420,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::linesOfTheTable_data()
     QTest::newRow("empty") << QByteArray() << none;
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::linesOfTheTable()
+void tst_NBuildrootUclibcTimeZoneDatabase::tableLinesAreParsed()
 {
     QFETCH(QByteArray, line);
     QFETCH(QString, regions);
@@ -440,19 +440,19 @@ void tst_NBuildrootUclibcTimeZoneDatabase::lastOfSeveralLinesForATownCounts()
     QCOMPARE(town->comment(), latin1(""));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::lineOfTheTableThatIsTooLongIsLeftOut()
+void tst_NBuildrootUclibcTimeZoneDatabase::tooLongTableLineIsIgnored()
 {
     writeTable(
         "FR\t+4852+00220\tEurope/Paris\t" + QByteArray(3 * 1024 * 1024, 'x') +
         "\nAR\t-3436-05827\tAmerica/Argentina/Buenos_Aires\n" + QByteArray(5 * 1024 * 1024, 'x'));
     QCOMPARE(regionNames(Database()), latin1("America"));
 
-    // What is left of the line is not taken for a line of its own.
+    // The rest of the line is not read as a separate line.
     writeTable(QByteArray(1024 * 1024, 'x') + "FR\t+4852+00220\tEurope/Paris\n");
     QVERIFY(Database().regions().isEmpty());
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::tableThatIsMissingGivesNoRegions()
+void tst_NBuildrootUclibcTimeZoneDatabase::missingTableGivesNoRegions()
 {
     QVERIFY(QFile::remove(databasePath(latin1("zone.tab"))));
     const Database database;
@@ -460,7 +460,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::tableThatIsMissingGivesNoRegions()
     QCOMPARE(database.version(), latin1("2031b"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::tableThatIsNoFileGivesNoRegions_data()
+void tst_NBuildrootUclibcTimeZoneDatabase::nonRegularTableGivesNoRegions_data()
 {
     QTest::addColumn<QByteArray>("linkTo");
     QTest::newRow("FIFO") << QByteArray();
@@ -470,7 +470,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::tableThatIsNoFileGivesNoRegions_data(
     QTest::newRow("itself") << QByteArray("zone.tab");
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::tableThatIsNoFileGivesNoRegions()
+void tst_NBuildrootUclibcTimeZoneDatabase::nonRegularTableGivesNoRegions()
 {
     QFETCH(QByteArray, linkTo);
     QVERIFY(QFile::remove(databasePath(latin1("zone.tab"))));
@@ -481,14 +481,14 @@ void tst_NBuildrootUclibcTimeZoneDatabase::tableThatIsNoFileGivesNoRegions()
     QVERIFY(Database().regions().isEmpty());
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::directoryThatTheTableDoesNotNameIsNoRegion()
+void tst_NBuildrootUclibcTimeZoneDatabase::directoryMissingInTheTableIsNotARegion()
 {
     const Database database;
     QCOMPARE(regionNames(database), latin1("America Europe"));
     QVERIFY(!database.town(latin1("Etc"), latin1("UTC")));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::regionWithoutADirectoryIsNone()
+void tst_NBuildrootUclibcTimeZoneDatabase::regionWithoutADirectoryIsIgnored()
 {
     writeTable("FR\t+4852+00220\tEurope/Paris\nAU\t-3352+15113\tAustralia/Sydney\n");
     QCOMPARE(regionNames(Database()), latin1("Europe"));
@@ -504,14 +504,14 @@ void tst_NBuildrootUclibcTimeZoneDatabase::regionWithoutAMatchingFileHasNoTowns(
     QCOMPARE(townNames(database, "Europe"), latin1(""));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::regionThatIsAFileIsNone()
+void tst_NBuildrootUclibcTimeZoneDatabase::fileIsNotARegion()
 {
     writeTable("XX\t+4852+00220\tFile/Paris\n");
     writeFile("uclibc/File", "UTC0\n");
     QVERIFY(Database().regions().isEmpty());
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::regionThatIsALinkToADirectoryIsOne()
+void tst_NBuildrootUclibcTimeZoneDatabase::linkToADirectoryIsARegion()
 {
     writeTable("XX\t+4852+00220\tOld_Europe/Paris\n");
     makeLink("Europe", "uclibc/Old_Europe");
@@ -520,7 +520,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::regionThatIsALinkToADirectoryIsOne()
     QCOMPARE(timezoneCode(database, "Old_Europe", "Paris"), latin1("CET-1CEST,M3.5.0,M10.5.0/3"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::regionsHaveReadableNames()
+void tst_NBuildrootUclibcTimeZoneDatabase::regionsHaveDisplayNames()
 {
     writeTable("XX\t+4852+00220\tOld_Europe/Some_Town\n");
     writeFile("uclibc/Old_Europe/Some_Town", "CET-1\n");
@@ -531,7 +531,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::regionsHaveReadableNames()
     QCOMPARE(region->towns().value(latin1("Some_Town"))->name(), latin1("Some Town"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::fileThatTheTableDoesNotNameIsNoTown()
+void tst_NBuildrootUclibcTimeZoneDatabase::fileMissingInTheTableIsNotATown()
 {
     writeFile("uclibc/Europe/Tiraspol", "EET-2\n");
     writeFile("uclibc/Europe/Paris~", "EET-2\n");
@@ -539,7 +539,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::fileThatTheTableDoesNotNameIsNoTown()
     QCOMPARE(townNames(Database(), "Europe"), latin1("Paris"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::townThatIsADirectoryIsNone()
+void tst_NBuildrootUclibcTimeZoneDatabase::directoryIsNotATown()
 {
     writeTable("AR\t-3436-05827\tAmerica/Argentina\n");
     const Database database;
@@ -584,7 +584,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::firstLineOfAZoneFileIsItsCode()
     QVERIFY(!town->timezoneCode().isNull());
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::hugeFirstLineIsLeftOut()
+void tst_NBuildrootUclibcTimeZoneDatabase::hugeFirstLineIsIgnored()
 {
     writeTable(
         "FR\t+4852+00220\tEurope/Paris\nIT\t+4154+01229\tEurope/Rome\nGB\t+513030-0000731\tEurope/London\n");
@@ -598,7 +598,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::hugeFirstLineIsLeftOut()
     QCOMPARE(timezoneCode(database, "Europe", "London"), latin1("GMT0BST,M3.5.0/1,M10.5.0"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::fileThatCannotBeReadIsLeftOut_data()
+void tst_NBuildrootUclibcTimeZoneDatabase::unreadableFileIsIgnored_data()
 {
     QTest::addColumn<QByteArray>("linkTo");
     QTest::newRow("FIFO") << QByteArray();
@@ -608,7 +608,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::fileThatCannotBeReadIsLeftOut_data()
     QTest::newRow("file whose reading fails") << QByteArray("/proc/self/mem");
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::fileThatCannotBeReadIsLeftOut()
+void tst_NBuildrootUclibcTimeZoneDatabase::unreadableFileIsIgnored()
 {
     QFETCH(QByteArray, linkTo);
     writeTable("FR\t+4852+00220\tEurope/Paris\nIT\t+4154+01229\tEurope/Rome\n");
@@ -619,7 +619,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::fileThatCannotBeReadIsLeftOut()
     QCOMPARE(townNames(Database(), "Europe"), latin1("Paris"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::fileWithoutPermissionIsLeftOut()
+void tst_NBuildrootUclibcTimeZoneDatabase::fileWithoutPermissionIsIgnored()
 {
     writeTable("FR\t+4852+00220\tEurope/Paris\nIT\t+4154+01229\tEurope/Rome\n");
     writeFile("uclibc/Europe/Rome", "CET-1\n");
@@ -628,7 +628,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::fileWithoutPermissionIsLeftOut()
     QCOMPARE(townNames(Database(), "Europe"), latin1("Paris"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::directoryWithoutPermissionIsLeftOut()
+void tst_NBuildrootUclibcTimeZoneDatabase::directoryWithoutPermissionIsIgnored()
 {
     QCOMPARE(::chmod(databasePath("uclibc/America").constData(), 0), 0);
     {
@@ -670,8 +670,8 @@ void tst_NBuildrootUclibcTimeZoneDatabase::noDirectoryIsEnteredTwiceOnOnePath()
     QCOMPARE(townNames(Database(), "Europe"), latin1("Deep/Rome Paris Same/Rome"));
 }
 
-// Twelve directories that all link to each other make more than a thousand million paths.
-void tst_NBuildrootUclibcTimeZoneDatabase::directoriesThatLinkToEachOtherEnd()
+// Twelve directories that all link to each other create more than 10^9 paths.
+void tst_NBuildrootUclibcTimeZoneDatabase::directoriesThatLinkToEachOtherAreLimited()
 {
     const int directories = 12;
     for (int from = 0; from < directories; ++from) {
@@ -685,7 +685,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::directoriesThatLinkToEachOtherEnd()
     QCOMPARE(townNames(Database(), "Europe"), latin1("Paris"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::directoriesWithoutEndAreCutOff()
+void tst_NBuildrootUclibcTimeZoneDatabase::endlessDirectoriesAreLimited()
 {
     QByteArray town = "x";
     QByteArray table;
@@ -701,7 +701,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::directoriesWithoutEndAreCutOff()
     QCOMPARE(region->towns().size(), 1 + 32);
 }
 
-// 20 directories and 999 files in each are the 20,000 entries that are read at most; one more is too many.
+// 20 directories with 999 files each are the maximum of 20,000 entries; one more entry is ignored.
 void tst_NBuildrootUclibcTimeZoneDatabase::onlyEntriesCountForTheLimit()
 {
     QByteArray table;
@@ -755,7 +755,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::versionAndDateAreNullWithoutAVersionF
     QCOMPARE(regionNames(database), latin1("America Europe"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::versionAndDateAreNullWhenTheVersionIsNoFile()
+void tst_NBuildrootUclibcTimeZoneDatabase::versionAndDateAreNullForANonRegularVersionFile()
 {
     QVERIFY(QFile::remove(databasePath(latin1("version"))));
     makeDirectory("version");
@@ -766,7 +766,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::versionAndDateAreNullWhenTheVersionIs
 
 // The file is changed until its last change is told from its creation, which the library must not follow. Kernels
 // before 5.18 keep no creation time for files in memory.
-void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheCreationOfTheVersionFile()
+void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheCreationTimeOfTheVersionFile()
 {
     QProcess stat;
     stat.start(latin1("stat"), QStringList() << latin1("-c") << latin1("%W") << databasePath(latin1("version")));
@@ -784,7 +784,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheCreationOfTheVersionFile()
 }
 
 // The simplest of the file systems in memory keeps no creation time.
-void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheLastChangeWhereNoCreationIsKept()
+void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheLastChangeWithoutACreationTime()
 {
     QCOMPARE(::mount("ramfs", DatabaseFolder, "ramfs", 0, nullptr), 0);
     writeFile("version", "2031b\n");
@@ -799,7 +799,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheLastChangeWhereNoCreationIsK
     QCOMPARE(database.version(), latin1("2031b"));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::lookupsOfATown()
+void tst_NBuildrootUclibcTimeZoneDatabase::townsAreLookedUp()
 {
     const Database database;
     const NTimeZoneTown* const paris = database.town(latin1("Europe"), latin1("Paris"));
@@ -812,7 +812,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::lookupsOfATown()
     QVERIFY(!database.town(QString(), QString()));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreMadeOfKnownTownsOnly()
+void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreComposedForKnownTownsOnly()
 {
     const Database database;
     QCOMPARE(database.regionAndTownToTimeZoneName(latin1("Europe"), latin1("Paris")), latin1("Europe/Paris"));
@@ -821,7 +821,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreMadeOfKnownTownsOnly()
     QVERIFY(database.regionAndTownToTimeZoneName(latin1("America"), latin1("Argentina/Buenos Aires")).isNull());
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreSplitWhereAFileExists_data()
+void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreSplitIfAFileExists_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("region");
@@ -851,7 +851,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreSplitWhereAFileExists_dat
     QTest::newRow("null") << none << none << none;
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreSplitWhereAFileExists()
+void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreSplitIfAFileExists()
 {
     QFETCH(QString, name);
     QFETCH(QString, region);
@@ -867,7 +867,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::zoneNamesAreSplitWhereAFileExists()
     QCOMPARE(parts.second.isNull(), town.isNull());
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::nextDatabaseSeesWhatHasChangedOnTheDisk()
+void tst_NBuildrootUclibcTimeZoneDatabase::newDatabaseReflectsChangedFiles()
 {
     writeTable("FR\t+4852+00220\tEurope/Paris\nIT\t+4154+01229\tEurope/Rome\nAU\t-3352+15113\tAustralia/Sydney\n");
     const Database before;
@@ -897,7 +897,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::databaseOutlivesItsFiles()
     NPrivateNamespace::unmount(latin1(DatabaseFolder));
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::noDescriptorIsLeftOpen()
+void tst_NBuildrootUclibcTimeZoneDatabase::noDescriptorLeaks()
 {
     makeLink(".", "uclibc/Europe/Loop");
     makeLink("nowhere", "uclibc/Europe/Lost");
@@ -908,7 +908,7 @@ void tst_NBuildrootUclibcTimeZoneDatabase::noDescriptorIsLeftOpen()
     QCOMPARE(openDescriptors(), before);
 }
 
-void tst_NBuildrootUclibcTimeZoneDatabase::loadersGiveWhatTheFilesSay()
+void tst_NBuildrootUclibcTimeZoneDatabase::loadersReturnTheContentOfTheFiles()
 {
     writeFile("uclibc/America/Noronha", "<-02>2\n");
     writeFile("uclibc/America/.hidden", "<-02>2\n");

@@ -47,61 +47,61 @@ private slots:
     void calendarEventsHaveTheirNumbers();
     void connectionsMayBeQueued();
     void calendarEventsCanBeKeptInAVariant();
-    void plannerThatWasNotUsedNeedsNoTicker();
+    void unusedPlannerNeedsNoTicker();
 
     void eventIsReportedInItsMinuteOfItsDays();
     void eventIsNotReportedInTheMinuteOfItsRegistration();
     void eventThatCanNeverBeDueIsNotReported();
     void modifiedEventIsReportedAtItsNewTime();
-    void eventOfAnotherPlannerIsLeftAlone();
+    void eventOfAnotherPlannerIsNotChanged();
     void unregisteredEventIsNotReported();
-    void changeThroughThePointerOfAnEventCountsFromTheNextMinute();
+    void changeThroughTheEventPointerTakesEffectAtTheNextMinute();
 
-    void slotIsActiveInItsPeriod_data();
-    void slotIsActiveInItsPeriod();
+    void slotIsActiveDuringItsPeriod_data();
+    void slotIsActiveDuringItsPeriod();
     void slotStartsAndEndsOnce();
-    void slotThatIsActiveStartsBeforeItsRegistrationReturns();
+    void activeSlotStartsBeforeItsRegistrationReturns();
     void modifiedSlotStartsOrEndsAtOnce();
-    void changeThroughThePointerOfASlotCountsFromTheNextMinute_data();
-    void changeThroughThePointerOfASlotCountsFromTheNextMinute();
-    void slotThatIsChangedThroughItsPointerInAReceiverWaitsForTheNextMinute();
-    void secondsThatAreSetThroughThePointerOfASlotCount();
+    void changeThroughTheSlotPointerTakesEffectAtTheNextMinute_data();
+    void changeThroughTheSlotPointerTakesEffectAtTheNextMinute();
+    void changeThroughTheSlotPointerByAReceiverTakesEffectAtTheNextMinute();
+    void secondsSetThroughTheSlotPointerAreObserved();
     void slotsHaveTheStateOfTheLastProcessedMinute();
-    void slotOfAnotherPlannerIsLeftAlone();
-    void slotThatIsActiveEndsWhenItIsUnregistered();
-    void endIsToldOnceWhileTheSlotCanBeRead();
+    void slotOfAnotherPlannerIsNotChanged();
+    void activeSlotEndsWhenItIsUnregistered();
+    void endIsReportedOnceWhileTheSlotCanBeRead();
     void slotCannotBeStartedAgainWhileItIsUnregistered();
-    void slotsThatAreRegisteredWhileAllAreUnregisteredStay();
-    void slotsThatAreModifiedWhileAllAreUnregisteredAreUnregistered();
-    void unknownObjectsAreLeftAlone();
+    void slotsRegisteredWhileAllAreUnregisteredStay();
+    void slotsModifiedWhileAllAreUnregisteredAreUnregistered();
+    void unknownObjectsAreNotChanged();
 
     void calendarEventsFollowTheDifferences_data();
     void calendarEventsFollowTheDifferences();
     void calendarEventsAreASet();
-    void reportsHaveAnOrder();
+    void reportsAreOrdered();
 
-    void eventThatIsJumpedOverIsNotReported();
-    void jumpBackwardsReportsAgain();
-    void jumpIsOneNewMinute_data();
-    void jumpIsOneNewMinute();
-    void noticeOfAChangeWithinTheMinuteReportsNothing();
+    void skippedEventIsNotReported();
+    void changeBackwardsReportsEventsAgain();
+    void clockChangeIsOneNewMinute_data();
+    void clockChangeIsOneNewMinute();
+    void changeWithinTheMinuteReportsNothing();
     void signalOfTheClockSetterCanBeConnected();
 
-    void deletedPlannerEndsItsSlotsAndIsSilent();
+    void deletedPlannerEndsItsSlotsAndReportsNothingMore();
     void nothingCanBeRegisteredWithAPlannerThatIsBeingDeleted();
     void deletedTickerEndsTheSlots();
 
-    void whatIsUnregisteredIsNotReportedInThisMinute();
-    void whatIsRegisteredIsReportedFromTheNextMinuteOn();
-    void whatIsRegisteredIsNotTakenForWhatWasUnregistered();
-    void calendarEventThatIsRegisteredAgainWaitsForTheNextMinute();
-    void modifiedEventIsReportedIfItIsStillDue();
+    void unregisteredObjectsAreNotReportedInThisMinute();
+    void registeredObjectsAreReportedFromTheNextMinuteOn();
+    void registeredObjectsAreNotConfusedWithUnregisteredOnes();
+    void calendarEventRegisteredAgainWaitsForTheNextMinute();
+    void modifiedEventIsReportedIfStillDue();
     void modifiedSlotIsNotChangedBackInThisMinute();
-    void registeringGivesNothingWhenTheStartUnregistersTheSlot();
+    void registrationReturnsNullWhenItsStartUnregistersTheSlot();
     void furtherReceiversCanReadWhatTheFirstUnregistered();
-    void minutesGoOnInANestedEventLoopWithoutLoss();
-    void slotsAreRightAfterAJumpInANestedEventLoop();
-    void slotThatIsModifiedInTheNextMinuteIsNotChangedBack();
+    void nestedEventLoopProcessesMinutesWithoutLoss();
+    void slotsAreCorrectAfterAClockChangeInANestedEventLoop();
+    void slotModifiedInTheNextMinuteIsNotChangedBack();
     void receiversMayDoAnything_data();
     void receiversMayDoAnything();
 
@@ -201,7 +201,7 @@ void tst_NEventPlanner::calendarEventsCanBeKeptInAVariant()
     QCOMPARE(int(value.value<NEventPlanner::CalendarEvent>()), int(NEventPlanner::NewDay));
 }
 
-void tst_NEventPlanner::plannerThatWasNotUsedNeedsNoTicker()
+void tst_NEventPlanner::unusedPlannerNeedsNoTicker()
 {
     delete ticker();
     delete new NEventPlanner(nullptr);
@@ -268,7 +268,7 @@ void tst_NEventPlanner::modifiedEventIsReportedAtItsNewTime()
     QCOMPARE(take(), list("event 0800"));
 }
 
-void tst_NEventPlanner::eventOfAnotherPlannerIsLeftAlone()
+void tst_NEventPlanner::eventOfAnotherPlannerIsNotChanged()
 {
     NEventPlanner planner(nullptr);
     NEventPlanner other(nullptr);
@@ -302,7 +302,7 @@ void tst_NEventPlanner::unregisteredEventIsNotReported()
     QCOMPARE(take(), QStringList());
 }
 
-void tst_NEventPlanner::changeThroughThePointerOfAnEventCountsFromTheNextMinute()
+void tst_NEventPlanner::changeThroughTheEventPointerTakesEffectAtTheNextMinute()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -321,7 +321,7 @@ void tst_NEventPlanner::changeThroughThePointerOfAnEventCountsFromTheNextMinute(
     QCOMPARE(take(), list("event 0704"));
 }
 
-void tst_NEventPlanner::slotIsActiveInItsPeriod_data()
+void tst_NEventPlanner::slotIsActiveDuringItsPeriod_data()
 {
     QTest::addColumn<Days>("days");
     QTest::addColumn<QTime>("start");
@@ -370,8 +370,8 @@ void tst_NEventPlanner::slotIsActiveInItsPeriod_data()
     QTest::newRow("no start and no end") << monday << QTime() << QTime() << at(Qt::Monday, 9, 0) << false;
 }
 
-// However the time is reached: by registering then, by a modification then, by a jump, and minute by minute.
-void tst_NEventPlanner::slotIsActiveInItsPeriod()
+// However the time is reached: by registration, by modification, by a change of the clock, and minute by minute.
+void tst_NEventPlanner::slotIsActiveDuringItsPeriod()
 {
     QFETCH(Days, days);
     QFETCH(QTime, start);
@@ -414,7 +414,7 @@ void tst_NEventPlanner::slotStartsAndEndsOnce()
     QCOMPARE(recorder.lastTimeSlot, const_cast<const TimeSlot*>(timeSlot));
 }
 
-void tst_NEventPlanner::slotThatIsActiveStartsBeforeItsRegistrationReturns()
+void tst_NEventPlanner::activeSlotStartsBeforeItsRegistrationReturns()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -429,7 +429,7 @@ void tst_NEventPlanner::slotThatIsActiveStartsBeforeItsRegistrationReturns()
     planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 1), QTime(7, 2));
     QCOMPARE(take(), QStringList());
 
-    // The clock has gone on without a tick: the last processed minute counts.
+    // The clock has advanced without a tick: the last processed minute counts.
     set(at(Qt::Monday, 7, 1));
     planner.registerPeriodicTimeSlot(everyDay(), QTime(7, 1), QTime(7, 3));
     QCOMPARE(take(), QStringList());
@@ -452,7 +452,7 @@ void tst_NEventPlanner::modifiedSlotStartsOrEndsAtOnce()
     QCOMPARE(take(), QStringList());
 }
 
-void tst_NEventPlanner::changeThroughThePointerOfASlotCountsFromTheNextMinute_data()
+void tst_NEventPlanner::changeThroughTheSlotPointerTakesEffectAtTheNextMinute_data()
 {
     QTest::addColumn<Days>("days");
     QTest::addColumn<QTime>("start");
@@ -490,7 +490,7 @@ void tst_NEventPlanner::changeThroughThePointerOfASlotCountsFromTheNextMinute_da
     row("it stays inactive", TimeSlot(monday, eight, nine), TimeSlot(tuesday, six, nine), "");
 }
 
-void tst_NEventPlanner::changeThroughThePointerOfASlotCountsFromTheNextMinute()
+void tst_NEventPlanner::changeThroughTheSlotPointerTakesEffectAtTheNextMinute()
 {
     QFETCH(Days, days);
     QFETCH(QTime, start);
@@ -522,8 +522,8 @@ void tst_NEventPlanner::changeThroughThePointerOfASlotCountsFromTheNextMinute()
     }
 }
 
-// As with an event that is changed so: what was found at the start of the minute is all that this minute reports.
-void tst_NEventPlanner::slotThatIsChangedThroughItsPointerInAReceiverWaitsForTheNextMinute()
+// As with events, a minute reports only what was due at its start.
+void tst_NEventPlanner::changeThroughTheSlotPointerByAReceiverTakesEffectAtTheNextMinute()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -543,8 +543,8 @@ void tst_NEventPlanner::slotThatIsChangedThroughItsPointerInAReceiverWaitsForThe
     QCOMPARE(take(), list("start 0703-0900"));
 }
 
-// Only the constructor drops them. The slot is active in the minutes whose start lies in it.
-void tst_NEventPlanner::secondsThatAreSetThroughThePointerOfASlotCount()
+// Only the constructor drops seconds. The slot is active in the minutes that start in it.
+void tst_NEventPlanner::secondsSetThroughTheSlotPointerAreObserved()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -559,7 +559,7 @@ void tst_NEventPlanner::secondsThatAreSetThroughThePointerOfASlotCount()
     QCOMPARE(take(), list("end 0701-0702"));
 }
 
-// Whatever the clock shows meanwhile.
+// Whatever the current time is.
 void tst_NEventPlanner::slotsHaveTheStateOfTheLastProcessedMinute()
 {
     NEventPlanner planner(nullptr);
@@ -575,7 +575,7 @@ void tst_NEventPlanner::slotsHaveTheStateOfTheLastProcessedMinute()
     QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
-void tst_NEventPlanner::slotOfAnotherPlannerIsLeftAlone()
+void tst_NEventPlanner::slotOfAnotherPlannerIsNotChanged()
 {
     NEventPlanner planner(nullptr);
     NEventPlanner other(nullptr);
@@ -593,7 +593,7 @@ void tst_NEventPlanner::slotOfAnotherPlannerIsLeftAlone()
     QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
-void tst_NEventPlanner::slotThatIsActiveEndsWhenItIsUnregistered()
+void tst_NEventPlanner::activeSlotEndsWhenItIsUnregistered()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -619,7 +619,7 @@ void tst_NEventPlanner::slotThatIsActiveEndsWhenItIsUnregistered()
     QCOMPARE(take(), QStringList());
 }
 
-void tst_NEventPlanner::endIsToldOnceWhileTheSlotCanBeRead()
+void tst_NEventPlanner::endIsReportedOnceWhileTheSlotCanBeRead()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -665,7 +665,7 @@ void tst_NEventPlanner::slotCannotBeStartedAgainWhileItIsUnregistered()
     QCOMPARE(take(), list("end 0600-0800"));
 }
 
-void tst_NEventPlanner::slotsThatAreRegisteredWhileAllAreUnregisteredStay()
+void tst_NEventPlanner::slotsRegisteredWhileAllAreUnregisteredStay()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -685,7 +685,7 @@ void tst_NEventPlanner::slotsThatAreRegisteredWhileAllAreUnregisteredStay()
         QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
-void tst_NEventPlanner::slotsThatAreModifiedWhileAllAreUnregisteredAreUnregistered()
+void tst_NEventPlanner::slotsModifiedWhileAllAreUnregisteredAreUnregistered()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -705,7 +705,7 @@ void tst_NEventPlanner::slotsThatAreModifiedWhileAllAreUnregisteredAreUnregister
         QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
-void tst_NEventPlanner::unknownObjectsAreLeftAlone()
+void tst_NEventPlanner::unknownObjectsAreNotChanged()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -741,7 +741,7 @@ void tst_NEventPlanner::calendarEventsFollowTheDifferences_data()
     row("to the leap day", at(2028, 2, 28, 23, 59), at(2028, 2, 29, 0, 0), "012");
     row("from the leap day", at(2028, 2, 29, 23, 59), at(2028, 3, 1, 0, 0), "0123");
     row("no leap day", at(2026, 2, 28, 23, 59), at(2026, 3, 1, 0, 0), "0123");
-    // A clock of 32 bits ends before.
+    // Beyond the range of a 32-bit clock.
     if (sizeof(time_t) > 4)
         row("no leap day in 2100", at(2100, 2, 28, 23, 59), at(2100, 3, 1, 0, 0), "0123");
     row("the same minute again", at(2026, 1, 5, 7, 30), at(2026, 1, 5, 7, 30), "0");
@@ -790,7 +790,7 @@ void tst_NEventPlanner::calendarEventsAreASet()
     QCOMPARE(take(), QStringList());
 }
 
-void tst_NEventPlanner::reportsHaveAnOrder()
+void tst_NEventPlanner::reportsAreOrdered()
 {
     NEventPlanner one(nullptr);
     NEventPlanner other(nullptr);
@@ -809,7 +809,7 @@ void tst_NEventPlanner::reportsHaveAnOrder()
                      "calendar 0,calendar 1"));
 }
 
-void tst_NEventPlanner::eventThatIsJumpedOverIsNotReported()
+void tst_NEventPlanner::skippedEventIsNotReported()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -820,7 +820,7 @@ void tst_NEventPlanner::eventThatIsJumpedOverIsNotReported()
     QCOMPARE(take(), QStringList());
 }
 
-void tst_NEventPlanner::jumpBackwardsReportsAgain()
+void tst_NEventPlanner::changeBackwardsReportsEventsAgain()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -833,7 +833,7 @@ void tst_NEventPlanner::jumpBackwardsReportsAgain()
     QCOMPARE(take(), list("calendar 0,event 0730,calendar 0"));
 }
 
-void tst_NEventPlanner::jumpIsOneNewMinute_data()
+void tst_NEventPlanner::clockChangeIsOneNewMinute_data()
 {
     QTest::addColumn<QDateTime>("after");
     QTest::addColumn<QString>("reports");
@@ -855,7 +855,7 @@ void tst_NEventPlanner::jumpIsOneNewMinute_data()
         "end 1100-1300,calendar 1,calendar 2,calendar 4");
 }
 
-void tst_NEventPlanner::jumpIsOneNewMinute()
+void tst_NEventPlanner::clockChangeIsOneNewMinute()
 {
     QFETCH(QDateTime, after);
     QFETCH(QString, reports);
@@ -873,7 +873,7 @@ void tst_NEventPlanner::jumpIsOneNewMinute()
     QCOMPARE(take(), list(reports));
 }
 
-void tst_NEventPlanner::noticeOfAChangeWithinTheMinuteReportsNothing()
+void tst_NEventPlanner::changeWithinTheMinuteReportsNothing()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -885,7 +885,7 @@ void tst_NEventPlanner::noticeOfAChangeWithinTheMinuteReportsNothing()
     set(at(Qt::Monday, 7, 1));
     planner.currentDateTimeChanged();
     QCOMPARE(take(), list("calendar 0"));
-    // Set back, and nobody tells: the timer runs out in the same minute.
+    // Set back without notification: the timer times out in the same minute.
     tick(at(Qt::Monday, 7, 1, 40));
     QCOMPARE(take(), list("calendar 0"));
 }
@@ -904,7 +904,7 @@ void tst_NEventPlanner::signalOfTheClockSetterCanBeConnected()
     setter.setClock(at(Qt::Tuesday, 8, 0));
     QCOMPARE(take(), QStringList());
 
-    // The kind of connection is the caller's.
+    // The caller chooses the type of the connection.
     QVERIFY(NEventPlanner::connectCurrentDateTimeChangedSignal(&setter, SIGNAL(clockSet()), Qt::QueuedConnection));
     setter.setClock(at(Qt::Tuesday, 9, 0));
     QCOMPARE(take(), QStringList());
@@ -912,7 +912,7 @@ void tst_NEventPlanner::signalOfTheClockSetterCanBeConnected()
     QCOMPARE(take(), list("calendar 0"));
 }
 
-void tst_NEventPlanner::deletedPlannerEndsItsSlotsAndIsSilent()
+void tst_NEventPlanner::deletedPlannerEndsItsSlotsAndReportsNothingMore()
 {
     QScopedPointer<NEventPlanner> planner(new NEventPlanner(nullptr));
     NPlannerRecorder recorder(planner.data(), &m_reports);
@@ -972,13 +972,13 @@ void tst_NEventPlanner::deletedTickerEndsTheSlots()
     QCOMPARE(take(), list("start 0600-0800"));
 }
 
-void tst_NEventPlanner::whatIsUnregisteredIsNotReportedInThisMinute()
+void tst_NEventPlanner::unregisteredObjectsAreNotReportedInThisMinute()
 {
     NEventPlanner planner(nullptr);
     NEventPlanner* const other = new NEventPlanner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
     NPlannerRecorder recorderOfOther(other, &m_reports);
-    // Whichever comes first unregisters all the rest.
+    // The first report unregisters everything else.
     const auto handler = [&](const QString&) {
         planner.unregisterPeriodicEvent(nullptr);
         planner.unregisterPeriodicTimeSlot(nullptr);
@@ -1000,7 +1000,7 @@ void tst_NEventPlanner::whatIsUnregisteredIsNotReportedInThisMinute()
     tick(at(Qt::Monday, 7, 1));
     QCOMPARE(take(), list("event 0701"));
 
-    // The same for what belongs to a planner that is deleted.
+    // The same for a planner that is deleted.
     planner.registerPeriodicEvent(everyDay(), QTime(7, 2));
     other->registerPeriodicTimeSlot(everyDay(), QTime(7, 2), QTime(8, 0));
     other->registerCalendarEvent(NEventPlanner::NewMinute);
@@ -1009,7 +1009,7 @@ void tst_NEventPlanner::whatIsUnregisteredIsNotReportedInThisMinute()
     QCOMPARE(take(), list("event 0702"));
 }
 
-void tst_NEventPlanner::whatIsRegisteredIsReportedFromTheNextMinuteOn()
+void tst_NEventPlanner::registeredObjectsAreReportedFromTheNextMinuteOn()
 {
     NEventPlanner planner(nullptr);
     NEventPlanner other(nullptr);
@@ -1018,7 +1018,7 @@ void tst_NEventPlanner::whatIsRegisteredIsReportedFromTheNextMinuteOn()
     Event* const first = planner.registerPeriodicEvent(everyDay(), QTime(7, 1));
     recorder.handler = [&](const QString&) {
         recorder.handler = nullptr;
-        // Its memory is likely to be used again.
+        // Its memory is likely to be reused.
         planner.unregisterPeriodicEvent(first);
         const QList<NEventPlanner*> both = QList<NEventPlanner*>() << &planner << &other;
         for (NEventPlanner* each : both) {
@@ -1035,8 +1035,8 @@ void tst_NEventPlanner::whatIsRegisteredIsReportedFromTheNextMinuteOn()
     QCOMPARE(take(), list("event 0702,event 0702,start 0702-0800,start 0702-0800,calendar 0,calendar 0"));
 }
 
-// What is new may lie where something was that had still to be reported.
-void tst_NEventPlanner::whatIsRegisteredIsNotTakenForWhatWasUnregistered()
+// New objects may have the addresses of objects that were still to be reported.
+void tst_NEventPlanner::registeredObjectsAreNotConfusedWithUnregisteredOnes()
 {
     const int EventCount = 20;
     NEventPlanner planner(nullptr);
@@ -1070,7 +1070,7 @@ void tst_NEventPlanner::whatIsRegisteredIsNotTakenForWhatWasUnregistered()
         QVERIFY(planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
-void tst_NEventPlanner::calendarEventThatIsRegisteredAgainWaitsForTheNextMinute()
+void tst_NEventPlanner::calendarEventRegisteredAgainWaitsForTheNextMinute()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -1087,7 +1087,7 @@ void tst_NEventPlanner::calendarEventThatIsRegisteredAgainWaitsForTheNextMinute(
     QCOMPARE(take(), list("calendar 0"));
 }
 
-void tst_NEventPlanner::modifiedEventIsReportedIfItIsStillDue()
+void tst_NEventPlanner::modifiedEventIsReportedIfStillDue()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -1129,7 +1129,7 @@ void tst_NEventPlanner::modifiedSlotIsNotChangedBackInThisMinute()
     QCOMPARE(take(), list("start 0702-0730"));
 }
 
-void tst_NEventPlanner::registeringGivesNothingWhenTheStartUnregistersTheSlot()
+void tst_NEventPlanner::registrationReturnsNullWhenItsStartUnregistersTheSlot()
 {
     NEventPlanner* const planner = new NEventPlanner(nullptr);
     NPlannerRecorder recorder(planner, &m_reports);
@@ -1168,8 +1168,8 @@ void tst_NEventPlanner::furtherReceiversCanReadWhatTheFirstUnregistered()
                      "second start 0702-0800"));
 }
 
-// An event loop is as good as its timer running out: newMinute() is what happens then.
-void tst_NEventPlanner::minutesGoOnInANestedEventLoopWithoutLoss()
+// newMinute() is what the timer calls when it times out in the nested event loop.
+void tst_NEventPlanner::nestedEventLoopProcessesMinutesWithoutLoss()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -1197,7 +1197,7 @@ void tst_NEventPlanner::minutesGoOnInANestedEventLoopWithoutLoss()
     QCOMPARE(take(), list("calendar 0"));
 }
 
-void tst_NEventPlanner::slotsAreRightAfterAJumpInANestedEventLoop()
+void tst_NEventPlanner::slotsAreCorrectAfterAClockChangeInANestedEventLoop()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -1212,7 +1212,7 @@ void tst_NEventPlanner::slotsAreRightAfterAJumpInANestedEventLoop()
     QVERIFY(!planner.isPeriodicTimeSlotCurrentlyActive(timeSlot));
 }
 
-void tst_NEventPlanner::slotThatIsModifiedInTheNextMinuteIsNotChangedBack()
+void tst_NEventPlanner::slotModifiedInTheNextMinuteIsNotChangedBack()
 {
     NEventPlanner planner(nullptr);
     NPlannerRecorder recorder(&planner, &m_reports);
@@ -1242,7 +1242,7 @@ void tst_NEventPlanner::receiversMayDoAnything_data()
              "delete ticker,nested loop");
     for (const QString& cause : causes) {
         for (const QString& action : actions) {
-            // Nobody may delete what is being deleted.
+            // An object being deleted must not be deleted again.
             if (cause == QLatin1String("deleting") && action != QLatin1String("delete other") &&
                 action.startsWith(QLatin1String("delete")) && action != QLatin1String("delete ticker"))
                 continue;
@@ -1251,7 +1251,7 @@ void tst_NEventPlanner::receiversMayDoAnything_data()
     }
 }
 
-// The address sanitizer tells whether anything is used that is gone.
+// The address sanitizer detects use after deletion.
 void tst_NEventPlanner::receiversMayDoAnything()
 {
     QFETCH(QString, cause);
@@ -1358,7 +1358,7 @@ void tst_NEventPlanner::receiversMayDoAnything()
         remove(0);
     QVERIFY(acted);
 
-    // Everything that is left works on.
+    // Everything that remains continues to work.
     QStringList expected;
     for (const Objects& objects : all) {
         objects.recorder->handler = nullptr;

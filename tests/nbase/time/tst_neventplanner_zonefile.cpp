@@ -47,7 +47,8 @@ QByteArray bigEndian(const QList<quint32>& numbers)
     return bytes;
 }
 
-// UTC with one leap second, as a file of tzfile(5), version 1: the header, one kind of local time, and the second.
+// UTC with one leap second, as a file of tzfile(5), version 1: the header, one local time type, and the leap
+// second.
 QByteArray zoneWithLeapSecond(quint32 leapSecond)
 {
     const QList<quint32> counts = QList<quint32>() << 0 << 0 << 1 << 0 << 1 << 4;
@@ -81,7 +82,7 @@ void tst_NEventPlannerZoneFile::fileMayBeReplaced_data()
     QTest::newRow("a notice") << latin1("currentDateTimeChanged");
 }
 
-// The process is not told by the system, and nobody calls tzset().
+// The system does not notify the process, and nothing else calls tzset().
 void tst_NEventPlannerZoneFile::fileMayBeReplaced()
 {
     QFETCH(QString, occasion);

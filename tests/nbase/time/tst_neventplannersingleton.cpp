@@ -34,28 +34,28 @@ private slots:
     void init();
     void cleanup();
 
-    void comesIntoBeingWithTheFirstOperation();
+    void isCreatedByTheFirstOperation();
     void timerIsPreciseAndSingleShot();
-    void timerRunsOutAtTheNextMinute_data();
-    void timerRunsOutAtTheNextMinute();
+    void timerTimesOutAtTheNextMinute_data();
+    void timerTimesOutAtTheNextMinute();
     void lateTickerProcessesTheCurrentMinuteAtOnce();
     void timerReportsTheNewMinute();
-    void receiversMayDeleteWhatTheTimerWoke_data();
-    void receiversMayDeleteWhatTheTimerWoke();
-    void changedClockIsFoundWhenTheTimerRunsOut();
+    void receiversMayDeletePlannerAndTicker_data();
+    void receiversMayDeletePlannerAndTicker();
+    void changedClockIsDetectedWhenTheTimerTimesOut();
 
-    void tickerTicksOnceAMinuteWhenTheClockChanges_data();
-    void tickerTicksOnceAMinuteWhenTheClockChanges();
+    void tickerTicksOnceAMinuteAroundAClockChange_data();
+    void tickerTicksOnceAMinuteAroundAClockChange();
     void missingHourReportsNoEventsOfIt();
     void repeatedHourReportsItsEventsTwice();
-    void noticeInTheRepeatedMinuteReportsNothing();
+    void notificationInTheRepeatedMinuteReportsNothing();
     void slotsInTheMissingAndTheRepeatedHour();
-    void minutesMayBeginBetweenThoseOfUtc_data();
-    void minutesMayBeginBetweenThoseOfUtc();
+    void minutesMayBeOffsetFromThoseOfUtc_data();
+    void minutesMayBeOffsetFromThoseOfUtc();
     void timeZoneMayChange();
 
-    void stoppedProcessGoesOnWithTheCurrentMinute();
-    void weekIsReportedAsTheModelSays();
+    void stoppedProcessContinuesWithTheCurrentMinute();
+    void weekIsReportedAsTheModelPredicts();
 };
 
 namespace {
@@ -87,7 +87,7 @@ qint64 utc(int year, int month, int day, int hour, int minute)
     return QDateTime(QDate(year, month, day), QTime(hour, minute), Qt::UTC).toMSecsSinceEpoch();
 }
 
-// The instants at which Central Europe's clocks change, in 2026.
+// The instants at which Central European local time changes in 2026.
 qint64 springForward()
 {
     return utc(2026, 3, 29, 1, 0);
@@ -118,7 +118,7 @@ void tst_NEventPlannerSingleton::cleanup()
     NSystemCalls::resetClock();
 }
 
-void tst_NEventPlannerSingleton::comesIntoBeingWithTheFirstOperation()
+void tst_NEventPlannerSingleton::isCreatedByTheFirstOperation()
 {
     delete ticker();
     NEventPlanner planner(nullptr);
@@ -126,7 +126,7 @@ void tst_NEventPlannerSingleton::comesIntoBeingWithTheFirstOperation()
     planner.registerCalendarEvent(NEventPlanner::NewMinute);
     QStringList reports;
     NPlannerRecorder recorder(&planner, &reports);
-    // The minute in which it was made counts as processed.
+    // The minute of its creation counts as processed.
     jump(at(Qt::Monday, 7, 30, 59));
     QCOMPARE(reports, QStringList());
     jump(at(Qt::Monday, 7, 31));
@@ -143,7 +143,7 @@ void tst_NEventPlannerSingleton::timerIsPreciseAndSingleShot()
     QCOMPARE(type.isValid() ? type.toInt() : 0, 0);
 }
 
-void tst_NEventPlannerSingleton::timerRunsOutAtTheNextMinute_data()
+void tst_NEventPlannerSingleton::timerTimesOutAtTheNextMinute_data()
 {
     QTest::addColumn<int>("second");
     QTest::addColumn<int>("millisecond");
@@ -153,7 +153,7 @@ void tst_NEventPlannerSingleton::timerRunsOutAtTheNextMinute_data()
     QTest::newRow("just before the end") << 59 << 999 << 1;
 }
 
-void tst_NEventPlannerSingleton::timerRunsOutAtTheNextMinute()
+void tst_NEventPlannerSingleton::timerTimesOutAtTheNextMinute()
 {
     QFETCH(int, second);
     QFETCH(int, millisecond);
@@ -176,7 +176,7 @@ void tst_NEventPlannerSingleton::timerRunsOutAtTheNextMinute()
 
 void tst_NEventPlannerSingleton::lateTickerProcessesTheCurrentMinuteAtOnce()
 {
-    // More than a minute passes between the two readings of the clock, one for the minute and one for the timer.
+    // More than a minute passes between the two readings of the clock, for the minute and for the timer.
     NSystemCalls::stopClockAt(at(Qt::Monday, 7, 1).toMSecsSinceEpoch());
     NSystemCalls::setClockStep(61 * 1000);
     ticker()->newMinute();
@@ -207,14 +207,14 @@ void tst_NEventPlannerSingleton::timerReportsTheNewMinute()
     NTRY_COMPARE(reports, list("event 0730,event 0731"));
 }
 
-void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke_data()
+void tst_NEventPlannerSingleton::receiversMayDeletePlannerAndTicker_data()
 {
     QTest::addColumn<bool>("deletesTicker");
     QTest::newRow("the planner") << false;
     QTest::newRow("the ticker") << true;
 }
 
-void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
+void tst_NEventPlannerSingleton::receiversMayDeletePlannerAndTicker()
 {
     QFETCH(bool, deletesTicker);
     tick(at(Qt::Monday, 7, 29));
@@ -234,7 +234,7 @@ void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
     NTRY_COMPARE(reports, list("event 0730"));
     QCOMPARE(hasTicker(), !deletesTicker);
 
-    // There is another minute after this one.
+    // The next minute is processed too.
     NEventPlanner next(nullptr);
     NPlannerRecorder nextRecorder(&next, &reports);
     next.registerPeriodicEvent(everyDay(), QTime(7, 31));
@@ -243,7 +243,7 @@ void tst_NEventPlannerSingleton::receiversMayDeleteWhatTheTimerWoke()
     NTRY_COMPARE(reports, list("event 0730,event 0731"));
 }
 
-void tst_NEventPlannerSingleton::changedClockIsFoundWhenTheTimerRunsOut()
+void tst_NEventPlannerSingleton::changedClockIsDetectedWhenTheTimerTimesOut()
 {
     QStringList reports;
     NEventPlanner planner(nullptr);
@@ -257,7 +257,7 @@ void tst_NEventPlannerSingleton::changedClockIsFoundWhenTheTimerRunsOut()
     QCOMPARE(timer()->interval(), 40000);
 }
 
-void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteWhenTheClockChanges_data()
+void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteAroundAClockChange_data()
 {
     QTest::addColumn<qint64>("change");
     QTest::newRow("to daylight-saving time") << springForward();
@@ -265,7 +265,7 @@ void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteWhenTheClockChanges_data(
 }
 
 // Around the change, every timer runs for a minute, and every minute is reported once.
-void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteWhenTheClockChanges()
+void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteAroundAClockChange()
 {
     QFETCH(qint64, change);
     QStringList reports;
@@ -278,7 +278,7 @@ void tst_NEventPlannerSingleton::tickerTicksOnceAMinuteWhenTheClockChanges()
         QCOMPARE(timer()->interval(), int(Minute));
         QCOMPARE(reports, list("calendar 0"));
         reports.clear();
-        // A notice of a change that was none.
+        // A notification without a change.
         NSystemCalls::stopClockAt(time + 15 * 1000);
         ticker()->currentDateTimeChanged();
         QCOMPARE(timer()->interval(), int(Minute) - 15 * 1000);
@@ -320,8 +320,8 @@ void tst_NEventPlannerSingleton::repeatedHourReportsItsEventsTwice()
         reports, list("event 0159,event 0200,calendar 1,event 0230,event 0200,event 0230,event 0300,calendar 1"));
 }
 
-// The minute has the name of the one an hour before, and an end of its own.
-void tst_NEventPlannerSingleton::noticeInTheRepeatedMinuteReportsNothing()
+// The minute has the same local time as the one an hour before, but a different end.
+void tst_NEventPlannerSingleton::notificationInTheRepeatedMinuteReportsNothing()
 {
     QStringList reports;
     NEventPlanner planner(nullptr);
@@ -368,7 +368,7 @@ void tst_NEventPlannerSingleton::slotsInTheMissingAndTheRepeatedHour()
              "40 end 0210-0240,65 end 0220-0305"));
 }
 
-void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc_data()
+void tst_NEventPlannerSingleton::minutesMayBeOffsetFromThoseOfUtc_data()
 {
     QTest::addColumn<QString>("zone");
     QTest::addColumn<int>("hour"); // of the local time at 12:00 UTC
@@ -380,7 +380,7 @@ void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc_data()
     QTest::newRow("a second behind") << latin1("ABC0:00:01") << 11 << 59 << 59;
 }
 
-void tst_NEventPlannerSingleton::minutesMayBeginBetweenThoseOfUtc()
+void tst_NEventPlannerSingleton::minutesMayBeOffsetFromThoseOfUtc()
 {
     QFETCH(QString, zone);
     QFETCH(int, hour);
@@ -419,7 +419,7 @@ void tst_NEventPlannerSingleton::timeZoneMayChange()
     planner.registerCalendarEvent(NEventPlanner::NewHour);
     reports.clear();
 
-    // Nobody calls tzset(). The ticker is told: it is 15:00 in Japan when it is 07:00 in Central Europe.
+    // Nothing calls tzset(). The ticker is notified: 07:00 in Central Europe is 15:00 in Japan.
     ::setenv("TZ", "JST-9", 1);
     ticker()->currentDateTimeChanged();
     QCOMPARE(reports, list("end 0600-1200,calendar 1"));
@@ -430,7 +430,7 @@ void tst_NEventPlannerSingleton::timeZoneMayChange()
     QCOMPARE(reports, list("event 1600,calendar 1"));
     reports.clear();
 
-    // It finds out at the next minute, in a zone half an hour away.
+    // It detects the change at the next minute, in a zone with an offset of half an hour.
     ::setenv("TZ", "IST-5:30", 1);
     tickAt(utc(2026, 1, 5, 7, 1));
     QCOMPARE(reports, list("calendar 1"));
@@ -484,14 +484,14 @@ char processState(pid_t process)
 
 } // namespace
 
-void tst_NEventPlannerSingleton::stoppedProcessGoesOnWithTheCurrentMinute()
+void tst_NEventPlannerSingleton::stoppedProcessContinuesWithTheCurrentMinute()
 {
     QProcess child;
     child.start(QCoreApplication::applicationFilePath(), QStringList() << latin1(ChildArgument));
     NTRY_VERIFY(child.canReadLine());
     const pid_t process = child.readLine().trimmed().toInt();
     NTRY_COMPARE(processState(process), 'T');
-    // Its minute ends while it stands still.
+    // Its minute ends while it is stopped.
     QElapsedTimer elapsed;
     elapsed.start();
     NTRY_VERIFY(elapsed.hasExpired(200));
@@ -570,7 +570,7 @@ private:
     quint32 m_state;
 };
 
-// Notes which object was reported how.
+// Records which object was reported and how.
 class WeekRecorder : public QObject
 {
     Q_OBJECT
@@ -590,7 +590,7 @@ private:
 } // namespace
 
 // 1,000 random events and slots of 10 planners, from Wednesday to Wednesday.
-void tst_NEventPlannerSingleton::weekIsReportedAsTheModelSays()
+void tst_NEventPlannerSingleton::weekIsReportedAsTheModelPredicts()
 {
     const int PlannerCount = 10;
     const int ObjectCount = 1000;

@@ -42,13 +42,13 @@ class tst_NTimeZoneRegion : public QObject
     Q_OBJECT
 
 private slots:
-    void regionHoldsItsTownsInTheOrderOfTheirKeys();
+    void townsAreInTheOrderOfTheirKeys();
     void regionDeletesEachTownOnce();
-    void mapOfTheCallerStaysAsItIs();
+    void mapOfTheCallerIsNotChanged();
     void derivedRegionIsDestroyedThroughTheBase();
 };
 
-void tst_NTimeZoneRegion::regionHoldsItsTownsInTheOrderOfTheirKeys()
+void tst_NTimeZoneRegion::townsAreInTheOrderOfTheirKeys()
 {
     QStringList destroyed;
     QMap<QString, NTimeZoneTown*> towns;
@@ -77,7 +77,7 @@ void tst_NTimeZoneRegion::regionDeletesEachTownOnce()
     QCOMPARE(destroyed.join(latin1(" ")), latin1("0 1 2 3 4"));
 }
 
-void tst_NTimeZoneRegion::mapOfTheCallerStaysAsItIs()
+void tst_NTimeZoneRegion::mapOfTheCallerIsNotChanged()
 {
     QStringList destroyed;
     QMap<QString, NTimeZoneTown*> towns;

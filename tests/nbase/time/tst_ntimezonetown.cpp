@@ -27,11 +27,11 @@ class tst_NTimeZoneTown : public QObject
     Q_OBJECT
 
 private slots:
-    void townHoldsWhatItWasMadeOf();
+    void townReturnsItsValues();
     void derivedTownIsDestroyedThroughTheBase();
 };
 
-void tst_NTimeZoneTown::townHoldsWhatItWasMadeOf()
+void tst_NTimeZoneTown::townReturnsItsValues()
 {
     const NTimeZoneTown town(
         latin1("Argentina/Buenos Aires"), latin1("<-03>3"), latin1("AR"), -34.6f, -58.45f,

@@ -29,7 +29,7 @@ QByteArray randomBytes(int length)
     return bytes;
 }
 
-// One to three bytes are replaced, put in, taken out or doubled.
+// One to three bytes are replaced, inserted, removed or doubled.
 QByteArray mutated(QByteArray line)
 {
     for (int change = randomBelow(3); change >= 0 && !line.isEmpty(); --change) {
@@ -53,19 +53,19 @@ QByteArray mutated(QByteArray line)
 
 } // namespace
 
-/** The documented expression decides which lines are zones and what their parts are. */
+/** The documented expression determines which lines are zones and what their parts are. */
 class tst_NZoneTabLine : public QObject
 {
     Q_OBJECT
 
 private slots:
     void initTestCase();
-    void linesAreTakenApartAsTheExpressionDoes_data();
-    void linesAreTakenApartAsTheExpressionDoes();
-    void realLinesAreTakenApartAsTheExpressionDoes();
-    void everyBeginningOfALineIsTakenApartAsTheExpressionDoes();
-    void mutatedLinesAreTakenApartAsTheExpressionDoes();
-    void randomLinesAreTakenApartAsTheExpressionDoes();
+    void parsingAgreesWithTheExpression_data();
+    void parsingAgreesWithTheExpression();
+    void parsingOfRealLinesAgreesWithTheExpression();
+    void parsingOfEveryPrefixAgreesWithTheExpression();
+    void parsingOfMutatedLinesAgreesWithTheExpression();
+    void parsingOfRandomLinesAgreesWithTheExpression();
 
 private:
     bool agrees(const QString& line, bool* isZone = nullptr);
@@ -106,7 +106,7 @@ bool tst_NZoneTabLine::agrees(const QString& line, bool* isZone)
             zone.town == m_expression.cap(9) && zone.comment == m_expression.cap(10));
 }
 
-void tst_NZoneTabLine::linesAreTakenApartAsTheExpressionDoes_data()
+void tst_NZoneTabLine::parsingAgreesWithTheExpression_data()
 {
     QTest::addColumn<QString>("line");
     QTest::addColumn<bool>("isZone");
@@ -152,7 +152,7 @@ void tst_NZoneTabLine::linesAreTakenApartAsTheExpressionDoes_data()
 #undef ROW
 }
 
-void tst_NZoneTabLine::linesAreTakenApartAsTheExpressionDoes()
+void tst_NZoneTabLine::parsingAgreesWithTheExpression()
 {
     QFETCH(QString, line);
     QFETCH(bool, isZone);
@@ -161,7 +161,7 @@ void tst_NZoneTabLine::linesAreTakenApartAsTheExpressionDoes()
     QCOMPARE(isMatch, isZone);
 }
 
-void tst_NZoneTabLine::realLinesAreTakenApartAsTheExpressionDoes()
+void tst_NZoneTabLine::parsingOfRealLinesAgreesWithTheExpression()
 {
     for (const QByteArray& line : m_realLines) {
         bool isZone = false;
@@ -170,14 +170,14 @@ void tst_NZoneTabLine::realLinesAreTakenApartAsTheExpressionDoes()
     }
 }
 
-void tst_NZoneTabLine::everyBeginningOfALineIsTakenApartAsTheExpressionDoes()
+void tst_NZoneTabLine::parsingOfEveryPrefixAgreesWithTheExpression()
 {
     const QByteArray line = "US\t+404251,25-0740023,75\tAmerica/New_York\tx";
     for (int length = 0; length <= line.size(); ++length)
         QVERIFY2(agrees(latin1(line.left(length))), line.left(length).constData());
 }
 
-void tst_NZoneTabLine::mutatedLinesAreTakenApartAsTheExpressionDoes()
+void tst_NZoneTabLine::parsingOfMutatedLinesAgreesWithTheExpression()
 {
     int zones = 0;
     const int lines = 20000;
@@ -187,12 +187,12 @@ void tst_NZoneTabLine::mutatedLinesAreTakenApartAsTheExpressionDoes()
         QVERIFY2(agrees(latin1(line), &isZone), line.constData());
         zones += isZone;
     }
-    // Both answers must have come up often for the comparison to say anything.
+    // The comparison is meaningful only if both results were frequent.
     QVERIFY(zones > lines / 10);
     QVERIFY(zones < lines * 9 / 10);
 }
 
-void tst_NZoneTabLine::randomLinesAreTakenApartAsTheExpressionDoes()
+void tst_NZoneTabLine::parsingOfRandomLinesAgreesWithTheExpression()
 {
     for (int count = 0; count < 20000; ++count) {
         const QByteArray line = randomBytes(randomBelow(40));
