@@ -1,5 +1,5 @@
 # Compiles for 32-bit ARM (hard float) on Debian, with Debian's cross compiler and its ARM packages, and runs programs that
-# were built in an emulator. README.md names the packages.
+# were built in an emulator. docs/building.md lists the packages.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
