@@ -26,8 +26,6 @@ KNOWN_CIRCLES = (
     ("nbase/sqlite/nabstractsqlitedbmanager", "nbase/sqlite/nabstractsqlitedbtable"),
     ("nbase/time/neventplanner", "nbase/time/neventplannersingleton"),
     ("nbase/web/nfreepackage", "nbase/web/nfreepackageslist"),
-    ("nwebapi/nwafcgichannel", "nwebapi/nwafcgirequest"),
-    ("nwebapi/nwafcgiconnection", "nwebapi/nwafcgiserver"),
     ("nwebapi/nwajson", "nwebapi/nwajsonscanner"),
 )
 

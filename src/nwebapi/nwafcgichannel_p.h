@@ -1,7 +1,11 @@
 #ifndef NWEBAPI_NWAFCGICHANNEL_P_H
 #define NWEBAPI_NWAFCGICHANNEL_P_H
 
-#include <nwebapi/nwafcgirequest.h>
+#include <nwebapi/nwaglobal.h>
+
+#include <QtCore/QtGlobal>
+
+class NwaFcgiRequest;
 
 /**
  * Transports one request: the request writes to the channel and reads from it, and the channel notifies the

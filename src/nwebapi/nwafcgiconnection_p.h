@@ -5,6 +5,7 @@
 #include <nwebapi/nwafcgichannel_p.h>
 #include <nwebapi/nwafcgiexchange_p.h>
 #include <nwebapi/nwafcgioutput_p.h>
+#include <nwebapi/nwafcgirequest.h>
 
 #include <QtCore/QByteArray>
 

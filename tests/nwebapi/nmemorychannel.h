@@ -2,6 +2,7 @@
 #define NBASE_TESTS_NMEMORYCHANNEL_H
 
 #include <nwebapi/nwafcgichannel_p.h>
+#include <nwebapi/nwafcgirequest.h>
 
 #include <string.h>
 
