@@ -25,8 +25,6 @@ KNOWN_CIRCLES = (
     ("nbase/core/nsyslog", "nbase/core/nsysloglinematcher"),
     ("nbase/sqlite/nabstractsqlitedbmanager", "nbase/sqlite/nabstractsqlitedbtable"),
     ("nbase/time/neventplanner", "nbase/time/neventplannersingleton"),
-    ("nbase/web/nfreepackage", "nbase/web/nfreepackageslist"),
-    ("nwebapi/nwajson", "nwebapi/nwajsonscanner"),
 )
 
 

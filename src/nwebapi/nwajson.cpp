@@ -164,7 +164,8 @@ QVariant NwaJson::parse(const QByteArray& text, bool* ok, int maximumDepth, int 
 {
     bool isCorrect = false;
     QVariant document;
-    NwaJsonScanner scanner(text, qMin(maximumDepth, int(NwaJsonBackend::MaximumDepth)), maximumValueCount);
+    NwaJsonScanner scanner(
+        text, qMin(maximumDepth, int(NwaJsonBackend::MaximumDepth)), maximumValueCount, MaximumNumberSize);
     if (scanner.scan()) {
         const QByteArray indexed = '[' + scanner.indexedText() + ",[" + scanner.nameTexts() + "]]";
         const QVariantList list = NwaJsonBackend::parse(indexed, &isCorrect);

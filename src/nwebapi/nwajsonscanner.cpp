@@ -1,6 +1,5 @@
 #include <nwebapi/nwajsonscanner_p.h>
 
-#include <nwebapi/nwajson.h>
 #include <nwebapi/nwautf8_p.h>
 
 #include <math.h>
@@ -58,10 +57,12 @@ QVariant numberFromDouble(double number)
 
 } // namespace
 
-NwaJsonScanner::NwaJsonScanner(const QByteArray& text, int maximumDepth, int maximumValueCount)
+NwaJsonScanner::NwaJsonScanner(
+    const QByteArray& text, int maximumDepth, int maximumValueCount, int maximumNumberSize)
     : m_text(text)
     , m_maximumDepth(maximumDepth)
     , m_maximumValueCount(maximumValueCount)
+    , m_maximumNumberSize(maximumNumberSize)
     , m_valueCount(0)
     , m_position(0)
     , m_expectsValue(true)
@@ -219,7 +220,7 @@ bool NwaJsonScanner::scanNumber()
             return false;
     }
     // RFC 8259, section 9 allows such a limit.
-    if (m_position - begin > NwaJson::MaximumNumberSize)
+    if (m_position - begin > m_maximumNumberSize)
         return false;
     return appendNumber(begin, isInteger);
 }

@@ -13,7 +13,7 @@
 class NwaJsonScanner
 {
 public:
-    NwaJsonScanner(const QByteArray& text, int maximumDepth, int maximumValueCount);
+    NwaJsonScanner(const QByteArray& text, int maximumDepth, int maximumValueCount, int maximumNumberSize);
 
     /** Reads the document. @return whether it is correct. */
     bool scan();
@@ -47,6 +47,7 @@ private:
     const QByteArray m_text;
     const int m_maximumDepth;
     const int m_maximumValueCount;
+    const int m_maximumNumberSize;
     int m_valueCount;
     int m_position;
     bool m_expectsValue;

@@ -1,6 +1,7 @@
 #include <nbase/web/nfreepackageslist.h>
 
 #include <nbase/web/nfreepackage.h>
+#include <nbase/web/nlicensefile_p.h>
 
 #include <nsystem/nlatin1_p.h>
 #include <nsystem/nlinereader_p.h>
@@ -54,7 +55,7 @@ NFreePackage* packageOf(const QStringList& fields)
 
 } // namespace
 
-const QDir NFreePackagesList::S_FREE_PACKAGES_DIR = QDir(latin1("/usr/share/free_packages"));
+const QDir NFreePackagesList::S_FREE_PACKAGES_DIR = QDir(latin1(NLicenseFile::FreePackagesDirectory));
 
 NFreePackagesList::NFreePackagesList(QObject* parent)
     : QObject(parent)

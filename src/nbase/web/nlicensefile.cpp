@@ -1,9 +1,9 @@
 #include <nbase/web/nlicensefile_p.h>
 
-#include <nbase/web/nfreepackageslist.h>
-
+#include <nsystem/nlatin1_p.h>
 #include <nsystem/nsystemcall_p.h>
 
+#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 
@@ -14,7 +14,7 @@ namespace {
 // Files that an application itself has named elsewhere are not restricted.
 bool leavesFreePackagesDirectory(const QString& path)
 {
-    const QDir& directory = NFreePackagesList::S_FREE_PACKAGES_DIR;
+    const QDir directory(latin1(NLicenseFile::FreePackagesDirectory));
     if (!path.startsWith(directory.path() + QLatin1Char('/')))
         return false;
     return !QFileInfo(path).canonicalFilePath().startsWith(directory.canonicalPath() + QLatin1Char('/'));

@@ -9,6 +9,9 @@
 /** Reading the licence files of the packages. */
 namespace NLicenseFile {
 
+/** Where the build of the root file system leaves the list of packages and the licence files. */
+const char* const FreePackagesDirectory = "/usr/share/free_packages";
+
 /**
  * Opens the licence file @a path.
  * @return not open for a file that cannot be read or is not a regular file. A path in the folder of the free
