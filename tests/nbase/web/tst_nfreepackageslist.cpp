@@ -13,6 +13,7 @@
 
 #include <errno.h>
 #include <linux/capability.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -34,7 +35,7 @@ QStringList sorted(QStringList names)
     return names;
 }
 
-// Makes the process one that files' permissions count for, whoever it belongs to. See capabilities(7).
+// Makes the permissions of files apply to the process, whichever user it runs as; see capabilities(7).
 bool giveUpCapabilities()
 {
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
@@ -67,18 +68,20 @@ private slots:
     void headerEndsAtNul();
     void listStaysAsItWasLoaded();
 
-    void missingManifestIsToldAndEmpty();
-    void directoryInPlaceOfTheManifestIsToldAndEmpty();
-    void danglingLinkInPlaceOfTheManifestIsToldAndEmpty();
-    void manifestThatMayNotBeReadIsToldAndEmpty();
-    void badHeaderIsToldAndEmpty_data();
-    void badHeaderIsToldAndEmpty();
-    void badLineIsToldAndLeftOut_data();
-    void badLineIsToldAndLeftOut();
-    void badLineIsToldAsLatin1();
+    void missingManifestIsReportedAndEmpty();
+    void directoryInPlaceOfTheManifestIsReportedAndEmpty();
+    void danglingLinkInPlaceOfTheManifestIsReportedAndEmpty();
+    void manifestThatMayNotBeReadIsReportedAndEmpty();
+    void badHeaderIsReportedAndEmpty_data();
+    void badHeaderIsReportedAndEmpty();
+    void badLineIsReportedAndLeftOut_data();
+    void badLineIsReportedAndLeftOut();
+    void badLineIsReportedAsLatin1();
     void fieldsMayBeEmpty();
     void textEndsAtNul();
-    void readErrorIsToldAndEndsTheList();
+    void pipeInPlaceOfTheManifestDoesNotBlock();
+    void overlongLineIsReportedAndLeftOut();
+    void readErrorIsReportedAndEndsTheList();
 
 private:
     void writeManifest(const QByteArray& records);
@@ -237,20 +240,20 @@ void tst_NFreePackagesList::listStaysAsItWasLoaded()
     QCOMPARE(list.freePackages().keys(), QList<QString>() << text("p"));
 }
 
-void tst_NFreePackagesList::missingManifestIsToldAndEmpty()
+void tst_NFreePackagesList::missingManifestIsReportedAndEmpty()
 {
     QTest::ignoreMessage(QtWarningMsg, CannotOpen);
     QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
-void tst_NFreePackagesList::directoryInPlaceOfTheManifestIsToldAndEmpty()
+void tst_NFreePackagesList::directoryInPlaceOfTheManifestIsReportedAndEmpty()
 {
     QVERIFY(QDir(m_folder->path()).mkdir(text("manifest.csv")));
     QTest::ignoreMessage(QtWarningMsg, CannotOpen);
     QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
-void tst_NFreePackagesList::danglingLinkInPlaceOfTheManifestIsToldAndEmpty()
+void tst_NFreePackagesList::danglingLinkInPlaceOfTheManifestIsReportedAndEmpty()
 {
     const QByteArray link = QFile::encodeName(m_folder->filePath(text("manifest.csv")));
     QCOMPARE(::symlink("elsewhere.csv", link.constData()), 0);
@@ -258,7 +261,7 @@ void tst_NFreePackagesList::danglingLinkInPlaceOfTheManifestIsToldAndEmpty()
     QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
-void tst_NFreePackagesList::manifestThatMayNotBeReadIsToldAndEmpty()
+void tst_NFreePackagesList::manifestThatMayNotBeReadIsReportedAndEmpty()
 {
     writeManifest("\"p\",\"1\",\"\",\"\",\"\",\"\"\n");
     QVERIFY(QFile::setPermissions(m_folder->filePath(text("manifest.csv")), QFile::Permissions()));
@@ -275,10 +278,10 @@ void tst_NFreePackagesList::manifestThatMayNotBeReadIsToldAndEmpty()
     QCOMPARE(status, 0);
 }
 
-void tst_NFreePackagesList::badHeaderIsToldAndEmpty_data()
+void tst_NFreePackagesList::badHeaderIsReportedAndEmpty_data()
 {
     QTest::addColumn<QByteArray>("manifest");
-    QTest::addColumn<QByteArray>("told");
+    QTest::addColumn<QByteArray>("reported");
     const QByteArray header(QByteArray(Header).trimmed());
     const QByteArray record("\"p\",\"1\",\"\",\"\",\"\",\"\"");
     QTest::newRow("empty file") << QByteArray() << QByteArray();
@@ -292,17 +295,17 @@ void tst_NFreePackagesList::badHeaderIsToldAndEmpty_data()
     QTest::newRow("up to NUL") << QByteArray("abc\0def\n", 8) << QByteArray("abc");
 }
 
-void tst_NFreePackagesList::badHeaderIsToldAndEmpty()
+void tst_NFreePackagesList::badHeaderIsReportedAndEmpty()
 {
     QFETCH(QByteArray, manifest);
-    QFETCH(QByteArray, told);
+    QFETCH(QByteArray, reported);
     m_folder->writeFile(text("manifest.csv"), manifest);
-    const QByteArray message = "Bad header line in free packages' manifest: " + told;
+    const QByteArray message = "Bad header line in free packages' manifest: " + reported;
     QTest::ignoreMessage(QtWarningMsg, message.constData());
     QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
-void tst_NFreePackagesList::badLineIsToldAndLeftOut_data()
+void tst_NFreePackagesList::badLineIsReportedAndLeftOut_data()
 {
     QTest::addColumn<QByteArray>("line");
     QTest::newRow("no quotes") << QByteArray("p,1,,,,");
@@ -318,7 +321,7 @@ void tst_NFreePackagesList::badLineIsToldAndLeftOut_data()
     QTest::newRow("what a format would fill in") << QByteArray("100%n %s %1");
 }
 
-void tst_NFreePackagesList::badLineIsToldAndLeftOut()
+void tst_NFreePackagesList::badLineIsReportedAndLeftOut()
 {
     QFETCH(QByteArray, line);
     writeManifest("\"before\",\"1\",\"\",\"\",\"\",\"\"\n" + line + "\n\"behind\",\"1\",\"\",\"\",\"\",\"\"\n");
@@ -343,14 +346,37 @@ void tst_NFreePackagesList::textEndsAtNul()
     QCOMPARE(list.freePackages().value(text("p"))->sourceSite(), text("site"));
 }
 
-void tst_NFreePackagesList::badLineIsToldAsLatin1()
+void tst_NFreePackagesList::badLineIsReportedAsLatin1()
 {
     writeManifest("caf\xe9\n");
     QTest::ignoreMessage(QtWarningMsg, "Bad line in free packages' manifest: caf\xc3\xa9");
     QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
 }
 
-void tst_NFreePackagesList::readErrorIsToldAndEndsTheList()
+void tst_NFreePackagesList::pipeInPlaceOfTheManifestDoesNotBlock()
+{
+    const QByteArray pipe = QFile::encodeName(m_folder->filePath(text("manifest.csv")));
+    QCOMPARE(::mkfifo(pipe.constData(), 0600), 0);
+    QTest::ignoreMessage(QtWarningMsg, CannotOpen);
+    QVERIFY(NFreePackagesList(nullptr).freePackages().isEmpty());
+}
+
+void tst_NFreePackagesList::overlongLineIsReportedAndLeftOut()
+{
+    const int maximum = 1024 * 1024;
+    const QByteArray begin("\"long\",\"1\",\"\",\"\",\"\",\"");
+    const QByteArray longest = begin + QByteArray(maximum - begin.size() - 2, 'x') + '"';
+    const QByteArray tooLong = begin + QByteArray(maximum - begin.size() - 1, 'x') + "\"\"";
+    writeManifest(tooLong + "\n\"p\",\"1\",\"\",\"\",\"\",\"\"\n" + longest + '\n');
+    const NMessageRecorder recorder;
+    const NFreePackagesList list(nullptr);
+    QCOMPARE(recorder.messages().size(), 1);
+    QVERIFY(
+        recorder.messages().first().startsWith(text("warning: Bad line in free packages' manifest: \"long\"")));
+    QCOMPARE(sorted(list.freePackages().keys()), QStringList() << text("long") << text("p"));
+}
+
+void tst_NFreePackagesList::readErrorIsReportedAndEndsTheList()
 {
     writeManifest(
         QByteArray("\"p\",\"1\",\"\",\"\",\"\",\"\"\n").repeated(10000) + "\"q\",\"1\",\"\",\"\",\"\",\"\"\n");
