@@ -1,4 +1,4 @@
-#include "context_p.h"
+#include "contextdata_p.h"
 #include "error_p.h"
 #include "words_p.h"
 

@@ -1,6 +1,6 @@
 #include "elements_p.h"
 
-#include "context_p.h"
+#include "contextdata_p.h"
 
 #include <stdlib.h>
 

@@ -1,6 +1,6 @@
 #include "error_p.h"
 
-#include "context_p.h"
+#include "contextdata_p.h"
 
 static const char* const messages[] = {
     [UCI_OK] = "Success",

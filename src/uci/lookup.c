@@ -1,6 +1,6 @@
 #include "lookup_p.h"
 
-#include "context_p.h"
+#include "contextdata_p.h"
 #include "elements_p.h"
 #include "error_p.h"
 #include "load_p.h"

@@ -1,6 +1,6 @@
 #include "parser_p.h"
 
-#include "context_p.h"
+#include "contextdata_p.h"
 #include "elements_p.h"
 #include "words_p.h"
 

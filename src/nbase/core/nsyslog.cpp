@@ -145,7 +145,7 @@ private:
 };
 
 LogReader::LogReader(const QStringList& levels, const QList<QRegExp>& programs)
-    : m_matcher(levels)
+    : m_matcher(NSysLog::S_LOG_MONTHES_LABELS, NSysLog::S_LOG_FACILITIES_LABELS, levels)
     , m_programs(programs)
     , m_block(new char[BlockSize])
     , m_lineInBlock(nullptr)

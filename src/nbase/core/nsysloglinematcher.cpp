@@ -1,7 +1,5 @@
 #include <nbase/core/nsysloglinematcher_p.h>
 
-#include <nbase/core/nsyslog.h>
-
 #include <string.h>
 
 namespace {
@@ -37,9 +35,10 @@ bool contains(const QList<QByteArray>& labels, const char* text, int size)
 
 } // namespace
 
-NSysLogLineMatcher::NSysLogLineMatcher(const QStringList& levels)
-    : m_months(toLatin1(NSysLog::S_LOG_MONTHES_LABELS))
-    , m_facilities(toLatin1(NSysLog::S_LOG_FACILITIES_LABELS))
+NSysLogLineMatcher::NSysLogLineMatcher(
+    const QStringList& months, const QStringList& facilities, const QStringList& levels)
+    : m_months(toLatin1(months))
+    , m_facilities(toLatin1(facilities))
     , m_levels(toLatin1(levels))
 {
     // An empty alternative of a regular expression, "(?:)", matches the empty text.

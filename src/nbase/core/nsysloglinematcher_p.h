@@ -15,8 +15,11 @@
 class NSysLogLineMatcher
 {
 public:
-    /** @param levels the labels of the accepted levels; when empty, only an empty level is accepted. */
-    explicit NSysLogLineMatcher(const QStringList& levels);
+    /**
+     * Accepts lines with these labels.
+     * @param levels when empty, only an empty level is accepted.
+     */
+    NSysLogLineMatcher(const QStringList& months, const QStringList& facilities, const QStringList& levels);
 
     /** Starts a new line. */
     void startLine();

@@ -2,8 +2,8 @@
  * The private part of a context.
  * Builds on growing text. The operations on contexts are public; context.c, at the top, has them.
  */
-#ifndef UCI_CONTEXT_P_H
-#define UCI_CONTEXT_P_H
+#ifndef UCI_CONTEXTDATA_P_H
+#define UCI_CONTEXTDATA_P_H
 
 #include "text_p.h"
 
