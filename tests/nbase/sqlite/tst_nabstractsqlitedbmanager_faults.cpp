@@ -106,6 +106,7 @@ private slots:
     void fullDiskRefusesRows();
     void faultDuringAConversionIsNoRefusal_data();
     void faultDuringAConversionIsNoRefusal();
+    void databaseThatCanOnlyBeReadAfterAConversionIsNoRefusal();
     void faultThatAConversionDoesNotReportKeepsTheVersion();
     void faultThatIsOverDuringAConversionIsNoRefusal_data();
     void faultThatIsOverDuringAConversionIsNoRefusal();
@@ -339,6 +340,7 @@ void tst_NAbstractSqliteDbManager_Faults::faultDuringAConversionIsNoRefusal_data
     QTest::newRow("statement that can be undone, nearly full disk") << nearlyFull << text("\"unique\"") << none;
     QTest::newRow("refused write") << refusedWrites << text("big") << none;
     QTest::newRow("refused write, and undone") << refusedWrites << text("big") << text("ROLLBACK");
+    QTest::newRow("refused write, and a transaction of its own") << refusedWrites << text("big") << text("BEGIN");
 }
 
 // The manager finds the fault when it looks for the reason of the failure.
@@ -378,6 +380,18 @@ void tst_NAbstractSqliteDbManager_Faults::faultDuringAConversionIsNoRefusal()
         QVERIFY(failures > 0);
     }
     unmountSmallDisk(path);
+}
+
+// The journal cannot be written, so the database has not changed and can be read.
+void tst_NAbstractSqliteDbManager_Faults::databaseThatCanOnlyBeReadAfterAConversionIsNoRefusal()
+{
+    NTestManager manager(makeVersionOne(), 2);
+    QScopedPointer<Fault> fault;
+    manager.setConversion([&](NTestManager& database) {
+        fault.reset(new Fault(NSystemCalls::Pwrite, EIO));
+        return database.execute("UPDATE t SET note = 'new'") || !database.execute("BEGIN");
+    });
+    openAndKeepVersionOne(manager, [&] { fault.reset(); });
 }
 
 void tst_NAbstractSqliteDbManager_Faults::faultThatAConversionDoesNotReportKeepsTheVersion()
