@@ -21,15 +21,17 @@ static int append_line(FILE* stream, struct text* text)
     return result == UCI_OK && text->failed ? UCI_ERR_MEM : result;
 }
 
-/* A word and, after it in the same buffer, the text that is left to read. The word overwrites the text. */
+/* A word and, after it in the buffer of the context, the text that is left to read. The word overwrites the text.
+ */
 struct argument
 {
     struct text* text;
-    size_t word_size;
-    size_t used;      /* bytes of the text */
+    size_t word; /* the offset of the word, and of its end */
+    size_t word_end;
+    size_t used;      /* the offset of what is left to read */
     const char* open; /* null if the word is complete; otherwise what makes the next line continue it */
     bool must_continue;
-    bool from_stream;
+    bool in_buffer; /* the text is in the buffer only: the caller continues there */
 };
 
 /* Reads the word, or the next piece of it, from an offset of the text, and appends it to the word. */
@@ -40,8 +42,8 @@ static void read_piece(struct argument* argument, size_t begin)
     const char* piece = words_next(&words);
     size_t size = strlen(piece);
 
-    memmove(text->data + argument->word_size, piece, size + 1);
-    argument->word_size += size;
+    memmove(text->data + argument->word_end, piece, size + 1);
+    argument->word_end += size;
     argument->used = (size_t)(words.position - text->data);
     argument->must_continue = words.unterminated != 0;
     argument->open = NULL;
@@ -55,7 +57,7 @@ static void read_piece(struct argument* argument, size_t begin)
 static int read_continuation(struct argument* argument, FILE* stream)
 {
     struct text line = {NULL, 0, 0, false};
-    size_t begin = argument->word_size;
+    size_t begin = argument->word_end;
 
     text_append_string(&line, argument->open);
     int result = append_line(stream, &line);
@@ -67,38 +69,56 @@ static int read_continuation(struct argument* argument, FILE* stream)
     text_free(&line);
     if (result != UCI_OK)
         return result;
-    argument->from_stream = true;
+    argument->in_buffer = true;
     read_piece(argument, begin);
     return UCI_OK;
+}
+
+/* Whether a string is what an earlier call has left to read. */
+static bool is_rest(const struct text* text, const char* string)
+{
+    return text->data && (uintptr_t)string - (uintptr_t)text->data <= text->size;
+}
+
+/* Provides the text to read from: a line of the stream, a copy of the string, or the rest in the buffer as it is.
+ */
+static int take_text(struct argument* argument, FILE* stream, const char* string)
+{
+    struct text* text = argument->text;
+
+    argument->in_buffer = !string || is_rest(text, string);
+    text->failed = false;
+    if (string && argument->in_buffer) {
+        argument->word = (size_t)(string - text->data);
+        text->size = argument->word + strlen(string);
+    } else {
+        text->size = 0;
+        if (!string)
+            return append_line(stream, text);
+        text_append_string(text, string);
+    }
+    argument->word_end = argument->word;
+    return text->failed ? UCI_ERR_MEM : UCI_OK;
 }
 
 static int parse_argument(struct argument* argument, FILE* stream, char** str, char** word)
 {
     struct text* text = argument->text;
-    int result = UCI_OK;
+    int result = take_text(argument, stream, *str);
 
-    text->size = 0;
-    text->failed = false;
-    argument->from_stream = !*str;
-    if (*str)
-        text_append_string(text, *str);
-    else
-        result = append_line(stream, text);
     if (result == UCI_ERR_NOTFOUND)
         return UCI_OK;
-    if (result == UCI_OK && text->failed)
-        result = UCI_ERR_MEM;
     if (result != UCI_OK)
         return result;
-    read_piece(argument, 0);
+    read_piece(argument, argument->word);
     while (result == UCI_OK && argument->open)
         result = read_continuation(argument, stream);
     if (result == UCI_ERR_NOTFOUND)
         result = argument->must_continue ? UCI_ERR_PARSE : UCI_OK;
     if (result != UCI_OK)
         return result;
-    *str = (argument->from_stream ? text->data : *str) + argument->used;
-    *word = text->data;
+    *str = (argument->in_buffer ? text->data : *str) + argument->used;
+    *word = text->data + argument->word;
     return UCI_OK;
 }
 

@@ -364,7 +364,8 @@ UCI_EXPORT int uci_revert(struct uci_context* ctx, struct uci_ptr* ptr);
  * Reads one word, with quotes and backslashes as in package files.
  * @param stream source of further lines if the word does not end on the first; may be null.
  * @param str the text, advanced past the word; with *@a str null a line of @a stream is read first. If lines
- * were read, it points to the rest of the last one, which is valid until the next call.
+ * were read, it points to the rest of the last one, which the next call reads if it gets this pointer. An empty
+ * text has no further word.
  * @param result receives the word, which is valid until the next call; null at the end of the stream.
  * @return UCI_ERR_PARSE for a quote that is not closed, and for a line of @a stream with a NUL byte.
  */

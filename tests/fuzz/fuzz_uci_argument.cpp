@@ -1,11 +1,13 @@
 #include <uci.h>
 
 #include <stdlib.h>
+#include <string.h>
 
 #include <string>
 
-// The input is a stream from which words are read until its end: first from its lines, then from the rest of each.
-// For any input, each call consumes something and returns a word within its memory.
+// The input is a stream from which words are read until its end: the first of each line, the others from a copy of
+// the rest, and then from the rest itself, as callers do. For any input, each call consumes something and returns
+// a word within its memory.
 
 namespace {
 
@@ -15,17 +17,20 @@ void require(bool holds)
         abort();
 }
 
-/** Reads the remaining words of a line, in a copy of its own. */
-void readRest(uci_context* context, std::string line)
+/** Reads the words that remain of a text. Where the context keeps the text, a word may continue in the stream. */
+void readRest(uci_context* context, FILE* stream, char* position)
 {
-    char* position = &line[0];
     while (*position) {
         char* const before = position;
+        const size_t left = strlen(before);
+        const long consumed = stream ? ftell(stream) : 0;
         char* word = nullptr;
-        if (uci_parse_argument(context, nullptr, &position, &word) != UCI_OK)
+        if (uci_parse_argument(context, stream, &position, &word) != UCI_OK)
             return;
-        require(position > before && position <= &line[0] + line.size());
-        require(std::string(word).size() <= size_t(position - before));
+        if (stream && ftell(stream) > consumed)
+            continue;
+        require(position > before && position <= before + left);
+        require(strlen(word) <= size_t(position - before));
     }
 }
 
@@ -34,6 +39,7 @@ void readRest(uci_context* context, std::string line)
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
 {
     static uci_context* const context = uci_alloc_context();
+    static uci_context* const other = uci_alloc_context();
     // A memory stream cannot be empty; a newline has no words either.
     std::string text = size ? std::string(reinterpret_cast<const char*>(data), size) : std::string("\n");
     FILE* stream = fmemopen(&text[0], text.size(), "r");
@@ -47,8 +53,11 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size)
         if (result == UCI_OK && !word)
             break;
         require(ftell(stream) > before);
-        if (result == UCI_OK)
-            readRest(context, position);
+        if (result != UCI_OK)
+            continue;
+        std::string copy(position);
+        readRest(other, nullptr, &copy[0]);
+        readRest(context, stream, position);
     }
     fclose(stream);
     return 0;

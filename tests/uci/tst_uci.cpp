@@ -459,8 +459,6 @@ private slots:
         char* word = nullptr;
         QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
         QCOMPARE(QByteArray(word), QByteArray("a\nb"));
-        QByteArray rest(position);
-        position = rest.data();
         QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
         QCOMPARE(QByteArray(word), QByteArray("two"));
         position = nullptr;
@@ -468,6 +466,50 @@ private slots:
         QCOMPARE(QByteArray(word), QByteArray("three\nlines\nlong"));
         QCOMPARE(QByteArray(position), QByteArray("four\n"));
         std::fclose(stream);
+    }
+
+    /** In memory checkers, copying the rest of the line onto itself is an error. */
+    void theRestOfALineIsReadWhereItIs_data()
+    {
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QList<QByteArray>>("words");
+        QList<QByteArray> numbers;
+        QByteArray line;
+        for (int i = 0; i < 1000; ++i) {
+            numbers << QByteArray::number(i);
+            line += "  " + numbers.last();
+        }
+        wordsRow("many words", line + '\n', numbers);
+        wordsRow(
+            "quotes and escapes", "one 'two words' \"thr\\\"ee\" fo'u'r\n",
+            QList<QByteArray>() << "one"
+                                << "two words"
+                                << "thr\"ee"
+                                << "four");
+        wordsRow(
+            "a word that continues on the next line", "one 'two\n" + QByteArray(1000, 'x') + "' three\n",
+            QList<QByteArray>() << "one"
+                                << "two\n" + QByteArray(1000, 'x') << "three");
+        wordsRow(
+            "a comment, which is an empty word", "one # two\n",
+            QList<QByteArray>() << "one"
+                                << "");
+    }
+
+    void theRestOfALineIsReadWhereItIs()
+    {
+        QFETCH(QByteArray, input);
+        QFETCH(QList<QByteArray>, words);
+        FILE* stream = fmemopen(input.data(), size_t(input.size()), "r");
+        char* position = nullptr;
+        char* word = nullptr;
+        QList<QByteArray> found;
+        do {
+            QCOMPARE(uci_parse_argument(m_context.data(), stream, &position, &word), int(UCI_OK));
+            found << word;
+        } while (*position);
+        std::fclose(stream);
+        QCOMPARE(found, words);
     }
 
     void aWordCanContinueInTheStream()
