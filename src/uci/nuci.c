@@ -15,6 +15,7 @@ struct options
     bool names;            /* show unnamed sections by their generated names, not as @type[index] */
     const char* separator; /* between the items of a list; null quotes each item instead */
     bool merge;            /* import adds to the package */
+    bool keep_staged;      /* commit writes nothing: what is staged is state, not configuration */
     const char* input;     /* file to import from */
 };
 
@@ -59,7 +60,7 @@ static void print_usage(FILE* stream)
         "    -n         export the generated names of unnamed sections\n"
         "    -N         do not export the generated names of unnamed sections (default)\n"
         "    -p <path>  read staged changes from this directory as well\n"
-        "    -P <path>  read staged changes from this directory as well, and stage changes there\n"
+        "    -P <path>  read staged changes from this directory as well, stage changes there, and commit nothing\n"
         "    -t <path>  stage changes in this directory\n"
         "    -q         print no error messages\n"
         "    -s         strict reading (default)\n"
@@ -400,6 +401,8 @@ static int run_commit(struct uci_context* ctx, const struct options* options, in
         return EXIT_FAILED;
     if (ptr.target != UCI_TYPE_PACKAGE)
         return report_code(ctx, options, UCI_ERR_INVAL);
+    if (options->keep_staged)
+        return 0;
     return uci_commit(ctx, &ptr.p, false) == UCI_OK ? 0 : report(ctx, options);
 }
 
@@ -610,6 +613,9 @@ static bool set_up(struct uci_context* ctx, struct options* options, int argc, c
                 result = UCI_ERR_MEM;
             break;
         case 'P':
+            options->keep_staged = true;
+            result = uci_set_savedir(ctx, optarg);
+            break;
         case 't':
             result = uci_set_savedir(ctx, optarg);
             break;

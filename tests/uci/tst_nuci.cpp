@@ -272,6 +272,32 @@ private slots:
         QCOMPARE(read("save/network"), QByteArray("(missing)"));
     }
 
+    void stateInADirectoryOfItsOwnIsNotCommitted_data()
+    {
+        QTest::addColumn<QStringList>("command");
+        QTest::newRow("a package") << words("commit network");
+        QTest::newRow("all packages") << words("commit");
+    }
+
+    void stateInADirectoryOfItsOwnIsNotCommitted()
+    {
+        QFETCH(QStringList, command);
+        m_directory->writeFile(QLatin1String("state/network"), "network.lan.up='1'\n");
+        m_directory->writeFile(QLatin1String("save/network"), "network.lan.a='1'\n");
+        const QStringList state = QStringList()
+                                  << QLatin1String("-P") << m_directory->filePath(QLatin1String("state"));
+        const QStringList save = QStringList()
+                                 << QLatin1String("-t") << m_directory->filePath(QLatin1String("save"));
+        QCOMPARE(run(state + command), 0);
+        QCOMPARE(run(state + save + command), 0);
+        QCOMPARE(m_output + m_errors, QByteArray());
+        QCOMPARE(read("config/network"), QByteArray(network));
+        QCOMPARE(read("state/network"), QByteArray("network.lan.up='1'\n"));
+        QCOMPARE(read("save/network"), QByteArray("network.lan.a='1'\n"));
+        QCOMPARE(run(state + words("commit none")), 1);
+        QCOMPARE(m_errors, QByteArray("nuci: Entry not found\n"));
+    }
+
     void malformedPackageDoesNotHideTheOthers()
     {
         m_directory->writeFile(QLatin1String("config/bad"), "rubbish\n");
