@@ -7,13 +7,14 @@
 
 namespace {
 
-// strerror_r() returns the text or a status, depending on the C library and its settings.
-inline const char* errorMessage(const char* text, const char*)
+// strerror_r() returns the text or a status, depending on the C library and its settings; so one of these is
+// unused.
+Q_DECL_UNUSED const char* errorMessage(const char* text, const char*)
 {
     return text;
 }
 
-inline const char* errorMessage(int status, const char* buffer)
+Q_DECL_UNUSED const char* errorMessage(int status, const char* buffer)
 {
     return status == 0 ? buffer : "Unknown error";
 }
