@@ -16,11 +16,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <limits>
 #include <utility>
 
 namespace {
 
-const int Backlog = 128;
+// As many as the system allows (listen(2)). Web servers take the error of a full queue on a Unix socket, EAGAIN,
+// for a connection that is being made, and fail the request.
+const int Backlog = std::numeric_limits<int>::max();
 
 NFileDescriptor newSocket(int family)
 {

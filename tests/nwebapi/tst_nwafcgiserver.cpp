@@ -1,6 +1,7 @@
 #include "nfcgiclient.h"
 #include "nfcgitestservice.h"
 
+#include <nsystem/nfiledescriptor_p.h>
 #include <nwebapi/nwafcgiserver.h>
 #include <support/nallocatedbytes.h>
 #include <support/ntemporarydirectory.h>
@@ -15,6 +16,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <vector>
 
 Q_DECLARE_METATYPE(NFcgiClient::Params)
 
@@ -96,6 +99,7 @@ private slots:
     void socketInUseIsNotReplaced();
     void otherFileIsNotReplaced();
     void longestPathIsListenedOn();
+    void burstOfConnectionsIsQueued();
     void invalidPathIsRefused_data();
     void invalidPathIsRefused();
     void listensOnATcpPort_data();
@@ -369,6 +373,27 @@ void tst_NwaFcgiServer::longestPathIsListenedOn()
     NFcgiClient client;
     QVERIFY(client.connectToPath(path(name.constData())));
     QVERIFY(isServed(client));
+}
+
+// The event loop does not run, so none of the connections is accepted. A web server connects without blocking.
+void tst_NwaFcgiServer::burstOfConnectionsIsQueued()
+{
+    QFile setting(QString::fromLatin1("/proc/sys/net/core/somaxconn"));
+    QVERIFY(setting.open(QIODevice::ReadOnly));
+    const int count = qMin(600, setting.readAll().trimmed().toInt());
+    QVERIFY(count > 128);
+    struct sockaddr_un address;
+    memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    qstrncpy(address.sun_path, QFile::encodeName(socketPath()).constData(), sizeof(address.sun_path));
+    std::vector<NFileDescriptor> clients;
+    for (int index = 0; index < count; ++index) {
+        clients.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        QVERIFY(
+            ::connect(
+                clients.back().number(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) ==
+            0);
+    }
 }
 
 void tst_NwaFcgiServer::invalidPathIsRefused_data()
