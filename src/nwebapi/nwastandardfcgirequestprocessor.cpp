@@ -58,6 +58,13 @@ bool hasForeignOrigin(const NwaFcgiRequest* request)
     return originHost.isEmpty() || originHost != ownHost;
 }
 
+// A browser also says how the page that sent @a request is related to this host (W3C Fetch Metadata), where it
+// sends no origin too. Clients that are no browsers do not.
+bool isCrossSite(const NwaFcgiRequest* request)
+{
+    return request->variable("HTTP_SEC_FETCH_SITE") == "cross-site";
+}
+
 QByteArray allowedMethods(NwaStandardFcgiRequestProcessor::Methods methods)
 {
     QList<QByteArray> names;
@@ -110,7 +117,7 @@ NwaStandardFcgiRequestProcessor::~NwaStandardFcgiRequestProcessor() {}
 void NwaStandardFcgiRequestProcessor::processRequest(NwaFcgiRequest* request)
 {
     const QString method = request->method();
-    if (changesSomething(method) && hasForeignOrigin(request))
+    if (changesSomething(method) && (hasForeignOrigin(request) || isCrossSite(request)))
         return refuseRequest(request, NwaFcgiRequest::Forbidden);
 
     if (method == QLatin1String("GET"))

@@ -29,8 +29,9 @@ class NwaWebSession;
  *
  * A long reply, or one whose parts become available later, is sent with NwaStreamedReply.
  *
- * A request that changes something (any method but GET, HEAD and OPTIONS) and whose "Origin" is not the host that
- * it was sent to is refused with 403: a page of another site sent it with the user's cookie.
+ * A request that changes something (any method but GET, HEAD and OPTIONS) is refused with 403 when its "Origin" is
+ * not the host that it was sent to (RFC 6454), or its "Sec-Fetch-Site" is "cross-site" (W3C Fetch Metadata):
+ * a page of another site sent it with the user's cookie.
  */
 class NWEBAPI_EXPORT NwaStandardFcgiRequestProcessor : public NwaAbstractFcgiRequestProcessor
 {

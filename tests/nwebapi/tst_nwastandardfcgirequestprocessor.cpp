@@ -173,6 +173,10 @@ private slots:
     void servedMethodsAreAllowed();
     void foreignOriginMayNotChange_data();
     void foreignOriginMayNotChange();
+    void requestOfAnotherSiteMayNotChange_data();
+    void requestOfAnotherSiteMayNotChange();
+    void requestOfAnotherSiteMayRead_data();
+    void requestOfAnotherSiteMayRead();
     void foreignOriginMayRead_data();
     void foreignOriginMayRead();
     void sessionIsHandedOut();
@@ -357,6 +361,60 @@ void tst_NwaStandardFcgiRequestProcessor::foreignOriginMayNotChange()
             QByteArray(isOwn ? "Content-Type: application/json; charset=utf-8" : "Status: 403 Forbidden"));
         QCOMPARE(channel.finishCount, 1);
     }
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestOfAnotherSiteMayNotChange_data()
+{
+    QTest::addColumn<QByteArray>("site");
+    QTest::addColumn<QByteArray>("origin");
+    QTest::addColumn<bool>("accepted");
+
+    QTest::newRow("cross-site without origin") << QByteArray("cross-site") << QByteArray() << false;
+    QTest::newRow("cross-site with own origin")
+        << QByteArray("cross-site") << QByteArray("http://device") << false;
+    QTest::newRow("same site") << QByteArray("same-site") << QByteArray() << true;
+    QTest::newRow("same origin") << QByteArray("same-origin") << QByteArray("http://device") << true;
+    QTest::newRow("same-origin with foreign origin")
+        << QByteArray("same-origin") << QByteArray("http://evil") << false;
+    QTest::newRow("typed by the user") << QByteArray("none") << QByteArray() << true;
+    QTest::newRow("no browser") << QByteArray() << QByteArray() << true;
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestOfAnotherSiteMayNotChange()
+{
+    QFETCH(QByteArray, site);
+    QFETCH(QByteArray, origin);
+    QFETCH(bool, accepted);
+    const char* const methods[] = {"POST", "PUT", "DELETE", "PATCH"};
+    for (const char* method : methods) {
+        NwaFcgiRequest::Variables variables = nVariables("REQUEST_METHOD", method, "HTTP_HOST", "device");
+        if (!site.isEmpty())
+            variables.insert("HTTP_SEC_FETCH_SITE", site);
+        if (!origin.isEmpty())
+            variables.insert("HTTP_ORIGIN", origin);
+        NMemoryChannel channel;
+        NamingProcessor().processRequest(new NwaFcgiRequest(&channel, variables));
+        QCOMPARE(
+            statusOf(channel),
+            QByteArray(accepted ? "Content-Type: application/json; charset=utf-8" : "Status: 403 Forbidden"));
+    }
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestOfAnotherSiteMayRead_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::newRow("GET") << QByteArray("GET");
+    QTest::newRow("HEAD") << QByteArray("HEAD");
+    QTest::newRow("OPTIONS") << QByteArray("OPTIONS");
+}
+
+void tst_NwaStandardFcgiRequestProcessor::requestOfAnotherSiteMayRead()
+{
+    QFETCH(QByteArray, method);
+    NMemoryChannel channel;
+    NamingProcessor().processRequest(
+        new NwaFcgiRequest(&channel, nVariables("REQUEST_METHOD", method, "HTTP_SEC_FETCH_SITE", "cross-site")));
+    QCOMPARE(channel.header(), QByteArray(jsonHeader));
 }
 
 void tst_NwaStandardFcgiRequestProcessor::foreignOriginMayRead_data()
