@@ -5,7 +5,8 @@
 #   ./run-demo.sh --stop
 #
 # On a terminal it stays until Ctrl-C; otherwise, and with --background, it returns once the page is served. --stop ends
-# the demo from any shell. The port may also come from the environment variable NBASE_DEMO_PORT.
+# the demo from any shell. The port may also come from the environment variable NBASE_DEMO_PORT. There is one demo at a
+# time: with another port than that of the running one, the start fails.
 set -eu
 
 fail_usage() {
@@ -15,7 +16,7 @@ fail_usage() {
 
 cd "$(dirname "$0")"
 control=examples/device/demo-control.sh
-port=${NBASE_DEMO_PORT:-8080}
+port=${NBASE_DEMO_PORT:-}
 stay=no
 [ ! -t 1 ] || stay=yes
 
@@ -40,10 +41,15 @@ while [ $# -gt 0 ]; do
 done
 
 if address=$("$control" address); then
+    if [ -n "$port" ] && [ "$address" != "http://127.0.0.1:$port" ]; then
+        echo "The demo is already running on $address; ./run-demo.sh --stop ends it." >&2
+        exit 1
+    fi
     echo "The demo is already running; ./run-demo.sh --stop ends it."
     echo "$address"
     exit 0
 fi
+port=${port:-8080}
 "$control" check-port "$port"
 
 scripts/install-packages.sh build demo

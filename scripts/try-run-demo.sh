@@ -80,6 +80,10 @@ try_background()
     [ "$output" = "The demo is already running; ./run-demo.sh --stop ends it.
 $address" ] || fail "the second start says: $output"
 
+    ! output=$("$tree/run-demo.sh" --background --port 1 2>&1) || fail "a start with another port succeeds"
+    [ "$output" = "The demo is already running on $address; ./run-demo.sh --stop ends it." ] ||
+        fail "the start with another port says: $output"
+
     run_directory=$(control run-directory)
     output=$("$tree/run-demo.sh" --stop)
     [ "$output" = "The demo on $address has been stopped." ] || fail "the stop says: $output"

@@ -6,7 +6,8 @@
 #   demo-control.sh stop | address | wait | run-directory [--state <path>]
 #   demo-control.sh check-port <port>
 #
-# start         returns once the page is served; the open-source packages are those of the machine, or of a folder made by
+# start         returns once the page is served, on port 8080 by default; fails if the demo of this state runs on another
+#               port than the requested one. The open-source packages are those of the machine, or of a folder made by
 #               make-packages.sh
 # stop          ends all processes and removes all files of the demo
 # address       prints the URL of the running demo; fails if none is running
@@ -22,6 +23,7 @@ source_directory=$(cd "$(dirname "$0")" && pwd)
 
 device=
 port=8080
+has_port=
 state=$source_directory/../../build/demo/run
 session_timeout=
 packages=
@@ -241,6 +243,8 @@ start() {
         packages=$(cd "$packages" && pwd)
     fi
     if is_running; then
+        [ -z "$has_port" ] || [ "$(address)" = "http://127.0.0.1:$port" ] ||
+            fail "The demo is already running on $(address)."
         echo "The demo is already running."
         address
         return 0
@@ -316,7 +320,10 @@ while [ $# -gt 0 ]; do
     [ $# -ge 2 ] || fail "demo-control.sh: option \"$1\" needs a value"
     case "$1" in
         --device) device=$2 ;;
-        --port) port=$2 ;;
+        --port)
+            port=$2
+            has_port=yes
+            ;;
         --state) state=$2 ;;
         --session-timeout) session_timeout=$2 ;;
         --packages) packages=$2 ;;

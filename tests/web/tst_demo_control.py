@@ -10,7 +10,7 @@ import time
 import unittest
 import urllib.error
 
-from demo_device import SECONDS_TO_WAIT, Client, Demo, device_program
+from demo_device import SECONDS_TO_WAIT, SOURCE_DIRECTORY, Client, Demo, device_program, reserve_port
 from process_tree import adopt_orphans, is_live, started_processes
 
 
@@ -91,6 +91,18 @@ class DemoControlTest(unittest.TestCase):
         self.demo.start()
         device = self.demo.process("device")
         self.assertEqual(self.demo.start(), f"The demo is already running.\n{self.demo.address}")
+        self.assertEqual(self.demo.process("device"), device)
+
+    def test_a_second_start_with_another_port_fails(self):
+        self.demo.start()
+        device = self.demo.process("device")
+        address = self.demo.address
+        with reserve_port() as other:
+            self.demo.port = other.getsockname()[1]
+        started = run(self.demo.start_command())
+        self.assertEqual((started.returncode, started.stdout), (1, ""))
+        self.assertEqual(started.stderr, f"The demo is already running on {address}.\n")
+        self.assertEqual(self.demo.control("address"), address)
         self.assertEqual(self.demo.process("device"), device)
 
     def test_a_port_in_use_is_reported_in_one_line(self):
@@ -207,6 +219,19 @@ class DemoControlTest(unittest.TestCase):
             waiting.wait(0.2)
         self.demo.stop()
         self.assertEqual(waiting.wait(SECONDS_TO_WAIT), 0)
+
+
+class HelpTest(unittest.TestCase):
+    def test_the_scripts_for_a_first_try_explain_themselves_and_refuse_unknown_options(self):
+        for name in ("run-demo.sh", "run-tests.sh"):
+            with self.subTest(script=name):
+                script = os.path.join(SOURCE_DIRECTORY, name)
+                helped = run([script, "--help"])
+                self.assertEqual((helped.returncode, helped.stderr), (0, ""))
+                self.assertIn(f"./{name}", helped.stdout)
+                refused = run([script, "--no-such-option"])
+                self.assertEqual((refused.returncode, refused.stdout), (2, ""))
+                self.assertIn(f'{name}: unknown option "--no-such-option"', refused.stderr)
 
 
 class WebServerTest(unittest.TestCase):
