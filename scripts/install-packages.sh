@@ -11,10 +11,10 @@ set -eu
 packages_for() {
     case "$1" in
         build) echo cmake ninja-build ccache g++ pkg-config qtbase5-dev libqt5sql5-sqlite libconfig-dev ;;
-        demo) echo lighttpd tzdata util-linux mount curl ;;
+        demo) echo lighttpd tzdata util-linux bsdutils mount curl 'busybox|busybox-static' ;;
         test)
             packages_for demo
-            echo libfcgi-dev libfcgi-bin rsyslog 'busybox|busybox-static' procps sqlite3 dosfstools iputils-ping traceroute
+            echo libfcgi-dev libfcgi-bin rsyslog procps sqlite3 dosfstools iputils-ping traceroute
             echo python3 python3-selenium chromium chromium-driver fonts-dejavu-core
             ;;
         check)

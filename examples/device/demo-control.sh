@@ -12,7 +12,8 @@
 # stop          ends all processes and removes all files of the demo
 # address       prints the URL of the running demo; fails if none is running
 # wait          returns when the demo has ended
-# run-directory prints the folder with the process ids (device.pid, lighttpd.pid), the socket and the logs
+# run-directory prints the folder with the process ids (device.pid, lighttpd.pid), the socket, the configuration and the
+#               logs; log/messages is the system log of the device and its web server
 # check-port    fails with a message if the port is in use
 #
 # All files of the running demo are in one folder under /tmp; its path is short because a Unix socket's is limited to 107
@@ -137,13 +138,13 @@ undo_start() {
 
 prepare_run_directory() {
     echo "$port" >"$run/port"
-    mkdir "$run/uploads" "$run/socket"
-    : >"$run/error.log"
+    mkdir "$run/uploads" "$run/socket" "$run/log"
+    : >"$run/logger.process"
     web_user=
     if can_drop_to_web_user; then
         web_user=www-data
         chmod 711 "$run"
-        chown www-data "$run/uploads" "$run/error.log"
+        chown www-data "$run/uploads" "$run/logger.process"
         chgrp www-data "$run/socket"
         chmod 2750 "$run/socket"
     fi
@@ -187,7 +188,7 @@ prepare_packages() {
 
 start_device() {
     set -- "$device" --socket "$run/socket/device" ${session_timeout:+--session-timeout "$session_timeout"}
-    setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$packages" \
+    setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$packages" "$run/log" \
         "$run/device.process" "$@" \
         </dev/null >"$run/device.log" 2>&1 &
     launcher=$!
@@ -203,7 +204,10 @@ start_device() {
 # With sudo, the device is not the launched process; in-private-mounts.sh writes its id to a file.
 record_device() {
     await 100 device_recorded_or_ended || true
-    [ ! -s "$run/device.process" ] || record_process device "$(cat "$run/device.process")"
+    [ ! -s "$run/device.process" ] || {
+        record_process device "$(cat "$run/device.process")"
+        record_process log "$(cat "$run/log/log.process")"
+    }
 }
 
 device_recorded_or_ended() {
@@ -222,6 +226,8 @@ start_web_server() {
     fi
     await 50 test -s "$run/lighttpd.process" || fail "The web server of the demo did not start."
     record_process lighttpd "$(cat "$run/lighttpd.process")"
+    await 50 test -s "$run/logger.process" || fail "The log of the demo's web server did not start."
+    record_process logger "$(cat "$run/logger.process")"
 }
 
 # The web server serves the page, and the device program answers 401 to a request without a session.
@@ -262,7 +268,7 @@ start() {
     start_device
     start_web_server
     await 100 is_served || {
-        cat "$run/device.log" "$run/error.log" >&2
+        cat "$run/device.log" "$run/log/messages" >&2
         fail "The demo was started, but does not answer."
     }
     rm "$run/starter.pid"
@@ -287,6 +293,9 @@ end_and_remove() {
         [ -z "$launcher" ] || [ -e "$run/device.pid" ] || record_device
         end_process lighttpd || fail "The web server of the demo cannot be ended; it belongs to another user."
         end_process device || fail "The demo device cannot be ended; it belongs to another user."
+        # These end with the two by themselves.
+        await 50 has_ended logger || true
+        await 50 has_ended log || true
         rm -rf "$run"
     fi
     rm -f -- "$state"

@@ -1,10 +1,14 @@
 #!/bin/sh
-# Runs a program with other folders at /usr/share/zoneinfo and /usr/share/free_packages, in a private mount namespace
-# (mount_namespaces(7)): the mounts are not visible outside and end with the program.
+# Runs a program with other folders at /usr/share/zoneinfo, /usr/share/free_packages and /var/log, and with a system log of
+# its own, in a private mount namespace (mount_namespaces(7)): the mounts are not visible outside and end with the program.
 #
-#   in-private-mounts.sh <zoneinfo folder> <packages folder> <process id file> <program> [<argument>...]
+#   in-private-mounts.sh <zoneinfo folder> <packages folder> <log folder> <process id file> <program> [<argument>...]
 #
 # The process id file gets the program's id. The program runs as the calling user; in a user namespace it is root.
+#
+# BusyBox's syslogd receives the system log at /dev/log and, from programs outside, at "socket" in the log folder. It is
+# written to "messages" there, older lines to "messages.0", 400 KiB together at most. It ends with the program. The process
+# that ends last has its id in "log.process" there, which is written before the process id file.
 set -eu
 
 # Whether the kernel allows the namespace that this command creates.
@@ -21,17 +25,49 @@ make_private_root() {
     mount --make-rprivate "$root"
 }
 
-# provide_in_share <name>: provides a mount point /usr/share/<name> without creating it on the machine: a folder in memory
-# with links to all entries is mounted over /usr/share.
-provide_in_share() {
-    [ ! -d "$root/usr/share/$1" ] || return 0
-    view=$(mktemp -d "$root/tmp/nbase-share.XXXXXX")
+# lay_links_over <folder> <name>: mounts a folder in memory over the folder, with links to all of its entries except this
+# name, which can then be created without changing the folder.
+lay_links_over() {
+    view=$(mktemp -d "$root/tmp/nbase-view.XXXXXX")
     mount -t tmpfs -o mode=755 tmpfs "$view"
-    mkdir "$view/.system" "$view/$1"
-    mount --rbind "$root/usr/share" "$view/.system"
-    find "$view/.system" -mindepth 1 -maxdepth 1 -printf '.system/%f\0' | xargs -0 ln -s -t "$view" --
-    mount --no-mtab --move "$view" "$root/usr/share"
+    mkdir "$view/.system"
+    mount --rbind "$root$1" "$view/.system"
+    find "$view/.system" -mindepth 1 -maxdepth 1 ! -name "$2" -printf '.system/%f\0' | xargs -0 -r ln -s -t "$view" --
+    mount --no-mtab --move "$view" "$root$1"
     rmdir "$view"
+}
+
+# mount_packages <folder>: a machine that is no device has no folder to mount at.
+mount_packages() {
+    if [ ! -d "$root/usr/share/free_packages" ]; then
+        lay_links_over /usr/share free_packages
+        mkdir "$root/usr/share/free_packages"
+    fi
+    mount --bind "$1" "$root/usr/share/free_packages"
+}
+
+# start_log <folder>: syslogd follows the link at /dev/log, and writes its process id to a file in /run. Without -t the lines
+# have the times of the programs that send them, whose time zones may differ.
+start_log() {
+    mount --bind "$1" "$root/var/log"
+    lay_links_over /dev log
+    lay_links_over /run syslogd.pid
+    ln -s "$1/socket" "$root/dev/log"
+    as_owner setpriv --pdeathsig TERM busybox syslogd -n -t -O - |
+        as_owner "$directory/bounded-log.sh" "$1/messages" 204800 &
+    echo $! >"$1/log.process"
+    log_tries=250
+    until [ -S "$1/socket" ] || [ "$log_tries" -eq 0 ]; do
+        log_tries=$((log_tries - 1))
+        sleep 0.02
+    done
+}
+
+# as_owner <program> [<argument>...]: replaces this process.
+as_owner() {
+    [ "$owner" = same ] || set -- setpriv --reuid="${owner%:*}" --regid="${owner#*:}" --init-groups "$@"
+    [ -z "$root" ] || set -- chroot "$root" "$@"
+    exec "$@"
 }
 
 # run_inside <"whole", or "chroot" for a chroot as above> <user:group to become, or "same"> <zoneinfo folder> ...
@@ -41,24 +77,24 @@ run_inside() {
     owner=$2
     zoneinfo=$3
     packages=$4
-    process_file=$5
-    shift 5
+    log=$5
+    process_file=$6
+    shift 6
     mount --bind "$zoneinfo" "$root/usr/share/zoneinfo"
-    provide_in_share free_packages
-    mount --bind "$packages" "$root/usr/share/free_packages"
+    mount_packages "$packages"
+    start_log "$log"
     echo $$ >"$process_file"
     cd /
-    [ "$owner" = same ] || set -- setpriv --reuid="${owner%:*}" --regid="${owner#*:}" --init-groups "$@"
-    [ -z "$root" ] || set -- chroot "$root" "$@"
-    exec "$@"
+    as_owner "$@"
 }
 
+directory=$(cd "$(dirname "$0")" && pwd)
 if [ "${1:-}" = --inside ]; then
     shift
     run_inside "$@"
 fi
 
-self=$(cd "$(dirname "$0")" && pwd)/$(basename "$0")
+self=$directory/$(basename "$0")
 user=$(id -u)
 group=$(id -g)
 

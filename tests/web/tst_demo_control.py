@@ -289,12 +289,12 @@ class WebServerTest(unittest.TestCase):
 
     def test_the_rest_of_the_path_is_the_path_information(self):
         self.assertEqual(self.status("/api/timezones/some/path?section=content&region=Nowhere"), 404)
-        log = os.path.join(self.demo.run_directory(), "error.log")
+        log = os.path.join(self.demo.run_directory(), "log", "messages")
 
         def is_logged():
-            with open(log, encoding="utf-8") as file:
+            with open(log, encoding="latin-1") as file:
                 return 'script "/api/timezones" with path info "/some/path"' in file.read()
-        wait_until(is_logged, "the device's message in the web server's log")
+        wait_until(is_logged, "the device's message in the system log")
 
     def test_a_session_is_needed_and_its_cookie_is_kept_from_scripts(self):
         stranger = Client(self.demo.address)
