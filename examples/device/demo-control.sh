@@ -150,6 +150,13 @@ prepare_run_directory() {
     fi
     prepare_page
     prepare_web_server
+    prepare_configuration
+}
+
+# A device that nobody has set up yet.
+prepare_configuration() {
+    mkdir "$run/configuration" "$run/staging"
+    printf "config system\n\toption hostname '%s'\n" "$(uname -n)" >"$run/configuration/system"
 }
 
 # The page is served from the source folder, unless the web server's user cannot read it there.
@@ -187,7 +194,8 @@ prepare_packages() {
 }
 
 start_device() {
-    set -- "$device" --socket "$run/socket/device" ${session_timeout:+--session-timeout "$session_timeout"}
+    set -- "$device" --socket "$run/socket/device" --configuration "$run/configuration" --staging "$run/staging" \
+        ${session_timeout:+--session-timeout "$session_timeout"}
     setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$packages" "$run/log" \
         "$run/device.process" "$@" \
         </dev/null >"$run/device.log" 2>&1 &

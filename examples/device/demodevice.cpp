@@ -1,5 +1,6 @@
 #include "demodevice.h"
 
+#include "devicerequestprocessor.h"
 #include "eventsrequestprocessor.h"
 #include "loginrequestprocessor.h"
 #include "logoutrequestprocessor.h"
@@ -47,12 +48,18 @@ void addExamples(Timetable* timetable)
 
 } // namespace
 
-DemoDevice::DemoDevice(int sessionTimeout)
-    : m_packages(nullptr)
+DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
+    : m_timeZone(&m_timeZones, settings.configurationDirectory, settings.stagingDirectory)
+    , m_packages(nullptr)
     , m_identifier(&m_sessions)
 {
-    m_sessions.setIdleTimeout(sessionTimeout);
+    m_sessions.setIdleTimeout(settings.sessionTimeout);
+    // Entries start and end by local time.
+    NEventPlanner::connectCurrentDateTimeChangedSignal(&m_timeZone, SIGNAL(changed()));
     addExamples(&m_timetable);
+    m_server.registerService(
+        QString::fromLatin1("/api/device"),
+        new NwaStandardFcgiService(new DeviceRequestProcessor(&m_identifier, log, &m_timeZone), &m_services));
     m_server.registerService(
         QString::fromLatin1("/api/events"),
         new NwaStandardFcgiService(new EventsRequestProcessor(&m_identifier, &m_timetable), &m_services));

@@ -2,6 +2,7 @@
 #define DEMODEVICE_DEMODEVICE_H
 
 #include "timetable.h"
+#include "timezonesetting.h"
 
 #include <nbase/time/nbuildrootuclibctimezonedatabase.h>
 #include <nbase/web/nfreepackageslist.h>
@@ -12,14 +13,32 @@
 
 #include <QtCore/QObject>
 
-/** The demo device's services: every web service of the library and a timetable, behind one login. */
+class NSysLog;
+
+/** The settings of the demo device. */
+struct DemoDeviceSettings
+{
+    DemoDeviceSettings()
+        : sessionTimeout(NwaWebSessionManager::DefaultIdleTimeout)
+    {
+    }
+
+    int sessionTimeout;             ///< after how many seconds without a request a session ends
+    QString configurationDirectory; ///< of the configuration store; null for its default
+    QString stagingDirectory;       ///< of the configuration store; null for its default
+};
+
+/**
+ * The demo device's services: every web service of the library, a timetable and the device's own state, behind one
+ * login.
+ */
 class DemoDevice : public QObject
 {
     Q_OBJECT
 
 public:
-    /** @param sessionTimeout after how many seconds without a request a session ends. */
-    explicit DemoDevice(int sessionTimeout);
+    /** @param log must live longer. */
+    DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log);
 
     /** Serves FastCGI on the Unix socket @a path. @return whether that succeeded; errorString() gives the reason.
      */
@@ -31,6 +50,7 @@ private:
     Q_DISABLE_COPY(DemoDevice)
 
     NBuildrootUclibcTimeZoneDatabase m_timeZones;
+    TimeZoneSetting m_timeZone;
     Timetable m_timetable;
     NFreePackagesList m_packages;
     NwaWebSessionManager m_sessions;

@@ -18,13 +18,8 @@ namespace {
 
 struct Options
 {
-    Options()
-        : sessionTimeout(NwaWebSessionManager::DefaultIdleTimeout)
-    {
-    }
-
     QString socketPath;
-    int sessionTimeout;
+    DemoDeviceSettings device;
 };
 
 bool readOptions(const QStringList& arguments, Options& options)
@@ -36,10 +31,14 @@ bool readOptions(const QStringList& arguments, Options& options)
         if (name == QLatin1String("--socket"))
             options.socketPath = value;
         else if (name == QLatin1String("--session-timeout"))
-            options.sessionTimeout = value.toInt(&ok);
+            options.device.sessionTimeout = value.toInt(&ok);
+        else if (name == QLatin1String("--configuration"))
+            options.device.configurationDirectory = value;
+        else if (name == QLatin1String("--staging"))
+            options.device.stagingDirectory = value;
         else
             return false;
-        if (!ok || options.sessionTimeout < 1)
+        if (!ok || options.device.sessionTimeout < 1)
             return false;
     }
     return arguments.size() % 2 == 1 && !options.socketPath.isEmpty();
@@ -49,19 +48,24 @@ bool readOptions(const QStringList& arguments, Options& options)
 
 int main(int argc, char** argv)
 {
+    QStringList logFiles;
+    logFiles << QString::fromLatin1("/var/log/messages.0") << QString::fromLatin1("/var/log/messages");
     // syslog(3) keeps a pointer to the identity, which belongs to the NSysLog. So it is created first and
     // destroyed last: the destructors of the other objects may still send messages.
-    NSysLog log(LOG_PID, LOG_DAEMON, QStringList(), nullptr);
+    NSysLog log(LOG_PID, LOG_DAEMON, logFiles, nullptr);
     QCoreApplication application(argc, argv);
     Options options;
     if (!readOptions(application.arguments(), options)) {
-        fprintf(stderr, "usage: nbase-demo-device --socket <path> [--session-timeout <seconds>]\n");
+        fprintf(
+            stderr,
+            "usage: nbase-demo-device --socket <path> [--session-timeout <seconds>] [--configuration <folder>]\n"
+            "       [--staging <folder>]\n");
         return EXIT_FAILURE;
     }
     TerminationWatcher termination(&application);
     QObject::connect(&termination, SIGNAL(terminationRequested()), &application, SLOT(quit()));
 
-    DemoDevice device(options.sessionTimeout);
+    DemoDevice device(options.device, &log);
     if (!device.listen(options.socketPath)) {
         fprintf(stderr, "nbase-demo-device: %s\n", device.errorString().toLocal8Bit().constData());
         return EXIT_FAILURE;
