@@ -1,5 +1,22 @@
 #include "timetable.h"
 
+namespace {
+
+// The latest time, up to now, at which a plan begins. A slot that a start of the device or a change of the entry
+// has made active in its middle began before that.
+QDateTime latestBeginning(const EntryPlan& plan, const QDateTime& now)
+{
+    const int daysPerWeek = 7;
+    for (int daysAgo = 0; daysAgo <= daysPerWeek; ++daysAgo) {
+        const QDateTime beginning(now.date().addDays(-daysAgo), plan.start);
+        if (beginning <= now && plan.days.contains(static_cast<Qt::DayOfWeek>(beginning.date().dayOfWeek())))
+            return beginning;
+    }
+    return now;
+}
+
+} // namespace
+
 Timetable::Timetable(QObject* parent)
     : QObject(parent)
     , m_lastNumber(0)
@@ -60,6 +77,8 @@ void Timetable::record(PlannedEntry* entry, int happening)
     Firing firing;
     firing.number = ++m_lastNumber;
     firing.time = QDateTime::currentDateTime();
+    if (happening == PlannedEntry::Started)
+        firing.time = latestBeginning(entry->plan(), firing.time);
     firing.entryId = entry->id();
     firing.title = entry->plan().title;
     firing.happening = static_cast<PlannedEntry::Happening>(happening);

@@ -23,7 +23,11 @@ public:
         MaximumFiringCount = 100 ///< the oldest are dropped
     };
 
-    /** Something that has happened; the title is that of the entry at that time. */
+    /**
+     * Something that has happened; the title is that of the entry at that time. The time of a start is when the
+     * slot began, which is earlier when it was already active at the start of the device or at a change of its
+     * entry.
+     */
     struct Firing
     {
         quint64 number;

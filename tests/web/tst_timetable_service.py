@@ -146,6 +146,17 @@ class TimetableServiceTest(ServiceTestCase):
             self.happenings(before),
             [("Pump", "started"), ("Pump", "ended"), ("Pump 2", "started"), ("Pump 2", "ended")])
 
+    def test_a_slot_that_is_active_already_started_when_it_began(self):
+        local = datetime.datetime.fromisoformat(self.timetable()["time"])
+        for title, hours, days in (("hours ago", 3, ALL_DAYS), ("yesterday", 23, ALL_DAYS),
+                                   ("on one day", 2, [(local - datetime.timedelta(hours=2)).isoweekday()])):
+            with self.subTest(title=title):
+                began = (local - datetime.timedelta(hours=hours)).replace(second=0)
+                end = local + datetime.timedelta(minutes=30)
+                self.add({"title": title, "kind": "slot", "days": days, "start": f"{began:%H:%M}", "end": f"{end:%H:%M}"})
+                firing = [each for each in self.timetable()["firings"] if each["title"] == title][-1]
+                self.assertEqual((firing["happening"], firing["time"]), ("started", began.isoformat()))
+
     def test_a_page_gets_only_what_is_new(self):
         number = self.timetable()["number"]
         self.assertNotIn("entries", self.timetable(f"?since={number}"))
