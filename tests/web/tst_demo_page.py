@@ -21,7 +21,7 @@ class PageTest(PageTestCase):
         super().setUpClass()
         cls.zones = Client(cls.demo.address).zones()
 
-    def open_time_zones(self, address=""):
+    def open_time_zones(self, address="#time-zones"):
         self.browser.open(self.demo.address + "/" + address)
         self.browser.log_in()
         self.browser.until_shown(".time-zones")
@@ -41,7 +41,7 @@ class PageTest(PageTestCase):
 
     def test_wrong_password_is_reported_and_the_form_stays(self):
         browser = self.browser
-        browser.open(self.demo.address)
+        browser.open(self.demo.address + "/#time-zones")
         browser.log_in(password="wrong")
         browser.until_text(".login [role=alert]", "The user name or the password is wrong.")
         self.assertFalse(browser.shows(".time-zones"))
@@ -52,7 +52,7 @@ class PageTest(PageTestCase):
 
     def test_a_first_visit_asks_for_the_login_without_an_error_message(self):
         browser = self.browser
-        browser.open(self.demo.address)
+        browser.open(self.demo.address + "/#time-zones")
         browser.until_shown("form.login")
         self.assertFalse(browser.shows(".login [role=alert]"))
         self.assertFalse(browser.shows("#logout"))
@@ -279,7 +279,7 @@ class ExpiringSessionTest(PageTestCase):
 
     def test_an_expired_session_leads_back_to_the_login_with_a_message(self):
         browser = self.browser
-        browser.open(self.demo.address)
+        browser.open(self.demo.address + "/#time-zones")
         browser.log_in()
         browser.until_shown(".time-zones")
         browser.until_text(".login [role=alert]", "Your session has ended. Please sign in again.")
@@ -289,7 +289,7 @@ class DeadDeviceTest(PageTestCase):
     def setUp(self):
         super().setUp()
         self.browser.set_faster_timers(5)
-        self.browser.open(self.demo.address)
+        self.browser.open(self.demo.address + "/#time-zones")
 
     def test_a_device_program_that_has_ended_is_reported_and_so_is_its_return(self):
         browser = self.browser

@@ -36,6 +36,10 @@ class PackagesPageTest(PageTestCase):
         self.browser.until_shown(".packages")
 
     def shown_names(self):
+        # Rows are added while the page is scrolled.
+        self.browser.until(lambda: self.browser.run("""
+            scrollTo(0, document.documentElement.scrollHeight);
+            return document.querySelector("[data-action=more]").hidden"""), "the last rows")
         return self.browser.run("""
             return Array.from(document.querySelectorAll(".packages tbody tr:not([hidden]) .package-name"),
                               (button) => button.textContent)""")
@@ -135,7 +139,7 @@ class PackagesPageTest(PageTestCase):
               const packages = Object.fromEntries(sites.map((sourceSite, index) => [`p${index}`,
                 { version: "1", licenses: ["<b>MIT</b>"], licenseFiles: {}, sourceSite, sourceArchive: "<i>" }]));
               const client = { async *members() { yield* Object.entries(packages); } };
-              const view = await packagesView.open(container, client, { tell() {} });
+              const view = await packagesView.open(container, client, { report() {} });
               done(sites.map((site, index) => {
                 view.show(`p${index}`);
                 return container.querySelector(".package-details a")?.getAttribute("href") ?? null;
@@ -166,7 +170,7 @@ class PackagesPageTest(PageTestCase):
               const packages = Object.fromEntries(Array.from({ length: 5000 }, (_, index) => [`package-${index}`,
                 { version: "1", licenses: ["MIT"], licenseFiles: {}, sourceSite: "", sourceArchive: "" }]));
               const client = { async *members() { yield* Object.entries(packages); } };
-              await packagesView.open(container, client, { tell() {} });
+              await packagesView.open(container, client, { report() {} });
               const input = container.querySelector("#package-search");
               input.value = "499";
               input.dispatchEvent(new Event("input"));
@@ -272,7 +276,7 @@ class ManyPackagesTest(PageTestCase):
         return cls.make_own_demo(packages=cls.packages.folder.name)
 
     def open(self):
-        self.browser.open(self.demo.address)
+        self.browser.open(self.demo.address + "/#time-zones")
         self.browser.log_in()
         self.browser.until_shown(".time-zones")
 

@@ -1,12 +1,12 @@
-// Asks the device from time to time whether it is there and still knows the session, so that a page that is looked at
-// tells the truth without a click.
+// Asks the device from time to time whether it answers and still knows the session, so that the page is up to date without
+// a click.
 
 const SHORTEST_MILLISECONDS = 5000;
 
 /**
  * While the page is used or the device cannot be reached, the question comes every few seconds. Each question also keeps
- * the session alive; so that a session that is left alone ends all the same, the questions of a page that nobody touches
- * become rarer, each time by twice. A touch, or coming back to the page, asks at once.
+ * the session alive; so that a session that is not used expires, the interval doubles with each question while the page is
+ * not touched. A touch, or coming back to the page, asks at once.
  */
 export class ConnectionWatch {
   #client;
@@ -39,13 +39,13 @@ export class ConnectionWatch {
     this.#timer = null;
   }
 
-  /** Asks now. What comes of it is told by the events of the client. */
+  /** Asks now. The client reports the result by its events. */
   async ask() {
     this.#lastQuestion = Date.now();
     try {
       await this.#client.get(this.#path);
     } catch {
-      // The client has told everybody.
+      // The client has reported it.
     }
   }
 

@@ -1,6 +1,20 @@
 // The form for an entry of the timetable: to add a new one, or to change one that there is.
 
 import { showField, showPart } from "./dom.js";
+import { FormMessage } from "./form-messages.js";
+
+// How the device's refusals begin, with the fields that they are about.
+const REFUSED_FIELDS = { "The title": "title", "The days": "day", "The time": "start", "The start": "start",
+  "The end": "end" };
+
+/**
+ * The time of the day that was typed, as "06:30", or an empty text. The fields are text fields, since those of
+ * the type "time" show 12 hours in some languages. A separator may be missing: "630" is meant as "6:30".
+ */
+function timeOf(text) {
+  const [, hour, minute] = text.trim().match(/^(\d{1,2})[:.h ]?(\d{2})$/) ?? [];
+  return hour !== undefined && Number(hour) < 24 && Number(minute) < 60 ? `${hour.padStart(2, "0")}:${minute}` : "";
+}
 
 /**
  * Emits "save" ({id, entry} as detail; id is null for a new entry), "remove" and "cancel" (the id as detail).
@@ -15,9 +29,15 @@ export class EntryForm extends EventTarget {
   constructor(form) {
     super();
     this.#form = form;
-    this.#message = form.querySelector(".message");
+    this.#message = new FormMessage(form, form.querySelector(".message"));
     form.addEventListener("submit", (event) => this.#submitted(event));
     form.addEventListener("input", () => this.#showKind());
+    for (const field of [form.elements.start, form.elements.end]) {
+      field.addEventListener("change", () => {
+        field.value = timeOf(field.value) || field.value;
+        this.#showKind();
+      });
+    }
     form.addEventListener("keydown", (event) => {
       if (event.key === "Escape" && this.#editedId !== null)
         this.#cancel();
@@ -70,7 +90,7 @@ export class EntryForm extends EventTarget {
     try {
       await action();
     } catch (error) {
-      this.#tell(error.kind === "unreachable" ? "" : error.message);
+      this.#showRefusal(error);
     } finally {
       this.#isBusy = false;
     }
@@ -81,7 +101,7 @@ export class EntryForm extends EventTarget {
     showField(this.#form, "heading", id === null ? "Add an entry" : "Change the entry");
     showField(this.#form, "submit", id === null ? "Add" : "Save");
     showPart(this.#form, "editing", id !== null);
-    this.#tell("");
+    this.#message.show("");
     this.#showKind();
   }
 
@@ -90,9 +110,10 @@ export class EntryForm extends EventTarget {
     const isSlot = kind.value === "slot";
     showPart(this.#form, "end", isSlot);
     showField(this.#form, "start-label", isSlot ? "From" : "At");
+    const [from, to] = [timeOf(start.value), timeOf(end.value)];
     let hint = "";
-    if (isSlot && start.value !== "" && end.value !== "" && end.value <= start.value)
-      hint = end.value === start.value ? "Lasts 24 hours." : "Ends on the next day.";
+    if (isSlot && from !== "" && to !== "" && to <= from)
+      hint = to === from ? "Lasts 24 hours." : "Ends on the next day.";
     showField(this.#form, "hint", hint);
   }
 
@@ -101,32 +122,38 @@ export class EntryForm extends EventTarget {
     if (this.#isBusy)
       return;
     const fault = this.#fault();
-    this.#tell(fault ? fault.text : "");
+    this.#message.show(fault ? fault.text : "", fault?.fields);
     if (fault)
-      fault.field.focus();
+      fault.fields[0].focus();
     else
       this.#emit("save", { id: this.#editedId, entry: this.#entry() });
   }
 
   #fault() {
     const { title, kind, day, start, end } = this.#form.elements;
+    const isSlot = kind.value === "slot";
     if (title.value.trim() === "")
-      return { field: title, text: "Give the entry a title." };
+      return { fields: [title], text: "Give the entry a title." };
     if (![...day].some((box) => box.checked))
-      return { field: day[0], text: "Choose at least one day." };
-    if (start.value === "")
-      return { field: start, text: kind.value === "slot" ? "Say when it starts." : "Say when it happens." };
-    if (kind.value === "slot" && end.value === "")
-      return { field: end, text: "Say when it ends." };
-    return null;
+      return { fields: [...day], text: "Choose at least one day." };
+    return timeFault(start, isSlot ? "Say when it starts." : "Say when it happens.")
+      ?? (isSlot ? timeFault(end, "Say when it ends.") : null);
+  }
+
+  #showRefusal(error) {
+    const beginning = Object.keys(REFUSED_FIELDS).find((words) => error.message.startsWith(words));
+    const fields = error.kind === "refused" && beginning ? [this.#form.elements[REFUSED_FIELDS[beginning]]].flatMap(
+      (field) => (field instanceof RadioNodeList ? [...field] : field)) : [];
+    this.#message.show(error.kind === "unreachable" ? "" : error.message, fields);
+    fields[0]?.focus();
   }
 
   #entry() {
     const { title, kind, day, start, end } = this.#form.elements;
     const days = [...day].filter((box) => box.checked).map((box) => Number(box.value));
     const common = { title: title.value.trim(), kind: kind.value, days };
-    return kind.value === "event"
-      ? { ...common, time: start.value } : { ...common, start: start.value, end: end.value };
+    return kind.value === "event" ? { ...common, time: timeOf(start.value) }
+      : { ...common, start: timeOf(start.value), end: timeOf(end.value) };
   }
 
   #cancel() {
@@ -135,12 +162,14 @@ export class EntryForm extends EventTarget {
     this.#emit("cancel", id);
   }
 
-  #tell(text) {
-    this.#message.textContent = text;
-    this.#message.hidden = text === "";
-  }
-
   #emit(name, detail) {
     this.dispatchEvent(new CustomEvent(name, { detail }));
   }
+}
+
+function timeFault(field, missing) {
+  if (field.value.trim() === "")
+    return { fields: [field], text: missing };
+  return timeOf(field.value) ? null
+    : { fields: [field], text: "A time has hours and minutes, from 00:00 to 23:59, for example 06:30." };
 }

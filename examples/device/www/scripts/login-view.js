@@ -1,22 +1,18 @@
 import { fromTemplate } from "./dom.js";
+import { FormMessage } from "./form-messages.js";
 
 /**
  * The login form.
  * @param {HTMLElement} container what it is shown in
  * @param {DeviceClient} client
- * @param {string} message why somebody has to sign in (again), or empty
+ * @param {string} message why the login is needed (again), or empty
  * @param {() => void} onLogin called when there is a session
  */
 export function showLogin(container, client, message, onLogin) {
   container.replaceChildren(fromTemplate("login-template"));
   const form = container.querySelector("form");
-  const output = form.querySelector(".message");
+  const output = new FormMessage(form, form.querySelector(".message"));
   const button = form.querySelector("button");
-
-  function tell(text) {
-    output.textContent = text;
-    output.hidden = text === "";
-  }
 
   async function login() {
     const { user, password } = form.elements;
@@ -25,23 +21,26 @@ export function showLogin(container, client, message, onLogin) {
         onLogin();
         return;
       }
-      tell("The user name or the password is wrong.");
+      output.show("The user name or the password is wrong.", [user, password]);
       password.value = "";
       user.focus();
     } catch (error) {
-      tell(error.kind === "unreachable" ? "" : error.message);
+      output.show(error.kind === "unreachable" ? "" : error.message);
     }
   }
 
   form.addEventListener("submit", async (event) => {
     event.preventDefault();
-    if (button.disabled)
+    if (button.getAttribute("aria-disabled") === "true")
       return;
-    button.disabled = true;
+    // A button that is disabled would lose the focus. After wrong passwords the device takes seconds to answer.
+    button.setAttribute("aria-disabled", "true");
+    button.textContent = "Signing in …";
     await login();
-    button.disabled = false;
+    button.textContent = "Sign in";
+    button.removeAttribute("aria-disabled");
   });
 
-  tell(message);
+  output.show(message);
   form.elements.user.focus();
 }

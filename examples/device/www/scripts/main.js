@@ -11,11 +11,13 @@ import { timetableView } from "./timetable-view.js";
 /**
  * The views, in the order of the navigation. A view has
  * - name: what its address begins with; title: what the navigation calls it;
- * - open(container, client, loading): fills the container; the result has the operations show(subject), which shows what
- *   the address names behind the view's name, focus(), and close(). What takes long calls loading.tell(text) to say how
- *   far it is, and ends when the AbortSignal loading.stop does.
+ * - open(container, client, loading): fills the container, with a heading (h1) that can take the focus; the result has
+ *   the operations show(subject), which shows what the address names behind the view's name, and close(). A long
+ *   opening reports its progress with loading.report(text), and ends when the AbortSignal loading.stop does.
  */
 const VIEWS = [timeZonesView, timetableView, packagesView];
+
+const DEVICE_TITLE = document.title;
 
 const SIGNED_IN_KEY = "nbase-demo-signed-in";
 
@@ -34,7 +36,7 @@ let openings = 0;
 let isOpening = false;
 let stopLoading = new AbortController();
 
-// Remembered beyond a reload, to tell an ended session from none. Browsers may forbid it.
+// Kept over a reload, to distinguish an ended session from none. Browsers may forbid it.
 const signedIn = {
   get value() {
     try {
@@ -55,7 +57,7 @@ const signedIn = {
   },
 };
 
-/** The view that the address names and the rest of the address; an address without a view's name is the first view's. */
+/** The view that the address names and the rest of the address. Without a view's name the address is a time zone. */
 function addressedView() {
   let address = location.hash.slice(1);
   try {
@@ -65,7 +67,9 @@ function addressedView() {
   }
   const [name, ...rest] = address.split("/");
   const view = VIEWS.find((candidate) => candidate.name === name);
-  return view ? { view, subject: rest.join("/") } : { view: VIEWS[0], subject: address };
+  if (view)
+    return { view, subject: rest.join("/") };
+  return address === "" ? { view: VIEWS[0], subject: "" } : { view: timeZonesView, subject: address };
 }
 
 function showFrame(isSignedIn) {
@@ -88,6 +92,13 @@ function closeView() {
   content.replaceChildren();
 }
 
+/** Names the view in the title, and puts the focus on its heading: a screen reader reads it. */
+function announce(title, { focus }) {
+  document.title = `${title} – ${DEVICE_TITLE}`;
+  if (focus)
+    content.querySelector("h1")?.focus();
+}
+
 async function showView({ focus = false } = {}) {
   const { view, subject } = addressedView();
   if (openView && openName === view.name) {
@@ -105,8 +116,8 @@ async function showView({ focus = false } = {}) {
     element("div", { class: "notice" }, element("p", { role: "status" }, "Loading …"), progress));
   try {
     const container = element("div", { class: "view" });
-    const tell = (text) => { progress.textContent = text; };
-    const opened = await view.open(container, client, { stop: stopLoading.signal, tell });
+    const report = (text) => { progress.textContent = text; };
+    const opened = await view.open(container, client, { stop: stopLoading.signal, report });
     if (opening !== openings) {
       opened.close();
       return;
@@ -117,12 +128,14 @@ async function showView({ focus = false } = {}) {
     showFrame(true);
     content.replaceChildren(container);
     openView.show(subject);
-    if (focus)
-      openView.focus();
+    announce(view.title, { focus });
     watch.start();
   } catch (error) {
-    if (opening === openings && error.kind !== "session-ended")
-      content.replaceChildren(element("p", { class: "notice" }, `${view.title} cannot be shown. ${error.message}`));
+    if (opening !== openings || error.kind === "session-ended")
+      return;
+    content.replaceChildren(element("div", { class: "notice" }, element("h1", { tabindex: "-1" }, view.title),
+      element("p", { role: "alert" }, `${view.title} cannot be shown. ${error.message}`)));
+    announce(view.title, { focus });
   } finally {
     if (opening === openings)
       isOpening = false;
@@ -137,6 +150,7 @@ function askToLogIn(message) {
   closeView();
   showFrame(false);
   showLogin(content, client, message, () => showView({ focus: true }));
+  announce("Sign in", { focus: false });
 }
 
 async function logOut() {
@@ -155,7 +169,7 @@ client.addEventListener("session-ended", () => {
   const message = signedIn.value ? "Your session has ended. Please sign in again." : "";
   signedIn.value = false;
   watch.stop();
-  // A form that somebody is filling in just now stays as it is.
+  // A form that is being filled in stays as it is.
   if (!isLoggingIn())
     askToLogIn(message);
 });
@@ -176,7 +190,7 @@ document.getElementById("banner-retry").addEventListener("click", () => watch.as
 logoutButton.addEventListener("click", logOut);
 window.addEventListener("hashchange", () => {
   if (!isLoggingIn())
-    showView();
+    showView({ focus: true });
 });
 window.addEventListener("storage", (event) => {
   if (event.key === SIGNED_IN_KEY && openView)

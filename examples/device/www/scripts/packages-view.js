@@ -1,5 +1,5 @@
-// The open-source packages of the device: a searchable table, with the source and the licence texts of the chosen one
-// below its row.
+// The open-source packages of the device: a searchable and sortable table, with the source and the licence texts of the
+// chosen one below its row. A firmware may have thousands of packages, so rows are made as the table is scrolled.
 
 import { element, fromTemplate } from "./dom.js";
 import { PackageList } from "./packages.js";
@@ -9,14 +9,15 @@ export const packagesView = {
   name: "packages",
   title: "Packages",
 
-  async open(container, client, { stop, tell }) {
+  async open(container, client, { stop, report }) {
     const list = new PackageList(client);
-    await list.load(stop, tell);
+    await list.load(stop, report);
     return new Packages(container, list);
   },
 };
 
 const PAGE = 10;
+const ROWS_AT_ONCE = 50;
 const LINKED_PROTOCOLS = ["http:", "https:", "ftp:"];
 
 /** The address as a link, unless opening it could do anything but go to another site. */
@@ -30,12 +31,21 @@ function linkTo(address) {
   return address;
 }
 
+const COLLATOR = new Intl.Collator("en", { numeric: true });
+
 class Packages {
   #root;
   #list;
   #input;
+  #body;
+  #more;
+  #moreSeen;
   #entries;
-  #shown = [];
+  #sortKey = "name";
+  #isDescending = false;
+  #shown = []; // what the search leaves, in order; the first ones of them have rows in the table
+  #rowCount = 0;
+  #tabStop = null;
   #chosen = null;
   #details = null;
   #texts = [];
@@ -45,24 +55,38 @@ class Packages {
     this.#list = list;
     root.replaceChildren(fromTemplate("packages-template"));
     this.#input = root.querySelector("#package-search");
-    this.#entries = list.entries.map((each, index) => this.#entryOf(each, index));
-    const body = root.querySelector("tbody");
-    body.replaceChildren(...this.#entries.map((entry) => entry.row));
-    body.addEventListener("click", (event) => this.#clicked(event));
-    body.addEventListener("keydown", (event) => this.#rowKeyPressed(event));
+    this.#body = root.querySelector("tbody");
+    this.#more = root.querySelector("[data-action=more]");
+    this.#entries = list.entries.map((each) => (
+      { ...each, row: null, button: null, words: searchText([each.name, each.version, each.licenses].join("\n")) }));
+    this.#body.addEventListener("click", (event) => this.#clicked(event));
+    this.#body.addEventListener("keydown", (event) => this.#rowKeyPressed(event));
+    this.#more.addEventListener("click", () => this.#showMoreAndFocus());
     this.#input.addEventListener("input", () => this.#filter());
     this.#input.addEventListener("keydown", (event) => this.#searchKeyPressed(event));
-    this.#filter();
+    for (const button of root.querySelectorAll("[data-sort]"))
+      button.addEventListener("click", () => this.#sortBy(button.dataset.sort));
+    // Rows are added before the end of the table comes into view.
+    this.#moreSeen = new IntersectionObserver((changes) => {
+      if (changes.some((change) => change.isIntersecting))
+        this.#showMore();
+    }, { rootMargin: "600px" });
+    this.#moreSeen.observe(this.#more);
+    this.#sort();
   }
 
   // Of all rows only one is a stop of the Tab key; the arrow keys go through the others.
-  #entryOf(each, index) {
-    const button = element("button", { type: "button", class: "package-name", tabindex: "-1", "aria-expanded": "false",
-      "data-index": index }, each.name);
-    const row = element("tr", {},
-      element("th", { scope: "row" }, button), element("td", { class: "package-version" }, each.version),
-      element("td", { class: "package-licenses" }, each.licenses || "not stated"));
-    return { ...each, row, button, words: searchText([each.name, each.version, each.licenses].join("\n")) };
+  #makeRow(entry, index) {
+    if (!entry.row) {
+      entry.button = element("button", { type: "button", class: "package-name", tabindex: "-1", "aria-expanded": "false" },
+        entry.name);
+      entry.row = element("tr", {},
+        element("th", { scope: "row" }, entry.button), element("td", { class: "package-version" }, entry.version),
+        element("td", { class: "package-licenses" }, entry.licenses || "not stated"));
+    }
+    // The row of the headings is the first one.
+    entry.row.setAttribute("aria-rowindex", index + 2);
+    return entry.row;
   }
 
   /** Shows the package of this name; another name shows none. */
@@ -70,53 +94,96 @@ class Packages {
     const entry = this.#entries.find((candidate) => candidate.name === name) ?? null;
     if (entry === this.#chosen)
       return;
-    if (entry?.row.hidden) {
-      this.#input.value = "";
-      this.#filter();
-    }
+    if (entry && !this.#shown.includes(entry))
+      this.#clear();
     this.#choose(entry);
     entry?.row.scrollIntoView({ block: "nearest" });
   }
 
-  focus() {
-    // On a phone the focus would bring up the keyboard over half of the page.
-    const hasKeyboard = window.matchMedia("(pointer: fine)").matches;
-    this.#root.querySelector(hasKeyboard ? "#package-search" : "h1").focus();
-  }
-
   close() {
+    this.#moreSeen.disconnect();
     this.#choose(null);
     this.#root.replaceChildren();
   }
 
+  #sortBy(sortKey) {
+    this.#isDescending = sortKey === this.#sortKey && !this.#isDescending;
+    this.#sortKey = sortKey;
+    this.#sort();
+  }
+
+  #sort() {
+    const key = this.#sortKey;
+    const sign = this.#isDescending ? -1 : 1;
+    this.#entries.sort((one, other) => sign * COLLATOR.compare(one[key], other[key])
+      || COLLATOR.compare(one.name, other.name));
+    for (const button of this.#root.querySelectorAll("[data-sort]")) {
+      const heading = button.closest("th");
+      if (button.dataset.sort === key)
+        heading.setAttribute("aria-sort", this.#isDescending ? "descending" : "ascending");
+      else
+        heading.removeAttribute("aria-sort");
+    }
+    this.#filter();
+  }
+
   #filter() {
     const words = searchText(this.#input.value).split(/\s+/).filter((word) => word !== "");
-    for (const entry of this.#entries)
-      entry.row.hidden = !words.every((word) => entry.words.includes(word));
-    this.#shown = this.#entries.filter((entry) => !entry.row.hidden);
-    if (this.#details)
-      this.#details.hidden = this.#chosen.row.hidden;
-    this.#setTabStop(this.#shown.includes(this.#chosen) ? this.#chosen : this.#shown[0]);
+    this.#shown = this.#entries.filter((entry) => words.every((word) => entry.words.includes(word)));
+    this.#rowCount = 0;
+    this.#body.replaceChildren();
+    this.#body.parentElement.setAttribute("aria-rowcount", this.#shown.length + 1);
+    this.#showMore();
+    this.#setTabStop(this.#chosen?.row.parentElement ? this.#chosen : this.#shown[0]);
     const total = this.#entries.length;
     const count = this.#shown.length;
-    let text = count === total ? `${total} packages` : `${count} of ${total} packages`;
+    const unit = total === 1 ? "package" : "packages";
+    let text = count === total ? `${total} ${unit}` : `${count} of ${total} ${unit}`;
     if (count === 0)
       text = total > 0 ? "No package matches." : "The device has no list of its packages.";
     this.#root.querySelector(".package-count").textContent = text;
   }
 
+  #showMore() {
+    this.#showUntil(this.#rowCount + ROWS_AT_ONCE);
+    // An observer reports changes only: when the end of the table is in view still, it has to look again.
+    this.#moreSeen.unobserve(this.#more);
+    this.#moreSeen.observe(this.#more);
+  }
+
+  /** Makes the rows of the first packages, so many of them. */
+  #showUntil(count) {
+    const first = this.#rowCount;
+    this.#rowCount = Math.max(first, Math.min(count, this.#shown.length));
+    const rows = this.#shown.slice(first, this.#rowCount).flatMap((entry, index) => {
+      const row = this.#makeRow(entry, first + index);
+      return entry === this.#chosen && this.#details ? [row, this.#details] : [row];
+    });
+    this.#body.append(...rows);
+    this.#more.hidden = this.#rowCount === this.#shown.length;
+    this.#more.textContent = `Show more (${this.#rowCount} of ${this.#shown.length} are shown)`;
+  }
+
+  // The button moves on with each row, or goes; the focus is on the first of the new rows.
+  #showMoreAndFocus() {
+    const first = this.#rowCount;
+    this.#showMore();
+    this.#focusOn(first);
+  }
+
   #setTabStop(entry) {
-    this.#root.querySelector(".package-name[tabindex='0']")?.setAttribute("tabindex", "-1");
+    this.#tabStop?.button.setAttribute("tabindex", "-1");
+    this.#tabStop = entry ?? null;
     entry?.button.setAttribute("tabindex", "0");
   }
 
   #clicked(event) {
     const row = event.target.closest("tr");
-    const entry = this.#entries.find((candidate) => candidate.row === row);
+    const entry = this.#shown.find((candidate) => candidate.row === row);
     if (!entry)
       return;
     this.#choose(entry === this.#chosen ? null : entry);
-    // Replaced, not added: with a step back somebody wants to leave, not to see each package again.
+    // Replaced, not added: a step back leaves the view, and does not go through the packages again.
     history.replaceState(null, "", `#packages${this.#chosen ? `/${encodeURIComponent(this.#chosen.name)}` : ""}`);
   }
 
@@ -163,19 +230,21 @@ class Packages {
     const entry = this.#shown[position];
     if (!entry)
       return;
+    this.#showUntil(position + 1);
     this.#setTabStop(entry);
     entry.button.focus();
   }
 
   #choose(entry) {
-    this.#chosen?.button.setAttribute("aria-expanded", "false");
-    this.#chosen?.row.classList.remove("package-chosen");
+    this.#chosen?.button?.setAttribute("aria-expanded", "false");
+    this.#chosen?.row?.classList.remove("package-chosen");
     this.#details?.remove();
     this.#details = null;
     this.#texts.forEach((text) => text.close());
     this.#chosen = entry;
     if (!entry)
       return;
+    this.#showUntil(this.#shown.indexOf(entry) + 1);
     entry.button.setAttribute("aria-expanded", "true");
     entry.row.classList.add("package-chosen");
     this.#setTabStop(entry);
@@ -194,7 +263,7 @@ function detailsOf({ sourceSite, sourceArchive }, texts) {
     element("dl", {}, ...facts), ...(texts.length > 0 ? texts.map((text) => text.element) : [none])));
 }
 
-/** A licence text that is asked for, and put into the page, only when somebody wants to read it. */
+/** A licence text that is requested, and put into the page, only when it is opened. */
 class LicenseText {
   element;
 

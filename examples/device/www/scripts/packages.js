@@ -7,7 +7,7 @@ const KEPT_CHARACTERS = 32e6; // what a usual firmware has is less
 const PROGRESS_MILLISECONDS = 500;
 
 export class PackageList {
-  /** In the order of their names: objects with name, version, licenses, files, sourceSite and sourceArchive, all texts. */
+  /** Objects with name, version, licenses, files, sourceSite and sourceArchive, all texts. */
   entries = [];
 
   #client;
@@ -18,9 +18,9 @@ export class PackageList {
   }
 
   /** Loads the list. The two arguments are those of a view's opening. */
-  async load(stop, tell) {
+  async load(stop, report) {
     let size = 0;
-    let told = performance.now();
+    let reported = performance.now();
     for await (const [name, description] of this.#client.members(PATH, stop)) {
       const { licenses, licenseFiles, ...texts } = description;
       const files = Object.keys(licenseFiles);
@@ -28,13 +28,11 @@ export class PackageList {
       size += Object.values(licenseFiles).reduce((sum, text) => sum + text.length, 0);
       if (size <= KEPT_CHARACTERS)
         this.#texts.set(name, licenseFiles);
-      if (performance.now() - told > PROGRESS_MILLISECONDS) {
-        told = performance.now();
-        tell(`${this.entries.length} packages, ${Math.round(size / 1e6)} MB of licence texts`);
+      if (performance.now() - reported > PROGRESS_MILLISECONDS) {
+        reported = performance.now();
+        report(`${this.entries.length} packages, ${Math.round(size / 1e6)} MB of licence texts`);
       }
     }
-    const byName = new Intl.Collator("en");
-    this.entries.sort((one, other) => byName.compare(one.name, other.name));
   }
 
   /** The text of a licence file; an empty one when the device does not have it. Throws a DeviceError. */

@@ -101,8 +101,8 @@ export class SearchableList extends EventTarget {
     this.#scrollTo(this.#chosen.option);
   }
 
-  // Scrolls the list alone: the page stays where it is. A step further goes on smoothly, a leap puts the option in the
-  // middle. A group's heading covers the top of the list.
+  // Scrolls the list alone: the page stays where it is. A single step scrolls as little as possible, a jump puts the option
+  // in the middle. A group's heading covers the top of the list.
   #scrollTo(option) {
     const list = this.#listbox;
     const covered = option.parentElement.firstElementChild.offsetHeight;

@@ -97,19 +97,13 @@ class TimeZones {
     this.#showZone(zone);
   }
 
-  focus() {
-    // On a phone the focus would bring up the keyboard over half of the page.
-    const hasKeyboard = window.matchMedia("(pointer: fine)").matches;
-    this.#root.querySelector(hasKeyboard ? "#zone-search" : "h1").focus();
-  }
-
   close() {
     this.#root.replaceChildren();
   }
 
   #choose(id) {
     this.show(id);
-    // Replaced, not added: with a step back somebody wants to leave, not to see each town again.
+    // Replaced, not added: a step back leaves the view, and does not go through the towns again.
     history.replaceState(null, "", `#${id}`);
   }
 

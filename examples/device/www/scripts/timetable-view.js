@@ -1,9 +1,10 @@
 // The weekly timetable of the device: the week as a picture, the entries with a form to add and change them, and what
 // happens because of them, as it happens.
 
+import { DAYS, DeviceClock, dayOf, millisecondsOf, timeText } from "./device-clock.js";
 import { element, fromTemplate, showField, showPart } from "./dom.js";
 import { EntryForm } from "./entry-form.js";
-import { DAYS, WeekPlan, tintOf } from "./week-plan.js";
+import { WeekPlan, tintOf } from "./week-plan.js";
 
 const PATH = "/api/events";
 const QUESTION_MILLISECONDS = 2000;
@@ -33,36 +34,9 @@ function timesText(entry) {
   return entry.kind === "event" ? entry.time : `${entry.start}–${entry.end}`;
 }
 
-// The device's local time, whose zone the browser need not know, is counted as if it were UTC.
-function millisecondsOf(localTime) {
-  return Date.parse(`${localTime}Z`);
-}
-
-function dayOf(date) {
-  return date.getUTCDay() || 7;
-}
-
 /** Where a time is in the week. */
 function placeOf(date) {
   return { day: dayOf(date), minute: date.getUTCHours() * 60 + date.getUTCMinutes() };
-}
-
-/** The device's clock between two answers. */
-class DeviceClock {
-  #offset = null;
-
-  set(localTime) {
-    this.#offset = millisecondsOf(localTime) - performance.now();
-  }
-
-  forget() {
-    this.#offset = null;
-  }
-
-  /** The device's local time in the UTC fields of a date, or null while nobody knows. */
-  get time() {
-    return this.#offset === null ? null : new Date(performance.now() + this.#offset);
-  }
 }
 
 class Timetable {
@@ -105,10 +79,6 @@ class Timetable {
   /** There is nothing in this view that an address names. */
   show() {}
 
-  focus() {
-    this.#root.querySelector("h1").focus();
-  }
-
   close() {
     this.#isClosed = true;
     clearTimeout(this.#questionTimer);
@@ -138,7 +108,7 @@ class Timetable {
       if (!this.#isClosed)
         this.#take(news, true);
     } catch {
-      // The client has told everybody. What the time is there, nobody knows now.
+      // The client has reported it. Until the next answer the time is not known.
       this.#clock.forget();
       this.#showTime();
     }
@@ -163,9 +133,9 @@ class Timetable {
 
   #showTime() {
     const time = this.#clock.time;
-    const text = time?.toISOString() ?? "";
-    showField(this.#root, "clock", time ? `${DAYS[dayOf(time) - 1]}, ${text.slice(11, 19)}` : "not known");
-    this.#week.showTime(time && placeOf(time), text.slice(11, 16));
+    const text = time ? timeText(time) : "";
+    showField(this.#root, "clock", time ? `${DAYS[dayOf(time) - 1]}, ${text}` : "not known");
+    this.#week.showTime(time && placeOf(time), text.slice(0, 5));
   }
 
   #showEntries() {

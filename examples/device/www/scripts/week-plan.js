@@ -1,9 +1,8 @@
 // The week as a picture: a row for each day, 24 hours wide, with a bar for each slot, a mark for each event and a line
 // for the current minute.
 
+import { DAYS } from "./device-clock.js";
 import { element } from "./dom.js";
-
-export const DAYS = ["Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday", "Sunday"];
 
 const MINUTES_OF_DAY = 24 * 60;
 const HOUR_STEP = 3;
@@ -37,7 +36,7 @@ function place(node, from, to) {
   node.style.width = percent(to - from);
 }
 
-/** What an entry is in the rows of the week. A slot that goes on after midnight has a part in the next row too. */
+/** What an entry is in the rows of the week. A slot over midnight has a part in the next row too. */
 function partsOf(entry) {
   const parts = [];
   for (const day of entry.days) {
