@@ -350,7 +350,7 @@ class ManyPackagesTest(PageTestCase):
         self.browser.find("#views a").click()
         self.until_download_is_cancelled()
         self.browser.limit_download(-1)
-        self.browser.until_shown(".time-zones")
+        self.browser.until_shown(".device")
         self.assertFalse(self.browser.shows("#banner"))
 
     def test_a_device_that_stops_in_the_middle_of_the_list_is_reported(self):

@@ -8,7 +8,7 @@ import { JsonMembers } from "./json-members.js";
 export class DeviceError extends Error {
   /**
    * @param {"unreachable"|"session-ended"|"refused"} kind what happened
-   * @param {string} message what to tell the person
+   * @param {string} message the text for the person
    * @param {number} status the HTTP status, 0 when there was no answer
    */
   constructor(kind, message, status = 0) {
@@ -33,7 +33,7 @@ export class DeviceClient extends EventTarget {
    * Reads a JSON document that may be larger than the memory: an object, whose members come one by one as
    * [name, value]. Throws a DeviceError.
    *
-   * @param {AbortSignal} stop gives up the rest of the document, as does leaving the loop over the members
+   * @param {AbortSignal} stop abandons the rest of the document, as does leaving the loop over the members
    */
   async *members(path, stop) {
     const exchange = new Exchange(path, { method: "GET" }, stop);
@@ -70,7 +70,7 @@ export class DeviceClient extends EventTarget {
     await this.#sessionRequest(path, { method: "DELETE" });
   }
 
-  /** Makes a session. The result says whether the device accepted the user's name and password. */
+  /** Makes a session. @return whether the device accepted the user's name and password. */
   async login(user, password) {
     const response = await this.#request("/api/login", jsonRequest({ user, password }));
     if (response.status === 401)
@@ -106,7 +106,7 @@ export class DeviceClient extends EventTarget {
   // The body counts as well: a connection may break in the middle of it.
   async #endOf(exchange, status) {
     const text = await exchange.text();
-    if (status >= 500)
+    if (status >= 500 && messageIn(text) === "")
       throw new DeviceError("unreachable", serverErrorText(status), status);
     return { status, text };
   }
@@ -153,15 +153,17 @@ function jsonRequest(value, method = "POST") {
 }
 
 // Some services say why, in words for a person.
-function refusalText({ status, text }) {
+function messageIn(text) {
   try {
     const { message } = JSON.parse(text);
-    if (typeof message === "string" && message !== "")
-      return message;
+    return typeof message === "string" ? message : "";
   } catch {
-    // No document.
+    return ""; // no document
   }
-  return `The device refused the request (status ${status}).`;
+}
+
+function refusalText({ status, text }) {
+  return messageIn(text) || `The device refused the request (status ${status}).`;
 }
 
 // 502 to 504 come from the web server on behalf of a device program that does not run or does not answer.

@@ -2,6 +2,7 @@
 
 import { DeviceClient } from "./client.js";
 import { ConnectionWatch } from "./connection-watch.js";
+import { deviceView } from "./device-view.js";
 import { element } from "./dom.js";
 import { showLogin } from "./login-view.js";
 import { packagesView } from "./packages-view.js";
@@ -15,7 +16,7 @@ import { timetableView } from "./timetable-view.js";
  *   the operations show(subject), which shows what the address names behind the view's name, and close(). A long
  *   opening reports its progress with loading.report(text), and ends when the AbortSignal loading.stop does.
  */
-const VIEWS = [timeZonesView, timetableView, packagesView];
+const VIEWS = [deviceView, timeZonesView, timetableView, packagesView];
 
 const DEVICE_TITLE = document.title;
 

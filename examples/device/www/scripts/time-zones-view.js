@@ -5,13 +5,15 @@ import { fromTemplate, showField, showPart } from "./dom.js";
 import { SearchableList } from "./searchable-list.js";
 import { WorldMap } from "./world-map.js";
 
+const DEVICE_PATH = "/api/device";
+
 export const timeZonesView = {
   name: "time-zones",
   title: "Time zones",
 
   async open(container, client) {
-    const database = await client.get("/api/timezones");
-    return new TimeZones(container, zonesOf(database), database.information ?? {});
+    const [database, device] = await Promise.all([client.get("/api/timezones"), client.get(DEVICE_PATH)]);
+    return new TimeZones(container, client, zonesOf(database), database.information ?? {}, device.timeZone);
   },
 };
 
@@ -65,10 +67,16 @@ class TimeZones {
   #zones;
   #list;
   #map;
+  #client;
+  #stored;
   #chosen = null;
+  #isSaving = false;
 
-  constructor(root, zones, information) {
+  /** @param {?{name: string, code: string}} stored the time zone of the device */
+  constructor(root, client, zones, information, stored) {
     this.#root = root;
+    this.#client = client;
+    this.#stored = stored;
     this.#zones = new Map(zones.map((zone) => [zone.id, zone]));
     root.replaceChildren(fromTemplate("time-zones-template"));
     this.#showInformation(information);
@@ -84,14 +92,18 @@ class TimeZones {
 
     const copy = root.querySelector("[data-action=copy]");
     copy.addEventListener("click", () => this.#copy(copy));
+    root.querySelector("[data-action=save]").addEventListener("click", () => this.#save());
+    root.querySelector("[data-action=cancel]").addEventListener("click", () => this.#cancel());
+    this.#showStored();
   }
 
-  /** Shows the zone of this name; another name shows none. */
+  /** Shows the zone of this name, and that of the device when there is no name; another name shows none. */
   show(name) {
-    const zone = this.#zones.get(name) ?? null;
+    const zone = this.#zones.get(name || this.#stored?.name) ?? null;
     if (zone === this.#chosen)
       return;
     this.#chosen = zone;
+    this.#tell("");
     this.#list.choose(zone?.id);
     this.#map.choose(zone?.id);
     this.#showZone(zone);
@@ -122,8 +134,57 @@ class TimeZones {
     this.#root.querySelector(".zone-count").textContent = ids.size === 0 && total > 0 ? "No town matches." : count;
   }
 
+  #showStored() {
+    const stored = this.#stored;
+    showField(this.#root, "stored-name", stored ? stored.name || stored.code : "not set");
+    this.#showChange();
+  }
+
+  // What is stored already need not be saved.
+  #showChange() {
+    const isChange = this.#chosen !== null && this.#chosen.id !== this.#stored?.name;
+    showPart(this.#root, "change", isChange);
+    showPart(this.#root, "is-stored", this.#chosen !== null && !isChange);
+  }
+
+  #tell(text) {
+    const message = this.#root.querySelector(".zone-details .message");
+    message.textContent = text;
+    message.hidden = text === "";
+  }
+
+  async #save() {
+    const zone = this.#chosen;
+    if (this.#isSaving || zone === null)
+      return;
+    this.#isSaving = true;
+    this.#tell("");
+    try {
+      this.#stored = (await this.#client.put(DEVICE_PATH, { timeZone: zone.id })).timeZone;
+      this.#showStored();
+      showField(this.#root, "announcement", `${zone.name} is the device’s time zone now.`);
+      this.#focusName();
+    } catch (error) {
+      this.#tell(error.kind === "refused" ? error.message : "");
+    } finally {
+      this.#isSaving = false;
+    }
+  }
+
+  #cancel() {
+    this.show("");
+    history.replaceState(null, "", "#time-zones");
+    this.#focusName();
+  }
+
+  // The button that had the focus is hidden now.
+  #focusName() {
+    this.#root.querySelector("#zone-name")?.focus();
+  }
+
   #showZone(zone) {
     const root = this.#root;
+    this.#showChange();
     showPart(root, "chosen", zone !== null);
     showPart(root, "none", zone === null);
     root.querySelector("#zone-name").textContent = zone ? zone.name : "No town chosen";
