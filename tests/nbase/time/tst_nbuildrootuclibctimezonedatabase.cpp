@@ -764,8 +764,8 @@ void tst_NBuildrootUclibcTimeZoneDatabase::versionAndDateAreNullForANonRegularVe
     QVERIFY(database.date().isNull());
 }
 
-// The file is changed until its last change is told from its creation, which the library must not follow. Kernels
-// before 5.18 keep no creation time for files in memory.
+// The file is changed until its last change differs from its creation, which must not matter to the library.
+// Kernels before 5.18 keep no creation time for files in memory.
 void tst_NBuildrootUclibcTimeZoneDatabase::dateIsTheCreationTimeOfTheVersionFile()
 {
     QProcess stat;

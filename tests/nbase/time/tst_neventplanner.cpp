@@ -351,7 +351,7 @@ void tst_NEventPlanner::slotIsActiveDuringItsPeriod_data()
     QTest::newRow("night: at its end") << monday << night << morning << at(Qt::Tuesday, 6, 0) << false;
     QTest::newRow("night: morning before") << monday << night << morning << at(Qt::Monday, 5, 0) << false;
     QTest::newRow("night: evening after") << monday << night << morning << at(Qt::Tuesday, 22, 0) << false;
-    QTest::newRow("night of Sunday goes on to Monday")
+    QTest::newRow("night of Sunday continues on Monday")
         << on(Qt::Sunday) << night << morning << at(Qt::Monday, 5, 0) << true;
     QTest::newRow("until midnight") << monday << night << QTime(0, 0) << at(Qt::Monday, 23, 59) << true;
     QTest::newRow("until midnight: at midnight")
