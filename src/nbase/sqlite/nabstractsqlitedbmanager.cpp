@@ -586,12 +586,14 @@ bool Preparation::isCreationObstructed() const
 Outcome Preparation::replaceFile(const Finding* reason, NDirectoryLock& lock)
 {
     m_database.close();
-    if (!lock.makeExclusive() || m_file.isReadOnly() || m_file.isDiskFull(LeastRoom) || m_file.isLocked() ||
-        !m_database.open())
+    if (!lock.makeExclusive() || !m_database.open())
         return Obstructed;
+    // First of all: a process that has replaced the file meanwhile may be writing to the new one.
     if (reason && !isStillSo(*reason))
         return Changed;
     m_database.close();
+    if (m_file.isReadOnly() || m_file.isDiskFull(LeastRoom) || m_file.isLocked())
+        return Obstructed;
     const bool isSetAside = m_file.setAside();
     return m_database.open() && isSetAside ? initializeInPlace(nullptr) : Obstructed;
 }
