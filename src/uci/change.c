@@ -5,6 +5,17 @@
 
 #include <stdlib.h>
 
+/*
+ * Whether a change with this value can be staged, so that it must not be made otherwise: the line would be refused
+ * or read as a change of another element. Changes that were read from there are known to be.
+ */
+static bool can_be_staged(const struct uci_ptr* ptr, bool remember, const char* value)
+{
+    if (!remember || !ptr->p->has_delta)
+        return true;
+    return is_delta_package(ptr->p->e.name) && (!value || is_delta_value(value));
+}
+
 /* Notes a change as pending, unless it was read from staged changes or the package has none. */
 static int remember_change(const struct uci_ptr* ptr, bool remember, enum uci_command cmd, const char* value)
 {
@@ -34,6 +45,8 @@ static int delete_item(struct uci_ptr* ptr, bool remember)
 
     if (!item)
         return UCI_OK;
+    if (!can_be_staged(ptr, remember, ptr->value))
+        return UCI_ERR_INVAL;
     list_remove(&item->list);
     free(item);
     return remember_change(ptr, remember, UCI_CMD_REMOVE, ptr->value);
@@ -66,6 +79,8 @@ static int delete_place(struct uci_ptr* ptr, bool remember)
         return UCI_ERR_NOTFOUND;
     if (ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && *ptr->value)
         return delete_item(ptr, remember);
+    if (!can_be_staged(ptr, remember, NULL))
+        return UCI_ERR_INVAL;
     int result = remember_change(ptr, remember, UCI_CMD_REMOVE, NULL);
     if (result == UCI_OK)
         delete_found(ptr);
@@ -74,26 +89,30 @@ static int delete_place(struct uci_ptr* ptr, bool remember)
 
 /* ---- setting ---- */
 
-static int set_option(struct uci_ptr* ptr, bool* changed)
+static int set_option(struct uci_ptr* ptr, bool remember, bool* changed)
 {
     struct uci_option* o = ptr->o;
 
     *changed = !o || o->type != UCI_TYPE_STRING || strcmp(o->v.string, ptr->value) != 0;
     if (!*changed)
         return UCI_OK;
+    if (!can_be_staged(ptr, remember, ptr->value) || (!o && !is_plain_name(ptr->option)))
+        return UCI_ERR_INVAL;
     if (o)
         return option_set_value(o, ptr->value) ? UCI_OK : UCI_ERR_MEM;
     ptr->o = option_new(ptr->s, ptr->option, ptr->value);
     return ptr->o ? UCI_OK : UCI_ERR_MEM;
 }
 
-static int set_section(struct uci_ptr* ptr, bool* changed)
+static int set_section(struct uci_ptr* ptr, bool remember, bool* changed)
 {
     *changed = !ptr->s || strcmp(ptr->s->type, ptr->value) != 0;
     if (!is_printable(ptr->value))
         return UCI_ERR_INVAL;
     if (!*changed)
         return UCI_OK;
+    if (!can_be_staged(ptr, remember, ptr->value) || (!ptr->s && !is_plain_name(ptr->section)))
+        return UCI_ERR_INVAL;
     if (!ptr->s) {
         ptr->s = section_new(ptr->p, ptr->value, ptr->section);
         return ptr->s ? UCI_OK : UCI_ERR_MEM;
@@ -118,7 +137,7 @@ static int set_place(struct uci_ptr* ptr, bool remember)
         bool found = ptr->option ? ptr->o != NULL : ptr->s != NULL;
         return found ? delete_place(ptr, true) : UCI_OK;
     }
-    int result = ptr->option ? set_option(ptr, &changed) : set_section(ptr, &changed);
+    int result = ptr->option ? set_option(ptr, remember, &changed) : set_section(ptr, remember, &changed);
     if (result != UCI_OK)
         return result;
     ptr->last = ptr->o ? &ptr->o->e : &ptr->s->e;
@@ -146,7 +165,9 @@ static bool is_list_place(const struct uci_ptr* ptr)
 
 static int add_to_list(struct uci_ptr* ptr, bool remember)
 {
-    if (!is_list_place(ptr))
+    if (!is_list_place(ptr) || !can_be_staged(ptr, remember, ptr->value))
+        return UCI_ERR_INVAL;
+    if (!ptr->o && !is_plain_name(ptr->option))
         return UCI_ERR_INVAL;
     if (!ptr->o)
         ptr->o = option_new(ptr->s, ptr->option, NULL);
@@ -164,6 +185,8 @@ static int remove_from_list(struct uci_ptr* ptr, bool remember)
         return UCI_ERR_INVAL;
     if (!ptr->o || ptr->o->type != UCI_TYPE_LIST)
         return UCI_OK;
+    if (!can_be_staged(ptr, remember, ptr->value))
+        return UCI_ERR_INVAL;
     int result = remember_change(ptr, remember, UCI_CMD_LIST_DEL, ptr->value);
     if (result != UCI_OK)
         return result;
@@ -179,12 +202,25 @@ static int remove_from_list(struct uci_ptr* ptr, bool remember)
 
 /* ---- names and order ---- */
 
+/* Two elements of one name would become one when the file is read. */
+static bool is_taken(const struct uci_ptr* ptr, const char* name)
+{
+    if (ptr->o) {
+        const struct uci_option* o = section_find(ptr->s, name);
+        return o && o != ptr->o;
+    }
+    const struct uci_section* s = package_find(ptr->p, name);
+    return s && s != ptr->s;
+}
+
 static int rename_place(struct uci_ptr* ptr, bool remember)
 {
     if (!ptr->section || !ptr->value)
         return UCI_ERR_INVAL;
     if (!ptr->s || (ptr->option && !ptr->o))
         return UCI_ERR_NOTFOUND;
+    if (!can_be_staged(ptr, remember, NULL) || !is_plain_name(ptr->value) || is_taken(ptr, ptr->value))
+        return UCI_ERR_INVAL;
     int result = remember_change(ptr, remember, UCI_CMD_RENAME, ptr->value);
     if (result != UCI_OK)
         return result;
@@ -206,6 +242,8 @@ static int reorder_place(struct uci_ptr* ptr, bool remember)
 {
     if (!ptr->s)
         return UCI_ERR_NOTFOUND;
+    if (!can_be_staged(ptr, remember, NULL))
+        return UCI_ERR_INVAL;
     struct uci_list* head = &ptr->p->sections;
     struct uci_list* before = ptr->s->e.list.prev;
     list_remove(&ptr->s->e.list);
@@ -241,13 +279,15 @@ int change_apply(enum uci_command cmd, struct uci_ptr* ptr, bool remember)
 
 int change_add_section(struct uci_package* p, const char* type, struct uci_section** section)
 {
-    struct uci_section* s = section_new(p, type, NULL);
     struct uci_ptr ptr;
 
-    if (!s)
-        return UCI_ERR_MEM;
     memset(&ptr, 0, sizeof(ptr));
     ptr.p = p;
+    if (!is_printable(type) || !can_be_staged(&ptr, true, NULL))
+        return UCI_ERR_INVAL;
+    struct uci_section* s = section_new(p, type, NULL);
+    if (!s)
+        return UCI_ERR_MEM;
     ptr.s = s;
     int result = remember_change(&ptr, true, UCI_CMD_ADD, type);
     if (result == UCI_OK)

@@ -11,8 +11,9 @@ static int write_file(const struct uci_package* p, const struct locked_file* fil
 {
     struct text text = {NULL, 0, 0, false};
     struct replacement replacement;
-    int result = write_package(p, false, &text);
 
+    write_package(p, false, &text);
+    int result = text.failed ? UCI_ERR_MEM : UCI_OK;
     if (result == UCI_OK)
         result = replacement_prepare(&replacement, file, p->path, &text);
     if (result == UCI_OK) {

@@ -91,58 +91,24 @@ enum delta_result delta_next(struct words* words, const char* package, struct de
     return whole && parse_change(word, package, line) ? DELTA_LINE : DELTA_REFUSED;
 }
 
-/*
- * Whether a line with these names would be read as a change of another element. The public functions do not check
- * names; an invalid one has to be refused when its line is read, and must not affect the lines around it.
- */
-static bool would_mislead(const struct uci_package* p, const char* section, const char* option)
-{
-    static const char meaningful[] = "'\"\\#;=\n";
-
-    if (strpbrk(section, meaningful) || (option && strpbrk(option, meaningful)))
-        return true;
-    const char* dot = strchr(section, '.');
-    if (option || !dot)
-        return false;
-    struct uci_element* e;
-    uci_foreach_element(&p->sections, e)
-    {
-        size_t size = strlen(e->name);
-        if (size == (size_t)(dot - section) && memcmp(e->name, section, size) == 0)
-            return true;
-    }
-    return false;
-}
-
 void delta_write(
     struct text* text, const struct uci_package* p, enum uci_command cmd, const char* section, const char* option,
     const char* value)
 {
-    bool misleading = would_mislead(p, section, option);
-    struct text place = {NULL, 0, 0, false};
-
-    text_append_string(&place, p->e.name);
-    text_append(&place, ".", 1);
-    text_append_string(&place, section);
-    if (option) {
-        text_append(&place, ".", 1);
-        text_append_string(&place, option);
-    }
     if (signs[cmd])
         text_append(text, &signs[cmd], 1);
-    if (place.failed)
-        text->failed = true;
-    else if (misleading)
-        text_append_quoted(text, place.data);
-    else
-        text_append(text, place.data, place.size);
-    text_free(&place);
+    text_append_string(text, p->e.name);
+    text_append(text, ".", 1);
+    text_append_string(text, section);
+    if (option) {
+        text_append(text, ".", 1);
+        text_append_string(text, option);
+    }
     if (value) {
         text_append(text, "=", 1);
         text_append_quoted(text, value);
     }
-    /* The reader refuses a line with a blank at its end. */
-    text_append_string(text, misleading ? " \n" : "\n");
+    text_append(text, "\n", 1);
 }
 
 size_t delta_whole_size(struct text* text)

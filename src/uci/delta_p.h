@@ -22,6 +22,8 @@ enum delta_result { DELTA_END, DELTA_LINE, DELTA_REFUSED };
 /* Reads the next change of a text, which is overwritten. Marks of commits are skipped. */
 enum delta_result delta_next(struct words* words, const char* package, struct delta_line* line);
 
+/* Appends a change. Its names and value have to be such that can be staged, see is_delta_package() and the others.
+ */
 void delta_write(
     struct text* text, const struct uci_package* p, enum uci_command cmd, const char* section, const char* option,
     const char* value);

@@ -33,7 +33,8 @@ void list_remove(struct uci_list* link)
     list_init(link);
 }
 
-/* Finds the elements of a list by their names: a hash table with linear probing. Short lists have none. */
+/* Finds the elements of a list by their names, of which each is unique: a hash table with linear probing. Short
+ * lists have none. */
 struct name_index
 {
     struct name_slot* slots;
@@ -205,21 +206,15 @@ static struct uci_element* list_find(const struct uci_list* list, const char* na
 static struct uci_element*
 index_find(const struct name_index* index, const uint32_t key[2], const struct uci_list* list, const char* name)
 {
-    struct uci_element* found = NULL;
-
     if (!index->slots)
         return list_find(list, name);
     uint32_t hash = hash_name(key, name);
     uint32_t mask = index->slot_count - 1;
     const struct name_slot* slot;
-    for (uint32_t i = hash & mask; (slot = &index->slots[i])->element; i = (i + 1) & mask) {
-        if (slot->hash != hash || strcmp(slot->element->name, name) != 0)
-            continue;
-        if (found) /* a second one, made by renaming: the first of the list is found */
-            return list_find(list, name);
-        found = slot->element;
-    }
-    return found;
+    for (uint32_t i = hash & mask; (slot = &index->slots[i])->element; i = (i + 1) & mask)
+        if (slot->hash == hash && strcmp(slot->element->name, name) == 0)
+            return slot->element;
+    return NULL;
 }
 
 static const uint32_t* key_of(const struct uci_package* p)
@@ -382,14 +377,24 @@ static unsigned type_hash(const char* type)
     return (hash & 0x7fffffff) % 65536;
 }
 
+/* A section may have the name that is due: an exported package can contain generated names. The next free one is
+ * used then. */
+static void generate_name(const struct uci_package* p, const char* type, char name[32])
+{
+    unsigned number = (unsigned)p->n_section;
+
+    do
+        snprintf(name, 32, "cfg%02x%04x", ++number, type_hash(type));
+    while (package_find(p, name));
+}
+
 struct uci_section* section_new(struct uci_package* p, const char* type, const char* name)
 {
     char generated_name[32];
     bool anonymous = !name;
 
     if (anonymous) {
-        snprintf(
-            generated_name, sizeof(generated_name), "cfg%02x%04x", (unsigned)p->n_section + 1, type_hash(type));
+        generate_name(p, type, generated_name);
         name = generated_name;
     }
     size_t name_size = strlen(name) + 1;

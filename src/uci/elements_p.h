@@ -24,13 +24,15 @@ void package_free(struct uci_package* p);
 /* Returns the package with this name that is loaded, or null. */
 struct uci_package* package_loaded(const struct uci_context* ctx, const char* name);
 
-/* Makes a section at the end of the package. Without a name it is unnamed and gets a generated one. */
+/* Makes a section at the end of the package. Without a name it is unnamed and gets a generated one; a name must
+ * not be taken. */
 struct uci_section* section_new(struct uci_package* p, const char* type, const char* name);
 void section_free(struct uci_section* s);
 
-/* Returns the first section with this name, or null. */
+/* Returns the section with this name, or null. */
 struct uci_section* package_find(const struct uci_package* p, const char* name);
 
+/* Renames a section. The name must not be taken. */
 bool section_set_name(struct uci_section* s, const char* name);
 bool section_set_type(struct uci_section* s, const char* type);
 
@@ -38,9 +40,10 @@ bool section_set_type(struct uci_section* s, const char* type);
 struct uci_option* option_new(struct uci_section* s, const char* name, const char* value);
 void option_free(struct uci_option* o);
 
-/* Returns the first option with this name, or null. */
+/* Returns the option with this name, or null. */
 struct uci_option* section_find(const struct uci_section* s, const char* name);
 
+/* Renames an option. The name must not be taken. */
 bool option_set_name(struct uci_option* o, const char* name);
 
 /* Makes the option a single value. */

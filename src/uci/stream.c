@@ -71,7 +71,8 @@ static int export_package(const struct uci_context* ctx, FILE* stream, const str
         text_append_string(&text, p->e.name);
         text_append_string(&text, "\n");
     }
-    int result = write_package(p, (ctx->flags & UCI_FLAG_EXPORT_NAME) != 0, &text);
+    write_package(p, (ctx->flags & UCI_FLAG_EXPORT_NAME) != 0, &text);
+    int result = text.failed ? UCI_ERR_MEM : UCI_OK;
     if (result == UCI_OK && fwrite(text.data, 1, text.size, stream) != text.size)
         result = UCI_ERR_IO;
     text_free(&text);

@@ -280,6 +280,17 @@ UCI_EXPORT int uci_unload(struct uci_context* ctx, struct uci_package* p);
  */
 UCI_EXPORT int uci_lookup_ptr(struct uci_context* ctx, struct uci_ptr* ptr, char* str, bool extended);
 
+/**
+ * @name Changes
+ * What could not be read back from the files is refused with UCI_ERR_INVAL: names of sections and options with
+ * other characters than ASCII letters, digits and "_"; types that uci_validate_text() does not accept; values with
+ * control characters other than tab, line feed and carriage return, unless the package is outside of the
+ * configuration directory; any change of a package there whose name contains one of . = ' " \ \# ; or begins with
+ * one of
+ * + - \@ ^ | ~, which staged changes cannot name.
+ * @{
+ */
+
 /** Adds an unnamed section of type @a type at the end of @a p. @param res receives it. */
 UCI_EXPORT int
 uci_add_section(struct uci_context* ctx, struct uci_package* p, const char* type, struct uci_section** res);
@@ -311,7 +322,10 @@ UCI_EXPORT int uci_del_list(struct uci_context* ctx, struct uci_ptr* ptr);
  */
 UCI_EXPORT int uci_reorder_section(struct uci_context* ctx, struct uci_section* s, int pos);
 
-/** Renames the section or option @a ptr to its value. @return UCI_ERR_NOTFOUND if it is missing. */
+/**
+ * Renames the section or option @a ptr to its value. @return UCI_ERR_NOTFOUND if it is missing, UCI_ERR_INVAL if
+ * another one has that name.
+ */
 UCI_EXPORT int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr);
 
 /**
@@ -319,6 +333,8 @@ UCI_EXPORT int uci_rename(struct uci_context* ctx, struct uci_ptr* ptr);
  * counted from 0. @return UCI_ERR_NOTFOUND if it is missing.
  */
 UCI_EXPORT int uci_delete(struct uci_context* ctx, struct uci_ptr* ptr);
+
+/** @} */
 
 /**
  * Stages the changes of @a p: appends them to the file of its name in the staging directory, which is created

@@ -62,6 +62,11 @@ bool is_delta_value(const char* value)
     return true;
 }
 
+bool is_delta_package(const char* name)
+{
+    return !strchr("+-@^|~", *name) && !strpbrk(name, ".='\"\\#;");
+}
+
 void words_skip_line(struct words* words)
 {
     char* newline = memchr(words->position, '\n', (size_t)(words->end - words->position));

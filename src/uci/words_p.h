@@ -19,6 +19,9 @@ bool is_printable(const char* text);
 /* A value that can be staged. */
 bool is_delta_value(const char* value);
 
+/* The name of a package whose changes can be staged: each of their lines begins with it. */
+bool is_delta_package(const char* name);
+
 /* Reads words from a text, which is overwritten by them. */
 struct words
 {

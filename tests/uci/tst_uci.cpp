@@ -115,18 +115,22 @@ private slots:
 
     void lookupNextFindsAllElementsOfAName()
     {
-        uci_package* package = load("network");
+        load("network");
         uci_ptr ptr = uci_ptr();
-        ptr.p = package;
-        ptr.section = "cfg02c8b4";
-        ptr.value = "lan";
-        QCOMPARE(uci_rename(m_context.data(), &ptr), int(UCI_OK));
-        uci_element* e = nullptr;
-        QCOMPARE(uci_lookup_next(m_context.data(), &e, &package->sections, "lan"), int(UCI_OK));
-        QCOMPARE(QByteArray(uci_to_section(e)->type), QByteArray("interface"));
-        QCOMPARE(uci_lookup_next(m_context.data(), &e, &package->sections, "lan"), int(UCI_OK));
-        QCOMPARE(QByteArray(uci_to_section(e)->type), QByteArray("route"));
-        QCOMPARE(uci_lookup_next(m_context.data(), &e, &package->sections, "lan"), int(UCI_ERR_NOTFOUND));
+        ptr.package = "network";
+        ptr.section = "lan";
+        ptr.option = "dns";
+        ptr.value = "10.0.0.1";
+        QCOMPARE(uci_add_list(m_context.data(), &ptr), int(UCI_OK));
+        uci_list* items = &ptr.o->v.list;
+        uci_element* first = nullptr;
+        QCOMPARE(uci_lookup_next(m_context.data(), &first, items, "10.0.0.1"), int(UCI_OK));
+        QCOMPARE(&first->list, items->next);
+        uci_element* e = first;
+        QCOMPARE(uci_lookup_next(m_context.data(), &e, items, "10.0.0.1"), int(UCI_OK));
+        QCOMPARE(&e->list, items->prev);
+        QVERIFY(e != first);
+        QCOMPARE(uci_lookup_next(m_context.data(), &e, items, "10.0.0.1"), int(UCI_ERR_NOTFOUND));
     }
 
     void exportWritesWhatImportReads()

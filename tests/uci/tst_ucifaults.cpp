@@ -265,18 +265,20 @@ private slots:
 
     void failedFirstCommitCreatesNoPackageFile()
     {
+        const QString config = m_directory->filePath(QLatin1String("config"));
+        mountFullDisk(config);
         char text[] = "config t 'a'\n";
         FILE* stream = fmemopen(text, sizeof(text) - 1, "r");
         uci_package* package = nullptr;
         QCOMPARE(uci_import(m_store->context(), stream, "new", &package, true), int(UCI_OK));
         std::fclose(stream);
-        uci_ptr ptr = uci_ptr();
-        ptr.p = package;
-        ptr.section = "not a name";
-        ptr.value = "t";
-        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
-        QCOMPARE(uci_commit(m_store->context(), &package, true), int(UCI_ERR_INVAL));
+        fillUp(config + QLatin1String("/filler"));
+        QCOMPARE(uci_commit(m_store->context(), &package, true), int(UCI_ERR_IO));
         QCOMPARE(m_store->config("new"), QByteArray("(missing)"));
+        QFile::remove(config + QLatin1String("/filler"));
+        QCOMPARE(uci_commit(m_store->context(), &package, true), int(UCI_OK));
+        QCOMPARE(m_store->config("new"), QByteArray("\nconfig t 'a'\n\n"));
+        NPrivateNamespace::unmount(config);
     }
 
     void filesAreFlushedInOrder()
@@ -379,7 +381,7 @@ private slots:
             QByteArray("\nconfig interface 'lan'\n\toption ip '1'\n\toption a '1'\n\toption c '3'\n\n"));
     }
 
-    void overwritingCommitRefusesInvalidNames_data()
+    void overwritingCommitWritesNoInvalidNames_data()
     {
         QTest::addColumn<QByteArray>("section");
         QTest::addColumn<QByteArray>("option");
@@ -388,7 +390,7 @@ private slots:
         QTest::newRow("a section") << QByteArray("not a name") << QByteArray() << QByteArray("interface");
     }
 
-    void overwritingCommitRefusesInvalidNames()
+    void overwritingCommitWritesNoInvalidNames()
     {
         QFETCH(QByteArray, section);
         QFETCH(QByteArray, option);
@@ -401,10 +403,10 @@ private slots:
         ptr.section = section.constData();
         ptr.option = option.isNull() ? nullptr : option.constData();
         ptr.value = value.constData();
-        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
-        QCOMPARE(uci_commit(m_store->context(), &package, true), int(UCI_ERR_INVAL));
-        QCOMPARE(m_store->config("network"), QByteArray(first));
-        QCOMPARE(m_store->staged("network"), QByteArray("network.lan.ip='2'\n"));
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_commit(m_store->context(), &package, true), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), QByteArray(second));
+        QCOMPARE(m_store->staged("network"), QByteArray());
     }
 
     void interruptedCommitIsNotRepeatedByTheNextChange()
@@ -558,35 +560,133 @@ private slots:
         QCOMPARE(m_store->staged("network"), QByteArray("|network.lan.dns='b'\n"));
     }
 
-    void invalidNamesDoNotAffectOtherChanges_data()
+    void whatCannotBeReadBackIsRefused_data()
     {
+        QTest::addColumn<int>("command");
         QTest::addColumn<QByteArray>("section");
         QTest::addColumn<QByteArray>("option");
-        QTest::newRow("a quote") << QByteArray("lan") << QByteArray("a'b");
-        QTest::newRow("a line") << QByteArray("lan") << QByteArray("a='1'\nnetwork.lan.ip");
-        QTest::newRow("an equals sign") << QByteArray("lan") << QByteArray("ip=x");
-        QTest::newRow("a comment") << QByteArray("lan") << QByteArray("ip#x");
-        QTest::newRow("a semicolon") << QByteArray("lan") << QByteArray("ip;x");
-        QTest::newRow("a backslash") << QByteArray("lan") << QByteArray("ip\\");
-        QTest::newRow("a section with a dot") << QByteArray("lan.ip") << QByteArray();
+        QTest::addColumn<QByteArray>("value");
+        const char* const names[] = {
+            "b c", "a'b", "a\"b", "a='1'\nnetwork.lan.ip", "ip=x", "ip#x", "ip;x", "ip\\", "a-b", "\xc3\xa4", ""};
+        for (const char* name : names) {
+            const QByteArray title = QByteArray("'") + name + "'";
+            if (*name)
+                refusedRow("an option " + title, UCI_CMD_CHANGE, "lan", name, "line1\nline2");
+            refusedRow("a list " + title, UCI_CMD_LIST_ADD, "lan", name, "line1\nline2");
+            refusedRow("a section " + title, UCI_CMD_CHANGE, name, QByteArray(), "interface");
+            refusedRow("a new name of an option, " + title, UCI_CMD_RENAME, "lan", "ip", name);
+            refusedRow("a new name of a section, " + title, UCI_CMD_RENAME, "lan", QByteArray(), name);
+        }
+        refusedRow("a section with a dot", UCI_CMD_CHANGE, "lan.ip", QByteArray(), "interface");
+        refusedRow("a section by index", UCI_CMD_CHANGE, "@interface[0]", QByteArray(), "interface");
+        refusedRow("a name that another option has", UCI_CMD_RENAME, "lan", "ip", "mtu");
+        refusedRow("a name that another section has", UCI_CMD_RENAME, "lan", QByteArray(), "wan");
+        const char* const types[] = {"a b", "line1\nline2", "\xc3\xa4", "\x7f"};
+        for (const char* type : types) {
+            const QByteArray title = QByteArray("'") + type + "'";
+            refusedRow("a type " + title, UCI_CMD_CHANGE, "new", QByteArray(), type);
+            refusedRow("another type " + title, UCI_CMD_CHANGE, "lan", QByteArray(), type);
+            refusedRow("a type of an unnamed section, " + title, UCI_CMD_ADD, QByteArray(), QByteArray(), type);
+        }
+        for (int byte = 1; byte < 32; ++byte) {
+            if (byte == '\t' || byte == '\n' || byte == '\r')
+                continue;
+            const QByteArray value = QByteArray("x") + char(byte) + "y";
+            const QByteArray title = "byte " + QByteArray::number(byte);
+            refusedRow(title + " in a value", UCI_CMD_CHANGE, "lan", "ip", value);
+            refusedRow(title + " in a value of a list", UCI_CMD_LIST_ADD, "lan", "dns", value);
+            refusedRow(title + " in a value to remove", UCI_CMD_LIST_DEL, "lan", "dns", value);
+            refusedRow(title + " in an index", UCI_CMD_REMOVE, "lan", "dns", "0" + value);
+        }
     }
 
-    void invalidNamesDoNotAffectOtherChanges()
+    void whatCannotBeReadBackIsRefused()
     {
+        QFETCH(int, command);
         QFETCH(QByteArray, section);
         QFETCH(QByteArray, option);
+        QFETCH(QByteArray, value);
+        const QByteArray before = "\nconfig interface 'lan'\n\toption ip '1'\n\toption mtu '2'\n\tlist dns 'a'\n";
+        const QByteArray after = "\nconfig interface 'wan'\n\n";
+        m_store->writeConfig("network", before + after);
         uci_ptr ptr = uci_ptr();
         ptr.package = "network";
         ptr.section = section.constData();
         ptr.option = option.isNull() ? nullptr : option.constData();
-        ptr.value = "9";
+        ptr.value = value.constData();
+        QCOMPARE(change(command, &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(m_store->set("network.lan.one=1"), int(UCI_OK));
+        QCOMPARE(m_store->set("network.lan.two=2"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), before + "\toption one '1'\n\toption two '2'\n" + after);
+    }
+
+    /** The lines of its changes would not be read as changes of this package. */
+    void packagesThatStagedChangesCannotNameAreNotChanged_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+        const char* const names[] = {"it's", "a\"b", "a\\b", "a#b", "a;b", "a.b", "a=b",
+                                     "-a",   "+a",   "@a",   "^a",  "|a",  "~a"};
+        for (const char* name : names)
+            QTest::newRow(name) << QByteArray(name);
+    }
+
+    void packagesThatStagedChangesCannotNameAreNotChanged()
+    {
+        QFETCH(QByteArray, name);
+        const QByteArray text = "\nconfig interface 'lan'\n\tlist dns 'a'\n\n";
+        m_store->writeConfig(name.constData(), text);
+        uci_package* package = nullptr;
+        QCOMPARE(uci_load(m_store->context(), name.constData(), &package), int(UCI_OK));
+        uci_ptr ptr = uci_ptr();
+        ptr.p = package;
+        QCOMPARE(uci_add_section(m_store->context(), package, "interface", &ptr.s), int(UCI_ERR_INVAL));
+        ptr.section = "lan";
+        QCOMPARE(uci_delete(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_reorder_section(m_store->context(), ptr.s, 1), int(UCI_ERR_INVAL));
+        ptr.value = "other";
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_rename(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        ptr.option = "dns";
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_add_list(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_del_list(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_rename(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        ptr.value = "0";
+        QCOMPARE(uci_delete(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_save(m_store->context(), package), int(UCI_OK));
+        QCOMPARE(m_store->staged(name.constData()), QByteArray("(missing)"));
+        QCOMPARE(m_store->config(name.constData()), text);
+    }
+
+    /** A package that is exported with generated names has sections with such names. */
+    void addedSectionsGetAFreeName()
+    {
+        m_store->writeConfig("network", "config route 'cfg03c8b4'\n\noption a 1\n\nconfig route\n\noption a 2\n");
+        uci_package* package = nullptr;
+        QCOMPARE(uci_load(m_store->context(), "network", &package), int(UCI_OK));
+        uci_ptr ptr = uci_ptr();
+        QCOMPARE(uci_add_section(m_store->context(), package, "route", &ptr.s), int(UCI_OK));
+        QCOMPARE(QByteArray(ptr.s->e.name), QByteArray("cfg04c8b4"));
+        ptr.option = "a";
+        ptr.value = "3";
         QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
-        QCOMPARE(uci_delete(m_store->context(), &ptr), int(UCI_OK));
-        QCOMPARE(m_store->set("network.lan.after=1"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"), QByteArray("\nconfig route 'cfg03c8b4'\n\toption a '1'\n"
+                                                   "\nconfig route\n\toption a '2'\n"
+                                                   "\nconfig route\n\toption a '3'\n\n"));
+    }
+
+    /** Another program may have added or renamed a section since. */
+    void stagedNamesThatAreTakenAreRefused()
+    {
+        m_store->writeConfig("network", "config t 'a'\n\toption x 1\n\toption y 2\nconfig u 'b'\n");
+        m_store->writeStaged("network", "@network.a='b'\n@network.a.x='y'\nnetwork.a.z='3'\n");
         QCOMPARE(m_store->commit("network"), int(UCI_OK));
         QCOMPARE(
             m_store->config("network"),
-            QByteArray("\nconfig interface 'lan'\n\toption ip '1'\n\toption after '1'\n\n"));
+            QByteArray("\nconfig t 'a'\n\toption x '1'\n\toption y '2'\n\toption z '3'\n\nconfig u 'b'\n\n"));
     }
 
     void fileOutsideIsNotWrittenWithAnInvalidName()
@@ -600,9 +700,15 @@ private slots:
         ptr.section = "lan";
         ptr.option = "not a name";
         ptr.value = "1";
-        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
-        QCOMPARE(uci_save(m_store->context(), package), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_ERR_INVAL));
+        QCOMPARE(uci_save(m_store->context(), package), int(UCI_OK));
         QCOMPARE(UciStore::readFile(QFile::decodeName(path)), QByteArray(first));
+        /* Its changes are not staged, so that values may have any bytes. */
+        ptr.option = "ip";
+        ptr.value = "\x01";
+        QCOMPARE(uci_set(m_store->context(), &ptr), int(UCI_OK));
+        QCOMPARE(uci_save(m_store->context(), package), int(UCI_OK));
+        QCOMPARE(UciStore::readFile(QFile::decodeName(path)), QByteArray(first).replace("'1'", "'\x01'"));
     }
 
     /** The killed process adds numbered items; each one that it has reported as committed has to be there once. */
@@ -631,6 +737,36 @@ private slots:
     }
 
 private:
+    static void refusedRow(
+        const QByteArray& title, uci_command command, const QByteArray& section, const QByteArray& option,
+        const QByteArray& value)
+    {
+        QTest::newRow(title.constData()) << int(command) << section << option << value;
+    }
+
+    /** Calls the function of the store that makes this change. */
+    int change(int command, uci_ptr* ptr)
+    {
+        uci_context* context = m_store->context();
+        uci_package* package = nullptr;
+        switch (command) {
+        case UCI_CMD_ADD:
+            if (uci_load(context, ptr->package, &package) != UCI_OK)
+                return -1;
+            return uci_add_section(context, package, ptr->value, &ptr->s);
+        case UCI_CMD_CHANGE:
+            return uci_set(context, ptr);
+        case UCI_CMD_RENAME:
+            return uci_rename(context, ptr);
+        case UCI_CMD_LIST_ADD:
+            return uci_add_list(context, ptr);
+        case UCI_CMD_LIST_DEL:
+            return uci_del_list(context, ptr);
+        default:
+            return uci_delete(context, ptr);
+        }
+    }
+
     /** The names of the files and directories that were flushed since the last time, in that order. */
     static QByteArray flushed(NSystemCalls::Record& calls)
     {

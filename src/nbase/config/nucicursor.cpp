@@ -80,11 +80,21 @@ QString withoutNull(const QString& value)
     return value.isNull() ? QString::fromLatin1("") : value;
 }
 
+bool isStorable(QChar character)
+{
+    const ushort code = character.unicode();
+    return code >= 32 || code == '\t' || code == '\n' || code == '\r';
+}
+
+// Whether the store takes all these values, so that a list is not left half set.
 bool isStorable(const QStringList& values)
 {
     for (int index = 0; index < values.size(); ++index) {
-        if (values.at(index).contains(QChar(0)))
-            return false;
+        const QString& value = values.at(index);
+        for (int position = 0; position < value.size(); ++position) {
+            if (!isStorable(value.at(position)))
+                return false;
+        }
     }
     return true;
 }

@@ -28,10 +28,10 @@ struct uci_section;
  * text with a NUL character, which the store cannot represent, is refused. A null or empty name is refused as well
  * and never addresses the parent element, and so is a package name with a "/", which would be a path.
  *
- * The store accepts any name and value in memory. Those that its files cannot represent are dropped when the
- * staged changes are read, which a commit does, too. Names of new sections and options consist of letters, digits
- * and "_", types of printable ASCII characters without blanks, and values contain no control characters but tabs
- * and line ends.
+ * Names of new sections and options consist of letters, digits and "_", types of printable ASCII characters
+ * without blanks, and values contain no control characters but tabs and line ends. A change that its files cannot
+ * represent is refused by the store of this tree, and dropped by libuci when the staged changes are read, which a
+ * commit does, too.
  *
  * Failures are reported only by the results. The causes are a name that does not exist or is not allowed, or a
  * file that cannot be read or written. Returned pointers are owned by the store; they are valid until the package
@@ -110,7 +110,8 @@ public:
 
     /**
      * @{
-     * Renames or deletes a section. The form "...IfExists" also succeeds if the section does not exist.
+     * Renames or deletes a section. A new name must not be taken. The form "...IfExists" also succeeds if the
+     * section does not exist.
      * @return whether it succeeded.
      */
     bool renameSection(const QString& package, const QString& section, const QString& newName);
@@ -143,8 +144,8 @@ public:
 
     /**
      * Sets an option of an existing section to a list.
-     * @return false, with the option unchanged, for an empty list; false if an item could not be added, with the
-     * items before it added.
+     * @return false, with the option unchanged, for an empty list and for one with a control character; false if
+     * an item could not be added, with the items before it added.
      */
     bool
     setOption(const QString& package, const QString& section, const QString& option, const QStringList& values);
@@ -155,7 +156,8 @@ public:
 
     /**
      * @{
-     * Renames or deletes an option. The form "...IfExists" also succeeds if the option does not exist.
+     * Renames or deletes an option. A new name must not be taken. The form "...IfExists" also succeeds if the
+     * option does not exist.
      * @return whether it succeeded.
      */
     bool

@@ -180,6 +180,10 @@ private slots:
     void missingNamesNeverAddressTheParent_data();
     void missingNamesNeverAddressTheParent();
     void textsWithNulAreRefused();
+    void listsWithControlCharactersLeaveTheOptionUnchanged();
+#ifdef NBASE_OWN_UCI /* libuci drops such changes later */
+    void namesThatAFileCannotHoldAreRefused();
+#endif
     void otherCharactersThanLatin1BecomeQuestionMarks();
     void everyByteOfAValueIsReadBack();
 
@@ -738,11 +742,19 @@ void tst_NUciCursor::allSectionsOfAPackageByName()
 
 void tst_NUciCursor::laterSectionOfTheSameNameReplacesAnEarlierOne()
 {
-    QVERIFY(cursor().renameSection(m_network, latin1("upper"), m_lan));
-    const QHash<QString, uci_section*> sections = NUciCursor::packageSections(cursor().package(m_network));
-    QCOMPARE(sections.size(), 4);
-    QCOMPARE(sections.value(m_lan)->type, "Route");
-    QCOMPARE(cursor().section(m_network, m_lan)->type, "interface");
+    // Stores differ in whether a name can be given twice.
+    char name[] = "lan";
+    uci_package package = uci_package();
+    uci_section sections[2] = {uci_section(), uci_section()};
+    package.sections.next = &sections[0].e.list;
+    package.sections.prev = &sections[1].e.list;
+    sections[0].e.name = sections[1].e.name = name;
+    sections[0].e.list.next = &sections[1].e.list;
+    sections[0].e.list.prev = sections[1].e.list.next = &package.sections;
+    sections[1].e.list.prev = &sections[0].e.list;
+    const QHash<QString, uci_section*> byName = NUciCursor::packageSections(&package);
+    QCOMPARE(byName.size(), 1);
+    QCOMPARE(byName.value(m_lan), &sections[1]);
 }
 
 void tst_NUciCursor::allOptionsOfASectionByName()
@@ -1000,6 +1012,32 @@ void tst_NUciCursor::textsWithNulAreRefused()
     QCOMPARE(describe(optionOf("dns")), latin1("10.0.0.1|10.0.0.2"));
     QVERIFY(cursor().section(m_network, m_lan));
 }
+
+void tst_NUciCursor::listsWithControlCharactersLeaveTheOptionUnchanged()
+{
+    QVERIFY(!cursor().setOption(
+        m_network, m_lan, latin1("dns"), QStringList() << latin1("10.0.0.3") << latin1("\x1b")));
+    QCOMPARE(describe(optionOf("dns")), latin1("10.0.0.1|10.0.0.2"));
+}
+
+#ifdef NBASE_OWN_UCI
+void tst_NUciCursor::namesThatAFileCannotHoldAreRefused()
+{
+    QVERIFY(!cursor().setSection(m_network, latin1("wan-6"), latin1("interface")));
+    QVERIFY(!cursor().setSection(m_network, latin1("wan6"), latin1("a b")));
+    QVERIFY(!cursor().addSection(m_network, latin1("a b")));
+    QVERIFY(!cursor().renameSection(m_network, m_lan, latin1("lan-1")));
+    QVERIFY(!cursor().renameSection(m_network, latin1("upper"), m_lan));
+    QVERIFY(!cursor().setOption(m_network, m_lan, latin1("a-b"), latin1("1")));
+    QVERIFY(!cursor().setOption(m_network, m_lan, latin1("a-b"), QStringList() << latin1("1")));
+    QVERIFY(!cursor().renameOption(m_network, m_lan, latin1("mtu"), latin1("m t u")));
+    QVERIFY(!cursor().renameOption(m_network, m_lan, latin1("mtu"), latin1("proto")));
+    QVERIFY(!cursor().setOption(m_network, m_lan, latin1("mtu"), latin1("15\x7") + latin1("00")));
+    QVERIFY(cursor().save(m_network));
+    QVERIFY(!QFile::exists(savePath("network")));
+    QCOMPARE(describe(optionOf("mtu")), latin1("[1500]"));
+}
+#endif
 
 void tst_NUciCursor::otherCharactersThanLatin1BecomeQuestionMarks()
 {
