@@ -2,6 +2,7 @@
 #include "paths_p.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -26,24 +27,59 @@ static bool add_name(struct names* names, const char* name)
     return names->name[names->count] && ++names->count;
 }
 
-static bool add_names_in(struct names* names, const char* path)
+/* Whether a file may be a package. One that cannot be examined is taken for one, so that reading it reports why.
+ */
+static bool may_be_package(const char* path)
+{
+    struct stat status;
+
+    if (stat(path, &status) == 0)
+        return S_ISREG(status.st_mode);
+    return errno != ENOENT && errno != ELOOP;
+}
+
+static int add_name_in(struct names* names, const char* path, const char* name)
+{
+    if (package_check_name(name) != UCI_OK)
+        return UCI_OK;
+    char* file = path_join(path, name);
+    if (!file)
+        return UCI_ERR_MEM;
+    bool added = !may_be_package(file) || add_name(names, name);
+    free(file);
+    return added ? UCI_OK : UCI_ERR_MEM;
+}
+
+/* UCI_ERR_NOTFOUND: there is no such directory. */
+static int add_names_in(struct names* names, const char* path)
 {
     DIR* directory = opendir(path);
-    struct dirent* entry;
-    struct stat status;
-    bool done = true;
+    int result = UCI_OK;
 
-    while (directory && done && (entry = readdir(directory))) {
-        if (package_check_name(entry->d_name) != UCI_OK)
-            continue;
-        char* file = path_join(path, entry->d_name);
-        bool regular = file && stat(file, &status) == 0 && S_ISREG(status.st_mode);
-        done = file && (!regular || add_name(names, entry->d_name));
-        free(file);
+    if (!directory)
+        return errno == ENOENT ? UCI_ERR_NOTFOUND : errno == ENOMEM ? UCI_ERR_MEM : UCI_ERR_IO;
+    while (result == UCI_OK) {
+        errno = 0;
+        const struct dirent* entry = readdir(directory);
+        if (!entry) {
+            result = errno ? UCI_ERR_IO : UCI_OK;
+            break;
+        }
+        result = add_name_in(names, path, entry->d_name);
     }
-    if (directory)
-        closedir(directory);
-    return done;
+    closedir(directory);
+    return result;
+}
+
+/* The directory whose packages take precedence need not exist. */
+static int add_names(struct names* names, const struct uci_context* ctx)
+{
+    int result = add_names_in(names, ctx->confdir);
+
+    if (result != UCI_OK || !*ctx->conf2dir)
+        return result;
+    result = add_names_in(names, ctx->conf2dir);
+    return result == UCI_ERR_NOTFOUND ? UCI_OK : result;
 }
 
 static int compare_names(const void* one, const void* other)
@@ -81,13 +117,15 @@ int uci_list_configs(struct uci_context* ctx, char*** list)
     if (!ctx || !list)
         return finish(ctx, UCI_ERR_INVAL);
     *list = NULL;
-    if (add_names_in(&names, ctx->confdir) && (!*ctx->conf2dir || add_names_in(&names, ctx->conf2dir))) {
+    int result = add_names(&names, ctx);
+    if (result == UCI_OK) {
         if (names.count)
             qsort(names.name, names.count, sizeof(*names.name), compare_names);
         *list = join_names(&names);
+        result = *list ? UCI_OK : UCI_ERR_MEM;
     }
     for (size_t i = 0; i < names.count; i++)
         free(names.name[i]);
     free(names.name);
-    return finish(ctx, *list ? UCI_OK : UCI_ERR_MEM);
+    return finish(ctx, result);
 }

@@ -354,7 +354,13 @@ UCI_EXPORT int uci_save(struct uci_context* ctx, struct uci_package* p);
  */
 UCI_EXPORT int uci_commit(struct uci_context* ctx, struct uci_package** p, bool overwrite);
 
-/** @return the names of all packages in *@a list, ended by a null pointer; one block of memory for free(). */
+/**
+ * Lists the packages of both configuration directories.
+ * @param list receives the names of all packages, ended by a null pointer; one block of memory for free(). Null on
+ * failure.
+ * @return UCI_ERR_NOTFOUND if the configuration directory does not exist, UCI_ERR_IO if one of the directories
+ * cannot be read.
+ */
 UCI_EXPORT int uci_list_configs(struct uci_context* ctx, char*** list);
 
 /** Sets the staging directory; previous ones are still read. */

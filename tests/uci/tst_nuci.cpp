@@ -298,6 +298,31 @@ private slots:
         QCOMPARE(m_errors, QByteArray("nuci: Entry not found\n"));
     }
 
+    /** It may be on a disk that is not mounted yet. */
+    void missingConfigurationDirectoryIsAnError_data()
+    {
+        QTest::addColumn<QStringList>("command");
+        for (const char* command : {"show", "commit", "changes", "export"})
+            QTest::newRow(command) << words(command);
+    }
+
+    void missingConfigurationDirectoryIsAnError()
+    {
+        QFETCH(QStringList, command);
+        const QStringList config = QStringList()
+                                   << QLatin1String("-c") << m_directory->filePath(QLatin1String("missing"));
+        QCOMPARE(run(config + command), 1);
+        QCOMPARE(m_output, QByteArray());
+        QCOMPARE(m_errors, QByteArray("nuci: Entry not found\n"));
+        m_directory->writeFile(QLatin1String("missing"), "a file");
+        QCOMPARE(run(config + command), 1);
+        QCOMPARE(m_errors, QByteArray("nuci: I/O error\n"));
+        m_directory->writeFile(QLatin1String("empty/.keep"), QByteArray());
+        const QStringList empty = QStringList()
+                                  << QLatin1String("-c") << m_directory->filePath(QLatin1String("empty"));
+        QCOMPARE(run(empty + command), 0);
+    }
+
     void malformedPackageDoesNotHideTheOthers()
     {
         m_directory->writeFile(QLatin1String("config/bad"), "rubbish\n");

@@ -199,6 +199,58 @@ private slots:
         QCOMPARE(m_store->config("network"), QByteArray(second));
     }
 
+    void directoriesThatCannotBeReadAreNotListed_data()
+    {
+        QTest::addColumn<QString>("directory");
+        QTest::newRow("the configuration directory") << QString::fromLatin1("config");
+        QTest::newRow("the overriding directory") << QString::fromLatin1("over");
+    }
+
+    void directoriesThatCannotBeReadAreNotListed()
+    {
+        QFETCH(QString, directory);
+        const QString over = m_directory->filePath(QLatin1String("over"));
+        QVERIFY(QDir().mkpath(over));
+        QCOMPARE(uci_set_conf2dir(m_store->context(), QFile::encodeName(over).constData()), int(UCI_OK));
+        const QByteArray path = QFile::encodeName(m_directory->filePath(directory));
+        QCOMPARE(chmod(path.constData(), 0000), 0);
+        char** list = nullptr;
+        {
+            NWithoutFileOverride withoutOverride;
+            QCOMPARE(uci_list_configs(m_store->context(), &list), int(UCI_ERR_IO));
+            QVERIFY(!list);
+        }
+        QCOMPARE(chmod(path.constData(), 0755), 0);
+        QVERIFY(QDir().rmdir(over));
+        QCOMPARE(uci_list_configs(m_store->context(), &list), int(UCI_OK));
+        QCOMPARE(QByteArray(list[0]), QByteArray("network"));
+        QVERIFY(!list[1]);
+        std::free(list);
+    }
+
+    void packagesThatCannotBeExaminedAreListed()
+    {
+        const QByteArray config = QFile::encodeName(m_directory->filePath(QLatin1String("config")));
+        QVERIFY(QFile::link(QLatin1String("nowhere"), m_store->configFile("dangling")));
+        QCOMPARE(chmod(config.constData(), 0444), 0); /* to list names, but not to use them */
+        char** list = nullptr;
+        {
+            NWithoutFileOverride withoutOverride;
+            QCOMPARE(uci_list_configs(m_store->context(), &list), int(UCI_OK));
+            uci_package* package = nullptr;
+            QCOMPARE(uci_load(m_store->context(), "network", &package), int(UCI_ERR_IO));
+        }
+        QCOMPARE(chmod(config.constData(), 0755), 0);
+        QCOMPARE(QByteArray(list[0]), QByteArray("dangling"));
+        QCOMPARE(QByteArray(list[1]), QByteArray("network"));
+        QVERIFY(!list[2]);
+        std::free(list);
+        QCOMPARE(uci_list_configs(m_store->context(), &list), int(UCI_OK));
+        QCOMPARE(QByteArray(list[0]), QByteArray("network"));
+        QVERIFY(!list[1]);
+        std::free(list);
+    }
+
     void malformedFileFailsTheCommit_data()
     {
         QTest::addColumn<QByteArray>("text");
