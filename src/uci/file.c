@@ -9,14 +9,21 @@
 
 /* ---- opening and locking ---- */
 
-static int lock(int fd, int operation)
+/* Some network and FUSE file systems have no locks. Their files can be used by one program at a time all the same.
+ */
+static bool has_no_locks(int error)
+{
+    return error == ENOSYS || error == EOPNOTSUPP || error == ENOLCK;
+}
+
+static bool lock(int fd, int operation)
 {
     int result;
 
     do
         result = flock(fd, operation);
     while (result < 0 && errno == EINTR);
-    return result;
+    return result == 0 || has_no_locks(errno);
 }
 
 static bool is_same_file(const struct stat* one, const struct stat* other)
@@ -40,7 +47,7 @@ static int open_locked(struct locked_file* file, const char* path, int flags, un
             file_close(file);
             return UCI_ERR_NOTFOUND;
         }
-        if (lock(file->fd, operation) < 0) {
+        if (!lock(file->fd, operation)) {
             file_close(file);
             return UCI_ERR_IO;
         }

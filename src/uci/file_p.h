@@ -1,5 +1,5 @@
 /*
- * Files that are locked while they are open, see flock(2).
+ * Files that are locked while they are open, see flock(2), unless their file system has no locks.
  * Builds on growing text.
  */
 #ifndef UCI_FILE_P_H

@@ -41,21 +41,23 @@ static size_t find_last(struct text* text)
     return found;
 }
 
-size_t mark_skip_committed(const struct text* text, const struct text* package_file)
+int mark_skip_committed(const struct text* text, const struct text* package_file, size_t* size)
 {
     struct text expected = {NULL, 0, 0, false};
     struct text copy = {NULL, 0, 0, false};
 
+    *size = 0;
     if (!text->size || !memmem(text->data, text->size, DELTA_MARK, sizeof(DELTA_MARK) - 1))
-        return 0;
+        return UCI_OK;
     text_append(&copy, text->data, text->size);
     mark_write(&expected, package_file);
-    size_t begin = copy.failed ? text->size : find_last(&copy);
-    size_t left = text->size - begin;
-    bool same =
-        !expected.failed && left >= expected.size && memcmp(text->data + begin, expected.data, expected.size) == 0;
-    size_t rest = begin + expected.size;
+    int result = copy.failed || expected.failed ? UCI_ERR_MEM : UCI_OK;
+    if (result == UCI_OK) {
+        size_t begin = find_last(&copy);
+        if (text->size - begin >= expected.size && memcmp(text->data + begin, expected.data, expected.size) == 0)
+            *size = begin + expected.size;
+    }
     text_free(&copy);
     text_free(&expected);
-    return same ? rest : 0;
+    return result;
 }

@@ -11,7 +11,10 @@
 /* Appends the mark of a commit that makes this the text of the package file. */
 void mark_write(struct text* text, const struct text* package_file);
 
-/* The size of the lines that this package file contains already: those up to the latest mark, if it matches. */
-size_t mark_skip_committed(const struct text* text, const struct text* package_file);
+/*
+ * Gives the size of the lines that this package file contains already: those up to the latest mark, if it matches.
+ * Out of memory is not the same as no mark: the lines would be applied again.
+ */
+int mark_skip_committed(const struct text* text, const struct text* package_file, size_t* size);
 
 #endif

@@ -132,8 +132,8 @@ int staged_open(
         return exclusive && result == UCI_ERR_IO ? UCI_ERR_IO : UCI_OK;
     result = file_read(&staged->file, &staged->text);
     if (result == UCI_OK)
-        staged->begin = mark_skip_committed(&staged->text, package_file);
-    else
+        result = mark_skip_committed(&staged->text, package_file, &staged->begin);
+    if (result != UCI_OK)
         staged_close(staged);
     return result;
 }

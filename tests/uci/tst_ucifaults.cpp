@@ -18,6 +18,7 @@
 #include <linux/seccomp.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -93,6 +94,13 @@ void failAt(int systemCall, quint32 action)
 }
 
 } // namespace
+
+// Sanitizers end the program when memory runs out, unless they are asked to fail the allocation.
+extern "C" const char* __asan_default_options();
+extern "C" const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
 
 /** The files after the store has failed or was killed. The directories are in memory. */
 class TestUciFaults : public QObject
@@ -333,6 +341,26 @@ private slots:
         NPrivateNamespace::unmount(config);
     }
 
+    void fileSystemWithoutLocksIsUsedUnlocked_data()
+    {
+        QTest::addColumn<int>("error");
+        QTest::addColumn<int>("result");
+        QTest::newRow("not implemented") << ENOSYS << int(UCI_OK);
+        QTest::newRow("not supported") << EOPNOTSUPP << int(UCI_OK);
+        QTest::newRow("no lock manager") << ENOLCK << int(UCI_OK);
+        QTest::newRow("another error") << EIO << int(UCI_ERR_IO);
+    }
+
+    void fileSystemWithoutLocksIsUsedUnlocked()
+    {
+        QFETCH(int, error);
+        QFETCH(int, result);
+        const NSystemCalls::Fault fault(NSystemCalls::Flock, error);
+        QCOMPARE(m_store->set("network.lan.ip=2"), result);
+        QCOMPARE(m_store->commit("network"), result);
+        QCOMPARE(m_store->config("network"), QByteArray(result == UCI_OK ? second : first));
+    }
+
     void filesAreFlushedInOrder()
     {
         QCOMPARE(m_store->set("network.lan.ip=2"), int(UCI_OK));
@@ -474,6 +502,27 @@ private slots:
             m_store->config("network"),
             QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\tlist dns 'c'\n\n"));
         QCOMPARE(m_store->staged("network"), QByteArray());
+    }
+
+    /** The lines are such that applying them takes no memory. */
+    void interruptedCommitIsNotRepeatedWhenMemoryRunsOut()
+    {
+        m_store->writeConfig("network", oneServer);
+        const QByteArray line = "~network.lan.dns='" + QByteArray(1 << 20, 'x') + "'\n";
+        QByteArray lines("|network.lan.dns='b'\n");
+        for (int i = 0; i < 40; ++i)
+            lines += line;
+        m_store->writeStaged("network", lines);
+        commitUntil(truncateCall);
+        QCOMPARE(m_store->config("network"), QByteArray(twoServers));
+        m_store->reopen();
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(loadWithin(3 * qint64(lines.size()) / 2));
+        int status = 0;
+        QCOMPARE(waitpid(child, &status, 0), child);
+        QVERIFY(WIFEXITED(status));
+        QCOMPARE(WEXITSTATUS(status), int(UCI_ERR_MEM));
     }
 
     void interruptedCommitIsNotReverted()
@@ -817,6 +866,23 @@ private:
         default:
             return uci_delete(context, ptr);
         }
+    }
+
+    /** Loads the package with so much more memory. @return its result. */
+    int loadWithin(qint64 bytes)
+    {
+        long pages = 0;
+        FILE* stream = std::fopen("/proc/self/statm", "r");
+        if (!stream || std::fscanf(stream, "%ld", &pages) != 1)
+            return -1;
+        std::fclose(stream);
+        rlimit limit;
+        limit.rlim_cur = limit.rlim_max = rlim_t(qint64(pages) * sysconf(_SC_PAGESIZE) + bytes);
+        if (setrlimit(RLIMIT_AS, &limit) < 0)
+            return -1;
+        m_store->context()->flags = UCI_FLAG_STRICT; /* the list of staged changes would take memory as well */
+        uci_package* package = nullptr;
+        return uci_load(m_store->context(), "network", &package);
     }
 
     /** The names of the files and directories that were flushed since the last time, in that order. */
