@@ -18,7 +18,6 @@
 namespace {
 
 typedef QHash<QString, NFreePackage*> Packages;
-typedef QHash<QString, QString> LicenseFiles;
 
 // Licence texts are read in pieces of this size. In JSON, a character has six bytes at the most.
 const int ReadSize = 16 * 1024;
@@ -91,7 +90,7 @@ private:
     void enqueuePackage(const QString& name)
     {
         const NFreePackage* const package = m_packages.value(name);
-        const LicenseFiles files = package->licenseFiles();
+        const QHash<QString, QString> files = package->licenseFiles();
         const QStringList fileNames = sorted(files.keys());
         QByteArray json = (m_packageCount == 1 ? '{' : ',') + quoted(name) + ":{\"licenseFiles\":{";
         const char* separator = "";
