@@ -464,8 +464,8 @@ UCI_EXPORT uint32_t uci_hash_options(struct uci_option** tb, int n_opts);
 /** The first byte after an element. */
 #define uci_dataptr(ptr) (((char*)(ptr)) + sizeof(*(ptr)))
 
-/* C++ compilers can warn about NULL. */
 #if defined(__cplusplus) && __cplusplus >= 201103L
+/** A null pointer for the functions below; C++ compilers can warn about NULL. */
 #define UCI_NULL nullptr
 #else
 #define UCI_NULL NULL
