@@ -117,6 +117,7 @@ private slots:
     void openingsInBetweenAreSeen();
     void processesMayOpenAtOnce_data();
     void processesMayOpenAtOnce();
+    void fileThatReplacesADamagedOneMayBeLocked();
     void openingEndsWhenTheFileKeepsChanging();
     void lockedDatabaseIsNotOpened();
     void databaseThatIsBeingWrittenIsOpened();
@@ -233,6 +234,26 @@ void tst_NAbstractSqliteDbManager_Processes::processesMayOpenAtOnce()
         QCOMPARE(contentOf(path + text(".damaged")), isDatabase ? QByteArray() : content);
         takeMessages();
     }
+}
+
+// The other process has set the damaged file aside, and uses the new one when the manager is about to do the same.
+void tst_NAbstractSqliteDbManager_Processes::fileThatReplacesADamagedOneMayBeLocked()
+{
+    const QString path = newPath();
+    const QString replacement = makeDatabase("CREATE TABLE t(note); INSERT INTO t VALUES('in between');", 2);
+    write(path, QByteArray("no database\n").repeated(500));
+    QScopedPointer<OtherProcess> other;
+    InterruptedManager manager(path, 2, InterruptedManager::AtName, [&] {
+        if (!QFile::remove(path) || !QFile::copy(replacement, path))
+            return;
+        other.reset(new OtherProcess(path));
+        other->execute("BEGIN IMMEDIATE;");
+    });
+    manager.openDatabase();
+    QVERIFY(other);
+    QCOMPARE(takeMessages(), lines(Initialised));
+    QCOMPARE(manager.rows("SELECT note FROM t"), lines("in between"));
+    QVERIFY(!QFile::exists(path + text(".damaged")));
 }
 
 // The file is another one each time that the manager has looked at it.
