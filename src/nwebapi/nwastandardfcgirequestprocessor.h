@@ -151,8 +151,8 @@ protected:
 
     /**
      * @{
-     * Answers @a request with @a document as JSON in UTF-8, and deletes it.
-     * @param header of the reply, for one with a status or fields of its own; its character set must be UTF-8.
+     * Answers @a request with @a document as JSON in UTF-8, and deletes it. A header, which must announce UTF-8,
+     * gives the reply a status or fields of its own.
      */
     static void sendJsonReply(NwaFcgiRequest* request, const QVariant& document);
     static void sendJsonReply(NwaFcgiRequest* request, const QVariant& document, const NwaHttpJsonHeader& header);
