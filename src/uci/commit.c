@@ -88,6 +88,19 @@ static int commit_as_it_is(struct uci_package* p, const struct locked_file* file
     return result;
 }
 
+/* Opens the file of a package for writing, after an interrupted commit of it, if any, is finished. */
+static int open_file(struct locked_file* file, const char* path)
+{
+    int result = file_open_exclusive(file, path, UCI_FILEMODE);
+
+    if (result != UCI_OK)
+        return result;
+    result = staged_finish_interrupted(file, path);
+    if (result != UCI_OK)
+        file_close(file);
+    return result;
+}
+
 /* Writes an imported package, which has no file yet. From then on its changes are staged. */
 static int commit_first(struct uci_package* p)
 {
@@ -96,7 +109,7 @@ static int commit_first(struct uci_package* p)
 
     if (!path)
         return UCI_ERR_MEM;
-    int result = file_open_exclusive(&file, path, UCI_FILEMODE);
+    int result = open_file(&file, path);
     p->path = path;
     if (result == UCI_OK) {
         result = write_file(p, &file, NULL);
@@ -119,7 +132,7 @@ static int commit(struct uci_package** package, bool overwrite)
 
     if (!p->path)
         return overwrite ? commit_first(p) : UCI_ERR_INVAL;
-    int result = file_open_exclusive(&file, p->path, UCI_FILEMODE);
+    int result = open_file(&file, p->path);
     if (result != UCI_OK)
         return result;
     if (!p->has_delta)

@@ -20,6 +20,23 @@ char* path_join(const char* directory, const char* name)
     return path;
 }
 
+char* path_beside(const char* path, const char* suffix)
+{
+    const char* name = strrchr(path, '/') + 1;
+    size_t directory_size = (size_t)(name - path);
+    size_t name_size = strlen(name);
+    size_t suffix_size = strlen(suffix) + 1;
+    char* result = malloc(directory_size + 1 + name_size + suffix_size);
+
+    if (!result)
+        return NULL;
+    memcpy(result, path, directory_size);
+    result[directory_size] = '.';
+    memcpy(result + directory_size + 1, name, name_size);
+    memcpy(result + directory_size + 1 + name_size, suffix, suffix_size);
+    return result;
+}
+
 /* ---- names of packages ---- */
 
 static bool has_parent_part(const char* name)

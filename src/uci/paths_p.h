@@ -10,6 +10,12 @@
 /* Returns directory and name joined with "/", or null when out of memory. */
 char* path_join(const char* directory, const char* name);
 
+/*
+ * Returns the path of a hidden file beside a file, with a suffix, or null when out of memory. The path of the file
+ * has a "/".
+ */
+char* path_beside(const char* path, const char* suffix);
+
 /* Returns UCI_OK if a package may have this name, or the error code of uci_load(). */
 int package_check_name(const char* name);
 

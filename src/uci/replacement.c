@@ -1,25 +1,12 @@
 #include "replacement_p.h"
 
+#include "paths_p.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-/* The name of the new file is always the same, so that one left by a killed process is replaced by the next. */
-static char* name_beside(const char* path)
-{
-    const char* name = strrchr(path, '/') + 1;
-    struct text text = {NULL, 0, 0, false};
-
-    text_append(&text, path, (size_t)(name - path));
-    text_append_string(&text, ".");
-    text_append_string(&text, name);
-    text_append_string(&text, ".uci-new");
-    if (text.failed)
-        text_free(&text);
-    return text.data;
-}
 
 /* Gives the new file the mode and owner of the old one. False if they cannot be kept. */
 static bool copy_attributes(int new_fd, int old_fd)
@@ -50,7 +37,8 @@ int replacement_prepare(
     replacement->path = realpath(path, NULL);
     if (!replacement->path)
         return errno == ENOMEM ? UCI_ERR_MEM : UCI_ERR_IO;
-    char* new_path = name_beside(replacement->path);
+    /* The name is always the same, so that a file left by a killed process is replaced by the next. */
+    char* new_path = path_beside(replacement->path, ".uci-new");
     if (!new_path) {
         replacement_free(replacement);
         return UCI_ERR_MEM;

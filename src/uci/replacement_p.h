@@ -1,6 +1,6 @@
 /*
  * Replacing a file in one step.
- * Builds on files.
+ * Builds on paths and files.
  */
 #ifndef UCI_REPLACEMENT_P_H
 #define UCI_REPLACEMENT_P_H

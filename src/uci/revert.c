@@ -3,7 +3,6 @@
 #include "error_p.h"
 #include "load_p.h"
 #include "lookup_p.h"
-#include "paths_p.h"
 
 #include <stdlib.h>
 
@@ -19,7 +18,8 @@ static bool filter_lines(
     const struct uci_package* p, struct staged* staged, const char* section, const char* option, struct text* kept)
 {
     struct words words = {
-        .position = staged->text.data + staged->begin, .end = staged->text.data + staged->text.size};
+        .position = staged->own.text.data + staged->own.begin,
+        .end = staged->own.text.data + staged->own.text.size};
     struct delta_line line;
     enum delta_result read;
 
@@ -32,33 +32,15 @@ static bool filter_lines(
     return true;
 }
 
-static int rewrite(const struct locked_file* file, const char* path, const struct text* kept)
-{
-    struct replacement replacement;
-
-    if (!kept->size)
-        return file_truncate(file, 0);
-    int result = replacement_prepare(&replacement, file, path, kept);
-    if (result != UCI_OK)
-        return result;
-    result = replacement_apply(&replacement);
-    replacement_free(&replacement);
-    return result;
-}
-
 /* Removes the lines from the file of staged changes. */
 static int drop_lines(const struct uci_package* p, struct staged* staged, const char* section, const char* option)
 {
     struct text kept = {NULL, 0, 0, false};
     int result = UCI_OK;
-    char* path = staged_path(p->ctx, p->e.name);
 
-    if (!path)
-        return UCI_ERR_MEM;
-    if (staged->text.size && !memchr(staged->text.data, 0, staged->text.size) &&
+    if (staged->own.text.size && !memchr(staged->own.text.data, 0, staged->own.text.size) &&
         filter_lines(p, staged, section, option, &kept))
-        result = kept.failed ? UCI_ERR_MEM : rewrite(&staged->file, path, &kept);
-    free(path);
+        result = kept.failed ? UCI_ERR_MEM : staged_rewrite(&staged->file, staged->path, &kept);
     text_free(&kept);
     return result;
 }

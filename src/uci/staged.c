@@ -3,6 +3,7 @@
 #include "change_p.h"
 #include "delta_p.h"
 #include "elements_p.h"
+#include "journal_p.h"
 #include "mark_p.h"
 #include "paths_p.h"
 #include "place_p.h"
@@ -111,28 +112,82 @@ int staged_append_pending(struct uci_package* p)
 
 /* ---- opening ---- */
 
+/* Opens a file of staged changes, if there is one. */
+static int open_file(struct locked_file* file, const char* path, bool exclusive)
+{
+    struct stat status;
+
+    if (!exclusive)
+        return file_open_shared(file, path);
+    return stat(path, &status) == 0 ? file_open_exclusive(file, path, UCI_FILEMODE) : UCI_ERR_NOTFOUND;
+}
+
+static int
+read_file(const struct locked_file* file, const struct text* package_file, struct staged_text* staged_text)
+{
+    int result = file_read(file, &staged_text->text);
+
+    return result == UCI_OK ? mark_skip_committed(&staged_text->text, package_file, &staged_text->begin) : result;
+}
+
+/* Reads what is staged in a directory other than the staging directory; nothing if there is no readable file. */
+static int read_directory(
+    const char* directory, const char* name, const struct text* package_file, struct staged_text* staged_text)
+{
+    struct locked_file file;
+    char* path = path_join(directory, name);
+
+    if (!path)
+        return UCI_ERR_MEM;
+    int result = file_open_shared(&file, path);
+    free(path);
+    if (result != UCI_OK)
+        return UCI_OK;
+    result = read_file(&file, package_file, staged_text);
+    file_close(&file);
+    return result;
+}
+
+static int read_others(
+    struct staged* staged, const struct uci_context* ctx, const char* name, const struct text* package_file)
+{
+    struct uci_element* e;
+    size_t count = 0;
+
+    uci_foreach_element(&ctx->delta_path, e) count++;
+    staged->others = calloc(count, sizeof(*staged->others));
+    if (!staged->others)
+        return UCI_ERR_MEM;
+    uci_foreach_element(&ctx->delta_path, e)
+    {
+        if (e->list.next == &ctx->delta_path) /* the last one is the staging directory */
+            break;
+        int result = read_directory(e->name, name, package_file, &staged->others[staged->other_count++]);
+        if (result != UCI_OK)
+            return result;
+    }
+    return UCI_OK;
+}
+
+static int read_own(struct staged* staged, const struct text* package_file, bool exclusive)
+{
+    int result = open_file(&staged->file, staged->path, exclusive);
+
+    if (result != UCI_OK)
+        return exclusive && result == UCI_ERR_IO ? UCI_ERR_IO : UCI_OK;
+    return read_file(&staged->file, package_file, &staged->own);
+}
+
 int staged_open(
     struct staged* staged, const struct uci_context* ctx, const char* name, const struct text* package_file,
     bool exclusive)
 {
-    struct stat status;
-
     memset(staged, 0, sizeof(*staged));
     staged->file.fd = -1;
-    char* path = staged_path(ctx, name);
-    if (!path)
-        return UCI_ERR_MEM;
-    int result = UCI_ERR_NOTFOUND;
-    if (!exclusive)
-        result = file_open_shared(&staged->file, path);
-    else if (stat(path, &status) == 0)
-        result = file_open_exclusive(&staged->file, path, UCI_FILEMODE);
-    free(path);
-    if (result != UCI_OK)
-        return exclusive && result == UCI_ERR_IO ? UCI_ERR_IO : UCI_OK;
-    result = file_read(&staged->file, &staged->text);
+    staged->path = staged_path(ctx, name);
+    int result = staged->path ? read_own(staged, package_file, exclusive) : UCI_ERR_MEM;
     if (result == UCI_OK)
-        result = mark_skip_committed(&staged->text, package_file, &staged->begin);
+        result = read_others(staged, ctx, name, package_file);
     if (result != UCI_OK)
         staged_close(staged);
     return result;
@@ -141,7 +196,11 @@ int staged_open(
 void staged_close(struct staged* staged)
 {
     file_close(&staged->file);
-    text_free(&staged->text);
+    text_free(&staged->own.text);
+    for (size_t i = 0; i < staged->other_count; i++)
+        text_free(&staged->others[i].text);
+    free(staged->others);
+    free(staged->path);
 }
 
 /* ---- applying ---- */
@@ -159,13 +218,16 @@ static int apply_line(struct uci_package* p, const struct delta_line* line)
     return change_apply(line->cmd, &ptr, false);
 }
 
-/* Applies the lines from an offset on, and adds the number of those that could be applied. */
-static int apply_text(struct uci_package* p, struct text* text, size_t begin, size_t* applied)
+/* Applies the lines that are not in the package file yet, and adds the number of those that could be applied. */
+static int apply_text(struct uci_package* p, struct staged_text* staged_text, size_t* applied)
 {
-    struct words words = {.position = text->data + begin, .end = text->data + text->size};
+    struct text* text = &staged_text->text;
+    struct words words = {.position = text->data + staged_text->begin, .end = text->data + text->size};
     struct delta_line line;
     enum delta_result read;
 
+    if (!text->size)
+        return UCI_OK;
     /* NUL bytes are replaced by a byte that no line may hold: only the lines they are in are refused then. */
     for (char* nul = words.position; (nul = memchr(nul, 0, (size_t)(words.end - nul)));)
         *nul = 1;
@@ -185,50 +247,20 @@ static int apply_text(struct uci_package* p, struct text* text, size_t begin, si
     return UCI_OK;
 }
 
-/* Applies the changes in a directory other than the staging directory; none if there is no readable file. */
-static int apply_directory(struct uci_package* p, const char* directory, size_t* applied)
-{
-    struct locked_file file;
-    struct text text;
-    char* path = path_join(directory, p->e.name);
-
-    if (!path)
-        return UCI_ERR_MEM;
-    int result = file_open_shared(&file, path);
-    free(path);
-    if (result != UCI_OK)
-        return UCI_OK;
-    result = file_read(&file, &text);
-    file_close(&file);
-    if (result != UCI_OK)
-        return result;
-    result = apply_text(p, &text, 0, applied);
-    text_free(&text);
-    return result;
-}
-
 int staged_apply(struct staged* staged, struct uci_package* p)
 {
-    struct uci_element* e;
+    int result = UCI_OK;
 
-    uci_foreach_element(&p->ctx->delta_path, e)
-    {
-        if (e->list.next == &p->ctx->delta_path) /* the last one is the staging directory */
-            break;
-        int result = apply_directory(p, e->name, &staged->applied);
-        if (result != UCI_OK)
-            return result;
-    }
-    if (!staged->text.size)
-        return UCI_OK;
-    return apply_text(p, &staged->text, staged->begin, &staged->applied);
+    for (size_t i = 0; i < staged->other_count && result == UCI_OK; i++)
+        result = apply_text(p, &staged->others[i], &staged->applied);
+    return result == UCI_OK ? apply_text(p, &staged->own, &staged->applied) : result;
 }
 
 /* ---- emptying ---- */
 
 int staged_empty_if_committed(const struct staged* staged)
 {
-    bool is_committed = staged->begin > 0 && staged->begin == staged->text.size;
+    bool is_committed = staged->own.begin > 0 && staged->own.begin == staged->own.text.size;
 
     return is_committed && staged->file.fd >= 0 ? file_truncate(&staged->file, 0) : UCI_OK;
 }
@@ -238,7 +270,7 @@ static void append_mark(const struct staged* staged, const struct text* package_
 {
     struct text mark = {NULL, 0, 0, false};
 
-    *whole = staged->text.size;
+    *whole = staged->own.text.size;
     mark_write(&mark, package_file);
     /* Without space for the mark the commit continues: it frees the space. */
     if (!mark.failed && drop_torn_line(&staged->file, whole) == UCI_OK)
@@ -253,7 +285,65 @@ int staged_commit(const struct staged* staged, struct replacement* replacement, 
     if (staged->file.fd < 0)
         return replacement_apply(replacement);
     append_mark(staged, package_file, &whole);
+    journal_begin(replacement->path, staged->path);
     int result = replacement_apply(replacement);
-    file_truncate(&staged->file, result == UCI_OK ? 0 : whole);
+    int emptied = file_truncate(&staged->file, result == UCI_OK ? 0 : whole);
+    if (result != UCI_OK || emptied == UCI_OK)
+        journal_end(replacement->path);
+    return result;
+}
+
+int staged_rewrite(const struct locked_file* file, const char* path, const struct text* text)
+{
+    struct replacement replacement;
+
+    if (!text->size)
+        return file_truncate(file, 0);
+    int result = replacement_prepare(&replacement, file, path, text);
+    if (result != UCI_OK)
+        return result;
+    result = replacement_apply(&replacement);
+    replacement_free(&replacement);
+    return result;
+}
+
+/* Drops the lines that this package file contains already. */
+static int drop_committed(const char* path, const struct text* package_file)
+{
+    struct locked_file file;
+    struct staged_text staged_text = {{NULL, 0, 0, false}, 0};
+    int result = open_file(&file, path, true);
+
+    if (result != UCI_OK)
+        return result == UCI_ERR_NOTFOUND ? UCI_OK : result;
+    result = read_file(&file, package_file, &staged_text);
+    if (result == UCI_OK && staged_text.begin > 0) {
+        const struct text rest = {
+            .data = staged_text.text.data + staged_text.begin, .size = staged_text.text.size - staged_text.begin};
+        result = staged_rewrite(&file, path, &rest);
+    }
+    text_free(&staged_text.text);
+    file_close(&file);
+    return result;
+}
+
+int staged_finish_interrupted(const struct locked_file* file, const char* path)
+{
+    struct text package_file;
+    char* real_path = realpath(path, NULL);
+    char* staged_file = real_path ? journal_read(real_path) : NULL;
+    int result = UCI_OK;
+
+    if (staged_file) {
+        result = file_read(file, &package_file);
+        if (result == UCI_OK) {
+            result = drop_committed(staged_file, &package_file);
+            text_free(&package_file);
+        }
+        if (result == UCI_OK)
+            journal_end(real_path);
+    }
+    free(staged_file);
+    free(real_path);
     return result;
 }

@@ -525,6 +525,81 @@ private slots:
         QCOMPARE(WEXITSTATUS(status), int(UCI_ERR_MEM));
     }
 
+    void interruptedCommitIsNotRepeatedAfterOneFromAnotherDirectory_data()
+    {
+        QTest::addColumn<bool>("isRead");
+        QTest::newRow("which is separate") << false;
+        QTest::newRow("whose program reads the first directory as well") << true;
+    }
+
+    void interruptedCommitIsNotRepeatedAfterOneFromAnotherDirectory()
+    {
+        QFETCH(bool, isRead);
+        const QByteArray both = "\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\toption mtu '1'\n\n";
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        commitFromAnotherDirectory(isRead);
+        QCOMPARE(m_store->config("network"), both);
+        QCOMPARE(m_store->staged("network"), QByteArray());
+        m_store->reopen();
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(m_store->config("network"), both);
+        QCOMPARE(filesBesideThePackages(), QStringList());
+    }
+
+    /** Lines after the mark were staged after the interruption. */
+    void changesStagedAfterAnInterruptedCommitOutliveOneFromAnotherDirectory()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        m_store->reopen();
+        QCOMPARE(m_store->addList("network.lan.dns=c"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        commitFromAnotherDirectory(false);
+        QCOMPARE(m_store->staged("network"), QByteArray("|network.lan.dns='c'\n"));
+        m_store->reopen();
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"), QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n"
+                                                   "\tlist dns 'c'\n\toption mtu '1'\n\n"));
+    }
+
+    void changesThatAnInterruptedCommitHasNotWrittenOutliveOneFromAnotherDirectory()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(renameCall);
+        commitFromAnotherDirectory(false);
+        QCOMPARE(
+            m_store->config("network"),
+            QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\toption mtu '1'\n\n"));
+        m_store->reopen();
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"),
+            QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\toption mtu '1'\n\n"));
+        QCOMPARE(filesBesideThePackages(), QStringList());
+    }
+
+    /** As after a restart, if the directory is in memory. */
+    void stagingDirectoryOfAnInterruptedCommitMayBeGone()
+    {
+        m_store->writeConfig("network", oneServer);
+        QCOMPARE(m_store->addList("network.lan.dns=b"), int(UCI_OK));
+        commitUntil(truncateCall);
+        QCOMPARE(filesBesideThePackages(), QStringList(QLatin1String(".network.uci-commit")));
+        QVERIFY(QFile::remove(m_store->stagedFile("network")));
+        m_store->reopen();
+        QCOMPARE(m_store->set("network.lan.mtu=1"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(
+            m_store->config("network"),
+            QByteArray("\nconfig interface 'lan'\n\tlist dns 'a'\n\tlist dns 'b'\n\toption mtu '1'\n\n"));
+        QCOMPARE(filesBesideThePackages(), QStringList());
+    }
+
     void interruptedCommitIsNotReverted()
     {
         m_store->writeConfig("network", oneServer);
@@ -832,9 +907,10 @@ private slots:
             m_store->writeStaged("network", QByteArray());
             known = 0;
         }
-        QVERIFY(
-            QDir(m_directory->filePath(QLatin1String("config"))).entryList(QDir::Files | QDir::Hidden).size() <=
-            2);
+        m_store->writeStaged("network", QByteArray());
+        QCOMPARE(m_store->set("network.lan.last=1"), int(UCI_OK));
+        QCOMPARE(m_store->commit("network"), int(UCI_OK));
+        QCOMPARE(filesBesideThePackages(), QStringList());
     }
 
 private:
@@ -866,6 +942,35 @@ private:
         default:
             return uci_delete(context, ptr);
         }
+    }
+
+    /** Sets an option and commits it with another staging directory. */
+    void commitFromAnotherDirectory(bool readsTheFirst)
+    {
+        const QByteArray save = QFile::encodeName(m_directory->filePath(QLatin1String("other")));
+        const QByteArray config = QFile::encodeName(m_directory->filePath(QLatin1String("config")));
+        const QByteArray first = QFile::encodeName(m_directory->filePath(QLatin1String("save")));
+        uci_context* const context = uci_alloc_context();
+        QCOMPARE(uci_set_confdir(context, config.constData()), int(UCI_OK));
+        if (readsTheFirst)
+            QCOMPARE(uci_set_savedir(context, first.constData()), int(UCI_OK));
+        QCOMPARE(uci_set_savedir(context, save.constData()), int(UCI_OK));
+        uci_ptr ptr = uci_ptr();
+        ptr.package = "network";
+        ptr.section = "lan";
+        ptr.option = "mtu";
+        ptr.value = "1";
+        QCOMPARE(uci_set(context, &ptr), int(UCI_OK));
+        QCOMPARE(uci_commit(context, &ptr.p, false), int(UCI_OK));
+        uci_free_context(context);
+    }
+
+    QStringList filesBesideThePackages() const
+    {
+        QStringList names = QDir(m_directory->filePath(QLatin1String("config")))
+                                .entryList(QDir::Files | QDir::System | QDir::Hidden);
+        names.removeAll(QLatin1String("network"));
+        return names;
     }
 
     /** Loads the package with so much more memory. @return its result. */
