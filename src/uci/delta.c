@@ -72,8 +72,7 @@ static void skip_marks(struct words* words)
         words_skip_line(words);
 }
 
-/* Whether the latest line is incomplete: it would continue after the end of the text. */
-static bool is_torn(const struct words* words)
+bool delta_is_torn(const struct words* words)
 {
     return words->unterminated || words->continued;
 }
@@ -87,7 +86,7 @@ enum delta_result delta_next(struct words* words, const char* package, struct de
     if (words->position == words->end)
         return DELTA_END;
     char* word = words_next(words);
-    bool whole = read_line_end(words) && !is_torn(words) && *word;
+    bool whole = read_line_end(words) && !delta_is_torn(words) && *word;
     return whole && parse_change(word, package, line) ? DELTA_LINE : DELTA_REFUSED;
 }
 
@@ -122,7 +121,7 @@ size_t delta_whole_size(struct text* text)
         size_t begin = (size_t)(words.position - text->data);
         if (delta_next(&words, "", &line) == DELTA_END)
             return text->size;
-        if (is_torn(&words))
+        if (delta_is_torn(&words))
             return begin;
     }
 }

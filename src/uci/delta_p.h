@@ -34,6 +34,9 @@ void delta_write(
  */
 size_t delta_whole_size(struct text* text);
 
+/* Whether the latest line is incomplete: it would continue after the end of the text. */
+bool delta_is_torn(const struct words* words);
+
 /* What the mark of a commit begins with, see mark_p.h. */
 #define DELTA_MARK "#commit "
 

@@ -46,6 +46,7 @@ struct package
 {
     struct uci_package public;
     struct name_index sections;
+    struct known_part known_part;
 };
 
 /* Name and type, or name and value, are in the same block of memory as the element until they change. */
@@ -337,6 +338,11 @@ void package_free(struct uci_package* p)
     free(p->path);
     free(p->e.name);
     free(p);
+}
+
+struct known_part* package_known_part(struct uci_package* p)
+{
+    return &((struct package*)p)->known_part;
 }
 
 struct uci_package* package_loaded(const struct uci_context* ctx, const char* name)

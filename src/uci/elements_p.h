@@ -1,11 +1,11 @@
 /*
  * Packages, sections, options and changes in memory.
- * Builds on the private part of the context, for the key of the index of names.
+ * Builds on the private part of the context, for the key of the index of names, and on what is known of a file.
  */
 #ifndef UCI_ELEMENTS_P_H
 #define UCI_ELEMENTS_P_H
 
-#include "uci.h"
+#include "file_p.h"
 
 void list_init(struct uci_list* list);
 void list_append(struct uci_list* list, struct uci_list* link);
@@ -20,6 +20,9 @@ struct uci_package* package_new(struct uci_context* ctx, const char* name);
 
 /* Removes a package from its list and frees it. */
 void package_free(struct uci_package* p);
+
+/* The part of the file of its staged changes that consists of whole lines, as far as that is known. */
+struct known_part* package_known_part(struct uci_package* p);
 
 /* Returns the package with this name that is loaded, or null. */
 struct uci_package* package_loaded(const struct uci_context* ctx, const char* name);

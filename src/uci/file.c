@@ -54,6 +54,8 @@ static int open_locked(struct locked_file* file, const char* path, int flags, un
         /* Another process may have replaced the file before it was locked. */
         if (stat(path, &now) == 0 && is_same_file(&opened, &now)) {
             file->size = (unsigned long long)now.st_size;
+            file->device = (unsigned long long)now.st_dev;
+            file->number = (unsigned long long)now.st_ino;
             return UCI_OK;
         }
         file_close(file);
@@ -97,11 +99,11 @@ void file_close(struct locked_file* file)
 
 /* ---- reading and writing ---- */
 
-static bool read_fully(int fd, char* data, size_t size, size_t* done)
+static bool read_fully(int fd, unsigned long long offset, char* data, size_t size, size_t* done)
 {
     *done = 0;
     while (*done < size) {
-        ssize_t result = pread(fd, data + *done, size - *done, (off_t)*done);
+        ssize_t result = pread(fd, data + *done, size - *done, (off_t)(offset + *done));
         if (result < 0 && errno == EINTR)
             continue;
         if (result < 0)
@@ -127,17 +129,17 @@ bool write_fully(int fd, const char* data, size_t size)
     return true;
 }
 
-int file_read(const struct locked_file* file, struct text* text)
+int file_read_from(const struct locked_file* file, unsigned long long offset, struct text* text)
 {
     memset(text, 0, sizeof(*text));
-    if (file->size >= PTRDIFF_MAX) /* on 32-bit boards a file may be larger than the address space */
+    if (file->size - offset >= PTRDIFF_MAX) /* on 32-bit boards a file may be larger than the address space */
         return UCI_ERR_MEM;
-    size_t size = (size_t)file->size;
+    size_t size = (size_t)(file->size - offset);
     text->data = malloc(size + 1);
     if (!text->data)
         return UCI_ERR_MEM;
     text->capacity = size + 1;
-    if (!read_fully(file->fd, text->data, size, &text->size)) {
+    if (!read_fully(file->fd, offset, text->data, size, &text->size)) {
         text_free(text);
         return UCI_ERR_IO;
     }
@@ -145,38 +147,77 @@ int file_read(const struct locked_file* file, struct text* text)
     return UCI_OK;
 }
 
-int file_truncate(const struct locked_file* file, size_t size)
+int file_read(const struct locked_file* file, struct text* text)
+{
+    return file_read_from(file, 0, text);
+}
+
+int file_truncate(struct locked_file* file, unsigned long long size)
 {
     int result;
 
     do
         result = ftruncate(file->fd, (off_t)size);
     while (result < 0 && errno == EINTR);
-    return result == 0 && fdatasync(file->fd) == 0 ? UCI_OK : UCI_ERR_IO;
+    if (result < 0)
+        return UCI_ERR_IO;
+    file->size = size;
+    return fdatasync(file->fd) == 0 ? UCI_OK : UCI_ERR_IO;
 }
 
 /* Whether the last line of a file has no newline, because a writer was killed or the file was edited. */
 static bool ends_within_line(const struct locked_file* file)
 {
-    struct stat status;
     char last;
 
-    if (fstat(file->fd, &status) < 0 || status.st_size == 0)
-        return false;
-    return pread(file->fd, &last, 1, status.st_size - 1) == 1 && last != '\n';
+    return file->size > 0 && pread(file->fd, &last, 1, (off_t)(file->size - 1)) == 1 && last != '\n';
 }
 
-int file_append(const struct locked_file* file, const struct text* text)
+int file_append(struct locked_file* file, const struct text* text)
 {
-    struct stat status;
+    unsigned long long size = file->size;
+    bool new_line = ends_within_line(file);
+    bool done = !new_line || write_fully(file->fd, "\n", 1);
 
-    if (fstat(file->fd, &status) < 0)
-        return UCI_ERR_IO;
-    bool done = !ends_within_line(file) || write_fully(file->fd, "\n", 1);
-    done = done && write_fully(file->fd, text->data, text->size) && fdatasync(file->fd) == 0;
+    done = done && write_fully(file->fd, text->data, text->size);
+    file->size = size + (new_line ? 1 : 0) + text->size;
+    done = done && fdatasync(file->fd) == 0;
     if (!done)
-        file_truncate(file, (size_t)status.st_size);
+        file_truncate(file, size);
     return done ? UCI_OK : UCI_ERR_IO;
+}
+
+/* ---- what is known of a file ---- */
+
+/* Reads the last bytes of the part of a file that has a size. */
+static bool read_end(const struct locked_file* file, unsigned long long size, struct known_part* known)
+{
+    size_t wanted = size < sizeof(known->end) ? (size_t)size : sizeof(known->end);
+    size_t done;
+
+    return read_fully(file->fd, size - wanted, known->end, wanted, &done) && done == wanted;
+}
+
+void file_note(const struct locked_file* file, unsigned long long size, struct known_part* known)
+{
+    memset(known, 0, sizeof(*known));
+    if (!read_end(file, size, known))
+        return;
+    known->device = file->device;
+    known->number = file->number;
+    known->size = size;
+}
+
+unsigned long long file_known_size(const struct locked_file* file, const struct known_part* known)
+{
+    struct known_part now;
+
+    if (file->device != known->device || file->number != known->number || file->size < known->size)
+        return 0;
+    memset(&now, 0, sizeof(now));
+    if (!read_end(file, known->size, &now) || memcmp(now.end, known->end, sizeof(now.end)) != 0)
+        return 0;
+    return known->size;
 }
 
 void file_flush_directory(const char* path)

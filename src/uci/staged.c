@@ -47,33 +47,39 @@ static void write_pending(const struct uci_package* p, struct text* text)
 }
 
 /*
- * Cuts off an incomplete change at the end, which a killed writer left, if it would swallow what is appended.
- * Gives the size of the rest. The whole file is read for that: a newline at its end may be part of a value.
+ * Cuts off an incomplete change at the end, which a killed writer left, if it would swallow what is appended. A
+ * newline at the end of the file may be part of a value, so that the lines have to be read, from the known part
+ * on.
  */
-static int drop_torn_line(const struct locked_file* file, size_t* whole)
+static int drop_torn_line(struct locked_file* file, const struct known_part* known)
 {
     struct text text;
-    int result = file_read(file, &text);
+    unsigned long long known_size = file_known_size(file, known);
 
+    if (known_size == file->size)
+        return UCI_OK;
+    int result = file_read_from(file, known_size, &text);
     if (result != UCI_OK)
         return result;
     size_t size = text.size;
-    *whole = delta_whole_size(&text);
+    size_t whole = delta_whole_size(&text);
     text_free(&text);
-    return *whole < size ? file_truncate(file, *whole) : UCI_OK;
+    return whole < size ? file_truncate(file, known_size + whole) : UCI_OK;
 }
 
-static int append_text(const struct uci_package* p, const char* path, const struct text* text)
+static int append_text(struct uci_package* p, const char* path, const struct text* text)
 {
     struct locked_file file;
-    size_t whole;
+    struct known_part* known = package_known_part(p);
 
     make_staging_directory(p->ctx);
     if (file_open_exclusive(&file, path, staging_mode(p)) != UCI_OK)
         return UCI_ERR_IO;
-    int result = drop_torn_line(&file, &whole);
+    int result = drop_torn_line(&file, known);
     if (result == UCI_OK)
         result = file_append(&file, text);
+    if (result == UCI_OK)
+        file_note(&file, file.size, known);
     if (result == UCI_OK && file.made)
         file_flush_directory(path);
     file_close(&file);
@@ -218,20 +224,23 @@ static int apply_line(struct uci_package* p, const struct delta_line* line)
     return change_apply(line->cmd, &ptr, false);
 }
 
-/* Applies the lines that are not in the package file yet, and adds the number of those that could be applied. */
-static int apply_text(struct uci_package* p, struct staged_text* staged_text, size_t* applied)
+/* Applies the lines that are not in the package file yet, and adds the number of those that could be applied.
+ * Gives whether the last one is incomplete. */
+static int apply_text(struct uci_package* p, struct staged_text* staged_text, size_t* applied, bool* is_torn)
 {
     struct text* text = &staged_text->text;
     struct words words = {.position = text->data + staged_text->begin, .end = text->data + text->size};
     struct delta_line line;
     enum delta_result read;
 
+    *is_torn = false;
     if (!text->size)
         return UCI_OK;
     /* NUL bytes are replaced by a byte that no line may hold: only the lines they are in are refused then. */
     for (char* nul = words.position; (nul = memchr(nul, 0, (size_t)(words.end - nul)));)
         *nul = 1;
     while ((read = delta_next(&words, p->e.name, &line)) != DELTA_END) {
+        *is_torn = delta_is_torn(&words);
         if (read != DELTA_LINE)
             continue;
         int result = apply_line(p, &line);
@@ -249,51 +258,58 @@ static int apply_text(struct uci_package* p, struct staged_text* staged_text, si
 
 int staged_apply(struct staged* staged, struct uci_package* p)
 {
+    bool is_torn;
     int result = UCI_OK;
 
     for (size_t i = 0; i < staged->other_count && result == UCI_OK; i++)
-        result = apply_text(p, &staged->others[i], &staged->applied);
-    return result == UCI_OK ? apply_text(p, &staged->own, &staged->applied) : result;
+        result = apply_text(p, &staged->others[i], &staged->applied, &is_torn);
+    if (result == UCI_OK)
+        result = apply_text(p, &staged->own, &staged->applied, &is_torn);
+    if (result == UCI_OK && staged->file.fd >= 0 && !is_torn)
+        file_note(&staged->file, staged->own.text.size, package_known_part(p));
+    return result;
 }
 
 /* ---- emptying ---- */
 
-int staged_empty_if_committed(const struct staged* staged)
+int staged_empty_if_committed(struct staged* staged)
 {
     bool is_committed = staged->own.begin > 0 && staged->own.begin == staged->own.text.size;
 
     return is_committed && staged->file.fd >= 0 ? file_truncate(&staged->file, 0) : UCI_OK;
 }
 
-/* Appends the mark of a commit. Gives the size of the file without it. */
-static void append_mark(const struct staged* staged, const struct text* package_file, size_t* whole)
+/* Appends the mark of a commit. */
+static void append_mark(struct staged* staged, const struct text* package_file)
 {
     struct text mark = {NULL, 0, 0, false};
 
-    *whole = staged->own.text.size;
     mark_write(&mark, package_file);
     /* Without space for the mark the commit continues: it frees the space. */
-    if (!mark.failed && drop_torn_line(&staged->file, whole) == UCI_OK)
+    if (!mark.failed)
         file_append(&staged->file, &mark);
     text_free(&mark);
 }
 
-int staged_commit(const struct staged* staged, struct replacement* replacement, const struct text* package_file)
+int staged_commit(struct staged* staged, struct replacement* replacement, const struct text* package_file)
 {
-    size_t whole;
+    static const struct known_part nothing = {0};
 
     if (staged->file.fd < 0)
         return replacement_apply(replacement);
-    append_mark(staged, package_file, &whole);
+    bool is_whole = drop_torn_line(&staged->file, &nothing) == UCI_OK;
+    unsigned long long size = staged->file.size;
+    if (is_whole)
+        append_mark(staged, package_file);
     journal_begin(replacement->path, staged->path);
     int result = replacement_apply(replacement);
-    int emptied = file_truncate(&staged->file, result == UCI_OK ? 0 : whole);
+    int emptied = file_truncate(&staged->file, result == UCI_OK ? 0 : size);
     if (result != UCI_OK || emptied == UCI_OK)
         journal_end(replacement->path);
     return result;
 }
 
-int staged_rewrite(const struct locked_file* file, const char* path, const struct text* text)
+int staged_rewrite(struct locked_file* file, const char* path, const struct text* text)
 {
     struct replacement replacement;
 

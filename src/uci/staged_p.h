@@ -41,7 +41,7 @@ int staged_apply(struct staged* staged, struct uci_package* p);
  * the new package file: if the process is killed between the two steps, the next reader does not apply the changes
  * again.
  */
-int staged_commit(const struct staged* staged, struct replacement* replacement, const struct text* package_file);
+int staged_commit(struct staged* staged, struct replacement* replacement, const struct text* package_file);
 
 /*
  * If a commit of an open package file was interrupted after it had replaced the file, drops the changes that it
@@ -50,10 +50,10 @@ int staged_commit(const struct staged* staged, struct replacement* replacement, 
 int staged_finish_interrupted(const struct locked_file* file, const char* path);
 
 /* Replaces the open file of staged changes by a text, or empties it. */
-int staged_rewrite(const struct locked_file* file, const char* path, const struct text* text);
+int staged_rewrite(struct locked_file* file, const char* path, const struct text* text);
 
 /* Empties the file of staged changes if an interrupted commit has written all of them. */
-int staged_empty_if_committed(const struct staged* staged);
+int staged_empty_if_committed(struct staged* staged);
 
 void staged_close(struct staged* staged);
 

@@ -695,6 +695,61 @@ private slots:
         QCOMPARE(m_store->value("network.lan.c"), QByteArray("3"));
     }
 
+    /** Here the store already knows the lines before it, and does not read them again. */
+    void incompleteQuotedLineOfAnotherProgramDoesNotSpoilTheNextChange_data()
+    {
+        incompleteQuotedLineDoesNotSpoilTheNextChange_data();
+    }
+
+    void incompleteQuotedLineOfAnotherProgramDoesNotSpoilTheNextChange()
+    {
+        QFETCH(QByteArray, half);
+        QCOMPARE(m_store->set("network.lan.a=1\n2"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        m_store->writeStaged("network", m_store->staged("network") + "network.lan.x='1'\n" + half);
+        QCOMPARE(m_store->set("network.lan.c=3"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        const QByteArray expected = "network.lan.a='1\n2'\nnetwork.lan.x='1'\nnetwork.lan.c='3'\n";
+        QCOMPARE(m_store->staged("network"), expected);
+
+        /* Another commit has emptied the file, which then became longer than it was. */
+        const QByteArray longer = "network.lan.y='" + QByteArray(500, '\n') + "'\n";
+        m_store->writeStaged("network", longer + half);
+        QCOMPARE(m_store->set("network.lan.c=4"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QCOMPARE(m_store->staged("network"), longer + "network.lan.c='4'\n");
+
+        /* Another revert has replaced the file. */
+        QVERIFY(QFile::remove(m_store->stagedFile("network")));
+        m_store->writeStaged("network", expected + expected + half);
+        QCOMPARE(m_store->set("network.lan.c=5"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QCOMPARE(m_store->staged("network"), expected + expected + "network.lan.c='5'\n");
+    }
+
+    void stagingReadsNoMoreTheMoreIsStaged()
+    {
+        QByteArray lines;
+        for (int i = 0; i < 8000; ++i)
+            lines += "network.lan.o" + QByteArray::number(i) + "='value'\n";
+        m_store->writeStaged("network", lines);
+        m_store->reopen();
+        QCOMPARE(m_store->set("network.lan.a=1"), int(UCI_OK));
+        qint64 bytes = 0;
+        const NSystemCalls::Notice reads(
+            NSystemCalls::Calls(NSystemCalls::Pread | NSystemCalls::Read),
+            [&bytes](const NSystemCalls::Invocation& call) { bytes += qint64(call.size); });
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QVERIFY(bytes < 1000);
+        /* What another program has staged is read, but no more. */
+        m_store->writeStaged("network", m_store->staged("network") + "network.lan.b='2'\n");
+        bytes = 0;
+        QCOMPARE(m_store->set("network.lan.a=2"), int(UCI_OK));
+        QCOMPARE(m_store->save("network"), int(UCI_OK));
+        QVERIFY(bytes < 1000);
+        QCOMPARE(m_store->staged("network"), lines + "network.lan.a='1'\nnetwork.lan.b='2'\nnetwork.lan.a='2'\n");
+    }
+
     void incompleteQuotedLineAfterAMarkDoesNotRemoveTheMark()
     {
         m_store->writeConfig("network", oneServer);
