@@ -15,9 +15,10 @@ struct parser
     const char* reason; /* of a parse error */
 };
 
+/* A quote that is not closed makes the rest of the file one word, whatever else is wrong with it. */
 static int parse_error(struct parser* parser, const char* reason)
 {
-    parser->reason = reason;
+    parser->reason = parser->words.unterminated ? "unterminated quote" : reason;
     return UCI_ERR_PARSE;
 }
 
@@ -40,9 +41,7 @@ static int end_command(struct parser* parser)
 {
     const char* word = words_next(&parser->words);
 
-    if (parser->words.unterminated)
-        return parse_error(parser, "unterminated quote");
-    return *word ? parse_error(parser, "too many arguments") : UCI_OK;
+    return *word || parser->words.unterminated ? parse_error(parser, "too many arguments") : UCI_OK;
 }
 
 static int parse_package_command(struct parser* parser)
@@ -181,6 +180,14 @@ static int parse_line(struct parser* parser)
     return result;
 }
 
+/* The line in which reading stopped, or in which the quote opens that is not closed, counted from 1. */
+static size_t line_of_error(const struct words* words)
+{
+    if (words->unterminated)
+        return words->quote_line + 1;
+    return words->line + (words->line_over ? 0 : 1);
+}
+
 static void free_packages(struct uci_list* list)
 {
     while (!uci_list_empty(list))
@@ -206,7 +213,7 @@ int parse_packages(
         return UCI_OK;
     free_packages(list);
     ctx->pctx->reason = parser.reason;
-    ctx->pctx->line = parser.words.line + (parser.words.line_over ? 0 : 1);
+    ctx->pctx->line = line_of_error(&parser.words);
     return result;
 }
 

@@ -180,6 +180,7 @@ static char* copy_word(struct words* words, char* to, bool* only_plain)
             continue;
         }
         words->position++;
+        words->quote_line = words->line;
         to = byte == SINGLE_QUOTE ? copy_single_quoted(words, to) : copy_double_quoted(words, to);
     }
     return to;

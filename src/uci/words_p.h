@@ -30,6 +30,7 @@ struct words
     size_t line;       /* the number of lines read */
     bool line_over;    /* no word can follow on this line */
     char unterminated; /* the quote that is open at the end of the text, or 0 */
+    size_t quote_line; /* the number of lines before the one in which the latest quote opens */
     bool continued;    /* a backslash at the end of the text continues the line */
     bool separated;    /* the latest word was the empty one that ";" stands for */
 };

@@ -555,6 +555,31 @@ private slots:
         std::fclose(stream);
     }
 
+    void quotesThatAreNotClosedAreReportedWhereTheyOpen_data()
+    {
+        QTest::addColumn<QByteArray>("word");
+        QTest::newRow("the name of a section") << QByteArray("config t 'a");
+        QTest::newRow("the type of a section") << QByteArray("config \"t");
+        QTest::newRow("a value") << QByteArray("option b 'x");
+        QTest::newRow("the second part of a value") << QByteArray("option b 'x'\\''\"y");
+        QTest::newRow("the name of an option") << QByteArray("list 'b");
+        QTest::newRow("the name of a package") << QByteArray("package 'b");
+        QTest::newRow("a word too many") << QByteArray("option b x 'y");
+    }
+
+    void quotesThatAreNotClosedAreReportedWhereTheyOpen()
+    {
+        QFETCH(QByteArray, word);
+        const QByteArray before = "config t s\n\toption a 'x\ny'\n";
+        m_directory->writeFile(QLatin1String("config/bad"), before + word + "\n\n\toption c d\n\n");
+        uci_package* package = nullptr;
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error (unterminated quote) at line 4"));
+        m_directory->writeFile(QLatin1String("config/bad"), before + word);
+        QCOMPARE(uci_load(m_context.data(), "bad", &package), int(UCI_ERR_PARSE));
+        QCOMPARE(errorText(nullptr), QByteArray("Parse error (unterminated quote) at line 4"));
+    }
+
     /** The position of an error in a file must not be reported for a string that is looked up later. */
     void errorsInStringsHaveNoPosition()
     {
