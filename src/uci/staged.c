@@ -246,9 +246,8 @@ static int apply_text(struct uci_package* p, struct staged_text* staged_text, si
         int result = apply_line(p, &line);
         if (result == UCI_ERR_MEM)
             return result;
-        if (result != UCI_OK)
-            continue;
-        ++*applied;
+        *applied += result == UCI_OK;
+        /* A change that does not apply now is still staged: it may apply again when the package file has changed. */
         if (p->ctx->flags & UCI_FLAG_SAVED_DELTA &&
             !delta_new(&p->saved_delta, line.cmd, line.section, line.option, line.value))
             return UCI_ERR_MEM;

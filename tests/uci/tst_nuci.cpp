@@ -142,6 +142,18 @@ private slots:
         QCOMPARE(read("save/network"), QByteArray());
     }
 
+    /** They apply again when the package file has the section again. */
+    void stagedChangesThatDoNotApplyAreListed()
+    {
+        const QByteArray staged = "network.wan.proto='dhcp'\n-network.lan.none\n@network.wan='other'\n"
+                                  "network.lan.proto='dhcp'\n";
+        m_directory->writeFile(QLatin1String("save/network"), staged);
+        QCOMPARE(run(words("changes")), 0);
+        QCOMPARE(m_output, staged);
+        QCOMPARE(run(words("changes network")), 0);
+        QCOMPARE(m_output, staged);
+    }
+
     void failing_data()
     {
         QTest::addColumn<QStringList>("arguments");
