@@ -2,6 +2,7 @@
 #define NBASE_NBASEQTCOMPAT_P_H
 
 #include <QtCore/QFile>
+#include <QtCore/QLocale>
 #include <QtCore/QString>
 #include <QtCore/QTextStream>
 #include <QtCore/QTimer>
@@ -87,6 +88,61 @@ inline void assignLatin1(QString& text, const char* latin1, int size)
     text = QString::fromLatin1(latin1, size);
 #endif
 }
+
+/**
+ * @{
+ * A decimal number in the C locale. QString of Qt 4 reads it in the default locale first, in which "1,5" or
+ * "1.500" may be another number. @a ok receives whether the whole text is a number that the type can hold.
+ */
+#if QT_VERSION >= 0x050000
+inline qlonglong toLongLong(const QString& text, bool* ok)
+{
+    return text.toLongLong(ok, 10);
+}
+
+inline qulonglong toULongLong(const QString& text, bool* ok)
+{
+    return text.toULongLong(ok, 10);
+}
+
+inline float toFloat(const QString& text, bool* ok)
+{
+    return text.toFloat(ok);
+}
+
+inline double toDouble(const QString& text, bool* ok)
+{
+    return text.toDouble(ok);
+}
+#else
+inline QLocale cLocale()
+{
+    QLocale locale(QLocale::C);
+    locale.setNumberOptions(QLocale::RejectGroupSeparator);
+    return locale;
+}
+
+inline qlonglong toLongLong(const QString& text, bool* ok)
+{
+    return cLocale().toLongLong(text, ok, 10);
+}
+
+inline qulonglong toULongLong(const QString& text, bool* ok)
+{
+    return cLocale().toULongLong(text, ok, 10);
+}
+
+inline float toFloat(const QString& text, bool* ok)
+{
+    return cLocale().toFloat(text, ok);
+}
+
+inline double toDouble(const QString& text, bool* ok)
+{
+    return cLocale().toDouble(text, ok);
+}
+#endif
+/** @} */
 
 } // namespace NBaseQtCompat
 

@@ -1,5 +1,6 @@
 #include <nbase/config/nucicursor.h>
 
+#include <nbase/nbaseqtcompat_p.h>
 #include <nbase/network/nnetworkutilities.h>
 
 #include <QtCore/QMutex>
@@ -189,8 +190,8 @@ bool readPlainRealNumber(const char* text, double& number)
     return true;
 }
 
-template <typename Number>
-Number wholeNumber(const char* text, Number (QString::*convert)(bool*, int) const, Number defaultValue)
+template <typename Number, typename Wide>
+Number wholeNumber(const char* text, Wide (*convert)(const QString&, bool*), Number defaultValue)
 {
     Number number = 0;
     if (!text)
@@ -198,12 +199,12 @@ Number wholeNumber(const char* text, Number (QString::*convert)(bool*, int) cons
     if (readPlainWholeNumber(text, number))
         return number;
     bool ok = false;
-    number = (textFromStore(text).*convert)(&ok, 10);
-    return ok ? number : defaultValue;
+    const Wide wide = convert(textFromStore(text), &ok);
+    return ok && Wide(Number(wide)) == wide ? Number(wide) : defaultValue;
 }
 
 template <typename Number>
-Number realNumber(const char* text, Number (QString::*convert)(bool*) const, Number defaultValue)
+Number realNumber(const char* text, Number (*convert)(const QString&, bool*), Number defaultValue)
 {
     double plain = 0;
     if (!text)
@@ -211,7 +212,7 @@ Number realNumber(const char* text, Number (QString::*convert)(bool*) const, Num
     if (readPlainRealNumber(text, plain))
         return Number(plain);
     bool ok = false;
-    const Number number = (textFromStore(text).*convert)(&ok);
+    const Number number = convert(textFromStore(text), &ok);
     return ok ? number : defaultValue;
 }
 
@@ -376,13 +377,13 @@ NUciCursor::~NUciCursor() {}
 bool NUciCursor::setConfDir(const QString& dir)
 {
     const StoreText text(dir);
-    return m_context && text.isValid() && uci_set_confdir(m_context, text.data()) == UCI_OK;
+    return m_context && text.isValid() && !text.isNull() && uci_set_confdir(m_context, text.data()) == UCI_OK;
 }
 
 bool NUciCursor::setSaveDir(const QString& dir)
 {
     const StoreText text(dir);
-    return m_context && text.isValid() && uci_set_savedir(m_context, text.data()) == UCI_OK;
+    return m_context && text.isValid() && !text.isNull() && uci_set_savedir(m_context, text.data()) == UCI_OK;
 }
 
 uci_package* NUciCursor::findPackage(const QString& name, bool load)
@@ -663,62 +664,65 @@ QString NUciCursor::optionAsString(
 short NUciCursor::optionAsShort(
     const QString& package, const QString& section, const QString& option, short defaultValue)
 {
-    return wholeNumber<short>(optionText(package, section, option), &QString::toShort, defaultValue);
+    return wholeNumber<short>(optionText(package, section, option), &NBaseQtCompat::toLongLong, defaultValue);
 }
 
 unsigned short NUciCursor::optionAsUShort(
     const QString& package, const QString& section, const QString& option, unsigned short defaultValue)
 {
-    return wholeNumber<unsigned short>(optionText(package, section, option), &QString::toUShort, defaultValue);
+    return wholeNumber<unsigned short>(
+        optionText(package, section, option), &NBaseQtCompat::toULongLong, defaultValue);
 }
 
 int NUciCursor::optionAsInt(
     const QString& package, const QString& section, const QString& option, int defaultValue)
 {
-    return wholeNumber<int>(optionText(package, section, option), &QString::toInt, defaultValue);
+    return wholeNumber<int>(optionText(package, section, option), &NBaseQtCompat::toLongLong, defaultValue);
 }
 
 unsigned int NUciCursor::optionAsUInt(
     const QString& package, const QString& section, const QString& option, unsigned int defaultValue)
 {
-    return wholeNumber<unsigned int>(optionText(package, section, option), &QString::toUInt, defaultValue);
+    return wholeNumber<unsigned int>(
+        optionText(package, section, option), &NBaseQtCompat::toULongLong, defaultValue);
 }
 
 long NUciCursor::optionAsLong(
     const QString& package, const QString& section, const QString& option, long defaultValue)
 {
-    return wholeNumber<long>(optionText(package, section, option), &QString::toLong, defaultValue);
+    return wholeNumber<long>(optionText(package, section, option), &NBaseQtCompat::toLongLong, defaultValue);
 }
 
 unsigned long NUciCursor::optionAsULong(
     const QString& package, const QString& section, const QString& option, unsigned long defaultValue)
 {
-    return wholeNumber<unsigned long>(optionText(package, section, option), &QString::toULong, defaultValue);
+    return wholeNumber<unsigned long>(
+        optionText(package, section, option), &NBaseQtCompat::toULongLong, defaultValue);
 }
 
 long long NUciCursor::optionAsLongLong(
     const QString& package, const QString& section, const QString& option, long long defaultValue)
 {
-    return wholeNumber<long long>(optionText(package, section, option), &QString::toLongLong, defaultValue);
+    return wholeNumber<long long>(optionText(package, section, option), &NBaseQtCompat::toLongLong, defaultValue);
 }
 
 unsigned long long NUciCursor::optionAsULongLong(
     const QString& package, const QString& section, const QString& option, unsigned long long defaultValue)
 {
     return wholeNumber<unsigned long long>(
-        optionText(package, section, option), &QString::toULongLong, defaultValue);
+        optionText(package, section, option), &NBaseQtCompat::toULongLong, defaultValue);
 }
 
 float NUciCursor::optionAsFloat(
     const QString& package, const QString& section, const QString& option, float defaultValue)
 {
-    return realNumber<float>(optionText(package, section, option), &QString::toFloat, defaultValue);
+    return realNumber<float>(optionText(package, section, option), &NBaseQtCompat::toFloat, defaultValue);
 }
 
 double NUciCursor::optionAsDouble(
     const QString& package, const QString& section, const QString& option, double defaultValue)
 {
-    return realNumber<double>(optionText(package, section, option), &QString::toDouble, defaultValue);
+    return realNumber<double>(optionText(package, section, option), &NBaseQtCompat::toDouble, defaultValue);
 }
 
 bool NUciCursor::optionAsBoolean(

@@ -7,10 +7,12 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <QtCore/QLocale>
 #include <QtCore/QProcess>
 #include <QtCore/QRegExp>
 #include <QtTest/QtTest>
 
+#include <dlfcn.h>
 #include <float.h>
 #include <limits.h>
 #include <limits>
@@ -109,6 +111,31 @@ const char networkFile[] = "\n"
 
 } // namespace
 
+namespace StoreSetters {
+
+int calls = 0;
+
+typedef int (*Setter)(uci_context*, const char*);
+
+Setter next(const char* name)
+{
+    ++calls;
+    return reinterpret_cast<Setter>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace StoreSetters
+
+// The dynamic linker finds these before the store's own, which they call.
+int uci_set_confdir(uci_context* context, const char* directory)
+{
+    return StoreSetters::next("uci_set_confdir")(context, directory);
+}
+
+int uci_set_savedir(uci_context* context, const char* directory)
+{
+    return StoreSetters::next("uci_set_savedir")(context, directory);
+}
+
 class tst_NUciCursor : public QObject
 {
     Q_OBJECT
@@ -120,6 +147,7 @@ private slots:
     void defaultDirectoriesAreThoseOfTheStore();
     void directoriesAreChangedLater();
     void nullDirectoriesAreRefused();
+    void storeIsNotAskedForNullDirectories();
     void cursorWithoutDirectoriesFailsAllOperations_data();
     void cursorWithoutDirectoriesFailsAllOperations();
 
@@ -195,6 +223,7 @@ private slots:
 
     void wholeNumbers_data();
     void wholeNumbers();
+    void numbersAreReadInTheCLocale();
     void realNumbers_data();
     void realNumbers();
     void numbersAreReadAsByQString();
@@ -339,6 +368,17 @@ void tst_NUciCursor::nullDirectoriesAreRefused()
     QVERIFY(cursor().setSection(m_network, latin1("wan"), latin1("interface")));
     QVERIFY(cursor().save(m_network));
     QVERIFY(QFile::exists(savePath("network")));
+}
+
+void tst_NUciCursor::storeIsNotAskedForNullDirectories()
+{
+    StoreSetters::calls = 0;
+    QVERIFY(cursor().setConfDir(m_directory->filePath(latin1("config"))));
+    QVERIFY(cursor().setSaveDir(m_directory->filePath(latin1("save"))));
+    QCOMPARE(StoreSetters::calls, 2);
+    QVERIFY(!cursor().setConfDir(QString()));
+    QVERIFY(!cursor().setSaveDir(QString()));
+    QCOMPARE(StoreSetters::calls, 2);
 }
 
 void tst_NUciCursor::cursorWithoutDirectoriesFailsAllOperations_data()
@@ -1220,6 +1260,32 @@ void tst_NUciCursor::wholeNumbers()
     QFETCH(QString, number);
     QVERIFY(cursor().setOption(m_network, m_lan, latin1("mtu"), text));
     QCOMPARE(readNumber(type, latin1("mtu")), number);
+}
+
+/** All these are numbers in German, of which some are others than in C. Blanks are not read the fast way. */
+void tst_NUciCursor::numbersAreReadInTheCLocale()
+{
+    const QLocale before;
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    writeOptions(QStringList() << latin1("1,5") << latin1("1.500") << latin1(" 1.500 ") << latin1("1.500,5"));
+    const QString texts = latin1("texts");
+    const QString s = latin1("s");
+    NUciCursor& c = cursor();
+    const double first = c.optionAsDouble(texts, s, latin1("o0"), -1);
+    const double second = c.optionAsDouble(texts, s, latin1("o1"), -1);
+    const double third = c.optionAsDouble(texts, s, latin1("o2"), -1);
+    const float fourth = c.optionAsFloat(texts, s, latin1("o2"), -1);
+    const double fifth = c.optionAsDouble(texts, s, latin1("o3"), -1);
+    const int whole = c.optionAsInt(texts, s, latin1("o2"), -1);
+    const unsigned long unsignedWhole = c.optionAsULong(texts, s, latin1("o1"), 7);
+    QLocale::setDefault(before);
+    QCOMPARE(first, -1.0);
+    QCOMPARE(second, 1.5);
+    QCOMPARE(third, 1.5);
+    QCOMPARE(fourth, 1.5f);
+    QCOMPARE(fifth, -1.0);
+    QCOMPARE(whole, -1);
+    QCOMPARE(unsignedWhole, 7ul);
 }
 
 void tst_NUciCursor::realNumbers_data()
