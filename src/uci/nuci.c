@@ -2,6 +2,7 @@
 #include <uci.h>
 
 #include <errno.h>
+#include <getopt.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -13,10 +14,11 @@ struct options
 {
     bool quiet;
     bool names;            /* show unnamed sections by their generated names, not as @type[index] */
-    const char* separator; /* between the items of a list; null quotes each item instead */
+    const char* separator; /* between the items of a list, null for a blank */
     bool merge;            /* import adds to the package */
     bool keep_staged;      /* commit writes nothing: what is staged is state, not configuration */
-    const char* input;     /* file to import from */
+    const char* input;     /* file to import from, or of the commands of a batch; null for standard input */
+    FILE* batch;           /* the commands of the batch that is running, or null */
 };
 
 /* A command that takes many arguments runs once for each of them. If all it does is change the element that its
@@ -50,13 +52,14 @@ static void print_usage(FILE* stream)
         "    revert     <config>[.<section>[.<option>]]\n"
         "    export     [<config>]\n"
         "    import     [<config>]\n"
+        "    batch\n"
         "\n"
         "Options:\n"
         "    -c <path>  the directory of the packages (default: " UCI_CONFDIR ")\n"
         "    -C <path>  the directory of packages that take precedence (default: " UCI_CONF2DIR ")\n"
-        "    -d <text>  the text that get prints between the items of lists\n"
-        "    -f <file>  the file to import from (default: standard input)\n"
-        "    -m         merge what is imported into the package\n"
+        "    -d <text>  the text that get and show print between the items of lists\n"
+        "    -f <file>  the file to import from, or of the commands of a batch (default: standard input)\n"
+        "    -m         merge what is imported into the package, if there is one\n"
         "    -n         export the generated names of unnamed sections\n"
         "    -N         do not export the generated names of unnamed sections (default)\n"
         "    -p <path>  read staged changes from this directory as well\n"
@@ -64,8 +67,11 @@ static void print_usage(FILE* stream)
         "    -t <path>  stage changes in this directory\n"
         "    -q         print no error messages\n"
         "    -s         strict reading (default)\n"
-        "    -S         accepted for compatibility\n"
-        "    -X         show unnamed sections by their generated names\n",
+        "    -S         accepted for compatibility; reading stays strict\n"
+        "    -X         show unnamed sections by their generated names\n"
+        "    -h, --help\n"
+        "               print this text\n"
+        "    --version  print the version\n",
         stream);
 }
 
@@ -99,7 +105,7 @@ static void print_quoted(const char* text)
 
 static bool needs_quotes(const char* text)
 {
-    return strpbrk(text, " \t\r\n\v\f") != NULL || !*text;
+    return strpbrk(text, " \t\r\n") != NULL;
 }
 
 /* Prints the items of a list on one line. */
@@ -112,7 +118,7 @@ static void print_items(const struct options* options, const struct uci_list* li
     {
         fputs(separator, stdout);
         separator = options->separator ? options->separator : " ";
-        if (quoted || (!options->separator && needs_quotes(e->name)))
+        if (quoted || needs_quotes(e->name))
             print_quoted(e->name);
         else
             fputs(e->name, stdout);
@@ -459,38 +465,20 @@ static int merge_section(struct uci_context* ctx, struct uci_package* target, co
     return result;
 }
 
-/* Reads the text in a context of its own, because the package is loaded in this one. */
-static int merge(struct uci_context* ctx, const struct options* options, FILE* stream, char* name)
+static void unload_all(struct uci_context* ctx)
 {
-    struct uci_context* other = uci_alloc_context();
-    struct uci_package* imported = NULL;
-    struct uci_ptr ptr;
-    struct uci_element* e;
-    int result = look_up(ctx, options, &ptr, name);
-
-    if (!other)
-        result = report_code(ctx, options, UCI_ERR_MEM);
-    else if (!result && uci_import(other, stream, name, &imported, true) != UCI_OK)
-        result = report(other, options);
-    if (!result) {
-        int code = UCI_OK;
-        uci_foreach_element(&imported->sections, e)
-        {
-            if (code == UCI_OK)
-                code = merge_section(ctx, ptr.p, uci_to_section(e));
-        }
-        result = code == UCI_OK ? save(ctx, options, ptr.p) : report_code(ctx, options, code);
-    }
-    uci_free_context(other);
-    return result;
+    while (!uci_list_empty(&ctx->root))
+        uci_unload(ctx, uci_to_package(list_to_element(ctx->root.next)));
 }
 
+/* In a batch, packages may be loaded. They must be neither in the way nor written. */
 static int replace(struct uci_context* ctx, const struct options* options, FILE* stream, const char* name)
 {
     struct uci_package* p = NULL;
     struct uci_element *e, *next;
     int result = 0;
 
+    unload_all(ctx);
     if (uci_import(ctx, stream, name, &p, name != NULL) != UCI_OK)
         return report(ctx, options);
     uci_foreach_element_safe(&ctx->root, next, e)
@@ -502,23 +490,77 @@ static int replace(struct uci_context* ctx, const struct options* options, FILE*
     return result;
 }
 
+/* Reads the text in a context of its own, because the package is loaded in this one. */
+static int
+merge_into(struct uci_context* ctx, const struct options* options, FILE* stream, struct uci_package* target)
+{
+    struct uci_context* other = uci_alloc_context();
+    struct uci_package* imported = NULL;
+    struct uci_element* e;
+    int result = 0;
+
+    if (!other)
+        result = report_code(ctx, options, UCI_ERR_MEM);
+    else if (uci_import(other, stream, target->e.name, &imported, true) != UCI_OK)
+        result = report(other, options);
+    if (!result) {
+        int code = UCI_OK;
+        uci_foreach_element(&imported->sections, e)
+        {
+            if (code == UCI_OK)
+                code = merge_section(ctx, target, uci_to_section(e));
+        }
+        result = code == UCI_OK ? save(ctx, options, target) : report_code(ctx, options, code);
+    }
+    uci_free_context(other);
+    return result;
+}
+
+/* Merging into a package that does not exist creates it. */
+static int merge(struct uci_context* ctx, const struct options* options, FILE* stream, char* name)
+{
+    struct uci_ptr ptr;
+    int result = uci_lookup_ptr(ctx, &ptr, name, true);
+
+    if (result == UCI_ERR_NOTFOUND)
+        return replace(ctx, options, stream, name);
+    return result == UCI_OK ? merge_into(ctx, options, stream, ptr.p) : report(ctx, options);
+}
+
+/* ---- input ---- */
+
+/* Returns what to read from: the rest of the batch that is running, the file that was given, or standard input. */
+static FILE* open_input(const struct options* options)
+{
+    if (options->batch)
+        return options->batch;
+    FILE* stream = options->input ? fopen(options->input, "re") : stdin;
+    if (!stream && !options->quiet)
+        fprintf(stderr, "%s: %s: %s\n", program, options->input, strerror(errno));
+    return stream;
+}
+
+static void close_input(const struct options* options, FILE* stream)
+{
+    if (stream != stdin && stream != options->batch)
+        fclose(stream);
+}
+
 static int run_import(struct uci_context* ctx, const struct options* options, int argc, char** argv)
 {
     char* name = argc ? argv[0] : NULL;
 
     if ((name && !is_package_name(name)) || (options->merge && !name))
         return report_code(ctx, options, UCI_ERR_INVAL);
-    FILE* stream = options->input ? fopen(options->input, "r") : stdin;
-    if (!stream) {
-        if (!options->quiet)
-            fprintf(stderr, "%s: %s: %s\n", program, options->input, strerror(errno));
+    FILE* stream = open_input(options);
+    if (!stream)
         return EXIT_FAILED;
-    }
     int result = options->merge ? merge(ctx, options, stream, name) : replace(ctx, options, stream, name);
-    if (stream != stdin)
-        fclose(stream);
+    close_input(options, stream);
     return result;
 }
+
+static int run_batch(struct uci_context* ctx, const struct options* options, int argc, char** argv);
 
 /* ---- the command line ---- */
 
@@ -537,6 +579,7 @@ static const struct command commands[] = {
     {"revert", 1, 1000000, false, run_revert, NULL},
     {"export", 0, 1, true, run_export, NULL},
     {"import", 0, 1, false, run_import, NULL},
+    {"batch", 0, 0, false, run_batch, NULL},
 };
 
 static const struct command* find_command(const char* name)
@@ -580,12 +623,119 @@ run(struct uci_context* ctx, const struct options* options, const struct command
     return result;
 }
 
-static bool set_up(struct uci_context* ctx, struct options* options, int argc, char** argv)
+/* ---- batches ---- */
+
+struct words
+{
+    char** word;
+    size_t count;
+    size_t capacity;
+};
+
+static bool add_word(struct words* words, const char* word)
+{
+    if (words->count == words->capacity) {
+        size_t capacity = words->capacity ? 2 * words->capacity : 16;
+        char** larger = realloc(words->word, capacity * sizeof(*larger));
+        if (!larger)
+            return false;
+        words->word = larger;
+        words->capacity = capacity;
+    }
+    words->word[words->count] = strdup(word);
+    return words->word[words->count] && ++words->count;
+}
+
+static void free_words(struct words* words)
+{
+    for (size_t i = 0; i < words->count; i++)
+        free(words->word[i]);
+    free(words->word);
+    memset(words, 0, sizeof(*words));
+}
+
+/* Reads the words of the next line, which a quote continues on further lines. UCI_ERR_NOTFOUND: there is none. */
+static int read_words(struct uci_context* ctx, FILE* stream, struct words* words)
+{
+    char* rest = NULL;
+    char* word = NULL;
+
+    do {
+        int result = uci_parse_argument(ctx, stream, &rest, &word);
+        if (result != UCI_OK)
+            return result;
+        if (!word)
+            return UCI_ERR_NOTFOUND;
+        if (*word && !add_word(words, word)) /* comments are empty words */
+            return UCI_ERR_MEM;
+    } while (*rest);
+    return UCI_OK;
+}
+
+static int run_words(struct uci_context* ctx, const struct options* options, const struct words* words)
+{
+    const struct command* command = find_command(words->word[0]);
+    int argc = (int)words->count - 1;
+
+    if (command && command->run != run_batch && argc >= command->min && argc <= command->max)
+        return run(ctx, options, command, argc, words->word + 1);
+    if (!options->quiet)
+        fprintf(stderr, "%s: Unknown command: %s\n", program, words->word[0]);
+    return EXIT_FAILED;
+}
+
+/* Packages stay loaded from one command to the next, unless it fails: what it has changed must not be saved later.
+ */
+static bool run_next(struct uci_context* ctx, const struct options* options)
+{
+    struct words words = {NULL, 0, 0};
+    int result = read_words(ctx, options->batch, &words);
+    bool is_last = result == UCI_ERR_NOTFOUND || result == UCI_ERR_MEM ||
+                   (words.count > 0 && strcmp(words.word[0], "exit") == 0);
+
+    if (result != UCI_OK && result != UCI_ERR_NOTFOUND)
+        report_code(ctx, options, result);
+    else if (!is_last && words.count > 0 && run_words(ctx, options, &words) != 0)
+        unload_all(ctx);
+    fflush(stdout);
+    free_words(&words);
+    return !is_last;
+}
+
+/* As with libuci's command, a command that fails is reported, and does not make the batch fail. */
+static int run_batch(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    struct options inner = *options;
+
+    (void)argc;
+    (void)argv;
+    inner.batch = open_input(options);
+    if (!inner.batch)
+        return EXIT_FAILED;
+    while (run_next(ctx, &inner)) {
+    }
+    int result = ferror(inner.batch) ? report_code(ctx, options, UCI_ERR_IO) : 0;
+    close_input(options, inner.batch);
+    return result;
+}
+
+/* ---- options ---- */
+
+static const struct option long_options[] = {
+    {"help", no_argument, NULL, 'h'},
+    {"version", no_argument, NULL, 'v'},
+    {NULL, 0, NULL, 0},
+};
+
+/* Returns whether to run a command; if not, the exit status is set. */
+static bool set_up(struct uci_context* ctx, struct options* options, int argc, char** argv, int* status)
 {
     int option;
     int result = UCI_OK;
 
-    while (result == UCI_OK && (option = getopt(argc, argv, "+c:C:d:f:mnNp:P:t:qsSX")) != -1) {
+    *status = EXIT_USAGE;
+    while (result == UCI_OK &&
+           (option = getopt_long(argc, argv, "+c:C:d:f:hmnNp:P:t:qsSX", long_options, NULL)) != -1) {
         switch (option) {
         case 'c':
             result = uci_set_confdir(ctx, optarg);
@@ -628,13 +778,34 @@ static bool set_up(struct uci_context* ctx, struct options* options, int argc, c
         case 'X':
             options->names = true;
             break;
+        case 'h':
+            print_usage(stdout);
+            *status = 0;
+            return false;
+        case 'v':
+            puts("nuci " NUCI_VERSION);
+            *status = 0;
+            return false;
         default:
+            if (!options->quiet)
+                print_usage(stderr);
             return false;
         }
     }
     if (result != UCI_OK)
-        report(ctx, options);
+        *status = report(ctx, options);
     return result == UCI_OK;
+}
+
+static int run_command_line(struct uci_context* ctx, const struct options* options, int argc, char** argv)
+{
+    const struct command* command = argc > 0 ? find_command(argv[0]) : NULL;
+
+    if (command && argc - 1 >= command->min && argc - 1 <= command->max)
+        return run(ctx, options, command, argc - 1, argv + 1);
+    if (!options->quiet)
+        print_usage(stderr);
+    return EXIT_USAGE;
 }
 
 int main(int argc, char** argv)
@@ -646,17 +817,9 @@ int main(int argc, char** argv)
         fprintf(stderr, "%s: Out of memory\n", program);
         return EXIT_FAILED;
     }
-    int result = EXIT_USAGE;
-    const struct command* command = NULL;
-    if (set_up(ctx, &options, argc, argv) && optind < argc) {
-        command = find_command(argv[optind]);
-        argc -= optind + 1;
-        argv += optind + 1;
-    }
-    if (command && argc >= command->min && argc <= command->max)
-        result = run(ctx, &options, command, argc, argv);
-    else if (!options.quiet)
-        print_usage(stderr);
+    int result;
+    if (set_up(ctx, &options, argc, argv, &result))
+        result = run_command_line(ctx, &options, argc - optind, argv + optind);
     if (fflush(stdout) != 0 || ferror(stdout)) {
         if (!options.quiet)
             fprintf(stderr, "%s: %s\n", program, strerror(errno));

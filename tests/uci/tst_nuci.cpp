@@ -65,7 +65,9 @@ private slots:
         row("get an option", "get network.lan.note", "it's\n");
         row("get a section gives its type", "get network.@route[0]", "route\n");
         row("get a list", "get network.lan.dns", "10.0.0.1 'a b'\n");
-        row("get a list with a separator", "-d , get network.lan.dns", "10.0.0.1,a b\n");
+        row("get a list with a separator", "-d , get network.lan.dns", "10.0.0.1,'a b'\n");
+        row("show a list with a separator", "-d , show network.lan.dns", "network.lan.dns='10.0.0.1','a b'\n");
+        row("the version", "--version", "nuci " NUCI_VERSION "\n");
         row("changes, without any", "changes", "");
         row("export a package", "export network", QByteArray("package network\n") + network);
         row("export with generated names", "-n export network",
@@ -215,6 +217,122 @@ private slots:
         QVERIFY(m_errors.contains("Usage: nuci [<options>] <command> [<arguments>]\n"));
     }
 
+    void helpIsPrintedOnStandardOutput_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("long") << words("--help");
+        QTest::newRow("short") << words("-h");
+    }
+
+    void helpIsPrintedOnStandardOutput()
+    {
+        QFETCH(QStringList, arguments);
+        QCOMPARE(run(arguments), 0);
+        QVERIFY(m_output.startsWith("Usage: nuci [<options>] <command> [<arguments>]\n"));
+        QVERIFY(m_output.contains("\n    batch\n"));
+        QCOMPARE(m_errors, QByteArray());
+    }
+
+    /** Only blanks, tabs and line ends are quoted; an empty item has no text. */
+    void itemsOfListsAreQuotedIfTheyHaveBlanks()
+    {
+        m_directory->writeFile(
+            QLatin1String("config/lists"), "config t s\n\tlist l 'a,b'\n\tlist l 'a\tb'\n\tlist l \"it's a\"\n"
+                                           "\tlist l 'a\nb'\n\tlist l \"it's\"\n\tlist l ''\n\tlist l 'x#\"y'\n");
+        QCOMPARE(run(words("get lists.s.l")), 0);
+        QCOMPARE(m_output, QByteArray("a,b 'a\tb' 'it'\\''s a' 'a\nb' it's  x#\"y\n"));
+        QCOMPARE(run(words("-d ; get lists.s.l")), 0);
+        QCOMPARE(m_output, QByteArray("a,b;'a\tb';'it'\\''s a';'a\nb';it's;;x#\"y\n"));
+    }
+
+    void batchRunsTheCommandsOfItsInput_data()
+    {
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QByteArray>("output");
+        QTest::addColumn<QByteArray>("errors");
+        QTest::addColumn<QByteArray>("staged");
+        batchRow("nothing", "", "", "", "(missing)");
+        batchRow("a command", "get network.lan.proto\n", "static\n", "", "(missing)");
+        batchRow("no line end", "get network.lan.proto", "static\n", "", "(missing)");
+        batchRow(
+            "changes and what they give",
+            "set network.lan.proto=dhcp\nget network.lan.proto\nadd network route\nchanges network\n",
+            "dhcp\ncfg04c8b4\nnetwork.lan.proto='dhcp'\nnetwork.cfg04c8b4='route'\n", "",
+            "network.lan.proto='dhcp'\n+network.cfg04c8b4='route'\n");
+        batchRow(
+            "comments, blank lines and blanks", "# a comment\n\n\t get \t network.lan.proto # another one\n",
+            "static\n", "", "(missing)");
+        batchRow(
+            "quotes, also over several lines",
+            "set network.lan.a='two words' \"network.lan.b=two\nlines\"\nget network.lan.b\n", "two\nlines\n", "",
+            "network.lan.a='two words'\nnetwork.lan.b='two\nlines'\n");
+        batchRow(
+            "failures do not end it",
+            "get network.lan.none\nbogus x\nget\nbatch\nset network.none.a=1\nset network.lan.a=1\n", "",
+            "nuci: Entry not found\nnuci: Unknown command: bogus\nnuci: Unknown command: get\n"
+            "nuci: Unknown command: batch\nnuci: Invalid argument\n",
+            "network.lan.a='1'\n");
+        batchRow(
+            "exit ends it", "get network.lan.proto\nexit\nset network.lan.a=1\n", "static\n", "", "(missing)");
+        batchRow(
+            "an open quote", "get network.lan.proto\nset 'network.lan.a=1\n", "static\n", "nuci: Parse error\n",
+            "(missing)");
+        batchRow(
+            "a NUL byte", QByteArray("get network\0.lan\nget network.lan.proto\n", 39), "static\n",
+            "nuci: Parse error\n", "(missing)");
+    }
+
+    void batchRunsTheCommandsOfItsInput()
+    {
+        QFETCH(QByteArray, input);
+        QFETCH(QByteArray, output);
+        QFETCH(QByteArray, errors);
+        QFETCH(QByteArray, staged);
+        QCOMPARE(run(words("batch"), input), 0);
+        QCOMPARE(m_output, output);
+        QCOMPARE(m_errors, errors);
+        QCOMPARE(read("save/network"), staged);
+        QFile::remove(m_directory->filePath(QLatin1String("save/network")));
+        m_directory->writeFile(QLatin1String("commands"), input);
+        const QStringList file = QStringList()
+                                 << QLatin1String("-q") << QLatin1String("-f")
+                                 << m_directory->filePath(QLatin1String("commands")) << QLatin1String("batch");
+        QCOMPARE(run(file), 0);
+        QCOMPARE(m_output, output);
+        QCOMPARE(m_errors, QByteArray());
+        QCOMPARE(read("save/network"), staged);
+    }
+
+    void batchImportsTheRestOfItsInput()
+    {
+        QCOMPARE(
+            run(words("batch"),
+                "set system.main.name=other\nget network.lan.proto\nimport network\nconfig a 'b'\n"),
+            0);
+        QCOMPARE(m_output, QByteArray("static\n"));
+        QCOMPARE(m_errors, QByteArray());
+        QCOMPARE(read("config/network"), QByteArray("\nconfig a 'b'\n\n"));
+        QCOMPARE(read("config/system"), QByteArray("config system main\n\toption name box\n"));
+        QCOMPARE(read("save/system"), QByteArray("system.main.name='other'\n"));
+    }
+
+    /** A change whose staging failed must not be staged by a later command. */
+    void batchForgetsWhatFailed()
+    {
+        m_directory->writeFile(QLatin1String("none"), "a file");
+        const QStringList save = QStringList()
+                                 << QLatin1String("-t") << m_directory->filePath(QLatin1String("none"));
+        QCOMPARE(run(save + words("batch"), "set network.lan.proto=dhcp\nget network.lan.proto\n"), 0);
+        QCOMPARE(m_output, QByteArray("static\n"));
+        QCOMPARE(m_errors, QByteArray("nuci: I/O error\n"));
+    }
+
+    void batchFromAMissingFileFails()
+    {
+        QCOMPARE(run(words("-f /nonexistent batch")), 1);
+        QCOMPARE(m_errors, QByteArray("nuci: /nonexistent: No such file or directory\n"));
+    }
+
     void commitWritesThePackage()
     {
         QCOMPARE(run(words("set network.lan.proto=dhcp")), 0);
@@ -255,6 +373,14 @@ private slots:
         QCOMPARE(
             read("save/system"), QByteArray("system.main.a='1'\n|system.main.l='x'\n+system.cfg02b619='t'\n"));
         QCOMPARE(read("config/system"), QByteArray("config system main\n\toption name box\n"));
+    }
+
+    void importThatMergesCreatesAMissingPackage()
+    {
+        QCOMPARE(run(words("-m import new"), "config a 'b'\n\toption c 'd'\n"), 0);
+        QCOMPARE(m_errors, QByteArray());
+        QCOMPARE(read("config/new"), QByteArray("\nconfig a 'b'\n\toption c 'd'\n\n"));
+        QCOMPARE(read("save/new"), QByteArray("(missing)"));
     }
 
     void malformedImportChangesNothing()
@@ -387,6 +513,12 @@ private:
     changeRow(const char* name, const char* arguments, const char* output, const char* changes, const char* staged)
     {
         QTest::newRow(name) << words(arguments) << QByteArray(output) << QByteArray(changes) << QByteArray(staged);
+    }
+
+    static void
+    batchRow(const char* name, const QByteArray& input, const char* output, const char* errors, const char* staged)
+    {
+        QTest::newRow(name) << input << QByteArray(output) << QByteArray(errors) << QByteArray(staged);
     }
 
     static void failRow(const char* name, const char* arguments, const char* errors)
