@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     NwaCgiRequest::Variables variables;
     variables.insert("HTTP_COOKIE", cookies);
-    NwaFcgiRequest request(0, variables);
+    NwaFcgiRequest request(nullptr, variables);
     NwaWebSession* found = NwaCookieFcgiSessionIdentifier(&manager).identifySession(&request, false);
     if (found && (found != session || !input.contains('@')))
         abort();

@@ -19,10 +19,10 @@ public:
     {
     }
 
-    virtual std::ostream& outputStream() { return m_stream; }
-    virtual std::ostream& errorStream() { return m_stream; }
+    std::ostream& outputStream() override { return m_stream; }
+    std::ostream& errorStream() override { return m_stream; }
 
-    virtual qint64 readBody(char* data, qint64 maximumSize)
+    qint64 readBody(char* data, qint64 maximumSize) override
     {
         m_waits = !m_waits;
         if (m_waits)
@@ -33,7 +33,7 @@ public:
         return size;
     }
 
-    virtual bool atBodyEnd() const { return m_position == m_body.size(); }
+    bool atBodyEnd() const override { return m_position == m_body.size(); }
 
 private:
     const QByteArray m_body;
