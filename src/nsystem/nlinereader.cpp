@@ -94,11 +94,11 @@ bool NLineReader::makeRoom()
         return true;
     const int capacity = m_capacity == 0 ? qMin(FirstCapacity, m_maximumLength)
                                          : int(qMin(2 * qint64(m_capacity), qint64(m_maximumLength)));
-    char* const larger = static_cast<char*>(::realloc(m_buffer.get(), size_t(capacity)));
+    char* const former = m_buffer.release();
+    char* const larger = static_cast<char*>(::realloc(former, size_t(capacity)));
+    m_buffer.reset(larger ? larger : former);
     if (!larger)
         return false;
-    m_buffer.release();
-    m_buffer.reset(larger);
     m_capacity = capacity;
     return true;
 }
