@@ -23,17 +23,11 @@ char* path_join(const char* directory, const char* name)
 char* path_beside(const char* path, const char* suffix)
 {
     const char* name = strrchr(path, '/') + 1;
-    size_t directory_size = (size_t)(name - path);
-    size_t name_size = strlen(name);
-    size_t suffix_size = strlen(suffix) + 1;
-    char* result = malloc(directory_size + 1 + name_size + suffix_size);
+    size_t size = strlen(path) + strlen(suffix) + sizeof(".");
+    char* result = malloc(size);
 
-    if (!result)
-        return NULL;
-    memcpy(result, path, directory_size);
-    result[directory_size] = '.';
-    memcpy(result + directory_size + 1, name, name_size);
-    memcpy(result + directory_size + 1 + name_size, suffix, suffix_size);
+    if (result)
+        snprintf(result, size, "%.*s.%s%s", (int)(name - path), path, name, suffix);
     return result;
 }
 

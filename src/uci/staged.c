@@ -161,6 +161,8 @@ static int read_others(
     size_t count = 0;
 
     uci_foreach_element(&ctx->delta_path, e) count++;
+    if (count == 0)
+        return UCI_OK;
     staged->others = calloc(count, sizeof(*staged->others));
     if (!staged->others)
         return UCI_ERR_MEM;
@@ -247,7 +249,8 @@ static int apply_text(struct uci_package* p, struct staged_text* staged_text, si
         if (result == UCI_ERR_MEM)
             return result;
         *applied += result == UCI_OK;
-        /* A change that does not apply now is still staged: it may apply again when the package file has changed. */
+        /* A change that does not apply now is still staged: it may apply again when the package file has changed.
+         */
         if (p->ctx->flags & UCI_FLAG_SAVED_DELTA &&
             !delta_new(&p->saved_delta, line.cmd, line.section, line.option, line.value))
             return UCI_ERR_MEM;
