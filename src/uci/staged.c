@@ -231,13 +231,13 @@ static int apply_line(struct uci_package* p, const struct delta_line* line)
 static int apply_text(struct uci_package* p, struct staged_text* staged_text, size_t* applied, bool* is_torn)
 {
     struct text* text = &staged_text->text;
-    struct words words = {.position = text->data + staged_text->begin, .end = text->data + text->size};
     struct delta_line line;
     enum delta_result read;
 
     *is_torn = false;
     if (!text->size)
         return UCI_OK;
+    struct words words = {.position = text->data + staged_text->begin, .end = text->data + text->size};
     /* NUL bytes are replaced by a byte that no line may hold: only the lines they are in are refused then. */
     for (char* nul = words.position; (nul = memchr(nul, 0, (size_t)(words.end - nul)));)
         *nul = 1;
