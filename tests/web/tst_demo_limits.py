@@ -3,13 +3,14 @@
 
 import http.client
 import os
+import signal
 import socket
 import subprocess
 import tempfile
 import time
 import unittest
 
-from demo_device import SECONDS_TO_WAIT, SOURCE_DIRECTORY, Demo
+from demo_device import SECONDS_TO_WAIT, SOURCE_DIRECTORY, Client, Demo
 
 BOUNDED_LOG = os.path.join(SOURCE_DIRECTORY, "examples", "device", "bounded-log.sh")
 SLOW_CLIENTS = 300
@@ -98,6 +99,44 @@ class WebServerTest(unittest.TestCase):
             if os.path.exists(path):
                 with open(path, encoding="latin-1") as file:
                     self.assertNotIn(f"[{self.demo.process('device')}]: serving with", file.read())
+
+
+    def kept_connections(self, count):
+        connections = []
+        for _ in range(count):
+            connection = http.client.HTTPConnection("127.0.0.1", self.demo.port, timeout=SECONDS_TO_WAIT)
+            connection.connect()
+            self.addCleanup(connection.close)
+            connections.append(connection)
+        return connections
+
+    def statuses_of_a_burst(self, connections):
+        """Every connection's answer to one request. The device is stopped until all are sent: they wait in its queue
+        together, however fast it is."""
+        with Client(self.demo.address).post("/api/login", {"user": "demo", "password": "demo"}) as response:
+            headers = {"Cookie": response.headers["Set-Cookie"].split(";")[0]}
+        device = self.demo.process("device")
+        os.kill(device, signal.SIGSTOP)
+        try:
+            for connection in connections:
+                connection.request("GET", "/api/timezones?section=information", headers=headers)
+            time.sleep(0.5)  # The web server opens its connections to the device.
+        finally:
+            os.kill(device, signal.SIGCONT)
+        statuses = []
+        for connection in connections:
+            response = connection.getresponse()
+            response.read()
+            statuses.append(response.status)
+        return statuses
+
+    def test_hundreds_of_requests_at_once_are_all_answered(self):
+        self.assertEqual(self.statuses_of_a_burst(self.kept_connections(600)), [200] * 600)
+
+    def test_hundreds_of_kept_connections_are_all_answered_again_and_again(self):
+        connections = self.kept_connections(250)
+        for _ in range(3):
+            self.assertEqual(self.statuses_of_a_burst(connections), [200] * 250)
 
 
 class BoundedLogTest(unittest.TestCase):
