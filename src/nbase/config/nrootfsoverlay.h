@@ -78,7 +78,8 @@ NBASE_EXPORT char* nroBackupMediaId(void);
 
 /**
  * The identifier of the card that automatic backup was enabled for.
- * @return text to free(); NULL when the marker is absent, unreadable or empty.
+ * @return text to free(); NULL when the marker is absent, unreadable or empty, or its first line is longer than
+ * 16 MiB (ENOMEM).
  */
 NBASE_EXPORT char* nroAutoBackupMediaId(void);
 

@@ -94,7 +94,8 @@ public:
      *
      * All files are opened before the first is read, so that a concurrent rotation loses no lines. Memory is
      * needed only for the result, however long a file or one of its lines is. For this reason a line whose program
-     * is longer than 1 MiB, which no daemon writes, is not accepted. No event loop is needed.
+     * is longer than 1 MiB, which no daemon writes, is not accepted, nor is one of 1 GiB or more, which a string
+     * cannot hold. No event loop is needed.
      *
      * @param level the least severe level that is accepted. A negative value accepts no level, so that only lines
      * with nothing after the "." can match.

@@ -42,7 +42,10 @@ public:
 template <unsigned char N> class NBASE_EXPORT NEui : public NEuiBase
 {
 public:
-    /** The regular expression of one byte: two hexadecimal digits in either letter case. */
+    /**
+     * The regular expression of one byte: two hexadecimal digits in either letter case. It is for input fields;
+     * reading a text does not run it.
+     */
     static const QString S_BYTE_REGEXP;
 
     /**

@@ -59,7 +59,9 @@ public:
     static const QString S_TIMEZONE_NAME_REGEXP;
     /**
      * A line of zone.tab, matched as a whole. Its groups are the country code, the three of the latitude, the
-     * three of the longitude, region, town and comment.
+     * three of the longitude, region, town and comment. This expression and the three above describe what is
+     * accepted, and applications can check input with them; loading does not run them, but a parser that accepts
+     * exactly the same lines.
      */
     static const QString S_TOWN_METADATA_REGEXP;
 
