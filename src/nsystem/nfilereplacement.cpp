@@ -62,15 +62,17 @@ bool mayBeWritten(const QByteArray& path, const struct stat& status)
     return NSystem::open(path.constData(), O_WRONLY | O_NOCTTY | O_NONBLOCK).isOpen();
 }
 
-bool takeOver(int file, const struct stat& original)
+bool takeOwner(int file, const struct stat& original)
 {
     struct stat status;
     if (::fstat(file, &status) != 0)
         return false;
     const bool hasOtherOwner = status.st_uid != original.st_uid || status.st_gid != original.st_gid;
-    if (hasOtherOwner && ::fchown(file, original.st_uid, original.st_gid) != 0)
-        return false;
-    // After the owner: changing it clears the set-user-ID bit.
+    return !hasOtherOwner || ::fchown(file, original.st_uid, original.st_gid) == 0;
+}
+
+bool takeMode(int file, const struct stat& original)
+{
     return ::fchmod(file, original.st_mode & 07777) == 0;
 }
 
@@ -80,8 +82,10 @@ bool writeNewFile(const QByteArray& path, const struct stat* original, const voi
     // Nobody else may read it before it has its mode and owner.
     NFileDescriptor file = NSystem::open(
         path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOCTTY, original ? S_IRUSR | S_IWUSR : mode);
-    return file.isOpen() && (!original || takeOver(file.number(), *original)) &&
-           NSystem::writeAll(file.number(), data, size) && NSystem::synchronize(file.number()) && file.close();
+    // The mode comes last: a change of owner, and writing by a user without privileges, clear the set-user-ID bit.
+    return file.isOpen() && (!original || takeOwner(file.number(), *original)) &&
+           NSystem::writeAll(file.number(), data, size) && (!original || takeMode(file.number(), *original)) &&
+           NSystem::synchronize(file.number()) && file.close();
 }
 
 } // namespace
