@@ -1,0 +1,36 @@
+#include "terminaldevice.h"
+
+#include <nbase/serial/nserialport.h>
+
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+TerminalDevice::TerminalDevice()
+    : m_fd(-1)
+{
+}
+
+TerminalDevice::~TerminalDevice()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+bool TerminalDevice::open(const QString& portName)
+{
+    int errorNumber;
+    m_fd = NSerialPort::openFile(portName, errorNumber);
+    return isatty(m_fd);
+}
+
+bool TerminalDevice::hasUnsentOutput() const
+{
+    int size = 0;
+    return ::ioctl(m_fd, TIOCOUTQ, &size) == 0 && size > 0;
+}
+
+void TerminalDevice::discardUnsentOutput()
+{
+    tcflush(m_fd, TCOFLUSH);
+}
