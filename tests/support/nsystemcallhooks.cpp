@@ -93,6 +93,20 @@ Invocation controlling(int file, unsigned long request, void* argument)
     return invocation;
 }
 
+Invocation setting(int file, int actions, const struct termios* settings)
+{
+    Invocation invocation = onFile(Tcsetattr, "tcsetattr", file, const_cast<struct termios*>(settings));
+    invocation.flags = actions;
+    return invocation;
+}
+
+Invocation querying(int file, int name)
+{
+    Invocation invocation = onFile(Fpathconf, "fpathconf", file);
+    invocation.flags = name;
+    return invocation;
+}
+
 qint64 resultOf(const Decision& decision)
 {
     if (decision.result < 0)
@@ -329,9 +343,17 @@ HOOK(int, nTcgetattr, "tcgetattr", (int file, struct termios* settings))
 
 HOOK(int, nTcsetattr, "tcsetattr", (int file, int actions, const struct termios* settings))
 {
-    INTERCEPT(
-        Tcsetattr, nTcsetattr, "tcsetattr",
-        onFile(Tcsetattr, "tcsetattr", file, const_cast<struct termios*>(settings)), file, actions, settings);
+    INTERCEPT(Tcsetattr, nTcsetattr, "tcsetattr", setting(file, actions, settings), file, actions, settings);
+}
+
+HOOK(int, nTcdrain, "tcdrain", (int file))
+{
+    INTERCEPT(Tcdrain, nTcdrain, "tcdrain", onFile(Tcdrain, "tcdrain", file), file);
+}
+
+HOOK(long, nFpathconf, "fpathconf", (int file, int name))
+{
+    INTERCEPT(Fpathconf, nFpathconf, "fpathconf", querying(file, name), file, name);
 }
 
 // These two return the error number instead of setting errno.

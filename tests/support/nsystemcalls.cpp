@@ -165,6 +165,47 @@ bool Rule::matches(const Invocation& invocation)
     return m_count < m_calls.m_limit;
 }
 
+/** The rules for a call, which do not end while they are applied. */
+class AppliedRules
+{
+public:
+    explicit AppliedRules(const Invocation& invocation)
+        : m_count(0)
+    {
+        const std::lock_guard<std::mutex> lock(s_mutex);
+        for (Rule* rule = s_rules; rule && m_count < MostRulesForOneCall; rule = rule->m_next) {
+            if (!rule->matches(invocation))
+                continue;
+            ++rule->m_count;
+            ++rule->m_users;
+            m_rules[m_count++] = rule;
+        }
+    }
+
+    // Also runs when the thread is cancelled in a rule that blocks the call.
+    ~AppliedRules()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(s_mutex);
+            for (int index = 0; index < m_count; ++index)
+                --m_rules[index]->m_users;
+        }
+        s_isUnused.notify_all();
+    }
+
+    void apply(const Invocation& invocation, Decision& decision)
+    {
+        for (int index = 0; index < m_count; ++index)
+            m_rules[index]->apply(invocation, decision);
+    }
+
+private:
+    Q_DISABLE_COPY(AppliedRules)
+
+    Rule* m_rules[MostRulesForOneCall];
+    int m_count;
+};
+
 Decision decide(Invocation& invocation)
 {
     Decision decision = {false, 0, 0, std::numeric_limits<size_t>::max()};
@@ -175,27 +216,7 @@ Decision decide(Invocation& invocation)
     char path[PathSize];
     if (!invocation.path)
         invocation.path = pathOf(invocation.descriptor, path);
-
-    Rule* rules[MostRulesForOneCall];
-    int count = 0;
-    {
-        const std::lock_guard<std::mutex> lock(s_mutex);
-        for (Rule* rule = s_rules; rule && count < MostRulesForOneCall; rule = rule->m_next) {
-            if (!rule->matches(invocation))
-                continue;
-            ++rule->m_count;
-            ++rule->m_users;
-            rules[count++] = rule;
-        }
-    }
-    for (int index = 0; index < count; ++index)
-        rules[index]->apply(invocation, decision);
-    {
-        const std::lock_guard<std::mutex> lock(s_mutex);
-        for (int index = 0; index < count; ++index)
-            --rules[index]->m_users;
-    }
-    s_isUnused.notify_all();
+    AppliedRules(invocation).apply(invocation, decision);
     errno = error;
     t_isDeciding = false;
     return decision;

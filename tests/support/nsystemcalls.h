@@ -20,7 +20,8 @@
  * syscall(2).
  *
  * A rule holds from its construction to its destruction, in all threads. When several rules match a call, each of
- * them counts it; of those that decide about the call, the one constructed last wins.
+ * them counts it; of those that decide about the call, the one constructed last wins. A thread may be cancelled
+ * (pthread_cancel(3)) while a rule blocks its call.
  */
 namespace NSystemCalls {
 
@@ -42,7 +43,9 @@ enum Call {
     Tcgetattr = 1 << 13,
     Tcsetattr = 1 << 14,
     PthreadCreate = 1 << 15,
-    Sleep = 1 << 16 /**< usleep(), nanosleep(), clock_nanosleep() */
+    Sleep = 1 << 16, /**< usleep(), nanosleep(), clock_nanosleep() */
+    Tcdrain = 1 << 17,
+    Fpathconf = 1 << 18
 };
 
 /** A call as a rule sees it. What a function does not have is -1, null or 0. */
@@ -53,7 +56,7 @@ struct Invocation
     int descriptor;
     const char* path;      /**< as the caller gave it, or where the descriptor leads according to /proc/self/fd */
     const char* newPath;   /**< of rename() */
-    int flags;             /**< of open() */
+    int flags;             /**< of open(), the actions of tcsetattr(), the name of fpathconf() */
     qint64 offset;         /**< of pread() and pwrite() */
     size_t size;           /**< of a transfer */
     unsigned long request; /**< of ioctl() */
@@ -97,6 +100,7 @@ private:
     int m_limit;
 };
 
+class AppliedRules;
 struct Decision;
 
 /** The base of all rules. */
@@ -119,7 +123,7 @@ protected:
 private:
     Q_DISABLE_COPY(Rule)
 
-    friend Decision decide(Invocation& invocation);
+    friend class AppliedRules;
 
     bool matches(const Invocation& invocation);
 

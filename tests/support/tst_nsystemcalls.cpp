@@ -60,6 +60,7 @@ private slots:
     void noticeComesBeforeTheCall();
     void callIsBlockedUntilItIsReleased();
     void endOfTheBlockReleasesTheCall();
+    void blockedThreadMayBeCancelled();
     void lastRuleDecides();
     void callsAreRecordedInTheirOrder();
     void callThatContinuesLeavesErrno();
@@ -89,6 +90,13 @@ template <typename Function> Function* function(const char* name)
 
 void* noThread(void*)
 {
+    return nullptr;
+}
+
+void* synchronizeForever(void* file)
+{
+    while (::fsync(*static_cast<int*>(file)) == 0) {
+    }
     return nullptr;
 }
 
@@ -136,7 +144,7 @@ void tst_NSystemCalls::functionsComeBeforeTheCLibrarys_data()
                                  "rename",         "renameat",      "renameat2",    "unlink",   "unlinkat",
                                  "mmap",           "mmap64",        "flock",        "ioctl",    "tcgetattr",
                                  "tcsetattr",      "usleep",        "nanosleep",    "time",     "clock_nanosleep",
-                                 "pthread_create", "clock_gettime", "gettimeofday"};
+                                 "pthread_create", "clock_gettime", "gettimeofday", "tcdrain",  "fpathconf"};
     QTest::addColumn<QByteArray>("name");
     for (const char* name : names)
         QTest::newRow(name) << QByteArray(name);
@@ -225,6 +233,14 @@ void tst_NSystemCalls::faultFailsItsFunctionsOnly_data()
         struct termios settings;
         memset(&settings, 0, sizeof(settings));
         return ::tcsetattr(terminal, TCSANOW, &settings);
+    });
+    add("tcdrain", Tcdrain, []() {
+        const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        return ::tcdrain(terminal);
+    });
+    add("fpathconf", Fpathconf, [this]() {
+        errno = 0;
+        return ::fpathconf(m_file, _PC_NAME_MAX);
     });
     add("pthread_create", PthreadCreate, []() {
         pthread_t thread;
@@ -429,8 +445,10 @@ void tst_NSystemCalls::terminalSettingsAreAnswered()
         *static_cast<struct termios*>(invocation.argument) = stored;
         return 0;
     });
+    int actions = -1;
     // A driver that cannot do two stop bits, and reports success as POSIX allows.
-    const Answer set(Calls(Tcsetattr).onDescriptor(m_file), [&stored](const Invocation& invocation) {
+    const Answer set(Calls(Tcsetattr).onDescriptor(m_file), [&stored, &actions](const Invocation& invocation) {
+        actions = invocation.flags;
         stored = *static_cast<const struct termios*>(invocation.argument);
         stored.c_cflag &= ~tcflag_t(CSTOPB);
         return 0;
@@ -438,9 +456,14 @@ void tst_NSystemCalls::terminalSettingsAreAnswered()
     struct termios settings;
     memset(&settings, 0, sizeof(settings));
     settings.c_cflag = CS7 | CSTOPB;
-    QCOMPARE(::tcsetattr(m_file, TCSANOW, &settings), 0);
+    QCOMPARE(::tcsetattr(m_file, TCSAFLUSH, &settings), 0);
+    QCOMPARE(actions, TCSAFLUSH);
     QCOMPARE(::tcgetattr(m_file, &settings), 0);
     QCOMPARE(settings.c_cflag, tcflag_t(CS7));
+    const Answer disabled(Calls(Fpathconf).onDescriptor(m_file), [](const Invocation& invocation) {
+        return invocation.flags == _PC_VDISABLE ? 0x7f : -1;
+    });
+    QCOMPARE(::fpathconf(m_file, _PC_VDISABLE), 0x7fL);
 }
 
 void tst_NSystemCalls::answerSetsErrno()
@@ -511,6 +534,21 @@ void tst_NSystemCalls::endOfTheBlockReleasesTheCall()
     caller.join();
     QVERIFY(isReached);
     QCOMPARE(int(result), 0);
+}
+
+void tst_NSystemCalls::blockedThreadMayBeCancelled()
+{
+    Block block(Calls(Fsync).onDescriptor(m_file));
+    pthread_t thread;
+    QCOMPARE(::pthread_create(&thread, nullptr, synchronizeForever, &m_file), 0);
+    QVERIFY(block.waitUntilReached());
+    QCOMPARE(::pthread_cancel(thread), 0);
+    void* result = nullptr;
+    QCOMPARE(::pthread_join(thread, &result), 0);
+    QVERIFY(result == PTHREAD_CANCELED);
+    block.release();
+    QCOMPARE(::fsync(m_file), 0);
+    QCOMPARE(block.count(), 2);
 }
 
 void tst_NSystemCalls::lastRuleDecides()
