@@ -13,6 +13,14 @@
 
 #include <termios.h>
 
+// Settings may have values that are not listed. With a fixed type, any int can be converted to the enumerations.
+// The moc of Qt 4 does not know the syntax.
+#ifdef Q_MOC_RUN
+#define NSERIALPORT_INT
+#else
+#define NSERIALPORT_INT : int
+#endif
+
 class NSerialPortFileOpeningWorkerThread;
 class QSocketNotifier;
 
@@ -46,7 +54,7 @@ class NBASE_EXPORT NSerialPort : public QIODevice
 
 public:
     /** Bits per second. */
-    enum BaudRate {
+    enum BaudRate NSERIALPORT_INT {
         BaudRate110 = 110,
         BaudRate300 = 300,
         BaudRate600 = 600,
@@ -62,13 +70,13 @@ public:
     };
 
     /** Data bits of a character. */
-    enum DataBits { DataBits7 = 7, DataBits8 = 8 };
+    enum DataBits NSERIALPORT_INT { DataBits7 = 7, DataBits8 = 8 };
 
-    enum ParityType { ParityNone = 0, ParityEven = 1, ParityOdd = 2 };
+    enum ParityType NSERIALPORT_INT { ParityNone = 0, ParityEven = 1, ParityOdd = 2 };
 
-    enum StopBits { StopBits1 = 1, StopBits2 = 2 };
+    enum StopBits NSERIALPORT_INT { StopBits1 = 1, StopBits2 = 2 };
 
-    enum FlowControlType {
+    enum FlowControlType NSERIALPORT_INT {
         FlowControlNone = 0,
         FlowControlHardware = 1, ///< with the lines RTS and CTS
         FlowControlXonXoff = 2,  ///< with the characters XON and XOFF, in both directions
@@ -278,5 +286,7 @@ private:
     bool m_isGranting;    ///< releasePort() is passing the port on
     bool m_isHeadWaiting; ///< the first request of the queue has not been granted yet
 };
+
+#undef NSERIALPORT_INT
 
 #endif
