@@ -184,7 +184,7 @@ int NSerialPort::openFile(const QString& portName, int& errorNumber)
 
 bool NSerialPort::open(QIODevice::OpenMode mode)
 {
-    if (!mode || isOpen())
+    if (!mode || isOpen() || m_isBeingDestroyed)
         return isOpen();
     int errorNumber;
     const int fd = openFile(m_portName, errorNumber);
@@ -193,7 +193,7 @@ bool NSerialPort::open(QIODevice::OpenMode mode)
 
 bool NSerialPort::open(int fd, int errorNumber, QIODevice::OpenMode mode)
 {
-    if (!mode || isOpen()) {
+    if (!mode || isOpen() || m_isBeingDestroyed) {
         if (fd >= 0)
             ::close(fd);
         setErrorString(QString());
@@ -234,7 +234,7 @@ bool NSerialPort::open(int fd, int errorNumber, QIODevice::OpenMode mode)
 
 void NSerialPort::asyncOpen(QIODevice::OpenMode mode, int timeoutMs)
 {
-    if (m_openingThread)
+    if (m_openingThread || m_isBeingDestroyed)
         return;
     m_asyncOpenMode = mode;
     m_openingThread = new NSerialPortFileOpeningWorkerThread(this, this);

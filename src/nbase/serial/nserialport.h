@@ -137,13 +137,14 @@ public:
      * Opens the device file, for reading and writing whatever @a mode is, and sets up the line. Blocks as long as
      * the driver does. @a mode restricts read() and write() as with any QIODevice.
      * @return whether the port is open; errorString() gives the reason of a failure. With mode 0, or when the port
-     * is open already, nothing happens.
+     * is open already or being destroyed, nothing happens.
      */
     bool open(QIODevice::OpenMode mode) override;
 
     /**
      * Opens the port without blocking the caller. The event loop emits opened() or openingError(). Does nothing
-     * while an earlier call is in progress. A port that is open stays as it is and emits opened().
+     * while an earlier call is in progress or the port is being destroyed. A port that is open stays as it is and
+     * emits opened().
      * @param timeoutMs after how many milliseconds the port is closed and openingError() emitted, with the error
      * string "opening timeout"; a negative value is no limit.
      */
@@ -153,8 +154,9 @@ public:
      * Completes the opening of a device file.
      * @param fd what openFile() returned; it belongs to the port from now on.
      * @param errorNumber what openFile() stored.
-     * @return whether the port is open. With @a mode 0, or when the port is open already, @a fd is closed and the
-     * error string emptied. When @a fd is negative, the error string is the text of @a errorNumber.
+     * @return whether the port is open. With @a mode 0, or when the port is open already or being destroyed, @a fd
+     * is closed and the error string emptied. When @a fd is negative, the error string is the text of @a
+     * errorNumber.
      */
     bool open(int fd, int errorNumber, QIODevice::OpenMode mode);
 

@@ -1,4 +1,5 @@
 #include <nbase/serial/nserialport.h>
+#include <nbase/serial/nserialportallocator.h>
 #include <nbase/serial/nserialportfileopeningevent.h>
 #include <nbase/serial/nserialportfileopeningworkerthread.h>
 
@@ -156,6 +157,38 @@ private:
     NSerialPort* m_port;
     Action m_action;
     int m_calls;
+};
+
+/** Opens a port in all ways while it is being destroyed. */
+class LateOpener : public QObject
+{
+    Q_OBJECT
+
+public:
+    LateOpener(NSerialPort* port, NSerialPortAllocator* allocator)
+        : m_port(port)
+    {
+        connect(port, SIGNAL(aboutToClose()), SLOT(openPort()));
+        connect(allocator, SIGNAL(serialPortAboutToRemove(NSerialPort*)), SLOT(openPort()));
+    }
+
+    /** What open() has returned. */
+    QStringList results() const { return m_results; }
+
+private slots:
+    void openPort()
+    {
+        const bool isOpen = m_port->open(QIODevice::ReadWrite);
+        int error = 0;
+        const int descriptor = NSerialPort::openFile(m_port->portName(), error);
+        const bool isCompleted = m_port->open(descriptor, error, QIODevice::ReadWrite);
+        m_port->asyncOpen(QIODevice::ReadWrite, -1);
+        m_results << latin1(isOpen ? "open, " : "closed, ") + latin1(isCompleted ? "open" : "closed");
+    }
+
+private:
+    NSerialPort* m_port;
+    QStringList m_results;
 };
 
 /** Counts the turns of the event loop. */
@@ -381,6 +414,7 @@ private slots:
     void handlersMayDoAnything();
     void handlersOfATimeOutMayDoAnything_data();
     void handlersOfATimeOutMayDoAnything();
+    void portThatIsBeingDestroyedCannotBeOpened();
 
     void portMayLiveInAnotherThread_data();
     void portMayLiveInAnotherThread();
@@ -1050,6 +1084,21 @@ void tst_NSerialPortOpening::handlersOfATimeOutMayDoAnything()
         QVERIFY(!port->isOpen());
     }
     delete port;
+}
+
+void tst_NSerialPortOpening::portThatIsBeingDestroyedCannotBeOpened()
+{
+    NSerialPort* const port = new NSerialPort(m_uart->portName(), nullptr);
+    NSerialPortAllocator allocator(nullptr);
+    QVERIFY(allocator.requestSerialPortAllocation(port, NSerialPortAllocator::TemporaryAllocation));
+    const LateOpener opener(port, &allocator);
+    QVERIFY(port->open(QIODevice::ReadWrite));
+    const Record opens(Calls(Open).onPath(m_uart->path()));
+    delete port;
+    QCOMPARE(opener.results(), QStringList() << latin1("open, open") << latin1("closed, closed"));
+    QCOMPARE(opens.count(), 2);
+    QCOMPARE(descriptors(), m_descriptors);
+    QCOMPARE(threads(), m_threads);
 }
 
 // ---- threads ----
