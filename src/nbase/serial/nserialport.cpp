@@ -22,6 +22,9 @@ namespace {
 
 const int DevicePrefixSize = 5; // "/dev/"
 
+// How many grants of a port nest, each within the release of the holder before.
+const int MaximalGrantDepth = 16;
+
 const tcflag_t XonXoffFlags = IXON | IXOFF | IXANY;
 
 const NSerialPort::PortSettings DefaultSettings = {
@@ -90,7 +93,7 @@ NSerialPort::NSerialPort(const QString& portName, const PortSettings& settings, 
     , m_changedSettings(AllSettings)
     , m_readBufferBegin(0)
     , m_isBeingDestroyed(false)
-    , m_isGranting(false)
+    , m_grantDepth(0)
     , m_isHeadWaiting(false)
 {
     memset(&m_savedTermios, 0, sizeof(m_savedTermios));
@@ -113,6 +116,7 @@ NSerialPort::~NSerialPort()
     while (!m_allocationQueue.isEmpty()) {
         NSerialPortAllocator* const allocator = m_allocationQueue.first().first;
         removeRequests(allocator, 0);
+        m_isHeadWaiting = !m_allocationQueue.isEmpty();
         allocator->processSerialPortAboutToRemove(this);
     }
 }
@@ -554,19 +558,15 @@ bool NSerialPort::requestPortAllocation(NSerialPortAllocator* allocator, NSerial
 
 void NSerialPort::releasePort(NSerialPortAllocator* allocator)
 {
-    if (m_isBeingDestroyed) {
-        removeRequests(allocator, 0);
-        return;
-    }
     if (m_allocationQueue.isEmpty() || m_allocationQueue.first().first != allocator)
         return;
     m_allocationQueue.removeFirst();
     m_isHeadWaiting = !m_allocationQueue.isEmpty();
-    // A holder that gives the port back in its grant returns to the loop that has granted it. Granting the next
-    // request here would take a stack as deep as the queue is long.
-    if (m_isGranting)
+    // Holders that give the port back in their grants would take a stack as deep as the queue is long. The
+    // innermost of the loops below grants all further requests, each after the grant before has returned.
+    if (m_isBeingDestroyed || m_grantDepth == MaximalGrantDepth)
         return;
-    m_isGranting = true;
+    ++m_grantDepth;
     const QPointer<NSerialPort> port(this);
     while (port && m_isHeadWaiting) {
         m_isHeadWaiting = false;
@@ -574,13 +574,12 @@ void NSerialPort::releasePort(NSerialPortAllocator* allocator)
         request.first->processSerialPortAllocation(this, request.second);
     }
     if (port)
-        m_isGranting = false;
+        --m_grantDepth;
 }
 
 void NSerialPort::cancelPortAllocationRequests(NSerialPortAllocator* allocator)
 {
-    const bool isHeld = !m_isHeadWaiting && !m_isBeingDestroyed;
-    removeRequests(allocator, isHeld ? 1 : 0);
+    removeRequests(allocator, m_isHeadWaiting ? 0 : 1);
 }
 
 void NSerialPort::removeRequests(NSerialPortAllocator* allocator, int begin)

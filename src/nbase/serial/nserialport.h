@@ -285,7 +285,7 @@ private:
 
     int m_readBufferBegin; ///< where the unread bytes begin; those before are removed in larger pieces
     bool m_isBeingDestroyed;
-    bool m_isGranting;    ///< releasePort() is passing the port on
+    int m_grantDepth;     ///< how many calls of releasePort() are granting requests
     bool m_isHeadWaiting; ///< the first request of the queue has not been granted yet
 };
 
