@@ -4,17 +4,20 @@
 
 NSerialListener::NSerialListener(QObject* parent)
     : QObject(parent)
+    , m_isBeingDestroyed(false)
 {
 }
 
 NSerialListener::~NSerialListener()
 {
+    // Closing a port calls receivers of the application.
+    m_isBeingDestroyed = true;
     stopListeningOnSerialPort(nullptr);
 }
 
 bool NSerialListener::startListeningOnSerialPort(NSerialPort* port)
 {
-    return NSerialListenerSingleton::instance()->startListeningOnSerialPort(this, port);
+    return !m_isBeingDestroyed && NSerialListenerSingleton::instance()->startListeningOnSerialPort(this, port);
 }
 
 void NSerialListener::stopListeningOnSerialPort(NSerialPort* port)

@@ -30,7 +30,8 @@ public:
     /**
      * Starts listening on @a port, which the first listener opens with the settings that it has. When other
      * listeners have it open already, data arrive from now on and listeningStarted() is not emitted.
-     * @return false when @a port is null, or somebody else holds it permanently.
+     * @return false when @a port is null, or somebody else holds it permanently, or this listener or @a port is
+     * being destroyed.
      */
     bool startListeningOnSerialPort(NSerialPort* port);
 
@@ -58,6 +59,8 @@ private:
 
     // Emits the signals.
     friend class NSerialListenerSingleton;
+
+    bool m_isBeingDestroyed;
 };
 
 #endif

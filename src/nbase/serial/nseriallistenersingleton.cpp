@@ -60,7 +60,7 @@ private:
 
     NSerialListenerSingleton* const m_singleton;
     Emission* const m_outer;
-    NSerialPort* const m_port;
+    const QPointer<NSerialPort> m_port; // another port can be created at the address of one that has been deleted
     QList<NSerialListener*> m_listeners;
     const bool m_isDelivery;
 };
