@@ -520,6 +520,8 @@ qint64 NSerialPort::readData(char* data, qint64 maxSize)
     if (unread == 0 && maxSize > 0)
         return m_notifier && m_notifier->isEnabled() ? 0 : -1;
     const int size = int(qMin(qint64(unread), maxSize));
+    if (size == 0) // QIODevice passes a null pointer then
+        return 0;
     memcpy(data, m_readBuffer.constData() + m_readBufferBegin, size_t(size));
     m_readBufferBegin += size;
     // Removing the bytes at each call would move all the others each time.
