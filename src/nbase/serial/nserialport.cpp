@@ -494,6 +494,11 @@ void NSerialPort::canRead()
         finishReading(NSystem::errorText());
         return;
     }
+    // Removing the bytes that have been read moves all others, which would slow down the reading of a backlog.
+    if (m_readBufferBegin > m_readBuffer.size() / 2) {
+        m_readBuffer.remove(0, m_readBufferBegin);
+        m_readBufferBegin = 0;
+    }
     const int size = m_readBuffer.size();
     m_readBuffer.resize(size + qMax(waiting, 0));
     const ssize_t count = ::read(m_fd, m_readBuffer.data() + size, size_t(m_readBuffer.size() - size));
@@ -524,12 +529,8 @@ qint64 NSerialPort::readData(char* data, qint64 maxSize)
         return 0;
     memcpy(data, m_readBuffer.constData() + m_readBufferBegin, size_t(size));
     m_readBufferBegin += size;
-    // Removing the bytes at each call would move all the others each time.
     if (m_readBufferBegin == m_readBuffer.size()) {
         m_readBuffer.clear();
-        m_readBufferBegin = 0;
-    } else if (m_readBufferBegin > m_readBuffer.size() / 2) {
-        m_readBuffer.remove(0, m_readBufferBegin);
         m_readBufferBegin = 0;
     }
     return size;

@@ -283,7 +283,7 @@ private:
     QByteArray m_readBuffer;
     QList<Request> m_allocationQueue; ///< the first request is that of the holder
 
-    int m_readBufferBegin; ///< where the unread bytes begin; those before are removed in larger pieces
+    int m_readBufferBegin; ///< where the unread bytes begin; those before are removed when more arrive
     bool m_isBeingDestroyed;
     int m_grantDepth;     ///< how many calls of releasePort() are granting requests
     bool m_isHeadWaiting; ///< the first request of the queue has not been granted yet
