@@ -42,7 +42,9 @@ def main():
         for case, variant, size, time in measurements(path):
             times.setdefault((case, size), {})[variant] = time
     print("%-48s %12s  %-24s %10s %10s %7s" % ("case", "size", "measured against", "ours", "floor", "ratio"))
-    for (case, size), variants in times.items():
+    # Repetitions that alternate are reported in any order.
+    cases = list(dict.fromkeys(case for case, size in times))
+    for (case, size), variants in sorted(times.items(), key=lambda item: (cases.index(item[0][0]), int(item[0][1] or 0))):
         if "ours" not in variants:
             sys.exit("%s: nothing is named \"%s/ours\"" % (case, case))
         for floor, time in variants.items():

@@ -18,7 +18,7 @@ packages_for() {
             echo python3 python3-selenium chromium chromium-driver fonts-dejavu-core
             ;;
         check)
-            echo clang clang-tidy clang-format libclang-rt-dev shellcheck libbenchmark-dev libsqlite3-dev gcovr doxygen
+            echo clang clang-tidy clang-format libclang-rt-dev shellcheck libbenchmark-dev libqt5serialport5-dev libsqlite3-dev gcovr doxygen
             echo dpkg-dev lintian file binutils gzip
             ;;
         *)
