@@ -18,8 +18,8 @@ packages_for() {
             echo python3 python3-selenium chromium chromium-driver fonts-dejavu-core
             ;;
         check)
-            echo clang clang-tidy clang-format libclang-rt-dev shellcheck libbenchmark-dev libqt5serialport5-dev libsqlite3-dev gcovr doxygen
-            echo dpkg-dev lintian file binutils gzip
+            echo clang clang-tidy clang-format libclang-rt-dev shellcheck libbenchmark-dev libqt5serialport5-dev libsqlite3-dev gcovr
+            echo doxygen dpkg-dev lintian file binutils gzip qemu-system-x86
             ;;
         *)
             echo "install-packages.sh: unknown task \"$1\"; known are build, demo, test and check" >&2
