@@ -22,6 +22,7 @@ class NBASE_EXPORT NSerialListener : public QObject
     Q_OBJECT
 
 public:
+    /** A listener on no port. */
     explicit NSerialListener(QObject* parent);
 
     /** Stops listening on all ports. */

@@ -34,9 +34,9 @@ public:
     {
         SerialPortData();
 
-        QSet<NSerialListener*> listeners;
-        bool allocated;     ///< the allocator holds the port
-        int reopeningTimer; ///< the timer of the next attempt to open the port; 0 when none runs
+        QSet<NSerialListener*> listeners; ///< of this port, at least one
+        bool allocated;                   ///< the allocator holds the port
+        int reopeningTimer;               ///< the timer of the next attempt to open the port; 0 when none runs
     };
 
     /** For instance() only. */
@@ -53,6 +53,7 @@ public:
     void processSerialPortListeningEror(NSerialPort* port);
 
 protected:
+    /** Opens a port again. */
     void timerEvent(QTimerEvent* event) override;
 
 private slots:

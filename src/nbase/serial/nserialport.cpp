@@ -23,7 +23,7 @@ namespace {
 const int DevicePrefixSize = 5; // "/dev/"
 
 // How many grants of a port nest, each within the release of the holder before.
-const int MaximalGrantDepth = 16;
+const int MaximumGrantDepth = 16;
 
 const tcflag_t XonXoffFlags = IXON | IXOFF | IXANY;
 
@@ -567,7 +567,7 @@ void NSerialPort::releasePort(NSerialPortAllocator* allocator)
     m_isHeadWaiting = !m_allocationQueue.isEmpty();
     // Holders that give the port back in their grants would take a stack as deep as the queue is long. The
     // innermost of the loops below grants all further requests, each after the grant before has returned.
-    if (m_isBeingDestroyed || m_grantDepth == MaximalGrantDepth)
+    if (m_isBeingDestroyed || m_grantDepth == MaximumGrantDepth)
         return;
     ++m_grantDepth;
     const QPointer<NSerialPort> port(this);

@@ -13,8 +13,10 @@
 
 #include <termios.h>
 
-// Settings may have values that are not listed. With a fixed type, any int can be converted to the enumerations.
-// The moc of Qt 4 does not know the syntax.
+/**
+ * The type of the enumerations of settings, which may have values that are not listed: with a fixed type, they can
+ * hold any int. The moc of Qt 4 does not know the syntax.
+ */
 #ifdef Q_MOC_RUN
 #define NSERIALPORT_INT
 #else
@@ -72,37 +74,40 @@ public:
     /** Data bits of a character. */
     enum DataBits NSERIALPORT_INT { DataBits7 = 7, DataBits8 = 8 };
 
+    /** What the parity bit of a character adds up to. */
     enum ParityType NSERIALPORT_INT { ParityNone = 0, ParityEven = 1, ParityOdd = 2 };
 
+    /** Stop bits of a character. */
     enum StopBits NSERIALPORT_INT { StopBits1 = 1, StopBits2 = 2 };
 
+    /** How the ends of the line keep each other from sending, or who drives the line. */
     enum FlowControlType NSERIALPORT_INT {
         FlowControlNone = 0,
         FlowControlHardware = 1, ///< with the lines RTS and CTS
-        FlowControlXonXoff = 2,  ///< with the characters XON and XOFF, in both directions
+        FlowControlXonXoff = 2,  ///< enables XON/XOFF in the driver, see open() for what comes of it
         FlowControlRs485Rts = 3  ///< no flow control: the driver enables an RS-485 transmitter with RTS
     };
 
     /** The settings of a line. */
     struct PortSettings
     {
-        BaudRate baudRate;
-        DataBits dataBits;
-        ParityType parity;
-        StopBits stopBits;
-        FlowControlType flowControl;
+        BaudRate baudRate;           ///< in both directions
+        DataBits dataBits;           ///< of a character
+        ParityType parity;           ///< is sent, and not checked
+        StopBits stopBits;           ///< of a character
+        FlowControlType flowControl; ///< or RS-485
     };
 
     /** The bits of lineStatus(), see ioctl_tty(2). */
     enum LineStatusBit {
-        LineCts = 0x01, ///< input: clear to send
-        LineDsr = 0x02, ///< input: data set ready
-        LineDcd = 0x04, ///< input: data carrier detect
-        LineRi = 0x08,  ///< input: ring indicator
-        LineRts = 0x10, ///< output: request to send
-        LineDtr = 0x20, ///< output: data terminal ready
-        LineSecondaryTransmit = 0x40,
-        LineSecondaryReceive = 0x80
+        LineCts = 0x01,               ///< input: clear to send
+        LineDsr = 0x02,               ///< input: data set ready
+        LineDcd = 0x04,               ///< input: data carrier detect
+        LineRi = 0x08,                ///< input: ring indicator
+        LineRts = 0x10,               ///< output: request to send
+        LineDtr = 0x20,               ///< output: data terminal ready
+        LineSecondaryTransmit = 0x40, ///< secondary transmitted data
+        LineSecondaryReceive = 0x80   ///< secondary received data
     };
 
     /**
@@ -126,16 +131,21 @@ public:
     /** What users call the port, see friendlyName(const QString&). */
     QString friendlyName() const;
 
+    /** @{ The settings, which a closed port will have when it is opened. */
     PortSettings portSettings() const;
     BaudRate baudRate() const;
     DataBits dataBits() const;
     ParityType parity() const;
     StopBits stopBits() const;
     FlowControlType flowControl() const;
+    /** @} */
 
     /**
      * Opens the device file, for reading and writing whatever @a mode is, and sets up the line. Blocks as long as
      * the driver does. @a mode restricts read() and write() as with any QIODevice.
+     *
+     * The line passes all bytes unchanged. This disables the characters XON and XOFF as well: with
+     * FlowControlXonXoff the driver neither sends nor obeys them, and those that arrive are data.
      * @return whether the port is open; errorString() gives the reason of a failure. With mode 0, or when the port
      * is open already or being destroyed, nothing happens.
      */
@@ -237,8 +247,13 @@ signals:
     void openingError();
 
 protected:
+    /** Takes bytes from the buffer. @return how many; -1 when there are none and will be none. */
     qint64 readData(char* data, qint64 maxSize) override;
+
+    /** Passes bytes to the driver. @return how many it has taken; -1 on failure, see errorString(). */
     qint64 writeData(const char* data, qint64 maxSize) override;
+
+    /** Completes an asynchronous opening. */
     void customEvent(QEvent* event) override;
 
 private slots:

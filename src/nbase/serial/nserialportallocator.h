@@ -22,11 +22,13 @@ class NBASE_EXPORT NSerialPortAllocator : public QObject
     Q_OBJECT
 
 public:
+    /** For how long a port is requested. */
     enum AllocationType {
         TemporaryAllocation, ///< the holder will give the port back; later requests wait for it
         PermanentAllocation  ///< the holder keeps the port; requests behind this one are refused
     };
 
+    /** An allocator without requests. */
     explicit NSerialPortAllocator(QObject* parent);
 
     /** Withdraws all requests and gives back all ports. */

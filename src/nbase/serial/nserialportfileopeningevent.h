@@ -25,7 +25,11 @@ public:
 
     /** -1 on failure, and after takeDescriptor(). */
     int descriptor() const { return m_descriptor; }
+
+    /** errno of a failure. */
     int errorNumber() const { return m_errorNumber; }
+
+    /** The number of the thread that posted it, see NSerialPortFileOpeningWorkerThread; 0 for none. */
     int openingNumber() const { return m_openingNumber; }
 
     /** Gives the descriptor, or -1, to the caller, who must close it. */

@@ -19,6 +19,7 @@ class NBASE_EXPORT NSerialPortFileOpeningWorkerThread : public QThread
     Q_OBJECT
 
 public:
+    /** A thread for @a port that has not been started. */
     NSerialPortFileOpeningWorkerThread(NSerialPort* port, QObject* parent);
 
     /** Distinguishes the results of this thread from those of others, of which none has the same number. */
@@ -31,6 +32,7 @@ public:
     void abandon();
 
 protected:
+    /** Opens the file and posts the result. */
     void run() override;
 
 private:
