@@ -363,7 +363,6 @@ class OpeningTest(unittest.TestCase):
             with open(file.name, "rb") as unchanged:
                 self.assertEqual(unchanged.read(), b"content")
 
-
     def test_a_device_that_blocks_is_not_waited_for_after_the_time_out(self):
         done = run("--timeout=50", "/dev/blocking-port", program=PROGRAM_WITH_HARDWARE)
         self.assertEqual((done.returncode, done.stderr), (1, b"nserial: /dev/blocking-port: opening timeout\n"))
@@ -376,42 +375,6 @@ class OpeningTest(unittest.TestCase):
                 wait_until(lambda process=process: handles(process, number), "the handler of the signal")
                 process.send_signal(number)
                 self.assertEqual((process.wait(SECONDS_TO_WAIT), process.stderr.read()), (1, b"nserial: interrupted\n"))
-
-
-class ListTest(unittest.TestCase):
-    def list(self, devices):
-        """The output for a machine with these devices: name, has hardware, type or None."""
-        with tempfile.TemporaryDirectory() as folder:
-            for name, has_hardware, kind in devices:
-                os.makedirs(os.path.join(folder, name, "device") if has_hardware else os.path.join(folder, name))
-                if kind is not None:
-                    with open(os.path.join(folder, name, "type"), "w", encoding="ascii") as file:
-                        file.write(f"{kind}\n")
-            namespaces = ["--mount"] if os.geteuid() == 0 else ["--mount", "--user", "--map-root-user"]
-            script = 'mount --bind "$1" /sys/class/tty && exec "$2" --list'
-            done = subprocess.run(["unshare", *namespaces, "sh", "-c", script, "sh", folder, PROGRAM],
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=SECONDS_TO_WAIT)
-        self.assertEqual((done.returncode, done.stderr), (0, b""))
-        return done.stdout.decode()
-
-    def test_ports_are_listed_in_natural_order_with_their_friendly_names(self):
-        devices = [("ttyUSB10", True, None), ("ttyUSB9", True, None), ("ttyS0", True, 4), ("ttyAPP3", True, None),
-                   ("rfcomm0", True, None), ("ttyCUSE1", True, None), ("ttyACM0", True, None)]
-        self.assertEqual(self.list(devices),
-                         "/dev/rfcomm0  Bluetooth-serial adapter 0\n"
-                         "/dev/ttyACM0\n"
-                         "/dev/ttyAPP3  Serial port 3\n"
-                         "/dev/ttyCUSE1  Virtual serial port 1\n"
-                         "/dev/ttyS0  Serial port 0\n"
-                         "/dev/ttyUSB9  USB-serial adapter 9\n"
-                         "/dev/ttyUSB10  USB-serial adapter 10\n")
-
-    def test_consoles_and_ports_that_the_machine_does_not_have_are_not_listed(self):
-        devices = [("tty0", False, None), ("console", False, None), ("ttyS0", True, 4), ("ttyS1", True, 0)]
-        self.assertEqual(self.list(devices), "/dev/ttyS0  Serial port 0\n")
-
-    def test_a_machine_without_ports(self):
-        self.assertEqual(self.list([]), "")
 
 
 class CommandLineTest(unittest.TestCase):
