@@ -6,12 +6,12 @@
 #include <nsystem/nlatin1_p.h>
 #include <nsystem/nsystemcall_p.h>
 
+#include <QtCore/QByteArray>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QSet>
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -33,8 +33,12 @@ QSet<int> openDescriptors()
     DIR* const directory = opendir("/proc/self/fd");
     if (!directory)
         return descriptors;
-    while (const dirent* const entry = readdir(directory))
-        descriptors.insert(atoi(entry->d_name));
+    while (const dirent* const entry = readdir(directory)) {
+        bool isNumber; // "." and ".." are none
+        const int descriptor = QByteArray(entry->d_name).toInt(&isNumber);
+        if (isNumber)
+            descriptors.insert(descriptor);
+    }
     descriptors.remove(dirfd(directory));
     closedir(directory);
     return descriptors;
