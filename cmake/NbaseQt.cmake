@@ -59,6 +59,7 @@ function(nbase_run_moc target)
     set(folder ${CMAKE_CURRENT_BINARY_DIR}/${target}_moc)
     file(MAKE_DIRECTORY ${folder})
     set(includes $<TARGET_PROPERTY:${target},INCLUDE_DIRECTORIES>)
+    set(definitions $<TARGET_PROPERTY:${target},COMPILE_DEFINITIONS>) # slots may depend on them
     foreach(source IN LISTS ARGN)
         get_filename_component(name ${source} NAME_WE)
         if(source MATCHES "\\.h$")
@@ -68,7 +69,8 @@ function(nbase_run_moc target)
         endif()
         get_filename_component(source ${source} ABSOLUTE)
         add_custom_command(OUTPUT ${output}
-            COMMAND ${nbase_qt_moc} "$<$<BOOL:${includes}>:-I$<JOIN:${includes},;-I>>" -o ${output} ${source}
+            COMMAND ${nbase_qt_moc} "$<$<BOOL:${includes}>:-I$<JOIN:${includes},;-I>>"
+                "$<$<BOOL:${definitions}>:-D$<JOIN:${definitions},;-D>>" -o ${output} ${source}
             DEPENDS ${source} COMMAND_EXPAND_LISTS VERBATIM)
         target_sources(${target} PRIVATE ${output})
     endforeach()
