@@ -26,22 +26,23 @@ int nextOpeningNumber()
     return latest.fetchAndAddOrdered(1) + 1;
 }
 
-// The descriptors that the process has open; none when /proc is not mounted.
-QSet<int> openDescriptors()
+// Lists the descriptors that the process has open. It fails when the process has no descriptor left for that, and
+// when /proc is not mounted.
+bool listOpenDescriptors(QSet<int>* descriptors)
 {
-    QSet<int> descriptors;
+    descriptors->clear();
     DIR* const directory = opendir("/proc/self/fd");
     if (!directory)
-        return descriptors;
+        return false;
     while (const dirent* const entry = readdir(directory)) {
         bool isNumber; // "." and ".." are none
         const int descriptor = QByteArray(entry->d_name).toInt(&isNumber);
         if (isNumber)
-            descriptors.insert(descriptor);
+            descriptors->insert(descriptor);
     }
-    descriptors.remove(dirfd(directory));
+    descriptors->remove(dirfd(directory));
     closedir(directory);
-    return descriptors;
+    return true;
 }
 
 // Whether it is what NSerialPort::openFile() gets for the device with this number.
@@ -81,18 +82,21 @@ void NSerialPortFileOpeningWorkerThread::run()
 // appeared since it was seen to block are looked through.
 void NSerialPortFileOpeningWorkerThread::abandon()
 {
-    QSet<int> descriptors = openDescriptors();
+    QSet<int> descriptors;
+    bool isListed = listOpenDescriptors(&descriptors);
     while (!isAsleep()) {
         if (wait(1))
             return;
-        descriptors = openDescriptors();
+        isListed = listOpenDescriptors(&descriptors);
     }
     terminate();
     wait();
-    if (m_hasReturned.fetchAndAddOrdered(0) != 0)
+    QSet<int> newDescriptors;
+    // Without the first list, the descriptors of others would pass for new ones.
+    if (m_hasReturned.fetchAndAddOrdered(0) != 0 || !isListed || !listOpenDescriptors(&newDescriptors))
         return;
+    newDescriptors -= descriptors;
     struct stat status;
-    const QSet<int> newDescriptors = openDescriptors() - descriptors;
     if (newDescriptors.isEmpty() || stat(m_portName.toLatin1().constData(), &status) != 0)
         return;
     for (QSet<int>::const_iterator i = newDescriptors.constBegin(); i != newDescriptors.constEnd(); ++i) {

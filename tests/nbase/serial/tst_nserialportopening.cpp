@@ -320,6 +320,23 @@ private:
     Descriptors* m_descriptors;
 };
 
+/** Raises the limit of descriptors again when the thread is cancelled. */
+class LimitUntilCancelled
+{
+public:
+    explicit LimitUntilCancelled(const struct rlimit& saved)
+        : m_saved(saved)
+    {
+    }
+
+    ~LimitUntilCancelled() { ::setrlimit(RLIMIT_NOFILE, &m_saved); }
+
+private:
+    Q_DISABLE_COPY(LimitUntilCancelled)
+
+    const struct rlimit m_saved;
+};
+
 /** Whether this thread can be cancelled. */
 int cancelState()
 {
@@ -406,6 +423,7 @@ private slots:
     void closeBeforeTheResultArrives_data();
     void closeBeforeTheResultArrives();
     void descriptorOfTheLastMomentIsClosed();
+    void descriptorsOfOthersAreKeptWhenTheyCouldNotBeListed();
     void lateResultDoesNotEndANewerOpening();
     void lateResultDoesNotReachAnOpenPort();
     void destructionBeforeTheResultArrives();
@@ -965,6 +983,33 @@ void tst_NSerialPortOpening::descriptorOfTheLastMomentIsClosed()
     QCOMPARE(::close(descriptors.blocking), 0);
     QCOMPARE(::close(descriptors.readOnly), 0);
     QCOMPARE(::close(descriptors.inherited), 0);
+}
+
+void tst_NSerialPortOpening::descriptorsOfOthersAreKeptWhenTheyCouldNotBeListed()
+{
+    int errorNumber;
+    const int other = NSerialPort::openFile(m_uart->portName(), errorNumber);
+    QVERIFY(other >= 0);
+    struct rlimit saved;
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    std::atomic<bool> isReached(false);
+    const Answer answer(Calls(Open).onPath(m_uart->path()), [&](const Invocation&) {
+        const LimitUntilCancelled limit(saved);
+        isReached = true;
+        for (;;)
+            sleepMicroseconds(10000);
+        return 0;
+    });
+    m_port->asyncOpen(QIODevice::ReadWrite, -1);
+    while (!isReached)
+        QThread::yieldCurrentThread();
+    struct rlimit limit = saved;
+    limit.rlim_cur = 0; // those that are open stay open
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    m_port->close();
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    QCOMPARE(limit.rlim_cur, saved.rlim_cur);
+    QCOMPARE(::close(other), 0);
 }
 
 void tst_NSerialPortOpening::lateResultDoesNotEndANewerOpening()
