@@ -345,7 +345,7 @@ private slots:
     {
         QTest::addColumn<int>("error");
         QTest::addColumn<int>("result");
-        QTest::newRow("not implemented") << ENOSYS << int(UCI_OK);
+        QTest::newRow("no such system call") << ENOSYS << int(UCI_OK);
         QTest::newRow("not supported") << EOPNOTSUPP << int(UCI_OK);
         QTest::newRow("no lock manager") << ENOLCK << int(UCI_OK);
         QTest::newRow("another error") << EIO << int(UCI_ERR_IO);

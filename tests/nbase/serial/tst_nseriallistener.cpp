@@ -1,3 +1,5 @@
+#include "nclosereceiver.h"
+
 #include "support/nallocatedbytes.h"
 #include "support/nmessagerecorder.h"
 #include "support/nregisteredtimers.h"
@@ -149,6 +151,9 @@ public:
 private slots:
     void dataReceived(NSerialPort* serialPort, const QByteArray& bytes)
     {
+        // Nothing is delivered that is empty; a port that gave it again and again would exhaust the memory.
+        if (bytes.isEmpty())
+            qFatal("an empty chunk");
         data[serialPort] += bytes;
         chunkSizes.append(bytes.size());
         call(onData, serialPort);
@@ -173,25 +178,6 @@ private:
     }
 
     QStringList m_heard;
-};
-
-// Runs a function when a port is about to close.
-class CloseReceiver : public QObject
-{
-    Q_OBJECT
-
-public:
-    CloseReceiver(NSerialPort* port, const std::function<void()>& handler)
-        : m_handler(handler)
-    {
-        connect(port, SIGNAL(aboutToClose()), SLOT(aboutToClose()));
-    }
-
-private slots:
-    void aboutToClose() { m_handler(); }
-
-private:
-    std::function<void()> m_handler;
 };
 
 // A port and listeners on it that have started.
@@ -1256,7 +1242,7 @@ void tst_NSerialListener::listenerBeingDestroyedIsRefused()
     NSerialPort other(terminal.path(), nullptr);
     NSerialListener* const listener = line.listeners[0].listener.release();
     bool isClosed = false;
-    const CloseReceiver receiver(line.port.get(), [&]() {
+    const NCloseReceiver receiver(line.port.get(), [&]() {
         isClosed = true;
         QVERIFY(!listener->startListeningOnSerialPort(&other));
         QVERIFY(!listener->startListeningOnSerialPort(line.port.get()));

@@ -1,5 +1,7 @@
 #include <nbase/serial/nserialport.h>
 
+#include "nporthandler.h"
+
 #include "support/nsimulateduart.h"
 #include "support/nsystemcalls.h"
 #include "support/ntemporarydirectory.h"
@@ -115,59 +117,6 @@ private:
         connect(this, SIGNAL(opened()), SLOT(countOpeningResult()));
         connect(this, SIGNAL(openingError()), SLOT(countOpeningResult()));
     }
-};
-
-/** Does something to a port at the first signal that it is connected to. */
-class Handler : public QObject
-{
-    Q_OBJECT
-
-public:
-    enum Action { Nothing, Close, Reopen, Delete, DeleteLater, ReadAll };
-
-    Handler(NSerialPort* port, const char* signal, Action action)
-        : m_port(port)
-        , m_action(action)
-        , m_calls(0)
-    {
-        connect(port, signal, SLOT(act()));
-    }
-
-    int calls() const { return m_calls; }
-    QByteArray data() const { return m_data; }
-
-private slots:
-    void act()
-    {
-        if (++m_calls > 1)
-            return;
-        switch (m_action) {
-        case Nothing:
-            break;
-        case Close:
-            m_port->close();
-            break;
-        case Reopen:
-            m_port->close();
-            m_port->open(QIODevice::ReadWrite);
-            break;
-        case Delete:
-            delete m_port;
-            break;
-        case DeleteLater:
-            m_port->deleteLater();
-            break;
-        case ReadAll:
-            m_data = m_port->readAll();
-            break;
-        }
-    }
-
-private:
-    NSerialPort* m_port;
-    Action m_action;
-    int m_calls;
-    QByteArray m_data;
 };
 
 /** Pipes that are readable all the time. The first one that is noticed changes the baud rate of a port. */
@@ -1281,7 +1230,7 @@ void tst_NSerialPort::closingDrainsRestoresAndCloses()
 
 void tst_NSerialPort::closingAClosedPortDoesNothing()
 {
-    const Handler aboutToClose(m_port.data(), SIGNAL(aboutToClose()), Handler::Nothing);
+    const NPortHandler aboutToClose(m_port.data(), SIGNAL(aboutToClose()), NPortHandler::Nothing);
     const Record calls(Tcdrain | Tcsetattr | Close);
     m_port->close();
     QCOMPARE(calls.count(), 0);
@@ -2039,14 +1988,14 @@ void tst_NSerialPort::handlersMayDoAnything_data()
 {
     QTest::addColumn<bool>("isEnd");
     QTest::addColumn<int>("action");
-    QTest::newRow("close in readyRead") << false << int(Handler::Close);
-    QTest::newRow("reopen in readyRead") << false << int(Handler::Reopen);
-    QTest::newRow("delete in readyRead") << false << int(Handler::Delete);
-    QTest::newRow("delete later in readyRead") << false << int(Handler::DeleteLater);
-    QTest::newRow("close in readChannelFinished") << true << int(Handler::Close);
-    QTest::newRow("reopen in readChannelFinished") << true << int(Handler::Reopen);
-    QTest::newRow("delete in readChannelFinished") << true << int(Handler::Delete);
-    QTest::newRow("delete later in readChannelFinished") << true << int(Handler::DeleteLater);
+    QTest::newRow("close in readyRead") << false << int(NPortHandler::Close);
+    QTest::newRow("reopen in readyRead") << false << int(NPortHandler::Reopen);
+    QTest::newRow("delete in readyRead") << false << int(NPortHandler::Delete);
+    QTest::newRow("delete later in readyRead") << false << int(NPortHandler::DeleteLater);
+    QTest::newRow("close in readChannelFinished") << true << int(NPortHandler::Close);
+    QTest::newRow("reopen in readChannelFinished") << true << int(NPortHandler::Reopen);
+    QTest::newRow("delete in readChannelFinished") << true << int(NPortHandler::Delete);
+    QTest::newRow("delete later in readChannelFinished") << true << int(NPortHandler::DeleteLater);
 }
 
 void tst_NSerialPort::handlersMayDoAnything()
@@ -2054,8 +2003,8 @@ void tst_NSerialPort::handlersMayDoAnything()
     QFETCH(bool, isEnd);
     QFETCH(int, action);
     const QPointer<Port> port(new Port(m_uart->portName()));
-    const Handler handler(
-        port, isEnd ? SIGNAL(readChannelFinished()) : SIGNAL(readyRead()), Handler::Action(action));
+    const NPortHandler handler(
+        port, isEnd ? SIGNAL(readChannelFinished()) : SIGNAL(readyRead()), NPortHandler::Action(action));
     QVERIFY(port->open(QIODevice::ReadWrite));
     {
         const Fault fault(Calls(Read).onPath(m_uart->path()).times(isEnd ? 1 : 0), EIO);
@@ -2063,11 +2012,11 @@ void tst_NSerialPort::handlersMayDoAnything()
         NTRY_COMPARE(handler.calls(), 1);
     }
     switch (action) {
-    case Handler::Close:
+    case NPortHandler::Close:
         QVERIFY(!port->isOpen());
         QVERIFY(!port->notifier());
         break;
-    case Handler::Reopen:
+    case NPortHandler::Reopen:
         QVERIFY(port->isOpen());
         QCOMPARE(port->bytesAvailable(), qint64(0));
         QVERIFY(sendAndWait("again"));
@@ -2084,17 +2033,17 @@ void tst_NSerialPort::handlersMayDoAnything()
 void tst_NSerialPort::portMayBeClosedAndDeletedLaterInAboutToClose_data()
 {
     QTest::addColumn<int>("action");
-    QTest::newRow("close") << int(Handler::Close);
-    QTest::newRow("reopen") << int(Handler::Reopen);
-    QTest::newRow("delete later") << int(Handler::DeleteLater);
-    QTest::newRow("read") << int(Handler::ReadAll);
+    QTest::newRow("close") << int(NPortHandler::Close);
+    QTest::newRow("reopen") << int(NPortHandler::Reopen);
+    QTest::newRow("delete later") << int(NPortHandler::DeleteLater);
+    QTest::newRow("read") << int(NPortHandler::ReadAll);
 }
 
 void tst_NSerialPort::portMayBeClosedAndDeletedLaterInAboutToClose()
 {
     QFETCH(int, action);
     const QPointer<Port> port(new Port(m_uart->portName()));
-    const Handler handler(port, SIGNAL(aboutToClose()), Handler::Action(action));
+    const NPortHandler handler(port, SIGNAL(aboutToClose()), NPortHandler::Action(action));
     QVERIFY(port->open(QIODevice::ReadWrite));
     QVERIFY(sendAndWait("x"));
     NTRY_COMPARE(port->readyReads, 1);
@@ -2105,9 +2054,9 @@ void tst_NSerialPort::portMayBeClosedAndDeletedLaterInAboutToClose()
     QCOMPARE(closings.count(), 1);
     QCOMPARE(m_uart->takeChanges().size(), 1);
     QVERIFY(!port->isOpen());
-    if (action == Handler::ReadAll)
+    if (action == NPortHandler::ReadAll)
         QCOMPARE(handler.data(), QByteArray("x"));
-    if (action == Handler::DeleteLater)
+    if (action == NPortHandler::DeleteLater)
         NTRY_VERIFY(!port);
     delete port;
 }

@@ -1,3 +1,5 @@
+#include "nclosereceiver.h"
+
 #include <nbase/serial/nserialport.h>
 #include <nbase/serial/nserialportallocator.h>
 
@@ -95,25 +97,6 @@ public:
 
     Receiver receiver;
     std::unique_ptr<Allocator> allocator;
-};
-
-// Runs a function when a port is about to close, which its destructor does before anything else.
-class CloseReceiver : public QObject
-{
-    Q_OBJECT
-
-public:
-    CloseReceiver(NSerialPort* port, const std::function<void()>& handler)
-        : m_handler(handler)
-    {
-        connect(port, SIGNAL(aboutToClose()), SLOT(aboutToClose()));
-    }
-
-private slots:
-    void aboutToClose() { m_handler(); }
-
-private:
-    std::function<void()> m_handler;
 };
 
 // A thread whose stack is too small for a recursion over thousands of allocators.
@@ -1085,7 +1068,7 @@ void tst_NSerialPortAllocator::portBeingDestroyedRefusesRequests()
     std::unique_ptr<NSerialPort> port(new NSerialPort(latin1("/dev/ptmx"), nullptr));
     User a("A", m_log);
     User b("B", m_log);
-    const CloseReceiver receiver(port.get(), [&]() {
+    const NCloseReceiver receiver(port.get(), [&]() {
         m_log.append(latin1("closes"));
         QVERIFY(!a->requestSerialPortAllocation(port.get(), Temporary));
         QVERIFY(!b->requestSerialPortAllocation(port.get(), Temporary));
@@ -1123,7 +1106,7 @@ void tst_NSerialPortAllocator::handlersOfAPortBeingDestroyedMayReleaseAndCancel(
             QVERIFY(c->requestSerialPortAllocation(&port, Temporary));
             COMPARE_LOG("A gets ptmx temporarily");
             c.receiver.onRemoval = [&](NSerialPort*) { a.allocator.reset(); };
-            const CloseReceiver receiver(&port, [&]() {
+            const NCloseReceiver receiver(&port, [&]() {
                 switch (how) {
                 case 0: // A waits
                     a->releaseSerialPort(&port);

@@ -3,6 +3,8 @@
 #include <nbase/serial/nserialportfileopeningevent.h>
 #include <nbase/serial/nserialportfileopeningworkerthread.h>
 
+#include "nporthandler.h"
+
 #include "support/nsimulateduart.h"
 #include "support/nsystemcalls.h"
 #include "support/ntestwait.h"
@@ -46,6 +48,18 @@ const int AbandonedOpenings = 1000;
 #else
 const int AbandonedOpenings = 10000;
 #endif
+
+/** What receivers of the results do. */
+const struct NamedAction
+{
+    const char* name;
+    NPortHandler::Action action;
+} Actions[] = {
+    {"nothing", NPortHandler::Nothing},
+    {"close", NPortHandler::Close},
+    {"delete", NPortHandler::Delete},
+    {"delete later", NPortHandler::DeleteLater},
+    {"open again", NPortHandler::ReopenInThread}};
 
 int entries(const char* path)
 {
@@ -109,54 +123,6 @@ private slots:
 private:
     QStringList m_events;
     int m_closings;
-};
-
-/** Does something to a port at the first signal that it is connected to. */
-class Handler : public QObject
-{
-    Q_OBJECT
-
-public:
-    enum Action { Nothing, Close, Delete, DeleteLater, OpenAgain };
-
-    Handler(NSerialPort* port, const char* signal, Action action)
-        : m_port(port)
-        , m_action(action)
-        , m_calls(0)
-    {
-        connect(port, signal, SLOT(act()));
-    }
-
-    int calls() const { return m_calls; }
-
-private slots:
-    void act()
-    {
-        if (++m_calls > 1)
-            return;
-        switch (m_action) {
-        case Nothing:
-            break;
-        case Close:
-            m_port->close();
-            break;
-        case Delete:
-            delete m_port;
-            break;
-        case DeleteLater:
-            m_port->deleteLater();
-            break;
-        case OpenAgain:
-            m_port->close();
-            m_port->asyncOpen(QIODevice::ReadWrite, -1);
-            break;
-        }
-    }
-
-private:
-    NSerialPort* m_port;
-    Action m_action;
-    int m_calls;
 };
 
 /** Opens a port in all ways while it is being destroyed. */
@@ -1064,11 +1030,10 @@ void tst_NSerialPortOpening::handlersMayDoAnything_data()
 {
     QTest::addColumn<bool>("fails");
     QTest::addColumn<int>("action");
-    const char* const names[] = {"nothing", "close", "delete", "delete later", "open again"};
     for (int fails = 0; fails < 2; ++fails) {
-        for (int action = Handler::Nothing; action <= Handler::OpenAgain; ++action) {
-            QTest::newRow(QByteArray(names[action]) + (fails ? " in openingError" : " in opened"))
-                << bool(fails) << action;
+        for (const NamedAction& action : Actions) {
+            QTest::newRow(QByteArray(action.name) + (fails ? " in openingError" : " in opened"))
+                << bool(fails) << int(action.action);
         }
     }
 }
@@ -1078,19 +1043,20 @@ void tst_NSerialPortOpening::handlersMayDoAnything()
     QFETCH(bool, fails);
     QFETCH(int, action);
     const QPointer<Port> port(new Port(m_uart->portName()));
-    const Handler handler(port, fails ? SIGNAL(openingError()) : SIGNAL(opened()), Handler::Action(action));
+    const NPortHandler handler(
+        port, fails ? SIGNAL(openingError()) : SIGNAL(opened()), NPortHandler::Action(action));
     const Fault fault(Calls(Open).onPath(m_uart->path()).times(fails ? 1 : 0), EBUSY);
     port->asyncOpen(QIODevice::ReadWrite, 60000);
     NTRY_COMPARE(handler.calls(), 1);
     switch (action) {
-    case Handler::Nothing:
+    case NPortHandler::Nothing:
         QCOMPARE(port->isOpen(), !fails);
         break;
-    case Handler::Close:
+    case NPortHandler::Close:
         QVERIFY(!port->isOpen());
         QCOMPARE(descriptors(), m_descriptors);
         break;
-    case Handler::OpenAgain:
+    case NPortHandler::ReopenInThread:
         NTRY_VERIFY(port->events().size() == (fails ? 2 : 3) && port->isOpen());
         QCOMPARE(port->events().last(), latin1("opened"));
         QCOMPARE(descriptors(), m_descriptors + 1);
@@ -1106,24 +1072,23 @@ void tst_NSerialPortOpening::handlersMayDoAnything()
 void tst_NSerialPortOpening::handlersOfATimeOutMayDoAnything_data()
 {
     QTest::addColumn<int>("action");
-    const char* const names[] = {"nothing", "close", "delete", "delete later", "open again"};
-    for (int action = Handler::Nothing; action <= Handler::OpenAgain; ++action)
-        QTest::newRow(names[action]) << action;
+    for (const NamedAction& action : Actions)
+        QTest::newRow(action.name) << int(action.action);
 }
 
 void tst_NSerialPortOpening::handlersOfATimeOutMayDoAnything()
 {
     QFETCH(int, action);
     const QPointer<Port> port(new Port(m_uart->portName()));
-    const Handler handler(port, SIGNAL(openingError()), Handler::Action(action));
+    const NPortHandler handler(port, SIGNAL(openingError()), NPortHandler::Action(action));
     const Block block(Calls(Open).onPath(m_uart->path()).times(1));
     port->asyncOpen(QIODevice::ReadWrite, 1);
     NTRY_COMPARE(handler.calls(), 1);
-    if (action == Handler::OpenAgain) {
+    if (action == NPortHandler::ReopenInThread) {
         // Unless the thread was abandoned before it came to the call that blocks.
         NTRY_COMPARE(port->events().size(), 2);
         QCOMPARE(port->events().last(), latin1("opened"));
-    } else if (action == Handler::Delete || action == Handler::DeleteLater) {
+    } else if (action == NPortHandler::Delete || action == NPortHandler::DeleteLater) {
         NTRY_VERIFY(!port);
     } else {
         QVERIFY(!port->isOpen());
