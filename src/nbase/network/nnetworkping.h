@@ -1,0 +1,117 @@
+#ifndef NBASE_NNETWORKPING_H
+#define NBASE_NNETWORKPING_H
+
+#include <nbase/nbaseglobal.h>
+
+#include <QtCore/QObject>
+#include <QtCore/QProcess>
+#include <QtCore/QString>
+#include <QtCore/QTimer>
+
+class NCommandProcess;
+
+/**
+ * Pings a host again and again with the system's command ping(8), one echo request for each run of the command,
+ * and keeps statistics. Times are in microseconds; the command must print them with three decimals of a
+ * millisecond, as that of busybox does; a reply without such a time counts as good and leaves the times as they
+ * are.
+ *
+ * Everything happens in the event loop of the object's thread. Receivers of the signals may start, stop or delete
+ * the runner.
+ */
+class NBASE_EXPORT NNetworkPing : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit NNetworkPing(QObject* parent);
+
+    /** Ends a ping that is in progress, without a signal. */
+    ~NNetworkPing() override;
+
+    /** A runner without parent that has been started, see start(). The caller must delete it. */
+    static NNetworkPing* startPing(const QString& host, quint32 count, quint32 timeout, quint32 delay);
+
+    QString host() const;
+    quint32 count() const;
+    quint32 timeout() const;
+    quint32 delay() const;
+
+    /** Whether it has been started and not stopped since. */
+    bool isRunning() const;
+
+    /** Whether the last ping was answered. */
+    bool isGood() const;
+
+    /** The time to live of the last reply with a time; 0 before the first one. */
+    quint32 ttl() const;
+    /** The time of the last reply with a time; 0 before the first one. */
+    quint32 replyTime() const;
+    /** How many pings have ended. */
+    quint32 sentNb() const;
+    /** How many of them were answered. */
+    quint32 goodNb() const;
+    quint32 fastest() const;
+    quint32 slowest() const;
+    /** The sum of all times divided by goodNb(), rounded down; 0 when no ping has been answered. */
+    quint32 meanTime() const;
+
+public slots:
+    /**
+     * Starts with new statistics. A run that is in progress is replaced, without stopped().
+     * @param host an address or a host name.
+     * @param count after how many pings it stops; 0 for never.
+     * @param timeout how many seconds a reply is waited for.
+     * @param delay how many seconds lie between the beginnings of two pings. A ping that takes longer is followed
+     *        by the next one at once.
+     */
+    void start(const QString& host, quint32 count = 0, quint32 timeout = 5, quint32 delay = 1);
+
+    /** Stops at once. Does nothing when it is not running. */
+    void stop();
+
+signals:
+    /** A ping has ended: was it answered, and the statistics. */
+    void pingResult(
+        bool good, quint32 ttl, quint32 replyTime, quint32 sentNb, quint32 goodNb, quint32 fastest,
+        quint32 slowest, quint32 meanTime);
+
+    void started(const QString& host, quint32 count, quint32 timeout, quint32 delay);
+
+    /** It has been stopped, or @e count pings have ended. */
+    void stopped();
+
+private slots:
+    void delayTimerTimeout();
+    void pingProcessFinished(int exitCode, QProcess::ExitStatus exitStatus);
+    void pingProcessError(QProcess::ProcessError error);
+    void pingProcessFailed();
+
+private:
+    Q_DISABLE_COPY(NNetworkPing)
+
+    void endRun();
+    void sendPing();
+    void takePing(bool good, const QString& output);
+    void takeReply(const QString& output);
+
+    QString m_host;
+    quint32 m_count;
+    quint32 m_timeout;
+    quint32 m_delay;
+    bool m_running;
+    bool m_good;
+    quint32 m_ttl;
+    quint32 m_replyTime;
+    quint32 m_sentNb;
+    quint32 m_goodNb;
+    quint32 m_fastest;
+    quint32 m_slowest;
+    quint64 m_replyTimeSum;
+    NCommandProcess* m_process; ///< of the current ping; null when none is in progress
+    bool m_pingInProgress;
+    QTimer m_delayTimer;
+    quint64 m_run; ///< changes with each start and stop, so that an emission can see that a receiver did one
+};
+
+#endif
