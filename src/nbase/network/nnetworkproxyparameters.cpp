@@ -1,0 +1,506 @@
+#include <nbase/network/nnetworkproxyparameters.h>
+
+#include <nbase/config/nucicursor.h>
+#include <nbase/network/nnetworkproxyrules_p.h>
+#include <nbase/network/nnetworkutilities.h>
+
+#include <nwebapi/nwajsonutilities.h>
+
+#include <nsystem/nlatin1_p.h>
+
+#include <QtNetwork/QNetworkProxy>
+#include <QtNetwork/QNetworkProxyQuery>
+
+namespace {
+
+const int DefaultPort = 1080;
+const int LargestPort = 65535;
+
+QString defaultHost()
+{
+    return latin1("0.0.0.0");
+}
+
+QStringList defaultExceptions()
+{
+    return QStringList() << latin1("127.0.0.1") << latin1("localhost");
+}
+
+QString serverType()
+{
+    return latin1("proxy");
+}
+
+QUrl serverUrl(const QString& host, int port, const QString& userName, const QString& password)
+{
+    QUrl url;
+    url.setHost(host);
+    url.setPort(port);
+    if (!userName.isEmpty())
+        url.setUserName(userName);
+    if (!password.isEmpty())
+        url.setPassword(password);
+    return url;
+}
+
+// The parts of @a url that count. The text "0.0.0.0:1080" is parsed differently by the versions of Qt, so servers
+// are put together from their parts.
+QUrl normalized(const QUrl& url)
+{
+    return url.isEmpty() ? QUrl() : serverUrl(url.host(), url.port(), url.userName(), url.password());
+}
+
+QStringList withoutEmpty(const QStringList& exceptions)
+{
+    QStringList kept = exceptions;
+    kept.removeAll(QString());
+    return kept;
+}
+
+NNetworkProxyParameters::Parameters normalized(const NNetworkProxyParameters::Parameters& parameters)
+{
+    NNetworkProxyParameters::Parameters result = parameters;
+    result.httpProxyServerUrl = normalized(parameters.httpProxyServerUrl);
+    result.sslProxyServerUrl = normalized(parameters.sslProxyServerUrl);
+    result.ftpProxyServerUrl = normalized(parameters.ftpProxyServerUrl);
+    result.socks5ProxyServerUrl = normalized(parameters.socks5ProxyServerUrl);
+    result.exceptions = withoutEmpty(parameters.exceptions);
+    return result;
+}
+
+bool isSame(const NNetworkProxyParameters::Parameters& one, const NNetworkProxyParameters::Parameters& other)
+{
+    return one.proxyEnabled == other.proxyEnabled && one.httpProxyServerUrl == other.httpProxyServerUrl &&
+           one.sslProxyServerUrl == other.sslProxyServerUrl && one.ftpProxyServerUrl == other.ftpProxyServerUrl &&
+           one.socks5ProxyServerUrl == other.socks5ProxyServerUrl && one.exceptions == other.exceptions &&
+           one.proxyDnsEnabled == other.proxyDnsEnabled;
+}
+
+// The store keeps Latin-1.
+bool canBeStored(const QString& text)
+{
+    return QString::fromLatin1(text.toLatin1()) == text;
+}
+
+QString switchText(bool on)
+{
+    return latin1(on ? "1" : "0");
+}
+
+bool extractOptionalServer(const QVariantMap& document, const QString& key, QUrl& url)
+{
+    url = QUrl();
+    if (!document.contains(key))
+        return true;
+    QVariantMap server;
+    return NwaJsonUtilities::objectValue(document, key, server) &&
+           NNetworkProxyParameters::extractProxyServerUrlFromVariantMap(server, url);
+}
+
+} // namespace
+
+const QString NNetworkProxyParameters::S_GENERAL_CONFIG_NAME = latin1("general");
+const QString NNetworkProxyParameters::S_HTTP_PROXY_CONFIG_NAME = latin1("http");
+const QString NNetworkProxyParameters::S_SSL_PROXY_CONFIG_NAME = latin1("ssl");
+const QString NNetworkProxyParameters::S_FTP_PROXY_CONFIG_NAME = latin1("ftp");
+const QString NNetworkProxyParameters::S_SOCKS5_PROXY_CONFIG_NAME = latin1("socks5");
+
+NNetworkProxyParameters::Parameters::Parameters()
+    : proxyEnabled(false)
+    , proxyDnsEnabled(false)
+{
+}
+
+NNetworkProxyParameters::NNetworkProxyParameters(NUciCursor* cursor, const QString& configName, QObject* parent)
+    : QObject(parent)
+    , m_cursor(cursor)
+    , m_configName(configName)
+    , m_httpProxyServerUrl(serverUrl(defaultHost(), DefaultPort, QString(), QString()))
+    , m_rules(new NNetworkProxyRules)
+{
+    m_proxyEnabled = cursor->optionAsBoolean(configName, S_GENERAL_CONFIG_NAME, latin1("enabled"), false);
+    m_exceptions = withoutEmpty(
+        cursor->optionAsStringList(configName, S_GENERAL_CONFIG_NAME, latin1("exception"), defaultExceptions()));
+    m_proxyDnsEnabled = cursor->optionAsBoolean(configName, S_GENERAL_CONFIG_NAME, latin1("proxyDns"), false);
+
+    const QList<uci_section*> servers = cursor->sections(configName, serverType());
+    const QHash<QString, uci_section*> sections = NUciCursor::packageSections(cursor->package(configName));
+    const QPair<QString, QUrl*> urls[] = {
+        qMakePair(S_HTTP_PROXY_CONFIG_NAME, &m_httpProxyServerUrl),
+        qMakePair(S_SSL_PROXY_CONFIG_NAME, &m_sslProxyServerUrl),
+        qMakePair(S_FTP_PROXY_CONFIG_NAME, &m_ftpProxyServerUrl),
+        qMakePair(S_SOCKS5_PROXY_CONFIG_NAME, &m_socks5ProxyServerUrl)};
+    for (size_t i = 0; i < sizeof(urls) / sizeof(urls[0]); ++i) {
+        if (servers.contains(sections.value(urls[i].first)))
+            readProxyUrlSection(urls[i].first, *urls[i].second);
+    }
+
+    m_rules->set(QSharedPointer<const NNetworkProxyRuleSet>(new NNetworkProxyRuleSet(parameters())));
+    QNetworkProxyFactory::setApplicationProxyFactory(new ProxyFactory(this));
+}
+
+NNetworkProxyParameters::~NNetworkProxyParameters()
+{
+    m_rules->set(QSharedPointer<const NNetworkProxyRuleSet>());
+}
+
+void NNetworkProxyParameters::readProxyUrlSection(const QString& section, QUrl& url)
+{
+    url = serverUrl(
+        m_cursor->optionAsString(m_configName, section, latin1("host"), defaultHost()),
+        m_cursor->optionAsUShort(m_configName, section, latin1("port"), DefaultPort),
+        m_cursor->optionAsString(m_configName, section, latin1("username"), QString()),
+        m_cursor->optionAsString(m_configName, section, latin1("password"), QString()));
+}
+
+bool NNetworkProxyParameters::proxyEnabled() const
+{
+    return m_proxyEnabled;
+}
+
+QUrl NNetworkProxyParameters::httpProxyServerUrl() const
+{
+    return m_httpProxyServerUrl;
+}
+
+QUrl NNetworkProxyParameters::sslProxyServerUrl() const
+{
+    return m_sslProxyServerUrl;
+}
+
+QUrl NNetworkProxyParameters::ftpProxyServerUrl() const
+{
+    return m_ftpProxyServerUrl;
+}
+
+QUrl NNetworkProxyParameters::socks5ProxyServerUrl() const
+{
+    return m_socks5ProxyServerUrl;
+}
+
+QStringList NNetworkProxyParameters::exceptions() const
+{
+    return m_exceptions;
+}
+
+bool NNetworkProxyParameters::proxyDnsEnabled() const
+{
+    return m_proxyDnsEnabled;
+}
+
+NNetworkProxyParameters::Parameters NNetworkProxyParameters::parameters() const
+{
+    Parameters parameters;
+    parameters.proxyEnabled = m_proxyEnabled;
+    parameters.httpProxyServerUrl = m_httpProxyServerUrl;
+    parameters.sslProxyServerUrl = m_sslProxyServerUrl;
+    parameters.ftpProxyServerUrl = m_ftpProxyServerUrl;
+    parameters.socks5ProxyServerUrl = m_socks5ProxyServerUrl;
+    parameters.exceptions = m_exceptions;
+    parameters.proxyDnsEnabled = m_proxyDnsEnabled;
+    return parameters;
+}
+
+// ---- changing ----
+
+bool NNetworkProxyParameters::checkProxyServerUrl(const QUrl& url)
+{
+    const QString host = url.host();
+    return (NNetworkUtilities::isIpv4Address(host) || NNetworkUtilities::isHostmane(host)) && url.port() >= 1 &&
+           url.port() <= LargestPort;
+}
+
+bool NNetworkProxyParameters::checkParameters(
+    const QUrl& http, const QUrl& ssl, const QUrl& ftp, const QUrl& socks5)
+{
+    return checkProxyServerUrl(http) && (ssl.isEmpty() || checkProxyServerUrl(ssl)) &&
+           (ftp.isEmpty() || checkProxyServerUrl(ftp)) && (socks5.isEmpty() || checkProxyServerUrl(socks5));
+}
+
+bool NNetworkProxyParameters::setProxyEnabled(bool enabled)
+{
+    Parameters changed = parameters();
+    changed.proxyEnabled = enabled;
+    return change(changed, EnabledParameter);
+}
+
+bool NNetworkProxyParameters::setHttpProxyServerUrl(const QUrl& url, bool& invalidParameter)
+{
+    Parameters changed = parameters();
+    changed.httpProxyServerUrl = url;
+    invalidParameter = !checkProxyServerUrl(url);
+    return !invalidParameter && change(changed, HttpParameter);
+}
+
+bool NNetworkProxyParameters::setSslProxyServerUrl(const QUrl& url, bool& invalidParameter)
+{
+    Parameters changed = parameters();
+    changed.sslProxyServerUrl = url;
+    invalidParameter = !url.isEmpty() && !checkProxyServerUrl(url);
+    return !invalidParameter && change(changed, SslParameter);
+}
+
+bool NNetworkProxyParameters::setFtpProxyServerUrl(const QUrl& url, bool& invalidParameter)
+{
+    Parameters changed = parameters();
+    changed.ftpProxyServerUrl = url;
+    invalidParameter = !url.isEmpty() && !checkProxyServerUrl(url);
+    return !invalidParameter && change(changed, FtpParameter);
+}
+
+bool NNetworkProxyParameters::setSocks5ProxyServerUrl(const QUrl& url, bool& invalidParameter)
+{
+    Parameters changed = parameters();
+    changed.socks5ProxyServerUrl = url;
+    invalidParameter = !url.isEmpty() && !checkProxyServerUrl(url);
+    return !invalidParameter && change(changed, Socks5Parameter);
+}
+
+bool NNetworkProxyParameters::setExceptions(const QStringList& exceptions)
+{
+    Parameters changed = parameters();
+    changed.exceptions = exceptions;
+    return change(changed, ExceptionsParameter);
+}
+
+bool NNetworkProxyParameters::setProxyDnsEnabled(bool enabled)
+{
+    Parameters changed = parameters();
+    changed.proxyDnsEnabled = enabled;
+    return change(changed, ProxyDnsParameter);
+}
+
+bool NNetworkProxyParameters::setNetworkProxy(
+    bool enabled, const QUrl& http, const QUrl& ssl, const QUrl& ftp, const QUrl& socks5,
+    const QStringList& exceptions, bool proxyDns, bool& invalidParameter)
+{
+    Parameters changed;
+    changed.proxyEnabled = enabled;
+    changed.httpProxyServerUrl = http;
+    changed.sslProxyServerUrl = ssl;
+    changed.ftpProxyServerUrl = ftp;
+    changed.socks5ProxyServerUrl = socks5;
+    changed.exceptions = exceptions;
+    changed.proxyDnsEnabled = proxyDns;
+    return importParameters(changed, invalidParameter);
+}
+
+bool NNetworkProxyParameters::importParameters(const Parameters& parameters)
+{
+    bool invalidParameter;
+    return importParameters(parameters, invalidParameter);
+}
+
+bool NNetworkProxyParameters::importParameters(const Parameters& parameters, bool& invalidParameter)
+{
+    invalidParameter = !checkParameters(
+        parameters.httpProxyServerUrl, parameters.sslProxyServerUrl, parameters.ftpProxyServerUrl,
+        parameters.socks5ProxyServerUrl);
+    return !invalidParameter && change(parameters, AllParameters);
+}
+
+bool NNetworkProxyParameters::change(const Parameters& requested, int parts)
+{
+    const Parameters changed = normalized(requested);
+    if (isSame(changed, parameters()))
+        return true;
+    if (!write(changed, parts)) {
+        m_cursor->load(m_configName);
+        return false;
+    }
+    // What is staged would otherwise be committed with the next change.
+    if (!m_cursor->save(m_configName) || !m_cursor->commit(m_configName)) {
+        m_cursor->revert(m_configName);
+        m_cursor->load(m_configName);
+        return false;
+    }
+    m_proxyEnabled = changed.proxyEnabled;
+    m_httpProxyServerUrl = changed.httpProxyServerUrl;
+    m_sslProxyServerUrl = changed.sslProxyServerUrl;
+    m_ftpProxyServerUrl = changed.ftpProxyServerUrl;
+    m_socks5ProxyServerUrl = changed.socks5ProxyServerUrl;
+    m_exceptions = changed.exceptions;
+    m_proxyDnsEnabled = changed.proxyDnsEnabled;
+    m_rules->set(QSharedPointer<const NNetworkProxyRuleSet>(new NNetworkProxyRuleSet(changed)));
+    emit networkProxyParametersChanged();
+    return true;
+}
+
+bool NNetworkProxyParameters::write(const Parameters& parameters, int parts)
+{
+    return (!(parts & EnabledParameter) || uciSetProxyEnabled(parameters.proxyEnabled)) &&
+           (!(parts & HttpParameter) ||
+            uciSetProxyServerUrl(S_HTTP_PROXY_CONFIG_NAME, parameters.httpProxyServerUrl)) &&
+           (!(parts & SslParameter) ||
+            uciSetProxyServerUrl(S_SSL_PROXY_CONFIG_NAME, parameters.sslProxyServerUrl)) &&
+           (!(parts & FtpParameter) ||
+            uciSetProxyServerUrl(S_FTP_PROXY_CONFIG_NAME, parameters.ftpProxyServerUrl)) &&
+           (!(parts & Socks5Parameter) ||
+            uciSetProxyServerUrl(S_SOCKS5_PROXY_CONFIG_NAME, parameters.socks5ProxyServerUrl)) &&
+           (!(parts & ExceptionsParameter) || uciSetExceptions(parameters.exceptions)) &&
+           (!(parts & ProxyDnsParameter) || uciSetProxyDnsEnabled(parameters.proxyDnsEnabled));
+}
+
+// An existing section keeps its type.
+bool NNetworkProxyParameters::prepareGeneralSection()
+{
+    return m_cursor->section(m_configName, S_GENERAL_CONFIG_NAME) ||
+           m_cursor->setSection(m_configName, S_GENERAL_CONFIG_NAME, latin1("general"));
+}
+
+bool NNetworkProxyParameters::uciSetProxyEnabled(bool enabled)
+{
+    return prepareGeneralSection() &&
+           m_cursor->setOption(m_configName, S_GENERAL_CONFIG_NAME, latin1("enabled"), switchText(enabled));
+}
+
+bool NNetworkProxyParameters::uciSetProxyServerUrl(const QString& section, const QUrl& url)
+{
+    if (!m_cursor->deleteSectionIfExists(m_configName, section))
+        return false;
+    if (url.isEmpty())
+        return true;
+    const QString userName = url.userName();
+    const QString password = url.password();
+    return canBeStored(userName) && canBeStored(password) &&
+           m_cursor->setSection(m_configName, section, serverType()) &&
+           m_cursor->setOption(m_configName, section, latin1("host"), url.host()) &&
+           m_cursor->setOption(m_configName, section, latin1("port"), QString::number(url.port())) &&
+           (userName.isEmpty() || m_cursor->setOption(m_configName, section, latin1("username"), userName)) &&
+           (password.isEmpty() || m_cursor->setOption(m_configName, section, latin1("password"), password));
+}
+
+bool NNetworkProxyParameters::uciSetExceptions(const QStringList& exceptions)
+{
+    for (int i = 0; i < exceptions.size(); ++i) {
+        if (!canBeStored(exceptions.at(i)))
+            return false;
+    }
+    // The store has no empty lists. An absent option stands for the default.
+    const QStringList items = exceptions.isEmpty() ? QStringList(latin1("")) : exceptions;
+    return prepareGeneralSection() &&
+           m_cursor->setOption(m_configName, S_GENERAL_CONFIG_NAME, latin1("exception"), items);
+}
+
+bool NNetworkProxyParameters::uciSetProxyDnsEnabled(bool enabled)
+{
+    return prepareGeneralSection() &&
+           m_cursor->setOption(m_configName, S_GENERAL_CONFIG_NAME, latin1("proxyDns"), switchText(enabled));
+}
+
+// ---- JSON ----
+
+QVariantMap NNetworkProxyParameters::networkProxyAsVariantMap(bool withCredentials) const
+{
+    QVariantMap document;
+    document.insert(latin1("enabled"), m_proxyEnabled);
+    document.insert(latin1("http"), serverAsVariantMap(m_httpProxyServerUrl, withCredentials));
+    if (!m_sslProxyServerUrl.isEmpty())
+        document.insert(latin1("ssl"), serverAsVariantMap(m_sslProxyServerUrl, withCredentials));
+    if (!m_ftpProxyServerUrl.isEmpty())
+        document.insert(latin1("ftp"), serverAsVariantMap(m_ftpProxyServerUrl, withCredentials));
+    if (!m_socks5ProxyServerUrl.isEmpty())
+        document.insert(latin1("socks5"), serverAsVariantMap(m_socks5ProxyServerUrl, withCredentials));
+    document.insert(latin1("exceptions"), m_exceptions);
+    document.insert(latin1("proxyDns"), m_proxyDnsEnabled);
+    return document;
+}
+
+QVariantMap NNetworkProxyParameters::serverAsVariantMap(const QUrl& url, bool withCredentials) const
+{
+    QVariantMap document;
+    document.insert(latin1("host"), url.host());
+    document.insert(latin1("port"), url.port());
+    if (withCredentials && !url.userName().isEmpty())
+        document.insert(latin1("username"), url.userName());
+    if (withCredentials && !url.password().isEmpty())
+        document.insert(latin1("password"), url.password());
+    return document;
+}
+
+bool NNetworkProxyParameters::extractParametersFromVariant(const QVariant& document, Parameters& parameters)
+{
+    QVariantMap object;
+    QVariantMap httpServer;
+    QVariantList exceptions;
+    Parameters extracted;
+    if (!NwaJsonUtilities::objectValue(document, object) ||
+        !NwaJsonUtilities::booleanValue(object, latin1("enabled"), extracted.proxyEnabled) ||
+        !NwaJsonUtilities::objectValue(object, latin1("http"), httpServer) ||
+        !extractProxyServerUrlFromVariantMap(httpServer, extracted.httpProxyServerUrl) ||
+        !extractOptionalServer(object, latin1("ssl"), extracted.sslProxyServerUrl) ||
+        !extractOptionalServer(object, latin1("ftp"), extracted.ftpProxyServerUrl) ||
+        !extractOptionalServer(object, latin1("socks5"), extracted.socks5ProxyServerUrl) ||
+        !NwaJsonUtilities::listValue(object, latin1("exceptions"), exceptions) ||
+        !NwaJsonUtilities::booleanValue(object, latin1("proxyDns"), extracted.proxyDnsEnabled))
+        return false;
+    for (int i = 0; i < exceptions.size(); ++i) {
+        QString exception;
+        if (!NwaJsonUtilities::stringValue(exceptions.at(i), exception))
+            return false;
+        extracted.exceptions.append(exception);
+    }
+    parameters = extracted;
+    return true;
+}
+
+bool NNetworkProxyParameters::extractProxyServerUrlFromVariantMap(const QVariantMap& document, QUrl& url)
+{
+    QString host;
+    unsigned short port = 0;
+    QString userName;
+    QString password;
+    if (!NwaJsonUtilities::stringValue(document, latin1("host"), host) ||
+        !NwaJsonUtilities::integerValue(document, latin1("port"), port) ||
+        !NwaJsonUtilities::stringValue(document, latin1("username"), userName, QString()) ||
+        !NwaJsonUtilities::stringValue(document, latin1("password"), password, QString()))
+        return false;
+    url = serverUrl(host, port, userName, password);
+    return true;
+}
+
+// ---- choosing ----
+
+NNetworkProxyParameters::ProxyFactory::ProxyFactory(const NNetworkProxyParameters* parameters)
+    : m_rules(parameters->m_rules)
+{
+}
+
+NNetworkProxyParameters::ProxyFactory::~ProxyFactory() {}
+
+QList<QNetworkProxy> NNetworkProxyParameters::ProxyFactory::queryProxy(const QNetworkProxyQuery& query)
+{
+    QNetworkProxy proxy(QNetworkProxy::NoProxy);
+    const QSharedPointer<const NNetworkProxyRuleSet> rules = m_rules->ruleSet();
+    if (!rules || !rules->parameters.proxyEnabled || rules->isException(query.peerHostName()))
+        return QList<QNetworkProxy>() << proxy;
+
+    const QString protocol = query.protocolTag().toLower();
+    QNetworkProxy::ProxyType type = QNetworkProxy::HttpProxy;
+    QUrl server;
+    if (protocol == QLatin1String("http")) {
+        server = rules->parameters.httpProxyServerUrl;
+    } else if (protocol == QLatin1String("https")) {
+        server = rules->parameters.sslProxyServerUrl;
+    } else if (protocol == QLatin1String("ftp")) {
+        server = rules->parameters.ftpProxyServerUrl;
+    } else {
+        server = rules->parameters.socks5ProxyServerUrl;
+        type = QNetworkProxy::Socks5Proxy;
+    }
+    if (server.isEmpty())
+        server = rules->parameters.httpProxyServerUrl;
+    if (server.isEmpty())
+        return QList<QNetworkProxy>() << proxy;
+
+    proxy = QNetworkProxy(type, server.host(), quint16(server.port()), server.userName(), server.password());
+    if (type == QNetworkProxy::Socks5Proxy) {
+        QNetworkProxy::Capabilities capabilities = proxy.capabilities();
+        if (rules->parameters.proxyDnsEnabled)
+            capabilities |= QNetworkProxy::HostNameLookupCapability;
+        else
+            capabilities &= ~QNetworkProxy::Capabilities(QNetworkProxy::HostNameLookupCapability);
+        proxy.setCapabilities(capabilities);
+    }
+    return QList<QNetworkProxy>() << proxy;
+}

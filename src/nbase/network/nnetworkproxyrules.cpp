@@ -1,0 +1,97 @@
+#include <nbase/network/nnetworkproxyrules_p.h>
+
+#include <nbase/network/nnetworkutilities.h>
+
+#include <QtCore/QMutexLocker>
+
+namespace {
+
+const int AddressBits = 32;
+
+quint32 decimalNumber(const QString& text)
+{
+    quint32 number = 0;
+    for (int i = 0; i < text.size(); ++i)
+        number = 10 * number + quint32(text.at(i).unicode() - '0');
+    return number;
+}
+
+// The number of a valid address. QHostAddress reads numbers with a leading zero as octal.
+quint32 addressNumber(const QString& address)
+{
+    quint32 number = 0;
+    const QStringList bytes = address.split(QLatin1Char('.'));
+    for (int i = 0; i < bytes.size(); ++i)
+        number = number << 8 | decimalNumber(bytes.at(i));
+    return number;
+}
+
+quint32 maskOfLength(int length)
+{
+    return length == 0 ? 0 : ~quint32(0) << (AddressBits - length);
+}
+
+bool hasHoles(quint32 mask)
+{
+    return (~mask & (~mask + 1)) != 0;
+}
+
+} // namespace
+
+NNetworkProxyRuleSet::NNetworkProxyRuleSet(const NNetworkProxyParameters::Parameters& parameters)
+    : parameters(parameters)
+    , hasLocalException(false)
+{
+    for (int i = 0; i < parameters.exceptions.size(); ++i) {
+        const QString& exception = parameters.exceptions.at(i);
+        Range range = {0, maskOfLength(AddressBits)};
+        if (NNetworkUtilities::isIpv4Address(exception)) {
+            range.network = addressNumber(exception);
+            ranges.append(range);
+        } else if (NNetworkUtilities::isIpv4AddressRange(exception)) {
+            const QString mask = exception.section(QLatin1Char('/'), 1);
+            range.mask =
+                mask.contains(QLatin1Char('.')) ? addressNumber(mask) : maskOfLength(int(decimalNumber(mask)));
+            range.network = addressNumber(exception.section(QLatin1Char('/'), 0, 0)) & range.mask;
+            if (!hasHoles(range.mask))
+                ranges.append(range);
+        } else if (exception == QLatin1String("local")) {
+            hasLocalException = true;
+        } else if (!exception.isEmpty()) {
+            names.append(exception);
+        }
+    }
+}
+
+bool NNetworkProxyRuleSet::isException(const QString& host) const
+{
+    if (NNetworkUtilities::isIpv4Address(host)) {
+        const quint32 address = addressNumber(host);
+        for (int i = 0; i < ranges.size(); ++i) {
+            if ((address & ranges.at(i).mask) == ranges.at(i).network)
+                return true;
+        }
+        return false;
+    }
+    if (hasLocalException && !host.contains(QLatin1Char('.')))
+        return true;
+    for (int i = 0; i < names.size(); ++i) {
+        if (host.endsWith(names.at(i)))
+            return true;
+    }
+    return false;
+}
+
+NNetworkProxyRules::NNetworkProxyRules() {}
+
+void NNetworkProxyRules::set(const QSharedPointer<const NNetworkProxyRuleSet>& ruleSet)
+{
+    const QMutexLocker locker(&m_mutex);
+    m_ruleSet = ruleSet;
+}
+
+QSharedPointer<const NNetworkProxyRuleSet> NNetworkProxyRules::ruleSet() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_ruleSet;
+}
