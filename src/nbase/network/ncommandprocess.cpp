@@ -1,12 +1,14 @@
 #include <nbase/network/ncommandprocess_p.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 NCommandProcess::NCommandProcess(QObject* parent)
     : QProcess(parent)
-    , m_programId(int(getpid()))
+    , m_programId(getpid())
 {
 }
 
@@ -22,7 +24,7 @@ void NCommandProcess::discard()
 void NCommandProcess::appendHost(QStringList* arguments, const QString& host)
 {
     if (host.startsWith(QLatin1Char('-')))
-        arguments->append(QString::fromLatin1("--"));
+        arguments->append(latin1("--"));
     arguments->append(host);
 }
 
@@ -31,7 +33,7 @@ QString NCommandProcess::text(const QByteArray& output)
     return QString::fromLatin1(output.constData());
 }
 
-// Runs in the child, between fork(2) and execve(2). The program may have ended before prctl(2).
+// Runs in the child, between fork(2) and execve(2). If the program ended before prctl(2), no signal comes.
 void NCommandProcess::setupChildProcess()
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -5,9 +5,12 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
+#include <sys/types.h>
+
 /**
- * A command of the system that runs for an object of this library. It is killed when this program ends, even when
- * the program is killed itself.
+ * A command of the system that runs for an object of this library. The kernel kills it when the thread that
+ * started it ends, also when this program is killed (prctl(2), PR_SET_PDEATHSIG). It does not where the command
+ * has more privileges than this program; such a command ends with its own timeout.
  */
 class NCommandProcess : public QProcess
 {
@@ -22,10 +25,10 @@ public:
      */
     void discard();
 
-    /** Appends @a host, which is not taken for an option then (getopt(3)). */
+    /** Appends @a host as an operand, preceded by "--" where it looks like an option (getopt(3)). */
     static void appendHost(QStringList* arguments, const QString& host);
 
-    /** The text of what a command has written, up to the first NUL byte. */
+    /** What a command has written, read as Latin-1 up to the first NUL byte. */
     static QString text(const QByteArray& output);
 
 protected:
@@ -34,7 +37,7 @@ protected:
 private:
     Q_DISABLE_COPY(NCommandProcess)
 
-    const int m_programId; ///< the process id of this program
+    const pid_t m_programId; ///< the process id of this program
 };
 
 #endif

@@ -3,6 +3,8 @@
 #include <nbase/nbaseqtcompat_p.h>
 #include <nbase/network/ncommandprocess_p.h>
 
+#include <nsystem/nlatin1_p.h>
+
 #include <QtCore/QPointer>
 #include <QtCore/QRegExp>
 #include <QtCore/QStringList>
@@ -170,12 +172,12 @@ void NNetworkPing::sendPing()
                           SLOT(pingProcessFinished(int, QProcess::ExitStatus)));
     connect(m_process, SIGNAL(error(QProcess::ProcessError)), SLOT(pingProcessError(QProcess::ProcessError)));
     QStringList arguments;
-    arguments << QString::fromLatin1("-c1") << QString::fromLatin1("-W%1").arg(m_timeout);
+    arguments << latin1("-c1") << latin1("-W%1").arg(m_timeout);
     NCommandProcess::appendHost(&arguments, m_host);
     m_pingInProgress = true;
     const quint64 delay = m_delay * MillisecondsPerSecond;
     m_delayTimer.start(int(qMin(delay, quint64(std::numeric_limits<int>::max()))));
-    m_process->start(QString::fromLatin1("ping"), arguments, QIODevice::ReadWrite);
+    m_process->start(latin1("ping"), arguments, QIODevice::ReadWrite);
 }
 
 void NNetworkPing::delayTimerTimeout()
@@ -232,7 +234,7 @@ void NNetworkPing::takePing(bool good, const QString& output)
 
 void NNetworkPing::takeReply(const QString& output)
 {
-    QRegExp reply(QString::fromLatin1(".*ttl=(\\d+) time=(\\d+)\\.(\\d{3}) ms.*"));
+    QRegExp reply(latin1(".*ttl=(\\d+) time=(\\d+)\\.(\\d{3}) ms.*"));
     if (!reply.exactMatch(output))
         return;
     bool isTtl = false;

@@ -12,9 +12,9 @@ class NCommandProcess;
 
 /**
  * Pings a host again and again with the system's command ping(8), one echo request for each run of the command,
- * and keeps statistics. Times are in microseconds; the command must print them with three decimals of a
- * millisecond, as that of busybox does; a reply without such a time counts as good and leaves the times as they
- * are.
+ * and keeps statistics. Times are in microseconds. Only a time that the command prints in milliseconds with three
+ * decimals is read, as BusyBox's always are; a reply with another one counts as good and leaves the times
+ * unchanged.
  *
  * Everything happens in the event loop of the object's thread. Receivers of the signals may start, stop or delete
  * the runner.
@@ -43,11 +43,11 @@ public:
     /** Whether the last ping was answered. */
     bool isGood() const;
 
-    /** The time to live of the last reply with a time; 0 before the first one. */
+    /** The time to live of the last reply whose time was read; 0 before the first one. */
     quint32 ttl() const;
-    /** The time of the last reply with a time; 0 before the first one. */
+    /** The time of the last reply whose time was read; 0 before the first one. */
     quint32 replyTime() const;
-    /** How many pings have ended. */
+    /** How many pings have ended, including those whose command could not be started. */
     quint32 sentNb() const;
     /** How many of them were answered. */
     quint32 goodNb() const;
@@ -60,10 +60,10 @@ public slots:
     /**
      * Starts with new statistics. A run that is in progress is replaced, without stopped().
      * @param host an address or a host name.
-     * @param count after how many pings it stops; 0 for never.
-     * @param timeout how many seconds a reply is waited for.
-     * @param delay how many seconds lie between the beginnings of two pings. A ping that takes longer is followed
-     *        by the next one at once.
+     * @param count how many pings are sent; 0 for no limit.
+     * @param timeout how many seconds a ping waits for its reply.
+     * @param delay the interval in seconds from the start of one ping to the start of the next, at most that of a
+     *        timer, about 24 days. A ping that takes longer is followed by the next one at once.
      */
     void start(const QString& host, quint32 count = 0, quint32 timeout = 5, quint32 delay = 1);
 
@@ -71,14 +71,14 @@ public slots:
     void stop();
 
 signals:
-    /** A ping has ended: was it answered, and the statistics. */
+    /** A ping has ended. @a good: it was answered; the rest are the statistics. */
     void pingResult(
         bool good, quint32 ttl, quint32 replyTime, quint32 sentNb, quint32 goodNb, quint32 fastest,
         quint32 slowest, quint32 meanTime);
 
     void started(const QString& host, quint32 count, quint32 timeout, quint32 delay);
 
-    /** It has been stopped, or @e count pings have ended. */
+    /** The run has been stopped, or has sent count() pings. */
     void stopped();
 
 private slots:

@@ -79,9 +79,9 @@ void NNetworkTraceroute::start(const QString& host, bool printNames)
     connect(
         m_process, SIGNAL(error(QProcess::ProcessError)), SLOT(tracerouteProcessError(QProcess::ProcessError)));
     QStringList arguments;
-    if (!printNames)
+    if (!m_printNames)
         arguments << latin1("-n");
-    NCommandProcess::appendHost(&arguments, host);
+    NCommandProcess::appendHost(&arguments, m_host);
     m_process->start(latin1("traceroute"), arguments, QIODevice::ReadWrite);
 }
 
@@ -112,17 +112,22 @@ void NNetworkTraceroute::tracerouteProcessStandardErrorReadyRead()
 
 void NNetworkTraceroute::takeText(const QString& text)
 {
-    if (text.isEmpty())
+    keepText(text);
+    emit tracerouteResult(text);
+}
+
+void NNetworkTraceroute::keepText(const QString& text)
+{
+    if (m_resultIsCut)
         return;
-    const int room = m_maximumResultSize - m_result.size();
+    const int room = qMax(m_maximumResultSize - m_result.size(), 0);
     if (m_maximumResultSize <= 0 || text.size() <= room) {
         m_result += text;
-    } else if (!m_resultIsCut) {
-        m_result += text.left(qMax(room, 0));
-        m_result += latin1("\n[The text is longer than is kept here; the rest has been left out.]\n");
-        m_resultIsCut = true;
+        return;
     }
-    emit tracerouteResult(text);
+    m_result += text.left(room);
+    m_result += latin1("\n[The text is longer than is kept here; the rest has been left out.]\n");
+    m_resultIsCut = true;
 }
 
 void NNetworkTraceroute::tracerouteProcessFinished(int, QProcess::ExitStatus)

@@ -10,7 +10,7 @@
 class NCommandProcess;
 
 /**
- * Runs the system's command traceroute(8) for a host and passes its text on, errors included, as it comes. The
+ * Runs the system's command traceroute(8) for a host and passes on its text, errors included, as it arrives. The
  * text is not interpreted.
  *
  * Everything happens in the event loop of the object's thread. Receivers of the signals may start, stop or delete
@@ -39,8 +39,8 @@ public:
     QString result() const;
 
     /**
-     * Limits result() to @a size characters of the command and a note that it has been cut, which applies to what
-     * comes from now on. 0, the default, is no limit. tracerouteResult() always gets the whole text.
+     * Limits result() to @a size characters of the command's text, after which a note says that it was cut.
+     * Applies to text that arrives later. 0, the default, means no limit. tracerouteResult() is not limited.
      */
     void setMaximumResultSize(int size);
 
@@ -56,7 +56,7 @@ public slots:
     void stop();
 
 signals:
-    /** @a result has come; see result() for the whole text. */
+    /** The command has written @a result, a further piece of result(). */
     void tracerouteResult(const QString& result);
 
     void started(const QString& host, bool printNames);
@@ -76,6 +76,7 @@ private:
 
     void endRun();
     void takeText(const QString& text);
+    void keepText(const QString& text);
 
     QString m_host;
     bool m_printNames;
