@@ -168,8 +168,8 @@ void NNetworkPing::sendPing()
         m_process->discard();
     m_process = new NCommandProcess(this);
     connect(
-        m_process, SIGNAL(finished(int, QProcess::ExitStatus)),
-                          SLOT(pingProcessFinished(int, QProcess::ExitStatus)));
+        m_process, SIGNAL(finished(int,QProcess::ExitStatus)),
+                          SLOT(pingProcessFinished(int,QProcess::ExitStatus)));
     connect(m_process, SIGNAL(error(QProcess::ProcessError)), SLOT(pingProcessError(QProcess::ProcessError)));
     QStringList arguments;
     arguments << latin1("-c1") << latin1("-W%1").arg(m_timeout);

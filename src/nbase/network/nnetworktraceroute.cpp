@@ -74,8 +74,8 @@ void NNetworkTraceroute::start(const QString& host, bool printNames)
     connect(m_process, SIGNAL(readyReadStandardOutput()), SLOT(tracerouteProcessStandardOutputReadyRead()));
     connect(m_process, SIGNAL(readyReadStandardError()), SLOT(tracerouteProcessStandardErrorReadyRead()));
     connect(
-        m_process, SIGNAL(finished(int, QProcess::ExitStatus)),
-                          SLOT(tracerouteProcessFinished(int, QProcess::ExitStatus)));
+        m_process, SIGNAL(finished(int,QProcess::ExitStatus)),
+                          SLOT(tracerouteProcessFinished(int,QProcess::ExitStatus)));
     connect(
         m_process, SIGNAL(error(QProcess::ProcessError)), SLOT(tracerouteProcessError(QProcess::ProcessError)));
     QStringList arguments;

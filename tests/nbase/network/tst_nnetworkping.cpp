@@ -37,11 +37,11 @@ public:
     explicit NPingRecorder(NNetworkPing* ping)
     {
         connect(
-            ping, SIGNAL(started(QString, quint32, quint32, quint32)),
-                         SLOT(takeStarted(QString, quint32, quint32, quint32)));
+            ping, SIGNAL(started(QString,quint32,quint32,quint32)),
+                         SLOT(takeStarted(QString,quint32,quint32,quint32)));
         connect(
-            ping, SIGNAL(pingResult(bool, quint32, quint32, quint32, quint32, quint32, quint32, quint32)),
-                         SLOT(takeResult(bool, quint32, quint32, quint32, quint32, quint32, quint32, quint32)));
+            ping, SIGNAL(pingResult(bool,quint32,quint32,quint32,quint32,quint32,quint32,quint32)),
+                         SLOT(takeResult(bool,quint32,quint32,quint32,quint32,quint32,quint32,quint32)));
         connect(ping, SIGNAL(stopped()), SLOT(takeStopped()));
     }
 

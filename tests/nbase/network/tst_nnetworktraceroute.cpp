@@ -33,7 +33,7 @@ class NTracerouteRecorder : public QObject
 public:
     explicit NTracerouteRecorder(NNetworkTraceroute* traceroute)
     {
-        connect(traceroute, SIGNAL(started(QString, bool)), SLOT(takeStarted(QString, bool)));
+        connect(traceroute, SIGNAL(started(QString,bool)), SLOT(takeStarted(QString,bool)));
         connect(traceroute, SIGNAL(tracerouteResult(QString)), SLOT(takeResult(QString)));
         connect(traceroute, SIGNAL(stopped()), SLOT(takeStopped()));
     }
