@@ -110,6 +110,7 @@ private slots:
     void delayBeyondTheTimerIsTheLongest();
     void missingCommandCountsAsBad();
     void missingCommandCanBeStoppedAndRestarted();
+    void failureOfAReplacedRunIsNotCounted();
     void stopOfAnIdleRunnerEmitsNothing();
     void stopEndsTheCommandBeforeItReturns();
     void stopBetweenTwoPings();
@@ -480,7 +481,6 @@ void tst_NNetworkPing::missingCommandCountsAsBad()
     QCOMPARE(recorder.events, list("started h 2 5 3600,bad 0 0 0/1 0 0 0,good 64 123 1/2 123 123 123,stopped"));
 }
 
-// The failure of a run that was stopped or replaced does not count for the next one.
 void tst_NNetworkPing::missingCommandCanBeStoppedAndRestarted()
 {
     m_command->remove();
@@ -495,6 +495,28 @@ void tst_NNetworkPing::missingCommandCanBeStoppedAndRestarted()
     QCOMPARE(
         recorder.events, list("started h 1 5 0,stopped,started i 2 5 0,started j 2 5 0,"
                               "bad 0 0 0/1 0 0 0,bad 0 0 0/2 0 0 0,stopped"));
+}
+
+// The replaced run has failed, but its failure has not been processed.
+void tst_NNetworkPing::failureOfAReplacedRunIsNotCounted()
+{
+    m_command->remove();
+    NNetworkPing ping(nullptr);
+    for (int number = 0; number < 3; ++number) {
+        ping.start(text("h"), 0, 5, 3600);
+        QVERIFY(!ping.findChild<QProcess*>()->waitForStarted());
+        QCOMPARE(ping.sentNb(), 0u);
+    }
+    QCoreApplication::processEvents();
+    QCOMPARE(ping.sentNb(), 1u);
+
+    ping.start(text("h"), 0, 5, 3600);
+    QVERIFY(!ping.findChild<QProcess*>()->waitForStarted());
+    m_command->setScript(NEndlessScript);
+    ping.start(text("i"), 0, 5, 3600);
+    QVERIFY(ping.findChild<QProcess*>()->waitForStarted());
+    QCoreApplication::processEvents();
+    QCOMPARE(ping.sentNb(), 0u);
 }
 
 void tst_NNetworkPing::stopOfAnIdleRunnerEmitsNothing()

@@ -91,6 +91,7 @@ private slots:
     void limitAppliesToEachRun();
     void missingCommandEndsTheRun();
     void missingCommandCanBeStoppedAndRestarted();
+    void failureOfAReplacedRunDoesNotEndTheNext();
     void stopOfAnIdleRunnerEmitsStopped();
     void stopEndsTheCommandBeforeItReturns();
     void restartReplacesTheRunAndItsText();
@@ -341,7 +342,6 @@ void tst_NNetworkTraceroute::missingCommandEndsTheRun()
     QCOMPARE(traceroute.result(), QString());
 }
 
-// The failure of a run that was stopped or replaced does not end the next one.
 void tst_NNetworkTraceroute::missingCommandCanBeStoppedAndRestarted()
 {
     m_command->remove();
@@ -355,6 +355,20 @@ void tst_NNetworkTraceroute::missingCommandCanBeStoppedAndRestarted()
     NTRY_VERIFY(!traceroute.isRunning());
     QCoreApplication::processEvents();
     QCOMPARE(recorder.events, list("started h numbers,stopped,started i numbers,started j numbers,text,stopped"));
+}
+
+// The replaced run has failed, but its failure has not been processed.
+void tst_NNetworkTraceroute::failureOfAReplacedRunDoesNotEndTheNext()
+{
+    m_command->remove();
+    NNetworkTraceroute traceroute(nullptr);
+    traceroute.start(text("h"), false);
+    QVERIFY(!traceroute.findChild<QProcess*>()->waitForStarted());
+    m_command->setScript(NEndlessScript);
+    traceroute.start(text("i"), false);
+    QVERIFY(traceroute.findChild<QProcess*>()->waitForStarted());
+    QCoreApplication::processEvents();
+    QVERIFY(traceroute.isRunning());
 }
 
 void tst_NNetworkTraceroute::stopOfAnIdleRunnerEmitsStopped()
