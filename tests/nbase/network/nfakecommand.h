@@ -29,17 +29,15 @@ public:
     /** Makes the command run @a body, in which only builtin commands of the shell are found without their path. */
     void setScript(const QByteArray& body)
     {
-        const QByteArray directory = QFile::encodeName(m_directory.path());
+        // Each call is recorded with one write(2), because commands may run at the same time.
         const QString path = m_directory.writeFile(
             m_name, "#!/bin/sh\n"
-                    "n=0; [ ! -e " +
-                        directory + "/count ] || read n < " + directory +
-                        "/count\n"
-                        "n=$((n + 1)); echo $n > " +
-                        directory +
-                        "/count\n"
-                        "{ printf %s $$; for argument; do printf '|%s' \"$argument\"; done; echo; } >> " +
-                        directory + "/calls\n" + body + "\n");
+                    "directory=${0%/*}\n"
+                    "n=0; [ ! -e $directory/count ] || read n < $directory/count\n"
+                    "n=$((n + 1)); echo $n > $directory/count\n"
+                    "line=$$; for argument; do line=\"$line|$argument\"; done\n"
+                    "printf '%s\\n' \"$line\" >> $directory/calls\n" +
+                        body + "\n");
         QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
 

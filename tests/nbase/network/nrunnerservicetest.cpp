@@ -67,6 +67,7 @@ void NRunnerServiceTest::initTestCase()
 void NRunnerServiceTest::init()
 {
     m_descriptors = NTest::descriptorCount();
+    m_command.reset(); // after a failure; it restores the search path
     m_command.reset(new NFakeCommand(m_test));
     m_command->setScript("echo '64 bytes from 10.0.0.1: icmp_seq=1 ttl=64 time=0.123 ms'");
     m_sessions.reset(new NwaWebSessionManager);

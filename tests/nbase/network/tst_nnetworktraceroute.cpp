@@ -117,6 +117,7 @@ void tst_NNetworkTraceroute::initTestCase()
 void tst_NNetworkTraceroute::init()
 {
     m_descriptors = NTest::descriptorCount();
+    m_command.reset(); // after a failure; it restores the search path
     m_command.reset(new NFakeCommand("traceroute"));
     m_command->setScript("echo one");
 }
@@ -247,7 +248,7 @@ void tst_NNetworkTraceroute::textComesInPieces()
 {
     // Each piece is written when the test has seen the one before.
     m_command->setScript("echo one\n"
-                         "while [ ! -e \"${0%/*}/seen\" ]; do /bin/sleep 0.01; done\n"
+                         "while [ ! -e $directory/seen ]; do /bin/sleep 0.01; done\n"
                          "echo two >&2");
     NNetworkTraceroute traceroute(nullptr);
     QStringList pieces;
@@ -405,7 +406,7 @@ void tst_NNetworkTraceroute::stopEndsTheCommandBeforeItReturns()
 void tst_NNetworkTraceroute::restartReplacesTheRunAndItsText()
 {
     m_command->setScript(
-        "echo $n; [ $n != 1 ] || : > \"${0%/*}/written\"; [ $n != 1 ] || " + QByteArray(NEndlessScript));
+        "echo $n; [ $n != 1 ] || : > $directory/written; [ $n != 1 ] || " + QByteArray(NEndlessScript));
     NNetworkTraceroute traceroute(nullptr);
     NTracerouteRecorder recorder(&traceroute);
     traceroute.start(text("h"), false);
