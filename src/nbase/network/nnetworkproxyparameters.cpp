@@ -4,10 +4,9 @@
 #include <nbase/network/nnetworkproxyrules_p.h>
 #include <nbase/network/nnetworkutilities.h>
 
-#include <nwebapi/nwajsonutilities.h>
-
 #include <nsystem/nlatin1_p.h>
 
+#include <QtNetwork/QHostAddress>
 #include <QtNetwork/QNetworkProxy>
 #include <QtNetwork/QNetworkProxyQuery>
 
@@ -34,7 +33,11 @@ QString serverType()
 QUrl serverUrl(const QString& host, int port, const QString& userName, const QString& password)
 {
     QUrl url;
-    url.setHost(host);
+    // QUrl reads numbers with a leading zero as octal.
+    if (NNetworkUtilities::isIpv4Address(host))
+        url.setHost(QHostAddress(NNetworkProxyRuleSet::addressNumber(host)).toString());
+    else
+        url.setHost(host);
     url.setPort(port);
     if (!userName.isEmpty())
         url.setUserName(userName);
@@ -87,14 +90,70 @@ QString switchText(bool on)
     return latin1(on ? "1" : "0");
 }
 
-bool extractOptionalServer(const QVariantMap& document, const QString& key, QUrl& url)
+// Nothing is converted: the text "1" is not a number, 1 is not a boolean.
+bool readBoolean(const QVariant& value, bool& boolean)
 {
-    url = QUrl();
-    if (!document.contains(key))
+    boolean = value.toBool();
+    return value.type() == QVariant::Bool;
+}
+
+bool readText(const QVariant& value, QString& text)
+{
+    text = value.toString();
+    return value.type() == QVariant::String;
+}
+
+bool readOptionalText(const QVariantMap& object, const QString& key, QString& text)
+{
+    return !object.contains(key) || readText(object.value(key), text);
+}
+
+// The type of a number depends on how it is written and on the parser.
+bool isNumber(const QVariant& value)
+{
+    switch (int(value.type())) {
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Float:
+    case QMetaType::Double:
         return true;
-    QVariantMap server;
-    return NwaJsonUtilities::objectValue(document, key, server) &&
-           NNetworkProxyParameters::extractProxyServerUrlFromVariantMap(server, url);
+    default:
+        return false;
+    }
+}
+
+bool readPort(const QVariant& value, int& port)
+{
+    const double number = value.toDouble();
+    if (!isNumber(value) || !(number >= 0 && number <= LargestPort))
+        return false;
+    port = int(number);
+    return double(port) == number;
+}
+
+bool readServer(const QVariant& value, QUrl& url)
+{
+    return value.type() == QVariant::Map &&
+           NNetworkProxyParameters::extractProxyServerUrlFromVariantMap(value.toMap(), url);
+}
+
+bool readOptionalServer(const QVariantMap& object, const QString& key, QUrl& url)
+{
+    return !object.contains(key) || readServer(object.value(key), url);
+}
+
+bool readTexts(const QVariant& value, QStringList& texts)
+{
+    const QVariantList items = value.toList();
+    for (int i = 0; i < items.size(); ++i) {
+        QString text;
+        if (!readText(items.at(i), text))
+            return false;
+        texts.append(text);
+    }
+    return value.type() == QVariant::List;
 }
 
 } // namespace
@@ -117,6 +176,7 @@ NNetworkProxyParameters::NNetworkProxyParameters(NUciCursor* cursor, const QStri
     , m_configName(configName)
     , m_httpProxyServerUrl(serverUrl(defaultHost(), DefaultPort, QString(), QString()))
     , m_rules(new NNetworkProxyRules)
+    , m_hasRefusedChange(false)
 {
     m_proxyEnabled = cursor->optionAsBoolean(configName, S_GENERAL_CONFIG_NAME, latin1("enabled"), false);
     m_exceptions = withoutEmpty(
@@ -135,7 +195,7 @@ NNetworkProxyParameters::NNetworkProxyParameters(NUciCursor* cursor, const QStri
             readProxyUrlSection(urls[i].first, *urls[i].second);
     }
 
-    m_rules->set(QSharedPointer<const NNetworkProxyRuleSet>(new NNetworkProxyRuleSet(parameters())));
+    updateRules();
     QNetworkProxyFactory::setApplicationProxyFactory(new ProxyFactory(this));
 }
 
@@ -304,13 +364,15 @@ bool NNetworkProxyParameters::change(const Parameters& requested, int parts)
     const Parameters changed = normalized(requested);
     if (isSame(changed, parameters()))
         return true;
-    if (!write(changed, parts)) {
+    if (!dropRefusedChange())
+        return false;
+    if (!write(changed, parts) || !m_cursor->save(m_configName)) {
         m_cursor->load(m_configName);
         return false;
     }
-    // What is staged would otherwise be committed with the next change.
-    if (!m_cursor->save(m_configName) || !m_cursor->commit(m_configName)) {
-        m_cursor->revert(m_configName);
+    if (!m_cursor->commit(m_configName)) {
+        m_hasRefusedChange = true;
+        dropRefusedChange();
         m_cursor->load(m_configName);
         return false;
     }
@@ -321,9 +383,28 @@ bool NNetworkProxyParameters::change(const Parameters& requested, int parts)
     m_socks5ProxyServerUrl = changed.socks5ProxyServerUrl;
     m_exceptions = changed.exceptions;
     m_proxyDnsEnabled = changed.proxyDnsEnabled;
-    m_rules->set(QSharedPointer<const NNetworkProxyRuleSet>(new NNetworkProxyRuleSet(changed)));
+    updateRules();
     emit networkProxyParametersChanged();
     return true;
+}
+
+void NNetworkProxyParameters::updateRules()
+{
+    const QSharedPointer<NNetworkProxyRuleSet> rules(new NNetworkProxyRuleSet(m_exceptions));
+    rules->isEnabled = m_proxyEnabled;
+    rules->httpServer = m_httpProxyServerUrl;
+    rules->sslServer = m_sslProxyServerUrl;
+    rules->ftpServer = m_ftpProxyServerUrl;
+    rules->socks5Server = m_socks5ProxyServerUrl;
+    rules->socks5LooksUpNames = m_proxyDnsEnabled;
+    m_rules->set(rules);
+}
+
+// A change that could not be committed is staged, and would be committed with the next one.
+bool NNetworkProxyParameters::dropRefusedChange()
+{
+    m_hasRefusedChange = m_hasRefusedChange && !m_cursor->revert(m_configName);
+    return !m_hasRefusedChange;
 }
 
 bool NNetworkProxyParameters::write(const Parameters& parameters, int parts)
@@ -344,8 +425,9 @@ bool NNetworkProxyParameters::write(const Parameters& parameters, int parts)
 // An existing section keeps its type.
 bool NNetworkProxyParameters::prepareGeneralSection()
 {
-    return m_cursor->section(m_configName, S_GENERAL_CONFIG_NAME) ||
-           m_cursor->setSection(m_configName, S_GENERAL_CONFIG_NAME, latin1("general"));
+    return m_cursor->package(m_configName) &&
+           (m_cursor->section(m_configName, S_GENERAL_CONFIG_NAME) ||
+            m_cursor->setSection(m_configName, S_GENERAL_CONFIG_NAME, latin1("general")));
 }
 
 bool NNetworkProxyParameters::uciSetProxyEnabled(bool enabled)
@@ -401,7 +483,7 @@ QVariantMap NNetworkProxyParameters::networkProxyAsVariantMap(bool withCredentia
         document.insert(latin1("ftp"), serverAsVariantMap(m_ftpProxyServerUrl, withCredentials));
     if (!m_socks5ProxyServerUrl.isEmpty())
         document.insert(latin1("socks5"), serverAsVariantMap(m_socks5ProxyServerUrl, withCredentials));
-    document.insert(latin1("exceptions"), m_exceptions);
+    document.insert(latin1("exceptions"), QVariant(m_exceptions).toList());
     document.insert(latin1("proxyDns"), m_proxyDnsEnabled);
     return document;
 }
@@ -420,26 +502,17 @@ QVariantMap NNetworkProxyParameters::serverAsVariantMap(const QUrl& url, bool wi
 
 bool NNetworkProxyParameters::extractParametersFromVariant(const QVariant& document, Parameters& parameters)
 {
-    QVariantMap object;
-    QVariantMap httpServer;
-    QVariantList exceptions;
+    const QVariantMap object = document.toMap();
     Parameters extracted;
-    if (!NwaJsonUtilities::objectValue(document, object) ||
-        !NwaJsonUtilities::booleanValue(object, latin1("enabled"), extracted.proxyEnabled) ||
-        !NwaJsonUtilities::objectValue(object, latin1("http"), httpServer) ||
-        !extractProxyServerUrlFromVariantMap(httpServer, extracted.httpProxyServerUrl) ||
-        !extractOptionalServer(object, latin1("ssl"), extracted.sslProxyServerUrl) ||
-        !extractOptionalServer(object, latin1("ftp"), extracted.ftpProxyServerUrl) ||
-        !extractOptionalServer(object, latin1("socks5"), extracted.socks5ProxyServerUrl) ||
-        !NwaJsonUtilities::listValue(object, latin1("exceptions"), exceptions) ||
-        !NwaJsonUtilities::booleanValue(object, latin1("proxyDns"), extracted.proxyDnsEnabled))
+    if (document.type() != QVariant::Map ||
+        !readBoolean(object.value(latin1("enabled")), extracted.proxyEnabled) ||
+        !readServer(object.value(latin1("http")), extracted.httpProxyServerUrl) ||
+        !readOptionalServer(object, latin1("ssl"), extracted.sslProxyServerUrl) ||
+        !readOptionalServer(object, latin1("ftp"), extracted.ftpProxyServerUrl) ||
+        !readOptionalServer(object, latin1("socks5"), extracted.socks5ProxyServerUrl) ||
+        !readTexts(object.value(latin1("exceptions")), extracted.exceptions) ||
+        !readBoolean(object.value(latin1("proxyDns")), extracted.proxyDnsEnabled))
         return false;
-    for (int i = 0; i < exceptions.size(); ++i) {
-        QString exception;
-        if (!NwaJsonUtilities::stringValue(exceptions.at(i), exception))
-            return false;
-        extracted.exceptions.append(exception);
-    }
     parameters = extracted;
     return true;
 }
@@ -447,13 +520,12 @@ bool NNetworkProxyParameters::extractParametersFromVariant(const QVariant& docum
 bool NNetworkProxyParameters::extractProxyServerUrlFromVariantMap(const QVariantMap& document, QUrl& url)
 {
     QString host;
-    unsigned short port = 0;
+    int port = 0;
     QString userName;
     QString password;
-    if (!NwaJsonUtilities::stringValue(document, latin1("host"), host) ||
-        !NwaJsonUtilities::integerValue(document, latin1("port"), port) ||
-        !NwaJsonUtilities::stringValue(document, latin1("username"), userName, QString()) ||
-        !NwaJsonUtilities::stringValue(document, latin1("password"), password, QString()))
+    if (!readText(document.value(latin1("host")), host) || !readPort(document.value(latin1("port")), port) ||
+        !readOptionalText(document, latin1("username"), userName) ||
+        !readOptionalText(document, latin1("password"), password))
         return false;
     url = serverUrl(host, port, userName, password);
     return true;
@@ -472,31 +544,31 @@ QList<QNetworkProxy> NNetworkProxyParameters::ProxyFactory::queryProxy(const QNe
 {
     QNetworkProxy proxy(QNetworkProxy::NoProxy);
     const QSharedPointer<const NNetworkProxyRuleSet> rules = m_rules->ruleSet();
-    if (!rules || !rules->parameters.proxyEnabled || rules->isException(query.peerHostName()))
+    if (!rules || !rules->isEnabled || rules->isException(query.peerHostName()))
         return QList<QNetworkProxy>() << proxy;
 
     const QString protocol = query.protocolTag().toLower();
     QNetworkProxy::ProxyType type = QNetworkProxy::HttpProxy;
     QUrl server;
     if (protocol == QLatin1String("http")) {
-        server = rules->parameters.httpProxyServerUrl;
+        server = rules->httpServer;
     } else if (protocol == QLatin1String("https")) {
-        server = rules->parameters.sslProxyServerUrl;
+        server = rules->sslServer;
     } else if (protocol == QLatin1String("ftp")) {
-        server = rules->parameters.ftpProxyServerUrl;
+        server = rules->ftpServer;
     } else {
-        server = rules->parameters.socks5ProxyServerUrl;
+        server = rules->socks5Server;
         type = QNetworkProxy::Socks5Proxy;
     }
     if (server.isEmpty())
-        server = rules->parameters.httpProxyServerUrl;
+        server = rules->httpServer;
     if (server.isEmpty())
         return QList<QNetworkProxy>() << proxy;
 
     proxy = QNetworkProxy(type, server.host(), quint16(server.port()), server.userName(), server.password());
     if (type == QNetworkProxy::Socks5Proxy) {
         QNetworkProxy::Capabilities capabilities = proxy.capabilities();
-        if (rules->parameters.proxyDnsEnabled)
+        if (rules->socks5LooksUpNames)
             capabilities |= QNetworkProxy::HostNameLookupCapability;
         else
             capabilities &= ~QNetworkProxy::Capabilities(QNetworkProxy::HostNameLookupCapability);

@@ -26,7 +26,8 @@ class NUciCursor;
  *
  * An exception is a host that is reached without a proxy: an IPv4 address, a range of them (address/netmask or
  * address/length), the word "local" (each host name without a dot), or the end of a host name ("lan" covers
- * "printer.lan", but "wlan" as well). Numbers in addresses are decimal. A netmask with holes covers nothing.
+ * "printer.lan", but "wlan" as well). Numbers in addresses are decimal. A netmask with holes covers nothing. Names
+ * are compared case-sensitively with those of the requests, which Qt converts to lower case.
  *
  * Of the URL of a server only host, port, user name and password count, and are kept. An operation that fails
  * leaves the settings as they were, in memory and in the store. All operations must be called on the object's
@@ -114,7 +115,8 @@ public:
     bool setProxyDnsEnabled(bool enabled);
     /** @} */
 
-    /** Changes all settings at once; otherwise like the operations above. */
+    /** Changes all settings at once, writing them in the order of the arguments; otherwise like the operations
+     * above. */
     bool setNetworkProxy(
         bool enabled, const QUrl& http, const QUrl& ssl, const QUrl& ftp, const QUrl& socks5,
         const QStringList& exceptions, bool proxyDns, bool& invalidParameter);
@@ -159,6 +161,8 @@ private:
     };
 
     bool change(const Parameters& requested, int parts);
+    void updateRules();
+    bool dropRefusedChange();
     bool write(const Parameters& parameters, int parts);
     bool prepareGeneralSection();
     bool uciSetProxyEnabled(bool enabled);
@@ -177,6 +181,7 @@ private:
     QStringList m_exceptions;
     bool m_proxyDnsEnabled;
     const QSharedPointer<NNetworkProxyRules> m_rules; ///< shared with the factory
+    bool m_hasRefusedChange;                          ///< it could be neither committed nor dropped
 };
 
 #endif

@@ -16,16 +16,6 @@ quint32 decimalNumber(const QString& text)
     return number;
 }
 
-// The number of a valid address. QHostAddress reads numbers with a leading zero as octal.
-quint32 addressNumber(const QString& address)
-{
-    quint32 number = 0;
-    const QStringList bytes = address.split(QLatin1Char('.'));
-    for (int i = 0; i < bytes.size(); ++i)
-        number = number << 8 | decimalNumber(bytes.at(i));
-    return number;
-}
-
 quint32 maskOfLength(int length)
 {
     return length == 0 ? 0 : ~quint32(0) << (AddressBits - length);
@@ -38,12 +28,13 @@ bool hasHoles(quint32 mask)
 
 } // namespace
 
-NNetworkProxyRuleSet::NNetworkProxyRuleSet(const NNetworkProxyParameters::Parameters& parameters)
-    : parameters(parameters)
+NNetworkProxyRuleSet::NNetworkProxyRuleSet(const QStringList& exceptions)
+    : isEnabled(false)
+    , socks5LooksUpNames(false)
     , hasLocalException(false)
 {
-    for (int i = 0; i < parameters.exceptions.size(); ++i) {
-        const QString& exception = parameters.exceptions.at(i);
+    for (int i = 0; i < exceptions.size(); ++i) {
+        const QString& exception = exceptions.at(i);
         Range range = {0, maskOfLength(AddressBits)};
         if (NNetworkUtilities::isIpv4Address(exception)) {
             range.network = addressNumber(exception);
@@ -80,6 +71,15 @@ bool NNetworkProxyRuleSet::isException(const QString& host) const
             return true;
     }
     return false;
+}
+
+quint32 NNetworkProxyRuleSet::addressNumber(const QString& address)
+{
+    quint32 number = 0;
+    const QStringList bytes = address.split(QLatin1Char('.'));
+    for (int i = 0; i < bytes.size(); ++i)
+        number = number << 8 | decimalNumber(bytes.at(i));
+    return number;
 }
 
 NNetworkProxyRules::NNetworkProxyRules() {}

@@ -1,17 +1,14 @@
 #ifndef NBASE_NNETWORKPROXYRULES_P_H
 #define NBASE_NNETWORKPROXYRULES_P_H
 
-#include <nbase/network/nnetworkproxyparameters.h>
-
-#include <QtCore/QList>
 #include <QtCore/QMutex>
-#include <QtCore/QPair>
 #include <QtCore/QSharedPointer>
+#include <QtCore/QString>
 #include <QtCore/QStringList>
 #include <QtCore/QUrl>
 #include <QtCore/QVector>
 
-/** The settings in the form that choosing a proxy needs: the exceptions are parsed. It does not change. */
+/** The settings in the form that choosing a proxy needs: the exceptions are parsed. */
 struct NNetworkProxyRuleSet
 {
     /** The addresses of which the bits in @e mask are @e network. */
@@ -21,11 +18,19 @@ struct NNetworkProxyRuleSet
         quint32 mask;
     };
 
-    explicit NNetworkProxyRuleSet(const NNetworkProxyParameters::Parameters& parameters);
+    explicit NNetworkProxyRuleSet(const QStringList& exceptions);
 
     bool isException(const QString& host) const;
 
-    NNetworkProxyParameters::Parameters parameters;
+    /** The number of an IPv4 address. QHostAddress reads bytes with a leading zero as octal. */
+    static quint32 addressNumber(const QString& address);
+
+    bool isEnabled;
+    QUrl httpServer;
+    QUrl sslServer;
+    QUrl ftpServer;
+    QUrl socks5Server;
+    bool socks5LooksUpNames;
     bool hasLocalException;
     QStringList names;
     QVector<Range> ranges;
