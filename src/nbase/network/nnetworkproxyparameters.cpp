@@ -156,6 +156,22 @@ bool readTexts(const QVariant& value, QStringList& texts)
     return value.type() == QVariant::List;
 }
 
+/** The server's proxy, or that of the HTTP server if there is none. */
+QNetworkProxy proxyOf(QNetworkProxy::ProxyType type, const QUrl& server, const QUrl& httpServer)
+{
+    const QUrl& url = server.isEmpty() ? httpServer : server;
+    if (url.isEmpty())
+        return QNetworkProxy(QNetworkProxy::NoProxy);
+    return QNetworkProxy(type, url.host(), quint16(url.port()), url.userName(), url.password());
+}
+
+void setLooksUpNames(QNetworkProxy& proxy, bool on)
+{
+    const QNetworkProxy::Capabilities others =
+        proxy.capabilities() & ~QNetworkProxy::Capabilities(QNetworkProxy::HostNameLookupCapability);
+    proxy.setCapabilities(on ? others | QNetworkProxy::HostNameLookupCapability : others);
+}
+
 } // namespace
 
 const QString NNetworkProxyParameters::S_GENERAL_CONFIG_NAME = latin1("general");
@@ -392,11 +408,12 @@ void NNetworkProxyParameters::updateRules()
 {
     const QSharedPointer<NNetworkProxyRuleSet> rules(new NNetworkProxyRuleSet(m_exceptions));
     rules->isEnabled = m_proxyEnabled;
-    rules->httpServer = m_httpProxyServerUrl;
-    rules->sslServer = m_sslProxyServerUrl;
-    rules->ftpServer = m_ftpProxyServerUrl;
-    rules->socks5Server = m_socks5ProxyServerUrl;
-    rules->socks5LooksUpNames = m_proxyDnsEnabled;
+    const QUrl& http = m_httpProxyServerUrl;
+    rules->httpProxy = proxyOf(QNetworkProxy::HttpProxy, http, http);
+    rules->sslProxy = proxyOf(QNetworkProxy::HttpProxy, m_sslProxyServerUrl, http);
+    rules->ftpProxy = proxyOf(QNetworkProxy::HttpProxy, m_ftpProxyServerUrl, http);
+    rules->socks5Proxy = proxyOf(QNetworkProxy::Socks5Proxy, m_socks5ProxyServerUrl, http);
+    setLooksUpNames(rules->socks5Proxy, m_proxyDnsEnabled);
     m_rules->set(rules);
 }
 
@@ -542,37 +559,16 @@ NNetworkProxyParameters::ProxyFactory::~ProxyFactory() {}
 
 QList<QNetworkProxy> NNetworkProxyParameters::ProxyFactory::queryProxy(const QNetworkProxyQuery& query)
 {
-    QNetworkProxy proxy(QNetworkProxy::NoProxy);
     const QSharedPointer<const NNetworkProxyRuleSet> rules = m_rules->ruleSet();
     if (!rules || !rules->isEnabled || rules->isException(query.peerHostName()))
-        return QList<QNetworkProxy>() << proxy;
+        return QList<QNetworkProxy>() << QNetworkProxy(QNetworkProxy::NoProxy);
 
     const QString protocol = query.protocolTag().toLower();
-    QNetworkProxy::ProxyType type = QNetworkProxy::HttpProxy;
-    QUrl server;
-    if (protocol == QLatin1String("http")) {
-        server = rules->httpServer;
-    } else if (protocol == QLatin1String("https")) {
-        server = rules->sslServer;
-    } else if (protocol == QLatin1String("ftp")) {
-        server = rules->ftpServer;
-    } else {
-        server = rules->socks5Server;
-        type = QNetworkProxy::Socks5Proxy;
-    }
-    if (server.isEmpty())
-        server = rules->httpServer;
-    if (server.isEmpty())
-        return QList<QNetworkProxy>() << proxy;
-
-    proxy = QNetworkProxy(type, server.host(), quint16(server.port()), server.userName(), server.password());
-    if (type == QNetworkProxy::Socks5Proxy) {
-        QNetworkProxy::Capabilities capabilities = proxy.capabilities();
-        if (rules->socks5LooksUpNames)
-            capabilities |= QNetworkProxy::HostNameLookupCapability;
-        else
-            capabilities &= ~QNetworkProxy::Capabilities(QNetworkProxy::HostNameLookupCapability);
-        proxy.setCapabilities(capabilities);
-    }
-    return QList<QNetworkProxy>() << proxy;
+    if (protocol == QLatin1String("http"))
+        return QList<QNetworkProxy>() << rules->httpProxy;
+    if (protocol == QLatin1String("https"))
+        return QList<QNetworkProxy>() << rules->sslProxy;
+    if (protocol == QLatin1String("ftp"))
+        return QList<QNetworkProxy>() << rules->ftpProxy;
+    return QList<QNetworkProxy>() << rules->socks5Proxy;
 }

@@ -2,8 +2,6 @@
 
 #include <nbase/network/nnetworkutilities.h>
 
-#include <QtCore/QMutexLocker>
-
 namespace {
 
 const int AddressBits = 32;
@@ -30,7 +28,6 @@ bool hasHoles(quint32 mask)
 
 NNetworkProxyRuleSet::NNetworkProxyRuleSet(const QStringList& exceptions)
     : isEnabled(false)
-    , socks5LooksUpNames(false)
     , hasLocalException(false)
 {
     for (int i = 0; i < exceptions.size(); ++i) {
@@ -76,22 +73,28 @@ bool NNetworkProxyRuleSet::isException(const QString& host) const
 quint32 NNetworkProxyRuleSet::addressNumber(const QString& address)
 {
     quint32 number = 0;
-    const QStringList bytes = address.split(QLatin1Char('.'));
-    for (int i = 0; i < bytes.size(); ++i)
-        number = number << 8 | decimalNumber(bytes.at(i));
-    return number;
+    quint32 byte = 0;
+    for (int i = 0; i < address.size(); ++i) {
+        if (address.at(i) == QLatin1Char('.')) {
+            number = number << 8 | byte;
+            byte = 0;
+        } else {
+            byte = 10 * byte + quint32(address.at(i).unicode() - '0');
+        }
+    }
+    return number << 8 | byte;
 }
 
 NNetworkProxyRules::NNetworkProxyRules() {}
 
 void NNetworkProxyRules::set(const QSharedPointer<const NNetworkProxyRuleSet>& ruleSet)
 {
-    const QMutexLocker locker(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_ruleSet = ruleSet;
 }
 
 QSharedPointer<const NNetworkProxyRuleSet> NNetworkProxyRules::ruleSet() const
 {
-    const QMutexLocker locker(&m_mutex);
+    const std::lock_guard<std::mutex> lock(m_mutex);
     return m_ruleSet;
 }

@@ -1,14 +1,15 @@
 #ifndef NBASE_NNETWORKPROXYRULES_P_H
 #define NBASE_NNETWORKPROXYRULES_P_H
 
-#include <QtCore/QMutex>
 #include <QtCore/QSharedPointer>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
-#include <QtCore/QUrl>
 #include <QtCore/QVector>
+#include <QtNetwork/QNetworkProxy>
 
-/** The settings in the form that choosing a proxy needs: the exceptions are parsed. */
+#include <mutex>
+
+/** The settings in the form that choosing a proxy needs: the exceptions are parsed, and the proxies made. */
 struct NNetworkProxyRuleSet
 {
     /** The addresses of which the bits in @e mask are @e network. */
@@ -26,11 +27,10 @@ struct NNetworkProxyRuleSet
     static quint32 addressNumber(const QString& address);
 
     bool isEnabled;
-    QUrl httpServer;
-    QUrl sslServer;
-    QUrl ftpServer;
-    QUrl socks5Server;
-    bool socks5LooksUpNames;
+    QNetworkProxy httpProxy;
+    QNetworkProxy sslProxy;
+    QNetworkProxy ftpProxy;
+    QNetworkProxy socks5Proxy;
     bool hasLocalException;
     QStringList names;
     QVector<Range> ranges;
@@ -50,7 +50,7 @@ public:
 private:
     Q_DISABLE_COPY(NNetworkProxyRules)
 
-    mutable QMutex m_mutex;
+    mutable std::mutex m_mutex; // the thread sanitizer does not see those of Qt
     QSharedPointer<const NNetworkProxyRuleSet> m_ruleSet;
 };
 

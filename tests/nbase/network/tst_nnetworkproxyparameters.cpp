@@ -1216,33 +1216,35 @@ void tst_NNetworkProxyParameters::laterSettingsReplaceTheFactory()
 
 void tst_NNetworkProxyParameters::proxiesAreChosenOnThreadsWhileSettingsChange()
 {
-    load(completeFile);
     const int changeCount = 100;
+    const int oddPort = 1;
+    const int evenPort = 2;
+    load(completeFile);
     std::atomic<bool> isDone(false);
     NNetworkProxyParameters::ProxyFactory factory(m_settings.data());
-    // The first "thread" changes the settings, which belong to the others' requests only through the factory.
+    // One thread changes the settings and deletes them. The texts of the proxies are not looked at: the thread
+    // sanitizer does not see how Qt counts their references.
     QVERIFY(NTest::holdsInThreads(4, [this, &isDone, &factory](int index) {
         if (index == 0) {
             bool isGood = true;
             for (int change = 0; change < changeCount; ++change) {
-                bool isInvalid = true;
                 const bool isOdd = change % 2 != 0;
                 Parameters parameters = otherParameters();
                 parameters.proxyEnabled = true;
-                parameters.exceptions = list(isOdd ? "a" : "b");
-                parameters.httpProxyServerUrl = server(isOdd ? "odd" : "even", 1, text("u"), text("p"));
-                isGood = isGood && settings().importParameters(parameters, isInvalid) && !isInvalid;
+                parameters.exceptions = list(isOdd ? "odd.example" : "even.example");
+                parameters.httpProxyServerUrl = server("h", isOdd ? oddPort : evenPort);
+                isGood = isGood && settings().importParameters(parameters);
             }
             m_settings.reset();
             isDone = true;
             return isGood;
         }
+        // Server and exceptions always belong to the same settings.
         while (!isDone) {
-            const QNetworkProxyQuery request = query("x.example", "http");
-            const QByteArray answer =
-                describe(index == 1 ? QNetworkProxyFactory::proxyForQuery(request) : factory.queryProxy(request));
-            if (answer != "http odd:1 u/p" && answer != "http even:1 u/p" && answer != "direct" &&
-                answer != "http web.example:3128 user/secret")
+            const QNetworkProxyQuery request = query("odd.example", "http");
+            const QList<QNetworkProxy> answer =
+                index == 1 ? QNetworkProxyFactory::proxyForQuery(request) : factory.queryProxy(request);
+            if (answer.size() != 1 || answer.first().port() == oddPort)
                 return false;
         }
         return true;
