@@ -1,4 +1,5 @@
 #include "support/nchildprocess.h"
+#include "support/nprivatenamespace.h"
 #include "support/nsystemcalls.h"
 #include "support/ntemporarydirectory.h"
 #include "support/nthreads.h"
@@ -257,6 +258,7 @@ private:
 void tst_NNetworkProxyParameters::init()
 {
     m_directory.reset(new NTemporaryDirectory);
+    NPrivateNamespace::mountEmptyDirectory(m_directory->path());
     m_isInvalid = true;
     load(QByteArray());
 }
@@ -265,6 +267,7 @@ void tst_NNetworkProxyParameters::cleanup()
 {
     m_settings.reset();
     m_cursor.reset();
+    NPrivateNamespace::unmount(m_directory->path());
     m_directory.reset();
 }
 
@@ -1396,5 +1399,6 @@ void tst_NNetworkProxyParameters::serverOfJson()
     QCOMPARE(describe(url), QByteArray("u|p|h|3"));
 }
 
-QTEST_MAIN(tst_NNetworkProxyParameters)
+// The directories are in memory: the store flushes its files thousands of times.
+NTEST_MAIN_IN_NAMESPACE(QCoreApplication, tst_NNetworkProxyParameters, NPrivateNamespace::Mounts)
 #include "tst_nnetworkproxyparameters.moc"
