@@ -2,8 +2,9 @@
 #define NBASE_NLISTENEREMISSION_P_H
 
 #include <QtCore/QList>
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
 #include <QtCore/QSet>
-#include <QtCore/QtGlobal>
 
 /**
  * The listeners of a source that a signal has not been emitted on yet, for as long as it is being emitted.
@@ -13,12 +14,19 @@
 template <class Listener, typename Source> class NListenerEmission
 {
 public:
-    /** @param innermost where the owner of the listeners has its innermost emission, or null. */
-    NListenerEmission(NListenerEmission** innermost, const Source& source, const QSet<Listener*>& listeners)
+    /**
+     * @param innermost where the owner of the listeners has its innermost emission, or null.
+     * @param source what the listeners listen on. When it is an object that may be deleted meanwhile, Source is a
+     * QPointer, because another object can be created at its address.
+     * @param device what isBusy() answers for until the end of the emission, or null.
+     */
+    NListenerEmission(
+        NListenerEmission** innermost, const Source& source, const QSet<Listener*>& listeners, QObject* device)
         : m_innermost(innermost)
         , m_outer(*innermost)
         , m_source(source)
         , m_listeners(listeners.values())
+        , m_device(device)
     {
         *m_innermost = this;
     }
@@ -28,8 +36,11 @@ public:
     /** The next listener, which leaves the emission; null at the end. */
     Listener* next() { return m_listeners.isEmpty() ? nullptr : m_listeners.takeFirst(); }
 
-    /** @a listener leaves the emissions of @a source. */
-    static void remove(NListenerEmission* innermost, const Source& source, Listener* listener)
+    /**
+     * @a listener leaves the emissions of @a source.
+     * @tparam Key a type that Source can be compared with, which may be a pointer to an object that is gone.
+     */
+    template <typename Key> static void remove(NListenerEmission* innermost, const Key& source, Listener* listener)
     {
         for (NListenerEmission* emission = innermost; emission; emission = emission->m_outer) {
             if (emission->m_source == source)
@@ -45,12 +56,22 @@ public:
     }
 
     /** All listeners leave the emissions of @a source. */
-    static void clear(NListenerEmission* innermost, const Source& source)
+    template <typename Key> static void clear(NListenerEmission* innermost, const Key& source)
     {
         for (NListenerEmission* emission = innermost; emission; emission = emission->m_outer) {
             if (emission->m_source == source)
                 emission->m_listeners.clear();
         }
+    }
+
+    /** Whether an emission with the existing object @a device is in progress. */
+    static bool isBusy(const NListenerEmission* innermost, const QObject* device)
+    {
+        for (const NListenerEmission* emission = innermost; emission; emission = emission->m_outer) {
+            if (emission->m_device == device)
+                return true;
+        }
+        return false;
     }
 
 private:
@@ -60,6 +81,7 @@ private:
     NListenerEmission* const m_outer;
     const Source m_source;
     QList<Listener*> m_listeners;
+    const QPointer<QObject> m_device;
 };
 
 #endif

@@ -208,7 +208,7 @@ NNetworkListenerSingleton::TcpPorts::iterator NNetworkListenerSingleton::portOf(
 
 void NNetworkListenerSingleton::emitOnListeners(unsigned short port, SocketSignal socketSignal, QTcpSocket* socket)
 {
-    Emission emission(&m_innermostEmission, qMakePair(Tcp, port), m_tcpPorts.value(port).listeners);
+    Emission emission(&m_innermostEmission, qMakePair(Tcp, port), m_tcpPorts.value(port).listeners, nullptr);
     while (NNetworkListener* const listener = emission.next())
         emit(listener->*socketSignal)(socket);
 }
@@ -222,7 +222,7 @@ void NNetworkListenerSingleton::tcpSocketReadyRead()
     const QByteArray data = socket->readAll();
     if (data.isEmpty())
         return;
-    Emission emission(&m_innermostEmission, qMakePair(Tcp, entry.key()), entry->listeners);
+    Emission emission(&m_innermostEmission, qMakePair(Tcp, entry.key()), entry->listeners, nullptr);
     while (NNetworkListener* const listener = emission.next())
         emit listener->tcpDataReceived(socket, data);
 }
@@ -288,7 +288,7 @@ void NNetworkListenerSingleton::processReceivedUdpDatagrams(QUdpSocket* socket)
             continue;
         datagram.truncate(int(size));
         address = plainAddress(address);
-        Emission emission(&m_innermostEmission, qMakePair(Udp, port), entry->listeners);
+        Emission emission(&m_innermostEmission, qMakePair(Udp, port), entry->listeners, nullptr);
         while (NNetworkListener* const listener = emission.next())
             emit listener->udpDatagramReceived(socket, address, sourcePort, datagram);
     }

@@ -1,5 +1,6 @@
 #include <nbase/serial/nseriallistenersingleton.h>
 
+#include <nbase/core/nlisteneremission_p.h>
 #include <nbase/serial/nseriallistener.h>
 #include <nbase/serial/nserialport.h>
 
@@ -16,54 +17,6 @@ const int OpeningTimeout = 10000;   // milliseconds
 const int ReopeningInterval = 5000; // milliseconds
 
 } // namespace
-
-// The listeners that a signal of a port has not been emitted on yet. Receivers may stop or delete listeners, which
-// then leave all emissions that are in progress, and may cause other emissions meanwhile.
-class NSerialListenerSingleton::Emission
-{
-public:
-    Emission(
-        NSerialListenerSingleton* singleton, NSerialPort* port, const QSet<NSerialListener*>& listeners,
-        bool isDelivery)
-        : m_singleton(singleton)
-        , m_outer(singleton->m_innermostEmission)
-        , m_port(port)
-        , m_listeners(listeners.values())
-        , m_isDelivery(isDelivery)
-    {
-        m_singleton->m_innermostEmission = this;
-    }
-
-    ~Emission() { m_singleton->m_innermostEmission = m_outer; }
-
-    /** The emission during which this one has begun, or null. */
-    Emission* outer() const { return m_outer; }
-
-    bool isDeliveryFrom(NSerialPort* port) const { return m_isDelivery && m_port == port; }
-
-    /** The next listener, which leaves the emission; null at the end. */
-    NSerialListener* next() { return m_listeners.isEmpty() ? nullptr : m_listeners.takeFirst(); }
-
-    /** @a listener, all of them when it is null, leaves if this is an emission of @a port, any when it is null. */
-    void remove(NSerialListener* listener, NSerialPort* port)
-    {
-        if (port && port != m_port)
-            return;
-        if (listener)
-            m_listeners.removeAll(listener);
-        else
-            m_listeners.clear();
-    }
-
-private:
-    Q_DISABLE_COPY(Emission)
-
-    NSerialListenerSingleton* const m_singleton;
-    Emission* const m_outer;
-    const QPointer<NSerialPort> m_port; // another port can be created at the address of one that has been deleted
-    QList<NSerialListener*> m_listeners;
-    const bool m_isDelivery;
-};
 
 NSerialListenerSingleton::SerialPortData::SerialPortData()
     : allocated(false)
@@ -107,9 +60,8 @@ bool NSerialListenerSingleton::startListeningOnSerialPort(NSerialListener* liste
 
 void NSerialListenerSingleton::stopListeningOnSerialPort(NSerialListener* listener, NSerialPort* port)
 {
-    for (Emission* emission = m_innermostEmission; emission; emission = emission->outer())
-        emission->remove(listener, port);
     if (!port) {
+        Emission::remove(m_innermostEmission, listener);
         QList<NSerialPort*> ports;
         for (SerialPorts::const_iterator i = m_serialPorts.constBegin(); i != m_serialPorts.constEnd(); ++i) {
             if (i->listeners.contains(listener))
@@ -119,6 +71,7 @@ void NSerialListenerSingleton::stopListeningOnSerialPort(NSerialListener* listen
             stopListeningOnSerialPort(listener, ports.takeFirst());
         return;
     }
+    Emission::remove(m_innermostEmission, port, listener);
     const SerialPorts::iterator entry = m_serialPorts.find(port);
     if (entry == m_serialPorts.end())
         return;
@@ -154,8 +107,7 @@ void NSerialListenerSingleton::removePort(SerialPorts::iterator entry)
     const bool allocated = entry->allocated;
     stopReopeningTimer(*entry);
     m_serialPorts.erase(entry);
-    for (Emission* emission = m_innermostEmission; emission; emission = emission->outer())
-        emission->remove(nullptr, port);
+    Emission::clear(m_innermostEmission, port);
     if (!allocated) {
         m_allocator.cancelSerialPortAllocationRequests(port);
         return;
@@ -200,13 +152,13 @@ void NSerialListenerSingleton::serialPortReadyRead()
 {
     const QPointer<NSerialPort> port(senderPort());
     // A receiver that runs an event loop of its own gets the next chunk after all listeners have got this one.
-    if (!port || isDelivering(port))
+    if (!port || Emission::isBusy(m_innermostEmission, port))
         return;
     while (port && isAllocated(port) && port->bytesAvailable() > 0) {
         const QByteArray data = port->read(ChunkSize);
         if (data.isEmpty()) // the application has opened the port for writing only
             return;
-        Emission delivery(this, port, m_serialPorts.value(port).listeners, true);
+        Emission delivery(&m_innermostEmission, port, m_serialPorts.value(port).listeners, port);
         while (NSerialListener* const listener = delivery.next())
             emit listener->dataReceived(port, data);
     }
@@ -241,7 +193,7 @@ void NSerialListenerSingleton::timerEvent(QTimerEvent* event)
 void NSerialListenerSingleton::emitOnListeners(
     NSerialPort* port, PortSignal portSignal, const QSet<NSerialListener*>& listeners)
 {
-    Emission emission(this, port, listeners, false);
+    Emission emission(&m_innermostEmission, port, listeners, nullptr);
     while (NSerialListener* const listener = emission.next())
         emit(listener->*portSignal)(port);
 }
@@ -255,15 +207,6 @@ bool NSerialListenerSingleton::isAllocated(NSerialPort* port) const
 {
     const SerialPorts::const_iterator entry = m_serialPorts.constFind(port);
     return entry != m_serialPorts.constEnd() && entry->allocated;
-}
-
-bool NSerialListenerSingleton::isDelivering(NSerialPort* port) const
-{
-    for (const Emission* emission = m_innermostEmission; emission; emission = emission->outer()) {
-        if (emission->isDeliveryFrom(port))
-            return true;
-    }
-    return false;
 }
 
 void NSerialListenerSingleton::stopReopeningTimer(SerialPortData& data)

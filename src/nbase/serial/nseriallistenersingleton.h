@@ -8,10 +8,12 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QHash>
 #include <QtCore/QObject>
+#include <QtCore/QPointer>
 #include <QtCore/QSet>
 
 class NSerialListener;
 class NSerialPort;
+template <class Listener, typename Source> class NListenerEmission;
 
 class NBASE_EXPORT NSerialListenerSingleton;
 
@@ -68,14 +70,11 @@ private:
     Q_DISABLE_COPY(NSerialListenerSingleton)
 
     typedef QHash<NSerialPort*, SerialPortData> SerialPorts;
-
-    class Emission;
-
+    typedef NListenerEmission<NSerialListener, QPointer<NSerialPort>> Emission;
     typedef void (NSerialListener::*PortSignal)(NSerialPort*);
 
     NSerialPort* senderPort() const;
     bool isAllocated(NSerialPort* port) const;
-    bool isDelivering(NSerialPort* port) const;
     void emitOnListeners(NSerialPort* port, PortSignal portSignal, const QSet<NSerialListener*>& listeners);
     void openPort(NSerialPort* port);
     void removePort(SerialPorts::iterator entry);
