@@ -7,6 +7,7 @@
 #include <QtCore/QTextStream>
 #include <QtCore/QTimer>
 #include <QtCore/QtGlobal>
+#include <QtNetwork/QHostAddress>
 #include <QtSql/QSqlError>
 
 /** The differences between Qt 4.8 and Qt 5.15 that this library meets: one operation, implemented for each. */
@@ -53,6 +54,16 @@ inline void makePrecise(QTimer* timer)
     timer->setTimerType(Qt::PreciseTimer);
 #else
     Q_UNUSED(timer);
+#endif
+}
+
+/** All addresses of the device, for IPv4 and IPv6. */
+inline QHostAddress anyAddress()
+{
+#if QT_VERSION >= 0x050000
+    return QHostAddress(QHostAddress::Any);
+#else
+    return QHostAddress(QHostAddress::AnyIPv6);
 #endif
 }
 

@@ -43,7 +43,8 @@ public:
 
     /**
      * Stops listening on TCP port @a port. When no listener is left, its connections are closed after everything
-     * that has been written to them is sent.
+     * that has been written to them is sent; what they receive meanwhile is discarded. A connection whose other
+     * end has not got everything is closed by the other end, or a minute after the last byte was sent.
      */
     void stopListeningOnTcpPort(unsigned short port);
 
@@ -54,7 +55,10 @@ public:
     void stopListeningOnAllPorts();
 
 signals:
-    /** @a socket, which this class owns, has been connected. Data may be written to it. */
+    /**
+     * @a socket, which this class owns, has been connected. Receivers may write to it and close it; they must not
+     * delete it, other than with deleteLater(), after which its termination is not reported.
+     */
     void tcpConnectionEstablished(QTcpSocket* socket);
 
     /** @a socket has been disconnected; it is deleted when control returns to the event loop. */

@@ -1,6 +1,7 @@
 #include <nbase/network/nnetworklistenersingleton.h>
 
 #include <nbase/core/nlisteneremission_p.h>
+#include <nbase/nbaseqtcompat_p.h>
 #include <nbase/network/nnetworklistener.h>
 
 #include <nsystem/nlatin1_p.h>
@@ -14,23 +15,31 @@
 #include <QtNetwork/QTcpSocket>
 #include <QtNetwork/QUdpSocket>
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
 template class NSingleton<NNetworkListenerSingleton>;
 
 namespace {
 
 const int WatchdogInterval = 10000; // milliseconds
+const int LingerInterval = 60000;   // milliseconds
 
 // A flood of datagrams on one port must not keep the event loop from the others.
 const int DatagramsAtATime = 64;
 
-// All addresses of the device, for IPv4 and IPv6.
-QHostAddress anyAddress()
+// Whether the other end has got everything that was written (tcp(7)).
+bool isEverythingAcknowledged(const QTcpSocket* socket)
 {
-#if QT_VERSION >= 0x050000
-    return QHostAddress(QHostAddress::Any);
-#else
-    return QHostAddress(QHostAddress::AnyIPv6);
-#endif
+    int count = 0;
+    return ::ioctl(int(socket->socketDescriptor()), SIOCOUTQ, &count) != 0 || count == 0;
+}
+
+// Qt 4 does not fall back to IPv4 where the kernel has no IPv6.
+bool isIpv6Missing(QAbstractSocket::SocketError error)
+{
+    return error == QAbstractSocket::UnsupportedSocketOperationError;
 }
 
 // A socket for both protocols gets IPv4 addresses in the form ::ffff:192.0.2.1 (RFC 4291, section 2.5.5.2).
@@ -82,7 +91,8 @@ bool NNetworkListenerSingleton::startListeningOnTcpPort(
     if (entry == m_tcpPorts.end()) {
         QScopedPointer<QTcpServer> server(new QTcpServer(this));
         server->setProxy(QNetworkProxy::NoProxy);
-        if (!server->listen(anyAddress(), port) && !server->listen(QHostAddress::Any, port)) {
+        if (!server->listen(NBaseQtCompat::anyAddress(), port) &&
+            !(isIpv6Missing(server->serverError()) && server->listen(QHostAddress::Any, port))) {
             errorString = server->errorString();
             return false;
         }
@@ -106,7 +116,8 @@ bool NNetworkListenerSingleton::startListeningOnUdpPort(
     if (entry == m_udpPorts.end()) {
         QScopedPointer<QUdpSocket> socket(new QUdpSocket(this));
         socket->setProxy(QNetworkProxy::NoProxy);
-        if (!socket->bind(anyAddress(), port) && !socket->bind(QHostAddress::Any, port)) {
+        if (!socket->bind(NBaseQtCompat::anyAddress(), port) &&
+            !(isIpv6Missing(socket->error()) && socket->bind(QHostAddress::Any, port))) {
             errorString = socket->errorString();
             return false;
         }
@@ -141,27 +152,81 @@ void NNetworkListenerSingleton::stopListeningOnUdpPort(NNetworkListener* listene
 
 void NNetworkListenerSingleton::stopListeningOnAllPorts(NNetworkListener* listener)
 {
-    const QList<unsigned short> tcpPorts = m_tcpPorts.keys();
-    for (int i = 0; i < tcpPorts.size(); ++i)
-        stopListeningOnTcpPort(listener, tcpPorts.at(i));
-    const QList<unsigned short> udpPorts = m_udpPorts.keys();
-    for (int i = 0; i < udpPorts.size(); ++i)
-        stopListeningOnUdpPort(listener, udpPorts.at(i));
+    // Closing a port calls receivers of the application, which may start a listener that is being destroyed.
+    while (isListening(listener)) {
+        const QList<unsigned short> tcpPorts = m_tcpPorts.keys();
+        for (int i = 0; i < tcpPorts.size(); ++i)
+            stopListeningOnTcpPort(listener, tcpPorts.at(i));
+        const QList<unsigned short> udpPorts = m_udpPorts.keys();
+        for (int i = 0; i < udpPorts.size(); ++i)
+            stopListeningOnUdpPort(listener, udpPorts.at(i));
+    }
+}
+
+bool NNetworkListenerSingleton::isListening(NNetworkListener* listener) const
+{
+    for (TcpPorts::const_iterator i = m_tcpPorts.constBegin(); i != m_tcpPorts.constEnd(); ++i) {
+        if (i->listeners.contains(listener))
+            return true;
+    }
+    for (UdpPorts::const_iterator i = m_udpPorts.constBegin(); i != m_udpPorts.constEnd(); ++i) {
+        if (i->listeners.contains(listener))
+            return true;
+    }
+    return false;
 }
 
 void NNetworkListenerSingleton::closeTcpPort(TcpPorts::iterator entry)
 {
     QTcpServer* const server = entry->server;
-    const QList<QTcpSocket*> sockets = entry->sockets.values();
+    QList<QPointer<QTcpSocket>> sockets;
+    for (QSet<QTcpSocket*>::const_iterator i = entry->sockets.constBegin(); i != entry->sockets.constEnd(); ++i)
+        sockets.append(*i);
     m_tcpPorts.erase(entry);
     server->disconnect(this);
-    // Their disconnected(), which may come at once, or after everything is sent, deletes the sockets.
-    for (int i = 0; i < sockets.size(); ++i) {
-        disconnect(sockets.at(i), SIGNAL(readyRead()), this, SLOT(tcpSocketReadyRead()));
-        sockets.at(i)->disconnectFromHost();
-    }
+    // Receivers of the sockets' own signals can open the port again.
     server->close();
     server->deleteLater();
+    while (!sockets.isEmpty()) {
+        const QPointer<QTcpSocket> socket(sockets.takeFirst());
+        if (!socket)
+            continue;
+        if (socket->state() == QAbstractSocket::UnconnectedState) {
+            releaseTcpSocket(socket);
+            continue;
+        }
+        // Its disconnected(), which comes at once, or after everything is sent, deletes the socket.
+        disconnect(socket, SIGNAL(readyRead()), this, SLOT(tcpSocketReadyRead()));
+        connect(socket, SIGNAL(readyRead()), SLOT(discardReceivedTcpData()));
+        connect(socket, SIGNAL(bytesWritten(qint64)), SLOT(endTcpConnectionWhenWritten()));
+        socket->flush();
+        if (socket && socket->bytesToWrite() == 0)
+            endTcpConnection(socket);
+    }
+}
+
+void NNetworkListenerSingleton::endTcpConnectionWhenWritten()
+{
+    QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
+    if (socket && socket->bytesToWrite() == 0)
+        endTcpConnection(socket);
+}
+
+// A connection that is closed with received data unread, or receives data after that, loses what the other end has
+// not got yet (RFC 1122, section 4.2.2.13). Therefore the receiving direction stays open until the other end
+// closes.
+void NNetworkListenerSingleton::endTcpConnection(QTcpSocket* socket)
+{
+    if (socket->state() != QAbstractSocket::ConnectedState)
+        return;
+    disconnect(socket, SIGNAL(bytesWritten(qint64)), this, SLOT(endTcpConnectionWhenWritten()));
+    socket->readAll();
+    if (isEverythingAcknowledged(socket)) {
+        socket->disconnectFromHost();
+        return;
+    }
+    ::shutdown(int(socket->socketDescriptor()), SHUT_WR);
+    QTimer::singleShot(LingerInterval, socket, SLOT(deleteLater()));
 }
 
 void NNetworkListenerSingleton::closeUdpPort(UdpPorts::iterator entry)
@@ -195,8 +260,20 @@ void NNetworkListenerSingleton::tcpServerNewConnection()
     }
     connect(socket, SIGNAL(readyRead()), SLOT(tcpSocketReadyRead()));
     connect(socket, SIGNAL(disconnected()), SLOT(tcpSocketDisconnected()));
+    connect(socket, SIGNAL(destroyed(QObject*)), SLOT(tcpSocketDestroyed(QObject*)));
     entry->sockets.insert(socket);
+    const QPointer<QTcpSocket> guard(socket);
     emitOnListeners(port, &NNetworkListener::tcpConnectionEstablished, socket);
+    if (guard)
+        processTcpSocket(port, socket);
+}
+
+void NNetworkListenerSingleton::emitOnListeners(unsigned short port, SocketSignal socketSignal, QTcpSocket* socket)
+{
+    const QPointer<QTcpSocket> guard(socket);
+    Emission emission(&m_innermostEmission, qMakePair(Tcp, port), m_tcpPorts.value(port).listeners, socket);
+    while (NNetworkListener* const listener = guard ? emission.next() : nullptr)
+        emit(listener->*socketSignal)(socket);
 }
 
 NNetworkListenerSingleton::TcpPorts::iterator NNetworkListenerSingleton::portOf(QTcpSocket* socket)
@@ -206,40 +283,76 @@ NNetworkListenerSingleton::TcpPorts::iterator NNetworkListenerSingleton::portOf(
     return entry != m_tcpPorts.end() && entry->sockets.contains(socket) ? entry : m_tcpPorts.end();
 }
 
-void NNetworkListenerSingleton::emitOnListeners(unsigned short port, SocketSignal socketSignal, QTcpSocket* socket)
-{
-    Emission emission(&m_innermostEmission, qMakePair(Tcp, port), m_tcpPorts.value(port).listeners, nullptr);
-    while (NNetworkListener* const listener = emission.next())
-        emit(listener->*socketSignal)(socket);
-}
-
 void NNetworkListenerSingleton::tcpSocketReadyRead()
 {
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     const TcpPorts::iterator entry = portOf(socket);
-    if (entry == m_tcpPorts.end())
-        return;
-    const QByteArray data = socket->readAll();
-    if (data.isEmpty())
-        return;
-    Emission emission(&m_innermostEmission, qMakePair(Tcp, entry.key()), entry->listeners, nullptr);
-    while (NNetworkListener* const listener = emission.next())
-        emit listener->tcpDataReceived(socket, data);
+    if (entry != m_tcpPorts.end())
+        processTcpSocket(entry.key(), socket);
 }
 
 void NNetworkListenerSingleton::tcpSocketDisconnected()
 {
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
-    if (!socket)
-        return;
     const TcpPorts::iterator entry = portOf(socket);
+    if (entry != m_tcpPorts.end())
+        processTcpSocket(entry.key(), socket);
+    else if (socket)
+        releaseTcpSocket(socket);
+}
+
+// Each listener gets the events of a connection in the order in which they have occurred, also when a receiver
+// closes the connection or runs an event loop of its own: what occurs while a signal is being emitted is reported
+// after it.
+void NNetworkListenerSingleton::processTcpSocket(unsigned short port, QTcpSocket* socket)
+{
+    const QPointer<QTcpSocket> guard(socket);
+    while (guard && !Emission::isBusy(m_innermostEmission, socket)) {
+        const TcpPorts::iterator entry = m_tcpPorts.find(port);
+        if (entry == m_tcpPorts.end() || !entry->sockets.contains(socket))
+            return;
+        const QByteArray data = socket->isReadable() ? socket->readAll() : QByteArray();
+        if (!data.isEmpty()) {
+            Emission emission(&m_innermostEmission, qMakePair(Tcp, port), entry->listeners, socket);
+            while (NNetworkListener* const listener = guard ? emission.next() : nullptr)
+                emit listener->tcpDataReceived(socket, data);
+            continue;
+        }
+        if (socket->state() != QAbstractSocket::UnconnectedState)
+            return;
+        socket->disconnect(this);
+        entry->sockets.remove(socket);
+        emitOnListeners(port, &NNetworkListener::tcpConnectionTerminated, socket);
+        if (guard)
+            socket->deleteLater();
+        return;
+    }
+}
+
+void NNetworkListenerSingleton::releaseTcpSocket(QTcpSocket* socket)
+{
     socket->disconnect(this);
     socket->deleteLater();
-    if (entry == m_tcpPorts.end())
-        return;
-    const unsigned short port = entry.key();
-    entry->sockets.remove(socket);
-    emitOnListeners(port, &NNetworkListener::tcpConnectionTerminated, socket);
+}
+
+// A receiver has deleted the socket, of which only the address is left.
+void NNetworkListenerSingleton::tcpSocketDestroyed(QObject* socket)
+{
+    for (TcpPorts::iterator entry = m_tcpPorts.begin(); entry != m_tcpPorts.end(); ++entry) {
+        QSet<QTcpSocket*>::iterator i = entry->sockets.begin();
+        while (i != entry->sockets.end() && *i != socket)
+            ++i;
+        if (i != entry->sockets.end())
+            entry->sockets.erase(i);
+    }
+}
+
+// What a connection without listeners receives until everything is sent must not fill the memory.
+void NNetworkListenerSingleton::discardReceivedTcpData()
+{
+    QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
+    if (socket)
+        socket->readAll();
 }
 
 void NNetworkListenerSingleton::udpSocketReadyRead()
@@ -257,18 +370,23 @@ void NNetworkListenerSingleton::unblockUdpSocketIfNeeded(int port)
 void NNetworkListenerSingleton::processDatagramsAndRestartWatchdog(unsigned short port)
 {
     UdpPorts::iterator entry = m_udpPorts.find(port);
-    if (entry == m_udpPorts.end())
+    // A receiver that runs an event loop of its own gets the next datagram after all listeners have got this one.
+    if (entry == m_udpPorts.end() || Emission::isBusy(m_innermostEmission, entry->socket))
         return;
-    const QPointer<QTimer> watchdog(entry->watchdog);
-    watchdog->stop();
-    processReceivedUdpDatagrams(entry->socket);
-    // Receivers may have closed the port, and opened it again with another watchdog.
+    entry->watchdog->stop();
+    const QPointer<QUdpSocket> socket(entry->socket);
+    const bool isDrained = processReceivedUdpDatagrams(socket);
+    // Receivers may have closed the port, and opened it again with another socket.
     entry = m_udpPorts.find(port);
-    if (entry != m_udpPorts.end() && entry->watchdog == watchdog)
-        watchdog->start();
+    if (entry == m_udpPorts.end() || !socket || entry->socket != socket)
+        return;
+    // The notification of what is left may have come while a receiver ran an event loop of its own, which Qt does
+    // not repeat.
+    entry->watchdog->start(isDrained ? WatchdogInterval : 0);
 }
 
-void NNetworkListenerSingleton::processReceivedUdpDatagrams(QUdpSocket* socket)
+// @return whether no datagrams are left.
+bool NNetworkListenerSingleton::processReceivedUdpDatagrams(QUdpSocket* socket)
 {
     const unsigned short port = socket->localPort();
     const QPointer<QUdpSocket> guard(socket);
@@ -276,9 +394,9 @@ void NNetworkListenerSingleton::processReceivedUdpDatagrams(QUdpSocket* socket)
         const UdpPorts::const_iterator entry = m_udpPorts.constFind(port);
         // A receiver has closed the port.
         if (!guard || entry == m_udpPorts.constEnd() || entry->socket != socket)
-            return;
+            return true;
         if (!socket->hasPendingDatagrams())
-            return;
+            return true;
         QByteArray datagram;
         datagram.resize(int(qMax(socket->pendingDatagramSize(), qint64(0))));
         QHostAddress address;
@@ -288,8 +406,9 @@ void NNetworkListenerSingleton::processReceivedUdpDatagrams(QUdpSocket* socket)
             continue;
         datagram.truncate(int(size));
         address = plainAddress(address);
-        Emission emission(&m_innermostEmission, qMakePair(Udp, port), entry->listeners, nullptr);
+        Emission emission(&m_innermostEmission, qMakePair(Udp, port), entry->listeners, socket);
         while (NNetworkListener* const listener = emission.next())
             emit listener->udpDatagramReceived(socket, address, sourcePort, datagram);
     }
+    return false;
 }

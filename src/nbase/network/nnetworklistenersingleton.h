@@ -60,6 +60,9 @@ private slots:
     void tcpServerNewConnection();
     void tcpSocketReadyRead();
     void tcpSocketDisconnected();
+    void tcpSocketDestroyed(QObject* socket);
+    void endTcpConnectionWhenWritten();
+    void discardReceivedTcpData();
     void udpSocketReadyRead();
     void unblockUdpSocketIfNeeded(int port);
 
@@ -81,7 +84,7 @@ private:
 
         QUdpSocket* socket;
         QSet<NNetworkListener*> listeners;
-        QTimer* watchdog; ///< runs while nothing arrives
+        QTimer* watchdog; ///< does not run while datagrams are processed
     };
 
     enum Protocol { Tcp, Udp };
@@ -91,9 +94,13 @@ private:
     typedef NListenerEmission<NNetworkListener, QPair<Protocol, unsigned short>> Emission;
     typedef void (NNetworkListener::*SocketSignal)(QTcpSocket*);
 
+    bool isListening(NNetworkListener* listener) const;
     TcpPorts::iterator portOf(QTcpSocket* socket);
     void emitOnListeners(unsigned short port, SocketSignal socketSignal, QTcpSocket* socket);
-    void processReceivedUdpDatagrams(QUdpSocket* socket);
+    void processTcpSocket(unsigned short port, QTcpSocket* socket);
+    void endTcpConnection(QTcpSocket* socket);
+    void releaseTcpSocket(QTcpSocket* socket);
+    bool processReceivedUdpDatagrams(QUdpSocket* socket);
     void processDatagramsAndRestartWatchdog(unsigned short port);
     void closeTcpPort(TcpPorts::iterator entry);
     void closeUdpPort(UdpPorts::iterator entry);
