@@ -22,6 +22,7 @@ FORBIDDEN = {"nwebapi": ("nbase",), "uci": ("nbase", "nwebapi", "nsystem"), "nsy
 
 # Pairs of public classes that call each other by design; their headers do not include each other.
 KNOWN_CIRCLES = (
+    ("nbase/network/nnetworklistener", "nbase/network/nnetworklistenersingleton"),
     ("nbase/serial/nseriallistener", "nbase/serial/nseriallistenersingleton"),
     ("nbase/serial/nserialport", "nbase/serial/nserialportallocator"),
     ("nbase/serial/nserialportfileopeningworkerthread", "nbase/serial/nserialport"),
