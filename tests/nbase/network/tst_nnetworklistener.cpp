@@ -319,6 +319,7 @@ private slots:
     void laterListenerGetsTheConnectedSockets();
     void tcpPortIsBoundWhileAnyListens();
     void lastStopDeliversWhatWasWritten();
+    void lastStopDeliversToAClientThatSendsOn();
     void lastStopDiscardsWhatIsReceived();
     void laterListenersHearNothingOfOldConnections();
 
@@ -857,7 +858,38 @@ void tst_NNetworkListener::lastStopDeliversWhatWasWritten()
     QVERIFY(client.readAll().isEmpty());
 }
 
-// A client that sends on and does not read yet.
+// All is with the kernel when the listener stops, and not yet with the client.
+void tst_NNetworkListener::lastStopDeliversToAClientThatSendsOn()
+{
+    const QByteArray bytes = pattern(1024 * 1024);
+    Listener listener;
+    QVERIFY(listener.startTcp());
+    NFileDescriptor client = connectTo(Port);
+    QVERIFY(client.isOpen());
+    NTRY_COMPARE(listener.sockets.size(), 1);
+    const QPointer<QTcpSocket> socket(listener.sockets[0]);
+    socket->write(bytes);
+    NTRY_VERIFY(socket->bytesToWrite() == 0);
+    listener.stopTcp();
+    for (int i = 0; i < 10; ++i) {
+        QCOMPARE(int(::send(client.number(), "data", 4, MSG_NOSIGNAL)), 4);
+        runLoop();
+    }
+    QByteArray received;
+    QByteArray block(bytes.size(), '\0');
+    ssize_t size = 0;
+    while ((size = ::recv(client.number(), block.data(), size_t(block.size()), 0)) > 0) {
+        received.append(block.constData(), int(size));
+        runLoop();
+    }
+    QCOMPARE(int(size), 0);
+    QCOMPARE(received, bytes);
+    QVERIFY(listener.data.isEmpty());
+    client.reset();
+    NTRY_VERIFY(!socket);
+}
+
+// A client that sends much and does not read yet.
 void tst_NNetworkListener::lastStopDiscardsWhatIsReceived()
 {
     Listener listener;
