@@ -1,10 +1,10 @@
 #ifndef NBASE_NLISTENEREMISSION_P_H
 #define NBASE_NLISTENEREMISSION_P_H
 
-#include <QtCore/QList>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
 #include <QtCore/QSet>
+#include <QtCore/QVarLengthArray>
 
 /**
  * The listeners of a source that a signal has not been emitted on yet, for as long as it is being emitted.
@@ -25,16 +25,26 @@ public:
         : m_innermost(innermost)
         , m_outer(*innermost)
         , m_source(source)
-        , m_listeners(listeners.values())
+        , m_next(0)
         , m_device(device)
     {
+        for (typename QSet<Listener*>::const_iterator i = listeners.constBegin(); i != listeners.constEnd(); ++i)
+            m_listeners.append(*i);
         *m_innermost = this;
     }
 
     ~NListenerEmission() { *m_innermost = m_outer; }
 
     /** The next listener, which leaves the emission; null at the end. */
-    Listener* next() { return m_listeners.isEmpty() ? nullptr : m_listeners.takeFirst(); }
+    Listener* next()
+    {
+        while (m_next < m_listeners.size()) {
+            Listener* const listener = m_listeners[m_next++];
+            if (listener)
+                return listener;
+        }
+        return nullptr;
+    }
 
     /**
      * @a listener leaves the emissions of @a source.
@@ -44,7 +54,7 @@ public:
     {
         for (NListenerEmission* emission = innermost; emission; emission = emission->m_outer) {
             if (emission->m_source == source)
-                emission->m_listeners.removeAll(listener);
+                emission->remove(listener);
         }
     }
 
@@ -52,7 +62,7 @@ public:
     static void remove(NListenerEmission* innermost, Listener* listener)
     {
         for (NListenerEmission* emission = innermost; emission; emission = emission->m_outer)
-            emission->m_listeners.removeAll(listener);
+            emission->remove(listener);
     }
 
     /** All listeners leave the emissions of @a source. */
@@ -77,10 +87,19 @@ public:
 private:
     Q_DISABLE_COPY(NListenerEmission)
 
+    void remove(const Listener* listener)
+    {
+        for (int i = m_next; i < m_listeners.size(); ++i) {
+            if (m_listeners[i] == listener)
+                m_listeners[i] = nullptr;
+        }
+    }
+
     NListenerEmission** const m_innermost;
     NListenerEmission* const m_outer;
     const Source m_source;
-    QList<Listener*> m_listeners;
+    QVarLengthArray<Listener*, 16> m_listeners; // null for those that have left
+    int m_next;
     const QPointer<QObject> m_device;
 };
 
