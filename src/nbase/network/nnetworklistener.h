@@ -25,6 +25,7 @@ class NBASE_EXPORT NNetworkListener : public QObject
     Q_OBJECT
 
 public:
+    /** Listens on no port yet. */
     explicit NNetworkListener(QObject* parent);
 
     /** Stops listening on all ports. */

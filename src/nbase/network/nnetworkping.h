@@ -24,6 +24,7 @@ class NBASE_EXPORT NNetworkPing : public QObject
     Q_OBJECT
 
 public:
+    /** Does not run yet. */
     explicit NNetworkPing(QObject* parent);
 
     /** Ends a ping that is in progress, without a signal. */
@@ -32,10 +33,12 @@ public:
     /** A runner without parent that has been started, see start(). The caller must delete it. */
     static NNetworkPing* startPing(const QString& host, quint32 count, quint32 timeout, quint32 delay);
 
+    /** @{ The parameters of the last start(). */
     QString host() const;
     quint32 count() const;
     quint32 timeout() const;
     quint32 delay() const;
+    /** @} */
 
     /** Whether it has been started and not stopped since. */
     bool isRunning() const;
@@ -51,7 +54,10 @@ public:
     quint32 sentNb() const;
     /** How many of them were answered. */
     quint32 goodNb() const;
+    /** The shortest of the times that were read; 0 before the first one, and as long as the first good ping's was
+     * not. */
     quint32 fastest() const;
+    /** The longest of the times that were read; 0 before the first one. */
     quint32 slowest() const;
     /** The sum of all times divided by goodNb(), rounded down; 0 when no ping has been answered. */
     quint32 meanTime() const;
@@ -76,6 +82,7 @@ signals:
         bool good, quint32 ttl, quint32 replyTime, quint32 sentNb, quint32 goodNb, quint32 fastest,
         quint32 slowest, quint32 meanTime);
 
+    /** A run begins. */
     void started(const QString& host, quint32 count, quint32 timeout, quint32 delay);
 
     /** The run has been stopped, or has sent count() pings. */

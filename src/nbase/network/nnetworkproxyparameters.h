@@ -51,19 +51,20 @@ public:
     {
         Parameters();
 
-        bool proxyEnabled;
-        QUrl httpProxyServerUrl;
+        bool proxyEnabled;         ///< when off, no request uses a proxy
+        QUrl httpProxyServerUrl;   ///< must be set
         QUrl sslProxyServerUrl;    ///< for https; empty for the HTTP server
         QUrl ftpProxyServerUrl;    ///< empty for the HTTP server
         QUrl socks5ProxyServerUrl; ///< for all other protocols; empty for the HTTP server
-        QStringList exceptions;
-        bool proxyDnsEnabled; ///< whether the SOCKS5 server looks up host names
+        QStringList exceptions;    ///< hosts that are reached without a proxy
+        bool proxyDnsEnabled;      ///< whether the SOCKS5 server looks up host names
     };
 
     /** Gives each request its proxy. It may outlive the settings, and answers "no proxy" then. */
     class NBASE_EXPORT ProxyFactory : public QNetworkProxyFactory
     {
     public:
+        /** Follows @a parameters, also when they change. */
         explicit ProxyFactory(const NNetworkProxyParameters* parameters);
         ~ProxyFactory() override;
 
@@ -84,6 +85,7 @@ public:
     NNetworkProxyParameters(NUciCursor* cursor, const QString& configName, QObject* parent);
     ~NNetworkProxyParameters() override;
 
+    /** @{ The settings in force, which are those in the store. */
     bool proxyEnabled() const;
     QUrl httpProxyServerUrl() const;
     QUrl sslProxyServerUrl() const;
@@ -92,6 +94,7 @@ public:
     QStringList exceptions() const;
     bool proxyDnsEnabled() const;
     Parameters parameters() const;
+    /** @} */
 
     /** Whether the host of @a url is an IPv4 address or a host name, and its port from 1 to 65535. */
     static bool checkProxyServerUrl(const QUrl& url);
@@ -101,9 +104,8 @@ public:
 
     /**
      * @{
-     * Changes a setting and stores it. Nothing is written when it has that value.
-     * @param invalidParameter set to whether the value is refused. An empty URL removes a server; there must be an
-     * HTTP server.
+     * Changes a setting and stores it. Nothing is written when it has that value. An empty URL removes a server;
+     * there must be an HTTP server. "invalidParameter" is set to whether the value is refused.
      * @return false when the value is refused or cannot be stored.
      */
     bool setProxyEnabled(bool enabled);

@@ -21,6 +21,7 @@ class NBASE_EXPORT NNetworkTraceroute : public QObject
     Q_OBJECT
 
 public:
+    /** Does not run yet. */
     explicit NNetworkTraceroute(QObject* parent);
 
     /** Ends a run that is in progress, without a signal. */
@@ -29,8 +30,10 @@ public:
     /** A runner without parent that has been started, see start(). The caller must delete it. */
     static NNetworkTraceroute* startTraceroute(const QString& host, bool printNames);
 
+    /** @{ The parameters of the last start(). */
     QString host() const;
     bool printNames() const;
+    /** @} */
 
     /** Whether it has been started and has not ended since. */
     bool isRunning() const;
@@ -59,6 +62,7 @@ signals:
     /** The command has written @a result, a further piece of result(). */
     void tracerouteResult(const QString& result);
 
+    /** A run begins. */
     void started(const QString& host, bool printNames);
 
     /** It has been stopped, or the command has ended or could not be started. */
