@@ -2,88 +2,74 @@
 
 namespace {
 
-const int PieceSize = 16 * 1024;
-
-// After how many milliseconds a client connects again when its connection breaks.
+// After how many milliseconds the client connects again when its connection breaks.
 const char* const Greeting = "retry: 2000\n\n";
 
 const char* const Heartbeat = ":\n\n";
 
+// Only digits count: QByteArray also converts texts such as " +1", which this library sends to no client.
+bool readEventNumber(const QByteArray& text, quint64& number)
+{
+    for (int index = 0; index < text.size(); ++index) {
+        if (text.at(index) < '0' || text.at(index) > '9')
+            return false;
+    }
+    bool isNumber = false;
+    number = text.toULongLong(&isNumber);
+    return isNumber;
+}
+
 } // namespace
 
-NwaEventHistory::NwaEventHistory(quint64 latestNumber)
-    : m_size(0)
-    , m_lostNumber(latestNumber)
-    , m_latestNumber(latestNumber)
-{
-}
-
-QByteArray NwaEventHistory::eventText(quint64 number, const QByteArray& type, const QByteArray& document)
-{
-    QByteArray text;
-    if (number != 0)
-        text += "id: " + QByteArray::number(number) + '\n';
-    text += "event: " + type + "\ndata: ";
-    // A line end in the data begins a further line of the same event.
-    text += QByteArray(document).replace('\n', "\ndata: ");
-    return text + "\n\n";
-}
-
-void NwaEventHistory::append(quint64 number, const QByteArray& type, const QByteArray& document, int keptSize)
-{
-    const Event event = {number, eventText(number, type, document)};
-    m_events.push_back(event);
-    m_size += event.text.size();
-    m_latestNumber = number;
-    while (m_size > keptSize && m_events.size() > 1) {
-        m_lostNumber = m_events.front().number;
-        m_size -= m_events.front().text.size();
-        m_events.pop_front();
-    }
-}
-
-quint64 NwaEventHistory::appendAfter(quint64 number, QByteArray& text) const
-{
-    std::deque<Event>::const_iterator event = m_events.end();
-    while (event != m_events.begin() && (event - 1)->number > number)
-        --event;
-    const int begin = text.size();
-    for (; event != m_events.end() && text.size() - begin < PieceSize; ++event) {
-        text += event->text;
-        number = event->number;
-    }
-    return number;
-}
-
-NwaEventStreamSource::NwaEventStreamSource(const QSharedPointer<const NwaEventHistory>& history, quint64 number)
+// Unless the client knows a number already, it gets one at once, so that it can name it even if the connection
+// breaks before the first event.
+NwaEventStreamSource::NwaEventStreamSource(
+    const QSharedPointer<const NwaEventHistory>& history, const QByteArray& lastEventId)
     : m_history(history)
-    , m_number(number)
+    , m_number(history->latestNumber())
     , m_pending(Greeting)
     , m_isFinished(false)
 {
-    if (number > history->latestNumber() || !history->isComplete(number)) {
-        m_number = history->latestNumber();
+    if (lastEventId.isEmpty())
+        m_pending += NwaEventHistory::eventText(m_number, "begin", "null");
+    else if (!resumeAfter(lastEventId))
         m_pending += NwaEventHistory::eventText(m_number, "missed", "null");
-    }
+}
+
+// Returns whether all events after that one are kept. A number that has not been used yet is from before a restart
+// of the program.
+bool NwaEventStreamSource::resumeAfter(const QByteArray& lastEventId)
+{
+    quint64 number = 0;
+    if (!readEventNumber(lastEventId, number) || number > m_history->latestNumber() ||
+        !m_history->isComplete(number))
+        return false;
+    m_number = number;
+    return true;
 }
 
 NwaReplySource::State NwaEventStreamSource::appendPiece(QByteArray& body)
 {
     body += m_pending;
     m_pending.clear();
-    // The client is too slow. When it connects again, it is told that it has missed something.
-    if (m_isFinished || !m_history->isComplete(m_number))
-        return AtEnd;
-    m_number = m_history->appendAfter(m_number, body);
-    return m_number == m_history->latestNumber() ? NothingNow : MoreFollows;
+    const bool isTooSlow = !m_history->isComplete(m_number);
+    if (!isTooSlow)
+        m_number = m_history->appendAfter(m_number, body);
+    if (!isTooSlow && m_number != m_history->latestNumber()) {
+        // Further events of a slow client wait in the history, which would be collected up to a larger size.
+        emit available();
+        return NothingNow;
+    }
+    body += m_lastText;
+    return isTooSlow || m_isFinished ? AtEnd : NothingNow;
 }
 
-void NwaEventStreamSource::announce()
+void NwaEventStreamSource::sendEvents()
 {
     emit available();
 }
 
-void NwaEventStreamSource::beat()
+void NwaEventStreamSource::sendHeartbeat()
 {
     if (!m_pending.isEmpty())
         return;
@@ -91,9 +77,9 @@ void NwaEventStreamSource::beat()
     emit available();
 }
 
-void NwaEventStreamSource::finish(const QByteArray& farewell)
+void NwaEventStreamSource::finish(const QByteArray& lastText)
 {
-    m_pending += farewell;
+    m_lastText = lastText;
     m_isFinished = true;
     emit available();
 }
