@@ -157,12 +157,16 @@ bool readTexts(const QVariant& value, QStringList& texts)
 }
 
 /** The server's proxy, or that of the HTTP server if there is none. */
-QNetworkProxy proxyOf(QNetworkProxy::ProxyType type, const QUrl& server, const QUrl& httpServer)
+NNetworkProxyRuleSet::Server serverOf(QNetworkProxy::ProxyType type, const QUrl& server, const QUrl& httpServer)
 {
+    NNetworkProxyRuleSet::Server result;
     const QUrl& url = server.isEmpty() ? httpServer : server;
     if (url.isEmpty())
-        return QNetworkProxy(QNetworkProxy::NoProxy);
-    return QNetworkProxy(type, url.host(), quint16(url.port()), url.userName(), url.password());
+        return result;
+    result.proxy = QNetworkProxy(type, url.host(), quint16(url.port()), url.userName(), url.password());
+    result.reason =
+        server.isEmpty() ? NNetworkProxyChoice::HttpServerInstead : NNetworkProxyChoice::ServerOfProtocol;
+    return result;
 }
 
 void setLooksUpNames(QNetworkProxy& proxy, bool on)
@@ -409,11 +413,11 @@ void NNetworkProxyParameters::updateRules()
     const QSharedPointer<NNetworkProxyRuleSet> rules(new NNetworkProxyRuleSet(m_exceptions));
     rules->isEnabled = m_proxyEnabled;
     const QUrl& http = m_httpProxyServerUrl;
-    rules->httpProxy = proxyOf(QNetworkProxy::HttpProxy, http, http);
-    rules->sslProxy = proxyOf(QNetworkProxy::HttpProxy, m_sslProxyServerUrl, http);
-    rules->ftpProxy = proxyOf(QNetworkProxy::HttpProxy, m_ftpProxyServerUrl, http);
-    rules->socks5Proxy = proxyOf(QNetworkProxy::Socks5Proxy, m_socks5ProxyServerUrl, http);
-    setLooksUpNames(rules->socks5Proxy, m_proxyDnsEnabled);
+    rules->http = serverOf(QNetworkProxy::HttpProxy, http, http);
+    rules->ssl = serverOf(QNetworkProxy::HttpProxy, m_sslProxyServerUrl, http);
+    rules->ftp = serverOf(QNetworkProxy::HttpProxy, m_ftpProxyServerUrl, http);
+    rules->socks5 = serverOf(QNetworkProxy::Socks5Proxy, m_socks5ProxyServerUrl, http);
+    setLooksUpNames(rules->socks5.proxy, m_proxyDnsEnabled);
     m_rules->set(rules);
 }
 
@@ -550,6 +554,18 @@ bool NNetworkProxyParameters::extractProxyServerUrlFromVariantMap(const QVariant
 
 // ---- choosing ----
 
+NNetworkProxyChoice NNetworkProxyParameters::chooseProxy(const QNetworkProxyQuery& query) const
+{
+    const QSharedPointer<const NNetworkProxyRuleSet> rules = m_rules->ruleSet();
+    const NNetworkProxyRuleSet::Decision decision = rules->decide(query);
+    NNetworkProxyChoice choice;
+    choice.proxy = *decision.proxy;
+    choice.reason = decision.reason;
+    if (decision.exception)
+        choice.exception = *decision.exception;
+    return choice;
+}
+
 NNetworkProxyParameters::ProxyFactory::ProxyFactory(const NNetworkProxyParameters* parameters)
     : m_rules(parameters->m_rules)
 {
@@ -560,15 +576,7 @@ NNetworkProxyParameters::ProxyFactory::~ProxyFactory() {}
 QList<QNetworkProxy> NNetworkProxyParameters::ProxyFactory::queryProxy(const QNetworkProxyQuery& query)
 {
     const QSharedPointer<const NNetworkProxyRuleSet> rules = m_rules->ruleSet();
-    if (!rules || !rules->isEnabled || rules->isException(query.peerHostName()))
+    if (!rules)
         return QList<QNetworkProxy>() << QNetworkProxy(QNetworkProxy::NoProxy);
-
-    const QString protocol = query.protocolTag().toLower();
-    if (protocol == QLatin1String("http"))
-        return QList<QNetworkProxy>() << rules->httpProxy;
-    if (protocol == QLatin1String("https"))
-        return QList<QNetworkProxy>() << rules->sslProxy;
-    if (protocol == QLatin1String("ftp"))
-        return QList<QNetworkProxy>() << rules->ftpProxy;
-    return QList<QNetworkProxy>() << rules->socks5Proxy;
+    return QList<QNetworkProxy>() << *rules->decide(query).proxy;
 }

@@ -2,6 +2,7 @@
 #define NBASE_NNETWORKPROXYPARAMETERS_H
 
 #include <nbase/nbaseglobal.h>
+#include <nbase/network/nnetworkproxychoice.h>
 
 #include <QtCore/QList>
 #include <QtCore/QObject>
@@ -11,6 +12,7 @@
 #include <QtCore/QUrl>
 #include <QtCore/QVariant>
 #include <QtNetwork/QNetworkProxyFactory>
+#include <QtNetwork/QNetworkProxyQuery>
 
 class NNetworkProxyRules;
 class NUciCursor;
@@ -95,6 +97,9 @@ public:
     bool proxyDnsEnabled() const;
     Parameters parameters() const;
     /** @} */
+
+    /** The proxy that the factory gives the request @a query, and the rule that decides on it. */
+    NNetworkProxyChoice chooseProxy(const QNetworkProxyQuery& query) const;
 
     /** Whether the host of @a url is an IPv4 address or a host name, and its port from 1 to 65535. */
     static bool checkProxyServerUrl(const QUrl& url);

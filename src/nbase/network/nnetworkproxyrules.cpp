@@ -2,6 +2,8 @@
 
 #include <nbase/network/nnetworkutilities.h>
 
+#include <algorithm>
+
 namespace {
 
 const int AddressBits = 32;
@@ -26,9 +28,15 @@ bool hasHoles(quint32 mask)
 
 } // namespace
 
+NNetworkProxyRuleSet::Server::Server()
+    : proxy(QNetworkProxy::NoProxy)
+    , reason(NNetworkProxyChoice::NoServer)
+{
+}
+
 NNetworkProxyRuleSet::NNetworkProxyRuleSet(const QStringList& exceptions)
     : isEnabled(false)
-    , hasLocalException(false)
+    , noProxy(QNetworkProxy::NoProxy)
 {
     for (int i = 0; i < exceptions.size(); ++i) {
         const QString& exception = exceptions.at(i);
@@ -36,38 +44,68 @@ NNetworkProxyRuleSet::NNetworkProxyRuleSet(const QStringList& exceptions)
         if (NNetworkUtilities::isIpv4Address(exception)) {
             range.network = addressNumber(exception);
             ranges.append(range);
+            rangeTexts.append(exception);
         } else if (NNetworkUtilities::isIpv4AddressRange(exception)) {
             const QString mask = exception.section(QLatin1Char('/'), 1);
             range.mask =
                 mask.contains(QLatin1Char('.')) ? addressNumber(mask) : maskOfLength(int(decimalNumber(mask)));
             range.network = addressNumber(exception.section(QLatin1Char('/'), 0, 0)) & range.mask;
-            if (!hasHoles(range.mask))
-                ranges.append(range);
+            if (hasHoles(range.mask))
+                continue;
+            ranges.append(range);
+            rangeTexts.append(exception);
         } else if (exception == QLatin1String("local")) {
-            hasLocalException = true;
+            localException = exception;
         } else if (!exception.isEmpty()) {
             names.append(exception);
         }
     }
 }
 
-bool NNetworkProxyRuleSet::isException(const QString& host) const
+NNetworkProxyRuleSet::Decision NNetworkProxyRuleSet::decide(const QNetworkProxyQuery& query) const
+{
+    Decision decision = {&noProxy, NNetworkProxyChoice::ProxyDisabled, nullptr};
+    if (!isEnabled)
+        return decision;
+    decision.exception = exceptionFor(query.peerHostName());
+    if (decision.exception) {
+        decision.reason = NNetworkProxyChoice::ExceptionCoversHost;
+        return decision;
+    }
+    const Server& server = serverFor(query.protocolTag().toLower());
+    decision.proxy = &server.proxy;
+    decision.reason = server.reason;
+    return decision;
+}
+
+const QString* NNetworkProxyRuleSet::exceptionFor(const QString& host) const
 {
     if (NNetworkUtilities::isIpv4Address(host)) {
         const quint32 address = addressNumber(host);
-        for (int i = 0; i < ranges.size(); ++i) {
-            if ((address & ranges.at(i).mask) == ranges.at(i).network)
-                return true;
-        }
-        return false;
+        const QVector<Range>::const_iterator range =
+            std::find_if(ranges.constBegin(), ranges.constEnd(), [address](const Range& each) {
+                return (address & each.mask) == each.network;
+            });
+        return range == ranges.constEnd() ? nullptr : &rangeTexts.at(int(range - ranges.constBegin()));
     }
-    if (hasLocalException && !host.contains(QLatin1Char('.')))
-        return true;
+    if (!localException.isNull() && !host.contains(QLatin1Char('.')))
+        return &localException;
     for (int i = 0; i < names.size(); ++i) {
         if (host.endsWith(names.at(i)))
-            return true;
+            return &names.at(i);
     }
-    return false;
+    return nullptr;
+}
+
+const NNetworkProxyRuleSet::Server& NNetworkProxyRuleSet::serverFor(const QString& protocol) const
+{
+    if (protocol == QLatin1String("http"))
+        return http;
+    if (protocol == QLatin1String("https"))
+        return ssl;
+    if (protocol == QLatin1String("ftp"))
+        return ftp;
+    return socks5;
 }
 
 quint32 NNetworkProxyRuleSet::addressNumber(const QString& address)

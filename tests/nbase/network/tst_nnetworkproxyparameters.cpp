@@ -113,6 +113,15 @@ QByteArray describe(const QList<QNetworkProxy>& proxies)
     return result;
 }
 
+QByteArray describe(const NNetworkProxyChoice& choice)
+{
+    const char* const reasons[] = {"disabled", "exception", "own server", "HTTP server", "no server"};
+    QByteArray result = describe(QList<QNetworkProxy>() << choice.proxy) + ": " + reasons[choice.reason];
+    if (!choice.exception.isNull())
+        result += ' ' + choice.exception.toUtf8();
+    return result;
+}
+
 QNetworkProxyQuery query(const char* host, const char* protocol)
 {
     return QNetworkProxyQuery(text(host), 80, text(protocol));
@@ -206,6 +215,10 @@ private slots:
     void socks5ServerLooksUpNames();
     void exceptions_data();
     void exceptions();
+    void choiceNamesTheDecidingRule_data();
+    void choiceNamesTheDecidingRule();
+    void choiceFollowsTheSettings();
+    void choiceHasTheProxyOfTheFactory();
     void factoryOfTheApplicationFollowsTheSettings();
     void factoryOutlivesTheSettings();
     void laterSettingsReplaceTheFactory();
@@ -1181,6 +1194,105 @@ void tst_NNetworkProxyParameters::exceptions()
     QCOMPARE(chosen(host.constData(), "http"), expected);
     load();
     QCOMPARE(chosen(host.constData(), "http"), expected);
+}
+
+void tst_NNetworkProxyParameters::choiceNamesTheDecidingRule_data()
+{
+    QTest::addColumn<QByteArray>("exceptions");
+    QTest::addColumn<QByteArray>("host");
+    QTest::addColumn<QByteArray>("rule");
+    const struct
+    {
+        const char* exceptions;
+        const char* host;
+        const char* rule; ///< the deciding exception; empty for none
+    } rows[] = {
+        {"", "10.1.1.1", ""},
+        {"10.0.0.1", "10.0.0.1", "10.0.0.1"},
+        {"010.0.0.1", "10.0.0.1", "010.0.0.1"},
+        {"1.1.1.1,192.168.0.0/16,2.2.2.2", "192.168.3.4", "192.168.0.0/16"},
+        {"192.168.0.0/255.255.0.0", "192.168.3.4", "192.168.0.0/255.255.0.0"},
+        {"192.168.0.0/16", "10.1.1.1", ""},
+        // What covers nothing is not mistaken for its neighbours.
+        {"10.0.0.0/255.0.255.0,10.0.0.0/8", "10.1.1.1", "10.0.0.0/8"},
+        {"10.0.0.0/8,10.0.0.0/255.0.255.0,11.0.0.0/8", "11.1.1.1", "11.0.0.0/8"},
+        {"lan,local,10.0.0.0/8,example", "10.1.1.1", "10.0.0.0/8"},
+        {"lan,local,10.0.0.0/8,example", "printer", "local"},
+        {"lan,local,10.0.0.0/8,example", "www.example", "example"},
+        {"lan,local,10.0.0.0/8,example", "cam.plant.lan", "lan"},
+        {"lan,local,10.0.0.0/8,example", "www.example.org", ""},
+        // Of several exceptions the first one counts, but "local" comes before names.
+        {"10.0.0.0/8,10.1.1.1", "10.1.1.1", "10.0.0.0/8"},
+        {"10.1.1.1,10.0.0.0/8", "10.1.1.1", "10.1.1.1"},
+        {"plant.lan,lan", "cam.plant.lan", "plant.lan"},
+        {"lan,plant.lan", "cam.plant.lan", "lan"},
+        {"localhost,local", "localhost", "local"},
+        {"localhost", "localhost", "localhost"},
+    };
+    for (const auto& row : rows) {
+        const QByteArray name = QByteArray(row.exceptions) + " and " + row.host;
+        QTest::newRow(name.constData())
+            << QByteArray(row.exceptions) << QByteArray(row.host) << QByteArray(row.rule);
+    }
+}
+
+void tst_NNetworkProxyParameters::choiceNamesTheDecidingRule()
+{
+    QFETCH(QByteArray, exceptions);
+    QFETCH(QByteArray, host);
+    QFETCH(QByteArray, rule);
+    load(completeFile);
+    QVERIFY(settings().setExceptions(list(exceptions.constData())));
+    QCOMPARE(
+        describe(settings().chooseProxy(query(host.constData(), "https"))),
+        rule.isEmpty() ? QByteArray("http tls.example:3129: own server") : "direct: exception " + rule);
+}
+
+void tst_NNetworkProxyParameters::choiceFollowsTheSettings()
+{
+    load(completeFile);
+    QVERIFY(settings().setSslProxyServerUrl(QUrl(), m_isInvalid));
+    const QByteArray httpServer("web.example:3128 user/secret");
+    QCOMPARE(describe(settings().chooseProxy(query("x.example", "HTTP"))), "http " + httpServer + ": own server");
+    QCOMPARE(
+        describe(settings().chooseProxy(query("x.example", "https"))), "http " + httpServer + ": HTTP server");
+    QCOMPARE(
+        describe(settings().chooseProxy(query("x.example", "ftp"))), QByteArray("http 10.0.0.21:21: own server"));
+    QCOMPARE(
+        describe(settings().chooseProxy(query("x.example", ""))),
+        QByteArray("socks5 socks.example:1081: own server"));
+    QVERIFY(settings().setSocks5ProxyServerUrl(QUrl(), m_isInvalid));
+    QCOMPARE(describe(settings().chooseProxy(query("x.example", ""))), "socks5 " + httpServer + ": HTTP server");
+
+    // An exception does not decide when there is nothing to decide.
+    QCOMPARE(
+        describe(settings().chooseProxy(query("10.1.1.1", "http"))), QByteArray("direct: exception 10.0.0.0/8"));
+    QVERIFY(settings().setProxyEnabled(false));
+    QCOMPARE(describe(settings().chooseProxy(query("10.1.1.1", "http"))), QByteArray("direct: disabled"));
+    QCOMPARE(describe(settings().chooseProxy(query("x.example", "http"))), QByteArray("direct: disabled"));
+    QCOMPARE(describe(NNetworkProxyChoice()), QByteArray("direct: disabled"));
+}
+
+void tst_NNetworkProxyParameters::choiceHasTheProxyOfTheFactory()
+{
+    load(completeFile);
+    NNetworkProxyParameters::ProxyFactory factory(m_settings.data());
+    const char* const protocols[] = {"http", "https", "ftp", "ssh", ""};
+    const char* const hosts[] = {"x.example", "10.1.1.1", "printer"};
+    for (int step = 0; step < 3; ++step) {
+        for (const char* protocol : protocols) {
+            for (const char* host : hosts) {
+                const QNetworkProxyQuery request = query(host, protocol);
+                QVERIFY(
+                    factory.queryProxy(request) == QList<QNetworkProxy>()
+                                                       << settings().chooseProxy(request).proxy);
+            }
+        }
+        if (step == 0)
+            QVERIFY(settings().setProxyDnsEnabled(false));
+        else
+            QVERIFY(settings().setProxyEnabled(false));
+    }
 }
 
 void tst_NNetworkProxyParameters::factoryOfTheApplicationFollowsTheSettings()

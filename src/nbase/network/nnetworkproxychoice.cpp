@@ -1,0 +1,7 @@
+#include <nbase/network/nnetworkproxychoice.h>
+
+NNetworkProxyChoice::NNetworkProxyChoice()
+    : proxy(QNetworkProxy::NoProxy)
+    , reason(ProxyDisabled)
+{
+}
