@@ -6,7 +6,6 @@
 #include <nbase/core/nsyslog.h>
 
 #include <nwebapi/nwafcgirequest.h>
-#include <nwebapi/nwahttpjsonheader.h>
 #include <nwebapi/nwajsonutilities.h>
 
 #include <QtCore/QDateTime>
@@ -162,7 +161,7 @@ bool readLevel(const NwaFcgiRequest* request, NSysLog::LogLevels& level)
 
 DeviceRequestProcessor::DeviceRequestProcessor(
     NwaAbstractFcgiSessionIdentifier* identifier, const NSysLog* log, TimeZoneSetting* timeZone)
-    : NwaStandardFcgiRequestProcessor(identifier)
+    : ExplainingRequestProcessor(identifier)
     , m_log(log)
     , m_timeZone(timeZone)
 {
@@ -226,14 +225,4 @@ void DeviceRequestProcessor::processPutMethod(NwaFcgiRequest* request)
     QVariantMap reply;
     reply.insert(key("timeZone"), timeZoneToVariant(m_timeZone->stored()));
     sendJsonReply(request, reply);
-}
-
-void DeviceRequestProcessor::refuse(
-    NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& message)
-{
-    QVariantMap object;
-    object.insert(key("message"), message);
-    NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
-    header.setStatus(error);
-    sendJsonReply(request, object, header);
 }

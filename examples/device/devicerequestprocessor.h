@@ -1,7 +1,7 @@
 #ifndef DEMODEVICE_DEVICEREQUESTPROCESSOR_H
 #define DEMODEVICE_DEVICEREQUESTPROCESSOR_H
 
-#include <nwebapi/nwastandardfcgirequestprocessor.h>
+#include "explainingrequestprocessor.h"
 
 class NSysLog;
 class TimeZoneSetting;
@@ -27,7 +27,7 @@ class TimeZoneSetting;
  *
  * A refusal is a document as well: {"message": ...}, for a person to read.
  */
-class DeviceRequestProcessor : public NwaStandardFcgiRequestProcessor
+class DeviceRequestProcessor : public ExplainingRequestProcessor
 {
 public:
     enum Limit { MaximumLineCount = 100 };
@@ -41,8 +41,6 @@ protected:
     void processPutMethod(NwaFcgiRequest* request) override;
 
 private:
-    static void refuse(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& message);
-
     const NSysLog* m_log;
     TimeZoneSetting* m_timeZone;
 };

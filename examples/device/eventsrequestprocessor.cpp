@@ -2,7 +2,6 @@
 
 #include "timetable.h"
 
-#include <nwebapi/nwahttpjsonheader.h>
 #include <nwebapi/nwajsonutilities.h>
 
 #include <QtCore/QRegExp>
@@ -195,7 +194,7 @@ unsigned int readId(const NwaFcgiRequest* request)
 } // namespace
 
 EventsRequestProcessor::EventsRequestProcessor(NwaAbstractFcgiSessionIdentifier* identifier, Timetable* timetable)
-    : NwaStandardFcgiRequestProcessor(identifier)
+    : ExplainingRequestProcessor(identifier)
     , m_timetable(timetable)
 {
     setServedMethods(GetMethod | PostMethod | PutMethod | DeleteMethod);
@@ -271,16 +270,6 @@ bool EventsRequestProcessor::readPlan(NwaFcgiRequest* request, EntryPlan& plan)
     if (brokenRule)
         refuse(request, NwaFcgiRequest::BadRequest, QString::fromLatin1(brokenRule));
     return !brokenRule;
-}
-
-void EventsRequestProcessor::refuse(
-    NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& message)
-{
-    QVariantMap object;
-    object.insert(key("message"), message);
-    NwaHttpJsonHeader header(QString::fromLatin1("utf-8"));
-    header.setStatus(error);
-    sendJsonReply(request, object, header);
 }
 
 void EventsRequestProcessor::refuseUnknownEntry(NwaFcgiRequest* request)

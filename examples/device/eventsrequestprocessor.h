@@ -1,7 +1,7 @@
 #ifndef DEMODEVICE_EVENTSREQUESTPROCESSOR_H
 #define DEMODEVICE_EVENTSREQUESTPROCESSOR_H
 
-#include <nwebapi/nwastandardfcgirequestprocessor.h>
+#include "explainingrequestprocessor.h"
 
 struct EntryPlan;
 class Timetable;
@@ -21,7 +21,7 @@ class Timetable;
  *
  * The body of a refusal is {"message": ...}, for the user to read.
  */
-class EventsRequestProcessor : public NwaStandardFcgiRequestProcessor
+class EventsRequestProcessor : public ExplainingRequestProcessor
 {
 public:
     /** @param timetable must outlive the processor. */
@@ -37,7 +37,6 @@ private:
     /** Reads the entry in the body. @return false when @a request was refused; it has been deleted then. */
     bool readPlan(NwaFcgiRequest* request, EntryPlan& plan);
 
-    static void refuse(NwaFcgiRequest* request, NwaFcgiRequest::StandardHttpError error, const QString& message);
     static void refuseUnknownEntry(NwaFcgiRequest* request);
 
     Timetable* m_timetable;
