@@ -157,6 +157,7 @@ prepare_run_directory() {
 prepare_configuration() {
     mkdir "$run/configuration" "$run/staging"
     printf "config system\n\toption hostname '%s'\n" "$(uname -n)" >"$run/configuration/system"
+    : >"$run/configuration/proxy"
 }
 
 # The page is served from the source folder, unless the web server's user cannot read it there.

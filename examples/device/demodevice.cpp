@@ -4,7 +4,9 @@
 #include "eventsrequestprocessor.h"
 #include "loginrequestprocessor.h"
 #include "logoutrequestprocessor.h"
+#include "proxychoicerequestprocessor.h"
 
+#include <nbase/network/nnetworkproxyparametersfcgiservice.h>
 #include <nbase/web/nbuildrootuclibctimezonedatabasefcgiservice.h>
 #include <nbase/web/nfreepackageslistfcgiservice.h>
 
@@ -51,6 +53,9 @@ void addExamples(Timetable* timetable)
 DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
     : m_timeZone(&m_timeZones, settings.configurationDirectory, settings.stagingDirectory)
     , m_packages(nullptr)
+    , m_proxyConfiguration(settings.configurationDirectory, settings.stagingDirectory)
+    , m_proxy(&m_proxyConfiguration, QString::fromLatin1("proxy"), nullptr)
+    , m_proxyAccess(&m_proxy)
     , m_identifier(&m_sessions)
 {
     m_sessions.setIdleTimeout(settings.sessionTimeout);
@@ -75,6 +80,12 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
     m_server.registerService(
         QString::fromLatin1("/api/packages"),
         new NFreePackagesListFcgiService(&m_identifier, &m_packages, &m_services));
+    m_server.registerService(
+        QString::fromLatin1("/api/proxy"),
+        new NNetworkProxyParametersFcgiService(&m_identifier, &m_proxyAccess, &m_services));
+    m_server.registerService(
+        QString::fromLatin1("/api/proxy-choice"),
+        new NwaStandardFcgiService(new ProxyChoiceRequestProcessor(&m_identifier, &m_proxy), &m_services));
 }
 
 bool DemoDevice::listen(const QString& path)

@@ -4,6 +4,9 @@
 #include "timetable.h"
 #include "timezonesetting.h"
 
+#include <nbase/config/nucicursor.h>
+#include <nbase/network/nnetworkproxyparameters.h>
+#include <nbase/network/nnetworkproxyparametersaccessor.h>
 #include <nbase/time/nbuildrootuclibctimezonedatabase.h>
 #include <nbase/web/nfreepackageslist.h>
 
@@ -53,6 +56,9 @@ private:
     TimeZoneSetting m_timeZone;
     Timetable m_timetable;
     NFreePackagesList m_packages;
+    NUciCursor m_proxyConfiguration;
+    NNetworkProxyParameters m_proxy;
+    NNetworkProxyParametersAccessor m_proxyAccess;
     NwaWebSessionManager m_sessions;
     NwaCookieFcgiSessionIdentifier m_identifier;
     QObject m_services; ///< owns the services, which end after the server and before what they serve
