@@ -63,8 +63,9 @@ QString refusalText(const QString& text)
                    "The proxy depends on the protocol: ask for a URL such as http://%1/, or for a port such "
                    "as %1:25.")
             .arg(text);
-    return choiceText("This is no address. Give a URL such as http://cam.plant.lan/, or a host and a port such as "
-                      "mail.example.org:25.");
+    return choiceText(
+        "This is not an address. Give a URL such as http://cam.plant.lan/, or a host and a port such as "
+        "mail.example.org:25.");
 }
 
 QString reasonText(NNetworkProxyChoice::Reason reason)
@@ -121,7 +122,7 @@ void ProxyChoiceRequestProcessor::processGetMethod(NwaFcgiRequest* request)
         return;
     QString address;
     if (!request->singleQueryParameter(choiceText("address"), address))
-        return refuse(request, NwaFcgiRequest::BadRequest, choiceText("Name one address."));
+        return refuse(request, NwaFcgiRequest::BadRequest, choiceText("Give exactly one address."));
     address = address.trimmed();
     QNetworkProxyQuery query;
     if (!readAddress(address, query))

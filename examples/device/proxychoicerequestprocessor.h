@@ -6,7 +6,7 @@
 class NNetworkProxyParameters;
 
 /**
- * Says which proxy the device would use for an address, and which rule decides.
+ * Reports which proxy the device uses for an address, and the rule that decides.
  *
  * GET with "?address=" and a URL, or a host and a port for a connection of another kind, answers
  *
@@ -16,7 +16,7 @@ class NNetworkProxyParameters;
  *      "reason": "own server", "exception": null}
  *
  * with the reasons "disabled", "exception", "own server", "HTTP server" (there is none of the protocol's own) and
- * "no server". What is no address is answered 400 with {"message": ...}, for a person to read.
+ * "no server". Anything else is answered 400 with {"message": ...}, for a person to read.
  */
 class ProxyChoiceRequestProcessor : public ExplainingRequestProcessor
 {

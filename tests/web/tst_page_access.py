@@ -10,9 +10,11 @@ from browser import PageTestCase
 from demo_device import Client, Demo
 from selenium.webdriver.common.keys import Keys
 
-VIEWS = {"#device": "Device", "#time-zones": "Time zones", "#timetable": "Timetable", "#packages": "Packages"}
+VIEWS = {"#device": "Device", "#time-zones": "Time zones", "#timetable": "Timetable", "#proxy": "Proxy",
+         "#packages": "Packages"}
 PACKAGE_COUNT = 500
-SECTIONS = {"#device": ".device", "#time-zones": ".time-zones", "#timetable": ".timetable", "#packages": ".packages"}
+SECTIONS = {"#device": ".device", "#time-zones": ".time-zones", "#timetable": ".timetable", "#proxy": ".proxy",
+            "#packages": ".packages"}
 
 # The contrast of each button's border with what is around the button (WCAG 2.1, 1.4.11), by the button's text.
 BORDER_CONTRASTS = """
@@ -96,7 +98,7 @@ class ViewsTest(SignedInTestCase):
                 self.assertEqual(self.focused(), name)
                 self.assertEqual(browser.text("#views [aria-current]"), name)
                 # From the heading back to the links of the views.
-                browser.press(*[Keys.SHIFT + Keys.TAB] * 5)
+                browser.press(*[Keys.SHIFT + Keys.TAB] * (len(VIEWS) + 1))
 
     def test_a_view_that_cannot_be_shown_has_a_heading_too(self):
         self.open("#device")
@@ -110,7 +112,7 @@ class ViewsTest(SignedInTestCase):
 
     def test_borders_of_controls_can_be_seen(self):
         browser = self.browser
-        for address in ("#device", "#time-zones/", "#Europe/Paris", "#timetable", "#packages"):
+        for address in ("#device", "#time-zones/", "#Europe/Paris", "#timetable", "#proxy", "#packages"):
             self.open(address)
             for scheme in ("light", "dark"):
                 with self.subTest(scheme=scheme, view=address):

@@ -227,21 +227,21 @@ class ChoiceTest(ProxyServiceTestCase):
         self.assertEqual(self.choice("http://192.168.3.4/"), {
             "host": "192.168.3.4", "protocol": "http", "proxy": None, "reason": "disabled", "exception": None})
 
-    def test_what_is_no_address_is_refused_with_the_reason(self):
+    def test_other_texts_are_refused_with_the_reason(self):
         for address in ("", " ", "/", "http://", "http:///path", "http://:80/", "http://a:99999/", "http://a b/", "://a",
                         "a:0", "a:65536", "a:x", "a:", "a:+25", ":25", "a_b:25", "-a:25", "1.2.3.256:25", "[1.2.3.4]:25",
                         "[::1", "::1:25", "\u00e9:25", "a:25:26"):
             with self.subTest(address=address):
                 status, document = self.ask(address)
                 self.assertEqual((status, list(document)), (400, ["message"]), document)
-                self.assertIn("This is no address.", document["message"])
+                self.assertIn("This is not an address.", document["message"])
         for address in ("cam.plant.lan", "192.168.3.4"):
             status, document = self.ask(address)
             self.assertEqual(status, 400)
             self.assertIn(f"http://{address}/", document["message"])
             self.assertIn(f"{address}:25", document["message"])
         for query in ("", "?address=a:1&address=b:1", "?other=a:1"):
-            self.assertEqual(self.send("GET", "/api/proxy-choice" + query), (400, {"message": "Name one address."}))
+            self.assertEqual(self.send("GET", "/api/proxy-choice" + query), (400, {"message": "Give exactly one address."}))
 
 
 if __name__ == "__main__":

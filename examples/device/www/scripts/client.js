@@ -20,8 +20,8 @@ export class DeviceError extends Error {
 }
 
 /**
- * Emits "reachable" and "unreachable" (with the DeviceError as detail) after requests, and "session-ended" when the
- * device does not know the session (any more).
+ * Emits "reachable" and "unreachable" (with the DeviceError as detail) after requests, "session-ended" when the device
+ * does not know the session (any more), and "signed-out" after a logout.
  */
 export class DeviceClient extends EventTarget {
   /** Reads a JSON document. Throws a DeviceError. */
@@ -60,9 +60,13 @@ export class DeviceClient extends EventTarget {
     return this.#jsonOf(await this.#sessionRequest(path, jsonRequest(value)));
   }
 
-  /** The same with the method PUT. */
-  async put(path, value) {
-    return this.#jsonOf(await this.#sessionRequest(path, jsonRequest(value, "PUT")));
+  /**
+   * The same with the method PUT.
+   *
+   * @param {Object<number, string>} refusals what statuses mean here, for the person
+   */
+  async put(path, value, refusals = {}) {
+    return this.#jsonOf(await this.#sessionRequest(path, jsonRequest(value, "PUT"), refusals));
   }
 
   /** Has the device remove what the path names. Throws a DeviceError. */
@@ -84,18 +88,19 @@ export class DeviceClient extends EventTarget {
     const response = await this.#request("/api/logout", jsonRequest({}));
     if (response.status !== 401)
       this.#requireSuccess(response);
+    this.dispatchEvent(new Event("signed-out"));
   }
 
-  async #sessionRequest(path, options) {
-    const response = await this.#request(path, options);
+  async #sessionRequest(path, options, refusals) {
+    const response = await this.#request(path, options, refusals);
     this.#requireSession(response);
     return response;
   }
 
-  async #request(path, options) {
+  async #request(path, options, refusals = {}) {
     const exchange = new Exchange(path, options);
     try {
-      const response = await this.#endOf(exchange, await exchange.begin());
+      const response = await this.#endOf(exchange, await exchange.begin(), refusals);
       this.dispatchEvent(new Event("reachable"));
       return response;
     } catch (error) {
@@ -104,11 +109,12 @@ export class DeviceClient extends EventTarget {
   }
 
   // The body counts as well: a connection may break in the middle of it.
-  async #endOf(exchange, status) {
+  async #endOf(exchange, status, refusals = {}) {
     const text = await exchange.text();
-    if (status >= 500 && messageIn(text) === "")
+    const message = messageIn(text) || (refusals[status] ?? "");
+    if (status >= 500 && message === "")
       throw new DeviceError("unreachable", serverErrorText(status), status);
-    return { status, text };
+    return { status, text, message };
   }
 
   #requireSession(response) {
@@ -162,8 +168,8 @@ function messageIn(text) {
   }
 }
 
-function refusalText({ status, text }) {
-  return messageIn(text) || `The device refused the request (status ${status}).`;
+function refusalText({ status, message }) {
+  return message || `The device refused the request (status ${status}).`;
 }
 
 // 502 to 504 come from the web server on behalf of a device program that does not run or does not answer.

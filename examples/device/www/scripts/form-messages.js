@@ -1,5 +1,24 @@
 // Messages about what a person has filled in: shown in the form, and connected with the fields that they are about.
 
+/** The message of one field, beside it; the field's aria-describedby names it. */
+export class FieldMessage {
+  #field;
+  #output;
+
+  constructor(field, output) {
+    this.#field = field;
+    this.#output = output;
+  }
+
+  /** Shows a text and marks the field as invalid, or neither when the text is empty. */
+  show(text) {
+    // A screen reader would read it again.
+    if (this.#output.textContent !== text)
+      this.#output.textContent = text;
+    this.#field.setAttribute("aria-invalid", String(text !== ""));
+  }
+}
+
 /** The message of a form and the fields that it is about, for the eye and for screen readers. */
 export class FormMessage {
   #output;

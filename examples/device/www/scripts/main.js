@@ -6,6 +6,7 @@ import { deviceView } from "./device-view.js";
 import { element } from "./dom.js";
 import { showLogin } from "./login-view.js";
 import { packagesView } from "./packages-view.js";
+import { proxyView } from "./proxy-view.js";
 import { timeZonesView } from "./time-zones-view.js";
 import { timetableView } from "./timetable-view.js";
 
@@ -16,7 +17,7 @@ import { timetableView } from "./timetable-view.js";
  *   the operations show(subject), which shows what the address names behind the view's name, and close(). A long
  *   opening reports its progress with loading.report(text), and ends when the AbortSignal loading.stop does.
  */
-const VIEWS = [deviceView, timeZonesView, timetableView, packagesView];
+const VIEWS = [deviceView, timeZonesView, timetableView, proxyView, packagesView];
 
 const DEVICE_TITLE = document.title;
 
