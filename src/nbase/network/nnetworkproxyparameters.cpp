@@ -169,6 +169,13 @@ NNetworkProxyRuleSet::Server serverOf(QNetworkProxy::ProxyType type, const QUrl&
     return result;
 }
 
+// Whether it is the query of QNetworkProxy::applicationProxy(), for a connection to nowhere.
+bool isApplicationProxyQuery(const QNetworkProxyQuery& query)
+{
+    return query.queryType() == QNetworkProxyQuery::TcpSocket && query.peerHostName().isEmpty() &&
+           query.peerPort() == -1 && query.protocolTag().isEmpty();
+}
+
 void setLooksUpNames(QNetworkProxy& proxy, bool on)
 {
     const QNetworkProxy::Capabilities others =
@@ -575,6 +582,11 @@ NNetworkProxyParameters::ProxyFactory::~ProxyFactory() {}
 
 QList<QNetworkProxy> NNetworkProxyParameters::ProxyFactory::queryProxy(const QNetworkProxyQuery& query)
 {
+    // A socket that shall connect without a proxy asks for the application's proxy, too, and refuses to connect if
+    // there is one.
+    if (isApplicationProxyQuery(query))
+        return QList<QNetworkProxy>() << QNetworkProxy(QNetworkProxy::NoProxy);
+
     const QSharedPointer<const NNetworkProxyRuleSet> rules = m_rules->ruleSet();
     if (!rules)
         return QList<QNetworkProxy>() << QNetworkProxy(QNetworkProxy::NoProxy);

@@ -220,6 +220,7 @@ private slots:
     void choiceFollowsTheSettings();
     void choiceHasTheProxyOfTheFactory();
     void factoryOfTheApplicationFollowsTheSettings();
+    void applicationProxyIsNone();
     void factoryOutlivesTheSettings();
     void laterSettingsReplaceTheFactory();
     void proxiesAreChosenOnThreadsWhileSettingsChange();
@@ -1304,6 +1305,16 @@ void tst_NNetworkProxyParameters::factoryOfTheApplicationFollowsTheSettings()
     QCOMPARE(describe(QNetworkProxyFactory::proxyForQuery(request)), QByteArray("http new:5"));
     QVERIFY(settings().setExceptions(list("example")));
     QCOMPARE(describe(QNetworkProxyFactory::proxyForQuery(request)), QByteArray("direct"));
+}
+
+// Else a socket would refuse to connect directly to an exception.
+void tst_NNetworkProxyParameters::applicationProxyIsNone()
+{
+    load(completeFile);
+    QCOMPARE(QNetworkProxy::applicationProxy().type(), QNetworkProxy::NoProxy);
+    QNetworkProxyQuery query;
+    query.setPeerHostName(text("a.example"));
+    QCOMPARE(describe(QNetworkProxyFactory::proxyForQuery(query)), QByteArray("socks5 socks.example:1081"));
 }
 
 void tst_NNetworkProxyParameters::factoryOutlivesTheSettings()
