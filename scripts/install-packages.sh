@@ -14,7 +14,8 @@ packages_for() {
         demo) echo lighttpd tzdata util-linux bsdutils mount curl 'busybox|busybox-static' ;;
         test)
             packages_for demo
-            echo libfcgi-dev libfcgi-bin rsyslog procps sqlite3 dosfstools iputils-ping traceroute
+            echo libfcgi-dev libfcgi-bin rsyslog procps sqlite3 dosfstools iputils-ping traceroute iproute2
+            echo tinyproxy-bin microsocks openssl
             echo python3 python3-selenium chromium chromium-driver fonts-dejavu-core
             ;;
         check)
