@@ -29,9 +29,10 @@ const char* const HostTable = "127.0.0.1 localhost\n"
 const char* const Network[] = {
     "ip netns add router",
     "ip netns add target",
-    // Neighbour discovery would go through netem, too, and the kernel limits how many errors it reports to a host.
+    // Neighbour discovery would go through netem, too, and the kernel limits how many errors it reports.
     "ip netns exec router busybox sysctl -w net.ipv4.ip_forward=1 net.ipv6.conf.default.disable_ipv6=1"
     " net.ipv4.icmp_ratelimit=0",
+    "busybox sysctl -w net.ipv4.route.error_cost=0",
     "ip netns exec target busybox sysctl -w net.ipv6.conf.default.disable_ipv6=1 net.ipv4.icmp_ratelimit=0",
     "ip link add device0 type veth peer name router0 netns router",
     "ip link add router1 netns router address 02:00:00:00:00:01 type veth"
