@@ -2,13 +2,13 @@
 # Starts and stops the demo device and its web server; run-demo.sh and the tests of the page call it.
 #
 #   demo-control.sh start --device <program> [--port <port>] [--state <path>] [--session-timeout <seconds>]
-#       [--packages <folder>]
+#       [--packages <folder>] [--commands <folder>]
 #   demo-control.sh stop | address | wait | run-directory [--state <path>]
 #   demo-control.sh check-port <port>
 #
 # start         returns once the page is served, on port 8080 by default; fails if the demo of this state runs on another
 #               port than the requested one. The open-source packages are those of the machine, or of a folder made by
-#               make-packages.sh
+#               make-packages.sh. Its ping and traceroute are BusyBox's, as on the devices, or those in a folder
 # stop          ends all processes and removes all files of the demo
 # address       prints the URL of the running demo; fails if none is running
 # wait          returns when the demo has ended
@@ -28,6 +28,7 @@ has_port=
 state=$source_directory/../../build/demo/run
 session_timeout=
 packages=
+commands=
 launcher=
 
 fail() {
@@ -194,8 +195,18 @@ prepare_packages() {
     "$source_directory/make-packages.sh" "$packages"
 }
 
+# The device finds these before the machine's own commands of the same names.
+prepare_commands() {
+    [ -z "$commands" ] || return 0
+    commands=$run/commands
+    mkdir "$commands"
+    ln -s "$(command -v busybox)" "$commands/ping"
+    ln -s "$(command -v busybox)" "$commands/traceroute"
+}
+
 start_device() {
-    set -- "$device" --socket "$run/socket/device" --configuration "$run/configuration" --staging "$run/staging" \
+    # sudo sets a PATH of its own.
+    set -- env "PATH=$commands:$PATH" "$device" --socket "$run/socket/device" --configuration "$run/configuration" --staging "$run/staging" \
         ${session_timeout:+--session-timeout "$session_timeout"}
     setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$packages" "$run/log" \
         "$run/device.process" "$@" \
@@ -257,6 +268,9 @@ start() {
         [ -f "$packages/manifest.csv" ] || fail "The folder \"$packages\" has no manifest.csv."
         packages=$(cd "$packages" && pwd)
     fi
+    if [ -n "$commands" ]; then
+        commands=$(cd "$commands" && pwd) || fail "The folder of the commands cannot be read."
+    fi
     if is_running; then
         [ -z "$has_port" ] || [ "$(address)" = "http://127.0.0.1:$port" ] ||
             fail "The demo is already running on $(address)."
@@ -274,6 +288,7 @@ start() {
     prepare_run_directory
     prepare_zones
     prepare_packages
+    prepare_commands
     start_device
     start_web_server
     await 100 is_served || {
@@ -345,6 +360,7 @@ while [ $# -gt 0 ]; do
         --state) state=$2 ;;
         --session-timeout) session_timeout=$2 ;;
         --packages) packages=$2 ;;
+        --commands) commands=$2 ;;
         *) fail "demo-control.sh: unknown option \"$1\"" ;;
     esac
     shift 2

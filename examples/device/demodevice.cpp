@@ -5,8 +5,13 @@
 #include "loginrequestprocessor.h"
 #include "logoutrequestprocessor.h"
 #include "proxychoicerequestprocessor.h"
+#include "streamrequestprocessor.h"
 
+#include <nbase/network/nnetworkpingfcgirequestprocessor.h>
+#include <nbase/network/nnetworkpingfcgiservice.h>
 #include <nbase/network/nnetworkproxyparametersfcgiservice.h>
+#include <nbase/network/nnetworktraceroutefcgirequestprocessor.h>
+#include <nbase/network/nnetworktraceroutefcgiservice.h>
 #include <nbase/web/nbuildrootuclibctimezonedatabasefcgiservice.h>
 #include <nbase/web/nfreepackageslistfcgiservice.h>
 
@@ -21,6 +26,9 @@ QSet<Qt::DayOfWeek> daysFromMondayTo(Qt::DayOfWeek lastDay)
         days.insert(static_cast<Qt::DayOfWeek>(day));
     return days;
 }
+
+// EventSource does not pass on the heartbeats of a stream, and a page takes silence for a broken connection.
+const int MillisecondsBetweenSignsOfLife = 15 * 1000;
 
 // Entries for the first user to look at.
 void addExamples(Timetable* timetable)
@@ -57,6 +65,8 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
     , m_proxy(&m_proxyConfiguration, QString::fromLatin1("proxy"), nullptr)
     , m_proxyAccess(&m_proxy)
     , m_identifier(&m_sessions)
+    , m_streams(&m_sessions, nullptr)
+    , m_networkEvents(&m_streams)
 {
     m_sessions.setIdleTimeout(settings.sessionTimeout);
     // Entries start and end by local time.
@@ -86,6 +96,34 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
     m_server.registerService(
         QString::fromLatin1("/api/proxy-choice"),
         new NwaStandardFcgiService(new ProxyChoiceRequestProcessor(&m_identifier, &m_proxy), &m_services));
+    registerNetworkTests();
+    connect(&m_signOfLife, SIGNAL(timeout()), SLOT(sendSignOfLife()));
+    m_signOfLife.start(MillisecondsBetweenSignsOfLife);
+}
+
+void DemoDevice::sendSignOfLife()
+{
+    m_streams.sendToAll("alive", QVariant());
+}
+
+void DemoDevice::registerNetworkTests()
+{
+    NNetworkPingFcgiRequestProcessor* const pings =
+        new NNetworkPingFcgiRequestProcessor(&m_identifier, &m_sessions, nullptr);
+    NNetworkPingFcgiService* const pingService = new NNetworkPingFcgiService(pings, &m_services);
+    m_networkEvents.follow(pingService, pings);
+    m_server.registerService(QString::fromLatin1("/api/ping"), pingService);
+
+    NNetworkTracerouteFcgiRequestProcessor* const traceroutes =
+        new NNetworkTracerouteFcgiRequestProcessor(&m_identifier, &m_sessions, nullptr);
+    NNetworkTracerouteFcgiService* const tracerouteService =
+        new NNetworkTracerouteFcgiService(traceroutes, &m_services);
+    m_networkEvents.follow(tracerouteService, traceroutes);
+    m_server.registerService(QString::fromLatin1("/api/traceroute"), tracerouteService);
+
+    m_server.registerService(
+        QString::fromLatin1("/api/stream"),
+        new NwaStandardFcgiService(new StreamRequestProcessor(&m_identifier, &m_streams), &m_services));
 }
 
 bool DemoDevice::listen(const QString& path)

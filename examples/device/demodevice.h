@@ -1,6 +1,7 @@
 #ifndef DEMODEVICE_DEMODEVICE_H
 #define DEMODEVICE_DEMODEVICE_H
 
+#include "networkevents.h"
 #include "timetable.h"
 #include "timezonesetting.h"
 
@@ -11,10 +12,12 @@
 #include <nbase/web/nfreepackageslist.h>
 
 #include <nwebapi/nwacookiefcgisessionidentifier.h>
+#include <nwebapi/nwaeventstreams.h>
 #include <nwebapi/nwafcgiserver.h>
 #include <nwebapi/nwawebsessionmanager.h>
 
 #include <QtCore/QObject>
+#include <QtCore/QTimer>
 
 class NSysLog;
 
@@ -32,8 +35,8 @@ struct DemoDeviceSettings
 };
 
 /**
- * The demo device's services: every web service of the library, a timetable and the device's own state, behind one
- * login.
+ * The demo device's services: every web service of the library, a timetable, the device's own state and a stream
+ * of live events, behind one login.
  */
 class DemoDevice : public QObject
 {
@@ -49,8 +52,13 @@ public:
 
     QString errorString() const;
 
+private slots:
+    void sendSignOfLife();
+
 private:
     Q_DISABLE_COPY(DemoDevice)
+
+    void registerNetworkTests();
 
     NBuildrootUclibcTimeZoneDatabase m_timeZones;
     TimeZoneSetting m_timeZone;
@@ -61,6 +69,9 @@ private:
     NNetworkProxyParametersAccessor m_proxyAccess;
     NwaWebSessionManager m_sessions;
     NwaCookieFcgiSessionIdentifier m_identifier;
+    NwaEventStreams m_streams;
+    NetworkEvents m_networkEvents;
+    QTimer m_signOfLife;
     QObject m_services; ///< owns the services, which end after the server and before what they serve
     NwaFcgiServer m_server;
 };

@@ -65,7 +65,9 @@ start_log() {
 
 # as_owner <program> [<argument>...]: replaces this process.
 as_owner() {
-    [ "$owner" = same ] || set -- setpriv --reuid="${owner%:*}" --regid="${owner#*:}" --init-groups "$@"
+    # The list of options.
+    # shellcheck disable=SC2086
+    [ "$owner" = same ] || set -- setpriv --reuid="${owner%:*}" --regid="${owner#*:}" --init-groups $privileges "$@"
     [ -z "$root" ] || set -- chroot "$root" "$@"
     exec "$@"
 }
@@ -73,6 +75,8 @@ as_owner() {
 # run_inside <"whole", or "chroot" for a chroot as above> <user:group to become, or "same"> <zoneinfo folder> ...
 run_inside() {
     root=
+    privileges=
+    raw_sockets="--inh-caps=+net_raw --ambient-caps=+net_raw"
     [ "$1" = whole ] || make_private_root
     owner=$2
     zoneinfo=$3
@@ -85,6 +89,9 @@ run_inside() {
     start_log "$log"
     echo $$ >"$process_file"
     cd /
+    # BusyBox's ping and traceroute need raw sockets (raw(7)).
+    # shellcheck disable=SC2086
+    ! works setpriv $raw_sockets || privileges=$raw_sockets
     as_owner "$@"
 }
 

@@ -38,6 +38,8 @@ class Demo:
         self.address = f"http://127.0.0.1:{self.port}"
         # The folder of the package list; None for the packages of this machine, which take seconds to collect.
         self.packages = self.make_one_package()
+        # The folder of the commands ping and traceroute; None for those of BusyBox.
+        self.commands = None
         self.device = None
         self.options = ()
 
@@ -46,7 +48,9 @@ class Demo:
 
     def start_command(self, *options, device=None):
         packages = [] if self.packages is None else ["--packages", self.packages]
-        return self.command("start", "--device", device or self.device or device_program(), "--port", str(self.port), *packages, *options)
+        commands = [] if self.commands is None else ["--commands", self.commands]
+        return self.command("start", "--device", device or self.device or device_program(), "--port", str(self.port),
+                            *packages, *commands, *options)
 
     def control(self, action, *arguments):
         """Runs the action, which must succeed, and returns its output."""
