@@ -4,6 +4,9 @@
 import { Exchange } from "./exchange.js";
 import { JsonMembers } from "./json-members.js";
 
+// How the device program itself refuses a request for which it has no room; its web server's 503 is a page.
+const OWN_UNAVAILABLE = "503 Service Unavailable\n";
+
 /** A request that did not succeed. Its message is for the person in front of the page. */
 export class DeviceError extends Error {
   /**
@@ -69,9 +72,9 @@ export class DeviceClient extends EventTarget {
     return this.#jsonOf(await this.#sessionRequest(path, jsonRequest(value, "PUT"), refusals));
   }
 
-  /** Has the device remove what the path names. Throws a DeviceError. */
+  /** Has the device remove what the path names; the result is the JSON document of the answer. Throws a DeviceError. */
   async remove(path) {
-    await this.#sessionRequest(path, { method: "DELETE" });
+    return this.#jsonOf(await this.#sessionRequest(path, { method: "DELETE" }));
   }
 
   /** Makes a session. @return whether the device accepted the user's name and password. */
@@ -112,7 +115,7 @@ export class DeviceClient extends EventTarget {
   async #endOf(exchange, status, refusals = {}) {
     const text = await exchange.text();
     const message = messageIn(text) || (refusals[status] ?? "");
-    if (status >= 500 && message === "")
+    if (status >= 500 && message === "" && text !== OWN_UNAVAILABLE)
       throw new DeviceError("unreachable", serverErrorText(status), status);
     return { status, text, message };
   }
