@@ -12,3 +12,13 @@ export async function copyText(node) {
     return document.execCommand("copy");
   }
 }
+
+const RESULT_MILLISECONDS = 2000;
+
+/** Does the same, and shows on the button for a moment whether it was copied. */
+export async function copyTextAndShow(node, button) {
+  const isCopied = await copyText(node);
+  button.textContent = isCopied ? "Copied" : "Not copied";
+  setTimeout(() => { button.textContent = "Copy"; }, RESULT_MILLISECONDS);
+  return isCopied;
+}

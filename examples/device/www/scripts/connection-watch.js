@@ -6,7 +6,8 @@ const SHORTEST_MILLISECONDS = 5000;
 /**
  * While the page is used or the device cannot be reached, the question comes every few seconds. Each question also keeps
  * the session alive; so that a session that is not used expires, the interval doubles with each question while the page is
- * not touched. A touch, or coming back to the page, asks at once.
+ * not touched. A touch, or coming back to the page, asks at once. While it rests, only
+ * these and a device that cannot be reached make it ask.
  */
 export class ConnectionWatch {
   #client;
@@ -14,13 +15,20 @@ export class ConnectionWatch {
   #timer = null;
   #interval = SHORTEST_MILLISECONDS;
   #lastQuestion = 0;
+  #isStarted = false;
+  #isResting = false;
+  #isUnreachable = false;
   #touch = () => this.#touched();
 
   /** @param {string} path the document to ask for: a small one that needs a session */
   constructor(client, path) {
     this.#client = client;
     this.#path = path;
-    client.addEventListener("unreachable", () => this.#askAgainSoon());
+    client.addEventListener("reachable", () => { this.#isUnreachable = false; });
+    client.addEventListener("unreachable", () => {
+      this.#isUnreachable = true;
+      this.#askAgainSoon();
+    });
   }
 
   start() {
@@ -28,10 +36,19 @@ export class ConnectionWatch {
     for (const name of ["pointerdown", "keydown", "focus", "online"])
       window.addEventListener(name, this.#touch);
     document.addEventListener("visibilitychange", this.#touch);
+    this.#isStarted = true;
     this.#askAgainSoon();
   }
 
+  /** Lets it rest, while something else shows that the device answers and knows the session, or ends that. */
+  set isResting(isResting) {
+    this.#isResting = isResting;
+    if (this.#isStarted)
+      this.#askAgainSoon();
+  }
+
   stop() {
+    this.#isStarted = false;
     for (const name of ["pointerdown", "keydown", "focus", "online"])
       window.removeEventListener(name, this.#touch);
     document.removeEventListener("visibilitychange", this.#touch);
@@ -65,6 +82,8 @@ export class ConnectionWatch {
 
   #schedule() {
     clearTimeout(this.#timer);
+    if (this.#isResting && !this.#isUnreachable)
+      return;
     this.#timer = setTimeout(async () => {
       this.#interval *= 2;
       this.#schedule();

@@ -4,20 +4,24 @@ import { DeviceClient } from "./client.js";
 import { ConnectionWatch } from "./connection-watch.js";
 import { deviceView } from "./device-view.js";
 import { element } from "./dom.js";
+import { LiveEvents } from "./live-events.js";
 import { showLogin } from "./login-view.js";
 import { packagesView } from "./packages-view.js";
+import { pingView } from "./ping-view.js";
 import { proxyView } from "./proxy-view.js";
 import { timeZonesView } from "./time-zones-view.js";
 import { timetableView } from "./timetable-view.js";
+import { tracerouteView } from "./traceroute-view.js";
 
 /**
  * The views, in the order of the navigation. A view has
  * - name: what its address begins with; title: what the navigation calls it;
  * - open(container, client, loading): fills the container, with a heading (h1) that can take the focus; the result has
  *   the operations show(subject), which shows what the address names behind the view's name, and close(). A long
- *   opening reports its progress with loading.report(text), and ends when the AbortSignal loading.stop does.
+ *   opening reports its progress with loading.report(text), and ends when the AbortSignal loading.stop does. A view that
+ *   follows what happens on the device starts and stops loading.live, which are LiveEvents.
  */
-const VIEWS = [deviceView, timeZonesView, timetableView, proxyView, packagesView];
+const VIEWS = [deviceView, timeZonesView, timetableView, proxyView, pingView, tracerouteView, packagesView];
 
 const DEVICE_TITLE = document.title;
 
@@ -31,6 +35,7 @@ const bannerText = document.getElementById("banner-text");
 
 const client = new DeviceClient();
 const watch = new ConnectionWatch(client, "/api/timezones?section=information");
+const live = new LiveEvents(client);
 
 let openView = null;
 let openName = "";
@@ -119,7 +124,7 @@ async function showView({ focus = false } = {}) {
   try {
     const container = element("div", { class: "view" });
     const report = (text) => { progress.textContent = text; };
-    const opened = await view.open(container, client, { stop: stopLoading.signal, report });
+    const opened = await view.open(container, client, { stop: stopLoading.signal, report, live });
     if (opening !== openings) {
       opened.close();
       return;
@@ -187,6 +192,9 @@ client.addEventListener("reachable", () => {
   if (!openView && !isOpening && !isLoggingIn())
     showView();
 });
+
+live.addEventListener("live", () => { watch.isResting = true; });
+live.addEventListener("lost", () => { watch.isResting = false; });
 
 document.getElementById("banner-retry").addEventListener("click", () => watch.ask());
 logoutButton.addEventListener("click", logOut);

@@ -1,20 +1,9 @@
 // What the device accepts as the parts of a proxy server, and what an exception covers, in words.
 
+import { HOST_NAME_LIMIT, isHostName, isIpv4Address } from "./host-names.js";
+
 const PORT_LIMIT = 65535;
-const LABEL = /^[A-Za-z0-9](?:[A-Za-z0-9-]{0,61}[A-Za-z0-9])?$/;
-const HOST_NAME_LIMIT = 253; // the device takes shorter ones
 const ADDRESS_BITS = 32;
-
-/** Decimal, whatever zeros lead. */
-export function isIpv4Address(text) {
-  return /^\d+(\.\d+){3}$/.test(text) && text.split(".").every((number) => Number(number) <= 255);
-}
-
-export function isHostName(text) {
-  const name = text.endsWith(".") ? text.slice(0, -1) : text;
-  return name.length < HOST_NAME_LIMIT && !/^\d+\.\d+\.\d+\.\d+/.test(name)
-    && name.split(".").every((label) => LABEL.test(label));
-}
 
 /** What is wrong with the host of a server; empty when nothing is. */
 export function hostFault(text) {
