@@ -42,19 +42,20 @@ bool isIpv6Missing(QAbstractSocket::SocketError error)
     return error == QAbstractSocket::UnsupportedSocketOperationError;
 }
 
-// A socket for both protocols gets IPv4 addresses in the form ::ffff:192.0.2.1 (RFC 4291, section 2.5.5.2).
-QHostAddress plainAddress(const QHostAddress& address)
+// A socket for both protocols gets IPv4 addresses in the form ::ffff:192.0.2.1 (RFC 4291, section 2.5.5.2). They
+// are changed in place, which allocates no memory.
+void makePlain(QHostAddress* address)
 {
-    if (address.protocol() != QAbstractSocket::IPv6Protocol)
-        return address;
-    const Q_IPV6ADDR bytes = address.toIPv6Address();
+    if (address->protocol() != QAbstractSocket::IPv6Protocol)
+        return;
+    const Q_IPV6ADDR bytes = address->toIPv6Address();
     for (int i = 0; i < 10; ++i) {
         if (bytes[i] != 0)
-            return address;
+            return;
     }
     if (bytes[10] != 0xff || bytes[11] != 0xff)
-        return address;
-    return QHostAddress(
+        return;
+    address->setAddress(
         quint32(bytes[12]) << 24 | quint32(bytes[13]) << 16 | quint32(bytes[14]) << 8 | quint32(bytes[15]));
 }
 
@@ -405,7 +406,7 @@ bool NNetworkListenerSingleton::processReceivedUdpDatagrams(QUdpSocket* socket)
         if (size < 0)
             continue;
         datagram.truncate(int(size));
-        address = plainAddress(address);
+        makePlain(&address);
         Emission emission(&m_innermostEmission, qMakePair(Udp, port), entry->listeners, socket);
         while (NNetworkListener* const listener = emission.next())
             emit listener->udpDatagramReceived(socket, address, sourcePort, datagram);
