@@ -75,6 +75,12 @@ public:
         return unsentSize() == 0;
     }
 
+    /** Follows the stream. @return whether it begins. */
+    bool opens(const QString& socketPath, const QUuid& session, const QByteArray& lastEventId = QByteArray())
+    {
+        return follow(socketPath, session, lastEventId) && NTest::waitUntil([this]() { return isFollowing(); });
+    }
+
     /** Whether the stream has begun. */
     bool isFollowing() const { return replyBody().startsWith("retry: "); }
 
@@ -341,8 +347,7 @@ bool tst_NwaEventStreams::sendRequest(const NFileDescriptor& client, const NFcgi
 void tst_NwaEventStreams::replyIsAnEventStream()
 {
     Page page;
-    QVERIFY(page.follow(socketPath(), newSession()));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), newSession()));
     QCOMPARE(page.status(), 200);
     QVERIFY(page.output().contains("Content-Type: text/event-stream; charset=utf-8\r\n"));
     QVERIFY(page.output().contains("Cache-Control: no-store\r\n"));
@@ -355,8 +360,7 @@ void tst_NwaEventStreams::eventHasANumberATypeAndADocument()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     QVariantMap document;
     document.insert(text("time"), 12);
     m_streams->send(session, "ping", document);
@@ -412,8 +416,7 @@ void tst_NwaEventStreams::documentArrivesAsItIs()
     QFETCH(QString, value);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     QVariantMap document;
     document.insert(value, value);
     m_streams->send(session, "text", document);
@@ -432,8 +435,7 @@ void tst_NwaEventStreams::lineEndsInATypeBecomeBlanks()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "a\ndata: 1\r\rb\r\n", 2);
     NTRY_COMPARE(page.replyBody(), beginning() + "id: 1\nevent: a data: 1  b  \ndata: 2\n\n");
 }
@@ -446,8 +448,7 @@ void tst_NwaEventStreams::sessionWithoutAStreamGetsNothing()
     m_streams->sendToAll("early", 1);
     QCOMPARE(m_streams->streamCount(), 0);
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "next", 1);
     NTRY_COMPARE(page.types(), QByteArray("next"));
 }
@@ -458,15 +459,13 @@ void tst_NwaEventStreams::newStreamBeginsWithTheNextEvent()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "first", 1);
     NTRY_COMPARE(page.types(), QByteArray("first"));
     page.disconnectNow();
     NTRY_COMPARE(m_streams->streamCount(), 0);
     m_streams->send(session, "second", 2);
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "third", 3);
     NTRY_COMPARE(page.types(), QByteArray("third"));
 }
@@ -476,14 +475,12 @@ void tst_NwaEventStreams::streamContinuesAfterAnyKeptEvent()
     const int count = 20;
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     for (int number = 1; number <= count; ++number)
         m_streams->send(session, "event", number);
     for (int number = 0; number <= count; ++number) {
         Page later;
-        QVERIFY(later.follow(socketPath(), session, QByteArray::number(number)));
-        NTRY_VERIFY(later.isFollowing());
+        QVERIFY(later.opens(socketPath(), session, QByteArray::number(number)));
         NTRY_COMPARE(later.events().size(), count - number);
         for (int index = 0; index < count - number; ++index)
             QCOMPARE(later.events().at(index).id, QByteArray::number(number + index + 1));
@@ -495,8 +492,7 @@ void tst_NwaEventStreams::streamThatBreaksBeforeItsFirstEventMissesNothing()
     m_streams->sendToAll("early", 1);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     QCOMPARE(page.lastEventId(), QByteArray("1"));
     page.disconnectNow();
     NTRY_COMPARE(m_streams->streamCount(), 0);
@@ -551,8 +547,7 @@ void tst_NwaEventStreams::eventsThatAreNoLongerKeptAreReportedAsMissed()
     }
     for (int number = 0; number <= 5; ++number) {
         Page later;
-        QVERIFY(later.follow(socketPath(), session, QByteArray::number(number)));
-        NTRY_VERIFY(later.isFollowing());
+        QVERIFY(later.opens(socketPath(), session, QByteArray::number(number)));
         const QByteArray expected[] = {"missed", "missed", "missed", "event event", "event", ""};
         NTRY_COMPARE(later.types(), expected[number]);
         if (number < 3)
@@ -584,13 +579,11 @@ void tst_NwaEventStreams::lastEventIdThatIsNoNumberOfAnEventIsReportedAsMissed()
     QFETCH(QByteArray, id);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     for (int number = 1; number <= 3; ++number)
         m_streams->send(session, "event", number);
     Page later;
-    QVERIFY(later.follow(socketPath(), session, id));
-    NTRY_VERIFY(later.isFollowing());
+    QVERIFY(later.opens(socketPath(), session, id));
     QCOMPARE(later.replyBody(), Greeting + "id: 3\nevent: missed\ndata: null\n\n");
 }
 
@@ -598,12 +591,10 @@ void tst_NwaEventStreams::emptyLastEventIdIsNone()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "event", 1);
     Page later;
-    QVERIFY(later.follow(socketPath(), session, ""));
-    NTRY_VERIFY(later.isFollowing());
+    QVERIFY(later.opens(socketPath(), session, ""));
     QCOMPARE(later.replyBody(), beginning(1));
 }
 
@@ -636,8 +627,7 @@ void tst_NwaEventStreams::eventsAreKeptForTheKeptTime()
     m_streams->setKeptTime(150);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session, "0"));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session, "0"));
     page.disconnectNow();
     NTRY_COMPARE(m_streams->streamCount(), 0);
     // The first heartbeat may come at once.
@@ -654,8 +644,7 @@ void tst_NwaEventStreams::eventsAreDroppedAfterTheKeptTime()
     m_streams->setKeptTime(150);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "event", 1);
     NTRY_COMPARE(page.types(), QByteArray("event"));
     page.disconnectNow();
@@ -682,8 +671,7 @@ void tst_NwaEventStreams::extremeTimesAreAccepted()
     m_streams->setKeptTime(maximum);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session, "0"));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session, "0"));
     page.disconnectNow();
     NTRY_COMPARE(m_streams->streamCount(), 0);
     QVERIFY(NTest::fireTimer(heartbeat));
@@ -713,8 +701,7 @@ void tst_NwaEventStreams::latestEventIsAlwaysKept()
     m_streams->setKeptSize(keptSize);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     for (int number = 1; number <= 3; ++number) {
         m_streams->send(session, "event", document(100000));
         NTRY_COMPARE(page.events().size(), number);
@@ -731,8 +718,7 @@ void tst_NwaEventStreams::laterStreamReplacesTheEarlier()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "first", 1);
     Page later;
     QVERIFY(later.follow(socketPath(), session));
@@ -764,8 +750,7 @@ void tst_NwaEventStreams::thousandStreamsReplaceOneAnother()
     }
     clients.clear();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     QCOMPARE(m_streams->streamCount(), 1);
     NTRY_COMPARE(m_server->connectionCount(), 1);
     m_streams->send(session, "last", 1);
@@ -777,8 +762,7 @@ void tst_NwaEventStreams::headLeavesTheStreamOpen()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     Page other;
     QVERIFY(other.connectToPath(socketPath()) && other.request("HEAD", session));
     NTRY_VERIFY(other.hasEnded());
@@ -793,8 +777,7 @@ void tst_NwaEventStreams::requestThatIsGoneLeavesTheStreamOpen()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     NFcgiTestService slowService;
     m_server->registerService(text("/stream"), &slowService);
     Page gone;
@@ -814,16 +797,14 @@ void tst_NwaEventStreams::tooManyStreamsAreAnswered503()
     const QUuid sessions[] = {newSession(), newSession(), newSession()};
     Page pages[3];
     for (int index = 0; index < 2; ++index) {
-        QVERIFY(pages[index].follow(socketPath(), sessions[index]));
-        NTRY_VERIFY(pages[index].isFollowing());
+        QVERIFY(pages[index].opens(socketPath(), sessions[index]));
     }
     QVERIFY(pages[2].follow(socketPath(), sessions[2]));
     NTRY_VERIFY(pages[2].hasEnded());
     QCOMPARE(pages[2].status(), 503);
     // A session that has one may open another.
     Page later;
-    QVERIFY(later.follow(socketPath(), sessions[1]));
-    NTRY_VERIFY(later.isFollowing());
+    QVERIFY(later.opens(socketPath(), sessions[1]));
     NTRY_COMPARE(pages[1].types(), QByteArray("replaced"));
 
     m_streams->setMaximumStreamCount(0);
@@ -832,8 +813,7 @@ void tst_NwaEventStreams::tooManyStreamsAreAnswered503()
     NTRY_COMPARE(later.types(), QByteArray("news"));
     m_sessions->removeSession(sessions[0]);
     m_sessions->removeSession(sessions[1]);
-    QVERIFY(pages[2].follow(socketPath(), sessions[2]));
-    NTRY_VERIFY(pages[2].isFollowing());
+    QVERIFY(pages[2].opens(socketPath(), sessions[2]));
 }
 
 void tst_NwaEventStreams::keptEventsMakeRoomForAStream()
@@ -843,8 +823,7 @@ void tst_NwaEventStreams::keptEventsMakeRoomForAStream()
     const QUuid second = newSession();
     for (const QUuid& session : {first, second}) {
         Page page;
-        QVERIFY(page.follow(socketPath(), session, "0"));
-        NTRY_VERIFY(page.isFollowing());
+        QVERIFY(page.opens(socketPath(), session, "0"));
         page.disconnectNow();
         NTRY_COMPARE(m_streams->streamCount(), 0);
         QVERIFY(NTest::fireTimer(m_streams->findChild<QTimer*>()));
@@ -852,8 +831,7 @@ void tst_NwaEventStreams::keptEventsMakeRoomForAStream()
     m_streams->send(first, "event", 1);
     m_streams->send(second, "event", 2);
     Page third;
-    QVERIFY(third.follow(socketPath(), newSession()));
-    NTRY_VERIFY(third.isFollowing());
+    QVERIFY(third.opens(socketPath(), newSession()));
     Page page;
     QVERIFY(page.follow(socketPath(), second, "0"));
     NTRY_COMPARE(page.types(), QByteArray("event"));
@@ -869,8 +847,7 @@ void tst_NwaEventStreams::streamEndsWithItsSession()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "last", 1);
     m_sessions->removeSession(session);
     m_streams->send(session, "late", 2);
@@ -884,8 +861,7 @@ void tst_NwaEventStreams::keptEventsEndWithTheirSession()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     page.disconnectNow();
     NTRY_COMPARE(m_streams->streamCount(), 0);
     m_streams->send(session, "event", document(5000));
@@ -935,8 +911,7 @@ void tst_NwaEventStreams::streamsEndWithTheSessionManager()
 {
     Page pages[2];
     for (Page& page : pages) {
-        QVERIFY(page.follow(socketPath(), newSession()));
-        NTRY_VERIFY(page.isFollowing());
+        QVERIFY(page.opens(socketPath(), newSession()));
     }
     m_sessions.reset();
     QCOMPARE(m_streams->streamCount(), 0);
@@ -950,8 +925,7 @@ void tst_NwaEventStreams::streamsEndWithTheirObject()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "late", 1);
     m_streams.reset();
     NTRY_VERIFY(page.hasEnded());
@@ -980,8 +954,7 @@ void tst_NwaEventStreams::streamsEndWithTheServer()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     m_streams->send(session, "late", 1);
     m_server.reset();
     m_streams->send(session, "later", 2);
@@ -994,8 +967,7 @@ void tst_NwaEventStreams::streamEndsWithItsClient()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     page.disconnectNow();
     NTRY_COMPARE(m_streams->streamCount(), 0);
     NTRY_COMPARE(m_streams->children().size(), 1);
@@ -1017,8 +989,7 @@ void tst_NwaEventStreams::quietStreamOutlivesTheStallTimeout()
     setStallTimeout(1);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     QVERIFY(waitForStallTimeouts());
     m_streams->send(session, "next", 1);
     NTRY_COMPARE(page.types(), QByteArray("next"));
@@ -1032,8 +1003,7 @@ void tst_NwaEventStreams::heartbeatsStopWithTheLastStream()
     const QUuid session = newSession();
     Page page;
     for (int round = 0; round < 2; ++round) {
-        QVERIFY(page.follow(socketPath(), session));
-        NTRY_VERIFY(page.isFollowing());
+        QVERIFY(page.opens(socketPath(), session));
         QVERIFY(NTest::fireTimer(heartbeat));
         QVERIFY(heartbeat->isActive());
         page.disconnectNow();
@@ -1047,8 +1017,7 @@ void tst_NwaEventStreams::slowReaderIsDropped()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     page.stopReceiving();
     QVERIFY(sendUntilBlocked(page, session));
     page.startReceiving();
@@ -1066,8 +1035,7 @@ void tst_NwaEventStreams::stalledReaderIsDropped()
     setStallTimeout(1);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     page.stopReceiving();
     QVERIFY(sendUntilBlocked(page, session));
     NTRY_COMPARE(m_streams->streamCount(), 0);
@@ -1083,8 +1051,7 @@ void tst_NwaEventStreams::stalledReaderIsDroppedInSpiteOfHeartbeats()
     m_streams->setHeartbeatInterval(1);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     page.stopReceiving();
     QVERIFY(sendUntilBlocked(page, session));
     NTRY_COMPARE(m_server->connectionCount(), 0);
@@ -1096,13 +1063,11 @@ void tst_NwaEventStreams::replacedStreamThatIsNotReadIsDropped()
     setStallTimeout(1);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     page.stopReceiving();
     QVERIFY(sendUntilBlocked(page, session));
     Page later;
-    QVERIFY(later.follow(socketPath(), session));
-    NTRY_VERIFY(later.isFollowing());
+    QVERIFY(later.opens(socketPath(), session));
     NTRY_COMPARE(m_server->connectionCount(), 1);
     QVERIFY(!later.hasEnded());
     NTRY_COMPARE(m_streams->children().size(), 2);
@@ -1113,8 +1078,7 @@ void tst_NwaEventStreams::eventsBeyondTheKeptSizeInOneGoDropTheStream()
     m_streams->setKeptSize(2000);
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session, "0"));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session, "0"));
     m_streams->send(session, "first", 1);
     NTRY_COMPARE(page.types(), QByteArray("first"));
     for (int number = 2; number <= 5; ++number)
@@ -1130,13 +1094,11 @@ void tst_NwaEventStreams::clientThatIsDroppedAndReplacedIsToldNotToReturn()
 {
     const QUuid session = newSession();
     Page page;
-    QVERIFY(page.follow(socketPath(), session));
-    NTRY_VERIFY(page.isFollowing());
+    QVERIFY(page.opens(socketPath(), session));
     page.stopReceiving();
     QVERIFY(sendUntilBlocked(page, session));
     Page later;
-    QVERIFY(later.follow(socketPath(), session));
-    NTRY_VERIFY(later.isFollowing());
+    QVERIFY(later.opens(socketPath(), session));
     page.startReceiving();
     NTRY_VERIFY(page.hasEnded());
     QVERIFY(page.types().endsWith("large replaced"));
