@@ -24,7 +24,9 @@ The kernel is downloaded once, as an ordinary user can, and kept below the build
 """
 
 import argparse
+import array
 import collections
+import fcntl
 import glob
 import json
 import lzma
@@ -39,6 +41,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -357,7 +360,7 @@ class Machine:
         action, _, name = line.decode("utf-8", "replace").partition(" ")
         if action == "unplug" and name in DEVICES:
             self.unplugged.add(name)
-            self.unsent[name].clear()
+            self.wait_until_taken(name)
             self.execute("device_del", "DEVICE_DELETED", id=name)
         elif action == "plug" and name in DEVICES:
             self.unplugged.discard(name)
@@ -366,6 +369,18 @@ class Machine:
             self.execute("chardev-send-break", id=name)
         else:
             self.send("control", b"failed: unknown request\n")
+
+    def wait_until_taken(self, name):
+        """QEMU crashes when a byte for a USB device comes at the moment at which the device is removed (usb_wakeup() of a
+        device without a bus). What the guest does not read stays in the channel, and does no harm."""
+        if name not in self.channels:
+            return
+        self.unsent[name].clear()
+        end = time.monotonic() + 1
+        size = array.array("i", [1])
+        while size[0] > 0 and time.monotonic() < end:
+            fcntl.ioctl(self.channels[name], termios.TIOCOUTQ, size)
+            time.sleep(0.01)
 
     def execute(self, command, *events, answer=b"done\n", **arguments):
         """Executes a command of QEMU's monitor (QMP). The answer is sent to the test when the events have come as well."""
