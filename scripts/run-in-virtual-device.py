@@ -251,6 +251,8 @@ class Machine:
         self.mark = mark.encode()
         self.console = b""
         self.results = []
+        self.has_ended = False
+        self.has_crashed = False  # QEMU itself, not the system in it
         self.awaited = set()
         self.answer = b""
         self.unplugged = set(UNPLUGGED_AT_FIRST)
@@ -297,8 +299,12 @@ class Machine:
         return process
 
     def stop(self):
-        self.process.kill()
-        self.process.wait()
+        try:
+            self.process.wait(1 if self.has_ended else 0)
+            self.has_crashed = self.process.returncode < 0
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
         self.selector.close()
         for channel in self.channels.values():
             channel.close()
@@ -315,6 +321,7 @@ class Machine:
                     self.send_rest(key.data)
                 if events & selectors.EVENT_READ:
                     self.receive(key.data)
+        self.has_ended = True
         return None if len(self.results) == len(self.tests) else "the machine ended before the tests had"
 
     def receive(self, name):
@@ -505,6 +512,9 @@ def main():
         self_check(kernel, folder, arguments)
         return 0
     machine, stopped = run_tests(kernel, folder, tests, arguments, arguments.deadline)
+    if machine.has_crashed:
+        print("virtual device: QEMU has crashed; once more", flush=True)
+        machine, stopped = run_tests(kernel, folder, tests, arguments, arguments.deadline)
     return 0 if machine.report(stopped) else 1
 
 
