@@ -70,7 +70,11 @@ public:
         explicit ProxyFactory(const NNetworkProxyParameters* parameters);
         ~ProxyFactory() override;
 
-        /** @return exactly one proxy, QNetworkProxy::NoProxy for none. Thread-safe. */
+        /**
+         * Chooses the proxy of a request. Thread-safe.
+         * @return exactly one proxy, QNetworkProxy::NoProxy for none. None also for a query without host, port and
+         * protocol: it is that of a socket that shall connect directly, which fails if it is given a proxy.
+         */
         QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery& query) override;
 
     private:
