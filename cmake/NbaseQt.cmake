@@ -1,6 +1,6 @@
 # Finds the Qt that everything is built with. NBASE_QT chooses the major version, 4 or 5; empty takes the newest found.
 # Afterwards the rest of the build names Qt's modules alike for both versions: nbase_qt_core, nbase_qt_network,
-# nbase_qt_sql and nbase_qt_test.
+# nbase_qt_sql, nbase_qt_test and, with NBASE_GUI, nbase_qt_widgets.
 
 set(NBASE_QT "" CACHE STRING "Major version of Qt: 4, 5, or empty for the newest found")
 set_property(CACHE NBASE_QT PROPERTY STRINGS "" 4 5)
@@ -49,6 +49,24 @@ foreach(_module IN LISTS _nbase_qt_modules)
     string(TOLOWER ${_module} _name)
     set(nbase_qt_${_name} ${_nbase_qt_prefix}${_module})
 endforeach()
+
+# The module with the widgets, which is a part of QtGui in Qt 4.
+if(NBASE_QT_MAJOR EQUAL 5)
+    find_package(Qt5Widgets ${Qt5_VERSION} QUIET)
+    set(nbase_qt_widgets Qt5::Widgets)
+    set(_nbase_has_widgets ${Qt5Widgets_FOUND})
+else()
+    set(nbase_qt_widgets Qt4::QtGui)
+    set(_nbase_has_widgets ${QT_QTGUI_FOUND})
+endif()
+if(_nbase_has_widgets)
+    option(NBASE_GUI "Build what devices with a screen need: NButtonRole and the icons" ON)
+else()
+    option(NBASE_GUI "Build what devices with a screen need: NButtonRole and the icons" OFF)
+    if(NBASE_GUI)
+        message(FATAL_ERROR "NBASE_GUI needs ${nbase_qt_widgets}, which was not found (Debian: qtbase5-dev)")
+    endif()
+endif()
 
 # nbase_run_moc(<target> <source>...)
 # Runs moc for a target with few sources. AUTOMOC does this as well, but starts several more processes for each target, which

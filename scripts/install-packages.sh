@@ -16,7 +16,7 @@ packages_for() {
             packages_for demo
             echo libfcgi-dev libfcgi-bin rsyslog procps sqlite3 dosfstools iputils-ping traceroute iproute2
             echo tinyproxy-bin microsocks openssl
-            echo python3 python3-selenium chromium chromium-driver fonts-dejavu-core
+            echo python3 python3-selenium chromium chromium-driver fonts-dejavu-core librsvg2-bin
             ;;
         check)
             echo clang clang-tidy clang-format libclang-rt-dev shellcheck libbenchmark-dev libqt5serialport5-dev libsqlite3-dev gcovr
