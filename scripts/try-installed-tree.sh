@@ -89,10 +89,16 @@ expect_output_of_web_program()
     [ "$(tail -n 1 "$1")" = '{"name":"box"}' ] || fail "no document: $(cat "$1")"
 }
 
+expect_output_of_button_program()
+{
+    [ "$(cat "$1")" = '16 1' ] || fail "there is no icon: $(cat "$1")"
+}
+
 check_find_package()
 {
-    local project directory
-    for project in examples/first tests/consumer/web-program; do
+    local project directory projects=(examples/first tests/consumer/web-program)
+    ! has_user_interface || projects+=(tests/consumer/button-program)
+    for project in "${projects[@]}"; do
         directory="$work/find_package/$(basename "$project")"
         rm -rf "$directory"
         cmake -G Ninja -S "$source/$project" -B "$directory" -DCMAKE_PREFIX_PATH="$tree" >/dev/null
@@ -101,6 +107,7 @@ check_find_package()
     done
     expect_output_of_first "$work/find_package/first/output"
     expect_output_of_web_program "$work/find_package/web-program/output"
+    ! has_user_interface || expect_output_of_button_program "$work/find_package/button-program/output"
 
     # A request for another major version must not be satisfied.
     mkdir -p "$work/find_package/other version"
@@ -116,11 +123,11 @@ END
         -DCMAKE_PREFIX_PATH="$tree" >/dev/null 2>&1 || fail "this version is accepted as version 2"
 }
 
-# Compiles the program $1 with the flags of the pkg-config module $2 and runs it. pkg-config sets no run path, so -rpath is
+# Compiles the program $1 with the flags of the pkg-config module $2 as $3 and runs it. pkg-config sets no run path, so -rpath is
 # added. Blanks in the flags are escaped for a shell, hence eval.
 build_with_pkg_config()
 {
-    local program="$work/pkg_config/$2" words=()
+    local program="$work/pkg_config/$3" words=()
     pkg-config --print-errors --exists "$2"
     [ "$(pkg-config --modversion "$2")" = "$version" ] || fail "pkg-config reports another version of $2"
     eval "words=($(pkg-config --cflags --libs "$2"))"
@@ -132,10 +139,14 @@ check_pkg_config()
 {
     rm -rf "$work/pkg_config"
     mkdir -p "$work/pkg_config"
-    build_with_pkg_config "$source/examples/first/main.cpp" nbase
-    build_with_pkg_config "$source/tests/consumer/web-program/main.cpp" nwebapi
-    expect_output_of_first "$work/pkg_config/nbase.output"
-    expect_output_of_web_program "$work/pkg_config/nwebapi.output"
+    build_with_pkg_config "$source/examples/first/main.cpp" nbase first
+    build_with_pkg_config "$source/tests/consumer/web-program/main.cpp" nwebapi web-program
+    expect_output_of_first "$work/pkg_config/first.output"
+    expect_output_of_web_program "$work/pkg_config/web-program.output"
+    if has_user_interface; then
+        build_with_pkg_config "$source/tests/consumer/button-program/main.cpp" nbase button-program
+        expect_output_of_button_program "$work/pkg_config/button-program.output"
+    fi
 }
 
 # Every header is self-contained and has an include guard; all together compile also with Qt's implicit string conversions,

@@ -2,6 +2,8 @@
 # Makes the Debian packages, checks them with lintian, and tries them in an overlay over the root file system: installs
 # them, compiles and runs programs with them, removes them, and checks that nothing is left. The machine itself is not
 # changed. Needs root or sudo for the overlay.
+#
+#     try-packages.sh [<option of cmake>...]     for example -DNBASE_GUI=OFF
 set -eu
 
 source=$(cd "$(dirname "$0")/.." && pwd)
@@ -27,7 +29,7 @@ make_packages()
     flags=$(DEB_BUILD_MAINT_OPTIONS=hardening=+bindnow dpkg-buildflags --export=sh)
     eval "$flags"
     rm -rf "$packages_folder"
-    cmake --preset package --fresh >/dev/null
+    cmake --preset package --fresh "$@" >/dev/null
     cmake --build --preset package
     (cd build/package && cpack -B "$packages_folder")
 }
@@ -35,6 +37,14 @@ make_packages()
 check_packages()
 {
     say "lintian"
+    local depends
+    depends=$(dpkg-deb --field "$packages_folder"/libnbase[0-9]*.deb Depends)
+    if grep -q '^NBASE_GUI:BOOL=ON$' "$source/build/package/CMakeCache.txt"; then
+        grep -qE 'libqt5widgets|libqtgui' <<< "$depends" || fail "Qt's widgets are missing in \"$depends\""
+    else
+        ! grep -qE 'libqt5(gui|widgets)|libqtgui' <<< "$depends" || fail "Qt's widgets are not needed: \"$depends\""
+    fi
+
     # No tag is suppressed: lintian's errors apply to packages outside Debian too.
     local as_root=()
     [ "$(id -u)" -ne 0 ] || as_root=(--allow-root)
@@ -61,7 +71,7 @@ mount_overlay_root()
 # Runs in the overlay root. No search path is set: the libraries must be found in the default folders.
 try_packages()
 {
-    local names name project
+    local names name project projects=(examples/first tests/consumer/web-program)
     mapfile -t names < <(for file in /tmp/packages/*.deb; do dpkg-deb --field "$file" Package; done)
 
     say "installing ${names[*]}"
@@ -72,7 +82,8 @@ try_packages()
     done
 
     say "compiling programs with the installed packages"
-    for project in examples/first tests/consumer/web-program; do
+    [ ! -e /usr/include/nbase/device/nbuttonrole.h ] || projects+=(tests/consumer/button-program)
+    for project in "${projects[@]}"; do
         name=$(basename "$project")
         cmake -S "/tmp/source/$project" -B "/tmp/$name" >/dev/null
         cmake --build "/tmp/$name"
@@ -128,12 +139,12 @@ run_in_namespace()
 case ${1-} in
     --in-namespace) run_in_namespace ;;
     --try-packages) try_packages ;;
-    "")
-        make_packages
+    "" | -D*)
+        make_packages "$@"
         check_packages
         as_root=()
         [ "$(id -u)" -eq 0 ] || as_root=(sudo)
         "${as_root[@]}" unshare --mount "$0" --in-namespace
         ;;
-    *) fail "usage: $0" ;;
+    *) fail "usage: $0 [<option of cmake>...]" ;;
 esac
