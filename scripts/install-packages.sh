@@ -20,7 +20,7 @@ packages_for() {
             ;;
         check)
             echo clang clang-tidy clang-format libclang-rt-dev shellcheck libbenchmark-dev libqt5serialport5-dev libsqlite3-dev gcovr
-            echo doxygen dpkg-dev lintian file binutils gzip qemu-system-x86
+            echo doxygen dpkg-dev lintian file binutils gzip qemu-system-x86 qemu-system-arm g++-arm-linux-gnueabihf
             ;;
         *)
             echo "install-packages.sh: unknown task \"$1\"; known are build, demo, test and check" >&2
