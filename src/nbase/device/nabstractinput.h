@@ -30,6 +30,7 @@ public:
         PolarityNc = 1  ///< normally closed: active while the level is low
     };
 
+    /** @param polarity how the contact is wired. */
     NAbstractInput(NAbstractInput::PolarityType polarity, QObject* parent);
     ~NAbstractInput() override;
 
@@ -42,6 +43,7 @@ public:
     /** The logical state, from the level and the polarity; false while isValid() is false. */
     bool isActive() const;
 
+    /** How it is wired. */
     PolarityType polarity() const;
 
     /**

@@ -29,6 +29,7 @@ public:
         PolarityNc = 1  ///< normally closed: active while the level is low
     };
 
+    /** @param polarity how the relay is wired. */
     NAbstractOutput(NAbstractOutput::PolarityType polarity, QObject* parent);
     ~NAbstractOutput() override;
 
@@ -50,6 +51,7 @@ public:
      */
     void setActive(bool active);
 
+    /** How it is wired. */
     PolarityType polarity() const;
 
     /**

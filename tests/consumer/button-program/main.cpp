@@ -1,4 +1,5 @@
-// Uses the user interface of the library, as the application of a device with a screen would: prints the size of a widget.
+// Uses the user interface of the library, as the application of a device with a screen would: prints the size of a
+// widget.
 
 #include <nbase/device/nbuttonrole.h>
 
