@@ -2,6 +2,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
+#include <QtCore/QFile>
 #include <QtCore/QMap>
 
 #include <errno.h>
@@ -22,6 +23,14 @@ template <size_t Size> QString textOf(const char (&name)[Size])
     return QString::fromLocal8Bit(name, int(strnlen(name, Size)));
 }
 
+/** Most lines have no name. */
+bool hasName(const GpioChip& chip, int line, const QString& name)
+{
+    gpio_v2_line_info info;
+    return !name.isEmpty() && chip.readLineInfo(line, &info) && textOf(info.name) == name;
+}
+
+/** The number, or -1. */
 int numberOf(const QString& text, int limit)
 {
     bool ok = false;
@@ -144,15 +153,12 @@ QString GpioAddress::find(const QString& text)
         if (separator >= 0 && !candidate.isCalled(chipText))
             continue;
         const int number = separator < 0 ? -1 : numberOf(lineText, candidate.lineCount());
-        gpio_v2_line_info info;
-        for (int i = qMax(number, 0); i < candidate.lineCount(); ++i) {
-            if (i != number && (!candidate.readLineInfo(i, &info) || textOf(info.name) != lineText))
+        for (int i = 0; i < candidate.lineCount(); ++i) {
+            if (number >= 0 ? i != number : !hasName(candidate, i, lineText))
                 continue;
             chip = chipName;
             offset = i;
             ++found;
-            if (i == number)
-                break;
         }
     }
     if (found > 1)

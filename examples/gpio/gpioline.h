@@ -12,9 +12,9 @@
 class QSocketNotifier;
 
 /**
- * A line that this process holds whenever it can. If somebody else holds it, if its chip is missing or is
- * unplugged, the line is requested again as soon as that changes. Nothing is polled: the kernel reports released
- * lines through the chip's descriptor, and chips come and go as files in /dev.
+ * A line that this process holds whenever it can. If another process or a driver holds it, or its chip is missing
+ * or unplugged, the line is requested again as soon as that changes. Nothing is polled: the kernel reports
+ * released lines through the chip's descriptor, and chips appear and disappear as files in /dev.
  *
  * Lines belong to the main thread and must not outlive the application object. Receivers of the signals may delete
  * the line.

@@ -21,7 +21,7 @@ public:
     QByteArray errorText() const;
 
 public slots:
-    /** Releases the lines. */
+    /** Ends the session. The lines are released when the object is destroyed. */
     void finish();
 
 signals:

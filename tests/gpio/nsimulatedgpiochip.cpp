@@ -91,7 +91,7 @@ qint64 NSimulatedGpioChip::readLine(const Invocation& invocation)
     if (info->offset >= Lines)
         return failure(EINVAL);
     strncpy(info->name, m_names[info->offset].constData(), sizeof(info->name) - 1);
-    strcpy(info->consumer, "somebody");
+    strcpy(info->consumer, "another");
     return 0;
 }
 

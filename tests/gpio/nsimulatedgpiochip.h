@@ -11,13 +11,13 @@
 #include <linux/gpio.h>
 
 /**
- * Answers the system calls for the GPIO chip "gpiochip0" with the label "simulated" and four lines. One request
+ * Answers the system calls for the GPIO chip "gpiochip0" with the label "simulated" and five lines. One request
  * can be open at a time. The test must have a directory /dev of its own.
  */
 class NSimulatedGpioChip
 {
 public:
-    enum { Lines = 4 };
+    enum { Lines = 5 };
 
     NSimulatedGpioChip();
 
