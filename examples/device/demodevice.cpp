@@ -2,6 +2,7 @@
 
 #include "devicerequestprocessor.h"
 #include "eventsrequestprocessor.h"
+#include "iorequestprocessor.h"
 #include "loginrequestprocessor.h"
 #include "logoutrequestprocessor.h"
 #include "proxychoicerequestprocessor.h"
@@ -96,6 +97,10 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
     m_server.registerService(
         QString::fromLatin1("/api/proxy-choice"),
         new NwaStandardFcgiService(new ProxyChoiceRequestProcessor(&m_identifier, &m_proxy), &m_services));
+    m_server.registerService(
+        QString::fromLatin1("/api/io"),
+        new NwaStandardFcgiService(new IoRequestProcessor(&m_identifier, &m_io), &m_services));
+    connect(&m_io, SIGNAL(changed()), SLOT(sendIo()));
     registerNetworkTests();
     connect(&m_signOfLife, SIGNAL(timeout()), SLOT(sendSignOfLife()));
     m_signOfLife.start(MillisecondsBetweenSignsOfLife);
@@ -104,6 +109,11 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
 void DemoDevice::sendSignOfLife()
 {
     m_streams.sendToAll("alive", QVariant());
+}
+
+void DemoDevice::sendIo()
+{
+    m_streams.sendToAll("io", IoRequestProcessor::document(m_io));
 }
 
 void DemoDevice::registerNetworkTests()

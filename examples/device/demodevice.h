@@ -1,6 +1,7 @@
 #ifndef DEMODEVICE_DEMODEVICE_H
 #define DEMODEVICE_DEMODEVICE_H
 
+#include "ioboard.h"
 #include "networkevents.h"
 #include "timetable.h"
 #include "timezonesetting.h"
@@ -35,8 +36,8 @@ struct DemoDeviceSettings
 };
 
 /**
- * The demo device's services: every web service of the library, a timetable, the device's own state and a stream
- * of live events, behind one login.
+ * The demo device's services: every web service of the library, a timetable, simulated inputs and outputs, the
+ * device's own state and a stream of live events, behind one login.
  */
 class DemoDevice : public QObject
 {
@@ -54,6 +55,7 @@ public:
 
 private slots:
     void sendSignOfLife();
+    void sendIo();
 
 private:
     Q_DISABLE_COPY(DemoDevice)
@@ -63,6 +65,7 @@ private:
     NBuildrootUclibcTimeZoneDatabase m_timeZones;
     TimeZoneSetting m_timeZone;
     Timetable m_timetable;
+    IoBoard m_io;
     NFreePackagesList m_packages;
     NUciCursor m_proxyConfiguration;
     NNetworkProxyParameters m_proxy;
