@@ -10,11 +10,11 @@ from browser import PageTestCase
 from demo_device import Client, Demo
 from selenium.webdriver.common.keys import Keys
 
-VIEWS = {"#device": "Device", "#time-zones": "Time zones", "#timetable": "Timetable", "#proxy": "Proxy", "#ping": "Ping",
-         "#traceroute": "Traceroute", "#packages": "Packages"}
+VIEWS = {"#device": "Device", "#time-zones": "Time zones", "#timetable": "Timetable", "#io": "Inputs and outputs",
+         "#proxy": "Proxy", "#ping": "Ping", "#traceroute": "Traceroute", "#packages": "Packages"}
 PACKAGE_COUNT = 500
-SECTIONS = {"#device": ".device", "#time-zones": ".time-zones", "#timetable": ".timetable", "#proxy": ".proxy",
-            "#ping": ".network-test", "#traceroute": ".network-test", "#packages": ".packages"}
+SECTIONS = {"#device": ".device", "#time-zones": ".time-zones", "#timetable": ".timetable", "#io": ".io",
+            "#proxy": ".proxy", "#ping": ".network-test", "#traceroute": ".network-test", "#packages": ".packages"}
 
 # The services of ping and traceroute answer so while there is no run.
 NO_RUN = "section=state - Failed to load resource: the server responded with a status of 404 (Not Found)"
@@ -115,7 +115,8 @@ class ViewsTest(SignedInTestCase):
 
     def test_borders_of_controls_can_be_seen(self):
         browser = self.browser
-        for address in ("#device", "#time-zones/", "#Europe/Paris", "#timetable", "#proxy", "#ping", "#traceroute", "#packages"):
+        for address in ("#device", "#time-zones/", "#Europe/Paris", "#timetable", "#io", "#proxy", "#ping", "#traceroute",
+                        "#packages"):
             self.open(address)
             for scheme in ("light", "dark"):
                 with self.subTest(scheme=scheme, view=address):

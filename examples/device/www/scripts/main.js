@@ -4,6 +4,7 @@ import { DeviceClient } from "./client.js";
 import { ConnectionWatch } from "./connection-watch.js";
 import { deviceView } from "./device-view.js";
 import { element } from "./dom.js";
+import { ioView } from "./io-view.js";
 import { LiveEvents } from "./live-events.js";
 import { showLogin } from "./login-view.js";
 import { packagesView } from "./packages-view.js";
@@ -21,7 +22,7 @@ import { tracerouteView } from "./traceroute-view.js";
  *   opening reports its progress with loading.report(text), and ends when the AbortSignal loading.stop does. A view that
  *   follows what happens on the device starts and stops loading.live, which are LiveEvents.
  */
-const VIEWS = [deviceView, timeZonesView, timetableView, proxyView, pingView, tracerouteView, packagesView];
+const VIEWS = [deviceView, timeZonesView, timetableView, ioView, proxyView, pingView, tracerouteView, packagesView];
 
 const DEVICE_TITLE = document.title;
 
