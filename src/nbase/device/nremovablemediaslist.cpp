@@ -1,0 +1,8 @@
+#include <nbase/device/nremovablemediaslist.h>
+
+NRemovableMediasList::NRemovableMediasList(QObject* parent)
+    : QObject(parent)
+{
+}
+
+NRemovableMediasList::~NRemovableMediasList() {}
