@@ -79,6 +79,13 @@ Invocation opening(const char* path, int flags)
     return invocation;
 }
 
+Invocation describing(const char* path, void* statistics)
+{
+    Invocation invocation = onPath(Statvfs, "statvfs", path);
+    invocation.argument = statistics;
+    return invocation;
+}
+
 Invocation renaming(const char* path, const char* newPath)
 {
     Invocation invocation = onPath(Rename, "rename", path);
@@ -354,6 +361,19 @@ HOOK(int, nTcdrain, "tcdrain", (int file))
 HOOK(long, nFpathconf, "fpathconf", (int file, int name))
 {
     INTERCEPT(Fpathconf, nFpathconf, "fpathconf", querying(file, name), file, name);
+}
+
+// The variants' structures differ on some machines; a function of the test fills the one that its file is compiled
+// for.
+
+HOOK(int, nStatvfs, "statvfs", (const char* path, void* statistics))
+{
+    INTERCEPT(Statvfs, nStatvfs, "statvfs", describing(path, statistics), path, statistics);
+}
+
+HOOK(int, nStatvfs64, "statvfs64", (const char* path, void* statistics))
+{
+    INTERCEPT(Statvfs, nStatvfs64, "statvfs64", describing(path, statistics), path, statistics);
 }
 
 // These two return the error number instead of setting errno.

@@ -45,7 +45,8 @@ enum Call {
     PthreadCreate = 1 << 15,
     Sleep = 1 << 16, /**< usleep(), nanosleep(), clock_nanosleep() */
     Tcdrain = 1 << 17,
-    Fpathconf = 1 << 18
+    Fpathconf = 1 << 18,
+    Statvfs = 1 << 19
 };
 
 /** A call as a rule sees it. What a function does not have is -1, null or 0. */
@@ -60,7 +61,8 @@ struct Invocation
     qint64 offset;         /**< of pread() and pwrite() */
     size_t size;           /**< of a transfer */
     unsigned long request; /**< of ioctl() */
-    void* argument; /**< the buffer of a transfer, the last argument of ioctl() and the terminal functions */
+    void* argument;        /**< the buffer of a transfer, the last argument of ioctl(), statvfs() and the terminal
+                              functions */
 };
 
 /**

@@ -17,6 +17,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/time.h>
 #include <termios.h>
 #include <time.h>
@@ -56,6 +57,7 @@ private slots:
     void transfersAreShort();
     void ioctlIsAnsweredByRequest();
     void terminalSettingsAreAnswered();
+    void statisticsAreAnswered();
     void answerSetsErrno();
     void noticeComesBeforeTheCall();
     void callIsBlockedUntilItIsReleased();
@@ -137,14 +139,14 @@ QByteArray tst_NSystemCalls::path(const char* name) const
 
 void tst_NSystemCalls::functionsComeBeforeTheCLibrarys_data()
 {
-    const char* const names[] = {"open",           "open64",        "openat",       "openat64", "__open_2",
-                                 "__open64_2",     "__openat_2",    "__openat64_2", "close",    "read",
-                                 "__read_chk",     "write",         "pread",        "pread64",  "__pread_chk",
-                                 "pwrite",         "__pread64_chk", "pwrite64",     "fsync",    "fdatasync",
-                                 "rename",         "renameat",      "renameat2",    "unlink",   "unlinkat",
-                                 "mmap",           "mmap64",        "flock",        "ioctl",    "tcgetattr",
-                                 "tcsetattr",      "usleep",        "nanosleep",    "time",     "clock_nanosleep",
-                                 "pthread_create", "clock_gettime", "gettimeofday", "tcdrain",  "fpathconf"};
+    const char* const names[] = {
+        "open",          "open64",       "openat",      "openat64",  "__open_2",        "__open64_2",
+        "__openat_2",    "__openat64_2", "close",       "read",      "__read_chk",      "write",
+        "pread",         "pread64",      "__pread_chk", "pwrite",    "__pread64_chk",   "pwrite64",
+        "fsync",         "fdatasync",    "rename",      "renameat",  "renameat2",       "unlink",
+        "unlinkat",      "mmap",         "mmap64",      "flock",     "ioctl",           "tcgetattr",
+        "tcsetattr",     "usleep",       "nanosleep",   "time",      "clock_nanosleep", "pthread_create",
+        "clock_gettime", "gettimeofday", "tcdrain",     "fpathconf", "statvfs",         "statvfs64"};
     QTest::addColumn<QByteArray>("name");
     for (const char* name : names)
         QTest::newRow(name) << QByteArray(name);
@@ -241,6 +243,16 @@ void tst_NSystemCalls::faultFailsItsFunctionsOnly_data()
     add("fpathconf", Fpathconf, [this]() {
         errno = 0;
         return ::fpathconf(m_file, _PC_NAME_MAX);
+    });
+    add("statvfs", Statvfs, []() {
+        // Larger than the structure of either variant.
+        char statistics[1024];
+        return function<int(const char*, void*)>("statvfs")("/", statistics);
+    });
+    add("statvfs64", Statvfs, []() {
+        struct statvfs64 statistics;
+        const int result = function<int(const char*, void*)>("statvfs64")("/", &statistics);
+        return result < 0 || statistics.f_frsize > 0 ? result : -2;
     });
     add("pthread_create", PthreadCreate, []() {
         pthread_t thread;
@@ -464,6 +476,17 @@ void tst_NSystemCalls::terminalSettingsAreAnswered()
         return invocation.flags == _PC_VDISABLE ? 0x7f : -1;
     });
     QCOMPARE(::fpathconf(m_file, _PC_VDISABLE), 0x7fL);
+}
+
+void tst_NSystemCalls::statisticsAreAnswered()
+{
+    const Answer answer(Calls(Statvfs).onPath("/"), [](const Invocation& invocation) {
+        static_cast<struct statvfs*>(invocation.argument)->f_blocks = 12345;
+        return 0;
+    });
+    struct statvfs statistics;
+    QCOMPARE(::statvfs("/", &statistics), 0);
+    QCOMPARE(quint64(statistics.f_blocks), Q_UINT64_C(12345));
 }
 
 void tst_NSystemCalls::answerSetsErrno()
