@@ -507,6 +507,9 @@ void tst_NRemovableMedia::rootDirectoryEntry_data()
     add("file", entry("FILE", 0x20), "BOOT", "");
     add("folder", entry("FOLDER", 0x10), "BOOT", "");
     add("all attributes but that of a label", entry("FILE", 0xF7), "BOOT", "");
+    // blkid looks through the whole directory.
+    add("label behind a file", entry("FILE", 0x20) + entry("SECOND"), "BOOT", "SECOND");
+    add("label behind a label", entry("FIRST") + entry("SECOND"), "FIRST", "FIRST");
     // An empty label is one.
     add("blanks", entry(""), "", "");
     // Only blkid takes names that begin with a dot.
