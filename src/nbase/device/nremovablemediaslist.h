@@ -18,6 +18,7 @@ class NBASE_EXPORT NRemovableMediasList : public QObject
     Q_OBJECT
 
 public:
+    /** For derived classes. */
     explicit NRemovableMediasList(QObject* parent = nullptr);
     ~NRemovableMediasList() override;
 
