@@ -6,7 +6,6 @@ namespace {
 
 const int LabelSize = 11;
 const int TypeSize = 8;
-const quint32 MaximumSectorsPerCluster = 128;
 const uchar ExtendedBootSignature = 0x29;
 
 // Of a directory entry.
@@ -94,11 +93,11 @@ NFatVolumeLabel::BootSector NFatVolumeLabel::parseBootSector(const char* bytes)
     if (byteAt(bytes, 510) != 0x55 || byteAt(bytes, 511) != 0xAA)
         return sector;
     const quint32 bytesPerSector = wordAt(bytes, 11);
-    const quint32 sectorsPerCluster = byteAt(bytes, 13);
+    const quint32 sectorsPerCluster = byteAt(bytes, 13); // a byte that is a power of 2 is at most 128, the limit
     const quint32 reservedSectors = wordAt(bytes, 14);
     const quint32 fats = byteAt(bytes, 16);
-    if (!NFatVolumeLabel::isPowerOf2(bytesPerSector) || sectorsPerCluster > MaximumSectorsPerCluster ||
-        !NFatVolumeLabel::isPowerOf2(sectorsPerCluster) || reservedSectors == 0 || fats == 0)
+    if (!NFatVolumeLabel::isPowerOf2(bytesPerSector) || !NFatVolumeLabel::isPowerOf2(sectorsPerCluster) ||
+        reservedSectors == 0 || fats == 0)
         return sector;
     const Layout layout = layoutOf(bytes);
     if (!isValidLayout(bytes, layout))
