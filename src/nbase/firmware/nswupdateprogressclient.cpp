@@ -26,6 +26,8 @@ QString progressPath()
 NSWUpdateProgressClient::NSWUpdateProgressClient(const QString& socketName, QObject* parent)
     : QObject(parent)
     , m_socketName(socketName)
+    , m_socket(this)
+    , m_reconnectionTimer(this)
     , m_recordLayout(Record2400)
     , m_isGreetingExpected(true)
 {
@@ -35,6 +37,8 @@ NSWUpdateProgressClient::NSWUpdateProgressClient(const QString& socketName, QObj
 NSWUpdateProgressClient::NSWUpdateProgressClient(QObject* parent)
     : QObject(parent)
     , m_socketName(progressPath())
+    , m_socket(this)
+    , m_reconnectionTimer(this)
     , m_recordLayout(Record2400)
     , m_isGreetingExpected(true)
 {

@@ -170,7 +170,13 @@ QString ProgressRecord::text() const
 
 QString ProgressRecord::announcedText() const
 {
-    return number(m_bytes + m_layout.stepCountOffset + TextLengthDistance) == 0 ? QString() : text();
+    const quint32 length = number(m_bytes + m_layout.stepCountOffset + TextLengthDistance);
+    if (length == 0)
+        return QString();
+    // Daemons with versioned records do not terminate the text of an install request, which overwrites the
+    // beginning of the previous one.
+    const int size = m_layout.isVersioned ? int(qMin(length, quint32(TextSize))) : TextSize;
+    return ::text(m_bytes + m_layout.stepCountOffset + TextDistance, size);
 }
 
 } // namespace NSWUpdateRecords

@@ -85,7 +85,7 @@ public:
     NSWUpdate::Source source() const;
     /** The text field whatever its length says; the daemon leaves the previous text in it. */
     QString text() const;
-    /** The text, empty when its length is 0. Other lengths do not limit it. */
+    /** The text, empty when its length is 0. Other lengths limit it in versioned records only. */
     QString announcedText() const;
 
 private:

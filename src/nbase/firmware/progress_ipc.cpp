@@ -12,7 +12,7 @@
 
 namespace {
 
-const useconds_t ReconnectionInterval = 10 * 1000;
+const useconds_t ConnectionRetryInterval = 10 * 1000;
 
 char defaultProgressPath[] = "/tmp/swupdateprog";
 
@@ -61,7 +61,7 @@ int progress_ipc_connect(bool reconnect)
             fprintf(stderr, "cannot communicate with SWUpdate via %s\n", SOCKET_PROGRESS_PATH);
             exit(EXIT_FAILURE);
         }
-        ::usleep(ReconnectionInterval);
+        ::usleep(ConnectionRetryInterval);
     }
 }
 

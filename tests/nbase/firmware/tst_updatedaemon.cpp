@@ -1,0 +1,149 @@
+#include <nbase/firmware/nswupdateinstaller.h>
+
+#include "support/ntemporarydirectory.h"
+#include "support/ntestwait.h"
+
+#include <nsystem/nlatin1_p.h>
+
+#include <QtCore/QFile>
+#include <QtCore/QProcess>
+#include <QtTest/QSignalSpy>
+#include <QtTest/QtTest>
+
+// The program of the stand-in daemon.
+class tst_UpdateDaemon : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void helpIsPrinted();
+    void wrongOptionIsRefused_data();
+    void wrongOptionIsRefused();
+    void packageIsInstalled();
+    void optionsAreReadFromStandardInput();
+    void terminationRemovesTheSockets();
+
+private:
+    void start(const char* options);
+    QByteArray command(const char* line);
+    QString path(const char* name) const { return m_directory->filePath(latin1(name)); }
+
+    std::unique_ptr<NTemporaryDirectory> m_directory;
+    QProcess m_program;
+};
+
+void tst_UpdateDaemon::init()
+{
+    m_directory.reset(new NTemporaryDirectory);
+}
+
+void tst_UpdateDaemon::cleanup()
+{
+    if (m_program.state() != QProcess::NotRunning) {
+        m_program.terminate();
+        m_program.waitForFinished();
+    }
+    m_directory.reset();
+}
+
+void tst_UpdateDaemon::start(const char* options)
+{
+    QStringList arguments = QStringList() << path("control") << path("progress");
+    if (options[0] != '\0')
+        arguments += latin1(options).split(QLatin1Char(' '));
+    m_program.start(latin1(UPDATER_PROGRAM), arguments);
+    NTRY_VERIFY(m_program.canReadLine());
+    QCOMPARE(m_program.readLine(), QByteArray("ready\n"));
+}
+
+QByteArray tst_UpdateDaemon::command(const char* line)
+{
+    m_program.write(QByteArray(line) + '\n');
+    NTest::waitUntil([this]() { return m_program.canReadLine(); });
+    return m_program.readLine();
+}
+
+void tst_UpdateDaemon::helpIsPrinted()
+{
+    m_program.start(latin1(UPDATER_PROGRAM), QStringList() << latin1("--help"));
+    QVERIFY(m_program.waitForFinished());
+    QCOMPARE(m_program.exitCode(), 0);
+    QVERIFY(m_program.readAllStandardOutput().startsWith("usage: nbase-demo-updater "));
+}
+
+void tst_UpdateDaemon::wrongOptionIsRefused_data()
+{
+    QTest::addColumn<QString>("option");
+    QTest::newRow("unknown") << latin1("--unknown 1");
+    QTest::newRow("without dashes") << latin1("steps 1");
+    QTest::newRow("without value") << latin1("--steps");
+    QTest::newRow("no number") << latin1("--steps many");
+    QTest::newRow("negative") << latin1("--steps -1");
+    QTest::newRow("other size") << latin1("--control-size 2073");
+    QTest::newRow("unknown fault") << latin1("--fault image=explode");
+    QTest::newRow("unknown point") << latin1("--fault moon=silence");
+}
+
+void tst_UpdateDaemon::wrongOptionIsRefused()
+{
+    QFETCH(QString, option);
+    m_program.start(
+        latin1(UPDATER_PROGRAM), QStringList()
+                                     << path("control") << path("progress") << option.split(QLatin1Char(' ')));
+    QVERIFY(m_program.waitForFinished());
+    QCOMPARE(m_program.exitCode(), 1);
+    QVERIFY(m_program.readAllStandardError().startsWith("usage: "));
+    QVERIFY(!QFile::exists(path("control")));
+}
+
+void tst_UpdateDaemon::packageIsInstalled()
+{
+    start("--step-time 10");
+    NSWUpdateInstaller installer(path("control"), nullptr);
+    QSignalSpy finished(&installer, SIGNAL(finished(bool)));
+    QVERIFY(installer.startImageInstallation("image", 5, QString()));
+    NTRY_COMPARE(finished.size(), 1);
+    QVERIFY(finished.first().first().toBool());
+    QVERIFY(installer.sendPostUpdate());
+}
+
+void tst_UpdateDaemon::optionsAreReadFromStandardInput()
+{
+    start("--step-time 10");
+    const QString output = path("output");
+    QCOMPARE(command(("fail-step 1 output " + QFile::encodeName(output)).constData()), QByteArray("ok\n"));
+    NSWUpdateInstaller installer(path("control"), nullptr);
+    QSignalSpy finished(&installer, SIGNAL(finished(bool)));
+    QVERIFY(installer.startImageInstallation("image", 5, QString()));
+    NTRY_COMPARE(finished.size(), 1);
+    QVERIFY(!finished.first().first().toBool());
+    QFile file(output);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("image"));
+
+    QCOMPARE(command("unknown 1"), QByteArray("unknown option or wrong value\n"));
+    QCOMPARE(command("reset"), QByteArray("ok\n"));
+    QCOMPARE(command("fault install=refuse"), QByteArray("ok\n"));
+    QVERIFY(!installer.startInstallation(QString()));
+    QCOMPARE(command("fault post-update=rubbish"), QByteArray("ok\n"));
+    QVERIFY(!installer.sendPostUpdate());
+    QCOMPARE(command("fault none"), QByteArray("ok\n"));
+    QVERIFY(installer.sendPostUpdate());
+}
+
+void tst_UpdateDaemon::terminationRemovesTheSockets()
+{
+    start("");
+    QVERIFY(QFile::exists(path("control")));
+    m_program.terminate();
+    QVERIFY(m_program.waitForFinished());
+    QCOMPARE(m_program.exitCode(), 0);
+    QVERIFY(!QFile::exists(path("control")));
+    QVERIFY(!QFile::exists(path("progress")));
+}
+
+QTEST_MAIN(tst_UpdateDaemon)
+#include "tst_updatedaemon.moc"
