@@ -15,7 +15,7 @@ packages_for() {
         test)
             packages_for demo
             echo libfcgi-dev libfcgi-bin rsyslog procps sqlite3 dosfstools iputils-ping traceroute iproute2
-            echo tinyproxy-bin microsocks openssl
+            echo tinyproxy-bin microsocks openssl swupdate cpio
             echo python3 python3-selenium chromium chromium-driver fonts-dejavu-core librsvg2-bin
             ;;
         check)
@@ -29,7 +29,7 @@ packages_for() {
     esac
 }
 
-services="lighttpd rsyslog"
+services="lighttpd rsyslog swupdate"
 start_policy=/usr/sbin/policy-rc.d
 
 is_installed() {

@@ -35,7 +35,8 @@ private slots:
     void writerMayBeDeletedInItsSignals_data();
     void writerMayBeDeletedInItsSignals();
 
-private slots:
+public slots:
+    // Not private, or they would be tests.
     void bytesWritten() { note("bytes"); }
     void imageWritten() { note("image"); }
     void disconnected() { note("disconnected"); }
