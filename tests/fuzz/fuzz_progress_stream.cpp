@@ -23,7 +23,6 @@ namespace {
 const size_t MaximumSize = 16384;
 
 const int Sizes[] = {2400, 2416, 2408};
-const int StepOffsets[] = {12, 24, 20};
 
 int server = -1;
 QByteArray path;
