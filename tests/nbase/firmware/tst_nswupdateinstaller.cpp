@@ -4,6 +4,7 @@
 #include "nscripteddaemon.h"
 #include "nupdatedaemonthread.h"
 
+#include "support/nregisteredtimers.h"
 #include "support/nsystemcalls.h"
 #include "support/ntestwait.h"
 
@@ -16,10 +17,15 @@
 #include <QtTest/QtTest>
 
 #include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 using NSystemCalls::Calls;
 using NSystemCalls::Fault;
@@ -50,8 +56,8 @@ QList<int> singleShotIntervals()
     QList<int> intervals;
     QAbstractEventDispatcher* const dispatcher = QAbstractEventDispatcher::instance();
     for (QObject* timer : dispatcher->findChildren<QObject*>()) {
-        for (const QAbstractEventDispatcher::TimerInfo& info : dispatcher->registeredTimers(timer))
-            intervals.append(info.interval);
+        for (const QPair<int, int>& registered : NTest::registeredTimers(timer))
+            intervals.append(registered.second);
     }
     return intervals;
 }
@@ -163,6 +169,8 @@ private slots:
     void replyThatEndsEarlyIsAFailedExchange();
     void replyThatStopsIsAFailedExchange_data();
     void replyThatStopsIsAFailedExchange();
+    void daemonMayNotAcceptTheConnection_data();
+    void daemonMayNotAcceptTheConnection();
     void replyMayComeInPieces_data();
     void replyMayComeInPieces();
     void wholeReplyCountsThoughTheConnectionEnds();
@@ -338,9 +346,7 @@ void tst_NSWUpdateInstaller::replyThatEndsEarlyIsAFailedExchange()
     QFETCH(int, request);
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    // Each status poll needs an installation.
-    const int step = request == 3 ? 7 : 1;
-    for (int size = 0; size < 2072; size += step) {
+    for (int size = 0; size < 2072;) {
         if (request == 3)
             m_daemon->addReply(m_daemon->acknowledgement());
         m_daemon->addReply(m_daemon->status(0, 3).left(size), NScriptedDaemon::Close);
@@ -353,6 +359,8 @@ void tst_NSWUpdateInstaller::replyThatEndsEarlyIsAFailedExchange()
             QCOMPARE(receiver.take(), QStringList() << latin1("finished!"));
         }
         runDeletions();
+        // An installation for each status reply takes longer than the other requests.
+        size += request == 3 && size > 24 && size < 2064 ? 7 : 1;
     }
 }
 
@@ -376,6 +384,41 @@ void tst_NSWUpdateInstaller::replyThatStopsIsAFailedExchange()
     NTRY_COMPARE(m_daemon->endedConnections(), 2);
     installer.setWaitTime(30000);
     QVERIFY(installer.startInstallation(QString()));
+}
+
+void tst_NSWUpdateInstaller::daemonMayNotAcceptTheConnection_data()
+{
+    QTest::addColumn<bool>("isQueueFull");
+    QTest::newRow("queued") << false;
+    QTest::newRow("queue full") << true;
+}
+
+void tst_NSWUpdateInstaller::daemonMayNotAcceptTheConnection()
+{
+    QFETCH(bool, isQueueFull);
+    const QByteArray path = QFile::encodeName(m_directory.filePath(latin1("hanging")));
+    struct sockaddr_un address;
+    memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path.constData(), size_t(path.size()));
+    const struct sockaddr* const name = reinterpret_cast<const struct sockaddr*>(&address);
+    const int flags = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+    NFileDescriptor server(::socket(AF_UNIX, flags, 0));
+    QCOMPARE(::bind(server.number(), name, sizeof(address)), 0);
+    QCOMPARE(::listen(server.number(), 2), 0);
+    std::vector<NFileDescriptor> others;
+    while (isQueueFull) {
+        others.push_back(NFileDescriptor(::socket(AF_UNIX, flags, 0)));
+        if (::connect(others.back().number(), name, sizeof(address)) != 0)
+            break;
+    }
+    NSWUpdateInstaller installer(QFile::decodeName(path), nullptr);
+    installer.setWaitTime(ShortWait);
+    QVERIFY(!installer.startInstallation(QString()));
+    QVERIFY(!installer.sendPostUpdate());
+    runDeletions();
+    server.reset();
+    ::unlink(path.constData());
 }
 
 void tst_NSWUpdateInstaller::replyMayComeInPieces_data()

@@ -8,7 +8,6 @@
 
 #include <nsystem/nlatin1_p.h>
 
-#include <QtCore/QCryptographicHash>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
 #include <QtTest/QtTest>
@@ -59,7 +58,9 @@ public slots:
 
 private:
     QString path(const char* name) const { return m_directory.filePath(latin1(name)); }
-    bool run(const char* program, const QString& arguments, const QByteArray& input = QByteArray());
+    bool
+    run(const char* program, const QString& arguments, const QByteArray& input = QByteArray(),
+        QByteArray* output = nullptr);
     QByteArray makePackage(const QByteArray& payload, const QByteArray& hashed);
     void startDaemon();
     void verifyInstalled();
@@ -139,15 +140,18 @@ void tst_SWUpdate::init()
     QFile::remove(path("installed"));
 }
 
-bool tst_SWUpdate::run(const char* program, const QString& arguments, const QByteArray& input)
+bool tst_SWUpdate::run(const char* program, const QString& arguments, const QByteArray& input, QByteArray* output)
 {
     QProcess process;
     process.setWorkingDirectory(m_directory.path());
     process.start(latin1(program), arguments.split(QLatin1Char(' ')));
     process.write(input);
     process.closeWriteChannel();
-    if (process.waitForFinished() && process.exitCode() == 0)
+    if (process.waitForFinished() && process.exitCode() == 0) {
+        if (output)
+            *output = process.readAllStandardOutput();
         return true;
+    }
     qWarning("%s: %s", program, process.readAllStandardError().constData());
     return false;
 }
@@ -155,7 +159,11 @@ bool tst_SWUpdate::run(const char* program, const QString& arguments, const QByt
 // A cpio archive (SWUpdate, "SWUpdate: syntax and tags with the default parser") with a file and its hash.
 QByteArray tst_SWUpdate::makePackage(const QByteArray& payload, const QByteArray& hashed)
 {
-    const QByteArray hash = QCryptographicHash::hash(hashed, QCryptographicHash::Sha256).toHex();
+    QByteArray hash;
+    m_directory.writeFile(latin1("payload"), hashed);
+    if (!run("openssl", latin1("dgst -sha256 -r payload"), QByteArray(), &hash))
+        return QByteArray();
+    hash.truncate(hash.indexOf(' '));
     m_directory.writeFile(latin1("payload"), payload);
     m_directory.writeFile(
         latin1("sw-description"), "software = { version = \"1.2.3\"; hardware-compatibility: [ \"1.0\" ];\n"

@@ -10,6 +10,8 @@
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
 
+#include <memory>
+
 // The program of the stand-in daemon.
 class tst_UpdateDaemon : public QObject
 {
@@ -24,6 +26,8 @@ private slots:
     void wrongOptionIsRefused();
     void packageIsInstalled();
     void optionsAreReadFromStandardInput();
+    void exampleInstallsAPackage_data();
+    void exampleInstallsAPackage();
     void terminationRemovesTheSockets();
 
 private:
@@ -132,6 +136,32 @@ void tst_UpdateDaemon::optionsAreReadFromStandardInput()
     QVERIFY(!installer.sendPostUpdate());
     QCOMPARE(command("fault none"), QByteArray("ok\n"));
     QVERIFY(installer.sendPostUpdate());
+}
+
+void tst_UpdateDaemon::exampleInstallsAPackage_data()
+{
+    QTest::addColumn<QByteArray>("failure");
+    QTest::addColumn<int>("exitCode");
+    QTest::newRow("success") << QByteArray("--fail-step 0") << 0;
+    QTest::newRow("failure") << QByteArray("--fail-step 2") << 1;
+}
+
+void tst_UpdateDaemon::exampleInstallsAPackage()
+{
+    QFETCH(QByteArray, failure);
+    QFETCH(int, exitCode);
+    start(("--control-size 3120 --progress-size 2416 --steps 2 --step-time 100 " + failure).constData());
+    QProcess example;
+    example.start(
+        latin1(EXAMPLE_PROGRAM), QStringList() << path("control") << path("progress")
+                                               << m_directory->writeFile(latin1("package"), "image"));
+    QVERIFY(example.waitForFinished());
+    QCOMPARE(example.exitCode(), exitCode);
+    const QByteArray output = example.readAllStandardOutput();
+    QVERIFY(output.contains("step 1 of 2, image-1.bin: 100 %\n"));
+    QCOMPARE(output.contains("status 3: SWUPDATE successful !\n"), exitCode == 0);
+    QCOMPARE(output.contains("status 4, error: Image invalid or corrupted. Not installing ...\n"), exitCode == 1);
+    QVERIFY(output.endsWith("status 0: Waiting for requests...\n"));
 }
 
 void tst_UpdateDaemon::terminationRemovesTheSockets()
