@@ -31,6 +31,7 @@ public:
     qint64 write(const QByteArray& data);
     /** @} */
 
+public slots:
     /**
      * Declares the image complete; the installation follows when the queue is empty. Also ends a writer whose
      * connection has been lost. Calls after the first have no effect.
@@ -41,8 +42,7 @@ signals:
     /** Everything that has been written so far is sent. */
     void bytesWritten();
 
-    /** The daemon has closed the connection; the image cannot be continued. The one who writes calls endWriting().
-     */
+    /** The daemon has closed the connection; the image cannot be continued. The caller calls endWriting(). */
     void imageWritingSocketDisconnected();
 
     /** Writing has ended and the queue is empty or lost. Emitted once. */
