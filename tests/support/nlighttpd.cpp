@@ -93,6 +93,15 @@ quint16 NLighttpd::port() const
     return m_port;
 }
 
+qint64 NLighttpd::processId() const
+{
+#if QT_VERSION < QT_VERSION_CHECK(5, 0, 0)
+    return m_process.pid();
+#else
+    return m_process.processId();
+#endif
+}
+
 QString NLighttpd::url(const QString& path) const
 {
     return QString::fromLatin1("http://127.0.0.1:%1").arg(m_port) + path;

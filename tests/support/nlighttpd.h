@@ -37,6 +37,7 @@ public:
     QByteArray spawnedFastCgi(const QString& prefix, const QString& program);
 
     quint16 port() const;
+    qint64 processId() const;
 
     /** The address of @a path, for example "http://127.0.0.1:40001/test". */
     QString url(const QString& path) const;

@@ -60,6 +60,7 @@ NFirmwareUpdateFcgiRequestProcessor::NFirmwareUpdateFcgiRequestProcessor(
     , m_currentStep(0)
     , m_stepPercentage(0)
     , m_success(false)
+    , m_postUpdateTimer(this)
 {
     setServedMethods(GetMethod | PostMethod);
     m_postUpdateTimer.setSingleShot(true);

@@ -32,6 +32,7 @@ void setNumber(QByteArray& record, int offset, quint32 value)
 NScriptedDaemon::NScriptedDaemon(int recordSize)
     : m_recordSize(recordSize)
     , m_server(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    , m_isHeld(false)
     , m_imageLimit(-1)
     , m_endedConnections(0)
 {
@@ -56,6 +57,7 @@ NScriptedDaemon::NScriptedDaemon(int recordSize)
 NScriptedDaemon::~NScriptedDaemon()
 {
     m_stopWriter.reset();
+    continueImages();
     m_thread.join();
     for (std::thread& connection : m_connections)
         connection.join();
@@ -103,12 +105,31 @@ void NScriptedDaemon::closeImageAfter(qint64 bytes)
     m_imageLimit = bytes;
 }
 
+void NScriptedDaemon::holdImages()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isHeld = true;
+}
+
+void NScriptedDaemon::continueImages()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isHeld = false;
+    m_continued.notify_all();
+}
+
 QList<QByteArray> NScriptedDaemon::takeRequests()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const QList<QByteArray> requests = m_requests;
     m_requests.clear();
     return requests;
+}
+
+int NScriptedDaemon::requestCount() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_requests.size();
 }
 
 QByteArray NScriptedDaemon::image() const
@@ -179,6 +200,7 @@ void NScriptedDaemon::readImage(int socket)
 {
     char bytes[16384];
     while (waitForInput(socket)) {
+        waitWhileHeld();
         const ssize_t count = NSystem::read(socket, bytes, sizeof(bytes));
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (count <= 0) {
@@ -189,4 +211,10 @@ void NScriptedDaemon::readImage(int socket)
         if (m_imageLimit >= 0 && m_image.size() >= m_imageLimit)
             return;
     }
+}
+
+void NScriptedDaemon::waitWhileHeld()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_continued.wait(lock, [this]() { return !m_isHeld; });
 }

@@ -40,8 +40,13 @@ public:
     /** Makes the daemon close the connection of an image when so many bytes of it have come. */
     void closeImageAfter(qint64 bytes);
 
+    /** Makes the daemon stop reading images, after what it is reading now, until continueImages(). */
+    void holdImages();
+    void continueImages();
+
     /** The requests since the last time. */
     QList<QByteArray> takeRequests();
+    int requestCount() const;
 
     QByteArray image() const;
     /** How many connections have been closed by the other end. */
@@ -61,6 +66,7 @@ private:
     bool waitForInput(int socket) const;
     Reply takeReply(const QByteArray& request);
     void readImage(int socket);
+    void waitWhileHeld();
 
     const int m_recordSize;
     NTemporaryDirectory m_directory;
@@ -68,6 +74,8 @@ private:
     NFileDescriptor m_stopReader; ///< ends when the writer is closed
     NFileDescriptor m_stopWriter;
     mutable std::mutex m_mutex;
+    std::condition_variable m_continued;
+    bool m_isHeld;
     QList<Reply> m_replies;
     QList<QByteArray> m_requests;
     QByteArray m_image;
