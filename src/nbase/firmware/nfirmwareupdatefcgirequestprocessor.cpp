@@ -20,6 +20,9 @@ typedef NFirmwareUpdateFcgiRequestProcessor FirmwareProcessor;
 
 const unsigned int UploadChunkSize = 4096;
 
+// So many chunks fill a block of a socket's queue, which is sent with one call.
+const int ChunksAtATime = 4;
+
 // The daemon's post-update command usually restarts the device; before it, clients have time to read the result.
 const int PostUpdateDelay = 500;
 
@@ -244,16 +247,31 @@ void NFirmwareUpdateFcgiRequestProcessor::startUpload(const Upload& form)
     imageBytesWritten(writer);
 }
 
-// Passes on the next bytes of the package; the writer must have passed on those before.
+// Passes on what has arrived of the package while the daemon takes it at once. When the client pauses,
+// formAvailable() continues, and when the daemon does, bytesWritten() of the writer. What the connection holds of
+// the body bounds the number of turns. Receivers of the signals that flush() emits may end the upload.
 void NFirmwareUpdateFcgiRequestProcessor::imageBytesWritten(NSwUpdateInstallerImageWriter* writer)
 {
+    const QPointer<NFirmwareUpdateFcgiRequestProcessor> self(this);
+    while (writer->flush() && self && m_uploads.contains(writer) && pushChunks(writer)) {
+    }
+}
+
+// Hands the next bytes to the writer, whose queue must be empty. Returns whether there were any and the upload
+// continues; when it does not, this object may have been deleted.
+bool NFirmwareUpdateFcgiRequestProcessor::pushChunks(NSwUpdateInstallerImageWriter* writer)
+{
     NwaCgiMultipartFormDataReader* const reader = m_uploads.value(writer).second;
-    const QByteArray chunk = reader->readFromPart(UploadChunkSize);
-    // When the client pauses, formAvailable() continues.
-    if (chunk.isEmpty() && reader->isWaiting())
-        return;
-    if (chunk.isEmpty() || writer->write(chunk) < 0)
-        endUpload(writer);
+    for (int count = 0; count < ChunksAtATime; ++count) {
+        const QByteArray chunk = reader->readFromPart(UploadChunkSize);
+        if (chunk.isEmpty() && reader->isWaiting())
+            return count > 0;
+        if (chunk.isEmpty() || writer->write(chunk) < 0) {
+            endUpload(writer);
+            return false;
+        }
+    }
+    return true;
 }
 
 void NFirmwareUpdateFcgiRequestProcessor::endUpload(NSwUpdateInstallerImageWriter* writer)

@@ -132,6 +132,7 @@ private:
     void readForm(const Upload& form);
     void startUpload(const Upload& form);
     void imageBytesWritten(NSwUpdateInstallerImageWriter* writer);
+    bool pushChunks(NSwUpdateInstallerImageWriter* writer);
     void endUpload(NSwUpdateInstallerImageWriter* writer);
     void answerUpload(const Upload& upload) const;
     NSwUpdateInstallerImageWriter* writerOf(const QObject* object) const;

@@ -23,12 +23,19 @@ qint64 NSwUpdateInstallerImageWriter::write(const QByteArray& data)
     return write(data.constData(), data.size());
 }
 
+bool NSwUpdateInstallerImageWriter::flush()
+{
+    const QPointer<NSwUpdateInstallerImageWriter> self(this);
+    m_socket->flush();
+    return self && isQueueEmpty();
+}
+
 void NSwUpdateInstallerImageWriter::endWriting()
 {
     if (m_isWritingEnded)
         return;
     m_isWritingEnded = true;
-    if (m_socket->bytesToWrite() == 0 || m_socket->state() != QLocalSocket::ConnectedState)
+    if (isQueueEmpty())
         emitImageWritten();
 }
 
@@ -48,6 +55,12 @@ void NSwUpdateInstallerImageWriter::socketDisconnected()
     // The queue, which endWriting() has left to be sent, is lost.
     if (m_isWritingEnded)
         emitImageWritten();
+}
+
+// Whether nothing is left to be sent, or it cannot be sent anymore.
+bool NSwUpdateInstallerImageWriter::isQueueEmpty() const
+{
+    return m_socket->bytesToWrite() == 0 || m_socket->state() != QLocalSocket::ConnectedState;
 }
 
 void NSwUpdateInstallerImageWriter::emitImageWritten()

@@ -31,6 +31,13 @@ public:
     qint64 write(const QByteArray& data);
     /** @} */
 
+    /**
+     * Sends what the daemon takes at once of the queue, which spares turns of the event loop. bytesWritten() and
+     * imageWritingSocketDisconnected() may be emitted.
+     * @return whether the queue is empty or lost, so that there is no bytesWritten() to wait for.
+     */
+    bool flush();
+
 public slots:
     /**
      * Declares the image complete; the installation follows when the queue is empty. Also ends a writer whose
@@ -55,6 +62,7 @@ private slots:
 private:
     Q_DISABLE_COPY(NSwUpdateInstallerImageWriter)
 
+    bool isQueueEmpty() const;
     void emitImageWritten();
 
     QLocalSocket* m_socket;

@@ -22,6 +22,9 @@ private slots:
 
     void writtenBytesArrive();
     void bytesWrittenIsReportedWhenTheQueueIsEmpty();
+    void flushSendsTheQueueAtOnce();
+    void flushReportsAQueueThatIsLeft();
+    void flushReportsALostQueue();
     void endingWithAnEmptyQueueReportsAtOnce();
     void endingWithAQueueReportsWhenItIsEmpty();
     void endingInBytesWrittenReportsOnce();
@@ -113,6 +116,50 @@ void tst_NSwUpdateInstallerImageWriter::bytesWrittenIsReportedWhenTheQueueIsEmpt
     m_writer->write("more");
     NTRY_COMPARE(m_events.size(), 2);
     QCOMPARE(m_events.last(), latin1("bytes"));
+}
+
+void tst_NSwUpdateInstallerImageWriter::flushSendsTheQueueAtOnce()
+{
+    QVERIFY(m_writer->flush());
+    QCOMPARE(m_events, QStringList());
+    m_writer->write("image");
+    QVERIFY(m_writer->flush());
+    QCOMPARE(m_socket->bytesToWrite(), qint64(0));
+    QCOMPARE(m_events, QStringList() << latin1("bytes"));
+    NTRY_COMPARE(m_peer->bytesAvailable(), qint64(5));
+
+    // Inside the signal as well, where it is not emitted again.
+    m_reaction = [this](const QString&) {
+        m_reaction = nullptr;
+        m_writer->write("more");
+        QVERIFY(m_writer->flush());
+    };
+    m_writer->write("image");
+    NTRY_COMPARE(m_peer->bytesAvailable(), qint64(14));
+    QVERIFY(m_events.size() >= 2);
+    m_writer->endWriting();
+    QCOMPARE(m_events.last(), latin1("image"));
+}
+
+void tst_NSwUpdateInstallerImageWriter::flushReportsAQueueThatIsLeft()
+{
+    fillQueue();
+    QVERIFY(!m_writer->flush());
+    QVERIFY(m_socket->bytesToWrite() > 0);
+    QCOMPARE(m_events, QStringList());
+    m_peer->setReadBufferSize(0);
+    m_peer->readAll();
+    NTRY_COMPARE(m_events, QStringList() << latin1("bytes"));
+    QVERIFY(m_writer->flush());
+}
+
+void tst_NSwUpdateInstallerImageWriter::flushReportsALostQueue()
+{
+    fillQueue();
+    m_peer->abort();
+    NTRY_COMPARE(m_events, QStringList() << latin1("disconnected"));
+    QVERIFY(m_writer->flush());
+    QCOMPARE(m_writer->write("x"), qint64(-1));
 }
 
 void tst_NSwUpdateInstallerImageWriter::endingWithAnEmptyQueueReportsAtOnce()
