@@ -5,6 +5,8 @@
 // arrived, compared with a loop of write(2) with pieces of the same size, 4096 bytes, out of memory, and after
 // read(2) from the file.
 
+#include "controlsource.h"
+
 #include <nbase/firmware/nswupdateinstaller.h>
 #include <nbase/firmware/nswupdateprogressclient.h>
 #include <nbase/firmware/progress_ipc.h>
@@ -23,18 +25,15 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <thread>
-#include <vector>
+
+using namespace ControlSockets;
 
 namespace {
 
-const int ControlSize = 2072;
 const int ProgressSize = 2400;
 const int ChunkSize = 4096;
 const int RecordsPerWrite = 25;
@@ -45,40 +44,6 @@ typedef std::chrono::steady_clock Clock;
 double secondsSince(Clock::time_point begin)
 {
     return std::chrono::duration<double>(Clock::now() - begin).count();
-}
-
-void require(bool condition)
-{
-    if (!condition)
-        abort();
-}
-
-struct sockaddr_un addressOf(const QString& path)
-{
-    const QByteArray name = QFile::encodeName(path);
-    struct sockaddr_un address;
-    memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, name.constData(), size_t(name.size()));
-    return address;
-}
-
-NFileDescriptor listenOn(const QString& path)
-{
-    const struct sockaddr_un address = addressOf(path);
-    NFileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    require(
-        ::bind(socket.number(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) == 0 &&
-        ::listen(socket.number(), 8) == 0);
-    return socket;
-}
-
-NFileDescriptor connectTo(const QString& path)
-{
-    const struct sockaddr_un address = addressOf(path);
-    NFileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    require(::connect(socket.number(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) == 0);
-    return socket;
 }
 
 // Counts what a client reports.
@@ -172,44 +137,6 @@ void readRecords(benchmark::State& state)
     }
     state.SetItemsProcessed(state.iterations() * count);
 }
-
-// Answers requests, and takes images until their connection ends.
-class ControlSource
-{
-public:
-    explicit ControlSource(const QString& path)
-        : m_server(listenOn(path))
-        , m_thread(&ControlSource::run, this)
-    {
-    }
-
-    ~ControlSource()
-    {
-        ::shutdown(m_server.number(), SHUT_RDWR);
-        m_thread.join();
-    }
-
-private:
-    void run()
-    {
-        std::vector<char> bytes(65536);
-        for (;;) {
-            const NFileDescriptor connection(::accept(m_server.number(), nullptr, nullptr));
-            if (!connection.isOpen())
-                return;
-            require(NSystem::readAll(connection.number(), bytes.data(), ControlSize) == ControlSize);
-            char reply[ControlSize] = "";
-            reply[4] = 1;
-            reply[12] = 3;
-            require(NSystem::writeAll(connection.number(), reply, sizeof(reply)));
-            while (NSystem::read(connection.number(), bytes.data(), bytes.size()) > 0) {
-            }
-        }
-    }
-
-    const NFileDescriptor m_server;
-    std::thread m_thread;
-};
 
 QByteArray request(char type)
 {
