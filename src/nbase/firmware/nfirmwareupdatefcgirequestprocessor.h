@@ -108,23 +108,46 @@ protected:
     static bool getPackageInformation(NwaFcgiRequest* request, QString& media, QString& packageFileName);
 
 private slots:
+    /** The installer has seen the end; after a success, the post-update command follows. */
     void installationFinished(bool success);
+
+    /**
+     * @{
+     * Follow the signals of the progress client.
+     */
     void updateStarted(NSWUpdate::Source source, int nbSteps, const QString& info);
     void newStepStarted(int nbSteps, int step, const QString& imageName);
     void stepUpdate(int nbSteps, int step, const QString& imageName, quint8 percentage);
     void updateFinished(bool success);
+    /** @} */
+
+    /**
+     * @{
+     * Follow the image writer of an upload: its queue is empty, the daemon has dropped the image, or the installer
+     * has been deleted.
+     */
     void imageBytesWritten();
     void imageWritingSocketDisconnected();
     void imageWriterDestroyed(QObject* writer);
+    /** @} */
+
+    /**
+     * @{
+     * Follow the request of an upload: more of the form has arrived, the client has gone, or the request has been
+     * deleted.
+     */
     void formAvailable();
     void formAborted();
     void formDestroyed(QObject* request);
+    /** @} */
 
 private:
     Q_DISABLE_COPY(NFirmwareUpdateFcgiRequestProcessor)
 
+    /** What m_state says of the latest update. */
     enum State { IdleState = 0, StartingState = 1, InstallingState = 2, FinishedState = 3 };
 
+    /** The request of an upload and the reader of its form; both are owned. */
     typedef QPair<NwaFcgiRequest*, NwaCgiMultipartFormDataReader*> Upload;
 
     void installPackageOfMedia(NwaFcgiRequest* request);
@@ -141,12 +164,12 @@ private:
     const NRemovableMediasList* m_medias;
     int m_state; ///< a State
     int m_stepsCount;
-    QString m_information;
+    QString m_information; ///< the text of the request for the installation
     int m_currentStep;
-    QString m_imageName;
+    QString m_imageName; ///< of the current step
     quint8 m_stepPercentage;
     bool m_success;
-    QTimer m_postUpdateTimer;
+    QTimer m_postUpdateTimer; ///< runs from a success to the post-update command
     QHash<NSwUpdateInstallerImageWriter*, Upload> m_uploads;
     QHash<QObject*, Upload> m_forms; ///< whose part "package" has not arrived yet, by request
 };

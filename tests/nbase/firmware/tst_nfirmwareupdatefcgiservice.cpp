@@ -12,6 +12,7 @@
 #include <nwebapi/nwajson.h>
 #include <nwebapi/nwawebsession.h>
 
+#include "nrandombytes.h"
 #include "nscripteddaemon.h"
 #include "nupdatedaemonthread.h"
 
@@ -96,17 +97,6 @@ public:
     mutable NwaWebSession* askedFor = nullptr;
     bool isRefusing = false;
 };
-
-QByteArray randomBytes(int size)
-{
-    QByteArray bytes(size, '\0');
-    quint32 state = 1;
-    for (int index = 0; index < size; ++index) {
-        state = state * 1664525 + 1013904223;
-        bytes[index] = char(state >> 24);
-    }
-    return bytes;
-}
 
 QByteArray partHeader(const QByteArray& name)
 {
@@ -607,7 +597,7 @@ void tst_NFirmwareUpdateFcgiService::stateFollowsTheDaemon()
     m_installer = new NSWUpdateInstaller(daemon.controlPath(), nullptr);
     makeService();
 
-    QCOMPARE(upload(randomBytes(500000)), 200);
+    QCOMPARE(upload(NTest::randomBytes(500000)), 200);
     QVERIFY(NwaJson::parse(m_client->replyBody(), nullptr).toMap().contains(latin1("state")));
     QVERIFY(waitForIdle());
     NTRY_COMPARE(status().value(latin1("state")), QVariant(latin1("finished")));
@@ -645,7 +635,7 @@ void tst_NFirmwareUpdateFcgiService::failureOfTheDaemonIsReported()
     m_installer = new NSWUpdateInstaller(daemon.controlPath(), nullptr);
     makeService();
 
-    QCOMPARE(upload(randomBytes(500000)), 200);
+    QCOMPARE(upload(NTest::randomBytes(500000)), 200);
     QVERIFY(waitForIdle());
     NTRY_COMPARE(status().value(latin1("state")), QVariant(latin1("finished")));
     QCOMPARE(status().value(latin1("success")), QVariant(false));
@@ -779,7 +769,7 @@ void tst_NFirmwareUpdateFcgiService::namesThatLeadElsewhereAreRefused()
 
 void tst_NFirmwareUpdateFcgiService::packageOfAMediaIsInstalled()
 {
-    const QByteArray image = randomBytes(300000);
+    const QByteArray image = NTest::randomBytes(300000);
     m_media->writeFile(latin1("..a b.swu"), image);
     QCOMPARE(
         ask("POST", QByteArray(), "application/json; charset=utf-8", mediaDocument("sdz1", "..a b.swu")), 200);
@@ -851,7 +841,7 @@ void tst_NFirmwareUpdateFcgiService::uploadArrivesByteByByte_data()
     QTest::addColumn<QByteArray>("image");
     const QList<int> sizes = QList<int>() << 0 << 1 << 4095 << 4096 << 4097 << 8192 << 65536 << 3000000;
     for (const int size : sizes)
-        QTest::newRow(QByteArray::number(size).constData()) << randomBytes(size);
+        QTest::newRow(QByteArray::number(size).constData()) << NTest::randomBytes(size);
     QTest::newRow("boundaries inside")
         << QByteArray("\r\n--frontie\r\r\n--frontiex--frontier--\r\n--").repeated(1000);
     QTest::newRow("line breaks") << QByteArray("\r\n").repeated(5000);
@@ -886,7 +876,7 @@ void tst_NFirmwareUpdateFcgiService::uploadMayArriveInAnyPieces_data()
 void tst_NFirmwareUpdateFcgiService::uploadMayArriveInAnyPieces()
 {
     QFETCH(int, pieceSize);
-    const QByteArray image = randomBytes(pieceSize * 100);
+    const QByteArray image = NTest::randomBytes(pieceSize * 100);
     const QByteArray form = packageForm(image);
     beginUpload(*m_client, form.size(), QByteArray());
     for (int offset = 0; offset < form.size(); offset += pieceSize) {
@@ -948,7 +938,7 @@ void tst_NFirmwareUpdateFcgiService::secondStartIsAnswered409()
 {
     QFETCH(bool, isUpload);
     m_media->writeFile(latin1("a.swu"), "other");
-    const QByteArray image = randomBytes(100000);
+    const QByteArray image = NTest::randomBytes(100000);
     const QByteArray form = packageForm(image);
     NFcgiClient first;
     beginUpload(first, form.size(), form.left(50000));
@@ -974,7 +964,7 @@ void tst_NFirmwareUpdateFcgiService::secondStartIsAnswered409()
 void tst_NFirmwareUpdateFcgiService::pauseIsNotTheEnd()
 {
     // Pauses at each kind of place where the service may wait for the client.
-    const QByteArray image = randomBytes(6000);
+    const QByteArray image = NTest::randomBytes(6000);
     const QByteArray form = part("other", "x") + packageForm(image);
     const int begin = form.indexOf(image);
     const int end = begin + image.size();
@@ -1013,7 +1003,7 @@ void tst_NFirmwareUpdateFcgiService::abandonedUploadEndsWhereItIs()
 {
     QFETCH(QByteArray, kind);
     QFETCH(int, status);
-    const QByteArray image = randomBytes(30000) + 'x';
+    const QByteArray image = NTest::randomBytes(30000) + 'x';
     const QByteArray form = partHeader("package") + image;
     NFcgiClient client;
     beginUpload(client, form.size() + (kind == "endless" ? 0 : 1), form);
@@ -1069,6 +1059,7 @@ void tst_NFirmwareUpdateFcgiService::clientMayGoWhileTheDaemonWaits()
 void tst_NFirmwareUpdateFcgiService::uploadIsAnsweredWhenTheDaemonDropsIt_data()
 {
     QTest::addColumn<int>("size");
+    QTest::newRow("at once") << 0;
     QTest::newRow("1") << 1;
     QTest::newRow("4096") << 4096;
     QTest::newRow("50000") << 50000;
@@ -1078,7 +1069,10 @@ void tst_NFirmwareUpdateFcgiService::uploadIsAnsweredWhenTheDaemonDropsIt_data()
 void tst_NFirmwareUpdateFcgiService::uploadIsAnsweredWhenTheDaemonDropsIt()
 {
     QFETCH(int, size);
-    m_daemon->closeImageAfter(size);
+    if (size == 0)
+        m_daemon->addReply(m_daemon->acknowledgement(), NScriptedDaemon::Close);
+    else
+        m_daemon->closeImageAfter(size);
     NFcgiClient client;
     beginUpload(client, 10 * Megabyte, partHeader("package") + QByteArray(5 * Megabyte, 'i'));
     // Only a part of the body has been sent.
@@ -1107,7 +1101,7 @@ void tst_NFirmwareUpdateFcgiService::uploadIsAnsweredWhenTheDaemonDropsItDuringA
 
 void tst_NFirmwareUpdateFcgiService::sessionMayEndDuringAnUpload()
 {
-    const QByteArray image = randomBytes(100000);
+    const QByteArray image = NTest::randomBytes(100000);
     const QByteArray form = packageForm(image);
     NFcgiClient client;
     beginUpload(client, form.size(), form.left(50000));
@@ -1128,7 +1122,7 @@ void tst_NFirmwareUpdateFcgiService::sessionMayEndDuringAnUpload()
 
 void tst_NFirmwareUpdateFcgiService::slowDaemonSlowsTheClient()
 {
-    const QByteArray image = randomBytes(8 * Megabyte);
+    const QByteArray image = NTest::randomBytes(8 * Megabyte);
     const QByteArray form = packageForm(image);
     m_daemon->holdImages();
     NFcgiClient client;
@@ -1359,7 +1353,7 @@ void tst_NFirmwareUpdateFcgiService::largePackageGoesThroughTheWebServerInLittle
     {
         QFile file(package);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        QByteArray block = randomBytes(Megabyte);
+        QByteArray block = NTest::randomBytes(Megabyte);
         for (int number = 0; number < LargePackage; ++number) {
             block.replace(number, 4, QByteArray::number(number).rightJustified(4));
             hash.addData(block);

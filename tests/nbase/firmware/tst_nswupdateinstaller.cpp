@@ -1,6 +1,7 @@
 #include <nbase/firmware/nswupdateinstaller.h>
 #include <nbase/firmware/nswupdateinstallerimagewriter.h>
 
+#include "nrandombytes.h"
 #include "nscripteddaemon.h"
 #include "nupdatedaemonthread.h"
 
@@ -37,17 +38,6 @@ const int ShortWait = 30;
 QString statusText(int status, const char* description, bool isError = false)
 {
     return QString::fromLatin1("%1%2 %3").arg(status).arg(latin1(isError ? "!" : ""), latin1(description));
-}
-
-QByteArray randomBytes(int size)
-{
-    QByteArray bytes(size, '\0');
-    quint32 state = 1;
-    for (int index = 0; index < size; ++index) {
-        state = state * 1664525 + 1013904223;
-        bytes[index] = char(state >> 24);
-    }
-    return bytes;
 }
 
 // The intervals of the one-shot timers that are running on this thread.
@@ -465,7 +455,7 @@ void tst_NSWUpdateInstaller::extraBytesAreIgnored()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QByteArray image = randomBytes(1000000);
+    const QByteArray image = NTest::randomBytes(1000000);
     m_daemon->addReply(m_daemon->acknowledgement() + QByteArray(100000, 'x'));
     m_daemon->addReply(m_daemon->status(0, 3) + "x");
     QVERIFY(installer.startImageInstallation(image.constData(), quint64(image.size()), QString()));
@@ -704,7 +694,7 @@ void tst_NSWUpdateInstaller::imageInMemoryArrives()
     QFETCH(int, size);
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QByteArray image = randomBytes(size);
+    const QByteArray image = NTest::randomBytes(size);
     QVERIFY(installer.startImageInstallation(image.constData(), quint64(size), QString()));
     NSwUpdateInstallerImageWriter* const writer = installer.findChild<NSwUpdateInstallerImageWriter*>();
     QVERIFY(writer);
@@ -721,7 +711,7 @@ void tst_NSWUpdateInstaller::imageFromAFileArrives()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QByteArray image = randomBytes(3000001);
+    const QByteArray image = NTest::randomBytes(3000001);
     const QString path = m_directory.writeFile(QString::fromUtf8("im\xC3\xA9ge"), image);
     QVERIFY(installer.startImageInstallation(path, latin1("info")));
     // A file that is removed meanwhile is sent nevertheless.
@@ -754,7 +744,7 @@ void tst_NSWUpdateInstaller::emptyOrMissingImageIsRefused()
 void tst_NSWUpdateInstaller::refusedFileIsReleased()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
-    const QString path = m_directory.writeFile(latin1("image"), randomBytes(10000));
+    const QString path = m_directory.writeFile(latin1("image"), NTest::randomBytes(10000));
     m_daemon->addReply(m_daemon->acknowledgement(2));
     QVERIFY(!installer.startImageInstallation(path, QString()));
     QCOMPARE(openDescriptors(path), 0);
@@ -765,7 +755,7 @@ void tst_NSWUpdateInstaller::fileIsReleasedBeforeTheFirstPoll()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QString path = m_directory.writeFile(latin1("image"), randomBytes(10000));
+    const QString path = m_directory.writeFile(latin1("image"), NTest::randomBytes(10000));
     m_daemon->addReply(m_daemon->acknowledgement());
     m_daemon->addReply(m_daemon->status(1));
     int held = -1;
@@ -783,7 +773,7 @@ void tst_NSWUpdateInstaller::fileIsReleasedWhenTheConnectionIsLost()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QString path = m_directory.writeFile(latin1("image"), randomBytes(5000000));
+    const QString path = m_directory.writeFile(latin1("image"), NTest::randomBytes(5000000));
     m_daemon->addReply(m_daemon->acknowledgement());
     m_daemon->addReply(m_daemon->status(1));
     m_daemon->closeImageAfter(10000);
@@ -799,7 +789,7 @@ void tst_NSWUpdateInstaller::fileIsReleasedWhenTheConnectionIsLost()
 
 void tst_NSWUpdateInstaller::fileIsReleasedByTheDestructor()
 {
-    const QString path = m_directory.writeFile(latin1("image"), randomBytes(5000000));
+    const QString path = m_directory.writeFile(latin1("image"), NTest::randomBytes(5000000));
     {
         NSWUpdateInstaller installer(m_daemon->path(), nullptr);
         QVERIFY(installer.startImageInstallation(path, QString()));
@@ -823,7 +813,7 @@ void tst_NSWUpdateInstaller::fileThatBecomesShorterFails()
     QFETCH(int, size);
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QByteArray image = randomBytes(1000000);
+    const QByteArray image = NTest::randomBytes(1000000);
     const QString path = m_directory.writeFile(latin1("image"), image);
     QVERIFY(installer.startImageInstallation(path, QString()));
     QVERIFY(QFile::resize(path, size));
@@ -839,7 +829,7 @@ void tst_NSWUpdateInstaller::fileThatCannotBeReadFails()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QString path = m_directory.writeFile(latin1("image"), randomBytes(100000));
+    const QString path = m_directory.writeFile(latin1("image"), NTest::randomBytes(100000));
     Fault fault(Calls(NSystemCalls::Read).onPath(QFile::encodeName(path)).skip(3), EIO);
     QVERIFY(installer.startImageInstallation(path, QString()));
     QVERIFY(waitForEnd(&receiver));
@@ -852,7 +842,7 @@ void tst_NSWUpdateInstaller::refusedStartLeavesTheRunningImageAlone()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QByteArray image = randomBytes(2000000);
+    const QByteArray image = NTest::randomBytes(2000000);
     const QString path = m_directory.writeFile(latin1("image"), image);
     const auto startOthers = [&]() {
         QVERIFY(!installer.startInstallation(QString()));
@@ -900,7 +890,7 @@ void tst_NSWUpdateInstaller::ownImageIsEndedWhenTheConnectionIsLost()
 {
     NSWUpdateInstaller installer(m_daemon->path(), nullptr);
     Receiver receiver(&installer);
-    const QByteArray image = randomBytes(5000000);
+    const QByteArray image = NTest::randomBytes(5000000);
     m_daemon->addReply(m_daemon->acknowledgement());
     m_daemon->addReply(m_daemon->status(0, 4, "broken"));
     m_daemon->closeImageAfter(10000);
@@ -995,7 +985,7 @@ void tst_NSWUpdateInstaller::installerMayBeDeletedInAnySignal()
             if (event == signal)
                 delete receiver.installer();
         };
-        const QString path = m_directory.writeFile(latin1("image"), randomBytes(size));
+        const QString path = m_directory.writeFile(latin1("image"), NTest::randomBytes(size));
         QVERIFY(installer->startImageInstallation(path, QString()));
         if (guard)
             receiver.watch(installer->findChild<NSwUpdateInstallerImageWriter*>());
@@ -1093,7 +1083,7 @@ void tst_NSWUpdateInstaller::standInDaemon()
     installer.setRecordLayout(NSWUpdateInstaller::RecordLayout(layout));
     if (options.contains("silence"))
         installer.setWaitTime(200);
-    const QByteArray image = randomBytes(1000000);
+    const QByteArray image = NTest::randomBytes(1000000);
     QVERIFY(installer.startImageInstallation(image.constData(), quint64(image.size()), latin1("info")));
     QVERIFY(waitForEnd(&receiver));
     QCOMPARE(receiver.take(), expected);
