@@ -1,4 +1,4 @@
-// A program that serves the firmware update, as a device's does, to everybody.
+// A program that serves the firmware update as a device does, without asking for a session.
 //
 //     firmwareupload_ours <socket> <socket of the daemon>
 

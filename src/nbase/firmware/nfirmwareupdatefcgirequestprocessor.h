@@ -68,7 +68,7 @@ public:
     virtual bool canUpdateFirmwareWithSession(NwaWebSession* session) const;
 
     /**
-     * The state of the latest update, whoever started it:
+     * The state of the latest update, whichever program started it:
      *
      * | "state"      | further members                                                                |
      * |--------------|--------------------------------------------------------------------------------|

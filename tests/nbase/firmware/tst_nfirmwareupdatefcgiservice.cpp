@@ -273,7 +273,7 @@ void tst_NFirmwareUpdateFcgiService::init()
     m_sessions.reset(new NwaWebSessionManager);
     m_identifier.reset(new NFixedSession(m_sessions->createSession()));
     m_installer = new NSWUpdateInstaller(m_daemon->path(), nullptr);
-    // Nobody listens there, unless the test does.
+    // No daemon listens there, unless the test starts one.
     m_progressPath = QFile::encodeName(m_directory->filePath(latin1("progress")));
     SOCKET_PROGRESS_PATH = m_progressPath.data();
     m_progress.reset(new NSWUpdateProgressClient(nullptr));
