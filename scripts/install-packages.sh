@@ -29,7 +29,7 @@ packages_for() {
     esac
 }
 
-services="lighttpd rsyslog swupdate"
+services="lighttpd rsyslog swupdate swupdate.socket"
 start_policy=/usr/sbin/policy-rc.d
 
 is_installed() {
@@ -65,7 +65,7 @@ disable_new_services() {
     command -v systemctl >/dev/null || return 0
     for service in $services; do
         case " $missing " in
-            *" $service "*) as_root systemctl --quiet disable "$service" || true ;;
+            *" ${service%.socket} "*) as_root systemctl --quiet disable "$service" || true ;;
         esac
     done
 }

@@ -62,8 +62,8 @@ private:
 
 int main(int argc, char** argv)
 {
-    QCoreApplication application(argc, argv);
-    const QStringList arguments = application.arguments();
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
     if (arguments.size() != 4)
         return 2;
     SOCKET_PROGRESS_PATH = argv[2];
@@ -72,7 +72,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "the installation cannot be started\n");
         return 1;
     }
-    return application.exec();
+    return QCoreApplication::exec();
 }
 
 #include "install.moc"

@@ -15,8 +15,8 @@ struct ProgressLayout;
 } // namespace NSWUpdateRecords
 
 /**
- * Receives what the SWUpdate daemon reports on its progress socket about any installation, whoever started it. The
- * event loop connects, and connects again every 100 ms when the daemon is not there or has gone away. What the
+ * Receives what the SWUpdate daemon reports on its progress socket about any installation, also of other programs.
+ * The event loop connects, and connects again every 100 ms when the daemon is not there or has gone away. What the
  * daemon reports in between is lost.
  *
  * Receivers of the signals may delete the client.

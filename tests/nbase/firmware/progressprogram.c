@@ -21,10 +21,11 @@ int main(int argc, char** argv)
             printf("%d %d\n", result, socket);
             return 3;
         }
-        printf("%d: %u %u %u %u %u %u %s %s %u %u %s\n", result, (unsigned)record.magic, (unsigned)record.status,
-               (unsigned)record.dwl_percent, (unsigned)record.nsteps, (unsigned)record.cur_step,
-               (unsigned)record.cur_percent, record.cur_image, record.hnd_name, (unsigned)record.source,
-               (unsigned)record.infolen, record.info);
+        printf(
+            "%d: %u %u %u %u %u %u %s %s %u %u %s\n", result, (unsigned)record.magic, (unsigned)record.status,
+            (unsigned)record.dwl_percent, (unsigned)record.nsteps, (unsigned)record.cur_step,
+            (unsigned)record.cur_percent, record.cur_image, record.hnd_name, (unsigned)record.source,
+            (unsigned)record.infolen, record.info);
     }
     return 0;
 }

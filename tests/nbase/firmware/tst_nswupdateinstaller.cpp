@@ -939,8 +939,11 @@ void tst_NSWUpdateInstaller::imageWrittenIsReportedToAllReceivers()
     QCOMPARE(writer->write(QByteArray("image")), qint64(5));
     writer->endWriting();
     QCOMPARE(writer->write("more"), qint64(-1));
+    receiver.reaction = [&](const QString& event) {
+        if (event == latin1("image"))
+            writer->endWriting();
+    };
     NTRY_COMPARE(receiver.count("image"), 1);
-    writer->endWriting();
     runDeletions();
     QVERIFY(!guard);
     QCOMPARE(receiver.count("image"), 1);
@@ -1082,7 +1085,7 @@ void tst_NSWUpdateInstaller::standInDaemon()
     Receiver receiver(&installer);
     installer.setRecordLayout(NSWUpdateInstaller::RecordLayout(layout));
     if (options.contains("silence"))
-        installer.setWaitTime(200);
+        installer.setWaitTime(1000);
     const QByteArray image = NTest::randomBytes(1000000);
     QVERIFY(installer.startImageInstallation(image.constData(), quint64(image.size()), latin1("info")));
     QVERIFY(waitForEnd(&receiver));

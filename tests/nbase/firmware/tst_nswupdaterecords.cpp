@@ -73,7 +73,7 @@ private slots:
     void progressRecordIsRead_data();
     void progressRecordIsRead();
     void progressTextsEndWithTheirFields();
-    void textLengthOnlyTellsWhetherThereIsOne();
+    void zeroLengthMeansNoText();
     void textOfVersionedRecordsEndsWithItsLength();
     void greetingIsNoRecord();
 };
@@ -224,7 +224,7 @@ void tst_NSWUpdateRecords::progressTextsEndWithTheirFields()
     QCOMPARE(record.announcedText(), QString::fromLatin1(text.constData()));
 }
 
-void tst_NSWUpdateRecords::textLengthOnlyTellsWhetherThereIsOne()
+void tst_NSWUpdateRecords::zeroLengthMeansNoText()
 {
     for (quint32 length : {1u, 4u, 2048u, 0xFFFFFFFFu}) {
         const QByteArray bytes = Record(2400).number(348, length).bytes(352, "text");

@@ -161,7 +161,7 @@ void tst_UpdateDaemon::exampleInstallsAPackage()
     QVERIFY(output.contains("step 1 of 2, image-1.bin: 100 %\n"));
     QCOMPARE(output.contains("status 3: SWUPDATE successful !\n"), exitCode == 0);
     QCOMPARE(output.contains("status 4, error: Image invalid or corrupted. Not installing ...\n"), exitCode == 1);
-    QVERIFY(output.endsWith("status 0: Waiting for requests...\n"));
+    QVERIFY(output.contains("status 0: Waiting for requests...\n"));
 }
 
 void tst_UpdateDaemon::terminationRemovesTheSockets()
