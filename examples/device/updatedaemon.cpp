@@ -14,6 +14,7 @@ enum Type { Install = 0, Acknowledged = 1, Refused = 2, GetStatus = 3, PostUpdat
 enum Status { Idle = 0, Start = 1, Run = 2, Success = 3, Failure = 4, Done = 6, Progress = 8 };
 
 const int TicksPerStep = 10;
+const int ImageStartSize = 4096;
 const int ImageInterval = 20; // milliseconds between the pieces of an image that is read slowly
 const int MillisecondsPerSecond = 1000;
 const int MaximumPercentage = 100;
@@ -51,6 +52,11 @@ QByteArray installText(const QByteArray& request)
 QByteArray imageName(int step)
 {
     return "image-" + QByteArray::number(step) + ".bin";
+}
+
+qint64 bytesPerImageInterval(qint64 bytesPerSecond)
+{
+    return qMax(qint64(1), bytesPerSecond * ImageInterval / MillisecondsPerSecond);
 }
 
 } // namespace
@@ -146,6 +152,8 @@ bool UpdateDaemon::setOption(Behaviour& behaviour, const QString& name, const QS
 {
     if (name == QLatin1String("message"))
         behaviour.message = QString(value).replace(QLatin1Char('_'), QLatin1Char(' '));
+    else if (name == QLatin1String("fail-text"))
+        behaviour.failText = QString(value).replace(QLatin1Char('_'), QLatin1Char(' '));
     else if (name == QLatin1String("output"))
         behaviour.output = value;
     else if (name == QLatin1String("fault"))
@@ -206,7 +214,9 @@ const char* UpdateDaemon::optionsHelp()
            "  steps <count>          steps of an installation, 1 by default\n"
            "  step-time <ms>         duration of a step, 1000 by default\n"
            "  fail-step <number>     the step that fails; 0 (default): none; after the last one: the end fails\n"
-           "  message <text>         the text of that failure, with _ for blanks\n"
+           "  fail-text <text>       only images with this text (_ for blanks) in their first 4096 bytes fail,\n"
+           "                         without fail-step in the last step\n"
+           "  message <text>         the message of the failure, with _ for blanks\n"
            "  cpio <0|1>             1: an image that is no cpio archive fails\n"
            "  image-rate <bytes>     bytes of the image that are read in a second; 0 (default): all\n"
            "  output <file>          keeps the image\n"
@@ -384,8 +394,11 @@ void UpdateDaemon::beginInstallation(QLocalSocket* socket, const QByteArray& req
         m_output.setFileName(m_behaviour.output);
         m_output.open(QIODevice::WriteOnly);
     }
-    if (m_behaviour.imageRate > 0)
+    if (m_behaviour.imageRate > 0) {
+        // Qt would read all of the image into memory, and the sender would not be slowed down.
+        socket->setReadBufferSize(qMax(bytesPerImageInterval(m_behaviour.imageRate), qint64(ImageStartSize)));
         m_imageTimer.start();
+    }
 
     m_status = Start;
     report(Start, 0, QString::fromLatin1("Software Update started !"));
@@ -402,8 +415,7 @@ void UpdateDaemon::readImage()
         return;
     }
     const qint64 rate = m_behaviour.imageRate;
-    qint64 size =
-        rate > 0 ? qMax(qint64(1), rate * ImageInterval / MillisecondsPerSecond) : m_imageSocket->bytesAvailable();
+    qint64 size = rate > 0 ? bytesPerImageInterval(rate) : m_imageSocket->bytesAvailable();
     const bool isFaulty = isFaultAt("image");
     if (isFaulty)
         size = qMin(size, qint64(m_behaviour.faultOffset) - m_imageSize);
@@ -431,8 +443,8 @@ void UpdateDaemon::takeImage(const QByteArray& bytes)
         sendProgress(Run);
         m_informationLength = 0;
     }
-    if (m_imageStart.size() < 5)
-        m_imageStart += bytes.left(5 - m_imageStart.size());
+    if (m_imageStart.size() < ImageStartSize)
+        m_imageStart += bytes.left(ImageStartSize - m_imageStart.size());
     m_imageSize += bytes.size();
     if (m_output.isOpen())
         m_output.write(bytes);
@@ -446,10 +458,19 @@ void UpdateDaemon::endImage()
     emit imageReceived(m_imageSize);
     if (m_imageSize == 0 || isFaultAt("image"))
         endInstallation(false, m_behaviour.message);
-    else if (m_behaviour.isCpioRequired && m_imageStart != "07070")
+    else if (m_behaviour.isCpioRequired && !m_imageStart.startsWith("07070"))
         endInstallation(false, QString::fromLatin1("ERROR : CPIO Format not recognized: magic not found"));
     else
         beginStep();
+}
+
+int UpdateDaemon::failingStep() const
+{
+    if (m_behaviour.failText.isEmpty())
+        return m_behaviour.failingStep;
+    if (!m_imageStart.contains(m_behaviour.failText.toUtf8()))
+        return 0;
+    return m_behaviour.failingStep > 0 ? m_behaviour.failingStep : m_behaviour.stepCount;
 }
 
 void UpdateDaemon::beginStep()
@@ -458,7 +479,7 @@ void UpdateDaemon::beginStep()
     m_percentage = 0;
     if (m_step > m_behaviour.stepCount) {
         --m_step;
-        const bool isFailing = m_behaviour.failingStep > m_behaviour.stepCount;
+        const bool isFailing = failingStep() > m_behaviour.stepCount;
         endInstallation(!isFailing, isFailing ? m_behaviour.message : QString());
         return;
     }
@@ -470,7 +491,7 @@ void UpdateDaemon::beginStep()
 void UpdateDaemon::step()
 {
     m_percentage += MaximumPercentage / TicksPerStep;
-    if (m_step == m_behaviour.failingStep && m_percentage > MaximumPercentage / 2) {
+    if (m_step == failingStep() && m_percentage > MaximumPercentage / 2) {
         endInstallation(false, m_behaviour.message);
         return;
     }

@@ -34,6 +34,7 @@ public:
         int stepCount;
         int stepTime;       ///< in milliseconds
         int failingStep;    ///< 0: none; the one after the last fails when all have been done
+        QString failText;   ///< if it is set, only images with it in their first 4096 bytes fail
         QString message;    ///< of the failure
         int isCpioRequired; ///< 1: an image that is no cpio archive is rejected
         int imageRate;      ///< bytes of the image that are read in a second; 0 for no limit
@@ -108,6 +109,7 @@ private:
     void beginInstallation(QLocalSocket* socket, const QByteArray& request);
     void takeImage(const QByteArray& bytes);
     void endImage();
+    int failingStep() const;
     void beginStep();
     void endInstallation(bool success, const QString& message);
     void report(int status, int error, const QString& text);

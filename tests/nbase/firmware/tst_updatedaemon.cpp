@@ -25,6 +25,7 @@ private slots:
     void wrongOptionIsRefused_data();
     void wrongOptionIsRefused();
     void packageIsInstalled();
+    void onlyImagesWithTheTextFail();
     void optionsAreReadFromStandardInput();
     void exampleInstallsAPackage_data();
     void exampleInstallsAPackage();
@@ -112,6 +113,19 @@ void tst_UpdateDaemon::packageIsInstalled()
     NTRY_COMPARE(finished.size(), 1);
     QVERIFY(finished.first().first().toBool());
     QVERIFY(installer.sendPostUpdate());
+}
+
+void tst_UpdateDaemon::onlyImagesWithTheTextFail()
+{
+    start("--step-time 10 --steps 2 --fail-text this_fails");
+    NSWUpdateInstaller installer(path("control"), nullptr);
+    QSignalSpy finished(&installer, SIGNAL(finished(bool)));
+    QVERIFY(installer.startImageInstallation("this works", 10, QString()));
+    NTRY_COMPARE(finished.size(), 1);
+    QVERIFY(installer.startImageInstallation("but this fails", 14, QString()));
+    NTRY_COMPARE(finished.size(), 2);
+    QVERIFY(finished.at(0).first().toBool());
+    QVERIFY(!finished.at(1).first().toBool());
 }
 
 void tst_UpdateDaemon::optionsAreReadFromStandardInput()
