@@ -1,6 +1,7 @@
 #!/bin/sh
 # Runs a program with other folders at /usr/share/zoneinfo, /usr/share/free_packages and /var/log, and with a system log of
-# its own, in a private mount namespace (mount_namespaces(7)): the mounts are not visible outside and end with the program.
+# its own, in a mount namespace of its own (mount_namespaces(7)): the mounts are not visible outside and end with the program.
+# The program sees what is mounted outside later, such as USB sticks, except in a chroot whose root is not a mount point.
 #
 #   in-private-mounts.sh <zoneinfo folder> <packages folder> <log folder> <process id file> <program> [<argument>...]
 #
@@ -111,19 +112,19 @@ if [ "$user" -eq 0 ]; then
 else
     as_root="sudo -n"
     owner=$user:$group
-    if works unshare --user --map-root-user --mount; then
-        exec unshare --user --map-root-user --mount "$self" --inside whole same "$@"
+    if works unshare --user --map-root-user --mount --propagation slave; then
+        exec unshare --user --map-root-user --mount --propagation slave "$self" --inside whole same "$@"
     fi
 fi
 
 # as_root is empty for root.
 # shellcheck disable=SC2086
-if works $as_root unshare --mount; then
-    exec $as_root unshare --mount "$self" --inside whole "$owner" "$@"
+if works $as_root unshare --mount --propagation slave; then
+    exec $as_root unshare --mount --propagation slave "$self" --inside whole "$owner" "$@"
 elif works $as_root unshare --mount --propagation unchanged; then
     exec $as_root unshare --mount --propagation unchanged "$self" --inside chroot "$owner" "$@"
-elif [ "$user" -eq 0 ] && works unshare --user --map-root-user --mount; then
-    exec unshare --user --map-root-user --mount "$self" --inside whole same "$@"
+elif [ "$user" -eq 0 ] && works unshare --user --map-root-user --mount --propagation slave; then
+    exec unshare --user --map-root-user --mount --propagation slave "$self" --inside whole same "$@"
 fi
 
 echo "The kernel refuses a private mount namespace, with user namespaces and as root (sudo must not ask a password)." >&2
