@@ -54,7 +54,7 @@ port=${port:-8080}
 
 scripts/install-packages.sh build demo
 cmake --preset release -B build/demo -DNBASE_BUILD_TESTS=OFF
-cmake --build build/demo --target nbase-demo-device
+cmake --build build/demo --target nbase-demo-device nbase-demo-updater
 
 stop() {
     trap '' INT HUP TERM
@@ -64,7 +64,8 @@ stop() {
 trap 'stop 130' INT
 trap 'stop 143' HUP TERM
 
-"$control" start --port "$port" --device build/demo/examples/device/nbase-demo-device
+"$control" start --port "$port" --device build/demo/examples/device/nbase-demo-device \
+    --updater build/demo/examples/device/nbase-demo-updater
 
 echo
 echo "The demo device is running. It can be reached from this machine only; sign in as demo with the password demo."

@@ -2,18 +2,21 @@
 # Starts and stops the demo device and its web server; run-demo.sh and the tests of the page call it.
 #
 #   demo-control.sh start --device <program> [--port <port>] [--state <path>] [--session-timeout <seconds>]
-#       [--packages <folder>] [--commands <folder>]
+#       [--packages <folder>] [--commands <folder>] [--updater <program>]
 #   demo-control.sh stop | address | wait | run-directory [--state <path>]
 #   demo-control.sh check-port <port>
 #
 # start         returns once the page is served, on port 8080 by default; fails if the demo of this state runs on another
 #               port than the requested one. The open-source packages are those of the machine, or of a folder made by
-#               make-packages.sh. Its ping and traceroute are BusyBox's, as on the devices, or those in a folder
+#               make-packages.sh. Its ping and traceroute are BusyBox's, as on the devices, or those in a folder.
+#               The updater, nbase-demo-updater, stands in for the SWUpdate daemon; without one, firmware cannot be updated.
+#               It is slow enough to be watched, and fails for packages with "FAIL" in their first 4096 bytes
 # stop          ends all processes and removes all files of the demo
 # address       prints the URL of the running demo; fails if none is running
 # wait          returns when the demo has ended
 # run-directory prints the folder with the process ids (device.pid, lighttpd.pid), the socket, the configuration and the
-#               logs; log/messages is the system log of the device and its web server
+#               logs; log/messages is the system log of the device and its web server. In it, updates has two firmware packages
+#               to try; one of them fails. Lines written to updater.commands change what the updater does, see its --help
 # check-port    fails with a message if the port is in use
 #
 # All files of the running demo are in one folder under /tmp; its path is short because a Unix socket's is limited to 107
@@ -29,7 +32,9 @@ state=$source_directory/../../build/demo/run
 session_timeout=
 packages=
 commands=
+updater=
 launcher=
+updater_launcher=
 
 fail() {
     echo "$*" >&2
@@ -204,9 +209,27 @@ prepare_commands() {
     ln -s "$(command -v busybox)" "$commands/traceroute"
 }
 
+# Starts the stand-in for the SWUpdate daemon. Its standard input stays open for commands that may follow.
+start_updater() {
+    [ -n "$updater" ] || return 0
+    mkdir "$run/updates"
+    "$source_directory/make-update.sh" "$run/updates/demo-1.2.3.swu" 1.2.3
+    "$source_directory/make-update.sh" "$run/updates/demo-broken.swu" FAIL
+    mkfifo -m 600 "$run/updater.commands"
+    setsid "$updater" "$run/updater.control" "$run/updater.progress" --steps 3 --step-time 4000 --image-rate 2000000 \
+        --cpio 1 --fail-text FAIL <>"$run/updater.commands" >"$run/updater.log" 2>&1 &
+    updater_launcher=$!
+    record_process updater "$updater_launcher"
+    await 50 grep -q ready "$run/updater.log" || {
+        cat "$run/updater.log" >&2
+        fail "The stand-in for the SWUpdate daemon could not be started."
+    }
+}
+
 start_device() {
     # sudo sets a PATH of its own.
     set -- env "PATH=$commands:$PATH" "$device" --socket "$run/socket/device" --configuration "$run/configuration" --staging "$run/staging" \
+        --updater "$run/updater.control" --updater-progress "$run/updater.progress" \
         ${session_timeout:+--session-timeout "$session_timeout"}
     setsid "$source_directory/in-private-mounts.sh" "$run/zoneinfo" "$packages" "$run/log" \
         "$run/device.process" "$@" \
@@ -271,6 +294,10 @@ start() {
     if [ -n "$commands" ]; then
         commands=$(cd "$commands" && pwd) || fail "The folder of the commands cannot be read."
     fi
+    if [ -n "$updater" ]; then
+        [ -x "$updater" ] || fail "The updater \"$updater\" has not been built."
+        updater=$(cd "$(dirname "$updater")" && pwd)/$(basename "$updater")
+    fi
     if is_running; then
         [ -z "$has_port" ] || [ "$(address)" = "http://127.0.0.1:$port" ] ||
             fail "The demo is already running on $(address)."
@@ -289,6 +316,7 @@ start() {
     prepare_zones
     prepare_packages
     prepare_commands
+    start_updater
     start_device
     start_web_server
     await 100 is_served || {
@@ -317,6 +345,8 @@ end_and_remove() {
         [ -z "$launcher" ] || [ -e "$run/device.pid" ] || record_device
         end_process lighttpd || fail "The web server of the demo cannot be ended; it belongs to another user."
         end_process device || fail "The demo device cannot be ended; it belongs to another user."
+        [ -z "$updater_launcher" ] || [ -e "$run/updater.pid" ] || record_process updater "$updater_launcher"
+        end_process updater || fail "The updater of the demo cannot be ended; it belongs to another user."
         # These end with the two by themselves.
         await 50 has_ended logger || true
         await 50 has_ended log || true
@@ -361,6 +391,7 @@ while [ $# -gt 0 ]; do
         --session-timeout) session_timeout=$2 ;;
         --packages) packages=$2 ;;
         --commands) commands=$2 ;;
+        --updater) updater=$2 ;;
         *) fail "demo-control.sh: unknown option \"$1\"" ;;
     esac
     shift 2

@@ -2,12 +2,16 @@
 
 #include "devicerequestprocessor.h"
 #include "eventsrequestprocessor.h"
+#include "firmwaremessagesrequestprocessor.h"
 #include "iorequestprocessor.h"
 #include "loginrequestprocessor.h"
 #include "logoutrequestprocessor.h"
+#include "mediarequestprocessor.h"
 #include "proxychoicerequestprocessor.h"
 #include "streamrequestprocessor.h"
 
+#include <nbase/firmware/nfirmwareupdatefcgirequestprocessor.h>
+#include <nbase/firmware/nfirmwareupdatefcgiservice.h>
 #include <nbase/network/nnetworkpingfcgirequestprocessor.h>
 #include <nbase/network/nnetworkpingfcgiservice.h>
 #include <nbase/network/nnetworkproxyparametersfcgiservice.h>
@@ -30,6 +34,9 @@ QSet<Qt::DayOfWeek> daysFromMondayTo(Qt::DayOfWeek lastDay)
 
 // EventSource does not pass on the heartbeats of a stream, and a page takes silence for a broken connection.
 const int MillisecondsBetweenSignsOfLife = 15 * 1000;
+
+// For each step of a request to the SWUpdate daemon, during which no other request is served.
+const int UpdaterWaitTime = 5000; // milliseconds
 
 // Entries for the first user to look at.
 void addExamples(Timetable* timetable)
@@ -68,6 +75,9 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
     , m_identifier(&m_sessions)
     , m_streams(&m_sessions, nullptr)
     , m_networkEvents(&m_streams)
+    , m_installer(settings.updaterSocket, nullptr)
+    , m_progress(nullptr)
+    , m_firmwareEvents(&m_streams)
 {
     m_sessions.setIdleTimeout(settings.sessionTimeout);
     // Entries start and end by local time.
@@ -102,6 +112,7 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
         new NwaStandardFcgiService(new IoRequestProcessor(&m_identifier, &m_io), &m_services));
     connect(&m_io, SIGNAL(changed()), SLOT(sendIo()));
     registerNetworkTests();
+    registerFirmwareUpdate();
     connect(&m_signOfLife, SIGNAL(timeout()), SLOT(sendSignOfLife()));
     m_signOfLife.start(MillisecondsBetweenSignsOfLife);
 }
@@ -134,6 +145,26 @@ void DemoDevice::registerNetworkTests()
     m_server.registerService(
         QString::fromLatin1("/api/stream"),
         new NwaStandardFcgiService(new StreamRequestProcessor(&m_identifier, &m_streams), &m_services));
+}
+
+void DemoDevice::registerFirmwareUpdate()
+{
+    m_installer.setWaitTime(UpdaterWaitTime);
+    NFirmwareUpdateFcgiRequestProcessor* const processor =
+        new NFirmwareUpdateFcgiRequestProcessor(&m_identifier, &m_installer, &m_progress, &m_medias, nullptr);
+    NFirmwareUpdateFcgiService* const service = new NFirmwareUpdateFcgiService(processor, &m_services);
+    m_firmwareEvents.follow(&m_progress);
+    m_firmwareEvents.follow(&m_installer);
+    m_firmwareEvents.follow(&m_medias);
+    m_firmwareEvents.follow(service, processor);
+    m_server.registerService(QString::fromLatin1("/api/firmware"), service);
+    m_server.registerService(
+        QString::fromLatin1("/api/firmware-messages"),
+        new NwaStandardFcgiService(
+            new FirmwareMessagesRequestProcessor(&m_identifier, &m_firmwareEvents), &m_services));
+    m_server.registerService(
+        QString::fromLatin1("/api/media"),
+        new NwaStandardFcgiService(new MediaRequestProcessor(&m_identifier, &m_medias), &m_services));
 }
 
 bool DemoDevice::listen(const QString& path)

@@ -1,12 +1,16 @@
 #ifndef DEMODEVICE_DEMODEVICE_H
 #define DEMODEVICE_DEMODEVICE_H
 
+#include "firmwareevents.h"
 #include "ioboard.h"
+#include "mountedmedias.h"
 #include "networkevents.h"
 #include "timetable.h"
 #include "timezonesetting.h"
 
 #include <nbase/config/nucicursor.h>
+#include <nbase/firmware/nswupdateinstaller.h>
+#include <nbase/firmware/nswupdateprogressclient.h>
 #include <nbase/network/nnetworkproxyparameters.h>
 #include <nbase/network/nnetworkproxyparametersaccessor.h>
 #include <nbase/time/nbuildrootuclibctimezonedatabase.h>
@@ -27,17 +31,19 @@ struct DemoDeviceSettings
 {
     DemoDeviceSettings()
         : sessionTimeout(NwaWebSessionManager::DefaultIdleTimeout)
+        , updaterSocket(QString::fromLatin1("/tmp/sockinstctrl"))
     {
     }
 
     int sessionTimeout;             ///< after how many seconds without a request a session ends
     QString configurationDirectory; ///< of the configuration store; null for its default
     QString stagingDirectory;       ///< of the configuration store; null for its default
+    QString updaterSocket;          ///< the control socket of the SWUpdate daemon
 };
 
 /**
  * The demo device's services: every web service of the library, a timetable, simulated inputs and outputs, the
- * device's own state and a stream of live events, behind one login.
+ * device's own state, the removable media and a stream of live events, behind one login.
  */
 class DemoDevice : public QObject
 {
@@ -61,6 +67,7 @@ private:
     Q_DISABLE_COPY(DemoDevice)
 
     void registerNetworkTests();
+    void registerFirmwareUpdate();
 
     NBuildrootUclibcTimeZoneDatabase m_timeZones;
     TimeZoneSetting m_timeZone;
@@ -74,6 +81,10 @@ private:
     NwaCookieFcgiSessionIdentifier m_identifier;
     NwaEventStreams m_streams;
     NetworkEvents m_networkEvents;
+    MountedMedias m_medias;
+    NSWUpdateInstaller m_installer;
+    NSWUpdateProgressClient m_progress;
+    FirmwareEvents m_firmwareEvents;
     QTimer m_signOfLife;
     QObject m_services; ///< owns the services, which end after the server and before what they serve
     NwaFcgiServer m_server;

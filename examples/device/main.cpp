@@ -6,8 +6,11 @@
 
 #include <nbase/core/nbaselibinformation.h>
 #include <nbase/core/nsyslog.h>
+#include <nbase/firmware/progress_ipc.h>
 
+#include <QtCore/QByteArray>
 #include <QtCore/QCoreApplication>
+#include <QtCore/QFile>
 #include <QtCore/QStringList>
 
 #include <stdio.h>
@@ -19,6 +22,7 @@ namespace {
 struct Options
 {
     QString socketPath;
+    QString updaterProgressSocket; ///< null for the usual one
     DemoDeviceSettings device;
 };
 
@@ -36,6 +40,10 @@ bool readOptions(const QStringList& arguments, Options& options)
             options.device.configurationDirectory = value;
         else if (name == QLatin1String("--staging"))
             options.device.stagingDirectory = value;
+        else if (name == QLatin1String("--updater"))
+            options.device.updaterSocket = value;
+        else if (name == QLatin1String("--updater-progress"))
+            options.updaterProgressSocket = value;
         else
             return false;
         if (!ok || options.device.sessionTimeout < 1)
@@ -59,11 +67,16 @@ int main(int argc, char** argv)
         fprintf(
             stderr,
             "usage: nbase-demo-device --socket <path> [--session-timeout <seconds>] [--configuration <folder>]\n"
-            "       [--staging <folder>]\n");
+            "       [--staging <folder>] [--updater <socket>] [--updater-progress <socket>]\n");
         return EXIT_FAILURE;
     }
     TerminationWatcher termination(&application);
     QObject::connect(&termination, SIGNAL(terminationRequested()), &application, SLOT(quit()));
+
+    // The progress client connects to the path that this has at that time.
+    QByteArray progressSocket = QFile::encodeName(options.updaterProgressSocket);
+    if (!progressSocket.isEmpty())
+        SOCKET_PROGRESS_PATH = progressSocket.data();
 
     DemoDevice device(options.device, &log);
     if (!device.listen(options.socketPath)) {

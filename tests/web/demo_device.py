@@ -40,6 +40,8 @@ class Demo:
         self.packages = self.make_one_package()
         # The folder of the commands ping and traceroute; None for those of BusyBox.
         self.commands = None
+        # The stand-in for the SWUpdate daemon; None for none.
+        self.updater = None
         self.device = None
         self.options = ()
 
@@ -49,8 +51,9 @@ class Demo:
     def start_command(self, *options, device=None):
         packages = [] if self.packages is None else ["--packages", self.packages]
         commands = [] if self.commands is None else ["--commands", self.commands]
+        updater = [] if self.updater is None else ["--updater", self.updater]
         return self.command("start", "--device", device or self.device or device_program(), "--port", str(self.port),
-                            *packages, *commands, *options)
+                            *packages, *commands, *updater, *options)
 
     def control(self, action, *arguments):
         """Runs the action, which must succeed, and returns its output."""
