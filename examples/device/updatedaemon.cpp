@@ -100,6 +100,11 @@ UpdateDaemon::UpdateDaemon(QObject* parent)
 void UpdateDaemon::reset()
 {
     m_behaviour = Behaviour();
+    if (QLocalSocket* const socket = m_imageSocket) {
+        // Its end is not the end of an image anymore.
+        m_imageSocket = nullptr;
+        socket->abort();
+    }
     m_imageTimer.stop();
     m_stepTimer.stop();
     m_output.close();

@@ -57,7 +57,7 @@ public:
 
     /**
      * Changes the behaviour: names and values of options, separated by blanks, for example "fault install=silence
-     * after 100"; "reset" alone restores the default and the idle state.
+     * after 100"; "reset" alone restores the default and the idle state, and breaks off an image.
      * @return false when an option is unknown or its value wrong.
      */
     Q_INVOKABLE bool setOptions(const QString& options);
