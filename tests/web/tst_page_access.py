@@ -11,10 +11,11 @@ from demo_device import Client, Demo
 from selenium.webdriver.common.keys import Keys
 
 VIEWS = {"#device": "Device", "#time-zones": "Time zones", "#timetable": "Timetable", "#io": "Inputs and outputs",
-         "#proxy": "Proxy", "#ping": "Ping", "#traceroute": "Traceroute", "#packages": "Packages"}
+         "#proxy": "Proxy", "#ping": "Ping", "#traceroute": "Traceroute", "#firmware": "Firmware", "#packages": "Packages"}
 PACKAGE_COUNT = 500
 SECTIONS = {"#device": ".device", "#time-zones": ".time-zones", "#timetable": ".timetable", "#io": ".io",
-            "#proxy": ".proxy", "#ping": ".network-test", "#traceroute": ".network-test", "#packages": ".packages"}
+            "#proxy": ".proxy", "#ping": ".network-test", "#traceroute": ".network-test", "#firmware": ".firmware",
+            "#packages": ".packages"}
 
 # The services of ping and traceroute answer so while there is no run.
 NO_RUN = "section=state - Failed to load resource: the server responded with a status of 404 (Not Found)"
@@ -116,7 +117,7 @@ class ViewsTest(SignedInTestCase):
     def test_borders_of_controls_can_be_seen(self):
         browser = self.browser
         for address in ("#device", "#time-zones/", "#Europe/Paris", "#timetable", "#io", "#proxy", "#ping", "#traceroute",
-                        "#packages"):
+                        "#firmware", "#packages"):
             self.open(address)
             for scheme in ("light", "dark"):
                 with self.subTest(scheme=scheme, view=address):

@@ -2,6 +2,7 @@
 
 import { DAYS, DeviceClock, dayOf, timeText } from "./device-clock.js";
 import { element, fromTemplate, showField, showPart } from "./dom.js";
+import { sizeText } from "./sizes.js";
 
 const PATH = "/api/device";
 const QUESTION_MILLISECONDS = 5000;
@@ -44,13 +45,6 @@ function durationText(seconds) {
   if (first < 0)
     return "less than a minute";
   return counts.slice(first, first + 2).filter(([count]) => count > 0).map((each) => countText(...each)).join(", ");
-}
-
-function sizeText(bytes) {
-  const units = [["GiB", 2 ** 30], ["MiB", 2 ** 20], ["KiB", 2 ** 10]];
-  const [unit, size] = units.find((each) => bytes >= each[1]) ?? units.at(-1);
-  const count = bytes / size;
-  return `${count.toFixed(count < 100 ? 1 : 0)} ${unit}`;
 }
 
 class Device {

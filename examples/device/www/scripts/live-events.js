@@ -1,7 +1,7 @@
 // What happens on the device, as it happens: the event stream of the session. Where it cannot be had, the views poll.
 
 const PATH = "/api/stream";
-const TYPES = ["io", "ping", "traceroute"];
+const TYPES = ["io", "ping", "traceroute", "firmware", "firmware-message", "media"];
 const STATE_PATH = "/api/device?passive=yes"; // needs a session, and does not keep it alive
 
 // The device sends an event every 15 seconds at least. A connection may break without a sign.

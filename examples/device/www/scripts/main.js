@@ -4,6 +4,8 @@ import { DeviceClient } from "./client.js";
 import { ConnectionWatch } from "./connection-watch.js";
 import { deviceView } from "./device-view.js";
 import { element } from "./dom.js";
+import { FirmwareUpload } from "./firmware-upload.js";
+import { firmwareView } from "./firmware-view.js";
 import { ioView } from "./io-view.js";
 import { LiveEvents } from "./live-events.js";
 import { showLogin } from "./login-view.js";
@@ -14,6 +16,8 @@ import { timeZonesView } from "./time-zones-view.js";
 import { timetableView } from "./timetable-view.js";
 import { tracerouteView } from "./traceroute-view.js";
 
+const upload = new FirmwareUpload();
+
 /**
  * The views, in the order of the navigation. A view has
  * - name: what its address begins with; title: what the navigation calls it;
@@ -22,7 +26,8 @@ import { tracerouteView } from "./traceroute-view.js";
  *   opening reports its progress with loading.report(text), and ends when the AbortSignal loading.stop does. A view that
  *   follows what happens on the device starts and stops loading.live, which are LiveEvents.
  */
-const VIEWS = [deviceView, timeZonesView, timetableView, ioView, proxyView, pingView, tracerouteView, packagesView];
+const VIEWS = [deviceView, timeZonesView, timetableView, ioView, proxyView, pingView, tracerouteView, firmwareView(upload),
+  packagesView];
 
 const DEVICE_TITLE = document.title;
 
@@ -162,6 +167,9 @@ function askToLogIn(message) {
 }
 
 async function logOut() {
+  if (upload.isActive && !window.confirm(`Cancel the upload of ${upload.name} and sign out?`))
+    return;
+  upload.cancel();
   try {
     await client.logout();
   } catch (error) {
