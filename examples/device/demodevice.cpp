@@ -153,6 +153,7 @@ void DemoDevice::registerFirmwareUpdate()
     NFirmwareUpdateFcgiRequestProcessor* const processor =
         new NFirmwareUpdateFcgiRequestProcessor(&m_identifier, &m_installer, &m_progress, &m_medias, nullptr);
     NFirmwareUpdateFcgiService* const service = new NFirmwareUpdateFcgiService(processor, &m_services);
+    // After the processor, which reports the end of an installation before the events explain it.
     m_firmwareEvents.follow(&m_progress);
     m_firmwareEvents.follow(&m_installer);
     m_firmwareEvents.follow(&m_medias);

@@ -12,6 +12,8 @@
 
 namespace {
 
+const char UnknownStatus[] = "unknown";
+
 QString statusText(NSWUpdate::Status status)
 {
     static const char* const Texts[] = {"idle",     "start", "run",        "success", "failure",
@@ -66,6 +68,10 @@ QVariantList FirmwareEvents::messages() const
 
 void FirmwareEvents::sendStatus()
 {
+    // The daemon continues after all.
+    if (!m_messages.isEmpty() && m_messages.last().toMap().value(QString::fromLatin1("status")) ==
+                                     QVariant(QString::fromLatin1(UnknownStatus)))
+        m_messages.removeLast();
     m_streams->sendToAll("firmware", m_processor->firmwareUpdateStatusToVariantMap());
 }
 
@@ -86,7 +92,7 @@ void FirmwareEvents::endInstallation(bool success)
         m_processor->firmwareUpdateStatusToVariantMap().value(QString::fromLatin1("state")).toString();
     if (!success && (state == QLatin1String("starting") || state == QLatin1String("installing")))
         addMessage(
-            QString::fromLatin1("unknown"), true,
+            QString::fromLatin1(UnknownStatus), true,
             QString::fromLatin1("The SWUpdate daemon does not answer. It may nevertheless continue."));
 }
 

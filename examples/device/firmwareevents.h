@@ -24,7 +24,8 @@ class NwaEventStreams;
  *
  *       {"number": 7, "status": "failure", "isError": true, "description": "Image invalid or corrupted."}
  *
- *   or, with the status "unknown", that the daemon has not answered before the end of the installation.
+ *   or, with the status "unknown", that the daemon has stopped answering before the end of the installation. This
+ *   one is dropped when the status changes after all.
  * - "media": the list of the removable media, see MediaRequestProcessor.
  *
  * The status does not contain the words of the daemon, without which a failed installation has no reason. The

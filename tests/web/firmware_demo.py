@@ -2,6 +2,7 @@
 
 import http.client
 import os
+import signal
 import tempfile
 import time
 
@@ -86,6 +87,15 @@ class FirmwareDemo(Demo):
         run = self.run_directory()
         commands = Commands(os.path.join(run, "updater.commands"), os.path.join(run, "updater.log"))
         commands.run("reset", " ".join([DEFAULTS, *options]))
+
+    def stop_updater(self, test):
+        """The stand-in answers nothing until continue_updater()."""
+        updater = self.process("updater")
+        test.addCleanup(os.kill, updater, signal.SIGCONT)
+        os.kill(updater, signal.SIGSTOP)
+
+    def continue_updater(self):
+        os.kill(self.process("updater"), signal.SIGCONT)
 
     def insert(self, name, packages=(), label="", size="4m", read_only=False):
         """Mounts a medium, and returns when the device could begin to notice it. The packages are paths of files, whose

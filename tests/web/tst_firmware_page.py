@@ -285,14 +285,19 @@ class RefusalTest(FirmwareTestCase):
                            f"one of the states {texts}")
 
     def test_a_daemon_that_falls_silent_leaves_the_result_unknown(self):
-        self.demo.configure("fault status=disconnect", "step-time 60000")
+        self.demo.configure("step-time 2000")
         self.open()
         self.install(self.file())
+        self.until_field("installed", "Step 1 of 2")
+        self.demo.stop_updater(self)
         self.until_state("Unknown")
         self.browser.until_text("#update-fault", "The result of the installation is not known")
-        self.demo.configure()
-        self.install(self.file())
+        self.browser.driver.refresh()
+        self.until_state("Unknown")
+        self.demo.continue_updater()
+        self.until_field("installed", "Step 2 of 2")
         self.until_state("Installed")
+        self.assertFalse(self.browser.shows("#update-fault"))
 
 
 class FollowingTest(FirmwareTestCase):

@@ -162,13 +162,18 @@ class InstallationTest(FirmwareTestCase):
 
     def test_a_daemon_that_falls_silent_leaves_the_result_unknown(self):
         stream = Stream(self, self.session)
-        self.demo.configure("fault status=disconnect", "step-time 1000")
+        self.demo.configure("step-time 2000")
         self.assertEqual(self.upload(package()), 200)
-        message = next(document for name, document in iter(stream.event, None) if name == "firmware-message")
-        self.assertEqual((message["status"], message["isError"]), ("unknown", True))
-        self.assertEqual(self.messages(), [message])
+        wait_until(lambda: self.state().get("currentStep") == 1, "the first step")
+        self.demo.stop_updater(self)
+        message = next(document for name, document in iter(stream.event, None)
+                       if name == "firmware-message" and document["isError"])
+        self.assertEqual((message["status"], self.messages()[-1]), ("unknown", message))
         self.assertEqual(self.state()["state"], "installing")
-        self.demo.configure()
+        self.demo.continue_updater()
+        wait_until(lambda: self.state()["state"] == "finished", "the end")
+        self.assertTrue(self.state()["success"])
+        self.assertNotIn(message, self.messages())
 
     def test_a_daemon_that_refuses_is_answered_with_a_conflict(self):
         self.demo.configure("fault install=refuse")
