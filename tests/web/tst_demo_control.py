@@ -80,6 +80,32 @@ class DemoControlTest(unittest.TestCase):
         self.assert_nothing_is_left(run_directory)
         self.assertEqual(self.demo.stop(), "The demo is not running.")
 
+    def test_the_updater_has_packages_to_try_and_ends_with_the_demo(self):
+        self.demo.updater = os.environ["NBASE_DEMO_UPDATER"]
+        self.demo.start()
+        run_directory = self.demo.run_directory()
+        updater = self.demo.process("updater")
+        self.assertTrue(is_live(updater))
+        updates = os.path.join(run_directory, "updates")
+        self.assertEqual(sorted(os.listdir(updates)), ["demo-1.2.3.swu", "demo-broken.swu"])
+        for name, is_broken in (("demo-1.2.3.swu", False), ("demo-broken.swu", True)):
+            with open(os.path.join(updates, name), "rb") as file:
+                begin = file.read(4096)
+            self.assertTrue(begin.startswith(b"070701"), name)
+            self.assertEqual(b"FAIL" in begin, is_broken, name)
+        self.demo.stop()
+        self.assertFalse(is_live(updater))
+        self.assert_nothing_is_left(run_directory)
+
+    def test_an_updater_that_does_not_start_is_reported(self):
+        for updater, message in ((os.path.join(self.demo.folder.name, "missing"), "has not been built."),
+                                 (self.program("#!/bin/sh\necho no sockets; exit 1\n"), "no sockets\n")):
+            self.demo.updater = updater
+            started = run(self.demo.start_command())
+            self.assertEqual(started.returncode, 1)
+            self.assertIn(message, started.stderr)
+            self.assertFalse(os.path.lexists(self.demo.state))
+
     def test_the_machine_keeps_its_own_zones(self):
         before = sorted(os.listdir("/usr/share/zoneinfo"))
         self.demo.start()

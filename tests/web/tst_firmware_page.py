@@ -328,6 +328,20 @@ class FollowingTest(FirmwareTestCase):
         self.until_state("Installed")
         self.assertTrue(self.browser.find(".package-upload [type=submit]").is_enabled())
 
+    def test_an_installation_of_another_session_follows_that_of_the_page(self):
+        self.demo.configure("fail-step 1")
+        self.open()
+        self.install(self.file("own.swu"))
+        self.until_state("Failed")
+        self.assertEqual(self.field("package-name"), "own.swu")
+        self.until_message("Waiting for requests...")
+        self.demo.configure("step-time 1000")
+        self.assertEqual(self.upload(package()), 200)
+        self.until_state("Installing")
+        self.assertEqual(self.field("package-name"), "Installation")
+        self.assertFalse(self.browser.shows("[data-part=upload]"))
+        self.until_state("Installed")
+
     def test_the_page_polls_where_there_is_no_stream(self):
         self.block_stream()
         self.browser.set_faster_timers(4)

@@ -63,6 +63,8 @@ class Firmware {
   #outcome = ""; // of an upload that did not lead to an installation
   #lastPart = null; // of the installation, for one that fails
   #announced = "";
+  #knownState = "";
+  #isExpected = false; // the beginning of the installation that this page has started
   #isStarting = false;
   #isClosed = false;
   #uploadChanged = () => this.#show();
@@ -93,8 +95,12 @@ class Firmware {
     upload.addEventListener("end", this.#uploadEnded);
     if (upload.isActive)
       this.#packageName = upload.name;
-    for (const name of ["state", "messages"])
-      firmware.addEventListener(name, () => this.#show());
+    this.#knownState = firmware.state.state;
+    firmware.addEventListener("state", () => {
+      this.#noteBeginning();
+      this.#show();
+    });
+    firmware.addEventListener("messages", () => this.#show());
     firmware.addEventListener("media", () => this.#showMedia());
     this.#announced = this.#summary();
     this.#show();
@@ -175,10 +181,12 @@ class Firmware {
     this.#isStarting = true;
     this.#message.show("");
     this.#outcome = "";
+    this.#isExpected = true;
     try {
       await action();
       this.#packageName = packageName;
     } catch (error) {
+      this.#isExpected = false;
       // The frame of the page shows the others.
       if (error.kind === "refused")
         this.#showRefusal(error.status);
@@ -214,6 +222,20 @@ class Firmware {
   #clearChoice() {
     this.#file = null;
     this.#form.reset();
+  }
+
+  // What is known about the package of this page does not hold for that of another one.
+  #noteBeginning() {
+    const { state } = this.#firmware.state;
+    const isBeginning = state === "starting" && this.#knownState !== state;
+    this.#knownState = state;
+    if (isBeginning && !this.#isExpected) {
+      this.#packageName = "";
+      this.#outcome = "";
+    }
+    // While it is being started, the state may still be that of an earlier installation.
+    if (isBeginning || (state === "finished" && !this.#isStarting && !this.#upload.isActive))
+      this.#isExpected = false;
   }
 
   get #isBusy() {
