@@ -69,6 +69,7 @@ trap 'stop 143' HUP TERM
 
 echo
 echo "The demo device is running. It can be reached from this machine only; sign in as demo with the password demo."
+echo "Firmware packages to try are in $("$control" run-directory)/updates."
 if [ "$stay" = no ]; then
     echo "./run-demo.sh --stop ends it."
     "$control" address
