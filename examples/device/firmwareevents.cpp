@@ -30,6 +30,8 @@ FirmwareEvents::FirmwareEvents(NwaEventStreams* streams)
     , m_processor(nullptr)
     , m_medias(nullptr)
     , m_messageNumber(0)
+    , m_isComplete(true)
+    , m_hasBegun(true)
 {
 }
 
@@ -80,9 +82,20 @@ void FirmwareEvents::sendMedia()
     m_streams->sendToAll("media", MediaRequestProcessor::toVariant(*m_medias));
 }
 
+// Progress and messages come from two sockets: the first messages, and even the end, may come before the
+// beginning.
 void FirmwareEvents::beginInstallation()
 {
+    if (m_isComplete && m_hasBegun)
+        forgetMessages();
+    m_hasBegun = true;
+}
+
+void FirmwareEvents::forgetMessages()
+{
     m_messages.clear();
+    m_isComplete = false;
+    m_hasBegun = false;
 }
 
 void FirmwareEvents::endInstallation(bool success)
@@ -94,6 +107,7 @@ void FirmwareEvents::endInstallation(bool success)
         addMessage(
             QString::fromLatin1(UnknownStatus), true,
             QString::fromLatin1("The SWUpdate daemon does not answer. It may nevertheless continue."));
+    m_isComplete = true;
 }
 
 void FirmwareEvents::addStatusMessage(NSWUpdate::Status status, bool isError, const QString& description)
@@ -111,9 +125,12 @@ void FirmwareEvents::addMessage(const QString& status, bool isError, const QStri
     // A change of the status alone is in the status object.
     if (description.isEmpty())
         return;
+    if (m_isComplete)
+        forgetMessages();
     ++m_messageNumber;
     QVariantMap message;
     message.insert(QString::fromLatin1("number"), m_messageNumber);
+    message.insert(QString::fromLatin1("isFirst"), m_messages.isEmpty());
     message.insert(QString::fromLatin1("status"), status);
     message.insert(QString::fromLatin1("isError"), isError);
     message.insert(QString::fromLatin1("description"), description.left(MaximumMessageSize));

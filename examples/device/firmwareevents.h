@@ -22,7 +22,7 @@ class NwaEventStreams;
  * - "firmware": the status of the installation, as GET of the firmware service replies with it.
  * - "firmware-message": what the SWUpdate daemon reports in words,
  *
- *       {"number": 7, "status": "failure", "isError": true, "description": "Image invalid or corrupted."}
+ *       {"number": 7, "isFirst": false, "status": "failure", "isError": true, "description": "Image invalid."}
  *
  *   or, with the status "unknown", that the daemon has stopped answering before the end of the installation. This
  *   one is dropped when the status changes after all.
@@ -66,6 +66,7 @@ private slots:
 private:
     Q_DISABLE_COPY(FirmwareEvents)
 
+    void forgetMessages();
     void addMessage(const QString& status, bool isError, const QString& description);
 
     NwaEventStreams* m_streams;
@@ -73,6 +74,8 @@ private:
     const NRemovableMediasList* m_medias;
     QVariantList m_messages;
     quint32 m_messageNumber; ///< of the latest one
+    bool m_isComplete; ///< the installer has reported the end of the installation that the messages are about
+    bool m_hasBegun;   ///< the progress client has reported the beginning of that installation
 };
 
 #endif

@@ -284,7 +284,7 @@ class RefusalTest(FirmwareTestCase):
         self.browser.until(lambda: self.browser.shows(".run-state") and self.browser.text(".run-state") in texts,
                            f"one of the states {texts}")
 
-    def test_a_daemon_that_falls_silent_leaves_the_result_unknown(self):
+    def test_a_daemon_that_stops_answering_leaves_the_result_unknown(self):
         self.demo.configure("step-time 2000")
         self.open()
         self.install(self.file())

@@ -160,7 +160,7 @@ class InstallationTest(FirmwareTestCase):
         self.assertEqual(connection.getresponse().status, 200)
         self.assertTrue(self.until_finished()["success"])
 
-    def test_a_daemon_that_falls_silent_leaves_the_result_unknown(self):
+    def test_a_daemon_that_stops_answering_leaves_the_result_unknown(self):
         stream = Stream(self, self.session)
         self.demo.configure("step-time 2000")
         self.assertEqual(self.upload(package()), 200)

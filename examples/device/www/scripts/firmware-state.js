@@ -76,7 +76,7 @@ export class FirmwareState extends EventTarget {
     return ["starting", "installing"].includes(this.state.state) && !this.isLost;
   }
 
-  /** Whether the daemon has fallen silent before the end of an installation. */
+  /** Whether the daemon has stopped answering before the end of an installation. */
   get isLost() {
     return ["starting", "installing"].includes(this.state.state) && this.messages.at(-1)?.status === "unknown";
   }
@@ -100,19 +100,20 @@ export class FirmwareState extends EventTarget {
 
   #takeState(state) {
     this.#eventCounts.state += 1;
-    const isNew = state.state === "starting";
-    // The daemon has become audible again.
-    const isFound = this.messages.at(-1)?.status === "unknown";
-    if (isNew || isFound) {
+    // The daemon answers again.
+    if (this.messages.at(-1)?.status === "unknown") {
       this.#eventCounts.messages += 1;
-      this.#set("messages", isNew ? [] : this.messages.slice(0, -1));
+      this.#set("messages", this.messages.slice(0, -1));
     }
+    // The messages of the earlier installation are gone.
+    if (state.state === "starting")
+      this.#quietly(() => this.#readMessages());
     this.#set("state", state);
   }
 
   #takeMessage(message) {
     this.#eventCounts.messages += 1;
-    const known = this.messages.filter(({ number }) => number < message.number);
+    const known = message.isFirst ? [] : this.messages.filter(({ number }) => number < message.number);
     this.#set("messages", [...known, message]);
   }
 
