@@ -51,8 +51,8 @@ QByteArray SerialSession::errorText() const
 
 void SerialSession::usePort()
 {
-    if (!m_device.open(m_port.portName())) {
-        fail(m_commandLine.portName + ": not a serial port");
+    if (const int error = m_device.open(m_port.portName())) {
+        fail(m_commandLine.portName + ": " + (error == ENOTTY ? "not a serial port" : strerror(error)));
         return;
     }
     if (m_commandLine.rts != CommandLine::LevelUnchanged)

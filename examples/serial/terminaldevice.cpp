@@ -2,6 +2,7 @@
 
 #include <nbase/serial/nserialport.h>
 
+#include <errno.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -17,11 +18,13 @@ TerminalDevice::~TerminalDevice()
         ::close(m_fd);
 }
 
-bool TerminalDevice::open(const QString& portName)
+int TerminalDevice::open(const QString& portName)
 {
     int errorNumber;
     m_fd = NSerialPort::openFile(portName, errorNumber);
-    return isatty(m_fd);
+    if (m_fd < 0)
+        return errorNumber;
+    return isatty(m_fd) ? 0 : errno;
 }
 
 bool TerminalDevice::hasUnsentOutput() const

@@ -12,9 +12,9 @@ public:
 
     /**
      * Opens the device once more.
-     * @return false when the file is not a terminal device.
+     * @return 0, or the number of the error: ENOTTY when the file is not a terminal device.
      */
-    bool open(const QString& portName);
+    int open(const QString& portName);
 
     bool hasUnsentOutput() const;
 
