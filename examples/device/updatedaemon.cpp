@@ -15,6 +15,7 @@ enum Status { Idle = 0, Start = 1, Run = 2, Success = 3, Failure = 4, Done = 6, 
 
 const int TicksPerStep = 10;
 const int ImageStartSize = 4096;
+const int ImageEndSize = 4096;
 const int ImageInterval = 20; // milliseconds between the pieces of an image that is read slowly
 const int MillisecondsPerSecond = 1000;
 const int MaximumPercentage = 100;
@@ -52,6 +53,16 @@ QByteArray installText(const QByteArray& request)
 QByteArray imageName(int step)
 {
     return "image-" + QByteArray::number(step) + ".bin";
+}
+
+// What is wrong with an image as a cpio archive (cpio(5), "New ASCII Format"); empty when nothing is.
+QString archiveFault(const QByteArray& start, const QByteArray& end)
+{
+    if (!start.startsWith("07070"))
+        return QString::fromLatin1("ERROR : CPIO Format not recognized: magic not found");
+    if (!end.contains("TRAILER!!!"))
+        return QString::fromLatin1("ERROR : CPIO archive is incomplete");
+    return QString();
 }
 
 qint64 bytesPerImageInterval(qint64 bytesPerSecond)
@@ -97,6 +108,12 @@ UpdateDaemon::UpdateDaemon(QObject* parent)
     connect(&m_stepTimer, SIGNAL(timeout()), SLOT(step()));
 }
 
+// The servers would close their connections too, but after the members that the slots need have gone.
+UpdateDaemon::~UpdateDaemon()
+{
+    close();
+}
+
 void UpdateDaemon::reset()
 {
     m_behaviour = Behaviour();
@@ -109,6 +126,7 @@ void UpdateDaemon::reset()
     m_stepTimer.stop();
     m_output.close();
     m_imageStart.clear();
+    m_imageEnd.clear();
     m_imageSize = 0;
     m_isInstalling = false;
     m_status = Idle;
@@ -222,7 +240,7 @@ const char* UpdateDaemon::optionsHelp()
            "  fail-text <text>       only images with this text (_ for blanks) in their first 4096 bytes fail,\n"
            "                         without fail-step in the last step\n"
            "  message <text>         the message of the failure, with _ for blanks\n"
-           "  cpio <0|1>             1: an image that is no cpio archive fails\n"
+           "  cpio <0|1>             1: an image that is no whole cpio archive fails\n"
            "  image-rate <bytes>     bytes of the image that are read in a second; 0 (default): all\n"
            "  output <file>          keeps the image\n"
            "  fault <point>=<kind>   none (default), or point: install, image, status, post-update or progress,\n"
@@ -392,6 +410,7 @@ void UpdateDaemon::beginInstallation(QLocalSocket* socket, const QByteArray& req
     m_imageSocket = socket;
     m_imageSize = 0;
     m_imageStart.clear();
+    m_imageEnd.clear();
     m_messages.clear();
     m_step = 0;
     m_percentage = 0;
@@ -450,6 +469,7 @@ void UpdateDaemon::takeImage(const QByteArray& bytes)
     }
     if (m_imageStart.size() < ImageStartSize)
         m_imageStart += bytes.left(ImageStartSize - m_imageStart.size());
+    m_imageEnd = (m_imageEnd.right(ImageEndSize - qMin(ImageEndSize, bytes.size())) + bytes).right(ImageEndSize);
     m_imageSize += bytes.size();
     if (m_output.isOpen())
         m_output.write(bytes);
@@ -461,10 +481,11 @@ void UpdateDaemon::endImage()
     m_imageTimer.stop();
     m_output.close();
     emit imageReceived(m_imageSize);
+    const QString fault = m_behaviour.isCpioRequired ? archiveFault(m_imageStart, m_imageEnd) : QString();
     if (m_imageSize == 0 || isFaultAt("image"))
         endInstallation(false, m_behaviour.message);
-    else if (m_behaviour.isCpioRequired && !m_imageStart.startsWith("07070"))
-        endInstallation(false, QString::fromLatin1("ERROR : CPIO Format not recognized: magic not found"));
+    else if (!fault.isEmpty())
+        endInstallation(false, fault);
     else
         beginStep();
 }

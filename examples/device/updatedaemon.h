@@ -36,7 +36,7 @@ public:
         int failingStep;    ///< 0: none; the one after the last fails when all have been done
         QString failText;   ///< if it is set, only images with it in their first 4096 bytes fail
         QString message;    ///< of the failure
-        int isCpioRequired; ///< 1: an image that is no cpio archive is rejected
+        int isCpioRequired; ///< 1: an image that is no whole cpio archive is rejected
         int imageRate;      ///< bytes of the image that are read in a second; 0 for no limit
         QString output;     ///< the file to which the image is written; empty for none
 
@@ -48,6 +48,7 @@ public:
     };
 
     explicit UpdateDaemon(QObject* parent = nullptr);
+    ~UpdateDaemon() override;
 
     /** Listens on both sockets, instead of what has been left there. @return false on failure. */
     Q_INVOKABLE bool listen(const QString& controlPath, const QString& progressPath);
@@ -125,6 +126,7 @@ private:
     QTimer m_stepTimer;
     QFile m_output;
     QByteArray m_imageStart;
+    QByteArray m_imageEnd;
     qint64 m_imageSize;
     bool m_isInstalling;
     int m_status;

@@ -29,10 +29,11 @@ MEDIA = "/api/media"
 
 MEBIBYTE = 1024 * 1024
 BOUNDARY = "firmware-test"
+PACKAGE_END = b"TRAILER!!!\0\0"
 LAST_MESSAGE = "Waiting for requests..."
 
 # What the stand-in does unless a test says otherwise.
-DEFAULTS = "steps 2 step-time 200"
+DEFAULTS = "steps 2 step-time 200 cpio 1"
 
 
 def wait_until(condition, what):
@@ -84,9 +85,15 @@ class FirmwareDemo(Demo):
 
     def configure(self, *options):
         """Makes the stand-in idle, and sets its options, for example "steps 3", instead of the earlier ones."""
+        self.updater_commands().run("reset", " ".join([DEFAULTS, *options]))
+
+    def change(self, *options):
+        """Changes options of the stand-in, which continues what it does."""
+        self.updater_commands().run(" ".join(options))
+
+    def updater_commands(self):
         run = self.run_directory()
-        commands = Commands(os.path.join(run, "updater.commands"), os.path.join(run, "updater.log"))
-        commands.run("reset", " ".join([DEFAULTS, *options]))
+        return Commands(os.path.join(run, "updater.commands"), os.path.join(run, "updater.log"))
 
     def stop_updater(self, test):
         """The stand-in answers nothing until continue_updater()."""
@@ -131,7 +138,7 @@ class FirmwareDemo(Demo):
 
 def package(size=3000000, text=b""):
     """What the stand-in takes for a package."""
-    return (b"070701" + text).ljust(size, b"\0")
+    return (b"070701" + text).ljust(size - len(PACKAGE_END), b"\0") + PACKAGE_END
 
 
 def make_package(folder, name="update.swu", size=3000000, text=b""):
@@ -139,7 +146,8 @@ def make_package(folder, name="update.swu", size=3000000, text=b""):
     path = os.path.join(folder, name)
     with open(path, "wb") as file:
         file.write(package(0, text))
-        file.truncate(size)
+        file.seek(max(file.tell(), size) - len(PACKAGE_END))
+        file.write(PACKAGE_END)
     return path
 
 

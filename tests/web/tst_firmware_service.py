@@ -198,7 +198,7 @@ class LargePackageTest(FirmwareTestCase):
     def test_a_large_package_arrives_bit_for_bit_in_little_memory_while_the_device_answers(self):
         output = os.path.join(self.demo.folder.name, "image")
         os.mkfifo(output)
-        self.demo.configure("output " + output)
+        self.demo.configure("output " + output, "cpio 0")
         received = Received(output)
         device = Memory(self.demo.process("device"))
         web_server = Memory(self.demo.process("lighttpd"))

@@ -26,6 +26,8 @@ private slots:
     void wrongOptionIsRefused();
     void packageIsInstalled();
     void onlyImagesWithTheTextFail();
+    void onlyWholeArchivesAreInstalled_data();
+    void onlyWholeArchivesAreInstalled();
     void optionsAreReadFromStandardInput();
     void exampleInstallsAPackage_data();
     void exampleInstallsAPackage();
@@ -126,6 +128,29 @@ void tst_UpdateDaemon::onlyImagesWithTheTextFail()
     NTRY_COMPARE(finished.size(), 2);
     QVERIFY(finished.at(0).first().toBool());
     QVERIFY(!finished.at(1).first().toBool());
+}
+
+void tst_UpdateDaemon::onlyWholeArchivesAreInstalled_data()
+{
+    QTest::addColumn<QByteArray>("image");
+    QTest::addColumn<bool>("isInstalled");
+    QTest::newRow("whole") << QByteArray("070701 TRAILER!!!") << true;
+    QTest::newRow("padded") << QByteArray("070701 TRAILER!!!") + QByteArray(4000, '\0') << true;
+    QTest::newRow("in many pieces") << "070701" + QByteArray(100000, 'x') + "TRAILER!!!" << true;
+    QTest::newRow("no archive") << QByteArray("image TRAILER!!!") << false;
+    QTest::newRow("incomplete") << "070701" + QByteArray(100000, 'x') << false;
+}
+
+void tst_UpdateDaemon::onlyWholeArchivesAreInstalled()
+{
+    QFETCH(QByteArray, image);
+    QFETCH(bool, isInstalled);
+    start("--step-time 10 --cpio 1");
+    NSWUpdateInstaller installer(path("control"), nullptr);
+    QSignalSpy finished(&installer, SIGNAL(finished(bool)));
+    QVERIFY(installer.startImageInstallation(image.constData(), quint64(image.size()), QString()));
+    NTRY_COMPARE(finished.size(), 1);
+    QCOMPARE(finished.first().first().toBool(), isInstalled);
 }
 
 void tst_UpdateDaemon::optionsAreReadFromStandardInput()
