@@ -92,7 +92,7 @@ class Browser:
         """Makes it a browser that has never been at this address."""
         self.driver.get("about:blank")
         self.resize(1280, 800)
-        self.limit_download(-1)
+        self.limit_network()
         self.set_faster_timers(1)
         self.driver.execute_cdp_cmd("Storage.clearDataForOrigin", {"origin": address, "storageTypes": "all"})
         self.driver.execute_cdp_cmd("Network.clearBrowserCookies", {})
@@ -162,10 +162,10 @@ class Browser:
     def requested_addresses(self):
         return (event["request"]["url"] for event in self.network_events("requestWillBeSent"))
 
-    def limit_download(self, bytes_per_second):
-        """-1 is without a limit."""
+    def limit_network(self, download=-1, upload=-1):
+        """In bytes per second; -1 is without a limit."""
         self.driver.execute_cdp_cmd("Network.emulateNetworkConditions", {
-            "offline": False, "latency": 0, "downloadThroughput": bytes_per_second, "uploadThroughput": -1})
+            "offline": False, "latency": 0, "downloadThroughput": download, "uploadThroughput": upload})
 
     def screenshot(self, path):
         picture = self.driver.execute_cdp_cmd("Page.captureScreenshot", {"format": "png"})["data"]

@@ -13,8 +13,11 @@ from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.keys import Keys
 from tst_network_tools_service import Session
 
-# Slow enough that a test sees an upload before its end: the sockets on the way take some hundred kilobytes.
-SLOW = "image-rate 200000"
+# Slow enough that a test sees an upload before its end. A package that is to be incomplete has to come from a slow browser:
+# with a slow daemon, the sockets on the way and the files of the web server may already hold the rest.
+SLOW_DAEMON = "image-rate 500000"
+FAST_DAEMON = "image-rate 0"
+UPLOAD_RATE = 1000000  # bytes per second
 
 
 class FirmwareTestCase(FirmwareClient, PageTestCase):
@@ -63,6 +66,11 @@ class FirmwareTestCase(FirmwareClient, PageTestCase):
     def file(self, name="update.swu", size=3000000, text=b""):
         return make_package(self.files.name, name, size, text)
 
+    def empty_file(self, name):
+        path = os.path.join(self.files.name, name)
+        open(path, "w", encoding="ascii").close()
+        return path
+
     def choose(self, path):
         self.browser.find("#firmware-package").send_keys(path)
 
@@ -72,9 +80,13 @@ class FirmwareTestCase(FirmwareClient, PageTestCase):
         self.press(Keys.ENTER)
 
     def begin_slow_upload(self):
-        self.demo.configure(SLOW)
-        self.install(self.file("large.swu", 2 * MEBIBYTE))
+        self.browser.limit_network(upload=UPLOAD_RATE)
+        self.install(self.file("large.swu", 64 * MEBIBYTE))
         self.until_state("Uploading")
+
+    def until_broken_off(self):
+        """Waits until the device has rejected what has been sent of the package."""
+        self.assertEqual(self.until_finished()["success"], False)
 
     def field(self, name):
         return self.browser.run("return document.querySelector(`[data-field='${arguments[0]}']`)?.textContent", name)
@@ -106,7 +118,7 @@ class FirmwareTestCase(FirmwareClient, PageTestCase):
 class UploadTest(FirmwareTestCase):
     def test_a_package_is_uploaded_by_keyboard_and_its_steps_are_shown(self):
         browser = self.browser
-        self.demo.configure("steps 3 step-time 1500", SLOW)
+        self.demo.configure("steps 3 step-time 1500", SLOW_DAEMON)
         self.open()
         self.choose(self.file(size=MEBIBYTE))
         self.assertEqual(self.field("chosen"), "Size: 1.0 MiB")
@@ -159,9 +171,7 @@ class UploadTest(FirmwareTestCase):
         browser.until_text("#firmware-message", "Choose a firmware package first.")
         self.assertTrue(browser.run("return document.activeElement.matches('#firmware-package')"))
         for path, message in ((self.file("notes.txt"), "“notes.txt” is not a firmware package"),
-                              (self.file("empty.swu", 0), "“empty.swu” is empty.")):
-            if path.endswith("empty.swu"):
-                os.truncate(path, 0)
+                              (self.empty_file("empty.swu"), "“empty.swu” is empty.")):
             self.choose(path)
             browser.until_text("#firmware-message", message)
             self.assertEqual(browser.find("#firmware-package").get_dom_attribute("aria-invalid"), "true")
@@ -179,7 +189,7 @@ class UploadTest(FirmwareTestCase):
             browser.run("""
                 const data = new DataTransfer();
                 for (let number = 1; number <= arguments[0]; number += 1)
-                  data.items.add(new File(["070701 dropped"], `dropped-${number}.swu`));
+                  data.items.add(new File(["070701 dropped TRAILER!!!"], `dropped-${number}.swu`));
                 for (const type of ["dragover", "drop"]) {
                   const event = new DragEvent(type, { dataTransfer: data, bubbles: true, cancelable: true });
                   document.querySelector("h1").dispatchEvent(event);
@@ -197,10 +207,21 @@ class UploadTest(FirmwareTestCase):
         self.begin_slow_upload()
         self.press(Keys.ENTER)
         self.browser.until_text("#update-fault", "The upload was cancelled.")
+        self.until_broken_off()
         self.until_state("Not installed")
-        self.until_finished()
         self.demo.configure()
         self.install(self.file())
+        self.until_state("Installed")
+        self.assertFalse(self.browser.shows("#update-fault"))
+
+    def test_a_package_that_was_sent_whole_before_it_was_cancelled_is_installed(self):
+        self.open()
+        self.demo.configure(SLOW_DAEMON)
+        self.install(self.file(size=MEBIBYTE))
+        self.until_field("sent", "100 %")
+        self.press(Keys.ENTER)
+        self.browser.until_text("#update-fault", "The upload was cancelled.")
+        self.demo.change(FAST_DAEMON)
         self.until_state("Installed")
         self.assertFalse(self.browser.shows("#update-fault"))
 
@@ -211,6 +232,7 @@ class UploadTest(FirmwareTestCase):
         self.assertTrue(self.asks_before_it_is_left())
         self.press_tab_until("[data-action=cancel]")
         self.press(Keys.ENTER)
+        self.until_broken_off()
         self.until_state("Not installed")
         self.assertFalse(self.asks_before_it_is_left())
 
@@ -233,18 +255,21 @@ class UploadTest(FirmwareTestCase):
         browser.find("#logout").click()
         browser.driver.switch_to.alert.accept()
         browser.until_text(".login [role=alert]", "You have signed out.")
-        self.until_finished()
+        self.until_broken_off()
 
     def test_an_upload_continues_while_another_view_is_shown(self):
         browser = self.browser
         self.open()
-        self.begin_slow_upload()
+        self.demo.configure(SLOW_DAEMON)
+        self.install(self.file("large.swu", 2 * MEBIBYTE))
+        self.until_state("Uploading")
         browser.run("location.hash = '#ping'")
         browser.until_shown("#ping-host")
         browser.run("location.hash = '#firmware'")
         browser.until_shown(".firmware")
         self.until_state("Uploading")
         self.assertEqual(self.field("package-name"), "large.swu")
+        self.demo.change(FAST_DAEMON)
         self.until_state("Installed")
         self.assertEqual(self.field("sent"), "2.0 MiB of 2.0 MiB, 100 %")
 
@@ -366,7 +391,7 @@ class FollowingTest(FirmwareTestCase):
         browser.until_text("#update-fault", "The upload broke off")
         relay.mend()
         browser.until(lambda: not browser.shows("#banner"), "the end of the banner")
-        self.until_finished()
+        self.until_broken_off()
         self.demo.configure()
         browser.until(lambda: browser.find(".package-upload [type=submit]").is_enabled(), "the end of the installation")
         self.install(self.file())

@@ -1,4 +1,5 @@
 #include "ioboard.h"
+#include "support/ntestwait.h"
 
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
@@ -156,13 +157,13 @@ void tst_IoBoard::changesAreReportedOnce()
     board.outputs().first()->setActive(true);
     QCOMPARE(spy.size(), 0);
     QVERIFY(board.number() > number);
-    QTRY_COMPARE(spy.size(), 1);
+    NTRY_COMPARE(spy.size(), 1);
     board.outputs().first()->setActive(true);
     board.setPolarity(board.inputs().first(), board.inputs().first()->polarity());
     QCoreApplication::processEvents();
     QCOMPARE(spy.size(), 1);
     board.inputs().last()->setLevel(false);
-    QTRY_COMPARE(spy.size(), 2);
+    NTRY_COMPARE(spy.size(), 2);
 }
 
 void tst_IoBoard::thePolarityOfAnInvalidInputIsReported()
@@ -171,12 +172,12 @@ void tst_IoBoard::thePolarityOfAnInvalidInputIsReported()
     SimulatedInput* const input = board.inputs().last();
     input->setValid(false);
     QSignalSpy spy(&board, SIGNAL(changed()));
-    QTRY_COMPARE(spy.size(), 1);
+    NTRY_COMPARE(spy.size(), 1);
     const quint64 number = board.number();
     board.setPolarity(input, NAbstractInput::PolarityNo);
     QCOMPARE(input->polarity(), NAbstractInput::PolarityNo);
     QCOMPARE(board.number(), number + 1);
-    QTRY_COMPARE(spy.size(), 2);
+    NTRY_COMPARE(spy.size(), 2);
 }
 
 QTEST_MAIN(tst_IoBoard)

@@ -327,7 +327,7 @@ class ManyPackagesTest(PageTestCase):
         # All of it takes longer than the page waits for an answer: 8 seconds instead of 5.
         self.browser.set_faster_timers(3, longest=15)
         self.open()
-        self.browser.limit_download(25 * MEGABYTE)
+        self.browser.limit_network(download=25 * MEGABYTE)
         self.show_packages()
         self.browser.until_text(".loading-progress", "MB of licence texts")
         self.assertEqual(self.browser.text("#views [aria-current]"), "Packages")
@@ -344,19 +344,19 @@ class ManyPackagesTest(PageTestCase):
 
     def test_a_list_that_is_left_is_not_loaded_to_its_end(self):
         self.open()
-        self.browser.limit_download(8 * MEGABYTE)
+        self.browser.limit_network(download=8 * MEGABYTE)
         self.show_packages()
         self.browser.until_text(".loading-progress", "MB of licence texts")
         self.browser.find("#views a").click()
         self.until_download_is_cancelled()
-        self.browser.limit_download(-1)
+        self.browser.limit_network()
         self.browser.until_shown(".device")
         self.assertFalse(self.browser.shows("#banner"))
 
     def test_a_device_that_stops_in_the_middle_of_the_list_is_reported(self):
         self.browser.set_faster_timers(5, longest=15)
         self.open()
-        self.browser.limit_download(8 * MEGABYTE)
+        self.browser.limit_network(download=8 * MEGABYTE)
         self.show_packages()
         self.browser.until_text(".loading-progress", "MB of licence texts")
         os.kill(self.demo.process("device"), signal.SIGSTOP)
@@ -366,7 +366,7 @@ class ManyPackagesTest(PageTestCase):
     def test_a_device_that_dies_in_the_middle_of_the_list_is_reported(self):
         self.addCleanup(self.demo.restart)
         self.open()
-        self.browser.limit_download(8 * MEGABYTE)
+        self.browser.limit_network(download=8 * MEGABYTE)
         self.show_packages()
         self.browser.until_text(".loading-progress", "MB of licence texts")
         os.kill(self.demo.process("device"), signal.SIGKILL)

@@ -395,11 +395,11 @@ class SavedSettingsTest(ProxyTestCase):
         self.type(self.field("http", "host"), "other.example")
         browser.driver.execute_cdp_cmd("Network.emulateNetworkConditions", {
             "offline": True, "latency": 0, "downloadThroughput": -1, "uploadThroughput": -1})
-        self.addCleanup(browser.limit_download, -1)
+        self.addCleanup(browser.limit_network)
         self.save()
         browser.until_text("#banner", "The device cannot be reached")
         self.assertEqual(self.value(self.field("http", "host")), "other.example")
-        browser.limit_download(-1)
+        browser.limit_network()
         self.save()
         self.until_saved()
         browser.until(lambda: not browser.shows("#banner"), "the end of the banner")

@@ -61,6 +61,7 @@ class Firmware {
   #file = null;
   #packageName = ""; // of the installation that this page has started
   #outcome = ""; // of an upload that did not lead to an installation
+  #isBrokenOff = false; // the outcome is that of an upload which the device may nevertheless have received whole
   #lastPart = null; // of the installation, for one that fails
   #announced = "";
   #knownState = "";
@@ -97,7 +98,7 @@ class Firmware {
       this.#packageName = upload.name;
     this.#knownState = firmware.state.state;
     firmware.addEventListener("state", () => {
-      this.#noteBeginning();
+      this.#noteChange();
       this.#show();
     });
     firmware.addEventListener("messages", () => this.#show());
@@ -181,6 +182,7 @@ class Firmware {
     this.#isStarting = true;
     this.#message.show("");
     this.#outcome = "";
+    this.#isBrokenOff = false;
     this.#isExpected = true;
     try {
       await action();
@@ -204,10 +206,11 @@ class Firmware {
 
   async #takeEnd({ kind, status }) {
     this.#clearChoice();
+    this.#isBrokenOff = kind === "cancelled" || kind === "broken";
     if (kind === "refused" && status !== 401)
       this.#outcome = refusalText(status);
     else if (kind === "cancelled")
-      this.#outcome = "The upload was cancelled. The device rejects the part that it got.";
+      this.#outcome = "The upload was cancelled. The device rejects an incomplete package.";
     else if (kind === "broken")
       this.#outcome = "The upload broke off: the connection was lost, or the file cannot be read any more.";
     this.#show();
@@ -224,15 +227,19 @@ class Firmware {
     this.#form.reset();
   }
 
-  // What is known about the package of this page does not hold for that of another one.
-  #noteBeginning() {
-    const { state } = this.#firmware.state;
+  #noteChange() {
+    const { state, success } = this.#firmware.state;
     const isBeginning = state === "starting" && this.#knownState !== state;
+    const isEnd = state === "finished" && this.#knownState !== state;
     this.#knownState = state;
+    // What is known about the package of this page does not hold for that of another one.
     if (isBeginning && !this.#isExpected) {
       this.#packageName = "";
       this.#outcome = "";
     }
+    // The rest of the package was on its way already: the system sends what it has taken from the browser.
+    if (isEnd && success && this.#isBrokenOff)
+      this.#outcome = "";
     // While it is being started, the state may still be that of an earlier installation.
     if (isBeginning || (state === "finished" && !this.#isStarting && !this.#upload.isActive))
       this.#isExpected = false;
