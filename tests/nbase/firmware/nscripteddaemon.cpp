@@ -5,6 +5,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QtEndian>
 
+#include <chrono>
 #include <fcntl.h>
 #include <poll.h>
 #include <string.h>
@@ -14,6 +15,7 @@
 
 namespace {
 
+const int InstallRequestType = 0;
 const int StatusRequestType = 3;
 
 void require(bool condition, const char* what)
@@ -33,6 +35,7 @@ NScriptedDaemon::NScriptedDaemon(int recordSize)
     : m_recordSize(recordSize)
     , m_server(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
     , m_isHeld(false)
+    , m_openImages(0)
     , m_imageLimit(-1)
     , m_endedConnections(0)
 {
@@ -182,17 +185,31 @@ void NScriptedDaemon::serve(int number)
     }
     if (reply.end == Keep)
         readImage(number);
+    if (request.at(4) == InstallRequestType)
+        endImage();
 }
 
 NScriptedDaemon::Reply NScriptedDaemon::takeReply(const QByteArray& request)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const bool isStatus = request.at(4) == StatusRequestType;
+    // Like a daemon that does one thing after the other, it has read what was sent before the question.
+    if (isStatus)
+        m_continued.wait_for(lock, std::chrono::seconds(10), [this]() { return m_isHeld || m_openImages == 0; });
+    if (request.at(4) == InstallRequestType)
+        ++m_openImages;
     m_requests.append(request);
     if (!m_replies.isEmpty())
         return m_replies.takeFirst();
-    const bool isStatus = request.at(4) == StatusRequestType;
     const Reply reply = {QList<QByteArray>() << (isStatus ? status(0, 3) : acknowledgement()), Keep};
     return reply;
+}
+
+void NScriptedDaemon::endImage()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    --m_openImages;
+    m_continued.notify_all();
 }
 
 // Of a connection that is no image, this is the end only.

@@ -65,6 +65,7 @@ private:
     void serve(int number);
     bool waitForInput(int socket) const;
     Reply takeReply(const QByteArray& request);
+    void endImage();
     void readImage(int socket);
     void waitWhileHeld();
 
@@ -76,6 +77,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_continued;
     bool m_isHeld;
+    int m_openImages; ///< connections of images that have not ended
     QList<Reply> m_replies;
     QList<QByteArray> m_requests;
     QByteArray m_image;
