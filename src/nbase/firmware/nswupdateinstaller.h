@@ -43,8 +43,10 @@ public:
     NSWUpdateInstaller(const QString& socketName, QObject* parent);
     ~NSWUpdateInstaller() override;
 
-    /** Record2072 by default. Takes effect with the next request. */
+    /** The layout of the daemon's records; Record2072 by default. */
     RecordLayout recordLayout() const;
+
+    /** Sets the layout of the daemon's records, from the next request on. */
     void setRecordLayout(RecordLayout layout);
 
     /**
@@ -52,6 +54,8 @@ public:
      * reply; 30000 by default. A daemon that does not answer blocks the thread for up to three times as long.
      */
     int waitTime() const;
+
+    /** Sets waitTime(), from the next request on; a negative time counts as 0. */
     void setWaitTime(int milliseconds);
 
     /**

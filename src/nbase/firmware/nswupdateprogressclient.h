@@ -44,8 +44,10 @@ public:
 
     ~NSWUpdateProgressClient() override;
 
-    /** Record2400 by default. To be set before the event loop receives the first record. */
+    /** The layout of the daemon's records; Record2400 by default. */
     RecordLayout recordLayout() const;
+
+    /** Sets the layout of the daemon's records. To be called before the event loop receives the first one. */
     void setRecordLayout(RecordLayout layout);
 
 signals:

@@ -23,7 +23,7 @@ extern "C" {
 /** A record of the progress socket, in the byte order of the daemon. */
 typedef struct progress_msg
 {
-    uint32_t magic;
+    uint32_t magic;       /**< not checked */
     uint32_t status;      /**< a value of NSWUpdate::Status */
     uint32_t dwl_percent; /**< percentage of the download */
     uint32_t nsteps;      /**< number of steps */
