@@ -118,9 +118,8 @@ void IoRequestProcessor::changeInput(NwaFcgiRequest* request, SimulatedInput* in
     if (!isChange(change, QStringList() << level << valid))
         return refuse(
             request, NwaFcgiRequest::BadRequest,
-            ioText("Of an input, the \"polarity\" (\"NO\" or \"NC\"), the \"level\" and \"valid\" (true or false) "
-                   "can "
-                   "be changed."));
+            ioText("Of an input, the \"polarity\" (\"NO\" or \"NC\"), the \"level\" and \"valid\" (true or "
+                   "false) can be changed."));
     const SimulatedOutput* const output = m_board->outputWiredTo(input);
     if (output && change.contains(level))
         return refuse(
