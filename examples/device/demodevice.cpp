@@ -112,7 +112,7 @@ DemoDevice::DemoDevice(const DemoDeviceSettings& settings, const NSysLog* log)
         new NwaStandardFcgiService(new IoRequestProcessor(&m_identifier, &m_io), &m_services));
     connect(&m_io, SIGNAL(changed()), SLOT(sendIo()));
     registerNetworkTests();
-    registerFirmwareUpdate();
+    registerFirmwareUpdate(settings);
     connect(&m_signOfLife, SIGNAL(timeout()), SLOT(sendSignOfLife()));
     m_signOfLife.start(MillisecondsBetweenSignsOfLife);
 }
@@ -147,9 +147,11 @@ void DemoDevice::registerNetworkTests()
         new NwaStandardFcgiService(new StreamRequestProcessor(&m_identifier, &m_streams), &m_services));
 }
 
-void DemoDevice::registerFirmwareUpdate()
+void DemoDevice::registerFirmwareUpdate(const DemoDeviceSettings& settings)
 {
     m_installer.setWaitTime(UpdaterWaitTime);
+    m_installer.setRecordLayout(settings.controlRecords);
+    m_progress.setRecordLayout(settings.progressRecords);
     NFirmwareUpdateFcgiRequestProcessor* const processor =
         new NFirmwareUpdateFcgiRequestProcessor(&m_identifier, &m_installer, &m_progress, &m_medias, nullptr);
     NFirmwareUpdateFcgiService* const service = new NFirmwareUpdateFcgiService(processor, &m_services);

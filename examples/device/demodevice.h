@@ -32,13 +32,17 @@ struct DemoDeviceSettings
     DemoDeviceSettings()
         : sessionTimeout(NwaWebSessionManager::DefaultIdleTimeout)
         , updaterSocket(QString::fromLatin1("/tmp/sockinstctrl"))
+        , controlRecords(NSWUpdateInstaller::Record2072)
+        , progressRecords(NSWUpdateProgressClient::Record2400)
     {
     }
 
-    int sessionTimeout;             ///< after how many seconds without a request a session ends
-    QString configurationDirectory; ///< of the configuration store; null for its default
-    QString stagingDirectory;       ///< of the configuration store; null for its default
-    QString updaterSocket;          ///< the control socket of the SWUpdate daemon
+    int sessionTimeout;                              ///< after how many seconds without a request a session ends
+    QString configurationDirectory;                  ///< of the configuration store; null for its default
+    QString stagingDirectory;                        ///< of the configuration store; null for its default
+    QString updaterSocket;                           ///< the control socket of the SWUpdate daemon
+    NSWUpdateInstaller::RecordLayout controlRecords; ///< of the daemon's control socket
+    NSWUpdateProgressClient::RecordLayout progressRecords; ///< of the daemon's progress socket
 };
 
 /**
@@ -67,7 +71,7 @@ private:
     Q_DISABLE_COPY(DemoDevice)
 
     void registerNetworkTests();
-    void registerFirmwareUpdate();
+    void registerFirmwareUpdate(const DemoDeviceSettings& settings);
 
     NBuildrootUclibcTimeZoneDatabase m_timeZones;
     TimeZoneSetting m_timeZone;

@@ -26,6 +26,26 @@ struct Options
     DemoDeviceSettings device;
 };
 
+// Takes the sizes of the daemon's records on its control socket and its progress socket, such as "3120:2416".
+bool readRecordSizes(const QString& text, DemoDeviceSettings& settings)
+{
+    const QString control = text.section(QLatin1Char(':'), 0, 0);
+    const QString progress = text.section(QLatin1Char(':'), 1);
+    if (control == QLatin1String("3120"))
+        settings.controlRecords = NSWUpdateInstaller::Record3120;
+    else if (control == QLatin1String("3104"))
+        settings.controlRecords = NSWUpdateInstaller::Record3104;
+    else if (control != QLatin1String("2072"))
+        return false;
+    if (progress == QLatin1String("2416"))
+        settings.progressRecords = NSWUpdateProgressClient::Record2416;
+    else if (progress == QLatin1String("2408"))
+        settings.progressRecords = NSWUpdateProgressClient::Record2408;
+    else if (progress != QLatin1String("2400"))
+        return false;
+    return true;
+}
+
 bool readOptions(const QStringList& arguments, Options& options)
 {
     for (int index = 1; index + 1 < arguments.size(); index += 2) {
@@ -44,6 +64,8 @@ bool readOptions(const QStringList& arguments, Options& options)
             options.device.updaterSocket = value;
         else if (name == QLatin1String("--updater-progress"))
             options.updaterProgressSocket = value;
+        else if (name == QLatin1String("--updater-records"))
+            ok = readRecordSizes(value, options.device);
         else
             return false;
         if (!ok || options.device.sessionTimeout < 1)
@@ -67,7 +89,8 @@ int main(int argc, char** argv)
         fprintf(
             stderr,
             "usage: nbase-demo-device --socket <path> [--session-timeout <seconds>] [--configuration <folder>]\n"
-            "       [--staging <folder>] [--updater <socket>] [--updater-progress <socket>]\n");
+            "       [--staging <folder>] [--updater <socket>] [--updater-progress <socket>]\n"
+            "       [--updater-records <size of control records>:<size of progress records>]\n");
         return EXIT_FAILURE;
     }
     TerminationWatcher termination(&application);

@@ -6,11 +6,12 @@ import tempfile
 import unittest
 
 from browser import PageTestCase
-from demo_device import Demo
+from demo_device import Demo, device_program
 from firmware_demo import MEBIBYTE, FirmwareClient, FirmwareDemo, make_package, package
 from relay import Relay
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.keys import Keys
+from swupdate_daemon import RECORDS, SwupdateDaemon
 from tst_network_tools_service import Session
 
 # Slow enough that a test sees an upload before its end. A package that is to be incomplete has to come from a slow browser:
@@ -451,6 +452,47 @@ class MediaTest(FirmwareTestCase):
         self.assertFalse(browser.find("[data-package='sdz1/one.swu']").is_enabled())
         self.until_state("Installed")
         self.assertTrue(browser.find("[data-package='sdz1/one.swu']").is_enabled())
+
+
+class SwupdateTest(FirmwareTestCase):
+    """With the system's SWUpdate instead of the stand-in."""
+
+    # Larger than what the sockets on the way hold, and not alike anywhere.
+    PAYLOAD = os.urandom(4000000)
+
+    @classmethod
+    def make_demo(cls):
+        cls.daemon = SwupdateDaemon()
+        cls.addClassCleanup(cls.daemon.stop)
+        device = os.path.join(cls.daemon.folder.name, "device")
+        with open(device, "w", encoding="utf-8") as file:
+            file.write(f'#!/bin/sh\nexec "{device_program()}" "$@" --updater "{cls.daemon.control_socket}" '
+                       f'--updater-progress "{cls.daemon.progress_socket}" --updater-records {RECORDS}\n')
+        os.chmod(device, 0o755)
+        return cls.make_own_demo(device=device)
+
+    def setUp(self):
+        PageTestCase.setUp(self)
+
+    def test_a_package_is_installed(self):
+        path = self.daemon.make_package("update.swu", self.PAYLOAD)
+        self.open()
+        self.install(path)
+        self.until_state("Installed")
+        self.until_message("SWUPDATE successful !")
+        self.until_message("Waiting for requests...")
+        self.assertFalse(self.browser.shows("#update-fault"))
+        self.assertEqual(self.daemon.installed_bytes(), self.PAYLOAD)
+
+    def test_a_package_whose_content_has_changed_fails_with_the_message_of_the_daemon(self):
+        path = self.daemon.make_package("broken.swu", self.PAYLOAD[:-1] + b"x", described=self.PAYLOAD)
+        self.open()
+        self.install(path)
+        self.until_state("Failed")
+        self.browser.until_text(
+            "#update-fault", "The device reports: Image invalid or corrupted. Not installing ...")
+        self.until_message("Error: Image invalid or corrupted. Not installing ...")
+        self.browser.until(lambda: any("HASH mismatch" in text for text in self.shown_messages()), "the reason")
 
 
 class LayoutTest(FirmwareTestCase):
