@@ -96,8 +96,9 @@ QByteArray partitionTable()
 
 bool plugIn()
 {
-    return NVirtualDevice::request("plug media0").isEmpty() &&
-           NTest::waitUntil([]() { return exists(PartitionPath) && exists(PartitionDirectory); });
+    return NVirtualDevice::request("plug media0").isEmpty() && NTest::waitUntil([]() {
+               return exists(PartitionDirectory) && NSystem::open(PartitionPath, O_RDONLY).isOpen();
+           });
 }
 
 bool unplug()
@@ -135,9 +136,10 @@ class Mount
 public:
     Mount(const char* device, const char* name, unsigned long flags = 0)
         : m_path(QFile::encodeName(m_directory.filePath(text(name))))
-        , m_isMounted(
-              ::mkdir(m_path.constData(), 0755) == 0 &&
-              ::mount(device, m_path.constData(), "vfat", flags, nullptr) == 0)
+        , m_isMounted(::mkdir(m_path.constData(), 0755) == 0 && NTest::waitUntil([this, device, flags]() {
+                          // A partition that was found may go once more, when the kernel reads the table again.
+                          return ::mount(device, m_path.constData(), "vfat", flags, nullptr) == 0;
+                      }))
     {
     }
 
@@ -233,8 +235,8 @@ void tst_RemovableMedia::initTestCase()
 {
     qRegisterMetaType<NRemovableMedia*>("NRemovableMedia*");
     QCOMPARE(NVirtualDevice::request("plug media0"), QByteArray());
-    NTRY_VERIFY(exists(Disk));
-    QVERIFY(writeAt(Disk, 0, partitionTable()));
+    // The kernel creates the file before the disk can be opened.
+    NTRY_VERIFY(writeAt(Disk, 0, partitionTable()));
     QVERIFY(NVirtualDevice::request("unplug media0").isEmpty());
     NTRY_VERIFY(!exists(Disk));
 }
