@@ -2,7 +2,7 @@
 """The inputs and outputs on the page of the demo device, in a real browser.
 
     tst_io_page.py [<unittest arguments>]
-    tst_io_page.py --screenshot <file.png>     writes a picture of the view instead
+    tst_io_page.py --screenshot <file.png>     writes the picture for the guide instead
 """
 
 import sys
