@@ -63,6 +63,7 @@ private:
         QByteArray* output = nullptr);
     QByteArray makePackage(const QByteArray& payload, const QByteArray& hashed);
     void startDaemon();
+    void waitForProgressConnection();
     void verifyInstalled();
     void verifyRejected();
 
@@ -119,6 +120,18 @@ void tst_SWUpdate::initTestCase()
     connect(m_client.get(), SIGNAL(stepUpdate(int,int,QString,quint8)), SLOT(stepUpdate(int,int,QString,quint8)));
     connect(m_client.get(), SIGNAL(updateFinished(bool)), SLOT(updateFinished(bool)));
     connect(m_client.get(), SIGNAL(updateDone(QString)), SLOT(updateDone(QString)));
+    waitForProgressConnection();
+}
+
+// The daemon reports only to connections that it has accepted, and does not tell when it has.
+void tst_SWUpdate::waitForProgressConnection()
+{
+    while (!m_progress.contains(latin1("failure"))) {
+        init();
+        QVERIFY(m_installer->startImageInstallation(m_payload.constData(), PayloadSize, QString()));
+        NTRY_VERIFY(!m_results.isEmpty());
+        QTest::qWait(100);
+    }
 }
 
 void tst_SWUpdate::cleanupTestCase()

@@ -54,6 +54,7 @@ class Device {
   #level;
   #program;
   #questions = 0;
+  #isNewChoice = false; // its lines have not been shown yet
   #questionTimer = null;
   #clockTimer = null;
   #isClosed = false;
@@ -97,10 +98,16 @@ class Device {
   }
 
   async #chosen() {
+    this.#isNewChoice = true;
     await this.#ask(false);
-    const count = this.#root.querySelectorAll(".log-lines tbody tr").length;
-    showField(this.#root, "log-announcement", count === 0 ? "No messages" : countText(count, "message"));
     this.#askLater();
+  }
+
+  // When its lines are shown, which a question of the page itself may have asked for.
+  #announceChoice(count) {
+    if (this.#isNewChoice)
+      showField(this.#root, "log-announcement", count === 0 ? "No messages" : countText(count, "message"));
+    this.#isNewChoice = false;
   }
 
   // Of two questions under way at the same time only the answer to the later one is shown.
@@ -112,8 +119,10 @@ class Device {
       parameters.set("passive", "yes");
     try {
       const state = await this.#client.get(`${PATH}?${parameters}`);
-      if (!this.#isClosed && question === this.#questions)
+      if (!this.#isClosed && question === this.#questions) {
         this.#show(state);
+        this.#announceChoice(state.log.lines.length);
+      }
     } catch {
       // The client has reported it. Until the next answer the time is not known.
       this.#clock.forget();
