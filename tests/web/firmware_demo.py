@@ -1,5 +1,6 @@
 """The demo device with a stand-in for the SWUpdate daemon that a test controls, and with removable media that it inserts."""
 
+import contextlib
 import http.client
 import os
 import signal
@@ -9,11 +10,14 @@ import time
 from demo_device import SECONDS_TO_WAIT, Demo, device_program
 
 # Runs in the mount namespace of the device, before it. Media are file systems in memory that are mounted as those of USB
-# sticks. The commands come from a pipe, one in each line, until the device ends.
+# sticks. The commands come from a pipe, one in each line, until "exit" or the end of the device. An ordinary user is root
+# there, or needs sudo where the kernel has no user namespaces, as in a chroot.
 DEVICE = """#!/bin/sh
-mount -t tmpfs tmpfs /sys
-mkdir -p /sys/class/block
-setpriv --pdeathsig KILL sh -c 'while :; do
+as_root=
+[ "$(id -u)" -eq 0 ] || as_root="sudo -n"
+$as_root mount -t tmpfs tmpfs /sys
+$as_root mkdir -p /sys/class/block
+$as_root setpriv --pdeathsig KILL sh -c 'while [ -p "FOLDER/commands" ]; do
     while read -r command; do
         eval "$command"
         echo done >>"FOLDER/done"
@@ -50,6 +54,11 @@ def wait_until(condition, what):
 def line_count(path):
     with open(path, encoding="utf-8") as file:
         return file.read().count("\n")
+
+
+def open_if_it_is_read(path, flags):
+    """Fails for a pipe without a reader, instead of waiting for one."""
+    return os.open(path, flags | os.O_NONBLOCK)
 
 
 class Commands:
@@ -135,6 +144,10 @@ class FirmwareDemo(Demo):
         return begin
 
     def remove(self):
+        # With sudo, the commands do not end with the device.
+        with contextlib.suppress(OSError), open(
+                self.media_path("commands"), "w", encoding="ascii", opener=open_if_it_is_read) as pipe:
+            pipe.write("exit\n")
         super().remove()
         self.media_folder.cleanup()
 
