@@ -40,7 +40,22 @@ class SwupdateDaemon:
         return os.path.join(self.folder.name, name)
 
     def is_listening(self):
-        return os.path.exists(self.control_socket) and os.path.exists(self.progress_socket)
+        with open(self.path("log"), encoding="utf-8", errors="replace") as log:
+            return (os.path.exists(self.control_socket) and os.path.exists(self.progress_socket)
+                    and "Main loop daemon" in log.read())
+
+    def wait_until_it_sleeps(self):
+        """An installation that is requested before the daemon waits for one is accepted, but never begins."""
+        wait_until(self.is_asleep, "SWUpdate to sleep")
+
+    def is_asleep(self):
+        """Whether none of its threads is running or about to (proc(5), /proc/<pid>/task/<tid>/stat)."""
+        threads = f"/proc/{self.process.pid}/task"
+        for thread in os.listdir(threads):
+            with open(f"{threads}/{thread}/stat", encoding="utf-8", errors="replace") as file:
+                if file.read().rpartition(")")[2].split()[0] != "S":
+                    return False
+        return True
 
     def run(self, *command, **options):
         return subprocess.run(command, cwd=self.folder.name, check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,

@@ -473,6 +473,7 @@ class SwupdateTest(FirmwareTestCase):
 
     def setUp(self):
         PageTestCase.setUp(self)
+        self.daemon.wait_until_it_sleeps()
 
     def test_a_package_is_installed(self):
         path = self.daemon.make_package("update.swu", self.PAYLOAD)

@@ -8,6 +8,7 @@
 
 #include <nsystem/nlatin1_p.h>
 
+#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
 #include <QtTest/QtTest>
@@ -23,6 +24,28 @@ QByteArray readFile(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+qint64 processOf(const QProcess& program)
+{
+#if QT_VERSION < QT_VERSION_CHECK(5, 3, 0)
+    return program.pid();
+#else
+    return program.processId();
+#endif
+}
+
+// Whether no thread of the process is running or about to (proc(5), /proc/<pid>/task/<tid>/stat).
+bool isAsleep(qint64 process)
+{
+    const QDir threads(QString::fromLatin1("/proc/%1/task").arg(process));
+    const QStringList names = threads.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& name : names) {
+        const QByteArray status = readFile(threads.filePath(name + latin1("/stat")));
+        if (status.mid(status.lastIndexOf(')'), 3) != ") S")
+            return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -151,6 +174,8 @@ void tst_SWUpdate::init()
     m_progress.clear();
     m_percentages.clear();
     QFile::remove(path("installed"));
+    // An installation that is requested before the daemon waits for one is accepted, but never begins.
+    NTRY_VERIFY(isAsleep(processOf(m_daemon)));
 }
 
 bool tst_SWUpdate::run(const char* program, const QString& arguments, const QByteArray& input, QByteArray* output)
@@ -205,7 +230,8 @@ void tst_SWUpdate::startDaemon()
         latin1("swupdate"), latin1("-f swupdate.cfg -k certificate.pem -H test:1.0 -v").split(QLatin1Char(' ')));
     const auto isReady = [this]() {
         return m_daemon.state() == QProcess::NotRunning ||
-               (QFile::exists(path("sockinstctrl")) && QFile::exists(path("swupdateprog")));
+               (QFile::exists(path("sockinstctrl")) && QFile::exists(path("swupdateprog")) &&
+                readFile(path("daemon.log")).contains("Main loop daemon"));
     };
     NTRY_VERIFY(isReady());
     QVERIFY2(m_daemon.state() == QProcess::Running, readFile(path("daemon.log")).constData());
