@@ -56,9 +56,9 @@ poweroff -f
 
 def load_virtual_device():
     path = os.path.join(SOURCE, "scripts", "run-in-virtual-device.py")
-    specification = importlib.util.spec_from_file_location("virtual_device", path)
-    module = importlib.util.module_from_spec(specification)
-    specification.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location("virtual_device", path)
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
     return module
 
 

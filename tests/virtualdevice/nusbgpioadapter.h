@@ -13,7 +13,7 @@
 /**
  * A USB adapter with a CP2112, for which the kernel's driver hid-cp2112 makes a GPIO chip with eight lines. The
  * driver is the real one; the test answers its HID reports through /dev/uhid (Documentation/hid/uhid.rst in
- * Linux). The reports are those of the chip's interface specification, AN495.
+ * Linux). The reports are those of the chip's interface description, AN495.
  *
  * The driver finds edges by reading the levels every 10 ticks of the kernel, 40 ms.
  */
