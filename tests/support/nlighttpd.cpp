@@ -1,5 +1,7 @@
 #include "support/nlighttpd.h"
 
+#include "support/nprocessid.h"
+
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 
@@ -95,11 +97,7 @@ quint16 NLighttpd::port() const
 
 qint64 NLighttpd::processId() const
 {
-#if QT_VERSION < QT_VERSION_CHECK(5, 0, 0)
-    return m_process.pid();
-#else
-    return m_process.processId();
-#endif
+    return NTest::processIdOf(m_process);
 }
 
 QString NLighttpd::url(const QString& path) const

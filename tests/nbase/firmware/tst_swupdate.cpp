@@ -3,6 +3,7 @@
 #include <nbase/firmware/nswupdateprogressclient.h>
 #include <nbase/firmware/progress_ipc.h>
 
+#include "support/nprocessid.h"
 #include "support/ntemporarydirectory.h"
 #include "support/ntestwait.h"
 
@@ -24,15 +25,6 @@ QByteArray readFile(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-qint64 processOf(const QProcess& program)
-{
-#if QT_VERSION < QT_VERSION_CHECK(5, 3, 0)
-    return program.pid();
-#else
-    return program.processId();
-#endif
 }
 
 // Whether no thread of the process is running or about to (proc(5), /proc/<pid>/task/<tid>/stat).
@@ -175,7 +167,7 @@ void tst_SWUpdate::init()
     m_percentages.clear();
     QFile::remove(path("installed"));
     // An installation that is requested before the daemon waits for one is accepted, but never begins.
-    NTRY_VERIFY(isAsleep(processOf(m_daemon)));
+    NTRY_VERIFY(isAsleep(NTest::processIdOf(m_daemon)));
 }
 
 bool tst_SWUpdate::run(const char* program, const QString& arguments, const QByteArray& input, QByteArray* output)
