@@ -39,7 +39,7 @@ SOURCES = [
     "src/nbase/device/nabstractoutput.cpp"]
 MOC_HEADERS = [
     "examples/gpio/gpioinput.h", "examples/gpio/gpioline.h", "examples/gpio/gpiooutput.h",
-    "src/nbase/device/nabstractinput.h", "src/nbase/device/nabstractoutput.h"]
+    "src/nbase/device/nabstractinput.h", "src/nbase/device/nabstractoutput.h", "tests/gpio/nedgerecorder.h"]
 MODULES_OF_QT = ["QtCore", "QtTest"]
 END_MARK = "the test has ended with status"
 INIT = """#!/bin/sh

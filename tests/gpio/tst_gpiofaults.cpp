@@ -1,4 +1,5 @@
 // Inputs and outputs on a simulated GPIO chip: what is requested of the kernel, and what goes wrong.
+#include "nedgerecorder.h"
 #include "nsimulatedgpiochip.h"
 
 #include "gpioinput.h"
@@ -16,7 +17,6 @@
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
 
-#include <algorithm>
 #include <errno.h>
 #include <string.h>
 #include <thread>
@@ -53,43 +53,6 @@ QString textOf(int error)
 {
     return QString::fromLocal8Bit(strerror(error));
 }
-
-qint64 now()
-{
-    timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return qint64(time.tv_sec) * 1000000000 + time.tv_nsec;
-}
-
-/** Notes the edges of an input and how long they took to the signal. */
-class EdgeRecorder : public QObject
-{
-    Q_OBJECT
-
-public:
-    explicit EdgeRecorder(GpioInput* input)
-        : m_input(input)
-    {
-        connect(input, SIGNAL(risingInterrupt()), SLOT(noteRising()));
-        connect(input, SIGNAL(fallingInterrupt()), SLOT(noteFalling()));
-    }
-
-    QByteArray edges; ///< 'r' and 'f'
-    QList<qint64> latencies;
-
-private slots:
-    void noteRising() { note('r'); }
-    void noteFalling() { note('f'); }
-
-private:
-    void note(char edge)
-    {
-        edges += edge;
-        latencies.append(now() - qint64(m_input->edgeTime()));
-    }
-
-    GpioInput* m_input;
-};
 
 } // namespace
 
@@ -289,7 +252,7 @@ void tst_GpioFaults::edgesBeforeTheFirstReadingArePartOfIt()
         });
     const QScopedPointer<GpioInput> input(makeInput());
     QVERIFY(!input->rawState());
-    EdgeRecorder recorder(input.data());
+    NEdgeRecorder recorder(input.data());
     const NMessageRecorder messages;
     QVERIFY(m_chip->sendEvent(GPIO_V2_LINE_EVENT_RISING_EDGE, 3));
     NTRY_COMPARE(recorder.edges, QByteArray("r"));
@@ -299,7 +262,7 @@ void tst_GpioFaults::edgesBeforeTheFirstReadingArePartOfIt()
 void tst_GpioFaults::lostEdgesAreReported()
 {
     const QScopedPointer<GpioInput> input(makeInput());
-    EdgeRecorder recorder(input.data());
+    NEdgeRecorder recorder(input.data());
     QSignalSpy states(input.data(), StateSignal);
     const NMessageRecorder messages;
     QVERIFY(m_chip->sendEvent(GPIO_V2_LINE_EVENT_RISING_EDGE, 1));
@@ -315,30 +278,20 @@ void tst_GpioFaults::lostEdgesAreReported()
 void tst_GpioFaults::tenThousandEdges()
 {
     const QScopedPointer<GpioInput> input(makeInput());
-    EdgeRecorder recorder(input.data());
+    NEdgeRecorder recorder(input.data());
     std::thread sender([this]() {
         const timespec interval = {0, 200000};
         for (int i = 1; i <= ManyEdges; ++i) {
             const quint32 id = i % 2 == 0 ? GPIO_V2_LINE_EVENT_FALLING_EDGE : GPIO_V2_LINE_EVENT_RISING_EDGE;
-            while (!m_chip->sendEvent(id, quint32(i), quint64(now())))
+            while (!m_chip->sendEvent(id, quint32(i), quint64(NEdgeRecorder::now())))
                 ;
             nanosleep(&interval, nullptr);
         }
     });
-    QTimer waker; // for the event loop, in case that nothing arrives
-    waker.start(1000);
-    QElapsedTimer timer;
-    timer.start();
-    // NTest::waitUntil() sleeps between the events, which would be measured.
-    while (recorder.edges.size() < ManyEdges && !timer.hasExpired(60000))
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    recorder.waitForEdges(ManyEdges);
     sender.join();
     QCOMPARE(recorder.edges, QByteArray("rf").repeated(ManyEdges / 2));
-    QList<qint64> latencies = recorder.latencies;
-    std::sort(latencies.begin(), latencies.end());
-    qDebug() << ManyEdges << "edges; to the signal, in microseconds: half of them within"
-             << latencies.at(ManyEdges / 2) / 1000 << ", 99 % within" << latencies.at(ManyEdges * 99 / 100) / 1000
-             << ", all within" << latencies.last() / 1000;
+    qDebug("%s", NEdgeRecorder::summary(recorder.latencies).constData());
 }
 
 // ---- faults ----

@@ -2,6 +2,8 @@
 // in the virtual device.
 #include "nusbgpioadapter.h"
 
+#include "gpio/nedgerecorder.h"
+
 #include "gpioinput.h"
 #include "gpiooutput.h"
 
@@ -13,16 +15,13 @@
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
 
-#include <algorithm>
 #include <signal.h>
-#include <time.h>
 
 namespace {
 
 const char* const StateSignal = SIGNAL(stateChanged(bool, bool));
 
 const int EdgesOfEachLine = 1250;
-const int EdgeTimeout = 30000; // milliseconds; reached only if an edge is missed
 const int BufferedEdges = 40;
 
 /** By the label, because a chip that is plugged in again may have another number. */
@@ -43,13 +42,6 @@ bool isHeld(int line)
     gpio_v2_line_info info;
     return chip.open(GpioChip::names().value(0)) && chip.readLineInfo(line, &info) &&
            info.flags & GPIO_V2_LINE_FLAG_USED;
-}
-
-qint64 now()
-{
-    timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return qint64(time.tv_sec) * 1000000000 + time.tv_nsec;
 }
 
 GpioInput* makeInput(int line, QObject* parent)
@@ -106,40 +98,6 @@ public:
 
 private:
     QProcess m_process;
-};
-
-/** Notes the edges of an input and how long they took from the kernel to the signal. */
-class EdgeRecorder : public QObject
-{
-    Q_OBJECT
-
-public:
-    explicit EdgeRecorder(GpioInput* input, QObject* parent = nullptr)
-        : QObject(parent)
-        , levelsAreThoseOfTheEdges(true)
-        , m_input(input)
-    {
-        connect(input, SIGNAL(risingInterrupt()), SLOT(noteRising()));
-        connect(input, SIGNAL(fallingInterrupt()), SLOT(noteFalling()));
-    }
-
-    QByteArray edges; ///< 'r' and 'f'
-    QList<qint64> latencies;
-    bool levelsAreThoseOfTheEdges;
-
-private slots:
-    void noteRising() { note('r'); }
-    void noteFalling() { note('f'); }
-
-private:
-    void note(char edge)
-    {
-        edges += edge;
-        latencies.append(now() - qint64(m_input->edgeTime()));
-        levelsAreThoseOfTheEdges &= m_input->rawState() == (edge == 'r');
-    }
-
-    GpioInput* m_input;
 };
 
 /** Does something to an input or output when its state changes. */
@@ -245,7 +203,7 @@ void tst_GpioLines::inputFollowsItsLine()
     QVERIFY(!input.rawState());
     QCOMPARE(input.isActive(), !activeLevel);
     QSignalSpy states(&input, StateSignal);
-    EdgeRecorder recorder(&input);
+    NEdgeRecorder recorder(&input);
 
     m_adapter.setLevels(1 << 3);
     NTRY_COMPARE(recorder.edges, QByteArray("r"));
@@ -266,7 +224,7 @@ void tst_GpioLines::edgesWaitForTheEventLoop()
 {
     GpioInput input(chipLine(0), GpioInput::PolarityNo, GpioInput::Settings(), nullptr);
     QVERIFY(m_adapter.waitForReads(2));
-    EdgeRecorder recorder(&input);
+    NEdgeRecorder recorder(&input);
     Receiver receiver(&input, Receiver::RunEventLoop);
     for (int i = 0; i < BufferedEdges; ++i) {
         m_adapter.setLevels(i % 2 == 0 ? 1 : 0);
@@ -282,32 +240,21 @@ void tst_GpioLines::edgesWaitForTheEventLoop()
 void tst_GpioLines::manyEdgesOfAllLines()
 {
     QObject parent;
-    QTimer waker; // for the event loop, in case that nothing else happens
-    waker.start(EdgeTimeout / 2);
-    QList<EdgeRecorder*> recorders;
+    QList<NEdgeRecorder*> recorders;
     for (int line = 0; line < NUsbGpioAdapter::Lines; ++line)
-        recorders.append(new EdgeRecorder(makeInput(line, &parent), &parent));
+        recorders.append(new NEdgeRecorder(makeInput(line, &parent), &parent));
     for (int i = 1; i <= EdgesOfEachLine; ++i) {
         m_adapter.setLevels(i % 2 == 0 ? 0 : 0xff);
-        // NTest::waitUntil() sleeps between the events, which would be measured.
-        QElapsedTimer timer;
-        timer.start();
-        for (const EdgeRecorder* recorder : recorders) {
-            while (recorder->edges.size() < i && !timer.hasExpired(EdgeTimeout))
-                QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-            QCOMPARE(recorder->edges.size(), i);
-        }
+        for (const NEdgeRecorder* recorder : recorders)
+            QVERIFY2(recorder->waitForEdges(i), qPrintable(QString::number(i)));
     }
     QList<qint64> latencies;
-    for (const EdgeRecorder* recorder : recorders) {
+    for (const NEdgeRecorder* recorder : recorders) {
         QCOMPARE(recorder->edges, QByteArray("rf").repeated(EdgesOfEachLine / 2));
         QVERIFY(recorder->levelsAreThoseOfTheEdges);
         latencies += recorder->latencies;
     }
-    std::sort(latencies.begin(), latencies.end());
-    qDebug() << latencies.size() << "edges; from the kernel to the signal, in microseconds: half of them within"
-             << latencies.at(latencies.size() / 2) / 1000 << ", 99 % within"
-             << latencies.at(latencies.size() * 99 / 100) / 1000 << ", all within" << latencies.last() / 1000;
+    qDebug("%s", NEdgeRecorder::summary(latencies).constData());
 }
 
 void tst_GpioLines::receiverMayDeleteTheInput()

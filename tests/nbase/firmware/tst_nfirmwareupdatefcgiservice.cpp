@@ -223,6 +223,7 @@ protected slots:
 
 private:
     void makeService();
+    bool serveWith(NUpdateDaemonThread* daemon, const char* options);
     QVariantMap status() const;
     void send(
         NFcgiClient& client, const QByteArray& method, const QByteArray& query = QByteArray(),
@@ -584,18 +585,27 @@ void tst_NFirmwareUpdateFcgiService::statusHasTheMembersOfItsState()
     QVERIFY(m_client->output().startsWith("Content-Type: application/json; charset=utf-8\r\n"));
 }
 
+// Has the service install packages with the stand-in instead of the scripted daemon.
+bool tst_NFirmwareUpdateFcgiService::serveWith(NUpdateDaemonThread* daemon, const char* options)
+{
+    if (!daemon->listen())
+        return false;
+    daemon->setOptions(options);
+    m_progressPath = QFile::encodeName(daemon->progressPath());
+    SOCKET_PROGRESS_PATH = m_progressPath.data();
+    if (!NTest::waitUntil([daemon]() { return daemon->progressConnections() == 1; }))
+        return false;
+    delete m_service;
+    delete m_installer;
+    m_installer = new NSWUpdateInstaller(daemon->controlPath(), nullptr);
+    makeService();
+    return true;
+}
+
 void tst_NFirmwareUpdateFcgiService::stateFollowsTheDaemon()
 {
     NUpdateDaemonThread daemon;
-    QVERIFY(daemon.listen());
-    daemon.setOptions("steps 2 step-time 10");
-    m_progressPath = QFile::encodeName(daemon.progressPath());
-    SOCKET_PROGRESS_PATH = m_progressPath.data();
-    NTRY_COMPARE(daemon.progressConnections(), 1);
-    delete m_service;
-    delete m_installer;
-    m_installer = new NSWUpdateInstaller(daemon.controlPath(), nullptr);
-    makeService();
+    QVERIFY(serveWith(&daemon, "steps 2 step-time 10"));
 
     QCOMPARE(upload(NTest::randomBytes(500000)), 200);
     QVERIFY(NwaJson::parse(m_client->replyBody(), nullptr).toMap().contains(latin1("state")));
@@ -625,15 +635,7 @@ void tst_NFirmwareUpdateFcgiService::stateFollowsTheDaemon()
 void tst_NFirmwareUpdateFcgiService::failureOfTheDaemonIsReported()
 {
     NUpdateDaemonThread daemon;
-    QVERIFY(daemon.listen());
-    daemon.setOptions("steps 2 step-time 10 fail-step 2");
-    m_progressPath = QFile::encodeName(daemon.progressPath());
-    SOCKET_PROGRESS_PATH = m_progressPath.data();
-    NTRY_COMPARE(daemon.progressConnections(), 1);
-    delete m_service;
-    delete m_installer;
-    m_installer = new NSWUpdateInstaller(daemon.controlPath(), nullptr);
-    makeService();
+    QVERIFY(serveWith(&daemon, "steps 2 step-time 10 fail-step 2"));
 
     QCOMPARE(upload(NTest::randomBytes(500000)), 200);
     QVERIFY(waitForIdle());
