@@ -1,12 +1,8 @@
 #include "commandline.h"
 
-namespace {
+#include "optionreader.h"
 
-template <typename Value> struct Choice
-{
-    const char* name;
-    Value value;
-};
+namespace {
 
 const Choice<CommandLine::Task> Tasks[] = {
     {"list", CommandLine::ListLines},
@@ -34,11 +30,11 @@ const int WatchOrDrive = 1 << CommandLine::WatchLines | 1 << CommandLine::DriveL
 const int ReadOrWatch = 1 << CommandLine::ReadLines | 1 << CommandLine::WatchLines;
 
 /** Sets a command line from its arguments, one after the other. */
-class Reader
+class Reader : private OptionReader
 {
 public:
     Reader(const QList<QByteArray>& arguments, CommandLine* commandLine)
-        : m_arguments(arguments)
+        : OptionReader(arguments)
         , m_line(*commandLine)
     {
     }
@@ -46,67 +42,34 @@ public:
     QByteArray read();
 
 private:
-    void readOption(QByteArray name);
-    bool readFlag(const QByteArray& name);
-    bool readValue(const QByteArray& name, const QByteArray& value);
+    bool readFlag(const QByteArray& name) override;
+    bool readValue(const QByteArray& name, const QByteArray& value) override;
     void readOperands();
     void readLine(const QByteArray& text);
     void accept(const QByteArray& option, int tasks);
     template <typename Number> void readNumber(const QByteArray& text, int minimum, Number* number, int unit = 1);
-    template <typename Value, size_t Count>
-    void choose(const Choice<Value> (&choices)[Count], const QByteArray& name, Value* value);
-    void fail(const QByteArray& error);
 
-    QList<QByteArray> m_arguments;
     CommandLine& m_line;
-    QByteArray m_error;
 };
 
 QByteArray Reader::read()
 {
-    QList<QByteArray> operands;
-    bool hasOptions = true;
     // The task comes first, because it decides which options there are.
     if (!m_arguments.isEmpty() && !m_arguments.first().startsWith('-'))
         choose(Tasks, m_arguments.takeFirst(), &m_line.task);
     else if (m_arguments.isEmpty())
         fail("no task is given");
-    while (!m_arguments.isEmpty() && m_error.isEmpty() && m_line.task != CommandLine::PrintHelp) {
-        const QByteArray argument = m_arguments.takeFirst();
-        if (hasOptions && argument == "--")
-            hasOptions = false;
-        else if (hasOptions && argument.startsWith('-'))
-            readOption(argument);
-        else
-            operands.append(argument);
-    }
-    m_arguments = operands;
+    readArguments();
     if (m_error.isEmpty())
         readOperands();
     return m_error;
-}
-
-void Reader::readOption(QByteArray name)
-{
-    if (readFlag(name))
-        return;
-    const int separator = name.indexOf('=');
-    if (separator >= 0) {
-        m_arguments.prepend(name.mid(separator + 1));
-        name.truncate(separator);
-    }
-    const bool hasValue = !m_arguments.isEmpty();
-    const bool isKnown = readValue(name, hasValue ? m_arguments.takeFirst() : QByteArray());
-    if (!isKnown)
-        m_error = "unknown option " + name;
-    else if (!hasValue)
-        m_error = name + " needs a value";
 }
 
 bool Reader::readFlag(const QByteArray& name)
 {
     if (name == "--help" || name == "-h") {
         m_line.task = CommandLine::PrintHelp;
+        m_arguments.clear();
     } else if (name == "--version") {
         m_line.task = CommandLine::PrintVersion;
     } else if (name == "--normally-closed") {
@@ -162,26 +125,11 @@ template <typename Number> void Reader::readNumber(const QByteArray& text, int m
         *number = Number(value * unit);
 }
 
-template <typename Value, size_t Count>
-void Reader::choose(const Choice<Value> (&choices)[Count], const QByteArray& name, Value* value)
-{
-    QByteArray names;
-    for (const Choice<Value>& choice : choices) {
-        if (name == choice.name) {
-            *value = choice.value;
-            return;
-        }
-        names += names.isEmpty() ? QByteArray() : QByteArray(", ");
-        names += choice.name;
-    }
-    fail("\"" + name + "\" is not one of " + names);
-}
-
 void Reader::readOperands()
 {
     if (m_line.task == CommandLine::PrintHelp || m_line.task == CommandLine::PrintVersion)
         return;
-    for (const QByteArray& operand : m_arguments)
+    for (const QByteArray& operand : m_operands)
         readLine(operand);
     if (m_line.lines.isEmpty() && m_line.task != CommandLine::ListLines)
         fail("no line is given");
@@ -201,12 +149,6 @@ void Reader::readLine(const QByteArray& text)
         choose(States, text.mid(separator + 1), &line.active);
     }
     m_line.lines.append(line);
-}
-
-void Reader::fail(const QByteArray& error)
-{
-    if (m_error.isEmpty())
-        m_error = error;
 }
 
 } // namespace

@@ -1,12 +1,8 @@
 #include "commandline.h"
 
-namespace {
+#include "optionreader.h"
 
-template <typename Value> struct Choice
-{
-    const char* name;
-    Value value;
-};
+namespace {
 
 const Choice<NSerialPort::BaudRate> BaudRates[] = {
     {"110", NSerialPort::BaudRate110},       {"300", NSerialPort::BaudRate300},
@@ -39,11 +35,11 @@ const Choice<CommandLine::Level> Levels[] = {{"on", CommandLine::LevelOn}, {"off
 const Choice<DataFormat> Formats[] = {{"hex", HexFormat}, {"text", TextFormat}, {"binary", BinaryFormat}};
 
 /** Sets a command line from its arguments, one after the other. */
-class Reader
+class Reader : private OptionReader
 {
 public:
     Reader(const QList<QByteArray>& arguments, CommandLine* commandLine)
-        : m_arguments(arguments)
+        : OptionReader(arguments)
         , m_line(*commandLine)
         , m_hasFormat(false)
         , m_format(HexFormat)
@@ -53,57 +49,24 @@ public:
     QByteArray read();
 
 private:
-    void readOption(QByteArray name);
-    bool readFlag(const QByteArray& name);
-    bool readValue(const QByteArray& name, const QByteArray& value);
+    bool readFlag(const QByteArray& name) override;
+    bool readValue(const QByteArray& name, const QByteArray& value) override;
     void readSettings(const QByteArray& text);
     void readTimeout(const QByteArray& text);
     void readOperands();
     void readData();
 
-    template <typename Value, size_t Count>
-    void choose(const Choice<Value> (&choices)[Count], const QByteArray& name, Value* value);
-
-    QList<QByteArray> m_arguments;
-    QList<QByteArray> m_operands;
     CommandLine& m_line;
     bool m_hasFormat;
     DataFormat m_format;
-    QByteArray m_error;
 };
 
 QByteArray Reader::read()
 {
-    bool hasOptions = true;
-    while (!m_arguments.isEmpty() && m_error.isEmpty()) {
-        const QByteArray argument = m_arguments.takeFirst();
-        if (hasOptions && argument == "--")
-            hasOptions = false;
-        else if (hasOptions && argument.startsWith('-') && argument.size() > 1)
-            readOption(argument);
-        else
-            m_operands.append(argument);
-    }
+    readArguments();
     if (m_error.isEmpty() && (m_line.task == CommandLine::UsePort || m_line.task == CommandLine::ListPorts))
         readOperands();
     return m_error;
-}
-
-void Reader::readOption(QByteArray name)
-{
-    if (readFlag(name))
-        return;
-    const int separator = name.indexOf('=');
-    if (separator >= 0) {
-        m_arguments.prepend(name.mid(separator + 1));
-        name.truncate(separator);
-    }
-    const bool hasValue = !m_arguments.isEmpty();
-    const bool isKnown = readValue(name, hasValue ? m_arguments.takeFirst() : QByteArray());
-    if (!isKnown)
-        m_error = "unknown option " + name;
-    else if (!hasValue)
-        m_error = name + " needs a value";
 }
 
 bool Reader::readFlag(const QByteArray& name)
@@ -175,22 +138,6 @@ void Reader::readTimeout(const QByteArray& text)
     m_line.timeout = text.toInt(&ok);
     if (!ok || m_line.timeout < 0)
         m_error = "\"" + text + "\" is not a number of milliseconds";
-}
-
-template <typename Value, size_t Count>
-void Reader::choose(const Choice<Value> (&choices)[Count], const QByteArray& name, Value* value)
-{
-    QByteArray names;
-    for (const Choice<Value>& choice : choices) {
-        if (name == choice.name) {
-            *value = choice.value;
-            return;
-        }
-        names += names.isEmpty() ? QByteArray() : QByteArray(", ");
-        names += choice.name;
-    }
-    if (m_error.isEmpty())
-        m_error = "\"" + name + "\" is not one of " + names;
 }
 
 void Reader::readOperands()
