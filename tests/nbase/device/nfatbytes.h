@@ -60,37 +60,39 @@ inline QByteArray entry(const QByteArray& text, int attributes = 0x08)
     return bytes;
 }
 
-/** The boot sector of a FAT16 file system: 512 bytes per sector and cluster, 1 + 2 * 4 sectors before the root. */
-inline QByteArray fat16BootSector(const QByteArray& label)
+/**
+ * A boot sector with 512 bytes per sector and cluster, and two FATs.
+ * @param signature where the extended boot signature is; the label and the type follow it.
+ */
+inline QByteArray bootSector(int reservedSectors, int signature, const QByteArray& label, const QByteArray& type)
 {
     QByteArray bytes(512, '\0');
     putWord(bytes, 11, 512);
     putByte(bytes, 13, 1);
-    putWord(bytes, 14, 1);
+    putWord(bytes, 14, reservedSectors);
     putByte(bytes, 16, 2);
-    putWord(bytes, 17, 16);
-    putWord(bytes, 22, 4);
-    putByte(bytes, 38, 0x29);
-    put(bytes, 43, name(label));
-    put(bytes, 54, "FAT16   ");
+    putByte(bytes, signature, 0x29);
+    put(bytes, signature + 5, name(label));
+    put(bytes, signature + 16, type);
     putWord(bytes, 510, 0xAA55);
     return bytes;
 }
 
-/** The boot sector of a FAT32 file system: 512 bytes per sector and cluster, the root in sector 2 + 2 * 4. */
+/** The boot sector of a FAT16 file system, with 1 + 2 * 4 sectors before the root. */
+inline QByteArray fat16BootSector(const QByteArray& label)
+{
+    QByteArray bytes = bootSector(1, 38, label, "FAT16   ");
+    putWord(bytes, 17, 16);
+    putWord(bytes, 22, 4);
+    return bytes;
+}
+
+/** The boot sector of a FAT32 file system, with the root in sector 2 + 2 * 4. */
 inline QByteArray fat32BootSector(const QByteArray& label)
 {
-    QByteArray bytes(512, '\0');
-    putWord(bytes, 11, 512);
-    putByte(bytes, 13, 1);
-    putWord(bytes, 14, 2);
-    putByte(bytes, 16, 2);
+    QByteArray bytes = bootSector(2, 66, label, "FAT32   ");
     putDoubleWord(bytes, 36, 4);
     putDoubleWord(bytes, 44, 2);
-    putByte(bytes, 66, 0x29);
-    put(bytes, 71, name(label));
-    put(bytes, 82, "FAT32   ");
-    putWord(bytes, 510, 0xAA55);
     return bytes;
 }
 
